@@ -1,0 +1,121 @@
+// Module core, as the other subsystems see it: module state, VRF contexts, default-MDT readiness, bring-up, teardown
+// and source changes.
+#ifndef MVPN_CORE_H
+#define MVPN_CORE_H
+
+#include "mvpn.h"
+
+// Slabs of the module, in creation order.
+enum mvpn_slab_t : uint32_t {
+  MVPN_SLAB_CIBTYPE,
+  MVPN_SLAB_BGP_MDT_SAFI,
+  MVPN_SLAB_MDT_ROUTE,
+  MVPN_SLAB_SEND_JOIN_INFO,
+  MVPN_SLAB_RECV_JOIN_INFO,
+  MVPN_SLAB_COUNT,
+};
+struct mvpn_slab_info_t {
+  size_t size;     // bytes of an object
+  uint16_t count;  // objects per growth step
+  char name[36];
+};
+extern const mvpn_slab_info_t mvpn_slab_info[MVPN_SLAB_COUNT];
+extern slab_handle mvpn_slabs[MVPN_SLAB_COUNT];  // 0 while not created
+
+extern mts_queue *mvpn_mts_q;       // the host's PIM queue, copied at start
+extern mts_queue *mvpn_mrib_mts_q;  // the host's MRIB queue, copied at start
+extern uint8_t mvpn_at_set_heap;    // timer set of every module timer; 0 = none
+
+inline bool mvpn_is_up() { return mvpn_functionality_status == MVPN_FUNCTIONALITY_UP; }
+inline bool mvpn_is_stopping() { return mvpn_functionality_status == MVPN_FUNCTIONALITY_DOWN_PENDING; }
+// Up, or starting (also after a start that failed).
+inline bool mvpn_is_running() { return mvpn_functionality_status > MVPN_FUNCTIONALITY_DOWN_PENDING; }
+
+int mvpn_init_slabs();
+int mvpn_deinit_slabs();
+int mvpn_init_timers();
+int mvpn_deinit_timers();
+int mvpn_init_mts();
+int mvpn_deinit_mts();
+
+// Offers a yield in a long walk over a VRF. Returns the context to continue with: the same when no other work ran,
+// else the context that the VRF has now, null when it has none. Records and cursors must be found again by key.
+mvpn_cibtype *mvpn_may_sched_yield(mvpn_cibtype *mvpn);
+
+// Whether the VRF's PIM context still carries this context: for callers that hold the PIM context's id.
+// mvpn_vrf_handle remembers a VRF across yields: get() gives its context of now, same() whether it is the remembered.
+class mvpn_vrf_handle {
+ public:
+  explicit mvpn_vrf_handle(mvpn_cibtype *mvpn);
+  mvpn_cibtype *get() const;                               // null when the VRF or its context went away
+  bool same() const { return get() == mvpn_ && mvpn_ != nullptr; }
+
+ private:
+  mvpn_cibtype *mvpn_;
+  char vrf_name_[VRF_NAME_MAX + 1];
+};
+
+// Contexts: creation with defaults (by PIM context, or by VRF name when pcib is null), defaults.
+mvpn_cibtype *mvpn_create_context(pim_cibtype *pcib, const char *vrf_name);
+void mvpn_init_context(mvpn_cibtype *mvpn);
+
+// First context whose if-index, ordinal, default group equals the argument: by VRF name, by context id, by VRF name.
+// Answered from indexes. 0 matches contexts whose field is not set: callers exclude it.
+mvpn_cibtype *mvpn_get_context_by_mti(if_index_t if_index);
+mvpn_cibtype *mvpn_get_context_by_mti_iod(im_iod_t iod);
+mvpn_cibtype *mvpn_get_context_by_mdt_group(ip_addr_t group);
+
+// Setters of the indexed fields.
+void mvpn_set_mti_ifindex(mvpn_cibtype *mvpn, if_index_t if_index);
+void mvpn_set_mti_iod(mvpn_cibtype *mvpn, im_iod_t iod);
+void mvpn_set_mdt_default_group(mvpn_cibtype *mvpn, ip_addr_t group);
+
+// The one place that changes mti_status; reason names the event in a detailed message.
+void mvpn_set_mti_status(mvpn_cibtype *mvpn, mvpn_mti_status_t status, const char *reason);
+
+// Whether the MTI exists as a PIM interface and its record is known.
+bool mvpn_mti_has_pim_interface(const mvpn_cibtype *mvpn);
+
+// Stamps the VRF's last operational change.
+void mvpn_note_change(mvpn_cibtype *mvpn, mvpn_last_change_t code);
+
+// Calls visit(mvpn) for every context in VRF-name order; contexts may come and go meanwhile. visit returns false to
+// stop.
+template <typename Visit>
+void mvpn_for_each_context(Visit visit) {
+  pim_cib_iterator iterator;
+  for (pim_cibtype *pcib = pim_get_first_cib_by_name(&iterator); pcib != nullptr;
+       pcib = pim_get_next_cib_by_name(&iterator)) {
+    if (pcib->mvpn != nullptr && !visit(pcib->mvpn)) return;
+  }
+}
+
+// The same in context-id order, offering a yield before each step to the next context.
+template <typename Visit>
+void mvpn_for_each_context_by_id(Visit visit) {
+  ravl_iterator iterator;
+  ravl_init_iterator(&iterator, &pim_contexts_by_context_id);
+  auto *pcib = static_cast<pim_cibtype *>(ravl_get_first_user_data(&iterator));
+  while (pcib != nullptr) {
+    if (pcib->mvpn != nullptr && !visit(pcib->mvpn)) return;
+    ravl_pre_sched_yield(&iterator);
+    pcib = static_cast<pim_cibtype *>(ravl_get_next_user_data(&iterator));
+  }
+}
+
+// Default MDT: readiness; set-up; the tunnel interface is up, is going down (vrf_down 1: so is the VRF); the group
+// was removed from the configuration; the last step, after which the context is gone.
+int mvpn_is_default_mdt_ready(mvpn_cibtype *mvpn);
+void mvpn_setup_default_mdt(mvpn_cibtype *mvpn);
+void mvpn_default_tunnel_up(mvpn_cibtype *mvpn, im_iod_t mti_iod);
+void mvpn_default_tunnel_down(mvpn_cibtype *mvpn, int vrf_down);
+void mvpn_start_destroy_default_mdt(mvpn_cibtype *mvpn);
+void mvpn_finish_destroy_default_mdt(mvpn_cibtype *mvpn);
+void mvpn_repopulate_default_mdt_route_from_local_cache(mvpn_cibtype *mvpn);
+
+// MDT source: refresh (1 when the address changed); refresh and act on the tunnel; BGP's update source is now iod.
+int mvpn_update_mdt_source_info(mvpn_cibtype *mvpn, im_iod_t iod);
+void mvpn_process_mdt_source_change(mvpn_cibtype *mvpn, im_iod_t iod);
+void mvpn_process_bgp_update_source_change(im_iod_t iod);
+
+#endif  // MVPN_CORE_H

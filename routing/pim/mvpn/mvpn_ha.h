@@ -1,0 +1,72 @@
+// High availability: the persisted encapsulation choices and the recovery period after a restart.
+#ifndef MVPN_HA_H
+#define MVPN_HA_H
+
+#include "mvpn.h"
+#include "tlvu.h"
+
+// Types of persisted records: byte 0 of their keys.
+enum mvpn_pss_type_t : uint8_t {
+  MVPN_PSS_ENCAP_INFO = 16,
+  MVPN_PSS_MDT_SAFI = 17,
+  MVPN_PSS_BGP_UPDATE_SRC_IF = 18,
+};
+
+// Offsets in a 20-byte key of type MVPN_PSS_ENCAP_INFO; numbers in network byte order.
+enum mvpn_pss_encap_key_t : uint32_t {
+  MVPN_PSS_KEY_TYPE = 0,
+  MVPN_PSS_KEY_CONTEXT_ID = 4,
+  MVPN_PSS_KEY_SOURCE = 8,
+  MVPN_PSS_KEY_GROUP = 12,
+  MVPN_PSS_KEY_SOURCE_LEN = 16,
+  MVPN_PSS_KEY_GROUP_LEN = 17,
+  MVPN_PSS_PREFIX_TYPE = 4,  // prefix bytes that select every record of the type
+  MVPN_PSS_PREFIX_VRF = 8,   // prefix bytes that select one VRF's records
+};
+
+extern active_timer *mvpn_ha_recovery_timer;  // non-null exactly while the recovery period is open
+extern const tlvu_table mvpn_ha_encap_info_tbl;
+
+// Keys. A null argument leaves its part of the key zero.
+void mvpn_ha_make_encap_info_pss_key(const pim_cibtype *pcib, const mvpn_mdt_route_addrs *addrs, uint8_t *key);
+int mvpn_ha_make_mdt_safi_pss_key(const mvpn_bgp_mdt_safi *entry, uint8_t *key);
+int mvpn_ha_make_bgp_update_src_if_pss_key(uint8_t *key);
+// Whether a key is one of the VRF's encapsulation records; the customer route in it.
+bool mvpn_ha_is_encap_key_of(const uint8_t *key, vrf_context_id_t context_id);
+mvpn_mdt_route_addrs mvpn_ha_addrs_of_encap_key(const uint8_t *key);
+
+// Encoded form: the TLV utility with this module's table; 0 or the utility's error code.
+int mvpn_ha_encap_info_to_tlv(const mvpn_ha_encap_info_t *record, uint8_t *buffer, uint32_t size, uint32_t *written);
+int mvpn_ha_encap_info_to_struct(const uint8_t *tlv, uint32_t length, mvpn_ha_encap_info_t *record);
+uint32_t mvpn_ha_encap_info_get_tlv_sz(const mvpn_ha_encap_info_t *record);
+int mvpn_ha_encap_info_get_struct_sz(const uint8_t *tlv, uint32_t length);  // bytes, -1 after an error
+int mvpn_ha_encap_info_field_itr_init(const uint8_t *tlv, uint32_t length, tlvu_field_iterator *iterator);
+int mvpn_ha_encap_info_field_get_next(tlvu_field_iterator *iterator, uint32_t *id, const uint8_t **value,
+                                      uint32_t *size);
+int mvpn_ha_encap_info_get_field(const uint8_t *tlv, uint32_t length, uint32_t id, const uint8_t **value,
+                                 uint32_t *size);
+int mvpn_ha_make_encap_info_pss_value(uint32_t encap_index, ip_addr_t mdt_group, uint8_t *buffer, uint32_t size);
+int mvpn_ha_get_encap_info_by_pss_value(const uint8_t *tlv, uint32_t length, mvpn_ha_encap_info_t *record);
+
+// Encapsulation choice of a flow: store (1 when stored), fetch (only while the recovery period is open), delete: the
+// flow's, the VRF's (addrs null), every VRF's (both null); delete returns 1.
+int mvpn_ha_add_encap_info(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *addrs, uint32_t encap_index,
+                           ip_addr_t mdt_group);
+int mvpn_ha_get_encap_info(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *addrs, uint16_t *encap_index,
+                           ip_addr_t *mdt_group);
+int mvpn_ha_delete_encap_info(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *addrs);
+
+// Hooks at the points where MDT SAFI entries and BGP's update source change. Both are learnt from BGP again after a
+// restart, so they store nothing.
+void mvpn_ha_store_mdt_safi_to_pss(const mvpn_bgp_mdt_safi *entry);
+void mvpn_ha_remove_mdt_safi_from_pss(const mvpn_bgp_mdt_safi *entry);
+int mvpn_ha_recover_mdt_safi_from_pss(mvpn_cibtype *mvpn);
+void mvpn_ha_store_bgp_update_src_if_to_pss(const char *name, uint32_t size);
+void mvpn_ha_remove_bgp_update_src_if_from_pss();
+int mvpn_ha_recover_bgp_update_src_if(char *name);
+
+// Recovery period.
+int mvpn_ha_recovery_start();
+void mvpn_ha_recovery_stop();
+
+#endif  // MVPN_HA_H

@@ -1,0 +1,54 @@
+// BGP MDT SAFI: the database of entries, the local advertisement, remote updates and BGP's notifications.
+#ifndef MVPN_MDT_SAFI_H
+#define MVPN_MDT_SAFI_H
+
+#include "mvpn.h"
+
+constexpr uint32_t MVPN_BGP_LOCAL_UPDATE_ENTRIES = 100;
+constexpr uint32_t MVPN_BGP_LOCAL_UPDATE_SIZE =
+    BGP_MDT_SAFI_COUNT_SIZE + MVPN_BGP_LOCAL_UPDATE_ENTRIES * BGP_MDT_SAFI_ENTRY_SIZE;
+constexpr uint32_t MVPN_BGP_ONE_UPDATE_SIZE = BGP_MDT_SAFI_COUNT_SIZE + BGP_MDT_SAFI_ENTRY_SIZE;
+
+extern ravl_tree mvpn_bgp_mdt_safi_db;                                 // by the first 12 bytes of the key
+extern uint8_t mvpn_bgp_local_update_buf[MVPN_BGP_LOCAL_UPDATE_SIZE];  // used while answering one request
+extern char mvpn_bgp_updatesrc_ifname[BGP_UPDATE_SOURCE_NAME_SIZE + 1];  // empty = none known
+extern im_iod_t mvpn_bgp_updatesrc_iod;                                // 0 = not resolved
+
+// Connection to BGP.
+int mvpn_init_bgp();
+void mvpn_deinit_bgp();
+void mvpn_get_bgp_info();
+void mvpn_bgp_resolve_update_src();
+
+// Database. get ignores the key's group. The equivalent entry has the same source and group and another RD; the
+// search yields. delete_all empties the database.
+void mvpn_bgp_mdt_safi_init_db();
+mvpn_bgp_mdt_safi *mvpn_bgp_create_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *key);
+mvpn_bgp_mdt_safi *mvpn_bgp_get_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *key);
+int mvpn_bgp_delete_mdt_safi_entry(mvpn_bgp_mdt_safi *entry);
+mvpn_bgp_mdt_safi *mvpn_bgp_get_equivalent_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *key);
+void mvpn_bgp_mdt_safi_delete_all();
+
+// Asks BGP for the VRF's route distinguisher, unless it is known.
+void mvpn_bgp_get_rd(mvpn_cibtype *mvpn);
+
+// Local advertisement. fill: appends to a buffer of counted entries; 0 when the buffer is null.
+int mvpn_bgp_mdt_safi_fill_local_update(uint8_t *buffer, mvpn_cibtype *mvpn, int add);
+int mvpn_bgp_mdt_safi_fill_end_of_local_update(uint8_t *buffer);
+int mvpn_bgp_mdt_safi_send_local_update(const uint8_t *buffer, uint32_t size);
+int mvpn_bgp_mdt_safi_send_one_local_update(mvpn_cibtype *mvpn, int add);
+int mvpn_bgp_mdt_safi_add_local(mvpn_cibtype *mvpn);
+int mvpn_bgp_mdt_safi_delete_local(const uint8_t *rd, ip_addr_t source, ip_addr_t group);
+void mvpn_bgp_process_local_request(mts_message *msg);
+
+// Remote entries. receive: payload of payload_length bytes, entries beyond it are refused; 1.
+int mvpn_bgp_mdt_safi_receive_remote_update(const void *payload, size_t payload_length);
+int mvpn_bgp_update_mdt_safi(mvpn_bgp_mdt_safi_key key, int add, int eor);
+int mvpn_request_remote_mdt_safis();
+void mvpn_repopulate_default_mdt_routes_from_bgp_cache(mvpn_cibtype *mvpn);
+
+// Notifications.
+void mvpn_bgp_process_rd_notify(mts_message *msg);
+void mvpn_bgp_process_update_src_notify(mts_message *msg);
+
+#endif  // MVPN_MDT_SAFI_H
