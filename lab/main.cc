@@ -1,0 +1,42 @@
+// mvpn-lab: several PEs on this machine, playing a scenario.
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+
+#include "runner.h"
+
+int main(int argc, char **argv) {
+  CLI::App app{"Plays a scenario with several PEs and tells whether what was expected happened."};
+  std::string file;
+  lab::Options options;
+  options.binaries = std::filesystem::path(argv[0]).parent_path().string();
+  options.project = ".";
+  bool keep = false;
+  app.add_option("SCENARIO", file, "scenario file")->required()->check(CLI::ExistingFile);
+  app.add_option("--bin", options.binaries, "folder of the programs")->capture_default_str();
+  app.add_option("--project", options.project, "folder that configuration files are relative to")
+      ->capture_default_str();
+  app.add_option("--work", options.work, "folder for stores, sockets, captures and logs; default: a new one");
+  app.add_option("--clock-scale", options.clock_scale, "platform seconds per second, in place of the scenario's");
+  app.add_flag("--keep", keep, "keep the folder of --work even when everything held");
+  CLI11_PARSE(app, argc, argv);
+  try {
+    if (options.work.empty()) {
+      char name[] = "/tmp/mvpn-lab-XXXXXX";
+      if (mkdtemp(name) == nullptr) throw std::runtime_error("no folder for stores and logs can be made");
+      options.work = name;
+    }
+    const lab::Scenario scenario = lab::read_scenario(file);
+    lab::Report report;
+    const bool held = lab::Runner(scenario, options, &report).play();
+    if (held && !keep)
+      std::filesystem::remove_all(options.work);
+    else
+      std::cout << "logs, stores and captures are in " << options.work << '\n';
+    return held ? 0 : 1;
+  } catch (const std::exception &error) {
+    std::cerr << "mvpn-lab: " << error.what() << '\n';
+    return 1;
+  }
+}
