@@ -160,7 +160,9 @@ void set_log_sink(LogSink sink);
 // --------------------------------------------------------------------------------------- VRFs, interfaces, addresses
 
 // A VRF, known to the VRF manager (up) and to PIM. Null when the name, the context id or the table id is taken or out of
-// range. Deleting drops its routes and interfaces (with the notifications that a host gives), then its PIM context.
+// range. Deleting drops its routes and interfaces (with the notifications that a host gives), then its PIM context; false
+// while the module has a context in the VRF: take its default group away first and wait for the teardown. The default VRF
+// ("default", no table id) exists from reset() on and stays.
 pim_cibtype *create_vrf(std::string_view name, vrf_context_id_t context_id, uint32_t table_id);
 bool delete_vrf(std::string_view name);
 void set_vrf_state(std::string_view name, uint32_t l3vm_state);
@@ -338,6 +340,13 @@ void clear_sent_core_packets();
 void receive_core_packet(const CorePacket &packet);
 // A datagram arrives on an interface, whatever it is.
 void inject_datagram(im_iod_t iod, const void *datagram, size_t size);
+// Options set on the socket that was opened last, in order.
+struct SocketOption {
+  int level = 0;
+  int option = 0;
+  std::vector<uint8_t> value;
+};
+std::vector<SocketOption> socket_options();
 // The next n calls fail: "m_get_prio", "m_copyback", "recvfrom".
 void fail_packet_calls(std::string_view operation, uint32_t n);
 
@@ -345,7 +354,7 @@ void fail_packet_calls(std::string_view operation, uint32_t n);
 
 struct CustomerRoute {
   mvpn_mdt_route_addrs addrs{};
-  std::string iif;                 // empty: none
+  std::string iif;                 // empty: none; "mvpn": the VRF's tunnel whenever it is up
   ip_addr_t rpf_neighbor = 0;
   std::vector<std::string> oifs;
   bool bidirectional = false;

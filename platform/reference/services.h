@@ -7,6 +7,7 @@
 #define REFERENCE_SERVICES_H
 
 #include <cstdint>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,10 +18,12 @@
 
 namespace ref {
 
-// Appends to a record of what happened that keeps only its latest entries.
+// Appends to a record of what happened that keeps at least its latest 1000 entries. The older half goes at once, so that
+// a long run does not move the whole record for every entry.
 template <typename T>
-void remember(std::vector<T> &log, T entry, size_t limit = 1000) {
-  if (log.size() >= limit) log.erase(log.begin(), log.begin() + static_cast<std::ptrdiff_t>(log.size() - limit + 1));
+void remember(std::vector<T> &log, T entry) {
+  constexpr std::ptrdiff_t kept = 1000;
+  if (std::ssize(log) >= 2 * kept) log.erase(log.begin(), log.begin() + kept);
   log.push_back(std::move(entry));
 }
 
@@ -28,6 +31,19 @@ void remember(std::vector<T> &log, T entry, size_t limit = 1000) {
 constexpr uint32_t prefix_mask(uint32_t length) {
   return length == 0 ? 0 : length >= 32 ? 0xFFFFFFFFu : ~(0xFFFFFFFFu >> length);
 }
+
+// First state of each service, in the order in which reset() needs them: users before what they use, the VRF manager
+// last, because it makes the default VRF.
+void croute_reset();
+void mrib_reset();
+void oim_reset();
+void im_reset();
+void pim_reset();
+void bgp_reset();
+void packet_reset();
+void socket_reset();
+void cli_reset();
+void l3vm_reset();
 
 // ------------------------------------------------------------------------------------------------------ interfaces
 
@@ -64,6 +80,9 @@ void oim_vrf_appeared(std::string_view vrf_name, vrf_context_id_t context_id);
 
 // ------------------------------------------------------------------------------------------------- customer routes
 
+// Name of an incoming interface that stands for the VRF's own tunnel.
+inline constexpr std::string_view croute_tunnel_name = "mvpn";
+
 // Recomputes the incoming interfaces of a VRF's routes; tells the module of those that changed.
 void croute_recompute_rpf(vrf_context_id_t context_id);
 // Has the joins of every route with receivers notified again.
@@ -77,11 +96,19 @@ void croute_drop_all(pim_cibtype *pcib);
 
 // ------------------------------------------------------------------------------------------------------------ MRIB
 
+// The host's own registration.
+mrib_client_handle *mrib_host_client();
+
 // A customer route's counterpart in the MRIB; nobody is notified.
 void mrib_hold_route(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &addrs, im_iod_t mti_iod);
 void mrib_release_route(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &addrs);
 // Drops a VRF's routes of both sorts and its encapsulations.
 void mrib_drop_context(vrf_context_id_t context_id);
+
+// -------------------------------------------------------------------------------------------------------------- BGP
+
+// Takes what the module sent to BGP; other messages are ignored.
+void bgp_receive(const SentMessage &message);
 
 // --------------------------------------------------------------------------------------------------------- sockets
 

@@ -192,6 +192,7 @@ struct mvpn_mdt_route {
   uint8_t teardown;                 // copied into every entry written for the route
   rqueue referers;                  // data queue: records that depend on the route, tagged mvpn_referer_kind_t
   txlist_element txlist_elem;       // membership in the transmit list
+  uint8_t unlisted_referers;        // own bookkeeping; 1: records may point at the route that referers does not list
 };
 
 // MDT SAFI key: what identifies an entry, in memory order. The tree key is its first 12 bytes.

@@ -42,12 +42,11 @@ int mvpn_deinit_mts();
 // else the context that the VRF has now, null when it has none. Records and cursors must be found again by key.
 mvpn_cibtype *mvpn_may_sched_yield(mvpn_cibtype *mvpn);
 
-// Whether the VRF's PIM context still carries this context: for callers that hold the PIM context's id.
 // mvpn_vrf_handle remembers a VRF across yields: get() gives its context of now, same() whether it is the remembered.
 class mvpn_vrf_handle {
  public:
   explicit mvpn_vrf_handle(mvpn_cibtype *mvpn);
-  mvpn_cibtype *get() const;                               // null when the VRF or its context went away
+  mvpn_cibtype *get() const;  // null when the VRF or its context went away
   bool same() const { return get() == mvpn_ && mvpn_ != nullptr; }
 
  private:
@@ -58,6 +57,8 @@ class mvpn_vrf_handle {
 // Contexts: creation with defaults (by PIM context, or by VRF name when pcib is null), defaults.
 mvpn_cibtype *mvpn_create_context(pim_cibtype *pcib, const char *vrf_name);
 void mvpn_init_context(mvpn_cibtype *mvpn);
+// Unlinks a context from its VRF and frees it; what hung on it is gone already.
+void mvpn_free_context(mvpn_cibtype *mvpn);
 
 // First context whose if-index, ordinal, default group equals the argument: by VRF name, by context id, by VRF name.
 // Answered from indexes. 0 matches contexts whose field is not set: callers exclude it.

@@ -7,6 +7,7 @@
 #define MVPN_DIAG_H
 
 #include <array>
+#include <charconv>
 #include <string>
 #include <type_traits>
 
@@ -38,13 +39,21 @@ void mvpn_debug_message(const pim_cibtype *pcib, const char *format, ...) __attr
 // Delivers an error report whose arguments are texts already.
 void mvpn_report_texts(const syslog_descriptor &descriptor, uint32_t count, const char *const *arguments);
 
-inline std::string mvpn_report_text(const char *argument) { return argument != nullptr ? argument : ""; }
-inline std::string mvpn_report_text(const std::string &argument) { return argument; }
-template <typename T>
-  requires std::is_integral_v<T>
-std::string mvpn_report_text(T argument) {
-  return std::to_string(argument);
-}
+// An argument of an error report as text. Nothing is allocated: reports are made when memory has run out.
+class mvpn_report_text {
+ public:
+  mvpn_report_text(const char *text) : text_(text != nullptr ? text : "") {}
+  mvpn_report_text(const std::string &text) : text_(text.c_str()) {}
+  template <typename T>
+  requires std::is_integral_v<T> mvpn_report_text(T number) {
+    *std::to_chars(digits_, digits_ + sizeof digits_ - 1, number).ptr = '\0';
+  }
+  const char *c_str() const { return text_ != nullptr ? text_ : digits_; }
+
+ private:
+  const char *text_ = nullptr;  // the caller's, outlives the report; null = a number, in digits_
+  char digits_[24];
+};
 
 // Reports an error: a descriptor and its arguments, texts or numbers.
 template <typename... Arguments>
@@ -52,7 +61,7 @@ void mvpn_report(const syslog_descriptor &descriptor, const Arguments &...argume
   if constexpr (sizeof...(arguments) == 0) {
     mvpn_report_texts(descriptor, 0, nullptr);
   } else {
-    const std::array<std::string, sizeof...(arguments)> texts{mvpn_report_text(arguments)...};
+    const std::array<mvpn_report_text, sizeof...(arguments)> texts{mvpn_report_text(arguments)...};
     std::array<const char *, sizeof...(arguments)> pointers{};
     for (size_t i = 0; i < texts.size(); i++) pointers[i] = texts[i].c_str();
     mvpn_report_texts(descriptor, static_cast<uint32_t>(pointers.size()), pointers.data());

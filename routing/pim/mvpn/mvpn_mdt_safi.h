@@ -9,10 +9,10 @@ constexpr uint32_t MVPN_BGP_LOCAL_UPDATE_SIZE =
     BGP_MDT_SAFI_COUNT_SIZE + MVPN_BGP_LOCAL_UPDATE_ENTRIES * BGP_MDT_SAFI_ENTRY_SIZE;
 constexpr uint32_t MVPN_BGP_ONE_UPDATE_SIZE = BGP_MDT_SAFI_COUNT_SIZE + BGP_MDT_SAFI_ENTRY_SIZE;
 
-extern ravl_tree mvpn_bgp_mdt_safi_db;                                 // by the first 12 bytes of the key
-extern uint8_t mvpn_bgp_local_update_buf[MVPN_BGP_LOCAL_UPDATE_SIZE];  // used while answering one request
+extern ravl_tree mvpn_bgp_mdt_safi_db;                                   // by the first 12 bytes of the key
+extern uint8_t mvpn_bgp_local_update_buf[MVPN_BGP_LOCAL_UPDATE_SIZE];    // used while answering one request
 extern char mvpn_bgp_updatesrc_ifname[BGP_UPDATE_SOURCE_NAME_SIZE + 1];  // empty = none known
-extern im_iod_t mvpn_bgp_updatesrc_iod;                                // 0 = not resolved
+extern im_iod_t mvpn_bgp_updatesrc_iod;                                  // 0 = not resolved
 
 // Connection to BGP.
 int mvpn_init_bgp();
@@ -20,8 +20,9 @@ void mvpn_deinit_bgp();
 void mvpn_get_bgp_info();
 void mvpn_bgp_resolve_update_src();
 
-// Database. get ignores the key's group. The equivalent entry has the same source and group and another RD; the
-// search yields. delete_all empties the database.
+// Database. init_db makes it empty: entries that a stop left in place are dropped. get ignores the key's group. The
+// equivalent entry, the first in tree order, has the same source and group and another RD; neither look-up yields.
+// delete_all empties the database.
 void mvpn_bgp_mdt_safi_init_db();
 mvpn_bgp_mdt_safi *mvpn_bgp_create_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *key);
 mvpn_bgp_mdt_safi *mvpn_bgp_get_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *key);
@@ -29,10 +30,19 @@ int mvpn_bgp_delete_mdt_safi_entry(mvpn_bgp_mdt_safi *entry);
 mvpn_bgp_mdt_safi *mvpn_bgp_get_equivalent_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *key);
 void mvpn_bgp_mdt_safi_delete_all();
 
+// Entry of a group that follows the one with this key in tree order, whether or not that one still exists; the group's
+// first for a null key. Null at the end. Costs the same however many entries other groups have.
+mvpn_bgp_mdt_safi *mvpn_bgp_mdt_safi_of_group_after(ip_addr_t group, const mvpn_bgp_mdt_safi_key *key);
+
+// The key of an entry.
+mvpn_bgp_mdt_safi_key mvpn_bgp_mdt_safi_key_of(const mvpn_bgp_mdt_safi *entry);
+
 // Asks BGP for the VRF's route distinguisher, unless it is known.
 void mvpn_bgp_get_rd(mvpn_cibtype *mvpn);
 
-// Local advertisement. fill: appends to a buffer of counted entries; 0 when the buffer is null.
+// Local advertisement. fill: appends to a buffer of counted entries, which has room, and records or removes the local
+// entry; 0 when the buffer is null. A withdrawal names what was advertised; without a local entry it appends nothing.
+// add_local: 1 when the entry exists afterwards. delete_local: 1 when an entry was removed.
 int mvpn_bgp_mdt_safi_fill_local_update(uint8_t *buffer, mvpn_cibtype *mvpn, int add);
 int mvpn_bgp_mdt_safi_fill_end_of_local_update(uint8_t *buffer);
 int mvpn_bgp_mdt_safi_send_local_update(const uint8_t *buffer, uint32_t size);
@@ -41,7 +51,8 @@ int mvpn_bgp_mdt_safi_add_local(mvpn_cibtype *mvpn);
 int mvpn_bgp_mdt_safi_delete_local(const uint8_t *rd, ip_addr_t source, ip_addr_t group);
 void mvpn_bgp_process_local_request(mts_message *msg);
 
-// Remote entries. receive: payload of payload_length bytes, entries beyond it are refused; 1.
+// Remote entries. receive: payload of payload_length bytes, entries beyond it are refused; 1. update: 0 when a new
+// entry could not be stored. request: 0 when it was not sent. repopulate: the routes of the VRF's default group.
 int mvpn_bgp_mdt_safi_receive_remote_update(const void *payload, size_t payload_length);
 int mvpn_bgp_update_mdt_safi(mvpn_bgp_mdt_safi_key key, int add, int eor);
 int mvpn_request_remote_mdt_safis();

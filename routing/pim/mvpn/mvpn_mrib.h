@@ -9,11 +9,11 @@ constexpr uint32_t MVPN_MRIB_BUFFERS = 5;
 constexpr uint32_t MVPN_MRIB_BUFFER_ENTRIES = 50;
 constexpr uint32_t MVPN_MRIB_BUFFER_AREA = MRIB_UPDATE_HEADER_SIZE + MVPN_MRIB_BUFFER_ENTRIES * MRIB_UPDATE_ENTRY_SIZE;
 struct mrib_update_buffer {
-  mrib_update_buffer *next;  // queue link: first word
-  uint8_t *limit;            // end of the entry area
-  uint8_t *write_pos;        // next free entry
-  uint32_t xid;              // transaction id of the last send; 0 = free
-  uint32_t count;            // entries written
+  mrib_update_buffer *next;             // queue link: first word
+  uint8_t *limit;                       // end of the entry area
+  uint8_t *write_pos;                   // next free entry
+  uint32_t xid;                         // transaction id of the last send; 0 = free
+  uint32_t count;                       // entries written
   uint8_t area[MVPN_MRIB_BUFFER_AREA];  // header and entries, as they are handed to the MRIB
 };
 
@@ -29,8 +29,8 @@ struct mvpn_mrib_info_t {
   txlist_member worker_marker;      // how far the worker has come
   uint32_t work_pending;            // 1: the list holds something that the worker has not met
 };
-extern mvpn_mrib_info_t *mvpn_mrib_info;        // null while the interface does not exist
-extern pthread_t mvpn_mrib_worker_thread;       // 0 = not running
+extern mvpn_mrib_info_t *mvpn_mrib_info;   // null while the interface does not exist
+extern pthread_t mvpn_mrib_worker_thread;  // 0 = not running
 extern pthread_mutex_t mvpn_mrib_worker_mutex;
 extern pthread_cond_t mvpn_mrib_worker_cond;
 
@@ -39,20 +39,20 @@ enum mrib_update_entry : uint32_t {
   MRIB_ENTRY_CONTEXT_ID = 0,
   MRIB_ENTRY_SOURCE = 4,
   MRIB_ENTRY_GROUP = 8,
-  MRIB_ENTRY_SOURCE_LEN = 12,      // 1 byte: 32, or 255 for (*,G)
-  MRIB_ENTRY_GROUP_LEN = 13,       // 1 byte: 32
+  MRIB_ENTRY_SOURCE_LEN = 12,  // 1 byte: 32, or 255 for (*,G)
+  MRIB_ENTRY_GROUP_LEN = 13,   // 1 byte: 32
   MRIB_ENTRY_RPF_ADDR = 16,
-  MRIB_ENTRY_RPF_ADDR_SET = 24,    // 1 when RPF_ADDR is set
-  MRIB_ENTRY_ADD_OWNER = 28,       // handle of the owning VRF on adds
-  MRIB_ENTRY_OWNER = 32,           // handle of the owning VRF on first entries
+  MRIB_ENTRY_RPF_ADDR_SET = 24,  // 1 when RPF_ADDR is set
+  MRIB_ENTRY_ADD_OWNER = 28,     // handle of the owning VRF on adds
+  MRIB_ENTRY_OWNER = 32,         // handle of the owning VRF on first entries
   MRIB_ENTRY_MDT_SOURCE_IOD = 36,
   MRIB_ENTRY_MTI_IOD = 40,
-  MRIB_ENTRY_ASM_SHARED_TREE = 60, // 1 byte
-  MRIB_ENTRY_ADD = 62,             // 1 byte: 1 add, 0 delete
-  MRIB_ENTRY_LOCAL = 70,           // 1 byte
-  MRIB_ENTRY_LAST_HOP = 71,        // 1 byte
-  MRIB_ENTRY_MTI_IOD_SET = 72,     // 1 byte
-  MRIB_ENTRY_TEARDOWN = 83,        // 1 byte
+  MRIB_ENTRY_ASM_SHARED_TREE = 60,  // 1 byte
+  MRIB_ENTRY_ADD = 62,              // 1 byte: 1 add, 0 delete
+  MRIB_ENTRY_LOCAL = 70,            // 1 byte
+  MRIB_ENTRY_LAST_HOP = 71,         // 1 byte
+  MRIB_ENTRY_MTI_IOD_SET = 72,      // 1 byte
+  MRIB_ENTRY_TEARDOWN = 83,         // 1 byte
   MRIB_ENTRY_END = MRIB_UPDATE_ENTRY_SIZE,
 };
 
@@ -67,22 +67,30 @@ int mvpn_mrib_is_work_in_txlist();
 void *mvpn_mrib_worker_main(void *argument);
 void mvpn_mrib_wait_for_work();
 void mvpn_mrib_walk_txlist();  // one walk of the transmit list
+// Writes a route's add or delete entries. *current: the buffer being filled, null = none; updated. *freed: 1 when the
+// route left the transmit list. 0: the walk has to stop, no buffer had room or the full one was refused.
 int mvpn_mrib_fill_mroute_update(mvpn_mdt_route *route, mrib_update_buffer **current, int is_add, int *freed);
-int mvpn_mrib_send_buffer(mrib_update_buffer *buffer);
+int mvpn_mrib_send_buffer(mrib_update_buffer *buffer);    // 1 when the MRIB took it
+void mvpn_mrib_reset_buffer(mrib_update_buffer *buffer);  // makes it empty and free
 
 // Queues a VRF's own element behind its route deletions and wakes the worker; nothing when it is queued already.
 void mvpn_mrib_queue_context(mvpn_cibtype *mvpn);
-// Takes a VRF's own element off the transmit list.
+// Puts a route at the tail of the transmit list; does not wake the worker.
+void mvpn_mrib_queue_route(mvpn_mdt_route *route);
+// Take a VRF's own element, a route off the transmit list; nothing when it is not there.
 void mvpn_mrib_unqueue_context(mvpn_cibtype *mvpn);
+void mvpn_mrib_unqueue_route(mvpn_mdt_route *route);
 // The next transaction id; never 0.
 uint32_t mvpn_mrib_next_xid();
 
 // Route table of a VRF. add does not look for an existing record. free: 1 when it was freed, 0 when it is not in its
-// table (nothing happens). Both may release dependent records, which may yield.
+// table (nothing happens); it yields only when free_may_yield says so beforehand. dequeue releases the records that
+// depend on the route, the last of which may queue the route's own deletion.
 mvpn_mdt_route *mvpn_mdt_mroute_add(mvpn_cibtype *mvpn, mvpn_mdt_route_type_t route_type, mvpn_mdt_group_mode_t mode,
                                     ip_addr_t source, ip_addr_t group);
 mvpn_mdt_route *mvpn_mdt_mroute_lookup(mvpn_cibtype *mvpn, ip_addr_t source, ip_addr_t group);
 int mvpn_mdt_free_route_resources(mvpn_mdt_route *route);
+bool mvpn_mdt_free_may_yield(const mvpn_mdt_route *route);
 void mvpn_mdt_dequeue_dependent_routes(mvpn_mdt_route *route);
 
 // Next route of a VRF's table in key order after (source, group), whether or not that one still exists; the first
@@ -91,9 +99,10 @@ mvpn_mdt_route *mvpn_mdt_mroute_first(mvpn_cibtype *mvpn);
 mvpn_mdt_route *mvpn_mdt_mroute_after(mvpn_cibtype *mvpn, ip_addr_t source, ip_addr_t group);
 
 // Referers: records that depend on a route. A route keeps each at most once; delinking one that is not there is
-// harmless. has_referer: their number.
-void mvpn_mdt_mroute_link_referer(mvpn_mdt_route *route, pim_route *croute);
-void mvpn_mdt_mroute_link_referer(mvpn_mdt_route *route, mvpn_data_mdt_recv_join_info *record);
+// harmless. link: 1 when the route lists the referer, 0 when memory ran out: the referer must not keep the route then.
+// has_referer: their number.
+int mvpn_mdt_mroute_link_referer(mvpn_mdt_route *route, pim_route *croute);
+int mvpn_mdt_mroute_link_referer(mvpn_mdt_route *route, mvpn_data_mdt_recv_join_info *record);
 void mvpn_mdt_mroute_delink_referer(mvpn_mdt_route *route, void *referer);
 void mvpn_mdt_mroute_delink_all_referers(mvpn_mdt_route *route);
 uint32_t mvpn_mdt_mroute_has_referer(const mvpn_mdt_route *route);
@@ -115,10 +124,10 @@ uint32_t mvpn_add_local_mdt_routes(const mvpn_mdt_route *route, uint8_t *entry);
 uint32_t mvpn_add_remote_mdt_routes(const mvpn_mdt_route *route, uint8_t *entry);
 uint32_t mvpn_delete_local_mdt_routes(const mvpn_mdt_route *route, uint8_t *entry);
 uint32_t mvpn_delete_remote_mdt_routes(const mvpn_mdt_route *route, uint8_t *entry);
-void mvpn_setup_mdt_mroute_ipc(uint8_t *entry, int add, vrf_context_id_t context_id, ip_addr_t group,
-                               ip_addr_t source, ip_addr_t rpf_addr, uint32_t add_owner, im_iod_t mti_iod,
-                               int asm_shared_tree, im_iod_t mdt_source_iod, uint32_t owner, int local,
-                               int mti_iod_set, int last_hop, uint8_t teardown);
+void mvpn_setup_mdt_mroute_ipc(uint8_t *entry, int add, vrf_context_id_t context_id, ip_addr_t group, ip_addr_t source,
+                               ip_addr_t rpf_addr, uint32_t add_owner, im_iod_t mti_iod, int asm_shared_tree,
+                               im_iod_t mdt_source_iod, uint32_t owner, int local, int mti_iod_set, int last_hop,
+                               uint8_t teardown);
 
 // Notification entries of MRIB_NOTIFY_ENTRY_SIZE bytes.
 void mvpn_process_mrib_mdt_join_notify(const uint8_t *entry);

@@ -10,8 +10,8 @@ void mvpn_deinit_oim();
 // Requests the MTI of every configured VRF that has none; does nothing before the end of the configuration replay.
 void mvpn_get_oim_info();
 
-// Appends an interface and the wanted parameters to a list of size bytes. vrf: null when the name is not wanted is
-// not a case: the name is the context's own.
+// Appends an interface and its wanted parameters, with the context's values, to a zero-filled list of size bytes.
+// 0 after a report when the list is full: it is then not to be sent.
 struct mvpn_oim_params {
   bool admin = false;
   bool vrf_name = false;

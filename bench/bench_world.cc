@@ -1,0 +1,124 @@
+#include "bench_world.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "mvpn_mrib.h"
+#include "mvpn_ui.h"
+
+namespace bench {
+namespace {
+
+class NoSink : public ref::CliSink {
+ public:
+  void text(std::string_view text) override { out.append(text); }
+  std::string out;
+};
+
+[[noreturn]] void fail(const char *what) {
+  std::fprintf(stderr, "benchmark set-up: %s\n", what);
+  std::abort();
+}
+
+ref::Module linked_module() {
+  ref::Module module;
+  module.process_msg = mvpn_process_msg;
+  module.interface_status = mvpn_interface_status;
+  module.update_route_ack = mvpn_process_mrib_mts_update_route_ack;
+  module.stats_check = mvpn_stats_check;
+  module.switchover_expiry = mvpn_process_data_mdt_switchover_expiry;
+  module.send_join_packet = mvpn_send_data_mdt_join_packet;
+  module.mrib_join = mvpn_process_mrib_join_notify;
+  module.route_delete = mvpn_process_pim_route_delete;
+  module.map_local_source = mvpn_data_mdt_map_local_source_to_receiver;
+  module.unmap_local_source = mvpn_data_mdt_unmap_local_source_from_receiver;
+  return module;
+}
+
+}  // namespace
+
+World::World() {
+  ref::reset();
+  ref::set_module(linked_module());
+  ref::set_log_sink(ref::LogSink::none);
+  ref::clock_use_real(1);
+  ref::create_interface("loopback0", VRF_CONTEXT_ID_DEFAULT, 0x0A000001, true);
+  ref::bgp_set_update_source("loopback0", false);
+  if (mvpn_init() != 1) fail("the module does not start");
+  mvpn_init_cli();
+}
+
+World::~World() {
+  ref::set_feature_configured(false);
+  mvpn_deinit(1);
+  if (!ref::wait_for_threads()) fail("the module's threads do not end");
+  ref::reset();
+}
+
+pim_cibtype *World::pcib(uint32_t number) {
+  return pim_get_cib_by_context_name(("vrf" + std::to_string(number)).c_str());
+}
+
+void World::add_vrfs(uint32_t first, uint32_t count) {
+  for (uint32_t number = first; number < first + count; number++) {
+    const std::string name = "vrf" + std::to_string(number);
+    if (ref::create_vrf(name, 10 + number, 10 + number) == nullptr) fail("a VRF cannot be made");
+    uint8_t rd[ROUTE_DISTINGUISHER_SIZE] = {};
+    std::memcpy(rd + 4, &number, sizeof number);
+    rd[2] = 1;
+    ref::bgp_set_rd(name, rd, false);
+    ref::CliInvocation invocation;
+    invocation.handler = "mdt_default_cmd";
+    invocation.vrf_name = name;
+    invocation.interactive = false;
+    const uint32_t group = 0xEF000001 + number;
+    invocation.arguments = {{"<mdt-default>", std::to_string(group >> 24) + "." + std::to_string(group >> 16 & 255) +
+                                                  "." + std::to_string(group >> 8 & 255) + "." +
+                                                  std::to_string(group & 255)}};
+    NoSink sink;
+    if (ref::cli_invoke(invocation, sink) != CLI_RESULT_OK) fail(sink.out.c_str());
+  }
+}
+
+void World::end_replay() {
+  pim_cli_requests_sent_count = pim_cli_done_recv_count = 1;
+  mvpn_cli_done();
+  ref::enable_interface_events(true);
+}
+
+void World::turn() {
+  ref::run_pending();
+  ref::main_release();
+  std::this_thread::yield();
+  ref::main_acquire();
+}
+
+std::vector<uint8_t> remote_update(uint32_t first_source, uint32_t count, ip_addr_t group, bool add) {
+  std::vector<uint8_t> payload(BGP_MDT_SAFI_COUNT_SIZE + size_t{count} * BGP_MDT_SAFI_ENTRY_SIZE);
+  const auto entries = static_cast<uint16_t>(count);
+  std::memcpy(payload.data(), &entries, sizeof entries);
+  for (uint32_t i = 0; i < count; i++) {
+    uint8_t *entry = payload.data() + BGP_MDT_SAFI_COUNT_SIZE + size_t{i} * BGP_MDT_SAFI_ENTRY_SIZE;
+    const uint32_t source = first_source + i;
+    std::memcpy(entry + BGP_MDT_SAFI_ENTRY_SOURCE, &source, sizeof source);
+    entry[BGP_MDT_SAFI_ENTRY_RD + 7] = 1;
+    std::memcpy(entry + BGP_MDT_SAFI_ENTRY_GROUP, &group, sizeof group);
+    entry[BGP_MDT_SAFI_ENTRY_ADD] = add ? 1 : 0;
+  }
+  return payload;
+}
+
+size_t resident_bytes() {
+  size_t pages = 0, resident = 0;
+  if (FILE *file = std::fopen("/proc/self/statm", "r")) {
+    if (std::fscanf(file, "%zu %zu", &pages, &resident) != 2) resident = 0;
+    std::fclose(file);
+  }
+  return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
+
+}  // namespace bench

@@ -1,0 +1,83 @@
+#include "fuzz_world.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+
+#include "mvpn_core.h"
+#include "mvpn_ui.h"
+
+namespace fuzz {
+namespace {
+
+class NoSink : public ref::CliSink {
+ public:
+  void text(std::string_view) override {}
+};
+
+void command(const char *handler, std::vector<ref::CliArgument> arguments) {
+  ref::CliInvocation invocation;
+  invocation.handler = handler;
+  invocation.vrf_name = "red";
+  invocation.arguments = std::move(arguments);
+  NoSink sink;
+  if (ref::cli_invoke(invocation, sink) != CLI_RESULT_OK) {
+    std::fprintf(stderr, "%s is refused\n", handler);
+    std::abort();
+  }
+}
+
+ref::CustomerRoute customer_route(ip_addr_t source, ip_addr_t group) {
+  ref::CustomerRoute route;
+  route.addrs = {
+      source, group, static_cast<uint8_t>(source != 0 ? MROUTE_HOST_LEN : MROUTE_ANY_SOURCE_LEN), MROUTE_HOST_LEN, {}};
+  route.rpf_neighbor = 0x0A000002;
+  route.oifs = {"customer0"};
+  return route;
+}
+
+void start() {
+  ref::reset();
+  ref::Module module;
+  module.process_msg = mvpn_process_msg;
+  module.interface_status = mvpn_interface_status;
+  module.update_route_ack = mvpn_process_mrib_mts_update_route_ack;
+  module.mrib_join = mvpn_process_mrib_join_notify;
+  module.map_local_source = mvpn_data_mdt_map_local_source_to_receiver;
+  ref::set_module(module);
+  ref::set_log_sink(ref::LogSink::none);
+  ref::create_interface("loopback0", VRF_CONTEXT_ID_DEFAULT, 0x0A000001, true);
+  ref::bgp_set_update_source("loopback0", false);
+  if (mvpn_init() != 1) std::abort();
+  mvpn_init_cli();
+  ref::enable_interface_events(true);
+  ref::create_vrf("red", 2, 2);
+  const uint8_t rd[ROUTE_DISTINGUISHER_SIZE] = {0, 0, 0, 1, 0, 0, 0, 1};
+  ref::bgp_set_rd("red", rd, false);
+  ref::create_interface("customer0", 2, 0x0A030001, true);
+  command("mdt_default_cmd", {{"<mdt-default>", "239.1.1.1"}});
+  command("mdt_data_cmd", {{"<prefix>", "239.2.0.0/24"}});
+  for (int i = 0; i < 1000 && mvpn_get_context("red")->mti_status != MVPN_MTI_UP; i++) deliver();
+  if (mvpn_get_context("red")->mti_status != MVPN_MTI_UP) std::abort();
+  ref::set_customer_route("red", customer_route(0x0A030101, 0xE1010101));
+  ref::set_customer_route("red", customer_route(0, 0xE1010102));
+  deliver();
+}
+
+}  // namespace
+
+mvpn_cibtype *red() {
+  static const bool started = (start(), true);
+  (void)started;
+  return mvpn_get_context("red");
+}
+
+void deliver() {
+  ref::run_pending();
+  ref::main_release();
+  std::this_thread::yield();
+  ref::main_acquire();
+  ref::run_pending();
+}
+
+}  // namespace fuzz

@@ -1,0 +1,33 @@
+// A client's side of the control socket.
+#ifndef HOST_CONTROL_CLIENT_H
+#define HOST_CONTROL_CLIENT_H
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/local/stream_protocol.hpp>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "control_protocol.h"
+
+namespace host {
+
+class ControlClient {
+ public:
+  // Takes a part of an answer; false ends the command, in the daemon, too. The connection is then of no more use.
+  using Take = std::function<bool(FrameType type, std::string_view part)>;
+
+  // Throws std::runtime_error with the path and the reason.
+  explicit ControlClient(const std::string &path);
+
+  // Runs a command line; its exit status. Throws std::runtime_error when the connection is lost.
+  uint32_t execute(OutputFormat format, std::string_view line, const Take &take);
+
+ private:
+  boost::asio::io_context io_;
+  boost::asio::local::stream_protocol::socket socket_;
+};
+
+}  // namespace host
+
+#endif  // HOST_CONTROL_CLIENT_H

@@ -1,0 +1,60 @@
+// pimhostd: the process.
+#ifndef HOST_DAEMON_H
+#define HOST_DAEMON_H
+
+#include <boost/asio/signal_set.hpp>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "config.h"
+#include "control_server.h"
+#include "engine.h"
+#include "loop.h"
+#include "router.h"
+
+namespace host {
+
+struct DaemonOptions {
+  std::string config_file;
+  std::string control_path;
+  std::string store;    // folder of what outlives the process; empty: nothing does
+  std::string module;   // libmvpn.so
+  std::string capture;  // file; empty: none
+  std::optional<double> clock_scale;
+  bool stateful_restart = false;
+  bool log_to_syslog = false;
+  bool debug = false;
+};
+
+// Reads and checks a configuration file. Problems are printed on standard error as FILE:LINE: REASON; nothing then.
+std::optional<Config> load_config(const std::string &file);
+
+class Daemon {
+ public:
+  // Starts everything. Throws std::runtime_error with the reason when it cannot.
+  Daemon(DaemonOptions options, Config config);
+  ~Daemon();
+
+  // Serves until SIGTERM or SIGINT, then stops in order.
+  void run();
+
+ private:
+  void open_store();
+  void watch_signals();
+  void reload();
+  void stop();
+  void end_views();
+  void log(const std::string &text);
+
+  DaemonOptions options_;
+  Loop loop_;
+  std::optional<Router> router_;
+  std::optional<Engine> engine_;
+  std::optional<ControlServer> control_;
+  boost::asio::signal_set signals_;
+};
+
+}  // namespace host
+
+#endif  // HOST_DAEMON_H

@@ -1,0 +1,61 @@
+// The daemon's main loop: an event loop whose handlers run with the scheduling locks.
+#ifndef HOST_LOOP_H
+#define HOST_LOOP_H
+
+#include <atomic>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <chrono>
+#include <functional>
+#include <optional>
+
+namespace host {
+
+// The reference platform is brought to its first state with it. Between turns the module's threads run.
+class Loop {
+ public:
+  Loop();
+  ~Loop();
+  Loop(const Loop &) = delete;
+  Loop &operator=(const Loop &) = delete;
+
+  // Holds the scheduling locks. Every handler of the event loop that touches the platform or the module opens one; an
+  // inner one does nothing. When the outermost ends, what is queued and due is delivered, stored records are committed
+  // and the timer is set for the next deadline.
+  class Turn {
+   public:
+    explicit Turn(Loop &loop);
+    ~Turn();
+    Turn(const Turn &) = delete;
+    Turn &operator=(const Turn &) = delete;
+
+   private:
+    Loop &loop_;
+  };
+
+  boost::asio::io_context &io() { return io_; }
+
+  // Called at the end of every turn.
+  void set_turn_end(std::function<void()> work) { turn_end_ = std::move(work); }
+
+  // Serves until stop().
+  void run();
+  void stop() { io_.stop(); }
+
+ private:
+  void wake();
+  void end_turn();
+  void set_timer();
+
+  boost::asio::io_context io_;
+  boost::asio::steady_timer timer_;
+  std::atomic<bool> awake_ = false;  // a turn is queued
+  std::function<void()> turn_end_;
+  int depth_ = 0;
+  std::optional<std::chrono::nanoseconds> armed_for_;  // platform time
+  double armed_scale_ = 0;
+};
+
+}  // namespace host
+
+#endif  // HOST_LOOP_H

@@ -1,0 +1,237 @@
+#include "output.h"
+
+#include <pugixml.hpp>
+
+#include "document.h"
+
+namespace output {
+namespace {
+
+// ------------------------------------------------------------------------------------------------------------- text
+
+class TextWriter : public Writer {
+ public:
+  explicit TextWriter(ByteSink bytes) : bytes_(std::move(bytes)) {}
+  void text(std::string_view text) override {
+    if (!stopped_ && !text.empty() && !bytes_(text)) stopped_ = true;
+  }
+  bool more() override { return !stopped_; }
+  void finish() override {}
+
+ private:
+  ByteSink bytes_;
+  bool stopped_ = false;
+};
+
+// A writer in front of another one: passes on what it does not change.
+class Filter : public Writer {
+ public:
+  explicit Filter(std::unique_ptr<Writer> next) : next_(std::move(next)) {}
+  void text(std::string_view text) override { next_->text(text); }
+  void value(const ref::CliValue &value) override { next_->value(value); }
+  bool more() override { return next_->more(); }
+  void finish() override { next_->finish(); }
+
+ protected:
+  std::unique_ptr<Writer> next_;
+};
+
+// A filter that sees whole lines, without their newline. Handlers print a line in several pieces.
+class LineFilter : public Filter {
+ public:
+  using Filter::Filter;
+  void text(std::string_view text) override {
+    for (size_t end = text.find('\n'); end != std::string_view::npos; end = text.find('\n')) {
+      line_.append(text.substr(0, end));
+      line(line_);
+      line_.clear();
+      text.remove_prefix(end + 1);
+    }
+    line_.append(text);
+  }
+  void finish() override {
+    if (!line_.empty()) line(line_);
+    line_.clear();
+    end_of_lines();
+    Filter::finish();
+  }
+
+ protected:
+  virtual void line(const std::string &line) = 0;
+  virtual void end_of_lines() {}
+
+ private:
+  std::string line_;  // without its end so far
+};
+
+class IncludeFilter : public LineFilter {
+ public:
+  IncludeFilter(std::string wanted, std::unique_ptr<Writer> next)
+      : LineFilter(std::move(next)), wanted_(std::move(wanted)) {}
+
+ protected:
+  void line(const std::string &line) override {
+    if (line.find(wanted_) != std::string::npos) next_->text(line + '\n');
+  }
+
+ private:
+  std::string wanted_;
+};
+
+class CountFilter : public LineFilter {
+ public:
+  using LineFilter::LineFilter;
+
+ protected:
+  void line(const std::string &) override { lines_++; }
+  void end_of_lines() override { next_->text(std::to_string(lines_) + '\n'); }
+
+ private:
+  uint64_t lines_ = 0;
+};
+
+class NoMoreFilter : public Filter {
+ public:
+  using Filter::Filter;
+  bool more() override { return true; }
+};
+
+// ------------------------------------------------------------------------------------------------------------- JSON
+//
+// {
+//   "vrf": [
+//     {
+//       "name": "red",
+//       "mdt-route": [
+//         {"source":"10.0.0.1","group":"239.1.1.1"},
+//
+// A record of a kind without children stands on a line of its own.
+class JsonWriter : public DocumentWriter {
+ public:
+  using DocumentWriter::DocumentWriter;
+
+ protected:
+  void write_whole(const Level &level, size_t) override {
+    Json object = Json::object();
+    for (const Field &field : level.fields) object[field.element->name] = field.value;
+    out_ += object.dump();
+  }
+  void write_opening(Level &, size_t) override { out_ += '{'; }
+  void write_fields(Level &level, size_t depth) override {
+    close_list(level, depth);
+    for (const Field &field : level.fields) {
+      begin_member(level, depth, field.element->name);
+      out_ += field.value.dump();
+    }
+  }
+  void write_before_child(Level &level, size_t depth, const SchemaRecord &child) override {
+    if (level.open_list == &child) {
+      out_ += ',';
+    } else {
+      close_list(level, depth);
+      begin_member(level, depth, child.name);
+      out_ += '[';
+    }
+    new_line(item_indent(depth));
+  }
+  void write_closing(Level &level, size_t depth) override {
+    close_list(level, depth);
+    new_line(depth == 0 ? 0 : item_indent(depth - 1));
+    out_ += '}';
+  }
+
+ private:
+  static size_t member_indent(size_t depth) { return 2 + 4 * depth; }
+  static size_t item_indent(size_t depth) { return 4 + 4 * depth; }
+
+  void new_line(size_t indent) {
+    out_ += '\n';
+    out_.append(indent, ' ');
+  }
+  void close_list(Level &level, size_t depth) {
+    if (level.open_list == nullptr) return;
+    new_line(member_indent(depth));
+    out_ += ']';
+    level.open_list = nullptr;
+  }
+  void begin_member(Level &level, size_t depth, const char *name) {
+    if (level.has_members) out_ += ',';
+    level.has_members = true;
+    new_line(member_indent(depth));
+    out_ += Json(name).dump() + ": ";
+  }
+};
+
+// -------------------------------------------------------------------------------------------------------------- XML
+
+class StringWriter : public pugi::xml_writer {
+ public:
+  explicit StringWriter(std::string &out) : out_(out) {}
+  void write(const void *data, size_t size) override { out_.append(static_cast<const char *>(data), size); }
+
+ private:
+  std::string &out_;
+};
+
+std::string xml_text(const Json &value) { return value.is_string() ? value.get<std::string>() : value.dump(); }
+
+void append_field(pugi::xml_node parent, const Field &field) {
+  parent.append_child(field.element->name).text().set(xml_text(field.value).c_str());
+}
+
+// A record of a kind without children stands on a line of its own, and so does every field of the others.
+class XmlWriter : public DocumentWriter {
+ public:
+  using DocumentWriter::DocumentWriter;
+
+ protected:
+  void write_prologue() override { out_ += "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"; }
+  void write_whole(const Level &level, size_t) override {
+    pugi::xml_document document;
+    pugi::xml_node node = document.append_child(level.record->name);
+    for (const Field &field : level.fields) append_field(node, field);
+    print(node);
+  }
+  void write_opening(Level &level, size_t) override { out_ += std::string("<") + level.record->name + '>'; }
+  void write_fields(Level &level, size_t depth) override {
+    for (const Field &field : level.fields) {
+      pugi::xml_document document;
+      append_field(document, field);
+      new_line(depth + 1);
+      print(document.first_child());
+    }
+  }
+  void write_before_child(Level &, size_t depth, const SchemaRecord &) override { new_line(depth + 1); }
+  void write_closing(Level &level, size_t depth) override {
+    new_line(depth);
+    out_ += std::string("</") + level.record->name + '>';
+  }
+
+ private:
+  void new_line(size_t depth) {
+    out_ += '\n';
+    out_.append(2 * depth, ' ');
+  }
+  void print(pugi::xml_node node) {
+    StringWriter writer(out_);
+    node.print(writer, "", pugi::format_raw, pugi::encoding_utf8);
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<Writer> text_writer(ByteSink bytes) { return std::make_unique<TextWriter>(std::move(bytes)); }
+std::unique_ptr<Writer> json_writer(ByteSink bytes) { return std::make_unique<JsonWriter>(std::move(bytes)); }
+std::unique_ptr<Writer> xml_writer(ByteSink bytes) { return std::make_unique<XmlWriter>(std::move(bytes)); }
+
+std::unique_ptr<Writer> include_lines(std::string wanted, std::unique_ptr<Writer> next) {
+  return std::make_unique<IncludeFilter>(std::move(wanted), std::move(next));
+}
+std::unique_ptr<Writer> count_lines(std::unique_ptr<Writer> next) {
+  return std::make_unique<CountFilter>(std::move(next));
+}
+std::unique_ptr<Writer> no_more(std::unique_ptr<Writer> next) {
+  return std::make_unique<NoMoreFilter>(std::move(next));
+}
+
+}  // namespace output

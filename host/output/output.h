@@ -1,0 +1,43 @@
+// Writers of command output: plain text, JSON and XML, and filters of text.
+//
+// A writer takes what a handler prints or records (ref::CliSink) and sends bytes on as it goes: whatever a listing's
+// length, memory holds one record of it. Between the end of the handler and the end of the output stands finish().
+#ifndef HOST_OUTPUT_OUTPUT_H
+#define HOST_OUTPUT_OUTPUT_H
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "reference.h"
+
+namespace output {
+
+// Takes bytes. False: they were taken, but no more are wanted; from then on the handler is told to stop, what it still
+// produces is dropped, and only what completes a JSON or XML document is sent.
+using ByteSink = std::function<bool(std::string_view)>;
+
+class Writer : public ref::CliSink {
+ public:
+  // The handler has returned: sends what was held back and ends the document. Once.
+  virtual void finish() = 0;
+};
+
+// Operator's text; recorded values are ignored.
+std::unique_ptr<Writer> text_writer(ByteSink bytes);
+
+// The recorded values as a document of the output schema; text is ignored. A command that recorded nothing gives an
+// empty document.
+std::unique_ptr<Writer> json_writer(ByteSink bytes);
+std::unique_ptr<Writer> xml_writer(ByteSink bytes);
+
+// Filters; they act on text and pass recorded values on. Lines that contain a text; the number of lines; everything,
+// without asking anybody whether more is wanted.
+std::unique_ptr<Writer> include_lines(std::string wanted, std::unique_ptr<Writer> next);
+std::unique_ptr<Writer> count_lines(std::unique_ptr<Writer> next);
+std::unique_ptr<Writer> no_more(std::unique_ptr<Writer> next);
+
+}  // namespace output
+
+#endif  // HOST_OUTPUT_OUTPUT_H

@@ -1,0 +1,226 @@
+// Prints the output schema in one of three forms: md, xsd, json. The committed documents are what it prints.
+#include <cstring>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <pugixml.hpp>
+#include <string>
+
+#include "schema.h"
+
+namespace {
+
+using namespace output;
+using Json = nlohmann::ordered_json;
+
+constexpr const char *address_pattern = R"(([0-9]{1,3}\.){3}[0-9]{1,3})";
+constexpr const char *source_pattern = R"((([0-9]{1,3}\.){3}[0-9]{1,3})|\*)";
+
+template <typename Visit>
+void for_elements(cli_record record, Visit visit) {
+  for (const SchemaElement &element : all_elements())
+    if (element.record == record) visit(element);
+}
+
+template <typename Visit>
+void for_children(cli_record record, Visit visit) {
+  for (const SchemaRecord &child : all_records())
+    if (child.parent == record) visit(child);
+}
+
+// ------------------------------------------------------------------------------------------------------ JSON schema
+
+Json json_type(cli_type type) {
+  switch (type) {
+    case CLI_TYPE_NUMBER:
+      return {{"type", "integer"}};
+    case CLI_TYPE_BOOLEAN:
+      return {{"type", "boolean"}};
+    case CLI_TYPE_DURATION:
+      return {{"type", "number"}, {"minimum", 0}};
+    case CLI_TYPE_ADDRESS:
+      return {{"type", "string"}, {"pattern", std::string("^") + address_pattern + "$"}};
+    case CLI_TYPE_SOURCE:
+      return {{"type", "string"}, {"pattern", std::string("^(") + source_pattern + ")$"}};
+    default:
+      return {{"type", "string"}};
+  }
+}
+
+Json json_record(const SchemaRecord &record) {
+  Json schema = {{"description", record.description}, {"type", "object"}, {"properties", Json::object()}};
+  Json &properties = schema["properties"];
+  Json required = Json::array();
+  for_elements(record.id, [&](const SchemaElement &element) {
+    properties[element.name] = {{"$ref", std::string("#/$defs/") + type_of(element.type).name},
+                                {"description", element.description}};
+    if (element.begins) required.push_back(element.name);
+  });
+  for_children(record.id, [&](const SchemaRecord &child) {
+    properties[child.name] = {{"type", "array"}, {"items", {{"$ref", std::string("#/$defs/") + child.name}}}};
+  });
+  if (!required.empty()) schema["required"] = required;
+  schema["additionalProperties"] = false;
+  return schema;
+}
+
+void print_json() {
+  Json schema = {{"$schema", "https://json-schema.org/draft/2020-12/schema"},
+                 {"title", record_of(CLI_RECORD_DOCUMENT).name}};
+  schema.update(json_record(record_of(CLI_RECORD_DOCUMENT)));
+  Json &definitions = schema["$defs"] = Json::object();
+  for (size_t i = 0; i < all_types().size(); i++) {
+    Json &type = definitions[all_types()[i].name] = json_type(static_cast<cli_type>(i));
+    type["description"] = all_types()[i].description;
+  }
+  for (const SchemaRecord &record : all_records())
+    if (record.parent != CLI_RECORD_NONE) definitions[record.name] = json_record(record);
+  std::cout << schema.dump(2) << '\n';
+}
+
+// -------------------------------------------------------------------------------------------------------------- XSD
+
+void annotate(pugi::xml_node node, const char *text) {
+  node.append_child("xs:annotation").append_child("xs:documentation").text().set(text);
+}
+
+const char *xsd_base(cli_type type) {
+  switch (type) {
+    case CLI_TYPE_NUMBER:
+      return "xs:integer";
+    case CLI_TYPE_BOOLEAN:
+      return "xs:boolean";
+    case CLI_TYPE_DURATION:
+      return "xs:double";
+    default:
+      return "xs:string";
+  }
+}
+
+void restrict_type(pugi::xml_node restriction, cli_type type) {
+  const auto facet = [&restriction](const char *name, const char *value) {
+    restriction.append_child(name).append_attribute("value") = value;
+  };
+  if (type == CLI_TYPE_ADDRESS) facet("xs:pattern", address_pattern);
+  if (type == CLI_TYPE_SOURCE) facet("xs:pattern", source_pattern);
+  if (type == CLI_TYPE_DURATION) facet("xs:minInclusive", "0");
+}
+
+pugi::xml_node append_member(pugi::xml_node group, const char *name, const char *type) {
+  pugi::xml_node node = group.append_child("xs:element");
+  node.append_attribute("name") = name;
+  node.append_attribute("type") = type;
+  return node;
+}
+
+// Records without children have their fields in order. In the others fields and children mix, since a command may
+// record a field behind a list.
+void append_record_type(pugi::xml_node schema, const SchemaRecord &record) {
+  const bool mixed = has_children(record.id);
+  pugi::xml_node type = schema.append_child("xs:complexType");
+  type.append_attribute("name") = record.name;
+  annotate(type, record.description);
+  pugi::xml_node group = type.append_child(mixed ? "xs:choice" : "xs:sequence");
+  if (mixed) {
+    group.append_attribute("minOccurs") = "0";
+    group.append_attribute("maxOccurs") = "unbounded";
+  }
+  for_elements(record.id, [&](const SchemaElement &element) {
+    pugi::xml_node node = append_member(group, element.name, type_of(element.type).name);
+    if (!mixed && !element.begins) node.append_attribute("minOccurs") = "0";
+    annotate(node, element.description);
+  });
+  for_children(record.id, [&](const SchemaRecord &child) { append_member(group, child.name, child.name); });
+}
+
+void print_xsd() {
+  pugi::xml_document document;
+  pugi::xml_node declaration = document.append_child(pugi::node_declaration);
+  declaration.append_attribute("version") = "1.0";
+  declaration.append_attribute("encoding") = "UTF-8";
+  pugi::xml_node schema = document.append_child("xs:schema");
+  schema.append_attribute("xmlns:xs") = "http://www.w3.org/2001/XMLSchema";
+  const char *root = record_of(CLI_RECORD_DOCUMENT).name;
+  append_member(schema, root, root);
+  for (size_t i = 0; i < all_types().size(); i++) {
+    const auto id = static_cast<cli_type>(i);
+    pugi::xml_node type = schema.append_child("xs:simpleType");
+    type.append_attribute("name") = type_of(id).name;
+    annotate(type, type_of(id).description);
+    pugi::xml_node restriction = type.append_child("xs:restriction");
+    restriction.append_attribute("base") = xsd_base(id);
+    restrict_type(restriction, id);
+  }
+  for (const SchemaRecord &record : all_records()) append_record_type(schema, record);
+  document.save(std::cout, "  ");
+}
+
+// --------------------------------------------------------------------------------------------------------- Markdown
+
+constexpr const char *introduction = R"(# Output schema
+
+`| json` and `| xml` behind a show command give what the command shows as a document. This page, the XML schema
+[`schema/mvpn-output.xsd`](schema/mvpn-output.xsd) and the JSON schema
+[`schema/mvpn-output.schema.json`](schema/mvpn-output.schema.json) are printed by `schema_tool` (`md`, `xsd`, `json`)
+from the lists in `platform/cli_schema.h`, which the writers use too.
+
+A document is a tree of records. In XML a record is an element with its fields and its child records inside. In JSON it
+is an object; the child records of one kind are an array under the kind's name. The root is a JSON object, an XML
+element `mvpn-output`. A kind without records is left out, so a command that has nothing to show gives `{}` and
+`<mvpn-output/>`. A field that a view does not show is left out too; every record but the root has at least its first
+field.
+
+Documents are written while the command runs. When the operator stops a listing the document is closed where it is: it
+stays valid and ends early. Consumers that want everything ask with `| no-more` or run the client without a terminal.
+
+Numbers of elements are part of the interface between module and host. An element keeps its number; a number is not
+used twice.
+
+)";
+
+void print_types() {
+  std::cout << "## Types\n\n| type | value | JSON | XML |\n|---|---|---|---|\n";
+  for (size_t i = 0; i < all_types().size(); i++) {
+    const auto id = static_cast<cli_type>(i);
+    std::cout << "| " << type_of(id).name << " | " << type_of(id).description << " | "
+              << json_type(id)["type"].get<std::string>() << " | " << xsd_base(id) << " |\n";
+  }
+}
+
+// "mvpn-output / vrf / mdt-route".
+std::string path_of(const SchemaRecord &record) {
+  if (record.parent == CLI_RECORD_NONE) return record.name;
+  return path_of(record_of(record.parent)) + " / " + record.name;
+}
+
+void print_record(const SchemaRecord &record) {
+  std::cout << "\n### " << record.name << "\n\n`" << path_of(record) << "`. " << record.description << '\n';
+  std::cout << "\n| field | number | type | |\n|---|---|---|---|\n";
+  for_elements(record.id, [](const SchemaElement &element) {
+    std::cout << "| `" << element.name << "` | " << element.number << " | " << type_of(element.type).name << " | "
+              << element.description << " |\n";
+  });
+}
+
+void print_markdown() {
+  std::cout << introduction;
+  print_types();
+  std::cout << "\n## Records\n";
+  for (const SchemaRecord &record : all_records()) print_record(record);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  const char *form = argc == 2 ? argv[1] : "";
+  if (std::strcmp(form, "md") == 0)
+    print_markdown();
+  else if (std::strcmp(form, "xsd") == 0)
+    print_xsd();
+  else if (std::strcmp(form, "json") == 0)
+    print_json();
+  else {
+    std::cerr << "usage: schema_tool md|xsd|json\n";
+    return 2;
+  }
+  return std::cout.flush() ? 0 : 1;
+}

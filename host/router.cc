@@ -1,0 +1,507 @@
+// How a change is applied. The wanted configuration becomes the running one first; then what is gone is withdrawn, what
+// the platform holds is built, and the VRFs' commands run through the module's handlers. A line that a handler refuses
+// goes back to what it was, so that the running configuration never claims what the module does not do.
+//
+// The order within a change: customer routes before the MDTs that carry them; the other MDT commands before "no mdt
+// default", which may free the VRF's settings; VRFs before interfaces; "mdt default", which makes a VRF's settings
+// exist, before the other MDT commands.
+//
+// A VRF can be deleted only when the module has left it, which takes a tunnel's teardown. Until then it is "leaving";
+// when it has gone, whatever the configuration says about a VRF of that name is built.
+#include "router.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace host {
+namespace {
+
+// Collects what a handler prints.
+class TextSink : public ref::CliSink {
+ public:
+  void text(std::string_view text) override { collected += text; }
+  std::string collected;
+};
+
+constexpr std::string_view kDefaultHandler = "mdt_default_cmd";
+
+bool is_default_mdt(const Statement &statement) { return statement.handler == kDefaultHandler; }
+
+const Statement &statement_of(const LineChange &change) {
+  return change.after != nullptr ? change.after->statement : change.before->statement;
+}
+
+// Lines of a VRF for the module, "mdt default" first.
+std::vector<const Line *> mdt_lines(const Block &vrf) {
+  std::vector<const Line *> lines;
+  for (const auto &[place, line] : vrf.lines())
+    if (line.statement.command == Command::mdt) lines.push_back(&line);
+  std::stable_partition(lines.begin(), lines.end(), [](const Line *line) { return is_default_mdt(line->statement); });
+  return lines;
+}
+
+bool same_numbers(const Block &a, const Block &b) {
+  for (const Command command : {Command::context_id, Command::table_id})
+    if (*a.value(command, "id") != *b.value(command, "id")) return false;
+  return true;
+}
+
+std::string described(const LineChange &change, const std::string &text) {
+  const int number = change.after != nullptr ? change.after->number : 0;
+  std::string where = number > 0 ? "line " + std::to_string(number) + ": " : "";
+  if (!change.block.name.empty()) where += "VRF " + change.block.name + ": ";
+  return where + statement_of(change).text + ": " + text;
+}
+
+}  // namespace
+
+mvpn_mdt_route_addrs route_address(const std::string &source, const std::string &group) {
+  mvpn_mdt_route_addrs addrs{};
+  addrs.source = address_value(source);
+  addrs.source_len = static_cast<uint8_t>(source == "*" ? MROUTE_ANY_SOURCE_LEN : MROUTE_HOST_LEN);
+  addrs.group = address_value(group);
+  addrs.group_len = MROUTE_HOST_LEN;
+  return addrs;
+}
+
+ref::CustomerRoute customer_route(const Statement &statement) {
+  ref::CustomerRoute route;
+  route.addrs = route_address(*find_argument(statement, "source"), *find_argument(statement, "group"));
+  for (const Argument &argument : statement.arguments) {
+    if (argument.name == "iif") route.iif = argument.value;
+    if (argument.name == "rpf") route.rpf_neighbor = address_value(argument.value);
+    if (argument.name == "bidir") route.bidirectional = true;
+    if (argument.name == "rate") route.rate_kbps = number_value(argument.value);
+    if (argument.name != "oif") continue;
+    if (argument.value == "mvpn")
+      route.to_mvpn = true;
+    else
+      route.oifs.push_back(argument.value);
+  }
+  return route;
+}
+
+Router::Router(Loop &loop, const LoadedModule &module, Options options)
+    : loop_(loop),
+      module_(module),
+      options_(std::move(options)),
+      links_(loop, options_.capture, options_.log),
+      default_mtu_(pim_mtu) {}
+
+// -------------------------------------------------------------------------------------------------- start and stop
+
+void Router::start(Config config) {
+  config.choose_numbers(nullptr);
+  running_ = std::move(config);
+  const std::vector<LineChange> changes = difference(Config(), running_);
+  build(Config(), changes);
+  if (!follow_feature()) throw std::runtime_error("the module does not start; see the log");
+  // What the handlers asked for during the replay has been replayed already.
+  ref::run_pending();
+  ref::set_cli_replay([this](const std::string &vrf) { replay_vrf(vrf); });
+  ref::enable_interface_events(true);
+  for (const LineChange &change : changes)
+    if (change.block.mode == Mode::vrf && change.after != nullptr && change.after->statement.command == Command::mroute)
+      set_route(change.block.name, change.after->statement.key);
+  links_.follow(running_);
+  ref::start_statistics();
+}
+
+void Router::stop() {
+  links_.close();
+  stop_module();
+}
+
+bool Router::follow_feature() {
+  const bool wanted = running_.feature_mvpn();
+  ref::set_feature_configured(wanted);
+  if (!wanted) stop_module();
+  return !wanted || module_runs_ || start_module();
+}
+
+bool Router::start_module() {
+  ref::set_module(module_.entries);
+  if (module_.init() == 0) return false;
+  module_runs_ = true;
+  if (!commands_registered_) module_.init_cli();
+  commands_registered_ = true;
+  replay_all();
+  return true;
+}
+
+void Router::stop_module() {
+  if (!module_runs_) return;
+  module_.deinit(1);
+  module_runs_ = false;
+}
+
+// One request for the configuration of each VRF; its end is noted when the VRF's commands have been handled.
+void Router::replay_all() {
+  const Config replayed = running_;
+  std::vector<std::string> vrfs;
+  for (const auto &[id, block] : replayed.blocks())
+    if (id.mode == Mode::vrf) vrfs.push_back(id.name);
+  pim_cli_requests_sent_count = static_cast<uint16_t>(pim_cli_requests_sent_count + vrfs.size() + 1);
+  pim_cli_done_recv_count++;  // the lines outside of VRFs hold no command of the module
+  for (const std::string &name : vrfs) {
+    const BlockId id{Mode::vrf, name};
+    for (const Line *line : mdt_lines(*replayed.find(id))) {
+      const Outcome outcome = run_handler(name, line->statement, line->statement.no, false);
+      if (outcome.accepted) continue;
+      const Rejection rejection{{id, nullptr, line}, outcome.text};
+      options_.log(described(rejection.change, outcome.text));
+      put_back(Config(), rejection);
+    }
+    if (pim_cibtype *pcib = pim_get_cib_by_context_name(name.c_str())) module_.cli_vrf_done(pcib);
+    pim_cli_done_recv_count++;
+    module_.cli_done();
+  }
+  if (vrfs.empty()) module_.cli_done();
+}
+
+// The module has made a VRF's context anew and wants the VRF's other commands again.
+void Router::replay_vrf(const std::string &vrf) {
+  const Block *block = running_.vrf(vrf);
+  if (block == nullptr || !module_runs_) return;
+  for (const Line *line : mdt_lines(*block)) {
+    const Outcome outcome = run_handler(vrf, line->statement, line->statement.no, false);
+    if (!outcome.accepted) options_.log("VRF " + vrf + ": " + line->statement.text + ": " + outcome.text);
+  }
+  if (pim_cibtype *pcib = pim_get_cib_by_context_name(vrf.c_str())) module_.cli_vrf_done(pcib);
+}
+
+// --------------------------------------------------------------------------------------------------------- changes
+
+Outcome Router::configure(const std::vector<Statement> &statements) {
+  Config wanted = running_;
+  BlockId block;
+  for (const Statement &statement : statements) {
+    if (!statement.enters) break;
+    block = block_of(statement);
+    if (!statement.no) {
+      wanted.open(block);
+      continue;
+    }
+    if (wanted.find(block) == nullptr) return {false, "there is no " + statement.text + "\n"};
+    wanted.remove(block);
+  }
+  const Statement &command = statements.back();
+  const bool to_module = !command.enters && command.command == Command::mdt;
+  if (!command.enters && !to_module) wanted.edit(block, command);
+  wanted.choose_numbers(&running_);
+  Outcome outcome = change_to(std::move(wanted));
+  if (!outcome.accepted || !to_module) return outcome;
+  // Whether the store changes is the handler's to say, also when the line is there already.
+  if (leaving_.contains(block.name)) return {false, "VRF " + block.name + " is being deleted\n"};
+  outcome = run_handler(block.name, command, command.no, true);
+  if (outcome.accepted) running_.edit(block, command);
+  return outcome;
+}
+
+Outcome Router::replace(Config config) {
+  config.choose_numbers(&running_);
+  return change_to(std::move(config));
+}
+
+Outcome Router::change_to(Config wanted) {
+  Outcome outcome;
+  for (const ConfigError &error : wanted.check()) {
+    outcome.accepted = false;
+    outcome.text += (error.line > 0 ? "line " + std::to_string(error.line) + ": " : "") + error.reason + "\n";
+  }
+  if (!outcome.accepted) return outcome;
+  const Config before = running_;
+  running_ = wanted;
+  const std::vector<LineChange> changes = difference(before, wanted);
+  std::vector<Rejection> rejections;
+  for (const auto &[id, block] : before.blocks()) {
+    const Block *now = wanted.find(id);
+    if (id.mode == Mode::vrf && (now == nullptr || !same_numbers(*block, *now))) leave_vrf(id.name);
+  }
+  withdraw(changes, &rejections);
+  build(before, changes);
+  if (!follow_feature()) outcome = {false, "the module does not start; see the log\n"};
+  command_vrfs(changes, &rejections);
+  links_.follow(running_);
+  for (const Rejection &rejection : rejections) {
+    put_back(before, rejection);
+    outcome.accepted = false;
+    outcome.text += described(rejection.change, rejection.text);
+  }
+  return outcome;
+}
+
+// What is not wanted any more, before anything new is made.
+void Router::withdraw(const std::vector<LineChange> &changes, std::vector<Rejection> *rejections) {
+  for (const LineChange &change : changes)
+    if (change.block.mode == Mode::vrf && change.after == nullptr &&
+        change.before->statement.command == Command::mroute)
+      ref::delete_customer_route(change.block.name, customer_route(change.before->statement).addrs);
+  const auto undo = [&](const LineChange &change) {
+    const Statement &statement = change.before->statement;
+    const Outcome outcome = run_handler(change.block.name, statement, !statement.no, true);
+    if (!outcome.accepted) rejections->push_back({change, outcome.text});
+  };
+  const auto concerns_module = [this](const LineChange &change) {
+    return change.before != nullptr && change.before->statement.command == Command::mdt &&
+           !leaving_.contains(change.block.name);
+  };
+  for (auto at = changes.rbegin(); at != changes.rend(); ++at)
+    if (concerns_module(*at) && at->after == nullptr && !is_default_mdt(at->before->statement)) undo(*at);
+  // A default group is changed by removing it first.
+  for (const LineChange &change : changes)
+    if (concerns_module(change) && is_default_mdt(change.before->statement)) undo(change);
+}
+
+void Router::build(const Config &before, const std::vector<LineChange> &changes) {
+  std::set<std::string> policies, vrfs, interfaces, distinguishers;
+  bool update_source = false;
+  for (const LineChange &change : changes) {
+    const Statement &statement = statement_of(change);
+    if (change.block.mode == Mode::global || change.block.mode == Mode::pim) apply_global(change);
+    if (statement.command == Command::route_map) policies.insert(*find_argument(statement, "name"));
+    if (change.block.mode == Mode::vrf) vrfs.insert(change.block.name);
+    if (change.block.mode == Mode::interface) interfaces.insert(change.block.name);
+    if (statement.command == Command::rd) distinguishers.insert(change.block.name);
+    if (statement.command == Command::update_source) update_source = true;
+  }
+  // Blocks count also without lines.
+  for (const auto &[id, block] : before.blocks())
+    if (id.mode == Mode::interface && running_.find(id) == nullptr) interfaces.insert(id.name);
+  for (const auto &[id, block] : running_.blocks())
+    if (id.mode == Mode::interface && before.find(id) == nullptr) interfaces.insert(id.name);
+  for (const std::string &name : policies) follow_policy(name);
+  for (const std::string &name : vrfs) follow_vrf(name);
+  for (const std::string &name : interfaces) follow_interface(name);
+  for (const std::string &name : distinguishers) follow_route_distinguisher(name);
+  if (update_source) follow_update_source();
+}
+
+// The commands of VRFs that exist. Those of a VRF that is still leaving run when it comes back.
+void Router::command_vrfs(const std::vector<LineChange> &changes, std::vector<Rejection> *rejections) {
+  std::vector<const LineChange *> commands;
+  for (const LineChange &change : changes)
+    if (change.block.mode == Mode::vrf && change.after != nullptr && !leaving_.contains(change.block.name) &&
+        change.after->statement.command == Command::mdt)
+      commands.push_back(&change);
+  std::stable_sort(commands.begin(), commands.end(), [](const LineChange *a, const LineChange *b) {
+    if (a->block.name != b->block.name) return a->block.name < b->block.name;
+    return is_default_mdt(a->after->statement) && !is_default_mdt(b->after->statement);
+  });
+  for (const LineChange *change : commands) {
+    const Statement &statement = change->after->statement;
+    const Outcome outcome = run_handler(change->block.name, statement, statement.no, true);
+    if (!outcome.accepted) rejections->push_back({*change, outcome.text});
+  }
+  for (const LineChange &change : changes)
+    if (change.block.mode == Mode::vrf && change.after != nullptr && change.after->statement.command == Command::mroute)
+      set_route(change.block.name, change.after->statement.key);
+}
+
+void Router::put_back(const Config &before, const Rejection &rejection) {
+  const BlockId &id = rejection.change.block;
+  const Statement &statement = statement_of(rejection.change);
+  Statement reverse = statement;
+  const Block *block = before.find(id);
+  const Line *former = block == nullptr ? nullptr : block->find_key(statement.key);
+  if (former != nullptr)
+    reverse = former->statement;
+  else
+    reverse.no = !statement.no;
+  if (running_.find(id) != nullptr) running_.edit(id, reverse, former != nullptr ? former->number : 0);
+}
+
+Outcome Router::run_handler(const std::string &vrf, const Statement &statement, bool no_form, bool interactive) {
+  ref::CliInvocation invocation;
+  invocation.handler = statement.handler;
+  for (const Argument &argument : statement.arguments) invocation.arguments.push_back({argument.name, argument.value});
+  invocation.vrf_name = vrf;
+  invocation.no_form = no_form;
+  invocation.interactive = interactive;
+  TextSink sink;
+  // Without the module there is nobody to ask: the line is kept for the replay.
+  if (!module_runs_) return {};
+  const int result = ref::cli_invoke(invocation, sink);
+  if (result != CLI_RESULT_OK && sink.collected.empty())
+    sink.collected = result == CLI_RESULT_NO_MEMORY ? "out of memory\n" : "refused without a reason\n";
+  return {result == CLI_RESULT_OK, sink.collected};
+}
+
+// ------------------------------------------------------------------------------------------------------ the platform
+
+void Router::apply_global(const LineChange &change) {
+  const Statement &statement = statement_of(change);
+  const auto range = [&](auto add, auto remove) {
+    const PrefixValue prefix = prefix_value(*find_argument(statement, "prefix"));
+    (change.after != nullptr ? add : remove)(prefix.address, prefix.length);
+  };
+  switch (statement.command) {
+    case Command::ssm_range:
+      return range(ref::add_ssm_range, ref::remove_ssm_range);
+    case Command::bidir_range:
+      return range(ref::add_bidir_range, ref::remove_bidir_range);
+    case Command::pim_mtu:
+      pim_mtu = change.after != nullptr ? static_cast<uint32_t>(number_value(*find_argument(statement, "mtu")))
+                                        : default_mtu_;
+      return;
+    case Command::clock_scale:
+      return follow_clock();
+    default:
+      return;
+  }
+}
+
+void Router::follow_clock() {
+  const Block *global = running_.find({});
+  const std::string *scale = global == nullptr ? nullptr : global->value(Command::clock_scale, "scale");
+  const double configured = scale == nullptr ? 1 : static_cast<double>(number_value(*scale));
+  ref::clock_use_real(options_.clock_scale.value_or(configured));
+}
+
+void Router::follow_policy(const std::string &name) {
+  std::vector<ref::PolicyEntry> entries;
+  static const Block none;
+  const Block *global = running_.find({});
+  for (const auto &[place, line] : (global == nullptr ? none : *global).lines()) {
+    const Statement &statement = line.statement;
+    if (statement.command != Command::route_map || *find_argument(statement, "name") != name) continue;
+    const PrefixValue sources = prefix_value(*find_argument(statement, "sources"));
+    const PrefixValue groups = prefix_value(*find_argument(statement, "groups"));
+    ref::PolicyEntry entry;
+    entry.permit = find_argument(statement, "permit") != nullptr;
+    entry.source = sources.address;
+    entry.source_len = sources.length;
+    entry.group = groups.address;
+    entry.group_len = groups.length;
+    entries.push_back(entry);
+  }
+  if (entries.empty())
+    ref::delete_policy(name);
+  else
+    ref::set_policy(name, entries);
+}
+
+void Router::follow_vrf(const std::string &name) {
+  const Block *block = running_.vrf(name);
+  if (block == nullptr || leaving_.contains(name) || pim_get_cib_by_context_name(name.c_str()) != nullptr) return;
+  const auto context = static_cast<vrf_context_id_t>(number_value(*block->value(Command::context_id, "id")));
+  const auto table = static_cast<uint32_t>(number_value(*block->value(Command::table_id, "id")));
+  if (ref::create_vrf(name, context, table) == nullptr) return options_.log("VRF " + name + " cannot be created");
+  follow_route_distinguisher(name);
+}
+
+void Router::follow_route_distinguisher(const std::string &vrf) {
+  const Block *block = running_.vrf(vrf);
+  if (block == nullptr || leaving_.contains(vrf)) return;
+  const std::string *text = block->value(Command::rd, "rd");
+  const auto rd = text == nullptr ? std::nullopt : ref::bgp_parse_rd(*text);
+  ref::bgp_set_rd(vrf, rd ? rd->data() : nullptr, module_runs_);
+}
+
+void Router::follow_update_source() {
+  const Block *bgp = running_.find({Mode::bgp, ""});
+  const std::string *name = bgp == nullptr ? nullptr : bgp->value(Command::update_source, "interface");
+  ref::bgp_set_update_source(name == nullptr ? "" : *name, module_runs_);
+}
+
+void Router::follow_interface(const std::string &name) {
+  interfaces_.erase(name);
+  const Block *block = running_.find({Mode::interface, name});
+  if (block == nullptr) {
+    links_down_.erase(name);
+    ref::delete_interface(name);
+    return;
+  }
+  const std::string *vrf = block->value(Command::interface_vrf, "name");
+  const pim_cibtype *pcib = vrf == nullptr ? pim_default_cib : pim_get_cib_by_context_name(vrf->c_str());
+  const bool vrf_ready = pcib != nullptr && (vrf == nullptr || !leaving_.contains(*vrf));
+  const std::string *text = block->value(Command::ip_address, "address");
+  const ip_addr_t address = text == nullptr ? 0 : address_value(*text);
+  const bool up = block->find(Command::shutdown) == nullptr && !links_down_.contains(name);
+  const ref::Interface *interface = ref::find_interface(std::string_view(name));
+  if (interface != nullptr && vrf_ready && interface->context_id == pcib->context_id) {
+    ref::set_interface_address(name, address);
+    ref::set_interface_state(name, up);
+    return;
+  }
+  // Another VRF's now: it goes there when it has left, and when the VRF is there.
+  if (interface != nullptr) ref::delete_interface(name);
+  if (!vrf_ready || ref::find_interface(std::string_view(name)) != nullptr)
+    interfaces_.insert(name);
+  else if (ref::create_interface(name, pcib->context_id, address, up) == 0)
+    options_.log("interface " + name + " cannot be created");
+}
+
+bool Router::set_link(const std::string &interface, bool up) {
+  if (running_.find({Mode::interface, interface}) == nullptr) return false;
+  if (up)
+    links_down_.erase(interface);
+  else
+    links_down_.insert(interface);
+  follow_interface(interface);
+  return true;
+}
+
+void Router::set_route(const std::string &vrf, const std::string &key) {
+  routes_.erase({vrf, key});
+  const Block *block = running_.vrf(vrf);
+  const Line *line = block == nullptr ? nullptr : block->find_key(key);
+  if (line == nullptr) return;
+  if (leaving_.contains(vrf) || ref::set_customer_route(vrf, customer_route(line->statement)) == nullptr)
+    routes_.insert({vrf, key});
+}
+
+// ----------------------------------------------------------------------------------------------------- leaving VRFs
+
+void Router::leave_vrf(const std::string &name) {
+  const pim_cibtype *pcib = pim_get_cib_by_context_name(name.c_str());
+  if (pcib == nullptr) return;
+  for (const ref::CustomerRoute &route : ref::customer_routes(name)) ref::delete_customer_route(name, route.addrs);
+  if (pcib->mvpn != nullptr) {
+    Statement no_default;
+    no_default.handler = kDefaultHandler;
+    run_handler(name, no_default, true, true);
+  }
+  leaving_.insert(name);
+}
+
+void Router::finish_leaving() {
+  for (auto at = leaving_.begin(); at != leaving_.end();) {
+    const pim_cibtype *pcib = pim_get_cib_by_context_name(at->c_str());
+    const bool gone = pcib == nullptr || (pcib->mvpn == nullptr && ref::customer_routes(*at).empty());
+    if (!gone || (pcib != nullptr && !ref::delete_vrf(*at))) {
+      ++at;
+      continue;
+    }
+    const std::string name = *at;
+    at = leaving_.erase(at);
+    bring_in(name);
+  }
+}
+
+void Router::bring_in(const std::string &vrf) {
+  follow_vrf(vrf);
+  const Block *block = running_.vrf(vrf);
+  if (block == nullptr) return;
+  for (const auto &[id, interface] : running_.blocks())
+    if (const std::string *of = interface->value(Command::interface_vrf, "name"); of != nullptr && *of == vrf)
+      follow_interface(id.name);
+  const std::shared_ptr<const Block> kept = running_.blocks().at({Mode::vrf, vrf});
+  for (const Line *line : mdt_lines(*kept)) {
+    const Outcome outcome = run_handler(vrf, line->statement, line->statement.no, true);
+    if (outcome.accepted) continue;
+    const Rejection rejection{{{Mode::vrf, vrf}, nullptr, line}, outcome.text};
+    options_.log(described(rejection.change, outcome.text));
+    put_back(Config(), rejection);
+  }
+  for (const auto &[place, line] : kept->lines())
+    if (line.statement.command == Command::mroute) set_route(vrf, line.statement.key);
+}
+
+void Router::settle() {
+  if (!leaving_.empty()) finish_leaving();
+  for (const std::string &name : std::set<std::string>(interfaces_)) follow_interface(name);
+  for (const auto &[vrf, key] : std::set<std::pair<std::string, std::string>>(routes_)) set_route(vrf, key);
+}
+
+}  // namespace host

@@ -1,0 +1,52 @@
+// Typed words of the command language: how each type is read, checked and written.
+#ifndef HOST_VALUES_H
+#define HOST_VALUES_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace host {
+
+enum class ValueType {
+  number,     // decimal, with a range
+  address,    // A.B.C.D
+  group,      // A.B.C.D in 224.0.0.0/4
+  source,     // A.B.C.D, or * for any source
+  prefix,     // A.B.C.D/LENGTH, LENGTH up to 32
+  name,       // up to 32 characters, no blanks
+  interface,  // up to 39 characters, no blanks
+  rd,         // route distinguisher: AS:NUMBER or A.B.C.D:NUMBER
+  endpoint,   // A.B.C.D:PORT
+  policy,     // name of a route-map; its length is the policy manager's to judge
+};
+
+struct NumberRange {
+  uint64_t low = 0;
+  uint64_t high = UINT32_MAX;
+};
+
+// Checks a word; its one written form when it is of the type, else nothing with the reason in *reason. range applies to
+// numbers only.
+std::optional<std::string> check_value(ValueType type, NumberRange range, std::string_view word, std::string *reason);
+
+// Conversions of words that check_value has accepted.
+uint32_t address_value(std::string_view word);  // host byte order; 0 for *
+struct PrefixValue {
+  uint32_t address;  // host byte order
+  uint32_t length;
+};
+PrefixValue prefix_value(std::string_view word);
+uint64_t number_value(std::string_view word);
+struct EndpointValue {
+  std::string address;
+  uint16_t port;
+};
+EndpointValue endpoint_value(std::string_view word);
+
+std::string address_text(uint32_t address);
+
+}  // namespace host
+
+#endif  // HOST_VALUES_H

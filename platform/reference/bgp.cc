@@ -1,0 +1,302 @@
+// BGP library: route distinguishers, the update source, and the MDT SAFI entries of this PE and of the others.
+//
+// What the module advertises arrives as local-update messages (bgp_receive); what other PEs advertise is given to it in
+// remote updates of at most 100 entries. A request of the module for the whole set is answered with every remote entry,
+// closed by an end-of-RIB mark: an entry that withdraws nothing. Everything goes through the transport's queue.
+//
+// Route distinguishers are printed as RFC 4364 has them: 2-byte AS and number (type 0), address and number (type 1),
+// 4-byte AS and number (type 2). A 4-byte AS that would fit into two bytes is written high.low, so that every printed
+// form reads back to the same bytes. Other types are shown in hexadecimal.
+#include "bgp.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <set>
+#include <tuple>
+
+#include "internal.h"
+#include "ip.h"
+#include "mts.h"
+#include "parse.h"
+#include "services.h"
+#include "text.h"
+#include "wire.h"
+
+namespace ref {
+namespace {
+
+constexpr size_t entries_a_message = 100;
+enum RdType : uint16_t { rd_as2 = 0, rd_address = 1, rd_as4 = 2 };
+
+using Rd = std::array<uint8_t, ROUTE_DISTINGUISHER_SIZE>;
+
+struct EntryKey {
+  std::string vrf_name;  // local entries only
+  ip_addr_t source;
+  Rd rd;
+  ip_addr_t group;
+  auto operator<=>(const EntryKey &) const = default;
+};
+
+struct ConnectorAttribute {
+  Rd rd;
+  ip_addr_t source;
+};
+
+struct State {
+  std::map<std::string, Rd, std::less<>> rds;  // by VRF name
+  std::string update_source;
+  std::set<EntryKey> local, remote;
+  std::function<void(const MdtSafi &, bool)> sink;
+  std::vector<std::unique_ptr<ConnectorAttribute>> attributes;
+};
+State state;
+
+Rd rd_of(const uint8_t *bytes) {
+  Rd rd;
+  std::copy_n(bytes, rd.size(), rd.begin());
+  return rd;
+}
+
+EntryKey key_of(const MdtSafi &entry) { return {entry.vrf_name, entry.source, rd_of(entry.rd), entry.group}; }
+
+EntryKey remote_key_of(const MdtSafi &entry) {
+  EntryKey key = key_of(entry);
+  key.vrf_name.clear();
+  return key;
+}
+
+MdtSafi entry_of(const EntryKey &key) {
+  MdtSafi entry;
+  entry.source = key.source;
+  std::copy(key.rd.begin(), key.rd.end(), entry.rd);
+  entry.group = key.group;
+  entry.vrf_name = key.vrf_name;
+  return entry;
+}
+
+std::vector<MdtSafi> entries_of(const std::set<EntryKey> &keys) {
+  std::vector<MdtSafi> all;
+  for (const EntryKey &key : keys) all.push_back(entry_of(key));
+  return all;
+}
+
+// --------------------------------------------------------------------------------------------------------- messages
+
+void encode_entry(uint8_t *to, const MdtSafi &entry, bool add) {
+  wire::store_host(to + BGP_MDT_SAFI_ENTRY_SOURCE, entry.source);
+  std::memcpy(to + BGP_MDT_SAFI_ENTRY_RD, entry.rd, sizeof entry.rd);
+  wire::store_host(to + BGP_MDT_SAFI_ENTRY_GROUP, entry.group);
+  to[BGP_MDT_SAFI_ENTRY_ADD] = add ? 1 : 0;
+}
+
+void send_remote(const std::vector<MdtSafi> &entries, bool add) {
+  for (size_t first = 0; first < entries.size(); first += entries_a_message) {
+    const size_t count = std::min(entries_a_message, entries.size() - first);
+    std::vector<uint8_t> payload(BGP_MDT_SAFI_COUNT_SIZE + count * BGP_MDT_SAFI_ENTRY_SIZE);
+    wire::store_host(payload.data(), static_cast<uint16_t>(count));
+    for (size_t i = 0; i < count; i++)
+      encode_entry(&payload[BGP_MDT_SAFI_COUNT_SIZE + i * BGP_MDT_SAFI_ENTRY_SIZE], entries[first + i], add);
+    deliver(MTS_OPC_MVPN_BGP_MDT_SAFI_REMOTE_UPDATE, payload.data(), payload.size());
+  }
+}
+
+MdtSafi decode_entry(const uint8_t *from) {
+  MdtSafi entry;
+  const char *name = reinterpret_cast<const char *>(from + BGP_MDT_SAFI_ENTRY_VRF_NAME);
+  entry.vrf_name.assign(name, strnlen(name, VRF_NAME_MAX));
+  entry.source = wire::load_host<uint32_t>(from + BGP_MDT_SAFI_ENTRY_SOURCE);
+  std::memcpy(entry.rd, from + BGP_MDT_SAFI_ENTRY_RD, sizeof entry.rd);
+  entry.group = wire::load_host<uint32_t>(from + BGP_MDT_SAFI_ENTRY_GROUP);
+  return entry;
+}
+
+void answer_request() {
+  send_remote(entries_of(state.remote), true);
+  bgp_end_of_rib();
+}
+
+void take_local_entry(const uint8_t *from) {
+  if (from[BGP_MDT_SAFI_ENTRY_EOR] != 0) return answer_request();
+  if (from[BGP_MDT_SAFI_ENTRY_END_OF_LOCAL] != 0) return;
+  const MdtSafi entry = decode_entry(from);
+  const bool add = from[BGP_MDT_SAFI_ENTRY_ADD] != 0;
+  if (add)
+    state.local.insert(key_of(entry));
+  else if (state.local.erase(key_of(entry)) == 0)
+    return;
+  if (state.sink) state.sink(entry, add);
+}
+
+// ---------------------------------------------------------------------------------------------- route distinguishers
+
+std::string print_rd(const uint8_t *rd) {
+  const uint16_t type = wire::load_be16(rd);
+  const std::string small = ":" + std::to_string(wire::load_be16(rd + 6));
+  switch (type) {
+    case rd_as2:
+      return std::to_string(wire::load_be16(rd + 2)) + ":" + std::to_string(wire::load_be32(rd + 4));
+    case rd_address:
+      return ip_print_addr(wire::load_be32(rd + 2)) + small;
+    case rd_as4: {
+      const uint32_t as = wire::load_be32(rd + 2);
+      return (as <= 0xFFFF ? "0." + std::to_string(as) : std::to_string(as)) + small;
+    }
+    default: {
+      char text[2 + 2 * ROUTE_DISTINGUISHER_SIZE + 1] = "0x";
+      for (size_t i = 0; i < ROUTE_DISTINGUISHER_SIZE; i++) std::snprintf(text + 2 + 2 * i, 3, "%02x", rd[i]);
+      return text;
+    }
+  }
+}
+
+// The part before the colon, with the type that it gives the whole.
+struct Administrator {
+  uint16_t type;
+  uint32_t value;
+};
+
+std::optional<Administrator> parse_administrator(std::string_view text) {
+  if (const auto address = parse_address(text)) return Administrator{rd_address, *address};
+  if (const size_t dot = text.find('.'); dot != text.npos) {
+    const auto high = parse_number(text.substr(0, dot), 0xFFFF), low = parse_number(text.substr(dot + 1), 0xFFFF);
+    if (!high || !low) return std::nullopt;
+    return Administrator{rd_as4, static_cast<uint32_t>(*high << 16 | *low)};
+  }
+  const auto as = parse_number(text, 0xFFFFFFFF);
+  if (!as) return std::nullopt;
+  return Administrator{*as <= 0xFFFF ? rd_as2 : rd_as4, static_cast<uint32_t>(*as)};
+}
+
+std::optional<std::vector<uint8_t>> parse_hexadecimal(std::string_view text) {
+  if (text.size() != 2 + 2 * ROUTE_DISTINGUISHER_SIZE) return std::nullopt;
+  std::vector<uint8_t> rd(ROUTE_DISTINGUISHER_SIZE);
+  for (size_t i = 0; i < rd.size(); i++) {
+    const char *digits = text.data() + 2 + 2 * i;
+    const auto [stop, error] = std::from_chars(digits, digits + 2, rd[i], 16);
+    if (error != std::errc{} || stop != digits + 2) return std::nullopt;
+  }
+  return rd;
+}
+
+}  // namespace
+
+void bgp_reset() { state = State{}; }
+
+// A local update that the module sent.
+void bgp_receive(const SentMessage &message) {
+  if (message.destination != MTS_DESTINATION_BGP || message.opcode != MTS_OPC_MVPN_BGP_MDT_SAFI_LOCAL_UPDATE ||
+      message.payload.size() < BGP_MDT_SAFI_COUNT_SIZE)
+    return;
+  const size_t room = (message.payload.size() - BGP_MDT_SAFI_COUNT_SIZE) / BGP_MDT_SAFI_ENTRY_SIZE;
+  const size_t count = std::min<size_t>(wire::load_host<uint16_t>(message.payload.data()), room);
+  for (size_t i = 0; i < count; i++)
+    take_local_entry(&message.payload[BGP_MDT_SAFI_COUNT_SIZE + i * BGP_MDT_SAFI_ENTRY_SIZE]);
+}
+
+void bgp_set_rd(std::string_view vrf_name, const uint8_t *rd, bool notify) {
+  if (rd != nullptr)
+    state.rds[std::string(vrf_name)] = rd_of(rd);
+  else if (const auto found = state.rds.find(vrf_name); found != state.rds.end())
+    state.rds.erase(found);
+  if (!notify) return;
+  std::array<uint8_t, BGP_RD_NOTIFY_SIZE> payload{};
+  std::memcpy(&payload[BGP_RD_NOTIFY_VRF_NAME], vrf_name.data(), std::min<size_t>(vrf_name.size(), VRF_NAME_MAX));
+  wire::store_host(&payload[BGP_RD_NOTIFY_VALID], uint32_t{rd != nullptr ? 1u : 0u});
+  if (rd != nullptr) std::memcpy(&payload[BGP_RD_NOTIFY_RD], rd, ROUTE_DISTINGUISHER_SIZE);
+  deliver(MTS_OPC_MVPN_BGP_RD_NOTIFY, payload.data(), payload.size());
+}
+
+void bgp_set_update_source(std::string_view interface_name, bool notify) {
+  state.update_source = interface_name.substr(0, BGP_UPDATE_SOURCE_NAME_SIZE);
+  if (!notify) return;
+  std::array<char, BGP_UPDATE_SOURCE_NAME_SIZE> payload{};
+  state.update_source.copy(payload.data(), payload.size());
+  deliver(MTS_OPC_MVPN_BGP_UPDATE_SOURCE_NOTIFY, payload.data(), payload.size());
+}
+
+std::optional<std::vector<uint8_t>> bgp_parse_rd(std::string_view text) {
+  if (text.substr(0, 2) == "0x") return parse_hexadecimal(text);
+  const size_t colon = text.find(':');
+  if (colon == text.npos) return std::nullopt;
+  const auto administrator = parse_administrator(text.substr(0, colon));
+  if (!administrator) return std::nullopt;
+  const bool short_as = administrator->type == rd_as2;
+  const auto number = parse_number(text.substr(colon + 1), short_as ? 0xFFFFFFFF : 0xFFFF);
+  if (!number) return std::nullopt;
+  std::vector<uint8_t> rd(ROUTE_DISTINGUISHER_SIZE);
+  wire::store_be16(rd.data(), administrator->type);
+  if (short_as) {
+    wire::store_be16(&rd[2], static_cast<uint16_t>(administrator->value));
+    wire::store_be32(&rd[4], static_cast<uint32_t>(*number));
+  } else {
+    wire::store_be32(&rd[2], administrator->value);
+    wire::store_be16(&rd[6], static_cast<uint16_t>(*number));
+  }
+  return rd;
+}
+
+std::vector<MdtSafi> bgp_local_entries() { return entries_of(state.local); }
+std::vector<MdtSafi> bgp_remote_entries() { return entries_of(state.remote); }
+
+void bgp_add_remote(const std::vector<MdtSafi> &entries) {
+  for (const MdtSafi &entry : entries) state.remote.insert(remote_key_of(entry));
+  send_remote(entries, true);
+}
+
+void bgp_withdraw_remote(const std::vector<MdtSafi> &entries) {
+  for (const MdtSafi &entry : entries) state.remote.erase(remote_key_of(entry));
+  send_remote(entries, false);
+}
+
+void bgp_end_of_rib() {
+  std::array<uint8_t, BGP_MDT_SAFI_COUNT_SIZE + BGP_MDT_SAFI_ENTRY_SIZE> payload{};
+  wire::store_host(payload.data(), uint16_t{1});
+  payload[BGP_MDT_SAFI_COUNT_SIZE + BGP_MDT_SAFI_ENTRY_EOR] = 1;
+  deliver(MTS_OPC_MVPN_BGP_MDT_SAFI_REMOTE_UPDATE, payload.data(), payload.size());
+}
+
+void bgp_request_local() { deliver(MTS_OPC_MVPN_BGP_MDT_SAFI_LOCAL_REQUEST, nullptr, 0); }
+
+void set_bgp_local_sink(std::function<void(const MdtSafi &, bool)> sink) { state.sink = std::move(sink); }
+
+void *bgp_make_connector_attribute(const uint8_t *rd, ip_addr_t source) {
+  state.attributes.push_back(std::make_unique<ConnectorAttribute>(ConnectorAttribute{rd_of(rd), source}));
+  return state.attributes.back().get();
+}
+
+}  // namespace ref
+
+extern "C" {
+
+int bgp_api_init() { return 1; }
+void bgp_api_close() {}
+
+int bgp_get_rd(const char *vrf_name, uint8_t rd[ROUTE_DISTINGUISHER_SIZE], uint32_t) {
+  const auto found = ref::state.rds.find(std::string_view(vrf_name));
+  if (found == ref::state.rds.end()) return 0;
+  std::copy(found->second.begin(), found->second.end(), rd);
+  return 1;
+}
+
+void bgp_mvpn_get_update_source(char *name, uint32_t size) {
+  if (ref::state.update_source.empty() || size == 0) return;
+  const size_t copied = ref::state.update_source.copy(name, size);
+  if (copied < size) name[copied] = '\0';
+}
+
+void bgp_mvpn_get_conattr(void *, void *attribute, uint8_t rd[ROUTE_DISTINGUISHER_SIZE], ip_addr_t *source) {
+  for (const auto &known : ref::state.attributes) {
+    if (known.get() != attribute) continue;
+    std::copy(known->rd.begin(), known->rd.end(), rd);
+    *source = known->source;
+  }
+}
+
+const char *mvpn_bgp_print_rd(const uint8_t rd[ROUTE_DISTINGUISHER_SIZE]) { return ref::keep_text(ref::print_rd(rd)); }
+
+}  // extern "C"

@@ -1,0 +1,181 @@
+// Diagnostics: the event history, debug output, error reports and their rate limiter.
+#include "diag.h"
+
+#include <execinfo.h>
+#include <syslog.h>
+
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+
+#include "internal.h"
+
+namespace ref {
+namespace {
+
+constexpr size_t kHistory = 10000, kReports = 1000;
+constexpr std::chrono::seconds kLimitWindow{10};
+constexpr unsigned kLimitCount = 50;  // reports of one kind in a window
+
+struct Window {
+  std::chrono::nanoseconds start{};
+  unsigned count = 0;
+  unsigned dropped = 0;
+};
+
+struct State {
+  std::vector<Event> history;
+  std::vector<Report> reports;
+  std::map<const syslog_descriptor *, Window> windows;
+  LogSink sink = LogSink::standard_error;
+  sdwrap_facility facility{7};
+};
+State state;
+
+template <typename T>
+void keep(std::vector<T> &log, T entry, size_t most) {
+  if (log.size() >= 2 * most) log.erase(log.begin(), log.begin() + static_cast<std::ptrdiff_t>(most));
+  log.push_back(std::move(entry));
+}
+
+void write_line(uint32_t severity, const std::string &text) {
+  if (state.sink == LogSink::standard_error) {
+    const bool ends = !text.empty() && text.back() == '\n';
+    std::fprintf(stderr, "%s%s", text.c_str(), ends ? "" : "\n");
+  } else if (state.sink == LogSink::syslog) {
+    ::syslog(static_cast<int>(severity), "%s", text.c_str());
+  }
+}
+
+std::string format_list(const char *format, va_list arguments) {
+  char text[2048];
+  std::vsnprintf(text, sizeof text, format, arguments);
+  return text;
+}
+
+std::string report_text(const syslog_descriptor *descriptor, uint32_t count, const char *const *arguments) {
+  std::string text = std::string(descriptor->name) + ": " + descriptor->text;
+  for (uint32_t i = 0; i < count; i++) text += std::string(i == 0 ? ": " : ", ") + arguments[i];
+  return text;
+}
+
+}  // namespace
+
+const std::vector<Event> &history() { return state.history; }
+void clear_history() { state.history.clear(); }
+const std::vector<Report> &reports() { return state.reports; }
+void clear_reports() { state.reports.clear(); }
+void set_log_sink(LogSink sink) { state.sink = sink; }
+
+void diag_reset() {
+  state = State{};
+  sdwrap_sys_facility = &state.facility;
+}
+
+}  // namespace ref
+
+using namespace ref;
+
+sdwrap_facility *sdwrap_sys_facility = &state.facility;
+
+#define REPORT(kind, severity, text) extern const syslog_descriptor msg_error_PIM_##kind = {"PIM_" #kind, severity, 0, text}
+REPORT(API_FAILED, 3, "a call of a service failed");
+REPORT(API_INIT, 3, "a service cannot be initialised");
+REPORT(AVL_ERROR, 3, "an AVL tree refused an operation");
+REPORT(BIND, 3, "a socket cannot be bound");
+REPORT(CV_INIT, 3, "a condition variable cannot be initialised");
+REPORT(MALLOC, 2, "memory ran out");
+REPORT(MTS_SEND, 3, "a message cannot be sent");
+REPORT(MV_INIT, 3, "a mutex cannot be initialised");
+REPORT(OIM_REGISTER_FAIL, 3, "the tunnel manager refused the registration");
+REPORT(OPCODE_REG, 3, "a message opcode cannot be registered");
+REPORT(PTHREAD_CREATE, 2, "a thread cannot be started");
+REPORT(PT_ADD, 3, "a patricia tree refused a record");
+REPORT(SETSOCKOPT, 3, "a socket option cannot be set");
+REPORT(SLAB_CREATE, 2, "a slab cannot be created");
+REPORT(SOCKET, 3, "a socket cannot be opened");
+REPORT(TIMER_CREATE, 3, "a timer cannot be created");
+REPORT(TIMER_SET_INIT, 3, "a timer set cannot be created");
+REPORT(TUNNEL_ADD_FAIL, 3, "an interface cannot be added to a tunnel request");
+REPORT(TUNNEL_ADD_TLV_FAIL, 3, "a parameter cannot be added to a tunnel request");
+REPORT(TUNNEL_CREATE_FAIL, 3, "the index of a tunnel interface cannot be derived");
+REPORT(TXLIST_CREATE, 3, "a transmit list cannot be created");
+REPORT(UDP_READ, 3, "a datagram cannot be read");
+#undef REPORT
+
+void sdwrap_his_log_event_for_uuid_inst(uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, const sdwrap_event *event) {
+  keep(state.history, {now(), std::string(event->text, strnlen(event->text, SDWRAP_EVENT_TEXT_MAX))}, kHistory);
+}
+
+int sdwrap_hist_event_subtype_check(uint32_t, uint32_t) { return 0; }
+
+void sdwrap_hist_event(uint32_t, uint32_t, const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  keep(state.history, {now(), format_list(format, arguments)}, kHistory);
+  va_end(arguments);
+}
+
+int sdwrap_chk_int(uint32_t, uint32_t, uint32_t, uint32_t) { return 1; }
+
+void buginf(const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  write_line(LOG_DEBUG, "pim: " + format_list(format, arguments));
+  va_end(arguments);
+}
+
+void buginf_func(const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  write_line(LOG_DEBUG, "pim: " + format_list(format, arguments));
+  va_end(arguments);
+}
+
+int sdwrap_dbg_init_register_mts_q(mts_queue *queue) { return queue != nullptr ? 0 : 22; }
+
+const char *syserr2str(int code) { return std::strerror(code); }
+
+int syslog_msg_rate_limit(const syslog_descriptor *descriptor, uint32_t count, const char *const *arguments) {
+  Window &window = state.windows[descriptor];
+  if (window.count == 0 || now() - window.start >= kLimitWindow) {
+    if (window.dropped > 0)
+      write_line(LOG_WARNING, std::string(descriptor->name) + ": " + std::to_string(window.dropped) +
+                                  " reports were left out");
+    window = {now(), 0, 0};
+  }
+  if (window.count >= kLimitCount) {
+    window.dropped++;
+    return 0;
+  }
+  window.count++;
+  keep(state.reports, {descriptor->name, {arguments, arguments + count}}, kReports);
+  if (sdwrap_sys_facility == nullptr) write_line(descriptor->severity, report_text(descriptor, count, arguments));
+  return 1;
+}
+
+const char *syslog_preamble() { return "pim"; }
+
+void zeph_lumo_syslog(const syslog_descriptor *descriptor, const char *preamble, uint32_t count,
+                      const char *const *arguments) {
+  write_line(descriptor->severity, std::string(preamble) + ": " + report_text(descriptor, count, arguments));
+}
+
+void syslog_traceback(const syslog_descriptor *descriptor) {
+  std::array<void *, 32> frames;
+  const int depth = backtrace(frames.data(), static_cast<int>(frames.size()));
+  char **names = backtrace_symbols(frames.data(), depth);
+  if (names == nullptr) return;
+  for (int i = 0; i < depth; i++) write_line(descriptor->severity, std::string("  ") + names[i]);
+  free(names);
+}
+
+void syslog_log(uint32_t severity, const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  write_line(severity, format_list(format, arguments));
+  va_end(arguments);
+}

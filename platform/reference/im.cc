@@ -1,0 +1,213 @@
+// Interface manager: the table of interfaces, their ordinals and if-indexes, and the events that it reports.
+//
+// Ordinals are given out in rotation, so that an event for an interface that is gone does not hit a new one. If-indexes
+// carry their sort in the top byte: ordinary interfaces are numbered by ordinal, overlay interfaces by table id, which
+// makes the if-index of a VRF's tunnel computable before the tunnel exists and recognisable after it is gone.
+//
+// Events reach the module through the main loop and only while they are enabled: a host enables them when its
+// configuration has been replayed, and is then told of every interface that is up.
+#include "im.h"
+
+#include <arpa/inet.h>
+
+#include <map>
+
+#include "ip.h"
+#include "services.h"
+#include "text.h"
+
+namespace ref {
+namespace {
+
+constexpr if_index_t sort_shift = 24;
+constexpr if_index_t ordinary_sort = 1;
+constexpr if_index_t number_mask = 0xFFFFFF;
+constexpr im_iod_t iod_max = 0xFFFF;  // socket addresses carry ordinals in 16 bits
+
+struct Table {
+  std::map<im_iod_t, Interface> by_iod;
+  std::map<std::string, im_iod_t, std::less<>> by_name;
+  std::map<if_index_t, im_iod_t> by_if_index;
+  im_iod_t last_iod = 0;
+  bool events = false;
+};
+Table table;
+
+im_iod_t next_free_iod() {
+  for (im_iod_t tries = 0; tries < iod_max; tries++) {
+    table.last_iod = table.last_iod % iod_max + 1;
+    if (!table.by_iod.contains(table.last_iod)) return table.last_iod;
+  }
+  return 0;
+}
+
+void post_event(im_iod_t iod, void (*Module::*entry)(im_iod_t)) {
+  if (!table.events) return;
+  post([iod, entry] {
+    if (im_find(iod) != nullptr && module().*entry != nullptr) (module().*entry)(iod);
+  });
+}
+
+void post_state(im_iod_t iod, bool up) {
+  if (!table.events) return;
+  post([iod, up] {
+    if (im_find(iod) != nullptr && module().interface_status != nullptr) module().interface_status(iod, up ? 1 : 0);
+  });
+}
+
+}  // namespace
+
+void im_reset() { table = Table{}; }
+
+im_iod_t im_add(Interface interface) {
+  if (interface.name.empty() || interface.name.size() >= IF_NAME_SIZE || table.by_name.contains(interface.name) ||
+      interface.iod > iod_max || table.by_if_index.contains(interface.if_index))
+    return 0;
+  if (interface.iod == 0 || table.by_iod.contains(interface.iod)) interface.iod = next_free_iod();
+  if (interface.iod == 0) return 0;
+  if (interface.if_index == 0) interface.if_index = ordinary_sort << sort_shift | interface.iod;
+  const im_iod_t iod = interface.iod;
+  table.by_name[interface.name] = iod;
+  table.by_if_index[interface.if_index] = iod;
+  const bool up = interface.up;
+  table.by_iod[iod] = std::move(interface);
+  post_event(iod, &Module::interface_create);
+  if (up) post_state(iod, true);
+  return iod;
+}
+
+void im_remove(im_iod_t iod) {
+  const auto found = table.by_iod.find(iod);
+  if (found == table.by_iod.end()) return;
+  table.by_name.erase(found->second.name);
+  table.by_if_index.erase(found->second.if_index);
+  table.by_iod.erase(found);
+}
+
+Interface *im_find(im_iod_t iod) {
+  const auto found = table.by_iod.find(iod);
+  return found == table.by_iod.end() ? nullptr : &found->second;
+}
+
+void im_set_state(im_iod_t iod, bool up) {
+  Interface *interface = im_find(iod);
+  if (interface == nullptr || interface->up == up) return;
+  interface->up = up;
+  post_state(iod, up);
+}
+
+im_iod_t create_interface(std::string_view name, vrf_context_id_t context_id, ip_addr_t address, bool up) {
+  Interface interface;
+  interface.name = name;
+  interface.context_id = context_id;
+  interface.address = address;
+  interface.up = up;
+  return im_add(std::move(interface));
+}
+
+bool delete_interface(std::string_view name) {
+  const Interface *interface = find_interface(name);
+  if (interface == nullptr) return false;
+  const im_iod_t iod = interface->iod;
+  const bool announced = interface->up && table.events;
+  im_set_state(iod, false);
+  // The module is told of the last change while the interface can still be looked up.
+  if (announced)
+    post([iod] { im_remove(iod); });
+  else
+    im_remove(iod);
+  return true;
+}
+
+bool set_interface_state(std::string_view name, bool up) {
+  const Interface *interface = find_interface(name);
+  if (interface == nullptr) return false;
+  im_set_state(interface->iod, up);
+  return true;
+}
+
+bool set_interface_address(std::string_view name, ip_addr_t address) {
+  const auto found = table.by_name.find(name);
+  if (found == table.by_name.end()) return false;
+  Interface &interface = table.by_iod.at(found->second);
+  if (interface.address == address) return true;
+  interface.address = address;
+  post_event(interface.iod, &Module::process_address_change);
+  return true;
+}
+
+const Interface *find_interface(std::string_view name) {
+  const auto found = table.by_name.find(name);
+  return found == table.by_name.end() ? nullptr : im_find(found->second);
+}
+
+const Interface *find_interface(im_iod_t iod) { return im_find(iod); }
+
+std::vector<const Interface *> interfaces() {
+  std::vector<const Interface *> all;
+  for (const auto &[iod, interface] : table.by_iod) all.push_back(&interface);
+  return all;
+}
+
+void enable_interface_events(bool on) {
+  if (on == table.events) return;
+  table.events = on;
+  if (!on) return;
+  for (const auto &[iod, interface] : table.by_iod)
+    if (interface.up) post_state(iod, true);
+}
+
+}  // namespace ref
+
+extern "C" {
+
+im_iod_t im_get_if_by_name(const char *name) {
+  const ref::Interface *interface = ref::find_interface(std::string_view(name));
+  return interface == nullptr ? 0 : interface->iod;
+}
+
+int im_get_iod_frm_ifindex(if_index_t if_index, im_iod_t *iod) {
+  const auto found = ref::table.by_if_index.find(if_index);
+  if (found == ref::table.by_if_index.end()) return 1;
+  *iod = found->second;
+  return 0;
+}
+
+int ksink_im_get_ifindex_frm_iod(im_iod_t iod, if_index_t *if_index) {
+  const ref::Interface *interface = ref::find_interface(iod);
+  if (interface == nullptr) return 1;
+  *if_index = interface->if_index;
+  return 0;
+}
+
+int im_is_if_up(im_iod_t iod) {
+  const ref::Interface *interface = ref::find_interface(iod);
+  return interface != nullptr && interface->up ? 1 : 0;
+}
+
+int ksink_im_is_if_up(im_iod_t iod) { return im_is_if_up(iod); }
+
+int im_is_ifindex_mvpn_tunnel(if_index_t if_index) {
+  return if_index >> ref::sort_shift == IF_INDEX_OVERLAY_MVPN && (if_index & ref::number_mask) != 0 ? 1 : 0;
+}
+
+int ksink_im_is_mvpn_tunnel(im_iod_t iod) {
+  const ref::Interface *interface = ref::find_interface(iod);
+  return interface != nullptr && interface->mvpn_tunnel ? 1 : 0;
+}
+
+const char *ksink_im_get_if_name(im_iod_t iod) {
+  const ref::Interface *interface = ref::find_interface(iod);
+  return interface == nullptr ? "unknown" : ref::keep_text(interface->name);
+}
+
+int if_index_overlay_cli_init(if_index_t *if_index, uint32_t sort, uint32_t table_id) {
+  if (sort != IF_INDEX_OVERLAY_MVPN || table_id == 0 || table_id > ref::number_mask) return 1;
+  *if_index = sort << ref::sort_shift | table_id;
+  return 0;
+}
+
+uint32_t hton_if_index(if_index_t if_index) { return htonl(if_index); }
+if_index_t ntoh_if_index(uint32_t network_form) { return ntohl(network_form); }
+
+}  // extern "C"

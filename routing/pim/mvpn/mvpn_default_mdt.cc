@@ -1,0 +1,399 @@
+// The default MDT of a VRF: when it may come up, how it comes up, how it is taken apart, and what a change of its
+// source does.
+//
+// A VRF's default MDT is a multicast tunnel interface (MTI) whose traffic crosses the core in the default MDT group,
+// sent from the MDT source: the configured interface, else BGP's update source. The tunnel manager owns the interface;
+// mti_status says what it was asked for last and how far that has come.
+//
+// Flow. Set-up resolves source and route distinguisher and asks for the tunnel, or for its bring-up once the VRF is
+// ready. When the interface is up, PIM runs on it, the VRF is advertised to BGP, and the core routes and the
+// encapsulation of the default group are installed. When it goes down, the same is undone in the opposite sense, and
+// the VRF is queued behind its own route deletions for the MRIB worker, which decides what comes next: up again, or
+// deletion when the group was removed. A changed source address takes the tunnel through that cycle.
+//
+// Teardown while the module stops tells nobody: BGP, the MRIB and the host's routes are left as they are, and the
+// context is freed at once.
+//
+// Invariants.
+//   - A context is freed by mvpn_finish_destroy_default_mdt only, and only when nothing hangs on it any more. On the
+//     normal road nothing does; answers and events that nobody asked for may get there early.
+//   - Several steps of a teardown yield. After each the VRF is looked up again, and the teardown ends when it has
+//     another context or none.
+//
+// All of it runs on the main thread and, when a VRF comes up again after a teardown, on the MRIB worker.
+#include <cstring>
+
+#include "im.h"
+#include "ip.h"
+#include "l3vm.h"
+#include "mvpn_core.h"
+#include "mvpn_datamdt.h"
+#include "mvpn_diag.h"
+#include "mvpn_ha.h"
+#include "mvpn_mdt_safi.h"
+#include "mvpn_mrib.h"
+#include "mvpn_oim.h"
+#include "mvpn_ui.h"
+
+// ---------------------------------------------------------------------------------------------------------- readiness
+
+static bool has_context_id(const mvpn_cibtype *mvpn) {
+  return mvpn->pcib != nullptr && mvpn->pcib->context_id != VRF_CONTEXT_ID_NONE;
+}
+
+// The first condition that does not hold; null when all do.
+static const char *unmet_condition(const mvpn_cibtype *mvpn) {
+  // 1 to 3. The VRF.
+  if (!has_context_id(mvpn)) return "Context-id doesn't exist";
+  l3vm_context_info info;
+  if (l3vm_get_context_info(mvpn->pcib->context_id, &info) == 0) return "l3vm_get_context_info() failed";
+  if (info.state != L3VM_STATE_UP) return "l3vm state for context is not UP";
+  // 4. Its identity in BGP.
+  if (mvpn->bgp_rd_set == 0) return "BGP RD is not set";
+  // 5 to 7. The source.
+  if (mvpn->mdt_source_iod == 0) return "MDT source iod is unknown";
+  if (im_is_if_up(mvpn->mdt_source_iod) == 0) return "MDT source iod is down";
+  if (mvpn->mdt_source_addr == 0) return "MDT source address doesn't exist";
+  // 8. The group.
+  return mvpn->mdt_default_group == 0 ? "MDT default group is not configured" : nullptr;
+}
+
+int mvpn_is_default_mdt_ready(mvpn_cibtype *mvpn) {
+  const char *condition = unmet_condition(mvpn);
+  if (condition == nullptr) return 1;
+  MVPN_DEBUG(has_context_id(mvpn) ? mvpn->pcib : pim_null_pcib, "%s", condition);
+  return 0;
+}
+
+// -------------------------------------------------------------------------------------------------------------- set-up
+
+// 2, 3. Without an interface the source's address, VRF and mode stay.
+static void resolve_source(mvpn_cibtype *mvpn) {
+  const bool configured = mvpn->mdt_source_ifname[0] != '\0';
+  const im_iod_t iod = configured ? im_get_if_by_name(mvpn->mdt_source_ifname) : mvpn_bgp_updatesrc_iod;
+  if (iod != 0) {
+    mvpn_update_mdt_source_info(mvpn, iod);
+  } else {
+    mvpn->mdt_source_iod = 0;
+  }
+}
+
+static void bring_up_when_ready(mvpn_cibtype *mvpn) {
+  if (mvpn_is_default_mdt_ready(mvpn) != 0) mvpn_oim_bringup_tunnel(mvpn);
+}
+
+void mvpn_setup_default_mdt(mvpn_cibtype *mvpn) {
+  if (mvpn == nullptr) return;
+  // 1.
+  mvpn_note_change(mvpn, MVPN_LAST_CHANGE_DEFAULT_MDT);
+  // 2, 3.
+  resolve_source(mvpn);
+  // 4.
+  mvpn_bgp_get_rd(mvpn);
+  // 5. In every other status a request is outstanding, or the tunnel is up.
+  switch (mvpn->mti_status) {
+    case MVPN_MTI_NONE:
+    case MVPN_MTI_DELETED:
+      mvpn_oim_tunnel_create(mvpn);
+      break;
+    case MVPN_MTI_CREATED:
+    case MVPN_MTI_DOWN:
+      bring_up_when_ready(mvpn);
+      break;
+    default:
+      break;
+  }
+}
+
+// ----------------------------------------------------------------------------------------------------------- tunnel up
+
+// 3, 4. The MTI borrows the source's address and runs PIM.
+static void enable_pim(mvpn_cibtype *mvpn) {
+  MVPN_DEBUG(pim_null_pcib, "Set unnumbered for %s and target %s", ksink_im_get_if_name(mvpn->mti_iod),
+             ksink_im_get_if_name(mvpn->mdt_source_iod));
+  ip_set_unnumbered(mvpn->mti_iod, ksink_im_get_if_name(mvpn->mdt_source_iod));
+  pim_enable(0, mvpn->pcib, mvpn->mti_iod, 0);
+  mvpn->mti_pim_if = pim_get_iftype(mvpn->mti_iod);
+}
+
+// 6.
+static void configure_pim_interface(const mvpn_cibtype *mvpn) {
+  pim_iftype *interface = mvpn->mti_pim_if;
+  interface->local_addr = mvpn->mdt_source_addr;
+  interface->hello_interval = mvpn->pim_hello_interval;
+  int adjusted = 0;
+  interface->hello_holdtime = pim_calculate_holdtime(mvpn->pim_hello_interval, &adjusted);
+  interface->jp_interval = static_cast<uint16_t>(mvpn->pim_jp_interval);
+  interface->configured_jp_interval = static_cast<uint16_t>(mvpn->pim_jp_interval);
+  interface->mtu = mvpn->mdt_mtu;
+}
+
+// 7. The PE takes part in the group.
+static void advertise_when_ready(mvpn_cibtype *mvpn) {
+  if (mvpn_is_default_mdt_ready(mvpn) == 0) return;
+  mvpn_bgp_mdt_safi_send_one_local_update(mvpn, 1);
+  MVPN_DEBUG(mvpn->pcib, "Sent our local MDT SAFI to BGP ");
+  mvpn_ha_recover_mdt_safi_from_pss(mvpn);
+}
+
+void mvpn_repopulate_default_mdt_route_from_local_cache(mvpn_cibtype *mvpn) {
+  mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_LOCAL_DEFAULT, mvpn->mdt_source_addr, 0, mvpn->mdt_default_group,
+                               0);
+}
+
+// 8 to 11. Encapsulation and core routes of the default group. Remote PEs are those that BGP knows, or, when BGP need
+// not be followed, the sources that the core has routes for.
+static void install_default_group(mvpn_cibtype *mvpn) {
+  mvpn->mdt_group_mode = mvpn_get_group_mode(mvpn->mdt_source_context, mvpn->mdt_default_group);
+  mvpn_add_mdt_encap_info(mvpn, mvpn->mdt_default_group, MVPN_ENCAP_INDEX_DEFAULT);
+  mvpn_repopulate_default_mdt_route_from_local_cache(mvpn);
+  if (mvpn->enforce_bgp_mdt_safi != 0) {
+    mvpn_repopulate_default_mdt_routes_from_bgp_cache(mvpn);
+  } else {
+    mvpn_mdt_add_all_sg_route_resources(mvpn, mvpn->mdt_default_group);
+  }
+}
+
+void mvpn_default_tunnel_up(mvpn_cibtype *mvpn, im_iod_t mti_iod) {
+  // 1.
+  MVPN_DEBUG(mvpn->pcib, "Default MDT tunnel interface %s(%ld) has come up\n", ksink_im_get_if_name(mti_iod),
+             static_cast<long>(mti_iod));
+  // 2.
+  mvpn_set_mti_iod(mvpn, mti_iod);
+  mvpn_set_mti_status(mvpn, MVPN_MTI_UP, "the tunnel interface is up");
+  // 3, 4.
+  enable_pim(mvpn);
+  // 5.
+  if (mvpn->mti_pim_if == nullptr) {
+    MVPN_DEBUG(mvpn->pcib, "Couldnt find PIM interface for default mdt interface %s", ksink_im_get_if_name(mti_iod));
+    return;
+  }
+  // 6.
+  configure_pim_interface(mvpn);
+  // 7.
+  advertise_when_ready(mvpn);
+  // 8 to 11.
+  install_default_group(mvpn);
+  // 12 to 15.
+  mvpn_mrib_trigger_rpf_lookup(mvpn);
+  pim_setup_encap_for_pending_routes(mvpn->pcib);
+  pim_send_periodic_hello(mvpn->mti_pim_if);
+  mvpn_mrib_wakeup_worker_thread();
+}
+
+// --------------------------------------------------------------------------------------------------------- tunnel down
+
+// What follows returns false when the VRF's context went away in a yield.
+
+// Announcements heard and core routes; send: whether the MRIB is told.
+static bool drop_announcements_and_routes(const mvpn_vrf_handle &vrf, mvpn_cibtype *mvpn, int send) {
+  mvpn_destroy_data_mdt_recv_cache(mvpn, 0);
+  if (!vrf.same()) return false;
+  mvpn_mrib_clear_mdt_routes(mvpn, nullptr, 0, 0, 0, 0, 1, send);
+  return vrf.same();
+}
+
+static void free_join_packet(mvpn_cibtype *mvpn) {
+  if (mvpn->data_mdt_join_pkt == nullptr) return;
+  mtrack_free(mvpn->data_mdt_join_pkt);
+  mvpn->data_mdt_join_pkt = nullptr;
+  mvpn->data_mdt_join_capacity = 0;
+}
+
+// Pending switchovers, send records, announcements that were gathered.
+static bool drop_sender_state(const mvpn_vrf_handle &vrf, mvpn_cibtype *mvpn) {
+  mvpn_delete_all_entries_from_switchover_cache(mvpn);
+  mvpn_destroy_all_data_mdt_send_join_info(mvpn);
+  if (!vrf.same()) return false;
+  free_join_packet(mvpn);
+  return true;
+}
+
+// 3, 4. Takes the default MDT apart.
+static bool clean_up(mvpn_cibtype *mvpn, int vrf_down) {
+  const mvpn_vrf_handle vrf(mvpn);
+  // 3.
+  mvpn_set_mti_status(mvpn, MVPN_MTI_DOWN_IN_PROGRESS, "the default MDT goes down");
+  const int notify = mvpn_is_stopping() ? 0 : 1;
+  // 4.1.
+  if (notify != 0) {
+    MVPN_DEBUG(mvpn->pcib, "Sending update to BGP to remove local MDT SAFI");
+    mvpn_bgp_mdt_safi_send_one_local_update(mvpn, 0);
+  }
+  // 4.2, 4.3.
+  if (!drop_announcements_and_routes(vrf, mvpn, notify)) return false;
+  // 4.4. A VRF that is down itself has nothing left to clean up in the MRIB and in its customer routes.
+  const int clean = vrf_down == 0 ? notify : 0;
+  mvpn_delete_all_mdt_encap_info(mvpn, clean);
+  // 4.5, 4.6.
+  active_timer_stop(mvpn->switchover_timer);
+  if (!drop_sender_state(vrf, mvpn)) return false;
+  // 4.7.
+  if (clean != 0) {
+    pim_delete_oif_from_all_routes(mvpn->pcib, mvpn->mti_iod, 0);
+    mvpn_mrib_trigger_rpf_lookup(mvpn);
+  }
+  return true;
+}
+
+// 5. Hands the VRF on: to the worker, behind its route deletions, or out of a module that stops.
+static void conclude_tunnel_down(mvpn_cibtype *mvpn) {
+  if (!mvpn_is_stopping()) {
+    mvpn_mrib_queue_context(mvpn);
+    return;
+  }
+  mvpn_set_mdt_default_group(mvpn, 0);
+  mvpn_set_mti_status(mvpn, MVPN_MTI_DOWN, "the module stops");
+  mvpn_finish_destroy_default_mdt(mvpn);
+}
+
+void mvpn_default_tunnel_down(mvpn_cibtype *mvpn, int vrf_down) {
+  // 1.
+  const bool has_vrf = mvpn != nullptr && mvpn->pcib != nullptr;
+  MVPN_DEBUG(has_vrf ? mvpn->pcib : pim_null_pcib, "Default MDT tunnel interface is going down");
+  if (!has_vrf) return;
+  // 2.
+  const mvpn_mti_status_t status = mvpn->mti_status;
+  if (status == MVPN_MTI_DOWN_IN_PROGRESS && mvpn_is_up()) {
+    MVPN_DEBUG(mvpn->pcib, "MTI down in progress. Skipping cleanup.");
+    return;
+  }
+  if (status == MVPN_MTI_CREATE_PENDING || status == MVPN_MTI_CREATED) {
+    MVPN_DEBUG(mvpn->pcib, "MTI status is Create. Skipping cleanup.");
+  } else if (status == MVPN_MTI_DOWN) {
+    MVPN_DEBUG(mvpn->pcib, "MTI status already down. Skipping cleanup.");
+  } else if (!clean_up(mvpn, vrf_down)) {
+    return;
+  }
+  // 5.
+  conclude_tunnel_down(mvpn);
+}
+
+// ------------------------------------------------------------------------------------------------------------- removal
+
+void mvpn_start_destroy_default_mdt(mvpn_cibtype *mvpn) {
+  // 1, 2.
+  MVPN_DEBUG(mvpn->pcib, "Start tunnel destory");
+  mvpn_set_mdt_default_group(mvpn, 0);
+  // 3. In every other status a request is outstanding; its answer continues.
+  switch (mvpn->mti_status) {
+    case MVPN_MTI_NONE:
+      mvpn_finish_destroy_default_mdt(mvpn);
+      break;
+    case MVPN_MTI_CREATED:
+    case MVPN_MTI_DOWN:
+      mvpn_oim_tunnel_delete(mvpn);
+      break;
+    case MVPN_MTI_UP:
+      mvpn_oim_bringdown_tunnel(mvpn);
+      break;
+    default:
+      break;
+  }
+}
+
+// Frees what still hangs on a context whose end came before its teardown was through; the MRIB is told nothing. False
+// when the context is no longer to be freed: it went away, or was configured anew, in a yield.
+static bool drop_leftovers(mvpn_cibtype *mvpn) {
+  const mvpn_vrf_handle vrf(mvpn);
+  const ip_addr_t group = mvpn->mdt_default_group;
+  if (!drop_announcements_and_routes(vrf, mvpn, 0) || !drop_sender_state(vrf, mvpn)) return false;
+  if (mvpn->mdt_default_group != group) return false;
+  mvpn_free_data_mdt_ranges(mvpn);
+  return true;
+}
+
+// 2, 3.
+static void detach_from_pim(const mvpn_cibtype *mvpn) {
+  if (pim_is_enabled(mvpn->mti_iod) != 0) pim_disable(0, mvpn->pcib, mvpn->mti_pim_if, mvpn->mti_iod, 1, 0, 0);
+  if (!mvpn_is_stopping() && mvpn->mti_iod != 0) ip_unset_unnumbered(mvpn->mti_iod);
+}
+
+void mvpn_finish_destroy_default_mdt(mvpn_cibtype *mvpn) {
+  // 1. Leftovers go first, since that yields; nothing after it does.
+  MVPN_DEBUG(mvpn->pcib, "Finish tunnel destroy");
+  if (!drop_leftovers(mvpn)) return;
+  // 2, 3.
+  detach_from_pim(mvpn);
+  // 4.
+  mvpn_mrib_unqueue_context(mvpn);
+  // 5.
+  mvpn->mti_pim_if = nullptr;
+  mvpn_set_mti_iod(mvpn, 0);
+  MVPN_DEBUG(mvpn->pcib, "mvpn=%p default MDT destroy", static_cast<void *>(mvpn));
+  // 6.
+  if (mvpn->switchover_timer != nullptr) active_timer_cancel(mvpn->switchover_timer);
+  // 7.
+  mvpn_ha_delete_encap_info(mvpn, nullptr);
+  // 8.
+  mvpn_free_context(mvpn);
+}
+
+// --------------------------------------------------------------------------------------------------------- MDT source
+
+int mvpn_update_mdt_source_info(mvpn_cibtype *mvpn, im_iod_t iod) {
+  mvpn->mdt_source_iod = iod;
+  const ip_addr_t address = ip_get_local_addr(iod);
+  const bool changed = address != mvpn->mdt_source_addr;
+  mvpn->mdt_source_addr = address;
+  mvpn->mdt_source_context = l3vm_if_get_context_id(iod);
+  mvpn->mdt_group_mode = mvpn_get_group_mode(mvpn->mdt_source_context, mvpn->mdt_default_group);
+  return changed ? 1 : 0;
+}
+
+// 3. The source has a new address.
+static void follow_new_address(mvpn_cibtype *mvpn) {
+  switch (mvpn->mti_status) {
+    case MVPN_MTI_CREATED:
+    case MVPN_MTI_DOWN:
+      bring_up_when_ready(mvpn);
+      break;
+    case MVPN_MTI_UP_PENDING:
+      mvpn_oim_tunnel_update_source(mvpn);
+      break;
+    case MVPN_MTI_UP:
+      // It comes back with the new source.
+      mvpn_oim_bringdown_tunnel(mvpn);
+      break;
+    default:
+      break;
+  }
+}
+
+// 4. The source has lost its address.
+static void follow_lost_address(mvpn_cibtype *mvpn) {
+  if (mvpn->mti_status == MVPN_MTI_UP_PENDING || mvpn->mti_status == MVPN_MTI_UP) mvpn_oim_bringdown_tunnel(mvpn);
+}
+
+void mvpn_process_mdt_source_change(mvpn_cibtype *mvpn, im_iod_t iod) {
+  // 1.
+  if (mvpn_update_mdt_source_info(mvpn, iod) == 0) return;
+  // 2.
+  MVPN_DEBUG(mvpn->pcib, "MDT Source addr = %s, MTI status = %s", ip_print_addr(mvpn->mdt_source_addr),
+             mvpn_mti_status_str[mvpn->mti_status]);
+  // 3, 4.
+  if (mvpn->mdt_source_addr != 0) {
+    follow_new_address(mvpn);
+  } else {
+    follow_lost_address(mvpn);
+  }
+}
+
+void mvpn_process_bgp_update_source_change(im_iod_t iod) {
+  mvpn_for_each_context([iod](mvpn_cibtype *mvpn) {
+    if (mvpn->mdt_source_ifname[0] != '\0') return true;
+    MVPN_DEBUG(pim_null_pcib, "BGP: Update MTI source for %s\n", mvpn->pcib->vrf_name);
+    mvpn_process_mdt_source_change(mvpn, iod);
+    return true;
+  });
+}
+
+void mvpn_process_address_change(im_iod_t iod) {
+  MVPN_DEBUG(pim_null_pcib, "Received Address change notification for Interface %s\n", ksink_im_get_if_name(iod));
+  mvpn_for_each_context([iod](mvpn_cibtype *mvpn) {
+    if (mvpn->mdt_source_iod != iod) return true;
+    MVPN_DEBUG(pim_null_pcib, "IP: Update MTI source for %s\n", mvpn->pcib->vrf_name);
+    mvpn_process_mdt_source_change(mvpn, iod);
+    return true;
+  });
+}

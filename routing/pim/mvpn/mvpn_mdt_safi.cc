@@ -1,0 +1,348 @@
+// MDT SAFI database and the local advertisement.
+//
+// Every PE announces each of its MVPN-enabled VRFs through BGP as an MDT SAFI route: the VRF's route distinguisher,
+// the PE's MDT source address and the VRF's default MDT group. The database holds every such triple that this PE
+// knows, its own (local) and those of others. Remote entries tell who takes part in a default MDT; local entries
+// record what BGP was last told, so that a withdrawal names exactly what was advertised even after the VRF's source
+// or group has changed. Entries are never persisted: BGP gives them again after a restart.
+//
+// Records. mvpn_bgp_mdt_safi stands in the tree mvpn_bgp_mdt_safi_db under {source, RD}, compared byte by byte as the
+// bytes lie in memory; on a little-endian machine that is not the numeric order of addresses. The group is no part of
+// the key: there is one entry per (source, RD). Two indexes, both in tree order, answer what would else be a walk of
+// the whole database:
+//   safi_by_group   every entry by group: rebuilding the routes of one VRF, the equivalent entry of another RD;
+//   safi_local_by_rd  local entries by RD: what to withdraw.
+//
+// Flow. An advertisement fills a 56-byte entry of a message to BGP and records the triple; a withdrawal takes the
+// first local entry with the VRF's RD, fills it in and removes it. BGP may ask for the whole set, which goes out in
+// messages of at most 100 entries; the last entry is a mark that ends the set.
+//
+// Invariants. An entry is in the tree and in safi_by_group, or in neither; it is in safi_local_by_rd exactly while
+// `local` is 1. The key fields never change while an entry is stored. The database is told what was filled in, not
+// what the transport accepted: nothing is rolled back or sent again when a send fails.
+//
+// Everything runs on the main thread and nothing here yields.
+#include "mvpn_mdt_safi.h"
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <set>
+
+#include "ip.h"
+#include "mvpn_core.h"
+#include "mvpn_diag.h"
+#include "mvpn_ha.h"
+#include "mvpn_wire.h"
+
+ravl_tree mvpn_bgp_mdt_safi_db;
+uint8_t mvpn_bgp_local_update_buf[MVPN_BGP_LOCAL_UPDATE_SIZE];
+
+static_assert(MVPN_BGP_LOCAL_UPDATE_SIZE == 5602);
+static_assert(MVPN_BGP_ONE_UPDATE_SIZE == 58);
+static_assert(offsetof(mvpn_bgp_mdt_safi_key, bgp_rd) == 4 && offsetof(mvpn_bgp_mdt_safi_key, mdt_grp) == 12);
+
+// ------------------------------------------------------------------------------------------------- order and indexes
+
+// The tree key of an entry: source and RD, as they lie in memory.
+static const uint8_t *tree_key(const mvpn_bgp_mdt_safi *entry) {
+  return reinterpret_cast<const uint8_t *>(entry) + offsetof(mvpn_bgp_mdt_safi, mdt_src);
+}
+
+namespace {
+
+struct by_group {
+  bool operator()(const mvpn_bgp_mdt_safi *a, const mvpn_bgp_mdt_safi *b) const {
+    if (a->mdt_grp != b->mdt_grp) return a->mdt_grp < b->mdt_grp;
+    return std::memcmp(tree_key(a), tree_key(b), MVPN_MDT_SAFI_TREE_KEY_SIZE) < 0;
+  }
+};
+
+// Entries with the same RD stand in tree order, which is then the order of their sources.
+struct by_rd {
+  bool operator()(const mvpn_bgp_mdt_safi *a, const mvpn_bgp_mdt_safi *b) const {
+    const int order = std::memcmp(a->bgp_rd, b->bgp_rd, ROUTE_DISTINGUISHER_SIZE);
+    return order != 0 ? order < 0 : std::memcmp(tree_key(a), tree_key(b), sizeof a->mdt_src) < 0;
+  }
+};
+
+}  // namespace
+
+static std::set<mvpn_bgp_mdt_safi *, by_group> safi_by_group;
+static std::set<mvpn_bgp_mdt_safi *, by_rd> safi_local_by_rd;
+
+// Inserts into an index; 0 after a report when memory ran out.
+template <typename Index>
+static int index_insert(Index &index, mvpn_bgp_mdt_safi *entry, const char *function) {
+  try {
+    index.insert(entry);
+    return 1;
+  } catch (const std::bad_alloc &) {
+    mvpn_report(msg_error_PIM_MALLOC, sizeof(typename Index::value_type), function);
+    return 0;
+  }
+}
+
+// A record that serves as the bound of an index look-up only.
+static mvpn_bgp_mdt_safi probe_of(const mvpn_bgp_mdt_safi_key &key) {
+  mvpn_bgp_mdt_safi probe{};
+  probe.mdt_src = key.mdt_src;
+  std::memcpy(probe.bgp_rd, key.bgp_rd, sizeof probe.bgp_rd);
+  probe.mdt_grp = key.mdt_grp;
+  return probe;
+}
+
+static bool same_rd(const uint8_t *a, const uint8_t *b) { return std::memcmp(a, b, ROUTE_DISTINGUISHER_SIZE) == 0; }
+
+mvpn_bgp_mdt_safi_key mvpn_bgp_mdt_safi_key_of(const mvpn_bgp_mdt_safi *entry) {
+  mvpn_bgp_mdt_safi_key key;
+  std::memcpy(&key, tree_key(entry), sizeof key);
+  return key;
+}
+
+mvpn_bgp_mdt_safi *mvpn_bgp_mdt_safi_of_group_after(ip_addr_t group, const mvpn_bgp_mdt_safi_key *key) {
+  mvpn_bgp_mdt_safi probe = probe_of(key != nullptr ? *key : mvpn_bgp_mdt_safi_key{});
+  probe.mdt_grp = group;
+  const auto found = key != nullptr ? safi_by_group.upper_bound(&probe) : safi_by_group.lower_bound(&probe);
+  return found != safi_by_group.end() && (*found)->mdt_grp == group ? *found : nullptr;
+}
+
+// The one place that changes an entry's local flag, which stays set until the entry is deleted. 0: memory ran out.
+static int mark_local(mvpn_bgp_mdt_safi *entry) {
+  if (index_insert(safi_local_by_rd, entry, __func__) == 0) return 0;
+  entry->local = 1;
+  return 1;
+}
+
+// The first local entry with this RD in tree order, or null.
+static mvpn_bgp_mdt_safi *first_local_entry(const uint8_t *rd) {
+  mvpn_bgp_mdt_safi probe{};
+  std::memcpy(probe.bgp_rd, rd, sizeof probe.bgp_rd);
+  const auto found = safi_local_by_rd.lower_bound(&probe);
+  return found != safi_local_by_rd.end() && same_rd((*found)->bgp_rd, rd) ? *found : nullptr;
+}
+
+// ---------------------------------------------------------------------------------------------------------- database
+
+void mvpn_bgp_mdt_safi_init_db() {
+  // Their slab was dropped by the stop that left them in place.
+  for (mvpn_bgp_mdt_safi *survivor : safi_by_group) slab_free(nullptr, survivor);
+  safi_by_group.clear();
+  safi_local_by_rd.clear();
+  ravl_init(&mvpn_bgp_mdt_safi_db, MVPN_MDT_SAFI_TREE_KEY_SIZE, offsetof(mvpn_bgp_mdt_safi, mdt_src), nullptr);
+}
+
+mvpn_bgp_mdt_safi *mvpn_bgp_create_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *key) {
+  auto *entry = static_cast<mvpn_bgp_mdt_safi *>(slab_calloc(mvpn_slabs[MVPN_SLAB_BGP_MDT_SAFI]));
+  if (entry == nullptr) {
+    mvpn_report(msg_error_PIM_MALLOC, sizeof *entry, "mvpn_bgp_create_mdt_safi_entry");
+    return nullptr;
+  }
+  entry->mdt_src = key->mdt_src;
+  std::memcpy(entry->bgp_rd, key->bgp_rd, sizeof entry->bgp_rd);
+  entry->mdt_grp = key->mdt_grp;
+  if (ravl_insert(&mvpn_bgp_mdt_safi_db, entry) == 0) {
+    mvpn_report(msg_error_PIM_AVL_ERROR, "ravl_insert", "mvpn_bgp_mdt_safi_db");
+    slab_free(mvpn_slabs[MVPN_SLAB_BGP_MDT_SAFI], entry);
+    return nullptr;
+  }
+  if (index_insert(safi_by_group, entry, __func__) == 0) {
+    ravl_delete(&mvpn_bgp_mdt_safi_db, entry);
+    slab_free(mvpn_slabs[MVPN_SLAB_BGP_MDT_SAFI], entry);
+    return nullptr;
+  }
+  mvpn_ha_store_mdt_safi_to_pss(entry);
+  return entry;
+}
+
+mvpn_bgp_mdt_safi *mvpn_bgp_get_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *key) {
+  if (key == nullptr) return nullptr;
+  return static_cast<mvpn_bgp_mdt_safi *>(ravl_lookup(&mvpn_bgp_mdt_safi_db, key));
+}
+
+int mvpn_bgp_delete_mdt_safi_entry(mvpn_bgp_mdt_safi *entry) {
+  ravl_delete(&mvpn_bgp_mdt_safi_db, entry);
+  safi_local_by_rd.erase(entry);
+  safi_by_group.erase(entry);
+  mvpn_ha_remove_mdt_safi_from_pss(entry);
+  slab_free(mvpn_slabs[MVPN_SLAB_BGP_MDT_SAFI], entry);
+  return 1;
+}
+
+mvpn_bgp_mdt_safi *mvpn_bgp_get_equivalent_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *key) {
+  if (key == nullptr) return nullptr;
+  // Of the group's entries, those of one source stand together; at most one of them has the key's own RD, so the
+  // answer is the first or the second.
+  mvpn_bgp_mdt_safi probe = probe_of(*key);
+  std::memset(probe.bgp_rd, 0, sizeof probe.bgp_rd);
+  for (auto found = safi_by_group.lower_bound(&probe); found != safi_by_group.end(); ++found) {
+    mvpn_bgp_mdt_safi *entry = *found;
+    if (entry->mdt_grp != key->mdt_grp || entry->mdt_src != key->mdt_src) break;
+    if (!same_rd(entry->bgp_rd, key->bgp_rd)) return entry;
+  }
+  return nullptr;
+}
+
+void mvpn_bgp_mdt_safi_delete_all() {
+  // The count is 0 also of a tree that a start which failed early never set up.
+  while (mvpn_bgp_mdt_safi_db.count != 0) {
+    mvpn_bgp_delete_mdt_safi_entry(static_cast<mvpn_bgp_mdt_safi *>(ravl_get_first_node(&mvpn_bgp_mdt_safi_db, 0)));
+  }
+}
+
+// ---------------------------------------------------------------------------------------- RD and connector attribute
+
+void mvpn_bgp_get_rd(mvpn_cibtype *mvpn) {
+  if (mvpn == nullptr || mvpn->pcib == nullptr || mvpn->bgp_rd_set != 0) return;
+  if (pim_bgp_initialized == 0) {
+    MVPN_DEBUG(mvpn->pcib, "Couldnt obtain RD info, havent initialized with BGP");
+    return;
+  }
+  if (bgp_get_rd(mvpn->pcib->vrf_name, mvpn->bgp_rd, 0) == 0) {
+    MVPN_DEBUG(mvpn->pcib, "Failed to get RD information");
+    return;
+  }
+  mvpn->bgp_rd_set = 1;
+  MVPN_DEBUG(mvpn->pcib, "Obtained RD information");
+}
+
+mvpn_cibtype *mvpn_bgp_get_context_by_connector_attribute(void *first, void *attribute, ip_addr_t *source) {
+  if (attribute == nullptr) return nullptr;
+  mvpn_bgp_mdt_safi_key key{};
+  bgp_mvpn_get_conattr(first, attribute, key.bgp_rd, &key.mdt_src);
+  MVPN_DEBUG(pim_null_pcib, "Connector attribute: RD = %s, mdt source = %s\n", mvpn_bgp_print_rd(key.bgp_rd),
+             ip_print_addr(key.mdt_src));
+  if (key.mdt_src == 0) return nullptr;
+  if (source != nullptr) *source = key.mdt_src;
+  const mvpn_bgp_mdt_safi *entry = mvpn_bgp_get_mdt_safi_entry(&key);
+  if (entry == nullptr || entry->mdt_grp == 0) return nullptr;
+  return mvpn_get_context_by_mdt_group(entry->mdt_grp);
+}
+
+// ------------------------------------------------------------------------------------------------ local entries
+
+int mvpn_bgp_mdt_safi_add_local(mvpn_cibtype *mvpn) {
+  MVPN_DEBUG(mvpn->pcib, "Caching our MDT-SAFI info");
+  mvpn_bgp_mdt_safi_key key{};
+  key.mdt_src = mvpn->mdt_source_addr;
+  std::memcpy(key.bgp_rd, mvpn->bgp_rd, sizeof key.bgp_rd);
+  key.mdt_grp = mvpn->mdt_default_group;
+  if (mvpn_bgp_get_mdt_safi_entry(&key) != nullptr) return 1;
+  mvpn_bgp_mdt_safi *entry = mvpn_bgp_create_mdt_safi_entry(&key);
+  if (entry != nullptr && mark_local(entry) != 0) return 1;
+  // An entry that could not be marked local would pass for a remote PE's.
+  if (entry != nullptr) mvpn_bgp_delete_mdt_safi_entry(entry);
+  MVPN_DEBUG(mvpn->pcib, "Couldnt add our MDT-SAFI info into database");
+  return 0;
+}
+
+int mvpn_bgp_mdt_safi_delete_local(const uint8_t *rd, ip_addr_t source, ip_addr_t group) {
+  MVPN_DEBUG(pim_null_pcib, "Deleting MDT-SAFI info for RD %s, src = %s,grp = %s", mvpn_bgp_print_rd(rd),
+             ip_print_addr(source), ip_print_addr(group));
+  mvpn_bgp_mdt_safi_key key{};
+  key.mdt_src = source;
+  std::memcpy(key.bgp_rd, rd, sizeof key.bgp_rd);
+  key.mdt_grp = group;
+  mvpn_bgp_mdt_safi *entry = mvpn_bgp_get_mdt_safi_entry(&key);
+  if (entry == nullptr) {
+    MVPN_DEBUG(pim_null_pcib, "Couldnt find the MDT-SAFI info while deletion for RD %s", mvpn_bgp_print_rd(rd));
+    return 0;
+  }
+  if (entry->local == 0) MVPN_DEBUG(pim_null_pcib, "Our MDT-SAFI is marked as non-local !");
+  return mvpn_bgp_delete_mdt_safi_entry(entry);
+}
+
+// -------------------------------------------------------------------------------------------------- local updates
+
+static uint16_t entry_count(const uint8_t *buffer) { return load_host<uint16_t>(buffer); }
+
+// The free slot behind the counted entries.
+static uint8_t *next_slot(uint8_t *buffer) {
+  return buffer + BGP_MDT_SAFI_COUNT_SIZE + size_t{entry_count(buffer)} * BGP_MDT_SAFI_ENTRY_SIZE;
+}
+
+static void count_slot(uint8_t *buffer) {
+  store_host<uint16_t>(buffer, static_cast<uint16_t>(entry_count(buffer) + 1));
+}
+
+static void put_vrf_name(uint8_t *slot, const mvpn_cibtype *mvpn) {
+  uint8_t *name = slot + BGP_MDT_SAFI_ENTRY_VRF_NAME;
+  std::memset(name, 0, VRF_NAME_MAX + 1);
+  std::memcpy(name, mvpn->pcib->vrf_name, strnlen(mvpn->pcib->vrf_name, VRF_NAME_MAX));
+}
+
+// Completes a slot with a triple and counts it.
+static void put_triple(uint8_t *buffer, const mvpn_cibtype *mvpn, ip_addr_t source, ip_addr_t group,
+                       const char *purpose) {
+  MVPN_DEBUG(pim_null_pcib, "Fill BGP MDT SAFI message VRF %s, RD %s, Group %s, Source %s for %s\n",
+             mvpn->pcib->vrf_name, mvpn_bgp_print_rd(mvpn->bgp_rd), ip_print_addr(group), ip_print_addr(source),
+             purpose);
+  uint8_t *slot = next_slot(buffer);
+  store_host<uint32_t>(slot + BGP_MDT_SAFI_ENTRY_SOURCE, source);
+  std::memcpy(slot + BGP_MDT_SAFI_ENTRY_RD, mvpn->bgp_rd, ROUTE_DISTINGUISHER_SIZE);
+  store_host<uint32_t>(slot + BGP_MDT_SAFI_ENTRY_GROUP, group);
+  count_slot(buffer);
+}
+
+int mvpn_bgp_mdt_safi_fill_local_update(uint8_t *buffer, mvpn_cibtype *mvpn, int add) {
+  if (buffer == nullptr) return 0;
+  // 1. The slot gets these even when there turns out to be nothing to withdraw; it is then not counted, and the next
+  //    entry overwrites it.
+  uint8_t *slot = next_slot(buffer);
+  put_vrf_name(slot, mvpn);
+  slot[BGP_MDT_SAFI_ENTRY_ADD] = add != 0 ? 1 : 0;
+  // 2. Advertisement.
+  if (add != 0) {
+    put_triple(buffer, mvpn, mvpn->mdt_source_addr, mvpn->mdt_default_group, "Add");
+    mvpn_bgp_mdt_safi_add_local(mvpn);
+    return 1;
+  }
+  // 3. Withdrawal of what was advertised under the VRF's RD.
+  if (const mvpn_bgp_mdt_safi *entry = first_local_entry(mvpn->bgp_rd)) {
+    const mvpn_bgp_mdt_safi_key advertised = mvpn_bgp_mdt_safi_key_of(entry);
+    put_triple(buffer, mvpn, advertised.mdt_src, advertised.mdt_grp, "Delete");
+    mvpn_bgp_mdt_safi_delete_local(mvpn->bgp_rd, advertised.mdt_src, advertised.mdt_grp);
+  }
+  return 1;
+}
+
+int mvpn_bgp_mdt_safi_fill_end_of_local_update(uint8_t *buffer) {
+  if (buffer == nullptr) return 0;
+  next_slot(buffer)[BGP_MDT_SAFI_ENTRY_END_OF_LOCAL] = 1;
+  count_slot(buffer);
+  return 1;
+}
+
+int mvpn_bgp_mdt_safi_send_local_update(const uint8_t *buffer, uint32_t size) {
+  if (mts_send(mvpn_mts_q, MTS_DESTINATION_BGP, 0, MTS_OPC_MVPN_BGP_MDT_SAFI_LOCAL_UPDATE, buffer, size, 0, 0, 0) < 0) {
+    mvpn_report(msg_error_PIM_MTS_SEND, "mvpn_bgp_mdt_safi_send_local_update", std::strerror(errno));
+    return 0;
+  }
+  MVPN_DEBUG(pim_null_pcib, "Sent MTS_OPC_MVPN_BGP_MDT_SAFI_LOCAL_UPDATE notification, size %d with %d count\n",
+             static_cast<int>(size), static_cast<int>(entry_count(buffer)));
+  return 1;
+}
+
+int mvpn_bgp_mdt_safi_send_one_local_update(mvpn_cibtype *mvpn, int add) {
+  uint8_t buffer[MVPN_BGP_ONE_UPDATE_SIZE] = {};
+  if (mvpn_bgp_mdt_safi_fill_local_update(buffer, mvpn, add) == 0) return 0;
+  return mvpn_bgp_mdt_safi_send_local_update(buffer, sizeof buffer);
+}
+
+void mvpn_bgp_process_local_request(mts_message *) {
+  uint8_t *buffer = mvpn_bgp_local_update_buf;
+  std::memset(buffer, 0, MVPN_BGP_LOCAL_UPDATE_SIZE);
+  MVPN_DEBUG(pim_null_pcib, "Received local MDT SAFI request\n");
+  mvpn_for_each_context([buffer](mvpn_cibtype *mvpn) {
+    if (!mvpn_is_default_mdt_ready(mvpn)) return true;
+    mvpn_bgp_mdt_safi_fill_local_update(buffer, mvpn, 1);
+    if (entry_count(buffer) == MVPN_BGP_LOCAL_UPDATE_ENTRIES) {
+      mvpn_bgp_mdt_safi_send_local_update(buffer, MVPN_BGP_LOCAL_UPDATE_SIZE);
+      std::memset(buffer, 0, MVPN_BGP_LOCAL_UPDATE_SIZE);
+    }
+    return true;
+  });
+  // A full buffer has just been sent, so there is room for the mark.
+  mvpn_bgp_mdt_safi_fill_end_of_local_update(buffer);
+  mvpn_bgp_mdt_safi_send_local_update(buffer, BGP_MDT_SAFI_COUNT_SIZE + entry_count(buffer) * BGP_MDT_SAFI_ENTRY_SIZE);
+}

@@ -1,0 +1,147 @@
+// The MDT source: its interface is replaced, loses or changes its address, goes down, appears late.
+#include <cstring>
+
+#include "module_test.h"
+#include "mvpn_core.h"
+#include "mvpn_mdt_safi.h"
+
+namespace {
+
+class Source : public ModuleTest {
+ protected:
+  static std::vector<std::string> operations() {
+    std::vector<std::string> out;
+    for (const ref::OimRequest &request : ref::oim_requests()) out.push_back(request.operation);
+    return out;
+  }
+};
+
+TEST_F(Source, AnAddressChangeActsByStatus) {
+  using S = std::vector<std::string>;
+  const struct {
+    mvpn_mti_status_t status;
+    S with_address;
+    S without;
+  } cases[] = {
+      {MVPN_MTI_NONE, {}, {}},
+      {MVPN_MTI_CREATE_PENDING, {}, {}},
+      {MVPN_MTI_CREATED, {"modify", "bringup"}, {}},
+      {MVPN_MTI_DOWN_PENDING, {}, {}},
+      {MVPN_MTI_DOWN_IN_PROGRESS, {}, {}},
+      {MVPN_MTI_DOWN, {"modify", "bringup"}, {}},
+      {MVPN_MTI_DELETE_PENDING, {}, {}},
+      {MVPN_MTI_DELETED, {}, {}},
+      {MVPN_MTI_UP_PENDING, {"modify"}, {"bringdown"}},
+      {MVPN_MTI_UP, {"bringdown"}, {"bringdown"}},
+  };
+  start();
+  mvpn_cibtype *red = bring_up("red", 2, "239.1.1.1");
+  const im_iod_t source = red->mdt_source_iod;
+  ref::set_oim_answers(false);
+  ref::enable_interface_events(false);
+  // The tunnel interface exists and is down, so that a bring-up is a request.
+  ref::set_interface_state(ref::find_interface(red->mti_iod)->name, false);
+  uint32_t host = 10;
+  for (const auto &c : cases)
+    for (const bool address : {true, false}) {
+      SCOPED_TRACE(std::string(mvpn_mti_status_str[c.status]) + (address ? ", new address" : ", no address"));
+      red->mti_status = c.status;
+      ref::set_interface_address("loopback0", address ? addr("10.0.0.0") + ++host : 0);
+      ref::clear_oim_requests();
+      mvpn_process_address_change(source);
+      EXPECT_EQ(operations(), address ? c.with_address : c.without);
+      EXPECT_EQ(red->mdt_source_addr != 0, address);
+    }
+  red->mti_status = MVPN_MTI_UP;
+  ref::set_oim_answers(true);
+}
+
+TEST_F(Source, TheSameAddressOnAnotherInterfaceChangesNoTunnel) {
+  start();
+  const im_iod_t other = ref::create_interface("loopback1", VRF_CONTEXT_ID_DEFAULT, addr("10.0.0.1"), true);
+  mvpn_cibtype *red = bring_up("red", 2, "239.1.1.1");
+  ref::clear_oim_requests();
+  mvpn_process_mdt_source_change(red, other);
+  EXPECT_EQ(red->mdt_source_iod, other);
+  EXPECT_TRUE(ref::oim_requests().empty());
+}
+
+TEST_F(Source, AnAddressChangeRebuildsTunnelAdvertisementAndRoutes) {
+  start();
+  ref::add_ssm_range(addr("239.0.0.0"), 8);
+  mvpn_cibtype *red = bring_up("red", 2, "239.1.1.1");
+  ref::set_interface_address("loopback0", addr("10.0.0.77"));
+  ref::settle();
+  EXPECT_EQ(red->mti_status, MVPN_MTI_UP);
+  EXPECT_EQ(ref::find_tunnel(red->mti_ifindex)->source, addr("10.0.0.77"));
+  const auto entries = ref::bgp_local_entries();
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].source, addr("10.0.0.77"));
+  ASSERT_EQ(ref::mrib_routes().size(), 1u);
+  EXPECT_EQ(ref::mrib_routes()[0].addrs.source, addr("10.0.0.77"));
+}
+
+TEST_F(Source, ANewUpdateSourceLeavesConfiguredSourcesAlone) {
+  start();
+  ref::create_interface("loopback1", VRF_CONTEXT_ID_DEFAULT, addr("10.0.0.2"), true);
+  mvpn_cibtype *red = bring_up("red", 2, "239.1.1.1");
+  mvpn_cibtype *blue = bring_up("blue", 3, "239.1.1.2");
+  command("mdt_source_cmd", "blue", {{"<interface>", "loopback0"}});
+  ref::settle();
+  ref::bgp_set_update_source("loopback1", true);
+  ref::settle();
+  EXPECT_EQ(red->mdt_source_addr, addr("10.0.0.2"));
+  EXPECT_EQ(blue->mdt_source_addr, addr("10.0.0.1"));
+  EXPECT_EQ(red->mti_status, MVPN_MTI_UP);
+  EXPECT_EQ(ref::find_tunnel(red->mti_ifindex)->source, addr("10.0.0.2"));
+}
+
+TEST_F(Source, ASourceInterfaceThatGoesDownTakesItsVrfsDownAndBack) {
+  start();
+  mvpn_cibtype *red = bring_up("red", 2, "239.1.1.1");
+  mvpn_cibtype *blue = bring_up("blue", 3, "239.1.1.2");
+  ref::set_interface_state("loopback0", false);
+  ref::settle();
+  EXPECT_EQ(red->mti_status, MVPN_MTI_DOWN);
+  EXPECT_EQ(blue->mti_status, MVPN_MTI_DOWN);
+  EXPECT_TRUE(ref::mrib_routes().empty());
+  EXPECT_TRUE(ref::bgp_local_entries().empty());
+  ref::set_interface_state("loopback0", true);
+  ref::settle();
+  EXPECT_EQ(red->mti_status, MVPN_MTI_UP);
+  EXPECT_EQ(blue->mti_status, MVPN_MTI_UP);
+}
+
+// VRFs wait for an update source that is created late: each is told once, though telling one walks all of them.
+TEST_F(Source, AnUpdateSourceThatAppearsReachesEveryWaitingVrf) {
+  ref::bgp_set_update_source("loopback9", false);
+  start();
+  for (const char *vrf : {"a", "b", "c"}) {
+    add_vrf(vrf, static_cast<vrf_context_id_t>(vrf[0]));
+    configure(vrf, std::string("239.1.1.") + std::to_string(vrf[0]));
+    EXPECT_EQ(context(vrf)->mdt_source_iod, 0u);
+  }
+  capture_debug();
+  ref::create_interface("loopback9", VRF_CONTEXT_ID_DEFAULT, addr("10.0.0.9"), true);
+  ref::settle();
+  EXPECT_EQ(debug_count("BGP: Update MTI source for "), 3u);
+  for (const char *vrf : {"a", "b", "c"}) {
+    EXPECT_EQ(context(vrf)->mdt_source_addr, addr("10.0.0.9"));
+    EXPECT_EQ(context(vrf)->mti_status, MVPN_MTI_UP);
+  }
+}
+
+TEST_F(Source, AConfiguredSourceThatAppearsIsOnlyNoted) {
+  start();
+  ref::enable_interface_events(false);
+  add_vrf("red", 2);
+  mvpn_cibtype *red = mvpn_create_context(nullptr, "red");
+  command("mdt_source_cmd", "red", {{"<interface>", "ethernet7"}});
+  EXPECT_EQ(red->mdt_source_iod, 0u);
+  const im_iod_t iod = ref::create_interface("ethernet7", VRF_CONTEXT_ID_DEFAULT, addr("10.7.7.7"), true);
+  mvpn_interface_create(iod);
+  EXPECT_EQ(red->mdt_source_iod, iod);
+  EXPECT_EQ(red->mdt_source_addr, 0u) << "the address comes with the next set-up or address change";
+}
+
+}  // namespace
