@@ -40,6 +40,11 @@ struct Build : Word {
     key = true;
     return std::move(*this);
   }
+  // The keyword is an argument of the command under this name.
+  Build recorded(std::string under) && {
+    name = std::move(under);
+    return std::move(*this);
+  }
   Build again() && {
     repeats = true;
     return std::move(*this);
@@ -287,6 +292,7 @@ Word show_mvpn_words() {
                  .then({
                      module_view("route", "Core routes of every VRF", "mvpn_show_mdt_route_cmd"),
                      module_view("bgp", "MDT SAFI database", "mvpn_show_mdt_bgp_cmd")
+                         .recorded("pim")
                          .then({argument(ValueType::address, "A.B.C.D", "<src-addr>", "Entries of one PE")
                                     .runs(Command::show_module, "mvpn_show_mdt_bgp_cmd")}),
                      module_view("encap", "Encapsulation table", "mvpn_show_mdt_encap_cmd").with({vrf_option()}),

@@ -3,6 +3,7 @@
 #include "config.h"
 
 #include <algorithm>
+#include <climits>
 #include <set>
 
 namespace host {
@@ -80,11 +81,11 @@ void Checker::check_unique(Command command, const std::string &what) {
   for (const auto &[id, block] : config.blocks()) {
     const Line *line = id.mode == Mode::vrf ? block->find(command) : nullptr;
     if (line == nullptr) continue;
-    const Owner owner{id.name, line->number};
+    const Owner owner{id.name, line->number == 0 ? INT_MAX : line->number};  // an operator's line came last
     const auto [other, inserted] = owners.emplace(*find_argument(line->statement, "id"), owner);
     if (inserted) continue;
     const bool later = owner.line >= other->second.line;
-    fail(std::max(owner.line, other->second.line),
+    fail(later ? line->number : other->second.line,
          what + " " + other->first + " belongs to VRF " + (later ? other->second.vrf : owner.vrf));
   }
 }
@@ -92,7 +93,7 @@ void Checker::check_unique(Command command, const std::string &what) {
 void Checker::check_interface_exists(const BlockId &vrf, const Line &line, const std::string &name) {
   if (name == "mvpn") return;
   const Block *interface = config.find({Mode::interface, name});
-  if (interface == nullptr) return fail(line.number, "there is no interface " + name);
+  if (interface == nullptr) return fail(line.number, "VRF " + vrf.name + ": there is no interface " + name);
   const std::string *of = interface->value(Command::interface_vrf, "name");
   if (of == nullptr || *of != vrf.name) fail(line.number, "interface " + name + " is not in VRF " + vrf.name);
 }
@@ -102,7 +103,7 @@ void Checker::check_interface(const BlockId &id, const Block &block) {
   const Line *line = block.find(Command::interface_vrf);
   if (line == nullptr) return;
   const std::string &vrf = *find_argument(line->statement, "name");
-  if (config.vrf(vrf) == nullptr) fail(line->number, "there is no VRF " + vrf);
+  if (config.vrf(vrf) == nullptr) fail(line->number, "interface " + id.name + ": there is no VRF " + vrf);
 }
 
 void Checker::check_vrf(const BlockId &id, const Block &block) {

@@ -1,5 +1,5 @@
-// Start and stop. What depends on something starts after it and stops before it: store, module, links, control socket;
-// then control socket, views, links, module, store.
+// Start and stop. Everything that can be refused is tried before the module starts: files, the store, the control socket.
+// The module stops when nothing calls it any more: control socket, views, links, module.
 #include "daemon.h"
 
 #include <sys/stat.h>
@@ -61,13 +61,14 @@ Daemon::Daemon(DaemonOptions options, Config config)
   router_.emplace(loop_, module, std::move(router_options));
   engine_.emplace(*router_);
   if (options_.debug) engine_->debug("", true);
-  router_->start(std::move(config));
-  loop_.set_turn_end([this] { router_->settle(); });
+  // Clients that come early wait until the loop runs.
   control_.emplace(loop_.io(), options_.control_path,
                    [this](const ControlServer::Request &request, const std::shared_ptr<OutputChannel> &channel) {
                      Loop::Turn command(loop_);
                      engine_->execute(request, channel);
                    });
+  router_->start(std::move(config));
+  loop_.set_turn_end([this] { router_->settle(); });
   watch_signals();
   log("serving on " + options_.control_path);
   notify_service_manager("READY=1");

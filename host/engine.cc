@@ -44,13 +44,12 @@ bool is_view(const Statement &statement) {
 
 // The line with a mark below the word that is wrong.
 std::string pointed_out(const std::vector<std::string> &words, const SyntaxError &error) {
-  std::string line = "  ", mark = "  ";
-  for (size_t i = 0; i < words.size(); i++) {
-    if (i == error.word) mark = std::string(line.size(), ' ');
-    line += words[i] + " ";
+  std::string line = " ", mark;
+  for (size_t i = 0; i <= words.size(); i++) {
+    if (i == error.word) mark = std::string(line.size() + 1, ' ') + "^";
+    if (i < words.size()) line += " " + words[i];
   }
-  if (error.word >= words.size()) mark = std::string(line.size(), ' ');
-  return line + "\n" + mark + "^\n" + error.reason + "\n";
+  return line + "\n" + mark + "\n" + error.reason + "\n";
 }
 
 Outcome missing(const char *what, const std::string &name) {

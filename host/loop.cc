@@ -18,7 +18,12 @@ Loop::Loop() : timer_(io_) {
   ref::main_release();
 }
 
-Loop::~Loop() { ref::set_waker(nullptr); }
+Loop::~Loop() {
+  ref::set_waker(nullptr);
+  ref::main_acquire();
+  ref::reset();
+  ref::main_release();
+}
 
 Loop::Turn::Turn(Loop &loop) : loop_(loop) {
   if (loop_.depth_++ == 0) ref::main_acquire();

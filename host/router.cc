@@ -6,8 +6,8 @@
 // default", which may free the VRF's settings; VRFs before interfaces; "mdt default", which makes a VRF's settings
 // exist, before the other MDT commands.
 //
-// A VRF can be deleted only when the module has left it, which takes a tunnel's teardown. Until then it is "leaving";
-// when it has gone, whatever the configuration says about a VRF of that name is built.
+// A VRF can be deleted only when the module has left it, which takes a tunnel's teardown. Until then it is "leaving", and
+// a VRF that needs its name or its numbers is "waiting"; when it has gone, what the configuration says is built.
 #include "router.h"
 
 #include <algorithm>
@@ -96,10 +96,9 @@ void Router::start(Config config) {
   const std::vector<LineChange> changes = difference(Config(), running_);
   build(Config(), changes);
   if (!follow_feature()) throw std::runtime_error("the module does not start; see the log");
-  // What the handlers asked for during the replay has been replayed already.
-  ref::run_pending();
-  ref::set_cli_replay([this](const std::string &vrf) { replay_vrf(vrf); });
   ref::enable_interface_events(true);
+  // What the handlers asked to be replayed has been: those requests are in the queue, and nobody listens to them yet.
+  ref::post([this] { ref::set_cli_replay([this](const std::string &vrf) { replay_vrf(vrf); }); });
   for (const LineChange &change : changes)
     if (change.block.mode == Mode::vrf && change.after != nullptr && change.after->statement.command == Command::mroute)
       set_route(change.block.name, change.after->statement.key);
@@ -121,8 +120,11 @@ bool Router::follow_feature() {
 
 bool Router::start_module() {
   ref::set_module(module_.entries);
-  if (module_.init() == 0) return false;
   module_runs_ = true;
+  if (module_.init() == 0) {
+    stop_module();
+    return false;
+  }
   if (!commands_registered_) module_.init_cli();
   commands_registered_ = true;
   replay_all();
@@ -192,7 +194,7 @@ Outcome Router::configure(const std::vector<Statement> &statements) {
   Outcome outcome = change_to(std::move(wanted));
   if (!outcome.accepted || !to_module) return outcome;
   // Whether the store changes is the handler's to say, also when the line is there already.
-  if (leaving_.contains(block.name)) return {false, "VRF " + block.name + " is being deleted\n"};
+  if (!is_there(block.name)) return {false, "VRF " + block.name + " waits for a VRF that is being deleted\n"};
   outcome = run_handler(block.name, command, command.no, true);
   if (outcome.accepted) running_.edit(block, command);
   return outcome;
@@ -207,7 +209,7 @@ Outcome Router::change_to(Config wanted) {
   Outcome outcome;
   for (const ConfigError &error : wanted.check()) {
     outcome.accepted = false;
-    outcome.text += (error.line > 0 ? "line " + std::to_string(error.line) + ": " : "") + error.reason + "\n";
+    outcome.text += error.reason + "\n";
   }
   if (!outcome.accepted) return outcome;
   const Config before = running_;
@@ -243,8 +245,7 @@ void Router::withdraw(const std::vector<LineChange> &changes, std::vector<Reject
     if (!outcome.accepted) rejections->push_back({change, outcome.text});
   };
   const auto concerns_module = [this](const LineChange &change) {
-    return change.before != nullptr && change.before->statement.command == Command::mdt &&
-           !leaving_.contains(change.block.name);
+    return change.before != nullptr && change.before->statement.command == Command::mdt && is_there(change.block.name);
   };
   for (auto at = changes.rbegin(); at != changes.rend(); ++at)
     if (concerns_module(*at) && at->after == nullptr && !is_default_mdt(at->before->statement)) undo(*at);
@@ -281,7 +282,7 @@ void Router::build(const Config &before, const std::vector<LineChange> &changes)
 void Router::command_vrfs(const std::vector<LineChange> &changes, std::vector<Rejection> *rejections) {
   std::vector<const LineChange *> commands;
   for (const LineChange &change : changes)
-    if (change.block.mode == Mode::vrf && change.after != nullptr && !leaving_.contains(change.block.name) &&
+    if (change.block.mode == Mode::vrf && change.after != nullptr && is_there(change.block.name) &&
         change.after->statement.command == Command::mdt)
       commands.push_back(&change);
   std::stable_sort(commands.begin(), commands.end(), [](const LineChange *a, const LineChange *b) {
@@ -291,7 +292,11 @@ void Router::command_vrfs(const std::vector<LineChange> &changes, std::vector<Re
   for (const LineChange *change : commands) {
     const Statement &statement = change->after->statement;
     const Outcome outcome = run_handler(change->block.name, statement, statement.no, true);
-    if (!outcome.accepted) rejections->push_back({*change, outcome.text});
+    if (outcome.accepted) continue;
+    rejections->push_back({*change, outcome.text});
+    // The former group was removed to make room for this one.
+    if (is_default_mdt(statement) && change->before != nullptr)
+      run_handler(change->block.name, change->before->statement, false, true);
   }
   for (const LineChange &change : changes)
     if (change.block.mode == Mode::vrf && change.after != nullptr && change.after->statement.command == Command::mroute)
@@ -383,16 +388,21 @@ void Router::follow_policy(const std::string &name) {
 
 void Router::follow_vrf(const std::string &name) {
   const Block *block = running_.vrf(name);
+  waiting_.erase(name);
   if (block == nullptr || leaving_.contains(name) || pim_get_cib_by_context_name(name.c_str()) != nullptr) return;
   const auto context = static_cast<vrf_context_id_t>(number_value(*block->value(Command::context_id, "id")));
   const auto table = static_cast<uint32_t>(number_value(*block->value(Command::table_id, "id")));
-  if (ref::create_vrf(name, context, table) == nullptr) return options_.log("VRF " + name + " cannot be created");
-  follow_route_distinguisher(name);
+  if (ref::create_vrf(name, context, table) != nullptr)
+    follow_route_distinguisher(name);
+  else if (!leaving_.empty())
+    waiting_.insert(name);  // its numbers may be those of a VRF that is leaving
+  else
+    options_.log("VRF " + name + " cannot be created");
 }
 
 void Router::follow_route_distinguisher(const std::string &vrf) {
   const Block *block = running_.vrf(vrf);
-  if (block == nullptr || leaving_.contains(vrf)) return;
+  if (block == nullptr || !is_there(vrf)) return;
   const std::string *text = block->value(Command::rd, "rd");
   const auto rd = text == nullptr ? std::nullopt : ref::bgp_parse_rd(*text);
   ref::bgp_set_rd(vrf, rd ? rd->data() : nullptr, module_runs_);
@@ -414,7 +424,7 @@ void Router::follow_interface(const std::string &name) {
   }
   const std::string *vrf = block->value(Command::interface_vrf, "name");
   const pim_cibtype *pcib = vrf == nullptr ? pim_default_cib : pim_get_cib_by_context_name(vrf->c_str());
-  const bool vrf_ready = pcib != nullptr && (vrf == nullptr || !leaving_.contains(*vrf));
+  const bool vrf_ready = pcib != nullptr && (vrf == nullptr || is_there(*vrf));
   const std::string *text = block->value(Command::ip_address, "address");
   const ip_addr_t address = text == nullptr ? 0 : address_value(*text);
   const bool up = block->find(Command::shutdown) == nullptr && !links_down_.contains(name);
@@ -447,7 +457,7 @@ void Router::set_route(const std::string &vrf, const std::string &key) {
   const Block *block = running_.vrf(vrf);
   const Line *line = block == nullptr ? nullptr : block->find_key(key);
   if (line == nullptr) return;
-  if (leaving_.contains(vrf) || ref::set_customer_route(vrf, customer_route(line->statement)) == nullptr)
+  if (!is_there(vrf) || ref::set_customer_route(vrf, customer_route(line->statement)) == nullptr)
     routes_.insert({vrf, key});
 }
 
@@ -473,16 +483,15 @@ void Router::finish_leaving() {
       ++at;
       continue;
     }
-    const std::string name = *at;
+    waiting_.insert(*at);
     at = leaving_.erase(at);
-    bring_in(name);
   }
+  for (const std::string &name : std::set<std::string>(waiting_)) bring_in(name);
 }
 
 void Router::bring_in(const std::string &vrf) {
   follow_vrf(vrf);
-  const Block *block = running_.vrf(vrf);
-  if (block == nullptr) return;
+  if (running_.vrf(vrf) == nullptr || !is_there(vrf)) return;
   for (const auto &[id, interface] : running_.blocks())
     if (const std::string *of = interface->value(Command::interface_vrf, "name"); of != nullptr && *of == vrf)
       follow_interface(id.name);
@@ -497,6 +506,8 @@ void Router::bring_in(const std::string &vrf) {
   for (const auto &[place, line] : kept->lines())
     if (line.statement.command == Command::mroute) set_route(vrf, line.statement.key);
 }
+
+bool Router::is_there(const std::string &vrf) const { return !leaving_.contains(vrf) && !waiting_.contains(vrf); }
 
 void Router::settle() {
   if (!leaving_.empty()) finish_leaving();

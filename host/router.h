@@ -77,6 +77,7 @@ class Router {
   void follow_route_distinguisher(const std::string &vrf);
   void follow_update_source();
   void leave_vrf(const std::string &name);
+  bool is_there(const std::string &vrf) const;  // neither leaving nor waiting
   void finish_leaving();
   void bring_in(const std::string &vrf);
   void set_route(const std::string &vrf, const std::string &key);
@@ -93,6 +94,7 @@ class Router {
   std::set<std::string> links_down_;
   // What waits.
   std::set<std::string> leaving_;                         // VRFs that are being deleted
+  std::set<std::string> waiting_;                         // VRFs that cannot be created before others have left
   std::set<std::string> interfaces_;                      // whose VRF or name is not free yet
   std::set<std::pair<std::string, std::string>> routes_;  // VRF, key: whose interfaces are not there yet
 };

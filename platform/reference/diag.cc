@@ -4,6 +4,7 @@
 #include <execinfo.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstdio>
@@ -12,13 +13,14 @@
 #include <map>
 
 #include "internal.h"
+#include "services.h"
 
 namespace ref {
 namespace {
 
-constexpr size_t kHistory = 10000, kReports = 1000;
-constexpr std::chrono::seconds kLimitWindow{10};
-constexpr unsigned kLimitCount = 50;  // reports of one kind in a window
+constexpr std::ptrdiff_t history_kept = 10000;
+constexpr std::chrono::seconds limit_window{10};  // platform time
+constexpr unsigned limit_count = 50;              // reports of one kind in a window
 
 struct Window {
   std::chrono::nanoseconds start{};
@@ -35,13 +37,8 @@ struct State {
 };
 State state;
 
-template <typename T>
-void keep(std::vector<T> &log, T entry, size_t most) {
-  if (log.size() >= 2 * most) log.erase(log.begin(), log.begin() + static_cast<std::ptrdiff_t>(most));
-  log.push_back(std::move(entry));
-}
-
 void write_line(uint32_t severity, const std::string &text) {
+  const NoCancellation no_cancellation;
   if (state.sink == LogSink::standard_error) {
     const bool ends = !text.empty() && text.back() == '\n';
     std::fprintf(stderr, "%s%s", text.c_str(), ends ? "" : "\n");
@@ -54,6 +51,10 @@ std::string format_list(const char *format, va_list arguments) {
   char text[2048];
   std::vsnprintf(text, sizeof text, format, arguments);
   return text;
+}
+
+void print_debug(const char *format, va_list arguments) {
+  if (state.sink != LogSink::none) write_line(LOG_DEBUG, "pim: " + format_list(format, arguments));
 }
 
 std::string report_text(const syslog_descriptor *descriptor, uint32_t count, const char *const *arguments) {
@@ -81,10 +82,13 @@ using namespace ref;
 
 sdwrap_facility *sdwrap_sys_facility = &state.facility;
 
-#define REPORT(kind, severity, text) extern const syslog_descriptor msg_error_PIM_##kind = {"PIM_" #kind, severity, 0, text}
+// A traceback follows the reports that mean a mistake in the program.
+#define REPORT(kind, severity, text) REPORT_WITH(kind, severity, 0, text)
+#define REPORT_WITH(kind, severity, traceback, text) \
+  extern const syslog_descriptor msg_error_PIM_##kind = {"PIM_" #kind, severity, traceback, text}
 REPORT(API_FAILED, 3, "a call of a service failed");
 REPORT(API_INIT, 3, "a service cannot be initialised");
-REPORT(AVL_ERROR, 3, "an AVL tree refused an operation");
+REPORT_WITH(AVL_ERROR, 3, 1, "an AVL tree refused an operation");
 REPORT(BIND, 3, "a socket cannot be bound");
 REPORT(CV_INIT, 3, "a condition variable cannot be initialised");
 REPORT(MALLOC, 2, "memory ran out");
@@ -93,7 +97,7 @@ REPORT(MV_INIT, 3, "a mutex cannot be initialised");
 REPORT(OIM_REGISTER_FAIL, 3, "the tunnel manager refused the registration");
 REPORT(OPCODE_REG, 3, "a message opcode cannot be registered");
 REPORT(PTHREAD_CREATE, 2, "a thread cannot be started");
-REPORT(PT_ADD, 3, "a patricia tree refused a record");
+REPORT_WITH(PT_ADD, 3, 1, "a patricia tree refused a record");
 REPORT(SETSOCKOPT, 3, "a socket option cannot be set");
 REPORT(SLAB_CREATE, 2, "a slab cannot be created");
 REPORT(SOCKET, 3, "a socket cannot be opened");
@@ -104,10 +108,14 @@ REPORT(TUNNEL_ADD_TLV_FAIL, 3, "a parameter cannot be added to a tunnel request"
 REPORT(TUNNEL_CREATE_FAIL, 3, "the index of a tunnel interface cannot be derived");
 REPORT(TXLIST_CREATE, 3, "a transmit list cannot be created");
 REPORT(UDP_READ, 3, "a datagram cannot be read");
+#undef REPORT_WITH
 #undef REPORT
 
-void sdwrap_his_log_event_for_uuid_inst(uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, const sdwrap_event *event) {
-  keep(state.history, {now(), std::string(event->text, strnlen(event->text, SDWRAP_EVENT_TEXT_MAX))}, kHistory);
+void sdwrap_his_log_event_for_uuid_inst(uint32_t, uint32_t, uint32_t, uint32_t, uint32_t length,
+                                        const sdwrap_event *event) {
+  const size_t room = length > sizeof event->type ? length - sizeof event->type : 0;
+  const size_t size = strnlen(event->text, std::min<size_t>(room, SDWRAP_EVENT_TEXT_MAX));
+  remember(state.history, {now(), std::string(event->text, size)}, history_kept);
 }
 
 int sdwrap_hist_event_subtype_check(uint32_t, uint32_t) { return 0; }
@@ -115,7 +123,7 @@ int sdwrap_hist_event_subtype_check(uint32_t, uint32_t) { return 0; }
 void sdwrap_hist_event(uint32_t, uint32_t, const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  keep(state.history, {now(), format_list(format, arguments)}, kHistory);
+  remember(state.history, {now(), format_list(format, arguments)}, history_kept);
   va_end(arguments);
 }
 
@@ -124,14 +132,14 @@ int sdwrap_chk_int(uint32_t, uint32_t, uint32_t, uint32_t) { return 1; }
 void buginf(const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  write_line(LOG_DEBUG, "pim: " + format_list(format, arguments));
+  print_debug(format, arguments);
   va_end(arguments);
 }
 
 void buginf_func(const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  write_line(LOG_DEBUG, "pim: " + format_list(format, arguments));
+  print_debug(format, arguments);
   va_end(arguments);
 }
 
@@ -141,18 +149,18 @@ const char *syserr2str(int code) { return std::strerror(code); }
 
 int syslog_msg_rate_limit(const syslog_descriptor *descriptor, uint32_t count, const char *const *arguments) {
   Window &window = state.windows[descriptor];
-  if (window.count == 0 || now() - window.start >= kLimitWindow) {
+  if (window.count == 0 || now() - window.start >= limit_window) {
     if (window.dropped > 0)
-      write_line(LOG_WARNING, std::string(descriptor->name) + ": " + std::to_string(window.dropped) +
-                                  " reports were left out");
+      write_line(LOG_WARNING,
+                 std::string(descriptor->name) + ": " + std::to_string(window.dropped) + " reports were left out");
     window = {now(), 0, 0};
   }
-  if (window.count >= kLimitCount) {
+  if (window.count >= limit_count) {
     window.dropped++;
     return 0;
   }
   window.count++;
-  keep(state.reports, {descriptor->name, {arguments, arguments + count}}, kReports);
+  remember(state.reports, {descriptor->name, {arguments, arguments + count}});
   if (sdwrap_sys_facility == nullptr) write_line(descriptor->severity, report_text(descriptor, count, arguments));
   return 1;
 }
@@ -165,12 +173,13 @@ void zeph_lumo_syslog(const syslog_descriptor *descriptor, const char *preamble,
 }
 
 void syslog_traceback(const syslog_descriptor *descriptor) {
+  if (state.sink == LogSink::none) return;
   std::array<void *, 32> frames;
   const int depth = backtrace(frames.data(), static_cast<int>(frames.size()));
   char **names = backtrace_symbols(frames.data(), depth);
   if (names == nullptr) return;
   for (int i = 0; i < depth; i++) write_line(descriptor->severity, std::string("  ") + names[i]);
-  free(names);
+  std::free(names);
 }
 
 void syslog_log(uint32_t severity, const char *format, ...) {

@@ -1,4 +1,9 @@
 // The main loop's queue, the table of the module's entry points, and reset().
+//
+// A turn of the loop alternates between timers and queued work, so that neither holds the other up, and lets the
+// module's threads run after each. The queue takes work from any thread and has a lock of its own; everything else is
+// under the scheduling locks.
+#include <cstdio>
 #include <deque>
 #include <mutex>
 
@@ -14,14 +19,18 @@ std::deque<std::function<void()>> queue;
 std::function<void()> waker;
 Module entry_points;
 
-constexpr size_t kMostPerRun = 10000;
+constexpr size_t most_per_run = 10000;
 
-std::function<void()> take() {
-  const std::lock_guard guard(mutex);
-  if (queue.empty()) return nullptr;
-  std::function<void()> work = std::move(queue.front());
-  queue.pop_front();
-  return work;
+bool run_next_work() {
+  std::function<void()> work;
+  {
+    const std::lock_guard guard(mutex);
+    if (queue.empty()) return false;
+    work = std::move(queue.front());
+    queue.pop_front();
+  }
+  work();
+  return true;
 }
 
 }  // namespace
@@ -49,15 +58,16 @@ void set_waker(std::function<void()> wake) {
 }
 
 size_t run_pending() {
-  size_t delivered = fire_due_timers();
-  while (delivered < kMostPerRun) {
-    const std::function<void()> work = take();
-    if (!work) break;
-    work();
-    delivered += 1 + fire_due_timers();
-    tsp_sched_may_yield();
+  size_t delivered = 0;
+  while (delivered < most_per_run) {
+    const bool fired = fire_next_timer();
+    if (fired) pass_baton();
+    const bool worked = run_next_work();
+    if (worked) pass_baton();
+    if (!fired && !worked) return delivered;
+    delivered += (fired ? 1 : 0) + (worked ? 1 : 0);
   }
-  if (delivered >= kMostPerRun) wake_main_loop();
+  wake_main_loop();  // the rest is for the next turn
   return delivered;
 }
 
@@ -65,7 +75,7 @@ void settle() {
   do {
     while (run_pending() > 0) {
     }
-    let_threads_sleep();
+    if (!let_threads_sleep()) std::fputs("settle: a thread has neither ended nor gone to sleep\n", stderr);
   } while (run_pending() > 0);
 }
 

@@ -2,6 +2,8 @@
 #ifndef REFERENCE_INTERNAL_H
 #define REFERENCE_INTERNAL_H
 
+#include <pthread.h>
+
 #include <chrono>
 #include <functional>
 
@@ -9,27 +11,55 @@
 
 namespace ref {
 
+// ------------------------------------------------------------------------------------------------- main loop, timers
+
 // Delivers work from the main loop after a delay of platform time.
 void schedule(std::chrono::nanoseconds delay, std::function<void()> work);
 
-// Fires every timer that is due; how many did.
-size_t fire_due_timers();
+// Fires the first timer that is due; false when none is.
+bool fire_next_timer();
 
-// First state of each part of the runtime; reset() calls them in this order.
+// Timers that exist, armed or not.
+size_t live_timers();
+
+// Calls the waker. Any thread.
+void wake_main_loop();
+
+// --------------------------------------------------------------------------------------------------------- scheduler
+
+// Gives the baton up until every module thread sleeps; false when that takes longer than ten seconds.
+bool let_threads_sleep();
+
+// Gives other threads their turn; true when one ran. Does not call the yield hook.
+bool pass_baton();
+
+// Repeatable: whoever gives the baton up waits for the threads that are on their way to it, so that the order of turns
+// does not depend on how fast they wake. Otherwise only threads that have arrived count.
+void scheduler_set_repeatable(bool on);
+
+// Keeps a thread from ending inside a service: calls of the system that write or wait are cancellation points, services
+// are not.
+class NoCancellation {
+ public:
+  NoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous_); }
+  ~NoCancellation() { pthread_setcancelstate(previous_, nullptr); }
+  NoCancellation(const NoCancellation &) = delete;
+  NoCancellation &operator=(const NoCancellation &) = delete;
+
+ private:
+  int previous_ = PTHREAD_CANCEL_DISABLE;
+};
+
+// ------------------------------------------------------------------------------------------------------------- reset
+
+// First state of each part of the runtime.
 void events_reset();
 void timer_reset();
 void sched_reset();
 void mts_reset();
 void diag_reset();
-void mem_reset();
 void pss_reset();
 void rpm_reset();
-
-// Gives the baton up until every module thread sleeps; false when that takes longer than ten seconds.
-bool let_threads_sleep();
-
-// Calls the yield hook; true when it did something.
-bool run_yield_hook();
 
 }  // namespace ref
 

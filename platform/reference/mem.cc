@@ -6,13 +6,11 @@
 #include <cstddef>
 #include <cstdlib>
 #include <new>
-#include <string>
 
 #include "internal.h"
 
 struct slab {
   size_t object_size;
-  std::string name;
 };
 
 namespace {
@@ -28,16 +26,14 @@ struct alignas(std::max_align_t) Header {
 
 namespace ref {
 
-size_t live_timers();
-
 MemoryUse memory_use() { return {objects, buffers, bytes, live_timers()}; }
 
 }  // namespace ref
 
 void slab_set_attr(slab_attr *attr, uint32_t kind, uint32_t flags) { *attr = {kind, flags}; }
 
-slab_handle slab_create(size_t object_size, uint16_t, const slab_attr *, const char *name) {
-  return new (std::nothrow) slab{object_size, name};
+slab_handle slab_create(size_t object_size, uint16_t, const slab_attr *, const char *) {
+  return new (std::nothrow) slab{object_size};
 }
 
 void *slab_calloc(slab_handle handle) {

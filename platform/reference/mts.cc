@@ -1,6 +1,7 @@
 // Message transport: the host's two queues, what the module sent, and delivery to the module.
 #include "mts.h"
 
+#include <cerrno>
 #include <map>
 
 #include "internal.h"
@@ -22,6 +23,11 @@ namespace {
 mts_queue pim_queue, mrib_queue;
 std::vector<SentMessage> sent;
 std::function<void(const SentMessage &)> sink;
+
+int refused() {
+  errno = EINVAL;
+  return -1;
+}
 
 }  // namespace
 
@@ -58,7 +64,7 @@ size_t mts_payload_length_get(const mts_message *msg) { return msg->payload.size
 
 int mts_send(mts_queue *queue, uint32_t destination, uint32_t, uint32_t opcode, const void *payload, uint32_t size,
              uint32_t, uint32_t, uint32_t) {
-  if (queue == nullptr) return -1;
+  if (queue == nullptr || (payload == nullptr && size > 0)) return ref::refused();
   const auto *bytes = static_cast<const uint8_t *>(payload);
   ref::SentMessage message{destination, opcode, {bytes, bytes + size}};
   ref::remember(ref::sent, message);
@@ -70,7 +76,7 @@ int mts_send(mts_queue *queue, uint32_t destination, uint32_t, uint32_t opcode, 
 }
 
 int mts_options_set(mts_queue *queue, uint32_t opcode, uint32_t options) {
-  if (queue == nullptr) return -1;
+  if (queue == nullptr) return ref::refused();
   queue->options[opcode] = options;
   return 0;
 }

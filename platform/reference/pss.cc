@@ -1,14 +1,21 @@
-// Persistent store. In memory for tests; LMDB for programs. Reads see what the running turn of the main loop has written;
-// a turn's writes are one transaction, committed by pss_flush. Without a sync per commit a killed process loses nothing,
-// because the pages are the kernel's; only a crash of the machine can lose the last turns.
+// Persistent store: one ordered map in memory, with an LMDB database behind it when there is a directory.
+//
+// Reads and writes touch the map alone, so every thread sees what any other has written. Keys that were written are
+// remembered, and pss_flush brings them to the database in one transaction per turn of the main loop: a transaction
+// belongs to the thread that began it, and module threads write too. A write outside a turn asks for one.
+//
+// A killed process loses at most the turn that it was in. A commit writes the data through to the disk and leaves the
+// root page to the system (MDB_NOMETASYNC): a crash of the machine may lose the last turns, but never the database.
 #include "pss.h"
 
 #include <lmdb.h>
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 #include "internal.h"
+#include "pim.h"
 
 struct ksink_pss {};
 
@@ -16,158 +23,161 @@ namespace ref {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using Records = std::map<Bytes, Bytes>;
 
-constexpr size_t kMapSize = size_t{1} << 30;
+constexpr size_t map_size = size_t{1} << 30;
+constexpr uint32_t severity_error = 3;
 
-// What both forms do.
-class Store {
+class Database {
  public:
-  virtual ~Store() = default;
-  virtual bool update(const Bytes &key, const Bytes &value) = 0;
-  virtual bool erase(const Bytes &key) = 0;
-  // First record at or after a key, or strictly after it.
-  virtual bool seek(const Bytes &key, bool after, Bytes *found, Bytes *value) = 0;
-  virtual void flush() {}
-};
-
-class MemoryStore : public Store {
- public:
-  bool update(const Bytes &key, const Bytes &value) override {
-    records_[key] = value;
-    return true;
-  }
-  bool erase(const Bytes &key) override {
-    records_.erase(key);
-    return true;
-  }
-  bool seek(const Bytes &key, bool after, Bytes *found, Bytes *value) override {
-    const auto at = after ? records_.upper_bound(key) : records_.lower_bound(key);
-    if (at == records_.end()) return false;
-    *found = at->first;
-    *value = at->second;
-    return true;
-  }
-
- private:
-  std::map<Bytes, Bytes> records_;
-};
-
-class LmdbStore : public Store {
- public:
-  ~LmdbStore() override {
-    flush();
+  ~Database() {
     if (environment_ != nullptr) mdb_env_close(environment_);
   }
 
-  bool open(const std::string &path) {
-    if (mdb_env_create(&environment_) != 0) return false;
-    if (mdb_env_set_mapsize(environment_, kMapSize) != 0) return false;
-    if (mdb_env_open(environment_, path.c_str(), MDB_NOSYNC | MDB_NOTLS, 0600) != 0) return false;
-    MDB_txn *transaction;
-    if (mdb_txn_begin(environment_, nullptr, 0, &transaction) != 0) return false;
-    if (mdb_dbi_open(transaction, nullptr, MDB_CREATE, &database_) != 0) {
-      mdb_txn_abort(transaction);
-      return false;
-    }
-    return mdb_txn_commit(transaction) == 0;
+  // Opens the database in a directory and reads what it holds. An error of LMDB; 0 on success.
+  int open(const std::string &path, Records *records) {
+    int error = mdb_env_create(&environment_);
+    if (error == 0) error = mdb_env_set_mapsize(environment_, map_size);
+    if (error == 0) error = mdb_env_open(environment_, path.c_str(), MDB_NOMETASYNC, 0600);
+    if (error != 0) return error;
+    return transact([&](MDB_txn *transaction) {
+      const int opened = mdb_dbi_open(transaction, nullptr, MDB_CREATE, &database_);
+      return opened != 0 ? opened : read(transaction, records);
+    });
   }
 
-  bool update(const Bytes &key, const Bytes &value) override {
-    MDB_val k = view(key), v = view(value);
-    return begin() && mdb_put(transaction_, database_, &k, &v, 0) == 0;
-  }
-
-  bool erase(const Bytes &key) override {
-    MDB_val k = view(key);
-    if (!begin()) return false;
-    const int error = mdb_del(transaction_, database_, &k, nullptr);
-    return error == 0 || error == MDB_NOTFOUND;
-  }
-
-  bool seek(const Bytes &key, bool after, Bytes *found, Bytes *value) override {
-    MDB_cursor *cursor;
-    if (!begin() || mdb_cursor_open(transaction_, database_, &cursor) != 0) return false;
-    MDB_val k = view(key), v;
-    int error = mdb_cursor_get(cursor, &k, &v, MDB_SET_RANGE);
-    if (error == 0 && after && bytes(k) == key) error = mdb_cursor_get(cursor, &k, &v, MDB_NEXT);
-    if (error == 0) {
-      *found = bytes(k);
-      *value = bytes(v);
-    }
-    mdb_cursor_close(cursor);
-    return error == 0;
-  }
-
-  void flush() override {
-    if (transaction_ == nullptr) return;
-    if (mdb_txn_commit(transaction_) != 0) syslog_log(3, "pss: a transaction cannot be committed");
-    transaction_ = nullptr;
+  // Brings these keys in line with the records.
+  int write(const Records &records, const std::set<Bytes> &keys) {
+    return transact([&](MDB_txn *transaction) {
+      int error = 0;
+      for (auto key = keys.begin(); error == 0 && key != keys.end(); ++key)
+        error = write_one(transaction, *key, records.find(*key), records.end());
+      return error;
+    });
   }
 
  private:
+  template <typename Work>
+  int transact(Work work) {
+    MDB_txn *transaction;
+    if (const int error = mdb_txn_begin(environment_, nullptr, 0, &transaction); error != 0) return error;
+    if (const int error = work(transaction); error != 0) {
+      mdb_txn_abort(transaction);
+      return error;
+    }
+    return mdb_txn_commit(transaction);
+  }
+
+  int read(MDB_txn *transaction, Records *records) const {
+    MDB_cursor *cursor;
+    if (const int error = mdb_cursor_open(transaction, database_, &cursor); error != 0) return error;
+    MDB_val key, value;
+    int error;
+    while ((error = mdb_cursor_get(cursor, &key, &value, MDB_NEXT)) == 0)
+      if (key.mv_size == PSS_KEY_SIZE) (*records)[bytes(key)] = bytes(value);
+    mdb_cursor_close(cursor);
+    return error == MDB_NOTFOUND ? 0 : error;
+  }
+
+  int write_one(MDB_txn *transaction, const Bytes &key, Records::const_iterator at, Records::const_iterator end) const {
+    MDB_val k = view(key);
+    if (at == end) {
+      const int error = mdb_del(transaction, database_, &k, nullptr);
+      return error == MDB_NOTFOUND ? 0 : error;
+    }
+    MDB_val v = view(at->second);
+    return mdb_put(transaction, database_, &k, &v, 0);
+  }
+
   static MDB_val view(const Bytes &from) { return {from.size(), const_cast<uint8_t *>(from.data())}; }
   static Bytes bytes(const MDB_val &from) {
     const auto *begin = static_cast<const uint8_t *>(from.mv_data);
     return {begin, begin + from.mv_size};
   }
-  bool begin() { return transaction_ != nullptr || mdb_txn_begin(environment_, nullptr, 0, &transaction_) == 0; }
 
   MDB_env *environment_ = nullptr;
   MDB_dbi database_ = 0;
-  MDB_txn *transaction_ = nullptr;
 };
 
+struct State {
+  Records records;
+  std::unique_ptr<Database> database;  // null: memory only
+  std::set<Bytes> unwritten;           // keys that the database does not have yet
+  bool failing = false;                // the last commit failed
+  bool stateful = false;
+  Bytes last_key, last_value;  // what was handed out last; callers point into it
+};
+State state;
 ksink_pss handle;
-std::unique_ptr<Store> store = std::make_unique<MemoryStore>();
-bool stateful = false;
-// The record returned last; what callers point into.
-Bytes last_key, last_value;
 
 Bytes to_bytes(const void *data, uint32_t size) {
   const auto *begin = static_cast<const uint8_t *>(data);
   return {begin, begin + size};
 }
 
-int hand_out(const Bytes &from, bool after, const void **key, const void **value, uint32_t *length) {
-  Bytes found, content;
-  if (!store->seek(from, after, &found, &content)) return 0;
-  last_key = std::move(found);
-  last_value = std::move(content);
-  *key = last_key.data();
-  *value = last_value.data();
-  *length = static_cast<uint32_t>(last_value.size());
+void note_change(const Bytes &key) {
+  if (state.database == nullptr) return;
+  if (state.unwritten.empty()) wake_main_loop();
+  state.unwritten.insert(key);
+}
+
+Records::iterator erase(Records::iterator at) {
+  note_change(at->first);
+  return state.records.erase(at);
+}
+
+int hand_out(Records::const_iterator at, const void **key, const void **value, uint32_t *length) {
+  if (at == state.records.end()) return 0;
+  state.last_key = at->first;
+  state.last_value = at->second;
+  *key = state.last_key.data();
+  *value = state.last_value.data();
+  *length = static_cast<uint32_t>(state.last_value.size());
   return 1;
+}
+
+bool begins_with(const Bytes &key, const Bytes &prefix) {
+  return key.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), key.begin());
 }
 
 }  // namespace
 
-void pss_use_memory() { store = std::make_unique<MemoryStore>(); }
+void pss_use_memory() {
+  pss_flush();
+  const bool stateful = state.stateful;
+  state = State{};
+  state.stateful = stateful;
+}
 
 bool pss_use_directory(const std::string &path) {
-  auto opened = std::make_unique<LmdbStore>();
-  if (!opened->open(path)) return false;
-  store = std::move(opened);
+  pss_use_memory();  // first: a process must not have one database open twice
+  auto database = std::make_unique<Database>();
+  if (const int error = database->open(path, &state.records); error != 0) {
+    syslog_log(severity_error, "pss: %s: %s", path.c_str(), mdb_strerror(error));
+    state.records.clear();
+    return false;
+  }
+  state.database = std::move(database);
   return true;
 }
 
-void pss_flush() { store->flush(); }
-void set_stateful_restart(bool on) { stateful = on; }
-
-std::vector<std::pair<Bytes, Bytes>> pss_records() {
-  std::vector<std::pair<Bytes, Bytes>> out;
-  Bytes key{0}, found, value;
-  for (bool after = false; store->seek(key, after, &found, &value); after = true) {
-    out.emplace_back(found, value);
-    key = found;
-  }
-  return out;
+void pss_flush() {
+  if (state.database == nullptr || state.unwritten.empty()) return;
+  const int error = state.database->write(state.records, state.unwritten);
+  if (error == 0)
+    state.unwritten.clear();
+  else if (!state.failing)
+    syslog_log(severity_error, "pss: records cannot be written, tried again every turn: %s", mdb_strerror(error));
+  state.failing = error != 0;
 }
+
+void set_stateful_restart(bool on) { state.stateful = on; }
+
+std::vector<std::pair<Bytes, Bytes>> pss_records() { return {state.records.begin(), state.records.end()}; }
 
 void pss_reset() {
   pss_use_memory();
-  stateful = false;
-  last_key.clear();
-  last_value.clear();
+  state.stateful = false;
   pim_ha_handle = &handle;
 }
 
@@ -178,39 +188,42 @@ using namespace ref;
 ksink_pss *pim_ha_handle = &handle;
 
 int ksink_pss_update(ksink_pss *, const void *key, uint32_t key_size, const void *value, uint32_t length) {
-  return key_size == PSS_KEY_SIZE && store->update(to_bytes(key, key_size), to_bytes(value, length)) ? 1 : 0;
+  if (key_size != PSS_KEY_SIZE) return 0;
+  const Bytes stored_key = to_bytes(key, key_size);
+  state.records[stored_key] = to_bytes(value, length);
+  note_change(stored_key);
+  return 1;
 }
 
 int ksink_pss_fetch(ksink_pss *, const void *key, uint32_t key_size, const void **value, uint32_t *length) {
-  Bytes found, content;
-  const Bytes wanted = to_bytes(key, key_size);
-  if (!store->seek(wanted, false, &found, &content) || found != wanted) return 0;
-  last_value = std::move(content);
-  *value = last_value.data();
-  *length = static_cast<uint32_t>(last_value.size());
+  const auto found = state.records.find(to_bytes(key, key_size));
+  if (found == state.records.end()) return 0;
+  state.last_value = found->second;
+  *value = state.last_value.data();
+  *length = static_cast<uint32_t>(state.last_value.size());
   return 1;
 }
 
 int ksink_pss_delete(ksink_pss *, const void *key, uint32_t key_size) {
-  return store->erase(to_bytes(key, key_size)) ? 1 : 0;
+  const auto found = state.records.find(to_bytes(key, key_size));
+  if (found != state.records.end()) erase(found);
+  return 1;
 }
 
 int ksink_pss_delete_range(ksink_pss *, const void *prefix, uint32_t prefix_size) {
   const Bytes begin = to_bytes(prefix, prefix_size);
-  Bytes found, value;
-  while (store->seek(begin, false, &found, &value) && found.size() >= begin.size() &&
-         std::equal(begin.begin(), begin.end(), found.begin()))
-    if (!store->erase(found)) return 0;
+  auto at = state.records.lower_bound(begin);
+  while (at != state.records.end() && begins_with(at->first, begin)) at = erase(at);
   return 1;
 }
 
 int ksink_pss_get_first(ksink_pss *, const void **key, const void *prefix, uint32_t prefix_size, const void **value,
                         uint32_t *length) {
-  return hand_out(to_bytes(prefix, prefix_size), false, key, value, length);
+  return hand_out(state.records.lower_bound(to_bytes(prefix, prefix_size)), key, value, length);
 }
 
 int ksink_pss_get_next(ksink_pss *, const void **key, const void **value, uint32_t *length) {
-  return hand_out(Bytes(last_key), true, key, value, length);
+  return hand_out(state.records.upper_bound(state.last_key), key, value, length);
 }
 
-int sysmgr_is_stateful_restart() { return stateful ? 1 : 0; }
+int sysmgr_is_stateful_restart() { return state.stateful ? 1 : 0; }

@@ -40,6 +40,13 @@ pt_node *matching(pt_root *root, std::map<Key, pt_node>::iterator at, const Key 
   return std::memcmp(at->first.data(), prefix.data(), prefix_bits / 8) == 0 ? &at->second : nullptr;
 }
 
+// An empty tree is a null root.
+void drop_if_empty(pt_root **root) {
+  if (!(*root)->nodes.empty()) return;
+  delete *root;
+  *root = nullptr;
+}
+
 }  // namespace
 
 pt_attr *pt_attr_create(uint32_t, uint32_t, uint32_t key_bytes) {
@@ -56,20 +63,22 @@ int pt_add(pt_attr *attr, pt_root **root, uint32_t key_bytes, const void *key, u
     if (*root == nullptr) return 1;
     (*root)->key_bytes = key_bytes;
   }
-  const auto [at, added] = (*root)->nodes.try_emplace(padded(key, key_bytes));
-  if (!added) return 1;
-  at->second.key = at->first;
-  at->second.data = data;
-  return 0;
+  try {
+    const auto [at, added] = (*root)->nodes.try_emplace(padded(key, key_bytes));
+    if (!added) return 1;
+    at->second.key = at->first;
+    at->second.data = data;
+    return 0;
+  } catch (const std::bad_alloc &) {
+    drop_if_empty(root);
+    return 1;
+  }
 }
 
 int pt_delete(pt_attr *attr, pt_root **root, const void *key, uint32_t key_bits) {
   if (attr == nullptr || *root == nullptr || key_bits != (*root)->key_bytes * 8) return 1;
   if ((*root)->nodes.erase(padded(key, (*root)->key_bytes)) == 0) return 1;
-  if ((*root)->nodes.empty()) {
-    delete *root;
-    *root = nullptr;
-  }
+  drop_if_empty(root);
   return 0;
 }
 

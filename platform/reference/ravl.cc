@@ -5,7 +5,7 @@
 #include <boost/intrusive/avltree_algorithms.hpp>
 #include <cstring>
 
-#include "internal.h"
+#include "thread.h"
 
 namespace {
 
@@ -94,6 +94,8 @@ void *ravl_lookup(ravl_tree *tree, const void *key) {
 int ravl_delete(ravl_tree *tree, void *record) {
   auto *node = static_cast<ravl_node *>(record);
   if (node->linked == 0) return 0;
+  // A record of a tree that ravl_init emptied still looks linked.
+  if (ravl_lookup(tree, key_of(tree, node)) != record) return 0;
   Algorithms::erase(&tree->header, node);
   node->parent = node->left = node->right = nullptr;
   node->linked = 0;
@@ -112,9 +114,9 @@ void *ravl_get_first_node_in_range(ravl_tree *tree, const void *low, const void 
   return in_range(iterator, at_or_after(tree, low), high);
 }
 
-void *ravl_get_next_node_in_range(ravl_tree *tree, const void *, const void *high, ravl_iterator *iterator) {
-  const ravl_iterator last = *iterator;
-  return in_range(iterator, after(tree, last.key), high);
+void *ravl_get_next_node_in_range(ravl_tree *tree, const void *low, const void *high, ravl_iterator *iterator) {
+  if (iterator->started == 0) return in_range(iterator, at_or_after(tree, low), high);
+  return in_range(iterator, after(tree, iterator->key), high);
 }
 
 void ravl_init_iterator(ravl_iterator *iterator, ravl_tree *tree) {
@@ -129,8 +131,7 @@ void *ravl_get_first_user_data(ravl_iterator *iterator) {
 
 void *ravl_get_next_user_data(ravl_iterator *iterator) {
   if (iterator->started == 0) return ravl_get_first_user_data(iterator);
-  const ravl_iterator last = *iterator;
-  const ravl_node *node = stop_at(iterator, after(iterator->tree, last.key));
+  const ravl_node *node = stop_at(iterator, after(iterator->tree, iterator->key));
   return node != nullptr ? node->user_data : nullptr;
 }
 

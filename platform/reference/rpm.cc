@@ -1,6 +1,7 @@
 // Route policies: named lists of permit and deny entries. A user may bind to a policy before it is defined.
 #include "rpm.h"
 
+#include <cstring>
 #include <map>
 
 #include "internal.h"
@@ -9,7 +10,7 @@
 namespace ref {
 namespace {
 
-constexpr uint32_t kMaxNameLength = 63;
+constexpr uint32_t name_length_max = 63;
 
 struct State {
   std::map<std::string, std::vector<PolicyEntry>, std::less<>> policies;
@@ -47,10 +48,10 @@ void rpm_reset() { state = State{}; }
 
 using namespace ref;
 
-uint32_t rpm_get_max_name_length() { return kMaxNameLength; }
+uint32_t rpm_get_max_name_length() { return name_length_max; }
 
 int rpm_policy_bind(uint32_t, const char *name, rpm_binding *binding) {
-  if (name == nullptr || *name == '\0') return 0;
+  if (name == nullptr || *name == '\0' || std::strlen(name) > name_length_max) return 0;
   binding->policy_handle = state.next_handle++;
   state.bindings[binding->policy_handle] = name;
   return 1;

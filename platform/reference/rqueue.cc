@@ -1,35 +1,38 @@
-// Queues. A data queue is a list of small cells with an index from pointer to cell; both exist only while it is not
-// empty.
+// Queues. A data queue is a sequence with an index by pointer; it exists only while the queue is not empty.
 #include "rqueue.h"
 
-#include <list>
+#include <boost/multi_index/hashed_index.hpp>
+#include <boost/multi_index/member.hpp>
+#include <boost/multi_index/sequenced_index.hpp>
+#include <boost/multi_index_container.hpp>
 #include <new>
-#include <unordered_map>
 
 namespace {
 
+namespace mi = boost::multi_index;
+
 struct Cell {
-  void *data;
+  const void *data;
   uint32_t tag;
 };
 
-struct Index {
-  std::list<Cell> cells;
-  std::unordered_map<const void *, std::list<Cell>::iterator> places;
-};
+using Cells = mi::multi_index_container<
+    Cell, mi::indexed_by<mi::sequenced<>, mi::hashed_non_unique<mi::member<Cell, const void *, &Cell::data>>>>;
 
-Index *index_of(const rqueue *queue) { return static_cast<Index *>(queue->index); }
+Cells *cells_of(const rqueue *queue) { return static_cast<Cells *>(queue->index); }
 
-// Keeps the first word and the count in step, and gives the index back when nothing is left.
+void *pointer_of(const Cell &cell) { return const_cast<void *>(cell.data); }
+
+// Keeps the fields that callers read in step, and gives the cells back when none is left.
 void refresh(rqueue *queue) {
-  Index *index = index_of(queue);
-  queue->count = static_cast<uint32_t>(index->cells.size());
+  Cells *cells = cells_of(queue);
+  queue->count = static_cast<uint32_t>(cells->size());
   if (queue->count != 0) {
-    queue->head = index->cells.front().data;
-    queue->tail = index->cells.back().data;
+    queue->head = pointer_of(cells->front());
+    queue->tail = pointer_of(cells->back());
     return;
   }
-  delete index;
+  delete cells;
   queue->index = queue->head = queue->tail = nullptr;
 }
 
@@ -78,48 +81,45 @@ void *rqueue_next(const rqueue *queue, const void *item) {
 }
 
 int renqueue_data(rqueue *queue, void *data, uint32_t tag) {
+  int added = 1;
   try {
-    if (queue->index == nullptr) queue->index = new Index;
-    Index *index = index_of(queue);
-    index->cells.push_back({data, tag});
-    index->places[data] = std::prev(index->cells.end());
+    if (queue->index == nullptr) queue->index = new Cells;
+    cells_of(queue)->push_back({data, tag});
   } catch (const std::bad_alloc &) {
-    if (queue->index != nullptr) refresh(queue);
-    return 0;
+    added = 0;
   }
-  refresh(queue);
-  return 1;
+  if (queue->index != nullptr) refresh(queue);
+  return added;
 }
 
 void *rdequeue_data(rqueue *queue, uint32_t *tag) {
-  Index *index = index_of(queue);
-  if (index == nullptr) return nullptr;
-  const Cell first = index->cells.front();
-  index->places.erase(first.data);
-  index->cells.pop_front();
+  Cells *cells = cells_of(queue);
+  if (cells == nullptr) return nullptr;
+  const Cell first = cells->front();
+  cells->pop_front();
   refresh(queue);
   if (tag != nullptr) *tag = first.tag;
-  return first.data;
+  return pointer_of(first);
 }
 
 int runqueue_data(rqueue *queue, void *data) {
-  Index *index = index_of(queue);
-  if (index == nullptr) return 0;
-  const auto found = index->places.find(data);
-  if (found == index->places.end()) return 0;
-  index->cells.erase(found->second);
-  index->places.erase(found);
+  Cells *cells = cells_of(queue);
+  if (cells == nullptr) return 0;
+  auto &by_pointer = cells->get<1>();
+  const auto found = by_pointer.find(data);
+  if (found == by_pointer.end()) return 0;
+  by_pointer.erase(found);
   refresh(queue);
   return 1;
 }
 
 int rqueue_find_item(const rqueue *queue, const void *data) {
-  const Index *index = index_of(queue);
-  return index != nullptr && index->places.contains(data) ? 1 : 0;
+  const Cells *cells = cells_of(queue);
+  return cells != nullptr && cells->get<1>().count(data) > 0 ? 1 : 0;
 }
 
 void rqueue_visit_data(const rqueue *queue, void (*visit)(void *, uint32_t, void *), void *argument) {
-  const Index *index = index_of(queue);
-  if (index == nullptr) return;
-  for (const Cell &cell : index->cells) visit(cell.data, cell.tag, argument);
+  const Cells *cells = cells_of(queue);
+  if (cells == nullptr) return;
+  for (const Cell &cell : *cells) visit(pointer_of(cell), cell.tag, argument);
 }

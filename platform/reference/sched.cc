@@ -1,25 +1,38 @@
 // Threads and the scheduling locks: one baton for all threads that touch module records.
 //
-// One mutex guards the baton's state. A thread that wants the baton while it is taken waits in a queue; whoever gives it
-// up hands it straight to the next in the queue, so a thread that takes it again at once cannot overtake those that
-// waited. The next is the first to come, or a seeded choice, which makes an interleaving repeatable.
+// One mutex guards the baton's state. A thread that wants the baton queues up; whoever gives it up hands it to the next
+// in the queue, so a thread that takes it again at once cannot overtake those that waited. The queue is ordered by
+// tickets. A thread draws its ticket when it becomes able to run: when it is started, when the condition it sleeps on
+// is signalled, otherwise when it asks for the baton. The next thread is the one with the lowest ticket, or a seeded
+// choice.
 //
-// settle() needs to know when nothing can run any more. A module thread is either asleep, that is inside a condition
-// wait that was made known here and not signalled since, or it runs, wants the baton, or is about to.
+// With a stepped clock the order of turns is repeatable: whoever gives the baton up first waits for the threads that
+// are on their way to it (started or signalled, but not in the queue yet). How long the system takes to wake a thread
+// then makes no difference.
+//
+// settle() needs to know when nothing can run any more. A module thread is asleep, that is inside a condition wait that
+// was made known here and not signalled since, or waiting for the write lock; or it is coming; or it is active: it has
+// the baton, waits for it, or blocks somewhere else. A thread that blocks elsewhere is unknown and counts as active.
+//
+// Nothing here is a cancellation point, and a thread that ends, in whatever way, gives the baton back on its way out.
 #include "thread.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <ctime>
-#include <deque>
 #include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "internal.h"
+#include "pim.h"
+
+struct tsp_lock {
+  pthread_t owner;
+  uint32_t depth;  // 0: free
+};
 
 namespace ref {
 namespace {
@@ -28,148 +41,69 @@ using namespace std::chrono_literals;
 
 // A thread that wants the baton.
 struct Waiter {
+  uint64_t ticket;
   pthread_cond_t granted = PTHREAD_COND_INITIALIZER;
   bool has_baton = false;
 };
 
 // A thread started through the contract.
-struct ModuleThread {
-  std::atomic<const void *> asleep_on{nullptr};  // condition; null: not asleep
+struct Member {
+  enum class Phase { coming, active, asleep };
+  Phase phase = Phase::coming;
+  const void *condition = nullptr;  // what it sleeps on, or was woken from
+  uint64_t ticket = 0;              // while it is coming
 };
+using Phase = Member::Phase;
 
+// The first group belongs to the mutex, the second to whoever has the baton.
 struct State {
-  bool busy = false;  // somebody has the baton
-  std::deque<Waiter *> waiting;
-  std::vector<ModuleThread *> threads;
+  bool busy = false;              // somebody has the baton
+  std::vector<Waiter *> waiting;  // by ticket
+  std::vector<Member *> members;
+  uint64_t next_ticket = 0;
+  uint64_t turns = 0;          // how often the baton went to somebody
+  uint64_t lock_releases = 0;  // how often the write lock became free
+  bool repeatable = true;
   bool seeded = false;
   std::mt19937_64 generator;
+
   std::function<bool()> yield_hook;
-  uint64_t turns = 0;  // how often the baton went to somebody
   unsigned slice_calls = 0;
   std::chrono::steady_clock::time_point slice_start;
 };
 State state;
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t changed = PTHREAD_COND_INITIALIZER;  // a thread fell asleep, ended, or gave the baton up
+pthread_cond_t changed = PTHREAD_COND_INITIALIZER;  // a member's phase, the members, or the baton lies free
+pthread_cond_t lock_freed = PTHREAD_COND_INITIALIZER;
+tsp_lock write_lock;
 
 thread_local bool holds = false;
 thread_local bool has_mutex = false;  // between the two calls that bracket a wait on a condition
-thread_local ModuleThread *self = nullptr;
+thread_local Member *self = nullptr;  // null: not started through the contract
 
-constexpr unsigned kCallsPerSlice = 64;  // stepped clock: calls of tsp_should_sched_yield before it says yes
-constexpr auto kSlice = 5ms;             // real clock
+constexpr unsigned calls_per_slice = 64;  // repeatable: calls of tsp_should_sched_yield before it says yes
+constexpr auto slice = 5ms;               // otherwise
 
-// Waits of the baton itself must not be places where a thread can end.
-class NoCancellation {
+// The mutex, unless the thread has it already from tsp_release_locks_before_yield.
+class Locked {
  public:
-  NoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous_); }
-  ~NoCancellation() { pthread_setcancelstate(previous_, nullptr); }
+  Locked() : mine_(!has_mutex) {
+    if (mine_) pthread_mutex_lock(&mutex);
+  }
+  ~Locked() {
+    if (mine_) pthread_mutex_unlock(&mutex);
+  }
+  Locked(const Locked &) = delete;
+  Locked &operator=(const Locked &) = delete;
 
  private:
-  int previous_ = 0;
+  const NoCancellation no_cancellation_;
+  const bool mine_;
 };
 
-void begin_slice() {
-  state.turns++;
-  state.slice_calls = 0;
-  state.slice_start = std::chrono::steady_clock::now();
-}
+// All functions up to the next rule run with the mutex held.
 
-// With the mutex held.
-void acquire_locked() {
-  if (!state.busy && state.waiting.empty()) {
-    state.busy = true;
-  } else {
-    Waiter waiter;
-    state.waiting.push_back(&waiter);
-    while (!waiter.has_baton) pthread_cond_wait(&waiter.granted, &mutex);
-    pthread_cond_destroy(&waiter.granted);
-  }
-  holds = true;
-  begin_slice();
-}
-
-// With the mutex held: the baton goes to the next thread, or lies free.
-void release_locked() {
-  holds = false;
-  if (state.waiting.empty()) {
-    state.busy = false;
-    pthread_cond_broadcast(&changed);
-    return;
-  }
-  const size_t next = state.seeded ? state.generator() % state.waiting.size() : 0;
-  Waiter *waiter = state.waiting[next];
-  state.waiting.erase(state.waiting.begin() + static_cast<std::ptrdiff_t>(next));
-  waiter->has_baton = true;
-  pthread_cond_signal(&waiter->granted);
-}
-
-void acquire() {
-  const NoCancellation guard;
-  pthread_mutex_lock(&mutex);
-  acquire_locked();
-  pthread_mutex_unlock(&mutex);
-}
-
-void release() {
-  const NoCancellation guard;
-  pthread_mutex_lock(&mutex);
-  release_locked();
-  pthread_mutex_unlock(&mutex);
-}
-
-// Gives the baton to those that wait and takes it again; false when nobody waits.
-bool pass_on() {
-  const NoCancellation guard;
-  pthread_mutex_lock(&mutex);
-  const bool others = !state.waiting.empty();
-  if (others) {
-    release_locked();
-    acquire_locked();
-  }
-  pthread_mutex_unlock(&mutex);
-  return others;
-}
-
-struct Start {
-  void *(*body)(void *);
-  void *argument;
-  std::string name;
-  ModuleThread record;
-};
-
-// Registered from before a thread's first instruction until after its last, however it ends.
-class Registration {
- public:
-  explicit Registration(ModuleThread *record) : record_(record) { self = record; }
-  ~Registration() {
-    const NoCancellation guard;
-    pthread_mutex_lock(&mutex);
-    if (holds) release_locked();
-    state.threads.erase(std::find(state.threads.begin(), state.threads.end(), record_));
-    pthread_cond_broadcast(&changed);
-    pthread_mutex_unlock(&mutex);
-  }
-
- private:
-  ModuleThread *record_;
-};
-
-void *run_thread(void *argument) {
-  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-  const std::unique_ptr<Start> start(static_cast<Start *>(argument));
-  const Registration registration(&start->record);
-  pthread_setname_np(pthread_self(), start->name.substr(0, 15).c_str());
-  acquire();
-  return start->body(start->argument);
-}
-
-bool all_asleep() {
-  return std::all_of(state.threads.begin(), state.threads.end(),
-                     [](const ModuleThread *thread) { return thread->asleep_on != nullptr; });
-}
-
-// Waits on `changed`, with the mutex held, until the condition holds; false after ten seconds.
+// Waits until the condition holds; false after ten seconds.
 template <typename Condition>
 bool wait_for_change(Condition condition) {
   timespec limit;
@@ -180,149 +114,272 @@ bool wait_for_change(Condition condition) {
   return true;
 }
 
+bool any_in(Phase phase) {
+  return std::any_of(state.members.begin(), state.members.end(),
+                     [phase](const Member *member) { return member->phase == phase; });
+}
+
+bool others_can_run() { return !state.waiting.empty() || (state.repeatable && any_in(Phase::coming)); }
+
+void set_phase(Member *member, Phase phase) {
+  member->phase = phase;
+  pthread_cond_broadcast(&changed);
+}
+
+void wake(Member *member) {
+  member->ticket = state.next_ticket++;
+  set_phase(member, Phase::coming);
+}
+
+// The baton goes to the next thread when it is free.
+void hand_on() {
+  if (state.busy || state.waiting.empty()) return;
+  const size_t next = state.seeded ? state.generator() % state.waiting.size() : 0;
+  Waiter *waiter = state.waiting[next];
+  state.waiting.erase(state.waiting.begin() + static_cast<std::ptrdiff_t>(next));
+  state.busy = true;
+  state.turns++;
+  waiter->has_baton = true;
+  pthread_cond_signal(&waiter->granted);
+}
+
+uint64_t ticket_of_caller() {
+  return self != nullptr && self->phase == Phase::coming ? self->ticket : state.next_ticket++;
+}
+
+void acquire_locked() {
+  Waiter waiter{ticket_of_caller()};
+  const auto place = std::find_if(state.waiting.begin(), state.waiting.end(),
+                                  [&waiter](const Waiter *other) { return other->ticket > waiter.ticket; });
+  state.waiting.insert(place, &waiter);
+  if (self != nullptr && self->phase != Phase::active) set_phase(self, Phase::active);
+  hand_on();
+  while (!waiter.has_baton) pthread_cond_wait(&waiter.granted, &mutex);
+  pthread_cond_destroy(&waiter.granted);
+  holds = true;
+  state.slice_calls = 0;
+  state.slice_start = std::chrono::steady_clock::now();
+}
+
+void release_locked() {
+  if (state.repeatable) wait_for_change([] { return !any_in(Phase::coming); });
+  holds = false;
+  state.busy = false;
+  hand_on();
+  if (!state.busy) pthread_cond_broadcast(&changed);
+}
+
+void drop_member(Member *member) {
+  state.members.erase(std::find(state.members.begin(), state.members.end(), member));
+  pthread_cond_broadcast(&changed);
+}
+
+bool all_quiet() { return !state.busy && state.waiting.empty() && !any_in(Phase::coming) && !any_in(Phase::active); }
+
+// ---------------------------------------------------------------------------------------------------------------------
+
+void acquire() {
+  const Locked locked;
+  acquire_locked();
+}
+
+void release() {
+  const Locked locked;
+  release_locked();
+}
+
+// Sleeps until the write lock has become free once more.
+void wait_for_write_lock() {
+  const Locked locked;
+  const uint64_t seen = state.lock_releases;
+  if (self != nullptr) {
+    self->condition = &write_lock;
+    set_phase(self, Phase::asleep);
+  }
+  release_locked();
+  while (state.lock_releases == seen) pthread_cond_wait(&lock_freed, &mutex);
+  acquire_locked();
+}
+
+struct Start {
+  void *(*body)(void *);
+  void *argument;
+  std::string name;
+  Member member;
+};
+
+// A member from before a thread's first instruction until after its last, however it ends.
+class Membership {
+ public:
+  explicit Membership(Member *member) { self = member; }
+  ~Membership() {
+    has_mutex = false;  // who was cancelled in the contract's wait has given the mutex back
+    const Locked locked;
+    if (holds) release_locked();
+    drop_member(self);
+    self = nullptr;
+  }
+  Membership(const Membership &) = delete;
+  Membership &operator=(const Membership &) = delete;
+};
+
+void *run_thread(void *argument) {
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+  const std::unique_ptr<Start> start(static_cast<Start *>(argument));
+  const Membership membership(&start->member);
+  pthread_setname_np(pthread_self(), start->name.substr(0, 15).c_str());
+  acquire();
+  return start->body(start->argument);
+}
+
 }  // namespace
 
 void main_acquire() { acquire(); }
 void main_release() { release(); }
 bool locks_held() { return holds; }
 
-void scheduler_use_fifo() { state.seeded = false; }
+void scheduler_use_fifo() {
+  const Locked locked;
+  state.seeded = false;
+}
+
 void scheduler_use_seed(uint64_t seed) {
+  const Locked locked;
   state.seeded = true;
   state.generator.seed(seed);
 }
 
+void scheduler_set_repeatable(bool on) {
+  const Locked locked;
+  state.repeatable = on;
+}
+
 size_t thread_count() {
-  pthread_mutex_lock(&mutex);
-  const size_t count = state.threads.size();
-  pthread_mutex_unlock(&mutex);
-  return count;
+  const Locked locked;
+  return state.members.size();
 }
 
 bool wait_for_threads() {
-  pthread_mutex_lock(&mutex);
+  const Locked locked;
   const bool held = holds;
   if (held) release_locked();
-  const bool ended = wait_for_change([] { return state.threads.empty(); });
+  const bool ended = wait_for_change([] { return state.members.empty(); });
   if (held) acquire_locked();
-  pthread_mutex_unlock(&mutex);
   return ended;
 }
 
 bool let_threads_sleep() {
-  pthread_mutex_lock(&mutex);
+  const Locked locked;
   release_locked();
-  const bool asleep = wait_for_change([] { return all_asleep() && !state.busy; });
+  const bool quiet = wait_for_change(all_quiet);
   acquire_locked();
-  pthread_mutex_unlock(&mutex);
-  return asleep;
+  return quiet;
+}
+
+bool pass_baton() {
+  const Locked locked;
+  if (!others_can_run()) return false;
+  const uint64_t before = state.turns;
+  release_locked();
+  acquire_locked();
+  return state.turns > before + 1;  // one turn is the caller's own
 }
 
 void note_condition_wait(const void *condition) {
   if (self == nullptr) return;
-  // With the mutex, so that settle() cannot miss it between its test and its wait; the contract's own wait has it.
-  const NoCancellation guard;
-  if (!has_mutex) pthread_mutex_lock(&mutex);
-  self->asleep_on = condition;
-  pthread_cond_broadcast(&changed);
-  if (!has_mutex) pthread_mutex_unlock(&mutex);
+  const Locked locked;
+  self->condition = condition;
+  set_phase(self, Phase::asleep);
 }
 
-void note_condition_woken(const void *) {
-  if (self != nullptr) self->asleep_on = nullptr;
+// The system may have woken another thread than the one that a signal was put down to; the two change places.
+void note_condition_woken(const void *condition) {
+  if (self == nullptr) return;
+  const Locked locked;
+  if (self->phase == Phase::coming) return;
+  const auto other = std::find_if(state.members.begin(), state.members.end(), [condition](const Member *member) {
+    return member->phase == Phase::coming && member->condition == condition;
+  });
+  wake(self);
+  if (other == state.members.end()) return;
+  self->ticket = (*other)->ticket;
+  set_phase(*other, Phase::asleep);
 }
 
 void note_condition_signal(const void *condition) {
-  const NoCancellation guard;
-  pthread_mutex_lock(&mutex);
-  for (ModuleThread *thread : state.threads)
-    if (thread->asleep_on == condition) {
-      thread->asleep_on = nullptr;
-      break;
-    }
-  pthread_mutex_unlock(&mutex);
+  const Locked locked;
+  const auto sleeper = std::find_if(state.members.begin(), state.members.end(), [condition](const Member *member) {
+    return member->phase == Phase::asleep && member->condition == condition;
+  });
+  if (sleeper != state.members.end()) wake(*sleeper);
 }
 
 void set_yield_hook(std::function<bool()> hook) { state.yield_hook = std::move(hook); }
 
-bool run_yield_hook() { return state.yield_hook ? state.yield_hook() : false; }
-
 void sched_reset() {
   scheduler_use_fifo();
-  state.yield_hook = nullptr;
   if (!holds) acquire();
+  state.yield_hook = nullptr;
+  write_lock = tsp_lock{};
 }
 
 }  // namespace ref
 
 using namespace ref;
 
-struct tsp_lock {
-  pthread_t owner;
-  uint32_t depth;  // 0: free
-};
-
-static tsp_lock write_lock;
 tsp_lock *pim_shm_wrlock = &write_lock;
 
 void tsp_lock_acquire_wrlock(tsp_lock *lock) {
-  while (lock->depth > 0 && !pthread_equal(lock->owner, pthread_self()))
-    if (!pass_on()) {
-      release();
-      acquire();
-    }
+  while (lock->depth > 0 && pthread_equal(lock->owner, pthread_self()) == 0) wait_for_write_lock();
   lock->owner = pthread_self();
   lock->depth++;
 }
 
 void pim_release_wrlock() {
   if (pim_wrlock_count > 0) pim_wrlock_count--;
-  if (write_lock.depth > 0) write_lock.depth--;
+  if (write_lock.depth == 0 || --write_lock.depth > 0) return;
+  const Locked locked;
+  state.lock_releases++;
+  for (Member *member : state.members)
+    if (member->phase == Phase::asleep && member->condition == &write_lock) wake(member);
+  pthread_cond_broadcast(&lock_freed);
 }
 
 int quillon_pthread_attr_init(pthread_attr_t *attributes) { return pthread_attr_init(attributes); }
 
 int quillon_pthread_create(pthread_t *handle, const pthread_attr_t *attributes, void *(*body)(void *), void *argument,
                            const char *name) {
-  auto start = std::make_unique<Start>();
-  start->body = body;
-  start->argument = argument;
-  start->name = name;
-  pthread_mutex_lock(&mutex);
-  state.threads.push_back(&start->record);
-  pthread_mutex_unlock(&mutex);
+  auto start = std::make_unique<Start>(Start{body, argument, name, {}});
+  const Locked locked;  // the thread gets no further than to its first request while the handle is being stored
+  start->member.ticket = state.next_ticket++;
+  state.members.push_back(&start->member);
   const int error = pthread_create(handle, attributes, run_thread, start.get());
-  if (error != 0) {
-    pthread_mutex_lock(&mutex);
-    state.threads.erase(std::find(state.threads.begin(), state.threads.end(), &start->record));
-    pthread_mutex_unlock(&mutex);
-    return error;
-  }
-  start.release();
-  return 0;
+  if (error != 0)
+    drop_member(&start->member);
+  else
+    start.release();
+  return error;
 }
 
 int tsp_sched_may_yield() {
-  const bool hooked = run_yield_hook();
-  return pass_on() || hooked ? 1 : 0;
+  const bool hooked = state.yield_hook && state.yield_hook();
+  return pass_baton() || hooked ? 1 : 0;
 }
 
 void tsp_sched_yield() { tsp_sched_may_yield(); }
 
 int tsp_should_sched_yield() {
-  pthread_mutex_lock(&mutex);
-  const bool others = !state.waiting.empty();
-  pthread_mutex_unlock(&mutex);
-  if (!others) return 0;
-  if (clock_scale() == 0) return ++state.slice_calls % kCallsPerSlice == 0 ? 1 : 0;
-  return std::chrono::steady_clock::now() - state.slice_start > kSlice ? 1 : 0;
+  const Locked locked;
+  if (!others_can_run()) return 0;
+  if (state.repeatable) return ++state.slice_calls >= calls_per_slice ? 1 : 0;
+  return std::chrono::steady_clock::now() - state.slice_start >= slice ? 1 : 0;
 }
 
 void tsp_before_yield() { release(); }
 void tsp_after_yield() { acquire(); }
 
 pthread_mutex_t *tsp_release_locks_before_yield(uint32_t, uint32_t) {
-  const NoCancellation guard;
+  const NoCancellation no_cancellation;
   pthread_mutex_lock(&mutex);
   has_mutex = true;
   release_locked();
@@ -330,7 +387,7 @@ pthread_mutex_t *tsp_release_locks_before_yield(uint32_t, uint32_t) {
 }
 
 void tsp_acquire_locks_after_yield(uint32_t, uint32_t) {
-  const NoCancellation guard;
+  const NoCancellation no_cancellation;
   acquire_locked();
   has_mutex = false;
   pthread_mutex_unlock(&mutex);

@@ -18,11 +18,10 @@
 
 namespace ref {
 
-// Appends to a record of what happened that keeps at least its latest 1000 entries. The older half goes at once, so that
-// a long run does not move the whole record for every entry.
+// Appends to a record of what happened that keeps at least its latest entries, `kept` of them. The older half goes at
+// once, so that a long run does not move the whole record for every entry.
 template <typename T>
-void remember(std::vector<T> &log, T entry) {
-  constexpr std::ptrdiff_t kept = 1000;
+void remember(std::vector<T> &log, T entry, std::ptrdiff_t kept = 1000) {
   if (std::ssize(log) >= 2 * kept) log.erase(log.begin(), log.begin() + kept);
   log.push_back(std::move(entry));
 }

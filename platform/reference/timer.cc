@@ -1,15 +1,14 @@
 // The platform's clock and timers. Time is real, scaled, or stepped; timers fire in the order of their deadlines, from
-// the main loop.
+// the main loop. An expiry is not queued: a timer that was stopped or freed before its turn came is gone.
 #include "timer.h"
 
-#include <array>
+#include <algorithm>
 #include <cstdio>
-#include <ctime>
 #include <map>
 #include <new>
-#include <set>
 
 #include "internal.h"
+#include "text.h"
 
 using namespace std::chrono_literals;
 using std::chrono::nanoseconds;
@@ -46,7 +45,20 @@ void disarm(active_timer *timer) {
   timer->armed = false;
 }
 
-bool fire_one() {
+zeph_timestamp to_stamp(nanoseconds time) {
+  return {static_cast<uint64_t>(time.count() / 1000000000), static_cast<uint64_t>(time.count() % 1000000000)};
+}
+
+// Of any stamp; one beyond the clock's range is taken as its end.
+nanoseconds from_stamp(const zeph_timestamp &stamp) {
+  constexpr uint64_t last_second = uint64_t{nanoseconds::max().count()} / 1000000000 - 1;
+  return std::chrono::seconds(std::min(stamp.seconds, last_second)) +
+         nanoseconds(std::min<uint64_t>(stamp.nanoseconds, 999999999));
+}
+
+}  // namespace
+
+bool fire_next_timer() {
   const nanoseconds time = now();
   const auto timer = state.armed.begin();
   const auto work = state.scheduled.begin();
@@ -56,7 +68,7 @@ bool fire_one() {
   if (timer_due && (!work_due || timer->first < work->first)) {
     active_timer *fired = timer->second;
     disarm(fired);
-    fired->callback(fired->argument);
+    fired->callback(fired->argument);  // may free the timer
     return true;
   }
   const std::function<void()> run = std::move(work->second);
@@ -64,18 +76,6 @@ bool fire_one() {
   run();
   return true;
 }
-
-zeph_timestamp to_stamp(nanoseconds time) {
-  return {static_cast<uint64_t>(time.count() / 1000000000), static_cast<uint64_t>(time.count() % 1000000000)};
-}
-
-nanoseconds from_stamp(const zeph_timestamp &stamp) {
-  return nanoseconds(static_cast<int64_t>(stamp.seconds * 1000000000 + stamp.nanoseconds));
-}
-
-}  // namespace
-
-void wake_main_loop();
 
 nanoseconds now() {
   if (state.stepped) return state.stepped_now;
@@ -86,6 +86,7 @@ nanoseconds now() {
 void clock_use_stepped() {
   state.stepped_now = now();
   state.stepped = true;
+  scheduler_set_repeatable(true);
 }
 
 void clock_use_real(double scale) {
@@ -93,6 +94,7 @@ void clock_use_real(double scale) {
   state.real_start = std::chrono::steady_clock::now();
   state.scale = scale;
   state.stepped = false;
+  scheduler_set_repeatable(false);
 }
 
 double clock_scale() { return state.stepped ? 0 : state.scale; }
@@ -106,6 +108,7 @@ std::optional<nanoseconds> next_deadline() {
 }
 
 void advance(nanoseconds step) {
+  if (!state.stepped) return;
   const nanoseconds end = state.stepped_now + step;
   for (auto next = next_deadline(); next && *next <= end; next = next_deadline()) {
     if (*next > state.stepped_now) state.stepped_now = *next;
@@ -120,12 +123,6 @@ void schedule(nanoseconds delay, std::function<void()> work) {
   wake_main_loop();
 }
 
-size_t fire_due_timers() {
-  size_t fired = 0;
-  while (fired < 1000 && fire_one()) fired++;
-  return fired;
-}
-
 size_t live_timers() { return state.live; }
 
 void timer_reset() {
@@ -133,6 +130,7 @@ void timer_reset() {
   for (auto &[deadline, timer] : state.armed) timer->armed = false;
   state = State{};
   state.live = live;
+  scheduler_set_repeatable(true);
 }
 
 }  // namespace ref
@@ -188,17 +186,16 @@ void timestamp_left_sleeping(const zeph_timestamp *until, zeph_timestamp *left) 
 }
 
 const char *timestamp_sprint(const zeph_timestamp *duration) {
-  thread_local std::array<std::array<char, 32>, 8> ring;
-  thread_local size_t next = 0;
-  std::array<char, 32> &text = ring[next++ % ring.size()];
+  constexpr unsigned long long day = 86400, week = 7 * day;
   const unsigned long long s = duration->seconds;
-  if (s < 86400)
-    std::snprintf(text.data(), text.size(), "%02llu:%02llu:%02llu", s / 3600, s / 60 % 60, s % 60);
-  else if (s < 7 * 86400)
-    std::snprintf(text.data(), text.size(), "%llud%02lluh", s / 86400, s / 3600 % 24);
+  char text[32];
+  if (s < day)
+    std::snprintf(text, sizeof text, "%02llu:%02llu:%02llu", s / 3600, s / 60 % 60, s % 60);
+  else if (s < week)
+    std::snprintf(text, sizeof text, "%llud%02lluh", s / day, s % day / 3600);
   else
-    std::snprintf(text.data(), text.size(), "%lluw%llud", s / (7 * 86400), s / 86400 % 7);
-  return text.data();
+    std::snprintf(text, sizeof text, "%lluw%llud", s / week, s % week / day);
+  return keep_text(text);
 }
 
 uint64_t ksink_get_milli_abstime_now() {

@@ -1,4 +1,7 @@
 // Transmit list: a circular list through a sentinel, with positions of its kinds and one version counter.
+//
+// An iterator is a member that stands behind the object it returned last, at every moment and not only after a commit:
+// that object may be removed, moved or freed without the walk losing its place.
 #include "txlist.h"
 
 #include <array>
@@ -12,7 +15,6 @@ struct txlist {
 
 struct txlist_iterator {
   txlist_member member;
-  txlist_obj *last;  // object returned last; valid until the next commit
 };
 
 namespace {
@@ -87,18 +89,19 @@ void txlist_insert_member_at_head(txlist *list, txlist_member *member) {
 }
 
 void txlist_insert_member_after_node(txlist *list, txlist_member *member, txlist_obj *node) {
-  if (node == &member->obj || node->next == &member->obj) return;
-  place_member(list, &member->obj, node);
+  if (node != &member->obj) place_member(list, &member->obj, node);
 }
 
 void txlist_insert_member_before_node(txlist *list, txlist_member *member, txlist_obj *node) {
-  if (node == &member->obj || node->prev == &member->obj) return;
+  if (node == &member->obj) return;
+  unlink(&member->obj);  // it may be what stands before the node
   place_member(list, &member->obj, node->prev);
 }
 
 void txlist_remove_member(txlist *, txlist_member *member) { unlink(&member->obj); }
 
 txlist_obj *txlist_get_next_node(txlist *list, txlist_obj *node) {
+  if (node != nullptr && node->list != list) return nullptr;  // it was removed
   txlist_obj *next = node != nullptr ? node->next : list->head.next;
   while (next != &list->head && is_iterator(next)) next = next->next;
   return next == &list->head ? nullptr : next;
@@ -121,24 +124,19 @@ txlist_iterator *txlist_iterator_create(txlist *list) {
   if (iterator == nullptr) return nullptr;
   init(&iterator->member.obj, TXLIST_KIND_ITERATOR, true);
   place_member(list, &iterator->member.obj, &list->head);
-  iterator->last = &iterator->member.obj;
   return iterator;
 }
 
 txlist_obj *txlist_iterator_next(txlist_iterator *iterator) {
   txlist *list = iterator->member.obj.list;
   if (list == nullptr) return nullptr;  // the list was destroyed
-  txlist_obj *next = txlist_get_next_node(list, iterator->last);
-  if (next != nullptr) iterator->last = next;
+  txlist_obj *next = txlist_get_next_node(list, &iterator->member.obj);
+  if (next != nullptr) place_member(list, &iterator->member.obj, next);
   return next;
 }
 
-void txlist_iterator_commit(txlist_iterator *iterator) {
-  txlist *list = iterator->member.obj.list;
-  if (list == nullptr || iterator->last == &iterator->member.obj) return;
-  place_member(list, &iterator->member.obj, iterator->last);
-  iterator->last = &iterator->member.obj;
-}
+// The iterator stands there already.
+void txlist_iterator_commit(txlist_iterator *) {}
 
 void txlist_iterator_remove(txlist_iterator *iterator) {
   if (iterator == nullptr) return;

@@ -83,8 +83,6 @@ bool yield_hook() {
 }
 
 std::string text(const char *value) { return value != nullptr ? value : "null"; }
-std::string text(const void *value) { return value != nullptr ? "." : "null"; }
-std::string text(uint64_t value) { return std::to_string(value); }
 std::string text(uint32_t value) { return std::to_string(value); }
 std::string text(int value) { return std::to_string(value); }
 std::string hex(uint32_t value) {

@@ -10,9 +10,9 @@ constexpr ip_addr_t MVPN_ALL_PIM_ROUTERS = 0xE000000D;  // 224.0.0.13
 constexpr uint32_t MVPN_RECV_JOIN_PACKET_SIZE = 65535;
 constexpr uint32_t MVPN_RECV_KEY_BYTES = 12;  // customer group, customer source, provider source; network byte order
 
-extern int mvpn_udp_sid;            // Join socket; -1 = none
-extern int mvpn_udp_up;             // 1: bound
-extern pthread_t mvpn_udp_thread;   // 0 = not running
+extern int mvpn_udp_sid;           // Join socket; -1 = none
+extern int mvpn_udp_up;            // 1: bound
+extern pthread_t mvpn_udp_thread;  // 0 = not running
 extern uint8_t mvpn_recv_data_mdt_join_pkt[MVPN_RECV_JOIN_PACKET_SIZE];
 extern pt_attr *mvpn_data_mdt_info_pt_attr;  // of every VRF's receive cache
 extern active_timer *mvpn_age_timer;
@@ -61,8 +61,7 @@ void mvpn_start_switchback_from_data_mdt(mvpn_cibtype *mvpn, const mvpn_mdt_rout
 void mvpn_finish_switchback_from_data_mdt(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute);
 
 // Local source.
-void mvpn_data_mdt_map_receiver_to_local_source(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key,
-                                                pim_route *croute);
+void mvpn_data_mdt_map_receiver_to_local_source(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute);
 void mvpn_data_mdt_unmap_receiver_from_local_source(mvpn_cibtype *mvpn, pim_route *croute,
                                                     const mvpn_mdt_route_addrs *key);
 
@@ -82,8 +81,7 @@ void mvpn_update_data_mdt_recv_join_stats_info(mvpn_cibtype *mvpn, int is_new, m
 // Mapping between announcements and customer routes.
 int mvpn_data_mdt_map_remote_source_to_receiver(mvpn_cibtype *mvpn, mvpn_data_mdt_recv_join_info *record);
 void mvpn_data_mdt_unmap_remote_source_from_receiver(mvpn_cibtype *mvpn, mvpn_data_mdt_recv_join_info *record);
-int mvpn_data_mdt_map_receiver_to_remote_source(mvpn_cibtype *mvpn, pim_route *croute,
-                                                const mvpn_mdt_route_addrs *key);
+int mvpn_data_mdt_map_receiver_to_remote_source(mvpn_cibtype *mvpn, pim_route *croute, const mvpn_mdt_route_addrs *key);
 void mvpn_data_mdt_unmap_receiver_from_remote_source(mvpn_cibtype *mvpn, pim_route *croute,
                                                      const mvpn_mdt_route_addrs *key);
 int mvpn_should_install_remote_data_mdt(const pim_route *croute, const mvpn_cibtype *mvpn);
@@ -99,5 +97,7 @@ void mvpn_mdt_route_cleanup_recv_join_info(mvpn_mdt_route *route);
 void mvpn_process_age_timer();
 void *mvpn_age_routine(void *argument);
 void mvpn_age_route_by_vpn(mvpn_cibtype *mvpn);
+// Ends a running pass and waits for its end.
+void mvpn_stop_ageing();
 
 #endif  // MVPN_DATAMDT_H

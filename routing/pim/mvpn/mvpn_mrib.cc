@@ -19,7 +19,7 @@
 // Encapsulations tie a VRF's encapsulation index to a provider group. They are told to the MRIB one by one, at once and
 // unacknowledged. A slot of the VRF's table is set exactly while the MRIB has the encapsulation, as far as it answered.
 //
-// Everything here but the worker's body runs under the scheduling locks on whatever thread calls it.
+// Everything here runs under the scheduling locks, on the main thread or on the worker.
 #include "mvpn_mrib.h"
 
 #include <cstring>
@@ -80,7 +80,7 @@ void mvpn_mrib_queue_context(mvpn_cibtype *mvpn) {
 
 void mvpn_mrib_unqueue_context(mvpn_cibtype *mvpn) { unqueue_element(&mvpn->mrib_txlist_elem); }
 
-// What waited for the worker when the interface was last stopped, or came up for it since.
+// What waited for the worker when the interface was last stopped, or was scheduled since.
 static void queue_waiting_work(mvpn_cibtype *mvpn) {
   for (mvpn_mdt_route *route = mvpn_mdt_mroute_first(mvpn); route != nullptr;
        route = mvpn_mdt_mroute_after(mvpn, route->source, route->group)) {
@@ -261,7 +261,7 @@ int mvpn_deinit_mrib(int deregister) {
   MVPN_DEBUG(pim_null_pcib, "mvpn_mrib_info was NOT null");
   stop_worker();
   release_list_and_buffers();
-  if (deregister != 0 && mrib_deregister(MRIB_CLIENT_NAME, 1) == 0) {
+  if (deregister != 0 && has_client() && mrib_deregister(MRIB_CLIENT_NAME, 1) == 0) {
     mvpn_report(msg_error_PIM_API_FAILED, "MRIB (deregister)", "mvpn_deinit_mrib()");
     return 0;
   }

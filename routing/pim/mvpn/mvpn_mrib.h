@@ -141,7 +141,7 @@ int mvpn_mrib_clear_mdt_routes(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *f
 // Has RPF recomputed for the VRF's routes.
 void mvpn_mrib_trigger_rpf_lookup(mvpn_cibtype *mvpn);
 
-// Encapsulation indexes. While the module stops, deletes only clear the table.
+// Encapsulation indexes. While the module stops, a delete only clears the group's slot.
 int mvpn_add_mdt_encap_info(mvpn_cibtype *mvpn, ip_addr_t mdt_group, uint32_t encap_index);
 int mvpn_delete_mdt_encap_info(mvpn_cibtype *mvpn, ip_addr_t mdt_group);
 int mvpn_delete_all_mdt_encap_info(mvpn_cibtype *mvpn, int tell_mrib);

@@ -1,0 +1,376 @@
+// The agent library speaks AgentX and finds rows; this file gives it the tables and drives it from the event loop.
+//
+// Objects. Every table is a sorted container of rows behind three helpers of the library: the table helper takes object
+// identifiers apart, the cache helper has the container filled when its rows are older than kCacheSeconds, the
+// container helper finds the row or the one after it, and answer_row gives the value of a column. A walk of a table thus
+// reads one state of it, or a few, and each of them sorted.
+//
+// Turns. After each piece of work the library says which descriptors and which time it waits for, and both are waited
+// for anew (arm). The descriptors are duplicated for that: the library closes its own whenever it likes, and a number
+// may come to stand for another connection. The duplicates live until the next arm, which follows every piece of work.
+// Nothing of the library holds the scheduling locks, except a table or scalar while it is collected.
+//
+// Bounds. The library waits for the master's answers, so a master that is alive but does not answer holds up the event
+// loop: kAnswerSeconds at most for each attempt, and attempts are far apart. Collecting a table has its own bounds.
+//
+// Failures. A master that goes away closes the connection; the library drops the session and tries again at intervals,
+// as it does when there was none at the start, and registers everything anew. Its messages go to the log.
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+#include <net-snmp/library/large_fd_set.h>
+#include <unistd.h>
+
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <chrono>
+#include <cstdlib>
+#include <stdexcept>
+#include <vector>
+
+#include "agentx.h"
+#include "collect.h"
+
+namespace host::snmp {
+namespace {
+
+constexpr int kCacheSeconds = 2;
+constexpr int kAnswerSeconds = 1;
+constexpr const char *kAgentName = "pimhostd";
+
+using Oid = std::vector<oid>;
+
+Oid object_oid(uint32_t arc) {
+  Oid oids(std::begin(kObjects), std::end(kObjects));
+  oids.push_back(arc);
+  return oids;
+}
+
+// A row in the library's container, which orders by what stands first.
+struct ServedRow {
+  netsnmp_index index;
+  Oid oids;
+  Values values;
+};
+
+u_char asn_type(Syntax syntax) {
+  switch (syntax) {
+    case Syntax::text:
+      return ASN_OCTET_STR;
+    case Syntax::address:
+      return ASN_IPADDRESS;
+    case Syntax::integer:
+      return ASN_INTEGER;
+    case Syntax::unsigned_number:
+      return ASN_UNSIGNED;
+    case Syntax::ticks:
+      return ASN_TIMETICKS;
+  }
+  return ASN_NULL;
+}
+
+// Puts a value into an answer; false when it is not what its object says.
+bool set_value(netsnmp_variable_list *variable, Syntax syntax, const std::string &text) {
+  const u_char type = asn_type(syntax);
+  if (syntax == Syntax::text) return snmp_set_var_typed_value(variable, type, text.data(), text.size()) == 0;
+  if (syntax == Syntax::address) {
+    const auto address = to_address(text);
+    const in_addr_t bytes = htonl(address.value_or(0));
+    return address && snmp_set_var_typed_value(variable, type, &bytes, sizeof bytes) == 0;
+  }
+  const auto number = to_number(text);
+  if (!number) return false;
+  const long value = syntax == Syntax::integer ? long{static_cast<int32_t>(*number)} : static_cast<long>(*number);
+  return snmp_set_var_typed_value(variable, type, &value, sizeof value) == 0;
+}
+
+const Column *find_column(const Table &table, uint32_t arc) {
+  for (const Column &column : table.values)
+    if (column.arc == arc) return &column;
+  return nullptr;
+}
+
+void free_row(void *row, void *) { delete static_cast<ServedRow *>(row); }
+
+void empty_container(netsnmp_container *rows) { CONTAINER_CLEAR(rows, free_row, nullptr); }
+
+}  // namespace
+
+class AgentX::Impl {
+ public:
+  Impl(boost::asio::io_context &io, std::string address, InTurn in_turn, Log log, Options options);
+  ~Impl();
+
+ private:
+  using Descriptor = boost::asio::posix::stream_descriptor;
+  struct ServedTable {
+    Impl *impl;
+    const Table *table;
+    netsnmp_container *rows;
+    netsnmp_table_registration_info *info;
+    std::vector<unsigned> arcs;  // of the columns that have values
+    netsnmp_column_info columns;
+  };
+  struct ServedScalar {
+    Impl *impl;
+    const Scalar *scalar;
+  };
+
+  void start_library(const Options &options);
+  void set_options();
+  static void set_intervals(int retry_seconds);
+  void serve_table(const Table &table);
+  void serve_scalar(const Scalar &scalar);
+
+  static void set_columns(ServedTable &served);
+  void fill(const ServedTable &served);
+  static int load(netsnmp_cache *cache, void *magic);
+  static void unload(netsnmp_cache *cache, void *magic);
+  static int answer_rows(netsnmp_mib_handler *handler, netsnmp_handler_registration *registration,
+                         netsnmp_agent_request_info *info, netsnmp_request_info *requests);
+  static int answer_scalar(netsnmp_mib_handler *handler, netsnmp_handler_registration *registration,
+                           netsnmp_agent_request_info *info, netsnmp_request_info *requests);
+  static int take_message(int major, int minor, void *server, void *own);
+
+  void arm();
+  void watch(int fd);
+  void set_timer(const timeval &wait);
+  void work(int ready_fd);
+
+  boost::asio::io_context &io_;
+  boost::asio::steady_timer timer_;
+  std::string address_;
+  InTurn in_turn_;
+  Log log_;
+  std::vector<std::unique_ptr<ServedTable>> tables_;
+  std::vector<std::unique_ptr<ServedScalar>> scalars_;
+  std::vector<std::unique_ptr<Descriptor>> watched_;
+  // Waits that were set before the latest arm are void, also when they are queued already.
+  std::shared_ptr<uint64_t> generation_ = std::make_shared<uint64_t>(0);
+};
+
+AgentX::Impl::Impl(boost::asio::io_context &io, std::string address, InTurn in_turn, Log log, Options options)
+    : io_(io), timer_(io), address_(std::move(address)), in_turn_(std::move(in_turn)), log_(std::move(log)) {
+  set_options();
+  start_library(options);
+  arm();
+}
+
+AgentX::Impl::~Impl() {
+  ++*generation_;
+  watched_.clear();
+  // Before the shutdown, which frees what callbacks were given.
+  snmp_disable_log();
+  snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_LOGGING, take_message, this, 1);
+  snmp_shutdown(kAgentName);
+  shutdown_agent();
+  for (const auto &table : tables_) {
+    empty_container(table->rows);
+    CONTAINER_FREE(table->rows);
+    netsnmp_table_registration_info_free(table->info);
+  }
+}
+
+// The daemon's configuration says everything: no files of the library are read or written, no MIB modules loaded.
+void AgentX::Impl::set_options() {
+  setenv("MIBS", "", 1);
+  for (const int option :
+       {NETSNMP_DS_LIB_DONT_READ_CONFIGS, NETSNMP_DS_LIB_DONT_PERSIST_STATE, NETSNMP_DS_LIB_DISABLE_PERSISTENT_LOAD,
+        NETSNMP_DS_LIB_DISABLE_PERSISTENT_SAVE, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG})
+    netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, option, 1);
+  netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE, 1);
+  netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET, address_.c_str());
+}
+
+// Between init_agent, which sets these to its own choice, and init_snmp, which makes the first attempt.
+void AgentX::Impl::set_intervals(int retry_seconds) {
+  netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL, retry_seconds);
+  netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_TIMEOUT, kAnswerSeconds * ONE_SEC);
+  netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_RETRIES, 0);
+}
+
+void AgentX::Impl::start_library(const Options &options) {
+  snmp_disable_log();
+  snmp_enable_calllog();
+  snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_LOGGING, take_message, this);
+  if (init_agent(kAgentName) != 0) throw std::runtime_error("the SNMP agent library does not start");
+  set_intervals(options.retry_seconds);
+  for (const Table &table : tables()) serve_table(table);
+  for (const Scalar &scalar : scalars()) serve_scalar(scalar);
+  init_snmp(kAgentName);
+}
+
+int AgentX::Impl::take_message(int, int, void *server, void *own) {
+  const auto *message = static_cast<const snmp_log_message *>(server);
+  std::string text = message->msg;
+  while (text.ends_with('\n')) text.pop_back();
+  if (message->priority <= LOG_INFO && !text.empty()) static_cast<Impl *>(own)->log_("SNMP: " + text);
+  return SNMP_ERR_NOERROR;
+}
+
+// ---------------------------------------------------------------------------------------------------------- objects
+
+void AgentX::Impl::serve_table(const Table &table) {
+  const Oid root = object_oid(table.arc);
+  auto served = std::make_unique<ServedTable>();
+  served->impl = this;
+  served->table = &table;
+  served->rows = netsnmp_container_find("table_container");
+  served->info = SNMP_MALLOC_TYPEDEF(netsnmp_table_registration_info);
+  if (served->rows == nullptr || served->info == nullptr) throw std::runtime_error("no SNMP table container");
+  for (const Column &part : table.index) netsnmp_table_helper_add_index(served->info, asn_type(part.syntax));
+  set_columns(*served);
+  netsnmp_handler_registration *registration =
+      netsnmp_create_handler_registration(table.name, answer_rows, root.data(), root.size(), HANDLER_CAN_RONLY);
+  netsnmp_cache *cache = netsnmp_cache_create(kCacheSeconds, load, unload, root.data(), static_cast<int>(root.size()));
+  if (registration == nullptr || cache == nullptr) throw std::runtime_error("no memory for an SNMP table");
+  cache->magic = served.get();
+  cache->flags =
+      NETSNMP_CACHE_DONT_AUTO_RELEASE | NETSNMP_CACHE_DONT_FREE_EXPIRED | NETSNMP_CACHE_DONT_INVALIDATE_ON_SET;
+  registration->handler->myvoid = served.get();
+  netsnmp_mib_handler *rows =
+      netsnmp_container_table_handler_get(served->info, served->rows, TABLE_CONTAINER_KEY_NETSNMP_INDEX);
+  netsnmp_inject_handler(registration, rows);
+  netsnmp_inject_handler(registration, netsnmp_cache_handler_get(cache));
+  if (netsnmp_register_table(registration, served->info) != SNMPERR_SUCCESS)
+    throw std::runtime_error(std::string(table.name) + " cannot be registered");
+  tables_.push_back(std::move(served));
+}
+
+// Index objects have no values, so arcs between those of the columns may lead nowhere.
+void AgentX::Impl::set_columns(ServedTable &served) {
+  for (const Column &column : served.table->values) served.arcs.push_back(column.arc);
+  served.columns.list_count = static_cast<char>(served.arcs.size());
+  served.columns.details.list = served.arcs.data();
+  served.info->min_column = served.arcs.front();
+  served.info->max_column = served.arcs.back();
+  served.info->valid_columns = &served.columns;
+}
+
+int AgentX::Impl::load(netsnmp_cache *cache, void *) {
+  const auto *served = static_cast<const ServedTable *>(cache->magic);
+  served->impl->fill(*served);
+  return 0;
+}
+
+void AgentX::Impl::unload(netsnmp_cache *cache, void *) {
+  empty_container(static_cast<const ServedTable *>(cache->magic)->rows);
+}
+
+void AgentX::Impl::fill(const ServedTable &served) {
+  Collection collection;
+  in_turn_([&] { collection = collect(*served.table); });
+  if (!collection.complete)
+    log_(std::string("SNMP: ") + served.table->name +
+         " has more rows than are served: " + std::to_string(collection.rows.size()));
+  empty_container(served.rows);
+  for (Row &row : collection.rows) {
+    auto added = std::make_unique<ServedRow>();
+    added->oids.assign(row.index.begin(), row.index.end());
+    added->index = {added->oids.size(), added->oids.data()};
+    added->values = std::move(row.values);
+    if (CONTAINER_INSERT(served.rows, added.get()) == 0) (void)added.release();
+  }
+}
+
+int AgentX::Impl::answer_rows(netsnmp_mib_handler *handler, netsnmp_handler_registration *,
+                              netsnmp_agent_request_info *info, netsnmp_request_info *requests) {
+  const auto *served = static_cast<const ServedTable *>(handler->myvoid);
+  for (netsnmp_request_info *request = requests; request != nullptr; request = request->next) {
+    if (request->processed) continue;
+    const auto *row = static_cast<const ServedRow *>(netsnmp_container_table_row_extract(request));
+    const netsnmp_table_request_info *place = netsnmp_extract_table_info(request);
+    const Column *column = place != nullptr ? find_column(*served->table, place->colnum) : nullptr;
+    const std::string *text = row != nullptr && column != nullptr ? find_value(row->values, column->element) : nullptr;
+    if (text == nullptr || !set_value(request->requestvb, column->syntax, *text))
+      netsnmp_set_request_error(info, request, row == nullptr ? SNMP_NOSUCHINSTANCE : SNMP_NOSUCHOBJECT);
+  }
+  return SNMP_ERR_NOERROR;
+}
+
+void AgentX::Impl::serve_scalar(const Scalar &scalar) {
+  const Oid root = object_oid(scalar.arc);
+  scalars_.push_back(std::make_unique<ServedScalar>(ServedScalar{this, &scalar}));
+  netsnmp_handler_registration *registration =
+      netsnmp_create_handler_registration(scalar.name, answer_scalar, root.data(), root.size(), HANDLER_CAN_RONLY);
+  if (registration == nullptr) throw std::runtime_error("no memory for an SNMP object");
+  registration->handler->myvoid = scalars_.back().get();
+  if (netsnmp_register_read_only_scalar(registration) != SNMPERR_SUCCESS)
+    throw std::runtime_error(std::string(scalar.name) + " cannot be registered");
+}
+
+int AgentX::Impl::answer_scalar(netsnmp_mib_handler *handler, netsnmp_handler_registration *,
+                                netsnmp_agent_request_info *info, netsnmp_request_info *requests) {
+  const auto *served = static_cast<const ServedScalar *>(handler->myvoid);
+  std::optional<std::string> text;
+  served->impl->in_turn_([&] { text = read_scalar(*served->scalar); });
+  for (netsnmp_request_info *request = requests; request != nullptr; request = request->next)
+    if (!text || !set_value(request->requestvb, served->scalar->syntax, *text))
+      netsnmp_set_request_error(info, request, SNMP_NOSUCHINSTANCE);
+  return SNMP_ERR_NOERROR;
+}
+
+// ------------------------------------------------------------------------------------------------------------- loop
+
+void AgentX::Impl::arm() {
+  ++*generation_;
+  watched_.clear();
+  timer_.cancel();
+  int fd_count = 0, block = 1;
+  timeval wait{};
+  netsnmp_large_fd_set fds;
+  netsnmp_large_fd_set_init(&fds, FD_SETSIZE);
+  NETSNMP_LARGE_FD_ZERO(&fds);
+  snmp_select_info2(&fd_count, &fds, &wait, &block);
+  for (int fd = 0; fd < fd_count; fd++)
+    if (NETSNMP_LARGE_FD_ISSET(fd, &fds) != 0) watch(fd);
+  netsnmp_large_fd_set_cleanup(&fds);
+  if (block == 0) set_timer(wait);
+}
+
+void AgentX::Impl::watch(int fd) {
+  const int duplicate = dup(fd);
+  if (duplicate < 0) return;
+  watched_.push_back(std::make_unique<Descriptor>(io_, duplicate));
+  const auto wanted = [current = generation_, mine = *generation_] { return *current == mine; };
+  watched_.back()->async_wait(Descriptor::wait_read, [this, fd, wanted](const boost::system::error_code &error) {
+    if (!error && wanted()) work(fd);
+  });
+}
+
+void AgentX::Impl::set_timer(const timeval &wait) {
+  timer_.expires_after(std::chrono::seconds(wait.tv_sec) + std::chrono::microseconds(wait.tv_usec));
+  const auto wanted = [current = generation_, mine = *generation_] { return *current == mine; };
+  timer_.async_wait([this, wanted](const boost::system::error_code &error) {
+    if (!error && wanted()) work(-1);
+  });
+}
+
+// ready_fd: what can be read; negative: a time has come.
+void AgentX::Impl::work(int ready_fd) {
+  if (ready_fd >= 0) {
+    netsnmp_large_fd_set fds;
+    netsnmp_large_fd_set_init(&fds, FD_SETSIZE);
+    NETSNMP_LARGE_FD_ZERO(&fds);
+    NETSNMP_LARGE_FD_SET(ready_fd, &fds);
+    snmp_read2(&fds);
+    netsnmp_large_fd_set_cleanup(&fds);
+  } else {
+    snmp_timeout();
+  }
+  run_alarms();
+  netsnmp_check_outstanding_agent_requests();
+  arm();
+}
+
+AgentX::AgentX(boost::asio::io_context &io, std::string address, InTurn in_turn, Log log)
+    : AgentX(io, std::move(address), std::move(in_turn), std::move(log), Options{}) {}
+
+AgentX::AgentX(boost::asio::io_context &io, std::string address, InTurn in_turn, Log log, Options options)
+    : impl_(std::make_unique<Impl>(io, std::move(address), std::move(in_turn), std::move(log), options)) {}
+
+AgentX::~AgentX() = default;
+
+}  // namespace host::snmp

@@ -1,0 +1,313 @@
+// An SNMP agent answers in the order of object identifiers; the handlers' get-next has an order of its own, and an
+// operator's question in the middle of a walk must not depend on where the rows stood before. So a table is collected
+// as a whole and sorted.
+//
+// Get-next alone does not meet every row of every table, which decides how each is collected:
+//
+//   default, data, generic, tunnel   get-next from nothing, then from each row to the next.
+//   join receive   get-next from nothing sees the first VRF only, which may have no row: the walk starts in each VRF.
+//   core routes    a VRF's first row is the one behind the last possible index of the VRF before it; an index of zeros
+//                  would pass over the routes of any source. A row of a remote route may show the direction of a local
+//                  one, and get-next from an index that no route matches skips the other routes of that source: both
+//                  directions are asked, and the nearer answer is the row that follows.
+//   join send      get-next compares group and source each by itself and returns to rows that were there already.
+//   BGP update     get-next is empty at an entry whose group no VRF uses, and more may stand behind it.
+//
+// The last two take their indexes from the listing of the same records and each row by get.
+//
+// Invariants: a walk goes on only with an index that was not seen before, so it ends after as many questions as there
+// are rows; the number of rows and the time are bounded besides. The time is looked at between questions.
+#include "collect.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <charconv>
+#include <set>
+
+#include "cli_schema.h"
+#include "reference.h"
+
+namespace host::snmp {
+namespace {
+
+using Arguments = std::vector<ref::CliArgument>;
+
+constexpr size_t kLongestText = 64;
+constexpr const char *kLastAddress = "255.255.255.255";
+constexpr const char *kIpv4 = "1";
+constexpr const char *kDirections[] = {"1", "2"};
+
+class RowSink : public ref::CliSink {
+ public:
+  void text(std::string_view) override {}
+  void value(const ref::CliValue &value) override { values.emplace_back(value.element, value.text); }
+  Values values;
+};
+
+using AddressPair = std::pair<std::string, std::string>;  // source, group
+
+// Pairs of addresses of a listing, up to a number.
+class PairSink : public ref::CliSink {
+ public:
+  PairSink(const Listing &listing, size_t most) : listing_(listing), most_(most) {}
+  void text(std::string_view) override {}
+  void value(const ref::CliValue &value) override {
+    if (value.element == listing_.source) source_ = value.text;
+    if (value.element == listing_.group && pairs.size() < most_) pairs.emplace_back(source_, value.text);
+  }
+  bool more() override { return pairs.size() < most_; }
+  std::vector<AddressPair> pairs;
+
+ private:
+  const Listing &listing_;
+  size_t most_;
+  std::string source_;
+};
+
+Values run(const char *handler, Arguments arguments, bool getnext) {
+  ref::CliInvocation invocation;
+  invocation.handler = handler;
+  invocation.arguments = std::move(arguments);
+  invocation.interactive = false;
+  invocation.getnext = getnext;
+  RowSink sink;
+  ref::cli_invoke(invocation, sink);
+  return std::move(sink.values);
+}
+
+bool append_text(const std::string &text, std::vector<uint32_t> *index) {
+  if (text.size() > kLongestText) return false;
+  index->push_back(static_cast<uint32_t>(text.size()));
+  for (const char letter : text) index->push_back(static_cast<unsigned char>(letter));
+  return true;
+}
+
+bool append_address(const std::string &text, std::vector<uint32_t> *index) {
+  const auto address = to_address(text);
+  if (!address) return false;
+  for (int shift = 24; shift >= 0; shift -= 8) index->push_back(*address >> shift & 0xFF);
+  return true;
+}
+
+bool append_number(const std::string &text, std::vector<uint32_t> *index) {
+  const auto number = to_number(text);
+  if (number) index->push_back(*number);
+  return number.has_value();
+}
+
+bool append_part(Syntax syntax, const std::string &text, std::vector<uint32_t> *index) {
+  switch (syntax) {
+    case Syntax::text:
+      return append_text(text, index);
+    case Syntax::address:
+      return append_address(text, index);
+    default:
+      return append_number(text, index);
+  }
+}
+
+// Index arguments that name a row.
+Arguments index_arguments(const Table &table, const Values &values) {
+  Arguments arguments;
+  for (const Column &part : table.index)
+    if (const std::string *text = find_value(values, part.element))
+      arguments.push_back({argument_name(part.element), *text});
+  return arguments;
+}
+
+class Collector {
+ public:
+  Collector(const Table &table, const Limits &limits)
+      : table_(table), limits_(limits), deadline_(std::chrono::steady_clock::now() + limits.time) {}
+
+  Collection collect();
+
+ private:
+  std::optional<Row> ask(const Table &table, Arguments arguments, bool getnext) const;
+  std::optional<Row> row_after(const Row &row) const;
+  std::optional<Row> route_after(const Row &row) const;
+  bool may_go_on();
+  bool add(Row row);
+  void walk(Arguments start);
+  void walk_routes();
+  void get_listed(const std::string &vrf);
+  std::vector<std::string> vrf_names();
+  Arguments pair_arguments(const std::string &vrf, const AddressPair &pair) const;
+
+  const Table &table_;
+  Limits limits_;
+  std::chrono::steady_clock::time_point deadline_;
+  std::set<std::vector<uint32_t>> seen_;
+  Collection collection_;
+};
+
+std::optional<Row> Collector::ask(const Table &table, Arguments arguments, bool getnext) const {
+  Row row;
+  row.values = run(table.handler, std::move(arguments), getnext);
+  auto index = to_index(table, row.values);
+  if (!index) return std::nullopt;
+  row.index = std::move(*index);
+  return row;
+}
+
+bool Collector::may_go_on() {
+  if (collection_.rows.size() >= limits_.rows || std::chrono::steady_clock::now() >= deadline_)
+    collection_.complete = false;
+  return collection_.complete;
+}
+
+// False for an index that is there already.
+bool Collector::add(Row row) {
+  const bool added = seen_.insert(row.index).second;
+  if (added) collection_.rows.push_back(std::move(row));
+  return added;
+}
+
+std::optional<Row> Collector::row_after(const Row &row) const {
+  return table_.walk == Walk::routes ? route_after(row) : ask(table_, index_arguments(table_, row.values), true);
+}
+
+// Of two routes, the one that the VRF's tree has first; a route of the VRF itself before one of a later VRF.
+bool nearer(const Values &a, const Values &b, const std::string &vrf) {
+  const auto place = [&vrf](const Values &values) {
+    const std::string *name = find_value(values, CLI_ELEMENT_MIB_MROUTE_VRF);
+    const std::string *source = find_value(values, CLI_ELEMENT_MIB_MROUTE_SOURCE);
+    const std::string *group = find_value(values, CLI_ELEMENT_MIB_MROUTE_GROUP);
+    return std::tuple(*name != vrf, to_address(*source), to_address(*group));
+  };
+  return place(a) < place(b);
+}
+
+std::optional<Row> Collector::route_after(const Row &row) const {
+  std::optional<Row> nearest;
+  for (const char *direction : kDirections) {
+    Values index = row.values;
+    for (auto &[element, text] : index)
+      if (element == CLI_ELEMENT_MIB_MROUTE_DIRECTION) text = direction;
+    std::optional<Row> next = ask(table_, index_arguments(table_, index), true);
+    const std::string &vrf = *find_value(row.values, CLI_ELEMENT_MIB_MROUTE_VRF);
+    if (next && (!nearest || nearer(next->values, nearest->values, vrf))) nearest = std::move(next);
+  }
+  return nearest;
+}
+
+void Collector::walk(Arguments start) {
+  if (!may_go_on()) return;
+  std::optional<Row> row = ask(table_, std::move(start), true);
+  while (row && add(*row) && may_go_on()) row = row_after(*row);
+}
+
+void Collector::walk_routes() {
+  walk({});
+  for (const std::string &vrf : vrf_names())
+    walk({{argument_name(CLI_ELEMENT_MIB_MROUTE_VRF), vrf},
+          {argument_name(CLI_ELEMENT_MIB_MROUTE_GROUP), kLastAddress},
+          {argument_name(CLI_ELEMENT_MIB_MROUTE_SOURCE), kLastAddress}});
+}
+
+std::vector<std::string> Collector::vrf_names() {
+  const Table &vrfs = default_mdt_table();
+  std::vector<std::string> names;
+  std::set<std::string> seen;
+  std::optional<Row> row = ask(vrfs, {}, true);
+  while (row) {
+    const std::string &name = *find_value(row->values, CLI_ELEMENT_MIB_DEFAULT_VRF);
+    if (!seen.insert(name).second) break;
+    if (names.size() == limits_.rows) collection_.complete = false;
+    if (!may_go_on()) break;
+    names.push_back(name);
+    row = ask(vrfs, index_arguments(vrfs, row->values), true);
+  }
+  return names;
+}
+
+// Index arguments of a row that a listing shows: the table's first address is the group, its second the source.
+Arguments Collector::pair_arguments(const std::string &vrf, const AddressPair &pair) const {
+  Arguments arguments;
+  bool group_done = false;
+  for (const Column &part : table_.index) {
+    std::string value = kIpv4;
+    if (part.syntax == Syntax::text) value = vrf;
+    if (part.syntax == Syntax::address) value = std::exchange(group_done, true) ? pair.first : pair.second;
+    arguments.push_back({argument_name(part.element), std::move(value)});
+  }
+  return arguments;
+}
+
+// vrf: empty for a listing that is not of a VRF.
+void Collector::get_listed(const std::string &vrf) {
+  if (!may_go_on()) return;
+  ref::CliInvocation invocation;
+  invocation.handler = table_.listing->handler;
+  invocation.vrf_name = vrf;
+  invocation.interactive = false;
+  PairSink sink(*table_.listing, limits_.rows - collection_.rows.size());
+  ref::cli_invoke(invocation, sink);
+  for (const AddressPair &pair : sink.pairs) {
+    if (auto row = ask(table_, pair_arguments(vrf, pair), false)) add(std::move(*row));
+    if (!may_go_on()) return;
+  }
+}
+
+Collection Collector::collect() {
+  switch (table_.walk) {
+    case Walk::whole:
+      walk({});
+      break;
+    case Walk::per_vrf:
+      for (const std::string &vrf : vrf_names()) walk({{argument_name(table_.index.front().element), vrf}});
+      break;
+    case Walk::routes:
+      walk_routes();
+      break;
+    case Walk::listed:
+      for (const std::string &vrf : table_.listing->per_vrf ? vrf_names() : std::vector<std::string>{""})
+        get_listed(vrf);
+      break;
+  }
+  std::sort(collection_.rows.begin(), collection_.rows.end(),
+            [](const Row &a, const Row &b) { return a.index < b.index; });
+  return std::move(collection_);
+}
+
+}  // namespace
+
+const std::string *find_value(const Values &values, int element) {
+  for (const auto &[its_element, text] : values)
+    if (its_element == element) return &text;
+  return nullptr;
+}
+
+std::optional<uint32_t> to_number(std::string_view text) {
+  int64_t number = 0;
+  const char *end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, number);
+  if (error != std::errc{} || stop != end) return std::nullopt;
+  return static_cast<uint32_t>(number);
+}
+
+std::optional<uint32_t> to_address(const std::string &text) {
+  in_addr address{};
+  if (inet_pton(AF_INET, text.c_str(), &address) != 1) return std::nullopt;
+  return ntohl(address.s_addr);
+}
+
+std::optional<std::vector<uint32_t>> to_index(const Table &table, const Values &values) {
+  std::vector<uint32_t> index;
+  for (const Column &part : table.index) {
+    const std::string *text = find_value(values, part.element);
+    if (text == nullptr || !append_part(part.syntax, *text, &index)) return std::nullopt;
+  }
+  return index;
+}
+
+Collection collect(const Table &table, const Limits &limits) { return Collector(table, limits).collect(); }
+
+std::optional<std::string> read_scalar(const Scalar &scalar) {
+  const Values values = run(scalar.handler, {}, false);
+  const std::string *text = find_value(values, scalar.element);
+  return text != nullptr ? std::optional(*text) : std::nullopt;
+}
+
+}  // namespace host::snmp

@@ -1,0 +1,54 @@
+// Collects the rows of a table from the registered handlers.
+#ifndef HOST_SNMP_COLLECT_H
+#define HOST_SNMP_COLLECT_H
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "tables.h"
+
+namespace host::snmp {
+
+// Values of a row as the handler recorded them, with their elements.
+using Values = std::vector<std::pair<int, std::string>>;
+
+struct Row {
+  std::vector<uint32_t> index;  // its part of an object identifier
+  Values values;
+};
+
+struct Limits {
+  size_t rows = 200000;
+  std::chrono::milliseconds time{2000};
+};
+
+struct Collection {
+  std::vector<Row> rows;  // ascending by index, each index once
+  bool complete = true;   // no limit was met
+};
+
+// On the main thread, with the scheduling locks. Ends whatever the handlers answer.
+Collection collect(const Table &table, const Limits &limits = {});
+
+// The value of a scalar; nothing when its handler prints none.
+std::optional<std::string> read_scalar(const Scalar &scalar);
+
+// The value under an element; null for none.
+const std::string *find_value(const Values &values, int element);
+
+// Conversions of what a handler printed. Numbers are taken modulo 2^32, since columns of 32 bits are printed with a
+// sign; addresses are dotted.
+std::optional<uint32_t> to_number(std::string_view text);
+std::optional<uint32_t> to_address(const std::string &text);
+// Sub-identifiers of a row's index: a text is its length and its characters, an address its four bytes. Nothing when a
+// part is missing or not what it should be.
+std::optional<std::vector<uint32_t>> to_index(const Table &table, const Values &values);
+
+}  // namespace host::snmp
+
+#endif  // HOST_SNMP_COLLECT_H

@@ -1,0 +1,71 @@
+// The tables and scalars that the SNMP agent serves: which handler prints a row, which of its values are the index, and
+// under which object identifiers they appear. LIBMVPN-MIB.txt says the same to a network manager.
+#ifndef HOST_SNMP_TABLES_H
+#define HOST_SNMP_TABLES_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace host::snmp {
+
+// libmvpnObjects: scalars and tables stand under it.
+inline constexpr uint32_t kObjects[] = {1, 3, 6, 1, 4, 1, 8072, 9999, 9999, 6513, 1};
+
+enum class Syntax { text, address, integer, unsigned_number, ticks };
+
+// A value of a row. Its object's name is that of its element in the output schema.
+struct Column {
+  int element;
+  uint32_t arc;  // under the table's entry
+  Syntax syntax;
+};
+
+// How the rows of a table are found.
+enum class Walk {
+  whole,    // get-next from nothing meets every row
+  per_vrf,  // get-next meets the rows of the VRF that it starts in
+  routes,   // the same, where a row does not say in full which index it has
+  listed,   // get-next misses rows: indexes come from a listing, rows by get
+};
+
+// A listing of pairs of addresses.
+struct Listing {
+  const char *handler;
+  bool per_vrf;
+  int source;  // elements; a pair is complete with its group
+  int group;
+};
+
+struct Table {
+  const char *name;
+  uint32_t arc;
+  const char *handler;
+  Walk walk;
+  std::vector<Column> index;   // in the order of the object identifier
+  std::vector<Column> values;  // by arc
+  std::optional<Listing> listing;
+};
+
+struct Scalar {
+  const char *name;
+  uint32_t arc;
+  const char *handler;
+  int element;
+  Syntax syntax;
+};
+
+const std::vector<Table> &tables();
+const std::vector<Scalar> &scalars();
+const Table &default_mdt_table();  // has a row for every VRF
+
+// Name of an element in the output schema; empty for none.
+std::string_view element_name(int element);
+// Name of the argument under which a handler reads an index object.
+std::string argument_name(int element);
+
+}  // namespace host::snmp
+
+#endif  // HOST_SNMP_TABLES_H

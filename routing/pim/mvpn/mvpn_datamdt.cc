@@ -1,0 +1,347 @@
+// Data-MDT ranges and the group pool: which customer flows may use which range, which group and encapsulation index a
+// flow gets, how flows share a group, and how a group is given back.
+//
+// Records: a VRF's ranges form a list that is searched from its head; each counts the flows on its first 1024 groups. A
+// customer route that was looked at carries a send record. While the flow is on a data MDT the record names its range,
+// its core route, its group and its index, and it holds one count of the group, one place among the core route's
+// referers and one persisted choice. These come and go together: take_group, give_back_group.
+//
+// Invariants: a send record has a core route if and only if its customer route is among that route's referers; no record
+// names a range that is not in the list; an index is handed out only with its entry in the VRF's encapsulation table.
+// Index 1 is the default MDT's and never a flow's, also while the default tunnel is down and its entry is free.
+#include <algorithm>
+#include <array>
+
+#include "im.h"
+#include "ip.h"
+#include "mvpn_core.h"
+#include "mvpn_datamdt.h"
+#include "mvpn_datamdt_pool.h"
+#include "mvpn_diag.h"
+#include "mvpn_guards.h"
+#include "mvpn_ha.h"
+#include "mvpn_mrib.h"
+
+namespace {
+
+constexpr uint32_t kRoutesBetweenYields = 1000;
+
+// ---------------------------------------------------------------------------------------- walks over customer routes
+
+// Calls visit(key, route) for every customer route of a VRF, in tree order. Yields after every thousandth; false when the
+// VRF went away.
+template <typename Visit>
+bool for_each_customer_route(mvpn_cibtype *mvpn, Visit visit) {
+  uint8_t tree_key[PIM_ROUTE_KEY_BYTES];
+  uint32_t visited = 0;
+  pt_node *node = pt_get_first_node(mvpn->pcib->route_tree, nullptr, 0);
+  while (node != nullptr) {
+    std::copy_n(pt_node_key(node), sizeof tree_key, tree_key);
+    mvpn_mdt_route_addrs key{};
+    pim_get_addrs_from_pt_key(tree_key, &key);
+    if (key.source == 0) key.source_len = MROUTE_ANY_SOURCE_LEN;
+    visit(mvpn, key, static_cast<pim_route *>(pt_node_data(node)));
+    if (++visited % kRoutesBetweenYields == 0) {
+      mvpn = mvpn_may_sched_yield(mvpn);
+      if (mvpn == nullptr) return false;
+    }
+    node = pt_get_next_node(mvpn->pcib->route_tree, tree_key, 0);
+  }
+  return true;
+}
+
+// -------------------------------------------------------------------------------------------------- groups and indexes
+
+bool in_range(const mvpn_data_mdt_range *range, ip_addr_t group) {
+  return ip_is_addr_in_prefix(group, range->prefix, range->masklen) != 0;
+}
+
+// Groups that a range can hand out, 1..1024.
+uint32_t pool_size(const mvpn_data_mdt_range *range) {
+  const uint64_t addresses = uint64_t{range->prefix | ip_wildcard_mask(range->masklen)} - range->prefix + 1;
+  return static_cast<uint32_t>(std::min<uint64_t>(addresses, MVPN_DATA_MDT_POOL_GROUPS));
+}
+
+// Lowest index of a data MDT whose entry is `group` (0: a free one); MVPN_ENCAP_INDEXES when there is none.
+uint32_t find_index(const mvpn_cibtype *mvpn, ip_addr_t group) {
+  const ip_addr_t *begin = mvpn->mdt_encap_group;
+  const ip_addr_t *end = begin + MVPN_ENCAP_INDEXES;
+  return static_cast<uint32_t>(std::find(begin + MVPN_ENCAP_INDEX_FIRST_DATA, end, group) - begin);
+}
+
+// The slot that a new flow gets: the least used of all while an index is free, else the least used of those in use; the
+// lowest on ties.
+uint32_t choose_slot(const mvpn_data_mdt_range *range, bool index_is_free) {
+  uint32_t best = 0;
+  bool found = false;
+  for (uint32_t slot = 0; slot < pool_size(range); slot++) {
+    const uint32_t count = range->group_refcount[slot];
+    if (!index_is_free && count == 0) continue;
+    if (found && count >= range->group_refcount[best]) continue;
+    best = slot;
+    found = true;
+  }
+  return best;
+}
+
+// Reuses the choice that was persisted before a restart. An index is believed only when it can be a data MDT's and its
+// entry is free or the group's; a group that is in use keeps the index it has.
+bool take_persisted(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, mvpn_data_mdt_range *range,
+                    mvpn_data_mdt_choice *choice) {
+  uint16_t index = 0;
+  ip_addr_t group = 0;
+  if (mvpn_ha_get_encap_info(mvpn, key, &index, &group) == 0) return false;
+  if (!in_range(range, group)) {
+    MVPN_DEBUG(mvpn->pcib, "Data mdt Group %s doesn't fall in %s", ip_print_addr(group),
+               ip_print_prefix(range->prefix, range->masklen));
+    return false;
+  }
+  uint32_t used = find_index(mvpn, group);
+  if (used == MVPN_ENCAP_INDEXES) {
+    if (index < MVPN_ENCAP_INDEX_FIRST_DATA || index >= MVPN_ENCAP_INDEXES || mvpn->mdt_encap_group[index] != 0)
+      return false;
+    if (mvpn_add_mdt_encap_info(mvpn, group, index) == 0) return false;
+    used = index;
+  }
+  // A group beyond the first 1024 of its range has no count.
+  const uint32_t slot = mvpn_data_mdt_pool_slot(range, group);
+  if (slot < MVPN_DATA_MDT_POOL_GROUPS) range->group_refcount[slot]++;
+  *choice = {group, used};
+  return true;
+}
+
+bool take_fresh(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, mvpn_data_mdt_range *range,
+                mvpn_data_mdt_choice *choice) {
+  const uint32_t free_index = find_index(mvpn, 0);
+  const uint32_t slot = choose_slot(range, free_index < MVPN_ENCAP_INDEXES);
+  const ip_addr_t group = range->prefix + slot;
+  uint32_t index = range->group_refcount[slot] != 0 ? find_index(mvpn, group) : MVPN_ENCAP_INDEXES;
+  if (index == MVPN_ENCAP_INDEXES) {
+    // Not in use: a free index, when there is one and the MRIB takes it.
+    index = free_index;
+    if (mvpn_add_mdt_encap_info(mvpn, group, index) == 0) return false;
+    range->group_refcount[slot] = 0;
+  }
+  range->group_refcount[slot]++;
+  mvpn_ha_add_encap_info(mvpn, key, index, group);
+  *choice = {group, index};
+  return true;
+}
+
+// Takes one flow off a group's count and forgets its persisted choice; true when other flows still use the group.
+bool drop_count(mvpn_cibtype *mvpn, mvpn_data_mdt_range *range, ip_addr_t group, const mvpn_mdt_route_addrs *key,
+                const mvpn_mdt_route *route) {
+  const uint32_t slot = mvpn_data_mdt_pool_slot(range, group);
+  if (slot == MVPN_DATA_MDT_POOL_GROUPS) {
+    mvpn_ha_delete_encap_info(mvpn, key);
+    return route != nullptr && mvpn_mdt_mroute_has_referer(route) != 0;
+  }
+  if (range->group_refcount[slot] == 0) return false;
+  range->group_refcount[slot]--;
+  mvpn_ha_delete_encap_info(mvpn, key);
+  return range->group_refcount[slot] != 0;
+}
+
+bool is_on_data_mdt(const mvpn_data_mdt_send_join_info *record) {
+  return record->config != nullptr && record->mdt_route != nullptr;
+}
+
+// Gives back what the record of a flow holds, without a word to the MRIB: for records that go away with their tunnel.
+void drop_flow(pim_route *croute) {
+  mvpn_data_mdt_send_join_info *record = croute->send_join_info;
+  mvpn_mdt_route *route = record->mdt_route;
+  if (route == nullptr) return;
+  mvpn_mdt_mroute_delink_referer(route, croute);
+  record->mdt_route = nullptr;
+  if (record->config != nullptr) drop_count(route->mvpn, record->config, record->group, &croute->addrs, route);
+}
+
+// Whether the source of a flow lies on this PE's side.
+bool has_local_source(const pim_route *croute) {
+  if (croute->iif == 0 || croute->rpf_neighbor == 0) return false;
+  return croute->bidirectional != 0 || ksink_im_is_mvpn_tunnel(croute->iif) == 0;
+}
+
+bool range_matches(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, const mvpn_data_mdt_range *range) {
+  return range->deleted == 0 && mvpn_does_data_mdt_policy_match(mvpn, key, &range->policy) != 0;
+}
+
+// The first range that the flow may use; null: none.
+mvpn_data_mdt_range *first_range(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key) {
+  mvpn_data_mdt_range *range = mvpn->data_mdt_config;
+  while (range != nullptr && !range_matches(mvpn, key, range)) range = range->next;
+  return range;
+}
+
+}  // namespace
+
+// --------------------------------------------------------------------------------------------------------- group pool
+
+uint32_t mvpn_data_mdt_pool_slot(const mvpn_data_mdt_range *range, ip_addr_t group) {
+  const uint32_t distance = group - range->prefix;
+  if (!in_range(range, group) || distance >= MVPN_DATA_MDT_POOL_GROUPS) return MVPN_DATA_MDT_POOL_GROUPS;
+  return distance;
+}
+
+bool mvpn_take_data_mdt_group(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, mvpn_data_mdt_range *range,
+                              mvpn_data_mdt_choice *choice) {
+  return take_persisted(mvpn, key, range, choice) || take_fresh(mvpn, key, range, choice);
+}
+
+void mvpn_give_back_data_mdt_group(mvpn_cibtype *mvpn, mvpn_data_mdt_range *range, ip_addr_t group,
+                                   const mvpn_mdt_route_addrs *key, mvpn_mdt_route *route, int wakeup,
+                                   mvpn_release_trace trace) {
+  // 2. Other flows keep the group.
+  if (drop_count(mvpn, range, group, key, route)) return;
+  // 3.
+  mvpn_delete_mdt_encap_info(mvpn, group);
+  // 4.
+  if (route == nullptr || mvpn_mdt_mroute_has_referer(route) != 0) return;
+  trace(mvpn, route);
+  mvpn_mdt_delete_route_resources(mvpn, route->source, route->group, wakeup);
+}
+
+void mvpn_release_data_mdt_group(mvpn_cibtype *mvpn, pim_route *croute, const mvpn_mdt_route_addrs *key, int wakeup,
+                                 mvpn_release_trace trace) {
+  mvpn_data_mdt_send_join_info *record = croute->send_join_info;
+  mvpn_mdt_route *route = record->mdt_route;
+  // 1.
+  if (route != nullptr) mvpn_mdt_mroute_delink_referer(route, croute);
+  record->mdt_route = nullptr;
+  mvpn_give_back_data_mdt_group(mvpn, record->config, record->group, key, route, wakeup, trace);
+}
+
+uint32_t mvpn_increment_data_mdt_group_refcount(mvpn_cibtype *mvpn, mvpn_data_mdt_range *range, ip_addr_t group,
+                                                uint32_t, const mvpn_mdt_route_addrs *key, uint32_t encap_index,
+                                                int no_persist) {
+  const uint32_t slot = mvpn_data_mdt_pool_slot(range, group);
+  if (slot == MVPN_DATA_MDT_POOL_GROUPS) return 0;
+  range->group_refcount[slot]++;
+  if (no_persist == 0) mvpn_ha_add_encap_info(mvpn, key, encap_index, group);
+  return range->group_refcount[slot];
+}
+
+uint32_t mvpn_decrement_data_mdt_group_refcount(mvpn_cibtype *mvpn, mvpn_data_mdt_range *range, ip_addr_t group,
+                                                uint32_t, const mvpn_mdt_route_addrs *key) {
+  const uint32_t slot = mvpn_data_mdt_pool_slot(range, group);
+  if (slot == MVPN_DATA_MDT_POOL_GROUPS || range->group_refcount[slot] == 0) return 0;
+  range->group_refcount[slot]--;
+  mvpn_ha_delete_encap_info(mvpn, key);
+  return range->group_refcount[slot];
+}
+
+// ------------------------------------------------------------------------------------------------- ranges and mapping
+
+int mvpn_does_data_mdt_policy_match(mvpn_cibtype *, const mvpn_mdt_route_addrs *key, const rpm_binding *policy) {
+  if (policy->policy_name == nullptr) return 1;
+  if (rpm_policy_is_ready(policy->policy_handle) == 0) return 0;
+  rpm_mroute_match record{};
+  record.source = key->source;
+  record.group = key->group;
+  record.source_len = key->source != 0 ? MROUTE_HOST_LEN : 0;
+  record.group_len = key->group_len;
+  return rpm_eval_policy_match(policy->policy_handle, RPM_MATCH_MROUTE, &record, 0, 0) == 1 ? 1 : 0;
+}
+
+int mvpn_map_data_mdt_config(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute) {
+  // 1.
+  if (!has_local_source(croute)) return 0;
+  // 2.
+  if (croute->send_join_info == nullptr) {
+    MVPN_DEBUG(mvpn->pcib, "Creating send join info for route %s", mrib_print_addrs(key));
+    if (mvpn_create_data_mdt_send_join_info(mvpn, croute) == 0) return 0;
+  } else if (croute->send_join_info->encap_index == MVPN_ENCAP_INDEX_NONE) {
+    mvpn_init_data_mdt_send_join_info(mvpn, croute, croute->send_join_info);
+  }
+  mvpn_data_mdt_send_join_info *record = croute->send_join_info;
+  int result = 0;
+  // 3. to 5.
+  if (is_on_data_mdt(record)) {
+    if (range_matches(mvpn, key, record->config)) return 1;
+    mvpn_release_data_mdt_group(mvpn, croute, key, 1, [](mvpn_cibtype *vrf, const mvpn_mdt_route *route) {
+      MVPN_DEBUG(vrf->pcib, "No more references for (%s, %s)", ip_print_addr(route->source),
+                 ip_print_addr(route->group));
+    });
+    mvpn_init_data_mdt_send_join_info(mvpn, croute, record);
+    result = 1;
+  } else if (record->config != nullptr) {
+    mvpn_init_data_mdt_send_join_info(mvpn, croute, record);
+  }
+  // 6.
+  record->config = first_range(mvpn, key);
+  return record->config != nullptr ? 1 : result;
+}
+
+void mvpn_process_data_mdt_config_change(mvpn_cibtype *mvpn) {
+  if (mvpn->pcib == nullptr) return;
+  const pim_write_guard pim_lock;
+  const mrib_read_guard mrib_lock;
+  mvpn_note_change(mvpn, MVPN_LAST_CHANGE_DATA_MDT);
+  for_each_customer_route(mvpn, [](mvpn_cibtype *vrf, const mvpn_mdt_route_addrs &key, pim_route *croute) {
+    mvpn_map_data_mdt_config(vrf, &key, croute);
+  });
+}
+
+void mvpn_forget_data_mdt_range(mvpn_cibtype *mvpn, mvpn_data_mdt_range *range) {
+  if (mvpn->pcib == nullptr) return;
+  for (pt_node *node = pt_get_first_node(mvpn->pcib->route_tree, nullptr, 0); node != nullptr;
+       node = pt_get_next_node(mvpn->pcib->route_tree, pt_node_key(node), 0)) {
+    auto *croute = static_cast<pim_route *>(pt_node_data(node));
+    mvpn_data_mdt_send_join_info *record = croute->send_join_info;
+    if (record == nullptr || record->config != range) continue;
+    mvpn_init_data_mdt_send_join_info(mvpn, croute, record);
+  }
+}
+
+// ------------------------------------------------------------------------------------------------------- send records
+
+int mvpn_create_data_mdt_send_join_info(mvpn_cibtype *mvpn, pim_route *croute) {
+  auto *record = static_cast<mvpn_data_mdt_send_join_info *>(slab_calloc(mvpn_slabs[MVPN_SLAB_SEND_JOIN_INFO]));
+  croute->send_join_info = record;
+  if (record == nullptr) {
+    mvpn_report(msg_error_PIM_MALLOC, sizeof(mvpn_data_mdt_send_join_info), "mvpn_create_data_mdt_send_join_info()");
+    return 0;
+  }
+  mvpn_init_data_mdt_send_join_info(mvpn, croute, record);
+  return 1;
+}
+
+void mvpn_init_data_mdt_send_join_info(mvpn_cibtype *mvpn, pim_route *croute, mvpn_data_mdt_send_join_info *record) {
+  // A record that still refers to a core route gives its group back first, or the route would keep the flow.
+  if (is_on_data_mdt(record))
+    mvpn_release_data_mdt_group(mvpn, croute, &croute->addrs, 1, [](mvpn_cibtype *vrf, const mvpn_mdt_route *route) {
+      MVPN_DEBUG(vrf->pcib, "No more references for (%s, %s)", ip_print_addr(route->source),
+                 ip_print_addr(route->group));
+    });
+  if (record->mdt_route != nullptr) mvpn_mdt_mroute_delink_referer(record->mdt_route, croute);
+  *record = {};
+  MVPN_DEBUG(mvpn->pcib, "Initializing encap index for route %s to 0", mrib_print_addrs(&croute->addrs));
+  const bool sent = bitfield_test(&croute->oifs, mvpn->mti_iod) != 0;
+  if (sent || (croute->bidirectional != 0 && croute->iif == mvpn->mti_iod))
+    record->encap_index = MVPN_ENCAP_INDEX_DEFAULT;
+}
+
+int mvpn_set_encap_index_for_customer_route(mvpn_cibtype *mvpn, pim_route *croute, uint32_t encap_index) {
+  if (croute == nullptr) return 0;
+  if (croute->send_join_info == nullptr && mvpn_create_data_mdt_send_join_info(mvpn, croute) == 0) return 0;
+  MVPN_DEBUG(mvpn->pcib, "Setting encap index for route %s to %d", mrib_print_addrs(&croute->addrs),
+             static_cast<int>(encap_index));
+  croute->send_join_info->encap_index = static_cast<uint16_t>(encap_index);
+  return 1;
+}
+
+void mvpn_destroy_data_mdt_send_join_info(pim_route *croute) {
+  mvpn_data_mdt_send_join_info *record = croute->send_join_info;
+  if (record == nullptr) return;
+  drop_flow(croute);
+  slab_free(mvpn_slabs[MVPN_SLAB_SEND_JOIN_INFO], record);
+  croute->send_join_info = nullptr;
+}
+
+void mvpn_destroy_all_data_mdt_send_join_info(mvpn_cibtype *mvpn) {
+  if (mvpn->pcib == nullptr) return;
+  const pim_write_guard pim_lock;
+  for_each_customer_route(mvpn, [](mvpn_cibtype *, const mvpn_mdt_route_addrs &, pim_route *croute) {
+    mvpn_destroy_data_mdt_send_join_info(croute);
+  });
+}

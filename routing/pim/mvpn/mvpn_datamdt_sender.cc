@@ -1,0 +1,295 @@
+// The sending side of data MDTs: the periodic check of each flow's rate, the switchover to a data MDT and back, the
+// flows of a VRF that wait for the end of their switchover, and the mapping of customer routes to the local source.
+//
+// A flow above its range's threshold, with receivers across the MVPN, takes a group, gets a core route and is announced;
+// when the VRF's switchover timer expires it is installed again with the new encapsulation. It goes back after two
+// consecutive checks below the threshold. An immediate switch starts as soon as a flow is mapped.
+//
+// Appending a Join entry may send the packet, which yields: every function here does that last, and touches neither the
+// VRF nor the customer route afterwards.
+#include <cstring>
+
+#include "ip.h"
+#include "mvpn_core.h"
+#include "mvpn_datamdt.h"
+#include "mvpn_datamdt_pool.h"
+#include "mvpn_diag.h"
+#include "mvpn_guards.h"
+#include "mvpn_mrib.h"
+
+namespace {
+
+// Bytes of a switchover entry as reports show them; the size of the record on a 32-bit platform.
+constexpr size_t kReportedEntrySize = 32;
+
+// A 12-byte cache key whose padding is 0 whatever the caller's holds.
+mvpn_mdt_route_addrs cache_key(const mvpn_mdt_route_addrs &addrs) {
+  mvpn_mdt_route_addrs key{};
+  key.source = addrs.source;
+  key.group = addrs.group;
+  key.source_len = addrs.source_len;
+  key.group_len = addrs.group_len;
+  return key;
+}
+
+bool is_sent_into_mvpn(const mvpn_cibtype *mvpn, const pim_route *croute) {
+  return bitfield_test(&croute->oifs, mvpn->mti_iod) != 0;
+}
+
+uint32_t rate_kbps(const pim_route *croute) {
+  return static_cast<uint32_t>(pim_data_bytes_in_last_minute(croute) * 8 / 60000);
+}
+
+// Whether the flow belongs on a data MDT now; *rate and *remote receive what decided.
+bool is_over(const mvpn_cibtype *mvpn, const pim_route *croute, uint32_t *rate, bool *remote) {
+  *rate = rate_kbps(croute);
+  *remote = is_sent_into_mvpn(mvpn, croute);
+  const bool wanted = croute->bidirectional != 0 ? mvpn->data_mdt_bidir_enable != 0 : *remote;
+  return *rate >= croute->send_join_info->config->threshold && wanted;
+}
+
+// One check of a flow by its state; true when it went back to the default MDT.
+bool check_state(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute) {
+  uint32_t rate;
+  bool remote;
+  const bool over = is_over(mvpn, croute, &rate, &remote);
+  switch (croute->send_join_info->state) {
+    case MVPN_DATA_MDT_STATE_DEFAULT:
+      if (over) {
+        MVPN_DEBUG(mvpn->pcib, "Start switching to Data MDT for %s", mrib_print_addrs(key));
+        mvpn_start_switchover_to_data_mdt(mvpn, key, croute);
+      } else {
+        MVPN_DEBUG_DETAIL(mvpn->pcib, "Bit rate for %s is %lu and less than threshold. remote receivers = %s",
+                          mrib_print_addrs(key), static_cast<unsigned long>(rate), remote ? "TRUE" : "FALSE");
+      }
+      return false;
+    case MVPN_DATA_MDT_STATE_SWITCHOVER_PENDING:
+      return false;
+    case MVPN_DATA_MDT_STATE_ACTIVE:
+      if (over) return false;
+      MVPN_DEBUG(mvpn->pcib, "Start switchback from Data MDT for %s", mrib_print_addrs(key));
+      mvpn_start_switchback_from_data_mdt(mvpn, key, croute);
+      return false;
+    case MVPN_DATA_MDT_STATE_SWITCHBACK_PENDING:
+      if (over) {
+        MVPN_DEBUG(mvpn->pcib, "Start switching to Data MDT for %s", mrib_print_addrs(key));
+        mvpn_start_switchover_to_data_mdt(mvpn, key, croute);
+        return false;
+      }
+      MVPN_DEBUG(mvpn->pcib, "Finish switchback from Data MDT for %s", mrib_print_addrs(key));
+      mvpn_finish_switchback_from_data_mdt(mvpn, key, croute);
+      mvpn_data_mdt_unmap_receiver_from_remote_source(mvpn, croute, key);
+      return true;
+  }
+  return false;
+}
+
+// Announces a flow that is on a data MDT. The record is counted first: appending may yield.
+void announce(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, const pim_route *croute) {
+  mvpn_data_mdt_send_join_info *record = croute->send_join_info;
+  if (record == nullptr || record->encap_index < MVPN_ENCAP_INDEX_FIRST_DATA) return;
+  record->join_count++;
+  mvpn_fill_one_data_mdt_join(mvpn, key->source, key->group, record->group);
+}
+
+// The core route of a flow's data MDT with the flow among its referers; null when memory ran out.
+mvpn_mdt_route *make_core_route(mvpn_cibtype *mvpn, ip_addr_t group, pim_route *croute) {
+  mvpn_mdt_route *route =
+      mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_LOCAL_DATA, mvpn->mdt_source_addr, 0, group, 0);
+  if (route == nullptr) return nullptr;
+  if (mvpn_mdt_mroute_link_referer(route, croute) != 0) return route;
+  if (mvpn_mdt_mroute_has_referer(route) == 0) mvpn_mdt_delete_route_resources(mvpn, route->source, route->group, 0);
+  return nullptr;
+}
+
+}  // namespace
+
+// ------------------------------------------------------------------------------------------------------ periodic check
+
+int mvpn_stats_check(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute) {
+  // 1.
+  if (mvpn == nullptr) return 0;
+  if (croute->send_join_info == nullptr || croute->send_join_info->config == nullptr) {
+    if (mvpn_map_data_mdt_config(mvpn, key, croute) == 0 || croute->send_join_info->config == nullptr) return 0;
+  }
+  // 2.
+  if (key->group_len != MROUTE_HOST_LEN) return 0;
+  if (croute->bidirectional != 0 && mvpn->data_mdt_bidir_enable == 0 &&
+      croute->send_join_info->state == MVPN_DATA_MDT_STATE_DEFAULT)
+    return 0;
+  // 3. to 5.
+  int result = 0;
+  if (mrib_context_initializing(mvpn->pcib->context_id) == 0) result = check_state(mvpn, key, croute) ? 1 : 0;
+  // 6.
+  announce(mvpn, key, croute);
+  return result;
+}
+
+// --------------------------------------------------------------------------------------------------------- switchover
+
+void mvpn_start_switchover_to_data_mdt(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute) {
+  // 1.
+  mvpn_data_mdt_send_join_info *record = croute->send_join_info;
+  if (record == nullptr) return;
+  if (record->state == MVPN_DATA_MDT_STATE_SWITCHBACK_PENDING) {
+    record->state = MVPN_DATA_MDT_STATE_ACTIVE;
+    return;
+  }
+  if (record->config == nullptr || record->mdt_route != nullptr) return;
+  // 2.
+  mvpn_data_mdt_choice choice;
+  if (!mvpn_take_data_mdt_group(mvpn, key, record->config, &choice)) return;
+  // 3.
+  mvpn_mdt_route *route = make_core_route(mvpn, choice.group, croute);
+  if (route == nullptr) {
+    mvpn_give_back_data_mdt_group(mvpn, record->config, choice.group, key, nullptr, 0,
+                                  [](mvpn_cibtype *, const mvpn_mdt_route *) {});
+    return;
+  }
+  record->mdt_route = route;
+  record->group = choice.group;
+  zeph_sys_mclock_get(&record->switch_time);
+  // 4.
+  mvpn_set_encap_index_for_customer_route(mvpn, croute, choice.index);
+  record->state = MVPN_DATA_MDT_STATE_SWITCHOVER_PENDING;
+  // 5.
+  mvpn_add_entry_to_switchover_cache(mvpn, key, croute);
+  // 6.
+  mvpn_data_mdt_map_receiver_to_remote_source(mvpn, croute, key);
+}
+
+void mvpn_process_data_mdt_switchover_expiry(mvpn_cibtype *mvpn) {
+  if (mvpn == nullptr || mvpn->pcib == nullptr) return;
+  const pim_write_guard pim_lock;
+  const mvpn_vrf_handle vrf(mvpn);
+  // Each installation runs host code: the first entry is looked up anew every time.
+  while (vrf.same()) {
+    auto *entry = static_cast<mvpn_switchover_entry *>(ravl_get_first_node(&mvpn->switchover_cache, 0));
+    if (entry == nullptr) break;
+    mvpn_finish_switchover_to_data_mdt(mvpn, entry);
+  }
+  pim_mrib_wakeup_txlist_worker_thread();
+  // The core routes of the flows were queued without waking our own worker.
+  mvpn_mrib_wakeup_worker_thread();
+}
+
+void mvpn_finish_switchover_to_data_mdt(mvpn_cibtype *mvpn, mvpn_switchover_entry *entry) {
+  pim_route *croute = entry->route;
+  // The entry goes first: the installation may unmap the flow and delete it.
+  mvpn_delete_entry_from_switchover_cache(mvpn, entry);
+  mvpn_data_mdt_send_join_info *record = croute->send_join_info;
+  if (record == nullptr) return;
+  record->state = MVPN_DATA_MDT_STATE_ACTIVE;
+  if (record->encap_index >= MVPN_ENCAP_INDEX_FIRST_DATA) pim_add_route(mvpn->pcib, croute, 0, 0, 0, 0, 0, 0);
+}
+
+mvpn_switchover_entry *mvpn_add_entry_to_switchover_cache(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *,
+                                                          pim_route *croute) {
+  auto *entry = static_cast<mvpn_switchover_entry *>(
+      mvpn_tracked_alloc(MTRACK_MVPN_SWITCHOVER, sizeof(mvpn_switchover_entry), kReportedEntrySize,
+                         "routing/pim/mvpn/mvpn_datamdt", 290, "mvpn_add_entry_to_switchover_cache"));
+  if (entry == nullptr) {
+    mvpn_report(msg_error_PIM_MALLOC, kReportedEntrySize, "mvpn_add_entry_to_switchover_cache()");
+    return nullptr;
+  }
+  entry->addrs = cache_key(croute->addrs);
+  entry->route = croute;
+  if (ravl_insert(&mvpn->switchover_cache, entry) == 0) {
+    mvpn_report(msg_error_PIM_AVL_ERROR, "ravl_insert", "mvpn_add_entry_to_switchover_cache");
+    mtrack_free(entry);
+    return nullptr;
+  }
+  return entry;
+}
+
+mvpn_switchover_entry *mvpn_get_entry_from_switchover_cache(mvpn_cibtype *mvpn, const pim_route *croute) {
+  const mvpn_mdt_route_addrs key = cache_key(croute->addrs);
+  return static_cast<mvpn_switchover_entry *>(ravl_lookup(&mvpn->switchover_cache, &key));
+}
+
+void mvpn_delete_entry_from_switchover_cache(mvpn_cibtype *mvpn, mvpn_switchover_entry *entry) {
+  ravl_delete(&mvpn->switchover_cache, entry);
+  mtrack_free(entry);
+}
+
+void mvpn_delete_all_entries_from_switchover_cache(mvpn_cibtype *mvpn) {
+  while (void *entry = ravl_get_first_node(&mvpn->switchover_cache, 0))
+    mvpn_delete_entry_from_switchover_cache(mvpn, static_cast<mvpn_switchover_entry *>(entry));
+}
+
+// ---------------------------------------------------------------------------------------------------------- switchback
+
+void mvpn_start_switchback_from_data_mdt(mvpn_cibtype *, const mvpn_mdt_route_addrs *, pim_route *croute) {
+  if (croute->send_join_info != nullptr) croute->send_join_info->state = MVPN_DATA_MDT_STATE_SWITCHBACK_PENDING;
+}
+
+void mvpn_finish_switchback_from_data_mdt(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute) {
+  mvpn_data_mdt_send_join_info *record = croute->send_join_info;
+  if (record == nullptr || record->config == nullptr) return;
+  mvpn_release_data_mdt_group(mvpn, croute, key, 0, [](mvpn_cibtype *vrf, const mvpn_mdt_route *route) {
+    MVPN_DEBUG(vrf->pcib, "Finished switchback from data mdt for (%s, %s)", ip_print_addr(route->source),
+               ip_print_addr(route->group));
+  });
+  mvpn_init_data_mdt_send_join_info(mvpn, croute, record);
+}
+
+// -------------------------------------------------------------------------------------------------------- local source
+
+void mvpn_data_mdt_map_receiver_to_local_source(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key,
+                                                pim_route *croute) {
+  // 1.
+  if (mvpn == nullptr) return;
+  mvpn_mdt_route_addrs working = cache_key(*key);
+  if (working.source_len == MROUTE_ANY_SOURCE_LEN) working.source = 0;
+  // 2.
+  if (croute->send_join_info != nullptr && croute->send_join_info->encap_index != MVPN_ENCAP_INDEX_NONE) {
+    MVPN_DEBUG(mvpn->pcib, "While mapping croute %s already has proper encap ", mrib_print_addrs(&working));
+    return;
+  }
+  // 3.
+  MVPN_DEBUG(mvpn->pcib, "Mapping receiver to local source for %s", mrib_print_addrs(&working));
+  if (mvpn_map_data_mdt_config(mvpn, &working, croute) == 0) return;
+  const mvpn_data_mdt_send_join_info *record = croute->send_join_info;
+  if (record == nullptr || record->config == nullptr) return;
+  if (record->config->immediate_switch == 0 || record->config->threshold != 0) return;
+  // 4.
+  mvpn_start_switchover_to_data_mdt(mvpn, &working, croute);
+  MVPN_DEBUG(mvpn->pcib, "Switchover to Data MDT for %s", mrib_print_addrs(&working));
+  if (mvpn->switchover_timer != nullptr) active_timer_start(mvpn->switchover_timer, 0, 0, 0, 0);
+  mvpn_mrib_wakeup_worker_thread();
+  // 5.
+  if (record->encap_index < MVPN_ENCAP_INDEX_FIRST_DATA) return;
+  const mvpn_vrf_handle vrf(mvpn);
+  mvpn_fill_one_data_mdt_join(mvpn, working.source, working.group, record->group);
+  if (vrf.same()) mvpn_send_data_mdt_join_packet(mvpn, 0);
+}
+
+void mvpn_data_mdt_unmap_receiver_from_local_source(mvpn_cibtype *mvpn, pim_route *croute,
+                                                    const mvpn_mdt_route_addrs *key) {
+  // 1.
+  if (mvpn == nullptr) return;
+  MVPN_DEBUG(mvpn->pcib, "Clearing data MDT state for: addr: %s", mrib_print_addrs(key));
+  // 2.
+  const mvpn_data_mdt_send_join_info *record = croute->send_join_info;
+  // A flow whose index the host has changed still holds its group.
+  if (record != nullptr && record->config != nullptr &&
+      (record->encap_index >= MVPN_ENCAP_INDEX_FIRST_DATA || record->mdt_route != nullptr))
+    mvpn_release_data_mdt_group(mvpn, croute, key, 1, [](mvpn_cibtype *vrf, const mvpn_mdt_route *route) {
+      MVPN_DEBUG(vrf->pcib, "Unmapping receiver from local source for (%s, %s)", ip_print_addr(route->source),
+                 ip_print_addr(route->group));
+    });
+  // 3.
+  if (mvpn_switchover_entry *entry = mvpn_get_entry_from_switchover_cache(mvpn, croute))
+    mvpn_delete_entry_from_switchover_cache(mvpn, entry);
+  mvpn_destroy_data_mdt_send_join_info(croute);
+}
+
+void mvpn_data_mdt_map_local_source_to_receiver(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key,
+                                                pim_route *croute) {
+  mvpn_data_mdt_map_receiver_to_local_source(mvpn, key, croute);
+}
+
+void mvpn_data_mdt_unmap_local_source_from_receiver(mvpn_cibtype *mvpn, pim_route *croute,
+                                                    const mvpn_mdt_route_addrs *key) {
+  mvpn_data_mdt_unmap_receiver_from_local_source(mvpn, croute, key);
+}

@@ -1,0 +1,125 @@
+#include "tools.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace snmp_tools {
+namespace {
+
+constexpr auto kLongestRun = std::chrono::seconds(30);
+
+std::string contents(const std::string &file) {
+  std::ifstream in(file);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// Nothing of the machine's SNMP configuration reaches the child, and it keeps its files in the folder.
+pid_t spawn(const Folder &folder, std::vector<std::string> arguments, const std::string &out, const std::string &err) {
+  posix_spawn_file_actions_t files;
+  posix_spawn_file_actions_init(&files);
+  posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&files, STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  std::vector<char *> argv;
+  for (std::string &argument : arguments) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  std::string persistent = "SNMP_PERSISTENT_DIR=" + folder.path(), config = "SNMPCONFPATH=" + folder.path();
+  std::string no_mibs = "MIBS=", home = "HOME=" + folder.path();
+  char *environment[] = {persistent.data(), config.data(), no_mibs.data(), home.data(), nullptr};
+  pid_t pid = -1;
+  const int error = posix_spawn(&pid, argv[0], &files, nullptr, argv.data(), environment);
+  posix_spawn_file_actions_destroy(&files);
+  EXPECT_EQ(error, 0) << argv[0];
+  return error == 0 ? pid : -1;
+}
+
+uint16_t free_udp_port() {
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), size), 0);
+  EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size), 0);
+  close(fd);
+  return ntohs(address.sin_port);
+}
+
+}  // namespace
+
+Folder::Folder() {
+  std::string name = (std::filesystem::temp_directory_path() / "snmp_test.XXXXXX").string();
+  if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary folder");
+  path_ = name;
+  std::filesystem::create_directory(path_ + "/cert_indexes");  // or the tools say that they made it
+}
+
+Folder::~Folder() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+std::vector<std::string> Result::lines() const {
+  std::vector<std::string> all;
+  std::istringstream in(out);
+  for (std::string line; std::getline(in, line);) all.push_back(line);
+  return all;
+}
+
+Result run(const Folder &folder, std::vector<std::string> arguments, const std::function<void()> &serve) {
+  const std::string out = folder.path() + "/out", err = folder.path() + "/err";
+  Result result;
+  const pid_t pid = spawn(folder, std::move(arguments), out, err);
+  if (pid < 0) return result;
+  const auto deadline = std::chrono::steady_clock::now() + kLongestRun;
+  int status = 0;
+  bool ended = false;
+  while (!ended && std::chrono::steady_clock::now() < deadline) {
+    serve();
+    ended = waitpid(pid, &status, WNOHANG) == pid;
+  }
+  if (!ended) {
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+  }
+  if (ended && WIFEXITED(status)) result.status = WEXITSTATUS(status);
+  result.out = contents(out);
+  result.err = contents(err);
+  return result;
+}
+
+Master::Master(const Folder &folder) : folder_(folder), port_(free_udp_port()) {
+  std::ofstream config(folder.path() + "/master.conf");
+  config << "agentaddress " << manager_address() << "\nrocommunity public 127.0.0.1\nmaster agentx\nagentXSocket "
+         << agentx_address() << "\ndontLogTCPWrappersConnects yes\n";
+}
+
+void Master::start() {
+  pid_ = spawn(folder_, {SNMPD, "-f", "-r", "-C", "-c", folder_.path() + "/master.conf", "-Le"},
+               folder_.path() + "/master.out", folder_.path() + "/master.err");
+}
+
+void Master::stop() {
+  if (pid_ < 0) return;
+  kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+  pid_ = -1;
+}
+
+std::string Master::messages() const { return contents(folder_.path() + "/master.err"); }
+
+}  // namespace snmp_tools
