@@ -80,11 +80,12 @@ std::optional<Message> decode_update(std::span<const uint8_t> body, std::string 
 }  // namespace
 
 std::vector<uint8_t> encode(const Message &message) {
-  std::vector<uint8_t> frame(kLengthSize);
-  std::visit(BodyWriter{frame}, message);
-  std::vector<uint8_t> length;
-  put32(length, static_cast<uint32_t>(frame.size() - kLengthSize));
-  std::copy(length.begin(), length.end(), frame.begin());
+  std::vector<uint8_t> body;
+  std::visit(BodyWriter{body}, message);
+  std::vector<uint8_t> frame;
+  frame.reserve(kLengthSize + body.size());
+  put32(frame, static_cast<uint32_t>(body.size()));
+  frame.insert(frame.end(), body.begin(), body.end());
   return frame;
 }
 

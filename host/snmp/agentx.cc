@@ -26,8 +26,10 @@
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "agentx.h"
@@ -153,6 +155,8 @@ class AgentX::Impl {
 
 AgentX::Impl::Impl(boost::asio::io_context &io, std::string address, InTurn in_turn, Log log, Options options)
     : io_(io), timer_(io), address_(std::move(address)), in_turn_(std::move(in_turn)), log_(std::move(log)) {
+  static bool started = false;
+  if (std::exchange(started, true)) throw std::runtime_error("the SNMP agent library starts once in a process");
   set_options();
   start_library(options);
   arm();
@@ -176,6 +180,7 @@ AgentX::Impl::~Impl() {
 // The daemon's configuration says everything: no files of the library are read or written, no MIB modules loaded.
 void AgentX::Impl::set_options() {
   setenv("MIBS", "", 1);
+  std::signal(SIGPIPE, SIG_IGN);  // the library writes to a master that may just have gone
   for (const int option :
        {NETSNMP_DS_LIB_DONT_READ_CONFIGS, NETSNMP_DS_LIB_DONT_PERSIST_STATE, NETSNMP_DS_LIB_DISABLE_PERSISTENT_LOAD,
         NETSNMP_DS_LIB_DISABLE_PERSISTENT_SAVE, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG})

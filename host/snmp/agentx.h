@@ -9,7 +9,7 @@
 
 namespace host::snmp {
 
-// One in a process, since the agent library keeps its state for the process.
+// One in the life of a process: the agent library keeps state that outlasts its shutdown. Throws std::runtime_error.
 class AgentX {
  public:
   using InTurn = std::function<void(std::function<void()>)>;

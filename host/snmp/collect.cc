@@ -24,6 +24,7 @@
 #include <algorithm>
 #include <charconv>
 #include <set>
+#include <tuple>
 
 #include "cli_schema.h"
 #include "reference.h"

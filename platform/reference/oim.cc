@@ -269,7 +269,10 @@ void respond(const Request &request, uint32_t opcode, uint32_t (*carry_out)(cons
     wire::store_be32(entry + OIM_RESPONSE_RESULT, result);
     entry += OIM_RESPONSE_ENTRY_SIZE;
   }
-  if (state.registered) deliver(opcode, payload.data(), payload.size());
+  if (!state.registered) return;
+  if (opcode != MTS_OPC_OIM_IF_PARAM_UPDATE_RESPONSE) return deliver(opcode, payload.data(), payload.size());
+  // Parameters take a moment longer: a bring-up that was asked for right behind them is reported first.
+  post([opcode, payload] { deliver(opcode, payload.data(), payload.size()); });
 }
 
 void carry_out(const Request &request) {

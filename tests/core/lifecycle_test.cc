@@ -25,6 +25,7 @@ TEST_F(Lifecycle, StartCallsThePlatformInOrder) {
       "bgp_api_init()",
       "bgp_mvpn_get_update_source(40)",
       "im_get_if_by_name(loopback0)",
+      "ravl_pre_sched_yield()",
       "mts_options_set(62467,0x10)",
       "mts_options_set(18440,0x10)",
       "mts_options_set(18441,0x10)",
@@ -248,6 +249,7 @@ TEST_F(Lifecycle, FewerUpdateBuffersAreEnough) {
   ASSERT_EQ(mvpn_init(), 1);
   testing::internal::GetCapturedStdout();
   EXPECT_EQ(rqueue_count(&mvpn_mrib_info->free_buffers), 2u);
+  mvpn_init_cli();
   ref::enable_interface_events(true);
   bring_up("red", 2, "239.1.1.1");
   EXPECT_EQ(ref::mrib_routes().size(), 1u);

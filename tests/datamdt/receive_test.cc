@@ -315,6 +315,31 @@ TEST_F(Receive, ARecordWhoseCustomerRouteVanishedLeavesNothingBehind) {
   }
 }
 
+// Mapping a bidirectional route onto the local source may announce it at once, which yields.
+TEST_F(Receive, ACustomerRouteMayGoDuringAnRpfLookup) {
+  mvpn_cibtype *mvpn = start_red();
+  hear("*", "225.0.0.1", "239.7.0.1");
+  range("239.2.0.0/24", "0", true);
+  ref::CustomerRoute route = flow_of("*", "225.0.0.1");
+  route.iif = "mvpn";
+  route.bidirectional = true;
+  for (const bool vrf_too : {false, true}) {
+    pim_route *croute = ref::set_customer_route("red", route);
+    const mvpn_mdt_route_addrs key = croute->addrs;
+    bool happened = false;
+    at_yield(1, [&] {
+      happened = true;
+      remove("*", "225.0.0.1");
+      if (vrf_too) vanish();
+    });
+    mvpn_process_rpf_lookup(mvpn->pcib, &key, croute, 0, 0, 1);
+    trace::on_yield(nullptr);
+    EXPECT_TRUE(happened);
+    ref::settle();
+    check_invariants();
+  }
+}
+
 TEST_F(Receive, FailuresDropTheAnnouncement) {
   mvpn_cibtype *mvpn = start_red();
   receiver("172.16.7.1", "225.0.0.1");
@@ -328,6 +353,9 @@ TEST_F(Receive, FailuresDropTheAnnouncement) {
   EXPECT_EQ(debug_count("Unable to add entry to receive cache. c_src 172.16.7.1, c_grp 225.0.0.1, p_src 10.0.0.9, "
                         "p_grp 239.7.0.1"),
             1u);
+  trace::fail("renqueue_data");
+  EXPECT_EQ(hear("172.16.7.1", "225.0.0.1", "239.7.0.2")->mdt_route, nullptr) << "a core route without its referer";
+  EXPECT_EQ(core_routes(mvpn), Texts{"10.0.0.1 239.1.1.1 1"});
   trace::fail("slab_calloc", 2);
   EXPECT_EQ(hear("172.16.7.1", "225.0.0.1", "239.7.0.1")->mdt_route, nullptr) << "no core route";
   EXPECT_EQ(debug_count("Couldnt allocate MDT resource (10.0.0.9 239.7.0.1)"), 1u);

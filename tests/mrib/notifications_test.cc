@@ -109,7 +109,7 @@ TEST_F(Notifications, AClearDropsSilentlyAndRebuilds) {
   start();
   mvpn_cibtype *mvpn = bring_up("red", 2, "239.1.1.1");
   remote_update({{addr("10.0.0.9"), {0, 0, 0, 1, 0, 0, 0, 9}, addr("239.1.1.1"), {}}}, true);
-  mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_REMOTE_DEFAULT, 0, 1, addr("239.5.5.5"), 1);
+  mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_REMOTE_DATA, 0, 1, addr("239.5.5.5"), 1);
   ref::settle();
   // The MRIB now takes the group for SSM.
   ref::add_ssm_range(addr("239.1.0.0"), 16);
@@ -118,7 +118,7 @@ TEST_F(Notifications, AClearDropsSilentlyAndRebuilds) {
   ref::mrib_notify_clear(VRF_CONTEXT_ID_DEFAULT, all, true, false);
   ref::settle();
   EXPECT_EQ(mvpn->mdt_group_mode, MVPN_MDT_GROUP_MODE_SSM);
-  EXPECT_EQ(sources(mvpn), (Texts{"* 2", "10.0.0.1 1", "10.0.0.9 2"})) << "the (*,G) route stayed";
+  EXPECT_EQ(sources(mvpn), (Texts{"* 4", "10.0.0.1 1", "10.0.0.9 2"})) << "the (*,G) route stayed";
   for (const ref::MribUpdate &update : ref::mrib_updates())
     for (uint32_t i = 0; i < update.count; i++)
       EXPECT_EQ(update.entries[i * MRIB_UPDATE_ENTRY_SIZE + MRIB_ENTRY_ADD], 1) << "nothing is deleted in the MRIB";

@@ -28,15 +28,17 @@ TEST_F(Oim, InterfaceListsAreLaidOutByteByByte) {
     mvpn->mdt_source_addr = addr("10.0.0.1");
     mvpn_set_mdt_default_group(mvpn, addr("239.1.1.1"));
     ref::clear_oim_requests();
+    if_index_t tunnel = 0;
+    ASSERT_EQ(if_index_overlay_cli_init(&tunnel, IF_INDEX_OVERLAY_MVPN, 0x1234), 0);
     const uint32_t size = oim_if_info_list_get_size(1, 5, 33);
     std::vector<uint8_t> list(size);
     mvpn_oim_params params;
     params.admin = params.vrf_name = params.mtu = params.source = params.destination = true;
-    ASSERT_EQ(mvpn_oim_populate_if_list(mvpn, list.data(), size, 0x1234, params, 77), 1);
+    ASSERT_EQ(mvpn_oim_populate_if_list(mvpn, list.data(), size, tunnel, params, 77), 1);
     oim_modify_if(list.data(), size);
     ASSERT_EQ(ref::oim_requests().size(), 1u);
     const ref::OimRequest &request = ref::oim_requests()[0];
-    EXPECT_EQ(request.if_index, 0x1234u);
+    EXPECT_EQ(request.if_index, tunnel);
     EXPECT_EQ(request.iod, 77u);
     const std::vector<std::pair<uint16_t, std::vector<uint8_t>>> expected = {
         {1, {1}},
@@ -212,7 +214,7 @@ TEST_F(Oim, ResponsesMoveTheStatus) {
        {"delete"},
        false},
       {"create refused", kCreate, MVPN_MTI_CREATE_PENDING, true, true, false, 5, MVPN_MTI_CREATE_PENDING, {}, false},
-      {"delete, ready again", kDelete, MVPN_MTI_DELETE_PENDING, true, true, false, 0, MVPN_MTI_UP_PENDING, {}, false},
+      {"delete, ready again", kDelete, MVPN_MTI_DELETE_PENDING, true, true, false, 0, MVPN_MTI_UP_PENDING, {"modify", "bringup"}, false},
       {"delete, not ready", kDelete, MVPN_MTI_DELETE_PENDING, true, false, false, 0, MVPN_MTI_DELETED, {}, false},
       {"delete, group gone", kDelete, MVPN_MTI_DELETE_PENDING, false, true, false, 0, MVPN_MTI_NONE, {}, true},
       {"delete refused", kDelete, MVPN_MTI_DELETE_PENDING, false, true, false, 9, MVPN_MTI_DELETE_PENDING, {}, false},

@@ -1,7 +1,5 @@
 // Persistent store, in memory and in a directory.
-#include <dirent.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 

@@ -85,7 +85,7 @@ class AgentTest : public DataMdtTest {
   snmp_tools::Result tool(std::vector<std::string> arguments) {
     return snmp_tools::run(folder_, std::move(arguments), [this] { serve(); });
   }
-  // Options of every tool: numbers as numbers.
+  // Options of the tools that ask.
   std::vector<std::string> asking(const std::string &program, std::vector<std::string> more) {
     std::vector<std::string> all = {program, "-v2c", "-c", "public",    "-t", "10",
                                     "-r",    "1",    "-M", MIB_FOLDERS, "-m", "LIBMVPN-MIB"};
@@ -96,7 +96,7 @@ class AgentTest : public DataMdtTest {
   snmp_tools::Result get(uint32_t arc) {
     return tool(asking(SNMPGET, {"-OQvet", master_.manager_address(), dotted_oid(object(arc)) + ".0"}));
   }
-  // Until the agent's objects are there; whoever waits for ever is ended by the test's time limit.
+  // Until the agent's objects are there, for some ten seconds at least.
   void wait_for_objects() {
     for (int attempt = 0; attempt < 100; attempt++) {
       const auto answer = tool({SNMPGET, "-v2c", "-c", "public", "-t", "1", "-r", "0", "-M", MIB_FOLDERS, "-m",
@@ -143,7 +143,7 @@ class AgentTest : public DataMdtTest {
     return by_index;
   }
 
-  // Four VRFs: "a" has nothing but its configuration, "blue" no ranges, "green" no flows, "red" all there is.
+  // Four VRFs: "a" has no tunnel and so no routes, "blue" no ranges, "green" no flows, "red" all there is.
   void build() {
     start_red();
     range("232.1.1.0/28");
@@ -153,7 +153,7 @@ class AgentTest : public DataMdtTest {
               0);
     ref::set_oim_answers(false);
     add_vrf("a", 5);
-    EXPECT_EQ(command("mdt_default_cmd", "a", {{"<mdt-default-group>", "239.1.1.4"}}), 0) << printed;
+    EXPECT_EQ(command("mdt_default_cmd", "a", {{"<mdt-default>", "239.1.1.4"}}), 0) << printed;
     ref::settle();
     // Groups fall while sources rise, and several flows have the same source.
     active_flow("172.16.1.1", "225.0.0.9");
@@ -166,7 +166,7 @@ class AgentTest : public DataMdtTest {
     hear("172.17.0.1", "226.0.0.2", "233.1.1.3");
     hear("172.17.0.1", "226.0.0.3", "233.1.1.5");
     hear("172.17.0.1", "226.0.0.4", "233.1.1.5");
-    // Between the two that a VRF uses, one that none does; the last has the index of the one before.
+    // Between two whose group a VRF uses, one whose group none does.
     remote_update({{addr("10.0.0.7"), {}, addr("239.1.1.1"), ""},
                    {addr("10.0.0.8"), {}, addr("239.9.9.9"), ""},
                    {addr("10.0.0.9"), {}, addr("239.1.1.1"), ""}},
@@ -343,7 +343,6 @@ TEST_F(AgentTest, SnmptablePrintsEveryTable) {
     EXPECT_EQ(printed_table.status, 0) << table.name << printed_table.err;
     EXPECT_EQ(printed_table.err, "") << table.name;
     EXPECT_EQ(printed_table.out.find("No Such"), std::string::npos) << printed_table.out;
-    if (std::getenv("SNMP_TEST_PRINT") != nullptr) std::fputs(printed_table.out.c_str(), stdout);
   }
 }
 

@@ -4,7 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,24 +27,31 @@ std::string contents(const std::string &file) {
   return text.str();
 }
 
-// Nothing of the machine's SNMP configuration reaches the child, and it keeps its files in the folder.
+void redirect(const std::string &file, int flags, int fd) {
+  const int opened = open(file.c_str(), flags | O_CLOEXEC, 0600);
+  if (opened < 0 || dup2(opened, fd) < 0) _exit(126);
+}
+
+// Nothing of the machine's SNMP configuration reaches the child, and it keeps its files in the folder. It ends with the
+// test, however that ends.
 pid_t spawn(const Folder &folder, std::vector<std::string> arguments, const std::string &out, const std::string &err) {
-  posix_spawn_file_actions_t files;
-  posix_spawn_file_actions_init(&files);
-  posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&files, STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   std::vector<char *> argv;
   for (std::string &argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
   std::string persistent = "SNMP_PERSISTENT_DIR=" + folder.path(), config = "SNMPCONFPATH=" + folder.path();
   std::string no_mibs = "MIBS=", home = "HOME=" + folder.path();
   char *environment[] = {persistent.data(), config.data(), no_mibs.data(), home.data(), nullptr};
-  pid_t pid = -1;
-  const int error = posix_spawn(&pid, argv[0], &files, nullptr, argv.data(), environment);
-  posix_spawn_file_actions_destroy(&files);
-  EXPECT_EQ(error, 0) << argv[0];
-  return error == 0 ? pid : -1;
+  const pid_t pid = fork();
+  if (pid != 0) {
+    EXPECT_GT(pid, 0);
+    return pid;
+  }
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  redirect("/dev/null", O_RDONLY, STDIN_FILENO);
+  redirect(out, O_WRONLY | O_CREAT | O_TRUNC, STDOUT_FILENO);
+  redirect(err, O_WRONLY | O_CREAT | O_TRUNC, STDERR_FILENO);
+  execve(argv[0], argv.data(), environment);
+  _exit(127);
 }
 
 uint16_t free_udp_port() {
@@ -109,7 +116,7 @@ Master::Master(const Folder &folder) : folder_(folder), port_(free_udp_port()) {
 }
 
 void Master::start() {
-  pid_ = spawn(folder_, {SNMPD, "-f", "-r", "-C", "-c", folder_.path() + "/master.conf", "-Le"},
+  pid_ = spawn(folder_, {SNMPD, "-f", "-r", "-C", "-c", folder_.path() + "/master.conf", "-I", "-smux", "-Le"},
                folder_.path() + "/master.out", folder_.path() + "/master.err");
 }
 

@@ -128,17 +128,14 @@ bool take_fresh(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, mvpn_data_m
   return true;
 }
 
-// Takes one flow off a group's count and forgets its persisted choice; true when other flows still use the group.
+// Takes one flow off a group's count and forgets its persisted choice; true when other flows still use the group. The
+// choice goes also when the count is 0 already: a teardown that tells the MRIB clears all counts before the flows end.
 bool drop_count(mvpn_cibtype *mvpn, mvpn_data_mdt_range *range, ip_addr_t group, const mvpn_mdt_route_addrs *key,
                 const mvpn_mdt_route *route) {
-  const uint32_t slot = mvpn_data_mdt_pool_slot(range, group);
-  if (slot == MVPN_DATA_MDT_POOL_GROUPS) {
-    mvpn_ha_delete_encap_info(mvpn, key);
-    return route != nullptr && mvpn_mdt_mroute_has_referer(route) != 0;
-  }
-  if (range->group_refcount[slot] == 0) return false;
-  range->group_refcount[slot]--;
   mvpn_ha_delete_encap_info(mvpn, key);
+  const uint32_t slot = mvpn_data_mdt_pool_slot(range, group);
+  if (slot == MVPN_DATA_MDT_POOL_GROUPS) return route != nullptr && mvpn_mdt_mroute_has_referer(route) != 0;
+  if (range->group_refcount[slot] != 0) range->group_refcount[slot]--;
   return range->group_refcount[slot] != 0;
 }
 

@@ -65,6 +65,14 @@ void clear_route(mvpn_cibtype *mvpn, Record *record) {
   record->flags = 0;
 }
 
+// Deletes the core route of a data MDT that nothing refers to any more.
+void delete_unused_route(mvpn_cibtype *mvpn, const mvpn_mdt_route *route) {
+  const bool is_data =
+      route->route_type == MVPN_MDT_ROUTE_REMOTE_DATA || route->route_type == MVPN_MDT_ROUTE_LOCAL_DATA;
+  if (is_data && mvpn_mdt_mroute_has_referer(route) == 0)
+    mvpn_mdt_delete_route_resources(mvpn, route->source, route->group, 1);
+}
+
 // Takes an announcement off its core route; the route of a data MDT goes with its last referer.
 void leave_route(mvpn_cibtype *mvpn, Record *record) {
   mvpn_mdt_route *route = record->mdt_route;
@@ -76,16 +84,17 @@ void leave_route(mvpn_cibtype *mvpn, Record *record) {
       record->c_src != 0 ? s_g_addrs(record->c_src, record->c_grp) : star_g_addrs(record->c_grp);
   MVPN_DEBUG(mvpn->pcib, "Route %s is unmapped from remote source for (%s, %s)", mrib_print_addrs(&flow),
              ip_print_addr(route->source), ip_print_addr(route->group));
-  const bool is_data =
-      route->route_type == MVPN_MDT_ROUTE_REMOTE_DATA || route->route_type == MVPN_MDT_ROUTE_LOCAL_DATA;
-  if (is_data) mvpn_mdt_delete_route_resources(mvpn, route->source, route->group, 1);
+  delete_unused_route(mvpn, route);
 }
 
 bool join_route(mvpn_cibtype *mvpn, Record *record, mvpn_mdt_route *route) {
   if (record->mdt_route == route) return true;
   const uint32_t flags = record->flags;
   leave_route(mvpn, record);
-  if (mvpn_mdt_mroute_link_referer(route, record) == 0) return false;
+  if (mvpn_mdt_mroute_link_referer(route, record) == 0) {
+    delete_unused_route(mvpn, route);
+    return false;
+  }
   record->mdt_route = route;
   record->flags = flags;
   mvpn->data_mdt_recv_mapped++;
@@ -445,16 +454,20 @@ void mvpn_process_rpf_lookup(pim_cibtype *pcib, const mvpn_mdt_route_addrs *key,
   mvpn_cibtype *mvpn = pcib->mvpn;
   if (mvpn == nullptr) return;
   const mvpn_vrf_handle vrf(mvpn);
+  const mvpn_mdt_route_addrs addrs = *key;
   const bool fed_by_tunnel = is_tunnel(croute->iif);
   if (croute->bidirectional != 0 && croute->iif != 0) {
     const ip_addr_t winner = pim_get_df_winner(rp, croute->iif);
     if (winner != 0) croute->rpf_neighbor = winner;
-    if (fed_by_tunnel) mvpn_data_mdt_map_receiver_to_local_source(mvpn, key, croute);
-    if (!vrf.same()) return;
+    if (fed_by_tunnel) {
+      mvpn_data_mdt_map_receiver_to_local_source(mvpn, &addrs, croute);
+      // A flow that switches at once is announced, which yields: the VRF and the route may be gone.
+      if (!vrf.same() || pim_get_route_from_pt(pcib, &addrs) != croute) return;
+    }
   }
   if (before != 0 && after == 0)
-    mvpn_data_mdt_unmap_receiver_from_remote_source(mvpn, croute, key);
+    mvpn_data_mdt_unmap_receiver_from_remote_source(mvpn, croute, &addrs);
   else if (after != 0 && before == 0)
-    mvpn_data_mdt_map_receiver_to_remote_source(mvpn, croute, key);
-  if (croute->bidirectional != 0 && fed_by_tunnel) mvpn_data_mdt_map_receiver_to_local_source(mvpn, key, croute);
+    mvpn_data_mdt_map_receiver_to_remote_source(mvpn, croute, &addrs);
+  if (croute->bidirectional != 0 && fed_by_tunnel) mvpn_data_mdt_map_receiver_to_local_source(mvpn, &addrs, croute);
 }
