@@ -67,6 +67,14 @@ Daemon::Daemon(DaemonOptions options, Config config)
                      Loop::Turn command(loop_);
                      engine_->execute(request, channel);
                    });
+  if (!options_.agentx.empty())
+    agentx_.emplace(
+        loop_.io(), options_.agentx,
+        [this](const std::function<void()> &work) {
+          Loop::Turn turn(loop_);
+          work();
+        },
+        [this](const std::string &text) { log(text); });
   router_->start(std::move(config));
   loop_.set_turn_end([this] { router_->settle(); });
   watch_signals();
@@ -128,6 +136,7 @@ void Daemon::end_views() {
 void Daemon::stop() {
   notify_service_manager("STOPPING=1");
   log("stopping");
+  agentx_.reset();
   end_views();
   {
     Loop::Turn turn(loop_);

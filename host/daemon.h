@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "agentx.h"
 #include "config.h"
 #include "control_server.h"
 #include "engine.h"
@@ -21,6 +22,7 @@ struct DaemonOptions {
   std::string store;    // folder of what outlives the process; empty: nothing does
   std::string module;   // libmvpn.so
   std::string capture;  // file; empty: none
+  std::string agentx;   // AgentX master; empty: no SNMP
   std::optional<double> clock_scale;
   bool stateful_restart = false;
   bool log_to_syslog = false;
@@ -52,6 +54,7 @@ class Daemon {
   std::optional<Router> router_;
   std::optional<Engine> engine_;
   std::optional<ControlServer> control_;
+  std::optional<snmp::AgentX> agentx_;
   boost::asio::signal_set signals_;
 };
 

@@ -36,6 +36,7 @@ int main(int argc, char **argv) {
   app.add_option("--clock-scale", clock_scale, "platform seconds per second; overrides the file's")
       ->check(CLI::Range(0.001, 10000.0));
   app.add_option("--capture", options.capture, "pcap file for the core packets that are sent and received");
+  app.add_option("--agentx", options.agentx, "AgentX master to serve SNMP through: unix:PATH or tcp:HOST:PORT");
   app.add_option("--log", log, "where messages go")->check(CLI::IsMember({"stderr", "syslog"}))->capture_default_str();
   app.add_flag("--debug", options.debug, "log the module's debug messages from the start");
   CLI11_PARSE(app, argc, argv);

@@ -54,9 +54,9 @@ std::string telling_line(const std::string &text, const std::string &pattern) {
   for (std::string line; std::getline(in, line);) {
     const size_t begin = line.find_first_not_of(' ');
     if (begin == std::string::npos) continue;
-    line.erase(0, begin);
-    if (std::regex_search(line, regex)) return line;
-    if (first.empty()) first = line;
+    const std::string shown = line.substr(begin, line.find_last_not_of(' ') - begin + 1);
+    if (std::regex_search(line, regex)) return shown;
+    if (first.empty()) first = shown;
   }
   return first.empty() ? "(nothing)" : first;
 }
