@@ -259,10 +259,9 @@ class JoinReceiver : public DataMdtTest {
   };
   // A datagram from the remote PE: entry i announces 225.0.0.i from source 172.16.7.1 on 239.7.0.i.
   static std::vector<uint8_t> datagram(unsigned ihl, const std::vector<Entry> &entries) {
-    std::vector<uint8_t> bytes(std::max(20u, ihl * 4) + 8);
+    std::vector<uint8_t> bytes(ihl * 4 + 8);
     bytes[0] = static_cast<uint8_t>(0x40 | ihl);
-    bytes[9] = 17;
-    put(bytes, 12, addr(remote_pe));
+    if (bytes.size() >= 16) put(bytes, 12, addr(remote_pe));
     for (size_t i = 0; i < entries.size(); i++) {
       const size_t at = bytes.size();
       bytes.resize(at + 16);
