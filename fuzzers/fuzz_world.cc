@@ -46,6 +46,7 @@ void start() {
   module.map_local_source = mvpn_data_mdt_map_local_source_to_receiver;
   ref::set_module(module);
   ref::set_log_sink(ref::LogSink::none);
+  ref::clock_use_real(1);
   ref::create_interface("loopback0", VRF_CONTEXT_ID_DEFAULT, 0x0A000001, true);
   ref::bgp_set_update_source("loopback0", false);
   if (mvpn_init() != 1) std::abort();

@@ -71,7 +71,7 @@ Daemon::Daemon(DaemonOptions options, Config config)
     agentx_.emplace(
         loop_.io(), options_.agentx,
         [this](const std::function<void()> &work) {
-          Loop::Turn turn(loop_);
+          Loop::Turn agent_turn(loop_);
           work();
         },
         [this](const std::string &text) { log(text); });

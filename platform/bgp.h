@@ -13,21 +13,21 @@ extern "C" {
 enum {
   BGP_MDT_SAFI_COUNT_SIZE = 2,
   BGP_MDT_SAFI_ENTRY_SIZE = 56,
-  BGP_MDT_SAFI_ENTRY_VRF_NAME = 0, /* 33 bytes, NUL-terminated, zero-filled */
-  BGP_MDT_SAFI_ENTRY_SOURCE = 36,  /* u32 */
-  BGP_MDT_SAFI_ENTRY_RD = 40,      /* 8 bytes */
-  BGP_MDT_SAFI_ENTRY_GROUP = 48,   /* u32 */
-  BGP_MDT_SAFI_ENTRY_ADD = 52,     /* 1 advertised, 0 withdrawn */
-  BGP_MDT_SAFI_ENTRY_EOR = 53,     /* end-of-RIB mark; in a local update: the request for remote entries */
+  BGP_MDT_SAFI_ENTRY_VRF_NAME = 0,      /* 33 bytes, NUL-terminated, zero-filled */
+  BGP_MDT_SAFI_ENTRY_SOURCE = 36,       /* u32 */
+  BGP_MDT_SAFI_ENTRY_RD = 40,           /* 8 bytes */
+  BGP_MDT_SAFI_ENTRY_GROUP = 48,        /* u32 */
+  BGP_MDT_SAFI_ENTRY_ADD = 52,          /* 1 advertised, 0 withdrawn */
+  BGP_MDT_SAFI_ENTRY_EOR = 53,          /* end-of-RIB mark; in a local update: the request for remote entries */
   BGP_MDT_SAFI_ENTRY_END_OF_LOCAL = 54, /* 1: last entry of the answer to a request for all local entries */
 };
 
 /* RD notification. */
 enum {
-  BGP_RD_NOTIFY_VRF_NAME = 0,  /* 36 bytes, NUL-terminated, at most 32 characters */
+  BGP_RD_NOTIFY_VRF_NAME = 0, /* 36 bytes, NUL-terminated, at most 32 characters */
   BGP_RD_NOTIFY_VRF_NAME_SIZE = 36,
-  BGP_RD_NOTIFY_VALID = 36,    /* u32, host byte order: 0 = the VRF has no RD any more */
-  BGP_RD_NOTIFY_RD = 40,       /* 8 bytes */
+  BGP_RD_NOTIFY_VALID = 36, /* u32, host byte order: 0 = the VRF has no RD any more */
+  BGP_RD_NOTIFY_RD = 40,    /* 8 bytes */
   BGP_RD_NOTIFY_SIZE = 48,
 };
 

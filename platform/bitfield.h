@@ -10,7 +10,7 @@ extern "C" {
 
 /* Zero-filled: the empty set. Filled by its owner, the host; the module only reads it. */
 struct bitfield {
-  uint32_t *words;     /* 32 bits a word, lowest bit first; null when word_count is 0 */
+  uint32_t *words; /* 32 bits a word, lowest bit first; null when word_count is 0 */
   uint32_t word_count;
 };
 

@@ -32,8 +32,7 @@ void sdwrap_his_log_event_for_uuid_inst(uint32_t uuid, uint32_t instance, uint32
 int sdwrap_hist_event_subtype_check(uint32_t instance, uint32_t type);
 
 /* Stores a formatted debug message that belongs to no VRF. */
-void sdwrap_hist_event(uint32_t instance, uint32_t type, const char *format, ...)
-    __attribute__((format(printf, 3, 4)));
+void sdwrap_hist_event(uint32_t instance, uint32_t type, const char *format, ...) __attribute__((format(printf, 3, 4)));
 
 /* Non-zero when debug messages of this type are to be printed: sdwrap_chk_int(SDWRAP_EVENT_MVPN, 0, 0, 1). */
 int sdwrap_chk_int(uint32_t type, uint32_t reserved1, uint32_t reserved2, uint32_t level);
@@ -48,10 +47,10 @@ const char *syserr2str(int code);
 
 /* A kind of error report. Lower severities are worse (RFC 5424). */
 struct syslog_descriptor {
-  const char *name;        /* such as "PIM_MALLOC" */
-  uint32_t severity;       /* 0..7 */
+  const char *name;         /* such as "PIM_MALLOC" */
+  uint32_t severity;        /* 0..7 */
   uint32_t wants_traceback; /* 1: the report is followed by a traceback */
-  const char *text;        /* what went wrong; the arguments follow it */
+  const char *text;         /* what went wrong; the arguments follow it */
 };
 
 /* The process's log facility; null until the host has set one up. */

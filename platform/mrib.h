@@ -16,16 +16,16 @@ typedef struct mrib_context mrib_context;             /* opaque: one VRF's multi
 #define MRIB_CLIENT_NAME "mvpn"
 
 enum {
-  MRIB_REGISTER_FLAGS = 1288,       /* registration code of a first start */
-  MRIB_REREGISTER_FLAGS = 210,      /* registration code after a crash */
-  MRIB_UPDATE_HEADER_SIZE = 64,     /* bytes of an update-route buffer before its entries; the MRIB fills them */
-  MRIB_UPDATE_ENTRY_SIZE = 92,      /* bytes of an update-route entry */
-  MRIB_ENCAP_RECORD_SIZE = 88,      /* bytes of an encapsulation record */
-  MRIB_ACK_XID_OFFSET = 56,         /* offset of the transaction id (u32) in an acknowledgement */
-  MRIB_ACK_SIZE = 60,               /* bytes of an acknowledgement */
-  MRIB_NOTIFY_COUNT_OFFSET = 24,    /* offset of the number of entries (u32) in a notification */
-  MRIB_NOTIFY_ENTRIES_OFFSET = 32,  /* offset of the first entry in a notification */
-  MRIB_NOTIFY_ENTRY_SIZE = 88,      /* bytes of a notification entry */
+  MRIB_REGISTER_FLAGS = 1288,      /* registration code of a first start */
+  MRIB_REREGISTER_FLAGS = 210,     /* registration code after a crash */
+  MRIB_UPDATE_HEADER_SIZE = 64,    /* bytes of an update-route buffer before its entries; the MRIB fills them */
+  MRIB_UPDATE_ENTRY_SIZE = 92,     /* bytes of an update-route entry */
+  MRIB_ENCAP_RECORD_SIZE = 88,     /* bytes of an encapsulation record */
+  MRIB_ACK_XID_OFFSET = 56,        /* offset of the transaction id (u32) in an acknowledgement */
+  MRIB_ACK_SIZE = 60,              /* bytes of an acknowledgement */
+  MRIB_NOTIFY_COUNT_OFFSET = 24,   /* offset of the number of entries (u32) in a notification */
+  MRIB_NOTIFY_ENTRIES_OFFSET = 32, /* offset of the first entry in a notification */
+  MRIB_NOTIFY_ENTRY_SIZE = 88,     /* bytes of a notification entry */
 };
 
 /* Events of a notification entry. */
@@ -52,9 +52,9 @@ struct mrib_group {
 
 /* Request for a recomputation of RPF. */
 struct mrib_rpf_request {
-  uint8_t reserved1[32]; /* 0 */
+  uint8_t reserved1[32];       /* 0 */
   vrf_context_id_t context_id; /* byte offset 32: customer VRF */
-  uint8_t reserved2[4];  /* 0 */
+  uint8_t reserved2[4];        /* 0 */
 };
 
 /* Registers a client whose notifications and acknowledgements go to a queue.
@@ -76,8 +76,8 @@ int mrib_deregister(const char *name, uint32_t flags);
 /* Hands over an update-route buffer: length = 64 + 92 * count bytes, its header is written by the MRIB. operation: 1.
  * The buffer stays the client's and is copied. Result: 0 when accepted; then an acknowledgement with the same xid
  * follows. */
-int mrib_mts_update_route(mrib_client_handle *client, uint32_t operation, void *buffer, uint32_t length,
-                          uint32_t count, uint32_t xid, uint32_t reserved);
+int mrib_mts_update_route(mrib_client_handle *client, uint32_t operation, void *buffer, uint32_t length, uint32_t count,
+                          uint32_t xid, uint32_t reserved);
 
 /* Hands over one encapsulation record of 88 bytes. operation: 1. Copied; not acknowledged. Non-zero when accepted. */
 int mrib_update_mdt_encap_info(mrib_client_handle *client, const void *record, uint32_t operation, uint32_t xid,

@@ -13,15 +13,15 @@ typedef struct mts_message mts_message; /* opaque; valid while the host delivers
 
 /* Opcodes that the module receives or sends. */
 enum mts_opcode {
-  MTS_OPC_MVPN_BGP_RD_NOTIFY = 18440,                 /* BGP -> module: a VRF's route distinguisher */
-  MTS_OPC_MVPN_BGP_UPDATE_SOURCE_NOTIFY = 18441,      /* BGP -> module: BGP's update-source interface */
-  MTS_OPC_MVPN_BGP_MDT_SAFI_LOCAL_UPDATE = 43011,     /* module -> BGP: advertise and withdraw local entries */
-  MTS_OPC_MVPN_BGP_MDT_SAFI_REMOTE_UPDATE = 43012,    /* BGP -> module: entries of remote PEs */
-  MTS_OPC_MVPN_BGP_MDT_SAFI_LOCAL_REQUEST = 43017,    /* BGP -> module: send all local entries */
-  MTS_OPC_MVPN_BGP_RESERVED = 62467,                  /* BGP -> module: consumed without action */
-  MTS_OPC_OIM_IF_CREATE_RESPONSE = 135180,            /* tunnel manager -> module */
-  MTS_OPC_OIM_IF_DELETE_RESPONSE = 135181,            /* tunnel manager -> module */
-  MTS_OPC_OIM_IF_PARAM_UPDATE_RESPONSE = 135182,      /* tunnel manager -> module */
+  MTS_OPC_MVPN_BGP_RD_NOTIFY = 18440,              /* BGP -> module: a VRF's route distinguisher */
+  MTS_OPC_MVPN_BGP_UPDATE_SOURCE_NOTIFY = 18441,   /* BGP -> module: BGP's update-source interface */
+  MTS_OPC_MVPN_BGP_MDT_SAFI_LOCAL_UPDATE = 43011,  /* module -> BGP: advertise and withdraw local entries */
+  MTS_OPC_MVPN_BGP_MDT_SAFI_REMOTE_UPDATE = 43012, /* BGP -> module: entries of remote PEs */
+  MTS_OPC_MVPN_BGP_MDT_SAFI_LOCAL_REQUEST = 43017, /* BGP -> module: send all local entries */
+  MTS_OPC_MVPN_BGP_RESERVED = 62467,               /* BGP -> module: consumed without action */
+  MTS_OPC_OIM_IF_CREATE_RESPONSE = 135180,         /* tunnel manager -> module */
+  MTS_OPC_OIM_IF_DELETE_RESPONSE = 135181,         /* tunnel manager -> module */
+  MTS_OPC_OIM_IF_PARAM_UPDATE_RESPONSE = 135182,   /* tunnel manager -> module */
 };
 
 #define MTS_DESTINATION_BGP 0xFE000000u /* destination value of messages to BGP */

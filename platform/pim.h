@@ -20,8 +20,8 @@
 extern "C" {
 #endif
 
-struct mvpn_cibtype;                  /* the module's VRF context (mvpn.h) */
-struct mvpn_data_mdt_send_join_info;  /* the module's record of a customer route (mvpn.h) */
+struct mvpn_cibtype;                 /* the module's VRF context (mvpn.h) */
+struct mvpn_data_mdt_send_join_info; /* the module's record of a customer route (mvpn.h) */
 
 /* PIM context: one VRF in the host. Owned by the host. */
 struct pim_cibtype {
@@ -37,17 +37,17 @@ struct pim_cibtype {
 
 /* PIM interface. Owned by the host. */
 struct pim_iftype {
-  struct pim_cibtype *pcib;          /* VRF of the interface; null = none */
+  struct pim_cibtype *pcib; /* VRF of the interface; null = none */
   im_iod_t iod;
   if_index_t if_index;
-  uint8_t pim_enabled;               /* 1: PIM runs on the interface */
-  ip_addr_t local_addr;              /* 0 = none */
-  uint32_t hello_interval;           /* milliseconds */
-  uint32_t hello_holdtime;           /* seconds */
-  active_timer *hello_timer;         /* null = none */
-  uint16_t jp_interval;              /* seconds: interval in use */
-  uint16_t configured_jp_interval;   /* seconds: interval that was set */
-  uint32_t mtu;                      /* bytes */
+  uint8_t pim_enabled;             /* 1: PIM runs on the interface */
+  ip_addr_t local_addr;            /* 0 = none */
+  uint32_t hello_interval;         /* milliseconds */
+  uint32_t hello_holdtime;         /* seconds */
+  active_timer *hello_timer;       /* null = none */
+  uint16_t jp_interval;            /* seconds: interval in use */
+  uint16_t configured_jp_interval; /* seconds: interval that was set */
+  uint32_t mtu;                    /* bytes */
 };
 
 enum { PIM_ROUTE_KEY_BYTES = 10 }; /* customer-route tree key; see pim_get_addrs_from_pt_key */
@@ -55,13 +55,13 @@ enum { PIM_ROUTE_KEY_BYTES = 10 }; /* customer-route tree key; see pim_get_addrs
 /* Customer route. Owned by the host; deleted only after mvpn_process_pim_route_delete and
  * mvpn_data_mdt_unmap_local_source_from_receiver have been called for it. */
 struct pim_route {
-  struct mvpn_mdt_route_addrs addrs; /* the record begins with its address */
-  ip_addr_t rpf_neighbor;            /* 0 = none */
-  im_iod_t iif;                      /* incoming interface; 0 = none */
-  uint8_t bidirectional;             /* 1: route of a bidirectional group */
-  uint8_t is_star_g;                 /* 1: (*,G) route */
-  uint8_t oifless_join_barred;       /* 1: no joins without outgoing interfaces */
-  struct bitfield oifs;              /* outgoing interface ordinals */
+  struct mvpn_mdt_route_addrs addrs;                   /* the record begins with its address */
+  ip_addr_t rpf_neighbor;                              /* 0 = none */
+  im_iod_t iif;                                        /* incoming interface; 0 = none */
+  uint8_t bidirectional;                               /* 1: route of a bidirectional group */
+  uint8_t is_star_g;                                   /* 1: (*,G) route */
+  uint8_t oifless_join_barred;                         /* 1: no joins without outgoing interfaces */
+  struct bitfield oifs;                                /* outgoing interface ordinals */
   struct mvpn_data_mdt_send_join_info *send_join_info; /* set and cleared by the module; null = none */
 };
 
@@ -87,8 +87,8 @@ extern ksink_pss *pim_ha_handle;
 extern uint32_t pim_mtu; /* bytes: the process's largest datagram */
 
 /* Contexts. */
-extern struct pim_cibtype *pim_null_pcib;   /* context of module-level messages; may be null */
-extern struct pim_cibtype *pim_default_cib; /* the default VRF */
+extern struct pim_cibtype *pim_null_pcib;           /* context of module-level messages; may be null */
+extern struct pim_cibtype *pim_default_cib;         /* the default VRF */
 extern struct ravl_tree pim_contexts_by_context_id; /* user data: struct pim_cibtype; ordered by number */
 extern struct ravl_tree pim_contexts_by_name;       /* user data: struct pim_cibtype; ordered by bytes */
 
@@ -114,8 +114,8 @@ extern uint32_t pim_mvpn_feature_configured;
 /* PIM on an interface: pim_enable(0, pcib, iod, 0), pim_disable(0, pcib, interface, iod, 1, 0, 0); non-zero on
  * success. pim_get_iftype: the interface's record, null when PIM never ran on it. */
 int pim_enable(uint32_t reserved1, struct pim_cibtype *pcib, im_iod_t iod, uint32_t reserved2);
-int pim_disable(uint32_t reserved1, struct pim_cibtype *pcib, struct pim_iftype *interface, im_iod_t iod,
-                uint32_t mode, uint32_t reserved2, uint32_t reserved3);
+int pim_disable(uint32_t reserved1, struct pim_cibtype *pcib, struct pim_iftype *interface, im_iod_t iod, uint32_t mode,
+                uint32_t reserved2, uint32_t reserved3);
 int pim_is_enabled(im_iod_t iod);
 struct pim_iftype *pim_get_iftype(im_iod_t iod);
 
@@ -158,11 +158,11 @@ void pim_release_wrlock(void);
 void pim_mrib_wakeup_txlist_worker_thread(void);
 
 /* Flags of the process. The module sets the first two. */
-extern uint32_t pim_oim_initialized; /* 1: registered with the tunnel manager */
-extern uint32_t pim_bgp_initialized; /* 1: connected to BGP */
-extern uint32_t pim_crashed;         /* 1: restarted after a crash */
+extern uint32_t pim_oim_initialized;  /* 1: registered with the tunnel manager */
+extern uint32_t pim_bgp_initialized;  /* 1: connected to BGP */
+extern uint32_t pim_crashed;          /* 1: restarted after a crash */
 extern uint32_t pim_sup_state_active; /* 1: this supervisor is the active one */
-extern uint32_t pim_sup_switchover;  /* 1: it became active by a switchover */
+extern uint32_t pim_sup_switchover;   /* 1: it became active by a switchover */
 
 /* Replay of the stored configuration: requests sent, end notices received; both wrap. */
 extern uint16_t pim_cli_requests_sent_count;
@@ -170,8 +170,8 @@ extern uint16_t pim_cli_done_recv_count;
 
 /* Diagnostics switches. */
 enum { PIM_DEBUG_MVPN = 0x1000, PIM_DEBUG_BUFFER_SIZE = 2048 };
-extern uint32_t pim_debug_flag;           /* bit PIM_DEBUG_MVPN: print the module's debug messages */
-extern FILE *pim_debug_fp;                /* debug file; null = none */
+extern uint32_t pim_debug_flag;                      /* bit PIM_DEBUG_MVPN: print the module's debug messages */
+extern FILE *pim_debug_fp;                           /* debug file; null = none */
 extern char pim_debug_buffer[PIM_DEBUG_BUFFER_SIZE]; /* scratch line of the thread that holds the scheduling locks */
 extern char pim_dfilter_vrf_name[VRF_NAME_MAX + 1];  /* VRF whose messages are printed, or "all" */
 

@@ -27,11 +27,11 @@ struct ravl_node {
 typedef int (*ravl_compare)(const void *key_a, const void *key_b);
 
 struct ravl_tree {
-  struct ravl_node header;  /* the service's anchor */
-  uint32_t key_length;      /* bytes, at most RAVL_KEY_MAX */
-  uint32_t key_place;       /* byte offset of the key from the node */
-  ravl_compare compare;     /* null: memcmp over key_length bytes */
-  uint32_t count;           /* records in the tree */
+  struct ravl_node header; /* the service's anchor */
+  uint32_t key_length;     /* bytes, at most RAVL_KEY_MAX */
+  uint32_t key_place;      /* byte offset of the key from the node */
+  ravl_compare compare;    /* null: memcmp over key_length bytes */
+  uint32_t count;          /* records in the tree */
 };
 
 /* A position in a walk: the key of the last record returned. Lives on the caller's stack. */

@@ -48,8 +48,8 @@ typedef uint32_t vrf_context_id_t;
 enum {
   VRF_CONTEXT_ID_NONE = 0,
   VRF_CONTEXT_ID_DEFAULT = 1,
-  VRF_NAME_MAX = 32,       /* characters of a VRF name, without the NUL */
-  IF_NAME_SIZE = 40,       /* bytes of an interface name buffer */
+  VRF_NAME_MAX = 32,            /* characters of a VRF name, without the NUL */
+  IF_NAME_SIZE = 40,            /* bytes of an interface name buffer */
   ROUTE_DISTINGUISHER_SIZE = 8, /* bytes of a BGP route distinguisher (RFC 4364), opaque to the module */
 };
 

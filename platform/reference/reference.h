@@ -82,9 +82,9 @@ void settle();
 // Monotonic platform time; a stepped clock moves only by advance().
 std::chrono::nanoseconds now();
 void clock_use_stepped();
-void clock_use_real(double scale);  // platform seconds per real second, > 0
-double clock_scale();               // 0 for a stepped clock
-void advance(std::chrono::nanoseconds step);  // stepped: timers fire in order, settle() after each
+void clock_use_real(double scale);                        // platform seconds per real second, > 0
+double clock_scale();                                     // 0 for a stepped clock
+void advance(std::chrono::nanoseconds step);              // stepped: timers fire in order, settle() after each
 std::optional<std::chrono::nanoseconds> next_deadline();  // platform time of the next timer
 
 // ------------------------------------------------------------------------------------------------------- scheduler
@@ -132,8 +132,8 @@ void set_message_sink(std::function<void(const SentMessage &)> sink);
 // -------------------------------------------------------------------------------------------------- memory, timers
 
 struct MemoryUse {
-  size_t slab_objects = 0;    // live objects of all slabs
-  size_t tracked_buffers = 0; // live tracked buffers
+  size_t slab_objects = 0;     // live objects of all slabs
+  size_t tracked_buffers = 0;  // live tracked buffers
   size_t tracked_bytes = 0;
   size_t timers = 0;
 };
@@ -148,10 +148,10 @@ struct Event {
 const std::vector<Event> &history();  // the latest 10000 events of the module, oldest first
 void clear_history();
 struct Report {
-  std::string name;                    // of the descriptor
+  std::string name;  // of the descriptor
   std::vector<std::string> arguments;
 };
-const std::vector<Report> &reports(); // the latest 1000 error reports that passed the rate limit
+const std::vector<Report> &reports();  // the latest 1000 error reports that passed the rate limit
 void clear_reports();
 // Where error reports and debug output go: standard error, syslog, or nowhere (tests).
 enum class LogSink { none, standard_error, syslog };
@@ -254,8 +254,8 @@ struct MribEncap {
   im_iod_t mti_iod;
   im_iod_t source_iod;
 };
-std::vector<MribRoute> mrib_routes();      // core routes, by context, group, source
-std::vector<MribEncap> mrib_encaps();      // by context, index
+std::vector<MribRoute> mrib_routes();           // core routes, by context, group, source
+std::vector<MribEncap> mrib_encaps();           // by context, index
 const std::vector<MribUpdate> &mrib_updates();  // the latest 1000
 void clear_mrib_updates();
 uint32_t mrib_last_acked_xid();
@@ -286,8 +286,8 @@ struct MdtSafi {
 void bgp_set_rd(std::string_view vrf_name, const uint8_t *rd, bool notify);
 void bgp_set_update_source(std::string_view interface_name, bool notify);  // empty: none
 std::optional<std::vector<uint8_t>> bgp_parse_rd(std::string_view text);   // "65000:1", "10.0.0.1:5", "4200000000:1"
-std::vector<MdtSafi> bgp_local_entries();   // what the module advertises
-std::vector<MdtSafi> bgp_remote_entries();  // what remote PEs advertise
+std::vector<MdtSafi> bgp_local_entries();                                  // what the module advertises
+std::vector<MdtSafi> bgp_remote_entries();                                 // what remote PEs advertise
 // Remote entries: stored, and given to the module in messages of at most 100 entries.
 void bgp_add_remote(const std::vector<MdtSafi> &entries);
 void bgp_withdraw_remote(const std::vector<MdtSafi> &entries);
@@ -300,9 +300,9 @@ void *bgp_make_connector_attribute(const uint8_t *rd, ip_addr_t source);
 
 // ---------------------------------------------------------------------------------------------- persistent store
 
-void pss_use_memory();                        // first state
+void pss_use_memory();                            // first state
 bool pss_use_directory(const std::string &path);  // LMDB; false when it cannot be opened
-void pss_flush();                             // ends the transaction of this turn of the main loop
+void pss_flush();                                 // ends the transaction of this turn of the main loop
 void set_stateful_restart(bool on);
 std::vector<std::pair<std::vector<uint8_t>, std::vector<uint8_t>>> pss_records();
 
@@ -354,12 +354,12 @@ void fail_packet_calls(std::string_view operation, uint32_t n);
 
 struct CustomerRoute {
   mvpn_mdt_route_addrs addrs{};
-  std::string iif;                 // empty: none; "mvpn": the VRF's tunnel whenever it is up
+  std::string iif;  // empty: none; "mvpn": the VRF's tunnel whenever it is up
   ip_addr_t rpf_neighbor = 0;
   std::vector<std::string> oifs;
   bool bidirectional = false;
   uint64_t rate_kbps = 0;
-  bool to_mvpn = false;            // the VRF's tunnel is an outgoing interface
+  bool to_mvpn = false;  // the VRF's tunnel is an outgoing interface
 };
 // Adds or changes a route of a VRF with the notifications that a PIM process gives; removes it in the order that the
 // module relies on. Null, false: no such VRF, interface or route.
@@ -386,30 +386,30 @@ void set_feature_configured(bool configured);
 // One argument of an invocation, by the name that handlers read it under; keywords have no value.
 struct CliArgument {
   std::string name;
-  std::string value;          // as typed
+  std::string value;  // as typed
 };
 // Where output goes. text: what the operator sees; value: recorded values in order.
 enum class CliValueType { string, number, unsigned_number, boolean, duration };
 struct CliValue {
-  int element = 0;            // CLI_ELEMENT_...
+  int element = 0;  // CLI_ELEMENT_...
   CliValueType type = CliValueType::string;
-  std::string text;           // string; also the decimal form of numbers
+  std::string text;  // string; also the decimal form of numbers
   int64_t number = 0;
   uint64_t unsigned_number = 0;
-  double seconds = 0;         // duration
+  double seconds = 0;  // duration
 };
 class CliSink {
  public:
   virtual ~CliSink() = default;
-  virtual void text(std::string_view text) = 0;    // operator output
+  virtual void text(std::string_view text) = 0;  // operator output
   virtual void value(const CliValue &value) { (void)value; }
-  virtual bool more() { return true; }             // cli_more_output
+  virtual bool more() { return true; }  // cli_more_output
 };
 struct CliInvocation {
   std::string handler;
   std::vector<CliArgument> arguments;
-  std::string vrf_name;       // context that the command addresses; empty: none
-  bool all_vrfs = false;      // show: every VRF
+  std::string vrf_name;   // context that the command addresses; empty: none
+  bool all_vrfs = false;  // show: every VRF
   bool no_form = false;
   bool interactive = true;
   bool getnext = false;

@@ -2,6 +2,7 @@
 #include <functional>
 #include <string>
 
+#include "internal.h"
 #include "runtime_test.h"
 #include "thread.h"
 #include "timer.h"
@@ -51,6 +52,20 @@ TEST_F(Clock, TimersFireInOrderOfTimeThenOfStart) {
   ref::advance(1s);
   EXPECT_EQ(trace_, "dbeac");
   EXPECT_EQ(ref::next_deadline(), std::nullopt);
+}
+
+// What a service put off and the module's timers share one order.
+TEST_F(Clock, WorkThatWasPutOffFiresInTurnWithTimers) {
+  const auto put_off = [this](char name, std::chrono::seconds delay) {
+    ref::schedule(delay, [this, name] { trace_ += name; });
+  };
+  put_off('a', 10s);
+  start(named('b'), 10);
+  put_off('c', 10s);
+  put_off('d', 5s);
+  EXPECT_EQ(ref::next_deadline(), ref::now() + 5s);
+  ref::advance(10s);
+  EXPECT_EQ(trace_, "dabc");
 }
 
 TEST_F(Clock, StartArmsAnewAndStopDisarms) {

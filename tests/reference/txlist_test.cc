@@ -165,8 +165,9 @@ TEST_F(TransmitList, WalkSurvivesChanges) {
   for (const Case &c : cases) {
     for (const bool commits : {false, true}) {
       for (const char name : {'a', 'b', 'c', 'd'}) append(name);
+      txlist_iterator *other = txlist_iterator_create(list_);  // stands in the way of the walk and must not be met
       txlist_iterator *walk = txlist_iterator_create(list_);
-      txlist_iterator *other = txlist_iterator_create(list_);  // must not be met
+      EXPECT_EQ(shown(), "abcd");
       std::string met;
       size_t moved = 0;
       for (txlist_obj *at = txlist_iterator_next(walk); at != nullptr; at = txlist_iterator_next(walk)) {

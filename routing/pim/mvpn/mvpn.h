@@ -28,32 +28,32 @@
 // ---------------------------------------------------------------------------------------------------- enumerations
 
 // Module status; ordered: everything above Down Pending is running.
-#define MVPN_FUNCTIONALITY_STATUS_LIST(X)                                                             \
-  X(MVPN_FUNCTIONALITY_DOWN, 0, "Down")                 /* before start, after stop */                \
-  X(MVPN_FUNCTIONALITY_DOWN_PENDING, 1, "Down Pending") /* stopping: BGP, MRIB are told nothing */    \
-  X(MVPN_FUNCTIONALITY_UP, 2, "Up")                     /* every sub-initialisation has succeeded */  \
+#define MVPN_FUNCTIONALITY_STATUS_LIST(X)                                                            \
+  X(MVPN_FUNCTIONALITY_DOWN, 0, "Down")                 /* before start, after stop */               \
+  X(MVPN_FUNCTIONALITY_DOWN_PENDING, 1, "Down Pending") /* stopping: BGP, MRIB are told nothing */   \
+  X(MVPN_FUNCTIONALITY_UP, 2, "Up")                     /* every sub-initialisation has succeeded */ \
   X(MVPN_FUNCTIONALITY_UP_PENDING, 3, "Up Pending")     /* starting, or a start that failed */
 enum mvpn_functionality_status_t : uint32_t { MVPN_FUNCTIONALITY_STATUS_LIST(MVPN_ENUM_CONSTANT) };
 
 // Status of a VRF's multicast tunnel interface (MTI).
-#define MVPN_MTI_STATUS_LIST(X)                                                                       \
-  X(MVPN_MTI_NONE, 0, "None")                           /* no tunnel was asked for yet */             \
-  X(MVPN_MTI_CREATE_PENDING, 1, "Create Pending")       /* create request sent */                     \
-  X(MVPN_MTI_CREATED, 2, "Created")                     /* the interface exists */                    \
-  X(MVPN_MTI_DOWN_PENDING, 3, "Down Pending")           /* bring-down request sent */                 \
-  X(MVPN_MTI_DOWN_IN_PROGRESS, 4, "Down in Progress")   /* default MDT being taken apart */           \
-  X(MVPN_MTI_DOWN, 5, "Down")                           /* the worker has finished with its routes */ \
-  X(MVPN_MTI_DELETE_PENDING, 6, "Delete Pending")       /* delete request sent */                     \
-  X(MVPN_MTI_DELETED, 7, "Deleted")                     /* delete response arrived */                 \
-  X(MVPN_MTI_UP_PENDING, 8, "Up Pending")               /* bring-up request sent */                   \
-  X(MVPN_MTI_UP, 9, "Up")                               /* PIM runs on the interface */
+#define MVPN_MTI_STATUS_LIST(X)                                                                     \
+  X(MVPN_MTI_NONE, 0, "None")                         /* no tunnel was asked for yet */             \
+  X(MVPN_MTI_CREATE_PENDING, 1, "Create Pending")     /* create request sent */                     \
+  X(MVPN_MTI_CREATED, 2, "Created")                   /* the interface exists */                    \
+  X(MVPN_MTI_DOWN_PENDING, 3, "Down Pending")         /* bring-down request sent */                 \
+  X(MVPN_MTI_DOWN_IN_PROGRESS, 4, "Down in Progress") /* default MDT being taken apart */           \
+  X(MVPN_MTI_DOWN, 5, "Down")                         /* the worker has finished with its routes */ \
+  X(MVPN_MTI_DELETE_PENDING, 6, "Delete Pending")     /* delete request sent */                     \
+  X(MVPN_MTI_DELETED, 7, "Deleted")                   /* delete response arrived */                 \
+  X(MVPN_MTI_UP_PENDING, 8, "Up Pending")             /* bring-up request sent */                   \
+  X(MVPN_MTI_UP, 9, "Up")                             /* PIM runs on the interface */
 enum mvpn_mti_status_t : uint32_t { MVPN_MTI_STATUS_LIST(MVPN_ENUM_CONSTANT) };
 
 // Statuses in which the MTI exists as a PIM interface, as a bit mask over mvpn_mti_status_t.
 constexpr uint32_t MVPN_MTI_PIM_INTERFACE_STATUSES = 0x378;
 
 // PIM mode of a group.
-#define MVPN_MDT_GROUP_MODE_LIST(X)    \
+#define MVPN_MDT_GROUP_MODE_LIST(X)        \
   X(MVPN_MDT_GROUP_MODE_NONE, 0, "None")   \
   X(MVPN_MDT_GROUP_MODE_SSM, 1, "SSM")     \
   X(MVPN_MDT_GROUP_MODE_BIDIR, 2, "Bidir") \
@@ -109,15 +109,15 @@ enum mvpn_recv_join_flag_t : uint32_t {
   MVPN_RECV_JOIN_MAPPED_STARG = 2,
 };
 
-constexpr uint32_t MVPN_MDT_MTU_DEFAULT = 1376;             // bytes
-constexpr uint32_t MVPN_PIM_HELLO_INTERVAL_DEFAULT = 30000; // milliseconds
-constexpr uint32_t MVPN_PIM_JP_INTERVAL_DEFAULT = 60;       // seconds; also the unit of configured intervals
-constexpr uint32_t MVPN_DATA_MDT_TIMEOUT_DEFAULT = 180;     // seconds
-constexpr uint32_t MVPN_ENCAP_INDEXES = 1024;               // entries of the encapsulation table
-constexpr uint32_t MVPN_ENCAP_INDEX_NONE = 0;               // not sent into the MVPN
-constexpr uint32_t MVPN_ENCAP_INDEX_DEFAULT = 1;            // default MDT
-constexpr uint32_t MVPN_ENCAP_INDEX_FIRST_DATA = 2;         // first index of a data MDT
-constexpr uint32_t MVPN_DATA_MDT_POOL_GROUPS = 1024;        // groups that a range can hand out
+constexpr uint32_t MVPN_MDT_MTU_DEFAULT = 1376;              // bytes
+constexpr uint32_t MVPN_PIM_HELLO_INTERVAL_DEFAULT = 30000;  // milliseconds
+constexpr uint32_t MVPN_PIM_JP_INTERVAL_DEFAULT = 60;        // seconds; also the unit of configured intervals
+constexpr uint32_t MVPN_DATA_MDT_TIMEOUT_DEFAULT = 180;      // seconds
+constexpr uint32_t MVPN_ENCAP_INDEXES = 1024;                // entries of the encapsulation table
+constexpr uint32_t MVPN_ENCAP_INDEX_NONE = 0;                // not sent into the MVPN
+constexpr uint32_t MVPN_ENCAP_INDEX_DEFAULT = 1;             // default MDT
+constexpr uint32_t MVPN_ENCAP_INDEX_FIRST_DATA = 2;          // first index of a data MDT
+constexpr uint32_t MVPN_DATA_MDT_POOL_GROUPS = 1024;         // groups that a range can hand out
 
 // --------------------------------------------------------------------------------------------------------- records
 
@@ -136,63 +136,63 @@ struct mvpn_data_mdt_range {
 // MVPN context of a VRF. Slab object; lives from the first 'mdt default' to mvpn_finish_destroy_default_mdt.
 // mdt_default_group, mti_iod and mti_ifindex are indexed: change them with the setters of mvpn_core.h.
 struct mvpn_cibtype {
-  pim_cibtype *pcib;                  // owning PIM context
-  pim_iftype *mti_pim_if;             // the MTI in PIM; null = not up in PIM
-  ip_addr_t mdt_default_group;        // 0 = not configured
-  mvpn_mdt_group_mode_t mdt_group_mode;  // mode of mdt_default_group in mdt_source_context
-  im_iod_t mti_iod;                   // 0 = none
-  if_index_t mti_ifindex;             // as allocated for the tunnel manager; 0 = none
-  mvpn_mti_status_t mti_status;       // changed by mvpn_set_mti_status only
-  im_iod_t mdt_source_iod;            // configured source interface, else BGP's update source; 0 = none
-  ip_addr_t mdt_source_addr;          // its address; 0 = none
-  vrf_context_id_t mdt_source_context;  // its VRF, that is the core
-  uint8_t bgp_rd[ROUTE_DISTINGUISHER_SIZE];  // as BGP gives it
-  uint8_t bgp_rd_set;                 // 1: bgp_rd is valid
-  uint8_t data_mdt_bidir_enable;      // 1: bidirectional routes may move to data MDTs
+  pim_cibtype *pcib;                              // owning PIM context
+  pim_iftype *mti_pim_if;                         // the MTI in PIM; null = not up in PIM
+  ip_addr_t mdt_default_group;                    // 0 = not configured
+  mvpn_mdt_group_mode_t mdt_group_mode;           // mode of mdt_default_group in mdt_source_context
+  im_iod_t mti_iod;                               // 0 = none
+  if_index_t mti_ifindex;                         // as allocated for the tunnel manager; 0 = none
+  mvpn_mti_status_t mti_status;                   // changed by mvpn_set_mti_status only
+  im_iod_t mdt_source_iod;                        // configured source interface, else BGP's update source; 0 = none
+  ip_addr_t mdt_source_addr;                      // its address; 0 = none
+  vrf_context_id_t mdt_source_context;            // its VRF, that is the core
+  uint8_t bgp_rd[ROUTE_DISTINGUISHER_SIZE];       // as BGP gives it
+  uint8_t bgp_rd_set;                             // 1: bgp_rd is valid
+  uint8_t data_mdt_bidir_enable;                  // 1: bidirectional routes may move to data MDTs
   ip_addr_t mdt_encap_group[MVPN_ENCAP_INDEXES];  // provider group of each encapsulation index; 0 = free
-  uint32_t data_mdt_send_join_count;  // Join packets sent
-  uint32_t data_mdt_recv_join_count;  // Join entries received
-  ravl_tree switchover_cache;         // mvpn_switchover_entry: flows waiting for the end of their switchover
-  pt_root *data_mdt_recv_cache;       // mvpn_data_mdt_recv_join_info by 12-byte key
-  active_timer *switchover_timer;     // null = it could not be created
-  uint8_t *data_mdt_join_pkt;         // Join packet being filled, tracked buffer; null = none
-  uint32_t mdt_route_count;           // records in mdt_route_tree
-  pt_root *mdt_route_tree;            // mvpn_mdt_route by 8-byte key
-  txlist_element mrib_txlist_elem;    // on the transmit list while a teardown waits for the worker
+  uint32_t data_mdt_send_join_count;              // Join packets sent
+  uint32_t data_mdt_recv_join_count;              // Join entries received
+  ravl_tree switchover_cache;            // mvpn_switchover_entry: flows waiting for the end of their switchover
+  pt_root *data_mdt_recv_cache;          // mvpn_data_mdt_recv_join_info by 12-byte key
+  active_timer *switchover_timer;        // null = it could not be created
+  uint8_t *data_mdt_join_pkt;            // Join packet being filled, tracked buffer; null = none
+  uint32_t mdt_route_count;              // records in mdt_route_tree
+  pt_root *mdt_route_tree;               // mvpn_mdt_route by 8-byte key
+  txlist_element mrib_txlist_elem;       // on the transmit list while a teardown waits for the worker
   char mdt_source_ifname[IF_NAME_SIZE];  // 'mdt source'; empty = BGP's update source
   mvpn_data_mdt_range *data_mdt_config;  // ranges, searched from the head; null = none
-  uint32_t data_mdt_timeout;          // seconds a received announcement lives
-  uint32_t pim_hello_interval;        // milliseconds
-  uint32_t pim_jp_interval;           // seconds
-  uint8_t data_mdt_inhibit_reuse;     // 1: configured; stored only
-  uint32_t mdt_mtu;                   // bytes
-  uint8_t asm_use_shared_tree;        // 1: ASM groups use (*,G) routes only
-  uint8_t enforce_bgp_mdt_safi;       // 1: remote PEs are learnt from BGP only
-  zeph_timestamp last_change_time;    // monotonic
+  uint32_t data_mdt_timeout;             // seconds a received announcement lives
+  uint32_t pim_hello_interval;           // milliseconds
+  uint32_t pim_jp_interval;              // seconds
+  uint8_t data_mdt_inhibit_reuse;        // 1: configured; stored only
+  uint32_t mdt_mtu;                      // bytes
+  uint8_t asm_use_shared_tree;           // 1: ASM groups use (*,G) routes only
+  uint8_t enforce_bgp_mdt_safi;          // 1: remote PEs are learnt from BGP only
+  zeph_timestamp last_change_time;       // monotonic
   mvpn_last_change_t last_change_code;
   // Own bookkeeping behind the fields above.
-  uint32_t data_mdt_join_capacity;    // bytes allocated at data_mdt_join_pkt; 0 = none
-  uint32_t data_mdt_recv_count;       // records in data_mdt_recv_cache
-  uint32_t data_mdt_recv_mapped;      // of these, records that refer to a core route
-  uint32_t data_mdt_recv_refused;     // announcements dropped because the cache was full
+  uint32_t data_mdt_join_capacity;  // bytes allocated at data_mdt_join_pkt; 0 = none
+  uint32_t data_mdt_recv_count;     // records in data_mdt_recv_cache
+  uint32_t data_mdt_recv_mapped;    // of these, records that refer to a core route
+  uint32_t data_mdt_recv_refused;   // announcements dropped because the cache was full
 };
 
 // Core route of a VRF. Slab object; freed by mvpn_mdt_free_route_resources only.
 struct mvpn_mdt_route {
-  mvpn_cibtype *mvpn;               // owning VRF
+  mvpn_cibtype *mvpn;  // owning VRF
   mvpn_mdt_route_type_t route_type;
-  mvpn_mdt_group_mode_t mode;       // mode of group at creation
-  ip_addr_t source;                 // 0 = (*,G)
+  mvpn_mdt_group_mode_t mode;  // mode of group at creation
+  ip_addr_t source;            // 0 = (*,G)
   ip_addr_t group;
-  im_iod_t mdt_source_iod;          // the VRF's, at creation
-  zeph_timestamp create_time;       // monotonic
+  im_iod_t mdt_source_iod;              // the VRF's, at creation
+  zeph_timestamp create_time;           // monotonic
   vrf_context_id_t mdt_source_context;  // the VRF's, at creation: core VRF that the route is installed in
-  uint8_t in_mrib;                  // 1: an add entry was written to an update buffer; never cleared
+  uint8_t in_mrib;                      // 1: an add entry was written to an update buffer; never cleared
   mvpn_mdt_route_pending_t pending;
-  uint8_t teardown;                 // copied into every entry written for the route
-  rqueue referers;                  // data queue: records that depend on the route, tagged mvpn_referer_kind_t
-  txlist_element txlist_elem;       // membership in the transmit list
-  uint8_t unlisted_referers;        // own bookkeeping; 1: records may point at the route that referers does not list
+  uint8_t teardown;            // copied into every entry written for the route
+  rqueue referers;             // data queue: records that depend on the route, tagged mvpn_referer_kind_t
+  txlist_element txlist_elem;  // membership in the transmit list
+  uint8_t unlisted_referers;   // own bookkeeping; 1: records may point at the route that referers does not list
 };
 
 // MDT SAFI key: what identifies an entry, in memory order. The tree key is its first 12 bytes.
@@ -206,44 +206,44 @@ constexpr uint32_t MVPN_MDT_SAFI_TREE_KEY_SIZE = 12;
 
 // Entry of the MDT SAFI database. Slab object.
 struct mvpn_bgp_mdt_safi {
-  ravl_node node;                            // in mvpn_bgp_mdt_safi_db
-  ip_addr_t mdt_src;                         // the four fields of the key, contiguous
+  ravl_node node;     // in mvpn_bgp_mdt_safi_db
+  ip_addr_t mdt_src;  // the four fields of the key, contiguous
   uint8_t bgp_rd[ROUTE_DISTINGUISHER_SIZE];
   ip_addr_t mdt_grp;
-  uint8_t local;                             // 1: this PE advertises it
+  uint8_t local;  // 1: this PE advertises it
 };
 static_assert(offsetof(mvpn_bgp_mdt_safi, mdt_grp) - offsetof(mvpn_bgp_mdt_safi, mdt_src) == 12);
 
 // Send-side record of a customer route; hangs on the route. Slab object.
 struct mvpn_data_mdt_send_join_info {
-  mvpn_data_mdt_range *config;   // range that the route maps to; null = none
-  mvpn_mdt_route *mdt_route;     // local data-MDT route that the customer route refers to; null = default MDT
-  ip_addr_t group;               // data-MDT group in use; 0 = none
-  zeph_timestamp switch_time;    // monotonic: start of the switchover
-  uint16_t encap_index;          // 0 = not sent into the MVPN, 1 = default MDT, 2.. = data MDT
+  mvpn_data_mdt_range *config;  // range that the route maps to; null = none
+  mvpn_mdt_route *mdt_route;    // local data-MDT route that the customer route refers to; null = default MDT
+  ip_addr_t group;              // data-MDT group in use; 0 = none
+  zeph_timestamp switch_time;   // monotonic: start of the switchover
+  uint16_t encap_index;         // 0 = not sent into the MVPN, 1 = default MDT, 2.. = data MDT
   mvpn_data_mdt_state_t state;
-  uint32_t join_count;           // Join entries announced
+  uint32_t join_count;  // Join entries announced
 };
 
 // Received announcement. Slab object; in the VRF's data_mdt_recv_cache.
 struct mvpn_data_mdt_recv_join_info {
-  ip_addr_t c_src;               // customer source; 0 = any
-  ip_addr_t c_grp;               // customer group
-  ip_addr_t p_src;               // announcing PE
-  ip_addr_t p_grp;               // data-MDT group
-  uint32_t join_count;           // announcements heard
-  zeph_timestamp create_time;    // monotonic: first heard
-  zeph_timestamp expiry_time;    // monotonic: when it lapses
-  zeph_timestamp last_time;      // monotonic: last heard
-  mvpn_mdt_route *mdt_route;     // remote data-MDT route that it refers to; null = none
-  uint32_t flags;                // mvpn_recv_join_flag_t
+  ip_addr_t c_src;             // customer source; 0 = any
+  ip_addr_t c_grp;             // customer group
+  ip_addr_t p_src;             // announcing PE
+  ip_addr_t p_grp;             // data-MDT group
+  uint32_t join_count;         // announcements heard
+  zeph_timestamp create_time;  // monotonic: first heard
+  zeph_timestamp expiry_time;  // monotonic: when it lapses
+  zeph_timestamp last_time;    // monotonic: last heard
+  mvpn_mdt_route *mdt_route;   // remote data-MDT route that it refers to; null = none
+  uint32_t flags;              // mvpn_recv_join_flag_t
 };
 
 // Flow waiting for the end of its switchover. Tracked buffer.
 struct mvpn_switchover_entry {
-  ravl_node node;                // in the VRF's switchover_cache
-  mvpn_mdt_route_addrs addrs;    // the route's address, padding 0: the 12-byte key
-  pim_route *route;              // alive while the entry exists
+  ravl_node node;              // in the VRF's switchover_cache
+  mvpn_mdt_route_addrs addrs;  // the route's address, padding 0: the 12-byte key
+  pim_route *route;            // alive while the entry exists
 };
 static_assert(sizeof(mvpn_mdt_route_addrs) == 12);
 
@@ -268,9 +268,9 @@ extern mvpn_functionality_status_t mvpn_functionality_status;
 extern const char *const mvpn_functionality_status_str[4];
 extern const char *const mvpn_mti_status_str[10];
 extern const char *const mvpn_mdt_group_mode_str[4];
-extern uint32_t mvpn_mvrf_count;   // live contexts
-extern uint32_t mvpn_is_cli_done;  // 1: the configuration replay has ended; never cleared
-extern uint32_t mvpn_mdt_xid;      // first value of the transaction-id counter, 0xaabbccdd
+extern uint32_t mvpn_mvrf_count;                 // live contexts
+extern uint32_t mvpn_is_cli_done;                // 1: the configuration replay has ended; never cleared
+extern uint32_t mvpn_mdt_xid;                    // first value of the transaction-id counter, 0xaabbccdd
 extern uint32_t mvpn_data_mdt_recv_cache_limit;  // set by the host: received announcements kept per VRF
 
 // Start and stop. deregister: non-zero ends the MRIB registration too. mvpn_init_cli registers the command handlers,
@@ -309,8 +309,7 @@ void mvpn_process_pim_route_delete(pim_cibtype *pcib, const mvpn_mdt_route_addrs
 void mvpn_process_mrib_rpf_notify(pim_cibtype *pcib, const mvpn_mdt_route_addrs *key, pim_route *croute, int up);
 void mvpn_process_rpf_lookup(pim_cibtype *pcib, const mvpn_mdt_route_addrs *key, pim_route *croute, ip_addr_t rp,
                              int before, int after);
-void mvpn_data_mdt_map_local_source_to_receiver(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key,
-                                                pim_route *croute);
+void mvpn_data_mdt_map_local_source_to_receiver(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute);
 void mvpn_data_mdt_unmap_local_source_from_receiver(mvpn_cibtype *mvpn, pim_route *croute,
                                                     const mvpn_mdt_route_addrs *key);
 int mvpn_set_encap_index_for_customer_route(mvpn_cibtype *mvpn, pim_route *croute, uint32_t encap_index);
@@ -330,8 +329,8 @@ void mvpn_unconditional_announce_data_mdt_join(mvpn_cibtype *mvpn);
 // Use counts of a range's groups; result: the new count. spare is ignored. key names the flow in the persistent store;
 // no_persist non-zero leaves the store alone. Groups that the range cannot hand out: 0, nothing changes.
 uint32_t mvpn_increment_data_mdt_group_refcount(mvpn_cibtype *mvpn, mvpn_data_mdt_range *range, ip_addr_t group,
-                                                uint32_t spare, const mvpn_mdt_route_addrs *key,
-                                                uint32_t encap_index, int no_persist);
+                                                uint32_t spare, const mvpn_mdt_route_addrs *key, uint32_t encap_index,
+                                                int no_persist);
 uint32_t mvpn_decrement_data_mdt_group_refcount(mvpn_cibtype *mvpn, mvpn_data_mdt_range *range, ip_addr_t group,
                                                 uint32_t spare, const mvpn_mdt_route_addrs *key);
 
