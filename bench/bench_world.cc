@@ -1,6 +1,6 @@
 #include "bench_world.h"
 
-#include <unistd.h>
+#include <malloc.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -71,17 +71,21 @@ void World::add_vrfs(uint32_t first, uint32_t count) {
     std::memcpy(rd + 4, &number, sizeof number);
     rd[2] = 1;
     ref::bgp_set_rd(name, rd, false);
-    ref::CliInvocation invocation;
-    invocation.handler = "mdt_default_cmd";
-    invocation.vrf_name = name;
-    invocation.interactive = false;
     const uint32_t group = 0xEF000001 + number;
-    invocation.arguments = {{"<mdt-default>", std::to_string(group >> 24) + "." + std::to_string(group >> 16 & 255) +
-                                                  "." + std::to_string(group >> 8 & 255) + "." +
-                                                  std::to_string(group & 255)}};
-    NoSink sink;
-    if (ref::cli_invoke(invocation, sink) != CLI_RESULT_OK) fail(sink.out.c_str());
+    command("mdt_default_cmd", number,
+            {{"<mdt-default>", std::to_string(group >> 24) + "." + std::to_string(group >> 16 & 255) + "." +
+                                   std::to_string(group >> 8 & 255) + "." + std::to_string(group & 255)}});
   }
+}
+
+void World::command(const char *handler, uint32_t number, std::vector<ref::CliArgument> arguments) {
+  ref::CliInvocation invocation;
+  invocation.handler = handler;
+  invocation.vrf_name = "vrf" + std::to_string(number);
+  invocation.interactive = false;
+  invocation.arguments = std::move(arguments);
+  NoSink sink;
+  if (ref::cli_invoke(invocation, sink) != CLI_RESULT_OK) fail(sink.out.c_str());
 }
 
 void World::end_replay() {
@@ -95,6 +99,12 @@ void World::turn() {
   ref::main_release();
   std::this_thread::yield();
   ref::main_acquire();
+}
+
+void World::idle() {
+  run_until([] {
+    return mvpn_mrib_info->work_pending == 0 && rqueue_count(&mvpn_mrib_info->free_buffers) == MVPN_MRIB_BUFFERS;
+  });
 }
 
 std::vector<uint8_t> remote_update(uint32_t first_source, uint32_t count, ip_addr_t group, bool add) {
@@ -112,13 +122,16 @@ std::vector<uint8_t> remote_update(uint32_t first_source, uint32_t count, ip_add
   return payload;
 }
 
-size_t resident_bytes() {
-  size_t pages = 0, resident = 0;
-  if (FILE *file = std::fopen("/proc/self/statm", "r")) {
-    if (std::fscanf(file, "%zu %zu", &pages, &resident) != 2) resident = 0;
-    std::fclose(file);
-  }
-  return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+void forget_records() {
+  ref::clear_history();
+  ref::clear_mrib_updates();
+  ref::clear_sent_messages();
+  ref::clear_oim_requests();
+}
+
+size_t allocated_bytes() {
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
 }
 
 }  // namespace bench

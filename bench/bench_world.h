@@ -29,6 +29,10 @@ class World {
     while (!done()) turn();
   }
   void turn();
+  // Runs until the route work is done and acknowledged.
+  void idle();
+  // A configuration command of VRF "vrf<number>".
+  void command(const char *handler, uint32_t number, std::vector<ref::CliArgument> arguments);
 
   static pim_cibtype *pcib(uint32_t number);
   static mvpn_cibtype *mvpn(uint32_t number) { return pcib(number)->mvpn; }
@@ -37,8 +41,11 @@ class World {
 // Payload of a remote update with entries sources first, first + 1, … of one group.
 std::vector<uint8_t> remote_update(uint32_t first_source, uint32_t count, ip_addr_t group, bool add);
 
-// Bytes of memory that the process has taken from the system.
-size_t resident_bytes();
+// Drops what the platform keeps of the module's calls for tests, so that it does not count as the module's memory.
+void forget_records();
+
+// Bytes of the heap in use.
+size_t allocated_bytes();
 
 }  // namespace bench
 

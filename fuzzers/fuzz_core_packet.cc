@@ -9,8 +9,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::vector<uint8_t> bytes = ref::encode_core_packet(*packet);
   // Our own form has the shortest headers: what arrived as one datagram also fits into one.
   const auto again = ref::decode_core_packet(bytes);
-  if (!again || again->provider_source != packet->provider_source ||
-      again->provider_group != packet->provider_group || again->datagram != packet->datagram)
+  if (!again || again->provider_source != packet->provider_source || again->provider_group != packet->provider_group ||
+      again->datagram != packet->datagram)
     std::abort();
   return 0;
 }

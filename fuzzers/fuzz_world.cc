@@ -36,6 +36,14 @@ ref::CustomerRoute customer_route(ip_addr_t source, ip_addr_t group) {
   return route;
 }
 
+// At the end of the process: what is left afterwards has leaked.
+void stop() {
+  ref::set_feature_configured(false);
+  mvpn_deinit(1);
+  if (!ref::wait_for_threads()) std::abort();
+  ref::reset();
+}
+
 void start() {
   ref::reset();
   ref::Module module;
@@ -63,6 +71,7 @@ void start() {
   ref::set_customer_route("red", customer_route(0x0A030101, 0xE1010101));
   ref::set_customer_route("red", customer_route(0, 0xE1010102));
   deliver();
+  std::atexit(stop);
 }
 
 }  // namespace

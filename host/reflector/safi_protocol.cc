@@ -71,7 +71,11 @@ std::optional<Message> decode_update(std::span<const uint8_t> body, std::string 
     change.entry.source = get32(body);
     std::copy_n(body.begin() + 4, change.entry.rd.size(), change.entry.rd.begin());
     change.entry.group = get32(body.subspan(12));
-    change.add = body[16] != 0;
+    if (body[16] > 1) {
+      *error = "update with an entry that is neither advertised nor withdrawn";
+      return std::nullopt;
+    }
+    change.add = body[16] == 1;
     update.changes.push_back(change);
   }
   return update;

@@ -47,13 +47,13 @@ void write_line(uint32_t severity, const std::string &text) {
   }
 }
 
-std::string format_list(const char *format, va_list arguments) {
+__attribute__((format(printf, 1, 0))) std::string format_list(const char *format, va_list arguments) {
   char text[2048];
   std::vsnprintf(text, sizeof text, format, arguments);
   return text;
 }
 
-void print_debug(const char *format, va_list arguments) {
+__attribute__((format(printf, 1, 0))) void print_debug(const char *format, va_list arguments) {
   if (state.sink != LogSink::none) write_line(LOG_DEBUG, "pim: " + format_list(format, arguments));
 }
 

@@ -1,0 +1,425 @@
+// Document writers and filters: documents are whole whatever the commands record and wherever an operator stops them.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "cli_schema.h"
+#include "output.h"
+#include "schema.h"
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+using Texts = std::vector<std::string>;
+
+struct CommandResult {
+  int status = -1;
+  std::string output;
+};
+CommandResult run_command(const std::string &command) {
+  CommandResult result;
+  FILE *pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return result;
+  std::array<char, 4096> piece{};
+  for (size_t n = fread(piece.data(), 1, piece.size(), pipe); n > 0; n = fread(piece.data(), 1, piece.size(), pipe))
+    result.output.append(piece.data(), n);
+  result.status = pclose(pipe);
+  return result;
+}
+
+// A file of this test process that goes away with the object.
+class TemporaryFile {
+ public:
+  explicit TemporaryFile(std::string_view content) {
+    std::string name = (std::filesystem::temp_directory_path() / "host_output_XXXXXX").string();
+    const int descriptor = mkstemp(name.data());
+    EXPECT_GE(descriptor, 0);
+    if (descriptor >= 0) close(descriptor);
+    path = name;
+    std::ofstream(path, std::ios::binary) << content;
+  }
+  ~TemporaryFile() { std::filesystem::remove(path); }
+  TemporaryFile(const TemporaryFile &) = delete;
+  TemporaryFile &operator=(const TemporaryFile &) = delete;
+  std::string path;
+};
+
+// What xmllint has against a document of our schema; empty: nothing.
+std::string xml_faults(const std::string &document) {
+  const TemporaryFile file(document);
+  const CommandResult result =
+      run_command("xmllint --noout --schema '" DOCS_DIR "/schema/mvpn-output.xsd' '" + file.path + "' 2>&1");
+  return result.status == 0 ? "" : result.output;
+}
+
+// What an object has against its record's description: unknown members, values of wrong kinds, a first field missing.
+void check_record(const output::SchemaRecord &record, const Json &object, const std::string &path) {
+  ASSERT_TRUE(object.is_object()) << path;
+  size_t known = 0;
+  for (const output::SchemaElement &element : output::all_elements()) {
+    if (element.record != record.id) continue;
+    if (element.begins) {
+      EXPECT_TRUE(object.contains(element.name)) << path << "/" << element.name;
+    }
+    if (!object.contains(element.name)) continue;
+    known++;
+    const Json &value = object[element.name];
+    const std::string where = path + "/" + element.name + " = " + value.dump();
+    if (element.type == CLI_TYPE_NUMBER) {
+      EXPECT_TRUE(value.is_number_integer()) << where;
+    } else if (element.type == CLI_TYPE_DURATION) {
+      EXPECT_TRUE(value.is_number()) << where;
+    } else if (element.type == CLI_TYPE_BOOLEAN) {
+      EXPECT_TRUE(value.is_boolean()) << where;
+    } else {
+      EXPECT_TRUE(value.is_string()) << where;
+    }
+  }
+  for (const output::SchemaRecord &child : output::all_records()) {
+    if (child.parent != record.id || !object.contains(child.name)) continue;
+    known++;
+    ASSERT_TRUE(object[child.name].is_array()) << path << "/" << child.name;
+    for (const Json &item : object[child.name]) check_record(child, item, path + "/" + child.name);
+  }
+  EXPECT_EQ(known, object.size()) << path << " has members that the schema has not: " << object.dump();
+}
+void check_json(const std::string &document) {
+  // Names that stand twice in an object are a fault that the parser would hide.
+  std::vector<std::vector<std::string>> names;
+  bool repeated = false;
+  const auto watch = [&](int, Json::parse_event_t event, Json &value) {
+    if (event == Json::parse_event_t::object_start) names.emplace_back();
+    if (event == Json::parse_event_t::key) {
+      const auto name = value.get<std::string>();
+      for (const std::string &earlier : names.back()) repeated = repeated || earlier == name;
+      names.back().push_back(name);
+    }
+    if (event == Json::parse_event_t::object_end) names.pop_back();
+    return true;
+  };
+  const Json parsed = Json::parse(document, watch, false);
+  ASSERT_FALSE(parsed.is_discarded()) << document;
+  EXPECT_FALSE(repeated) << document;
+  check_record(output::record_of(CLI_RECORD_DOCUMENT), parsed, "");
+}
+
+ref::CliValue text_value(int element, std::string text) {
+  ref::CliValue value;
+  value.element = element;
+  value.text = std::move(text);
+  return value;
+}
+ref::CliValue number_value(int element, int64_t number) {
+  ref::CliValue value = text_value(element, std::to_string(number));
+  value.type = ref::CliValueType::number;
+  value.number = number;
+  return value;
+}
+ref::CliValue unsigned_value(int element, uint64_t number) {
+  ref::CliValue value = text_value(element, std::to_string(number));
+  value.type = ref::CliValueType::unsigned_number;
+  value.unsigned_number = number;
+  return value;
+}
+ref::CliValue boolean_value(int element, bool on) {
+  ref::CliValue value = text_value(element, on ? "true" : "false");
+  value.type = ref::CliValueType::boolean;
+  value.number = on ? 1 : 0;
+  return value;
+}
+ref::CliValue duration_value(int element, double seconds) {
+  ref::CliValue value;
+  value.element = element;
+  value.type = ref::CliValueType::duration;
+  value.seconds = seconds;
+  return value;
+}
+
+// A value such as a command records under an element.
+ref::CliValue some_value(const output::SchemaElement &element) {
+  switch (element.type) {
+    case CLI_TYPE_NUMBER:
+      return number_value(element.number, element.number);
+    case CLI_TYPE_BOOLEAN:
+      return boolean_value(element.number, true);
+    case CLI_TYPE_DURATION:
+      return duration_value(element.number, 1.5);
+    case CLI_TYPE_ADDRESS:
+      return text_value(element.number, "10.0.0.1");
+    case CLI_TYPE_SOURCE:
+      return text_value(element.number, "*");
+    default:
+      return text_value(element.number, "text");
+  }
+}
+
+using MakeWriter = std::unique_ptr<output::Writer> (*)(output::ByteSink);
+
+// What a writer makes of values when no more bytes are wanted after the n-th delivery.
+std::string written(MakeWriter make, const std::vector<ref::CliValue> &values, size_t enough_after = SIZE_MAX) {
+  std::string bytes;
+  size_t deliveries = 0;
+  const auto writer = make([&](std::string_view piece) {
+    bytes.append(piece);
+    return ++deliveries < enough_after;
+  });
+  for (const ref::CliValue &value : values) {
+    writer->text("text is for people\n");
+    writer->value(value);
+  }
+  writer->finish();
+  return bytes;
+}
+
+// Every element once, records in the order of the list: the children of a VRF before the other kinds.
+std::vector<ref::CliValue> every_element() {
+  std::vector<ref::CliValue> values;
+  for (const output::SchemaElement &element : output::all_elements()) values.push_back(some_value(element));
+  return values;
+}
+
+TEST(Documents, AreWholeWhenACommandRecordsNothing) {
+  EXPECT_EQ(Json::parse(written(output::json_writer, {})), Json::object());
+  EXPECT_EQ(written(output::xml_writer, {}), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<mvpn-output/>\n");
+  EXPECT_EQ(xml_faults(written(output::xml_writer, {})), "");
+  EXPECT_NE(xml_faults("<other/>"), "") << "the check finds faults";
+}
+
+TEST(Documents, HoldEveryElementOfTheSchema) {
+  const std::vector<ref::CliValue> values = every_element();
+  const std::string json = written(output::json_writer, values), xml = written(output::xml_writer, values);
+  check_json(json);
+  EXPECT_EQ(xml_faults(xml), "") << xml;
+  for (const output::SchemaElement &element : output::all_elements()) {
+    EXPECT_NE(json.find("\"" + std::string(element.name) + "\":"), std::string::npos) << element.name;
+    EXPECT_NE(xml.find("<" + std::string(element.name) + ">"), std::string::npos) << element.name;
+  }
+}
+
+// Two VRFs with lists of several kinds, a field behind a list, and a list at the root.
+std::vector<ref::CliValue> nested_values() {
+  std::vector<ref::CliValue> values;
+  for (const char *vrf : {"red", "blue", "empty"}) {
+    values.push_back(text_value(CLI_ELEMENT_VRF_NAME, vrf));
+    if (std::string(vrf) == "empty") break;
+    for (int i = 0; i < 3; i++) {
+      values.push_back(text_value(CLI_ELEMENT_ROUTE_SOURCE, "10.0.0." + std::to_string(i)));
+      values.push_back(text_value(CLI_ELEMENT_ROUTE_GROUP, "239.1.1.1"));
+      values.push_back(duration_value(CLI_ELEMENT_ROUTE_UPTIME, 0.25 * i));
+    }
+    values.push_back(number_value(CLI_ELEMENT_ENCAP_INDEX, 2));
+    values.push_back(number_value(CLI_ELEMENT_ENCAP_INDEX, 3));
+    values.push_back(text_value(CLI_ELEMENT_VRF_RD, "65000:1"));
+  }
+  values.push_back(text_value(CLI_ELEMENT_SAFI_RD, "65000:9"));
+  values.push_back(text_value(CLI_ELEMENT_SAFI_LOCAL, "False"));
+  return values;
+}
+
+TEST(Documents, NestRecordsUnderTheirParents) {
+  const Json document = Json::parse(written(output::json_writer, nested_values()));
+  const Json expected = Json::parse(R"({
+    "vrf": [
+      {"name": "red",
+       "mdt-route": [{"source": "10.0.0.0", "group": "239.1.1.1", "uptime": 0.0},
+                     {"source": "10.0.0.1", "group": "239.1.1.1", "uptime": 0.25},
+                     {"source": "10.0.0.2", "group": "239.1.1.1", "uptime": 0.5}],
+       "encapsulation": [{"index": 2}, {"index": 3}], "route-distinguisher": "65000:1"},
+      {"name": "blue",
+       "mdt-route": [{"source": "10.0.0.0", "group": "239.1.1.1", "uptime": 0.0},
+                     {"source": "10.0.0.1", "group": "239.1.1.1", "uptime": 0.25},
+                     {"source": "10.0.0.2", "group": "239.1.1.1", "uptime": 0.5}],
+       "encapsulation": [{"index": 2}, {"index": 3}], "route-distinguisher": "65000:1"},
+      {"name": "empty"}],
+    "mdt-safi-entry": [{"route-distinguisher": "65000:9", "local": false}]})");
+  EXPECT_EQ(document, expected) << document.dump(2);
+  EXPECT_EQ(xml_faults(written(output::xml_writer, nested_values())), "");
+}
+
+// The documents are valid however many deliveries are taken, and bytes stop being made at once.
+TEST(Documents, AreWholeWhereverTheyAreCut) {
+  const std::vector<ref::CliValue> values = nested_values();
+  const std::string whole = written(output::json_writer, values);
+  for (size_t n = 1; n <= 24; n++) {
+    SCOPED_TRACE(n);
+    const std::string json = written(output::json_writer, values, n), xml = written(output::xml_writer, values, n);
+    check_json(json);
+    EXPECT_EQ(xml_faults(xml), "") << xml;
+    if (n == 1) {
+      EXPECT_LT(json.size(), whole.size() / 2);
+      EXPECT_LT(xml.size(), written(output::xml_writer, values).size() / 2);
+    }
+  }
+  // Values that end after any of them.
+  for (size_t n = 0; n <= values.size(); n++) {
+    const std::vector<ref::CliValue> first(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(n));
+    SCOPED_TRACE(n);
+    check_json(written(output::json_writer, first));
+  }
+}
+
+TEST(Documents, AreSentWhileTheyAreMade) {
+  for (const MakeWriter make : {output::json_writer, output::xml_writer}) {
+    size_t sent = 0, longest = 0;
+    const auto writer = make([&](std::string_view piece) {
+      sent += piece.size();
+      longest = std::max(longest, piece.size());
+      return true;
+    });
+    writer->value(text_value(CLI_ELEMENT_VRF_NAME, "red"));
+    size_t previous = 0;
+    for (int i = 0; i < 10000; i++) {
+      writer->value(text_value(CLI_ELEMENT_ROUTE_SOURCE, "10.0.0.1"));
+      writer->value(text_value(CLI_ELEMENT_ROUTE_GROUP, "239.1.1.1"));
+      if (i > 1 && i % 1000 == 0) {
+        EXPECT_GT(sent, previous + 1000 * 20) << i;
+        previous = sent;
+      }
+    }
+    writer->finish();
+    EXPECT_LT(longest, 500u) << "one record at a time";
+  }
+}
+
+TEST(Documents, ConvertValuesToTheTypeOfTheirElement) {
+  const struct {
+    ref::CliValue value;
+    const char *json;  // of the field; null: left out
+  } cases[] = {
+      {text_value(CLI_ELEMENT_VRF_SHARED, ""), "false"},
+      {text_value(CLI_ELEMENT_VRF_SHARED, " Shared"), "true"},
+      {text_value(CLI_ELEMENT_SENT_INSTALLED, "No"), "false"},
+      {text_value(CLI_ELEMENT_SENT_INSTALLED, "Yes"), "true"},
+      {text_value(CLI_ELEMENT_MRIB_WORK_PENDING, "FALSE"), "false"},
+      {text_value(CLI_ELEMENT_MRIB_WORK_PENDING, "TRUE"), "true"},
+      {text_value(CLI_ELEMENT_SAFI_LOCAL, "False"), "false"},
+      {text_value(CLI_ELEMENT_SAFI_LOCAL, "True"), "true"},
+      {boolean_value(CLI_ELEMENT_VRF_RD_SET, false), "false"},
+      {number_value(CLI_ELEMENT_VRF_SEND_JOINS, -1), "-1"},
+      {unsigned_value(CLI_ELEMENT_RANGE_THRESHOLD, UINT64_MAX), "18446744073709551615"},
+      {text_value(CLI_ELEMENT_SENT_COUNT, "4294967295"), "4294967295"},
+      {number_value(CLI_ELEMENT_VRF_JP_INTERVAL, 60), "60"},
+      {duration_value(CLI_ELEMENT_SENT_UPTIME, 12.5), "12.5"},
+      {text_value(CLI_ELEMENT_VRF_MTI_NAME, " "), nullptr},
+      {text_value(CLI_ELEMENT_VRF_CONFIGURED_SOURCE, ""), nullptr},
+      {text_value(CLI_ELEMENT_VRF_MTI_NAME, "mti2"), "\"mti2\""},
+      {text_value(CLI_ELEMENT_RANGE_ROUTE_MAP, "a<b>&\"c\"\\'"), "\"a<b>&\\\"c\\\"\\\\'\""},
+      {text_value(CLI_ELEMENT_RANGE_ROUTE_MAP, "\x01\xff\n"), "\"\xEF\xBF\xBD\xEF\xBF\xBD\\n\""},
+      {text_value(CLI_ELEMENT_NONE, "x"), nullptr},
+      {text_value(99999, "x"), nullptr},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.value.element);
+    std::vector<ref::CliValue> values = {text_value(CLI_ELEMENT_VRF_NAME, "red")};
+    const output::SchemaElement *element = output::find_element(c.value.element);
+    if (element != nullptr && element->record != CLI_RECORD_VRF)
+      for (const output::SchemaElement &other : output::all_elements())
+        if (other.record == element->record && other.begins) values.push_back(some_value(other));
+    values.push_back(c.value);
+    const std::string json = written(output::json_writer, values), xml = written(output::xml_writer, values);
+    EXPECT_EQ(xml_faults(xml), "") << xml;
+    if (c.json == nullptr) {
+      values.pop_back();
+      EXPECT_EQ(json, written(output::json_writer, values));
+      EXPECT_EQ(xml, written(output::xml_writer, values));
+    } else {
+      const Json wanted = Json::parse(c.json);
+      const std::string member = std::string("\"") + element->name + "\":";
+      const size_t at = json.find(member);
+      ASSERT_NE(at, std::string::npos) << json;
+      const size_t begin = json.find_first_not_of(' ', at + member.size());
+      EXPECT_EQ(json.substr(begin, wanted.dump().size()), wanted.dump());
+    }
+  }
+}
+
+TEST(Filters, ActOnWholeLinesOfText) {
+  const Texts pieces = {"VRF red", " up\nVRF ", "blue down\n\n", "no end: red"};
+  const struct {
+    std::function<std::unique_ptr<output::Writer>(std::unique_ptr<output::Writer>)> filter;
+    const char *expected;
+  } cases[] = {
+      {[](auto next) { return output::include_lines("red", std::move(next)); }, "VRF red up\nno end: red\n"},
+      {[](auto next) { return output::include_lines("", std::move(next)); },
+       "VRF red up\nVRF blue down\n\nno end: red\n"},
+      {[](auto next) { return output::include_lines("VRF b", std::move(next)); }, "VRF blue down\n"},
+      {[](auto next) { return output::count_lines(std::move(next)); }, "4\n"},
+      {[](auto next) { return output::include_lines("VRF", output::count_lines(std::move(next))); }, "2\n"},
+      {[](auto next) { return output::count_lines(output::include_lines("4", std::move(next))); }, "4\n"},
+      {[](auto next) { return output::no_more(std::move(next)); }, "VRF red up\nVRF blue down\n\nno end: red"},
+  };
+  for (const auto &c : cases) {
+    std::string bytes;
+    const auto writer = c.filter(output::text_writer([&bytes](std::string_view piece) {
+      bytes.append(piece);
+      return true;
+    }));
+    for (const std::string &piece : pieces) writer->text(piece);
+    writer->finish();
+    EXPECT_EQ(bytes, c.expected);
+  }
+}
+
+TEST(Filters, StopAndPassOn) {
+  std::string bytes;
+  const auto once = [&bytes](std::string_view piece) {
+    bytes.append(piece);
+    return false;
+  };
+  auto writer = output::include_lines("a", output::text_writer(once));
+  EXPECT_TRUE(writer->more());
+  writer->text("b\n");
+  EXPECT_TRUE(writer->more()) << "nothing was sent";
+  writer->text("a1\na2\n");
+  EXPECT_FALSE(writer->more());
+  writer->text("a3\n");
+  writer->finish();
+  EXPECT_EQ(bytes, "a1\n");
+
+  writer = output::no_more(output::text_writer(once));
+  writer->text("x");
+  EXPECT_TRUE(writer->more()) << "nobody is asked";
+
+  // Values go through filters of text.
+  bytes.clear();
+  writer = output::include_lines("nothing", output::json_writer([&bytes](std::string_view piece) {
+                                   bytes.append(piece);
+                                   return true;
+                                 }));
+  writer->value(text_value(CLI_ELEMENT_VRF_NAME, "red"));
+  writer->finish();
+  EXPECT_EQ(Json::parse(bytes), Json::parse(R"({"vrf": [{"name": "red"}]})"));
+}
+
+TEST(Schema, FilesAreWhatTheToolPrints) {
+  const std::pair<const char *, const char *> files[] = {
+      {"md", "output-schema.md"}, {"xsd", "schema/mvpn-output.xsd"}, {"json", "schema/mvpn-output.schema.json"}};
+  for (const auto &[form, name] : files) {
+    std::ifstream file(std::string(DOCS_DIR) + "/" + name, std::ios::binary);
+    ASSERT_TRUE(file) << name;
+    const std::string kept((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const CommandResult printed = run_command(std::string(SCHEMA_TOOL) + " " + form);
+    EXPECT_EQ(printed.status, 0);
+    EXPECT_TRUE(printed.output == kept) << name << " is not what `schema_tool " << form << "` prints";
+    EXPECT_FALSE(kept.empty());
+  }
+  EXPECT_NE(run_command(std::string(SCHEMA_TOOL) + " yaml 2>/dev/null").status, 0);
+}
+
+TEST(Schema, NamesAreUniqueWhereTheyStandTogether) {
+  std::vector<std::pair<cli_record, std::string>> names;
+  for (const output::SchemaElement &element : output::all_elements()) names.emplace_back(element.record, element.name);
+  for (const output::SchemaRecord &record : output::all_records()) names.emplace_back(record.parent, record.name);
+  std::sort(names.begin(), names.end());
+  const auto twice = std::adjacent_find(names.begin(), names.end());
+  EXPECT_EQ(twice, names.end()) << twice->second;
+}
+
+}  // namespace
