@@ -105,6 +105,10 @@ void ModuleTest::TearDown() {
   }
   EXPECT_TRUE(ref::wait_for_threads());
   EXPECT_EQ(mvpn_mvrf_count, 0u);
+  // Timers of interfaces that a test ran PIM on are the host's.
+  for (pim_iftype *interface = pim_snmp_get_next_ifindex(0); interface != nullptr;
+       interface = pim_snmp_get_next_ifindex(interface->if_index))
+    if (interface->pim_enabled != 0) pim_disable(0, interface->pcib, interface, interface->iod, 1, 0, 0);
   const ref::MemoryUse left = ref::memory_use();
   EXPECT_EQ(left.slab_objects, 0u);
   EXPECT_EQ(left.tracked_buffers, 0u);

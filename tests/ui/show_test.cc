@@ -2,8 +2,10 @@
 // module status, and listings during which VRFs vanish or the operator stops.
 #include <regex>
 
+#include "document_check.h"
 #include "mvpn_ha.h"
 #include "mvpn_mdt_safi.h"
+#include "output.h"
 #include "ui_test.h"
 
 using namespace std::chrono_literals;
@@ -445,6 +447,65 @@ TEST_F(Show, TransmitListStopsAfter201Objects) {
   });
   EXPECT_EQ(objects(list(~0u)), 201u);
   EXPECT_EQ(mvpn_mrib_info, nullptr);
+}
+
+// What a view records makes a document of the output schema in both forms, whole or stopped.
+TEST_F(Show, DocumentsOfEveryView) {
+  start();
+  ref::set_policy("flows", {{}});
+  vrf_with_site("red", 2, "239.1.1.1");
+  vrf_with_site("blue", 3, "239.1.1.2");
+  add_vrf("plain", 4);
+  range_of("red", "239.2.0.0/24");
+  command("mdt_data_cmd", "blue", {{"<prefix>", "239.3.0.0/24"}, {"route-map", ""}, {"<policy-name>", "flows"}});
+  add_vrf("waiting", 5);
+  command("mdt_default_cmd", "waiting", {{"<mdt-default>", "239.1.1.5"}}, false, false);
+  sent_flows("red", 60);
+  heard_flows("red", 60);
+  remote_pe_of("10.0.0.9", "65000:9", "239.1.1.1");
+  core_routes_to("red", 250);
+  mvpn_mrib_queue_context(context("blue"));
+  const struct {
+    const char *handler;
+    Arguments arguments;
+  } views[] = {{"mvpn_show_mdt_cmd", {}},
+               {"mvpn_show_mdt_route_cmd", {}},
+               {"mvpn_show_mdt_encap_cmd", {}},
+               {"mvpn_show_mdt_receive_cmd", {}},
+               {"mvpn_show_mdt_receive_cmd", {{"detail", ""}}},
+               {"mvpn_show_mdt_send_cmd", {}},
+               {"mvpn_show_mdt_send_cmd", {{"detail", ""}}},
+               {"mvpn_show_internal_ha_cmd", {}},
+               {"mvpn_show_bgp_auto_discovery_cmd", {}},
+               {"mvpn_show_mdt_bgp_cmd", {{"pim", ""}}},
+               {"mvpn_show_internal_mrib_txlist_cmd", {{"mrib-txlist", ""}}},
+               {"mvpn_show_internal_mrib_txlist_cmd", {{"mrib-buffers", ""}}},
+               {"mvpn_show_internal_state_cmd", {}}};
+  for (const auto &v : views)
+    for (const bool stopped : {false, true}) {
+      SCOPED_TRACE(std::string(v.handler) + (stopped ? ", stopped" : ""));
+      size_t deliveries = 0;
+      const auto document = [&](auto make) {
+        std::string bytes;
+        deliveries = 0;
+        const auto writer = make([&](std::string_view piece) {
+          bytes.append(piece);
+          return ++deliveries < (stopped ? 5u : ~0u);
+        });
+        ref::CliInvocation invocation;
+        invocation.handler = v.handler;
+        invocation.arguments = v.arguments;
+        invocation.all_vrfs = true;
+        ref::cli_invoke(invocation, *writer);
+        writer->finish();
+        return bytes;
+      };
+      const std::string json = document(output::json_writer);
+      EXPECT_GT(json.size(), 20u) << "something was recorded";
+      check_json(json);
+      EXPECT_EQ(xml_faults(document(output::xml_writer)), "");
+    }
+  ref::settle();
 }
 
 // A VRF that loses its context in a yield ends its own listing and no other's.
