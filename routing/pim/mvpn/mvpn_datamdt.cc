@@ -143,6 +143,10 @@ bool is_on_data_mdt(const mvpn_data_mdt_send_join_info *record) {
   return record->config != nullptr && record->mdt_route != nullptr;
 }
 
+void trace_last_flow(mvpn_cibtype *mvpn, const mvpn_mdt_route *route) {
+  MVPN_DEBUG(mvpn->pcib, "No more references for (%s, %s)", ip_print_addr(route->source), ip_print_addr(route->group));
+}
+
 // Gives back what the record of a flow holds, without a word to the MRIB: for records that go away with their tunnel.
 void drop_flow(pim_route *croute) {
   mvpn_data_mdt_send_join_info *record = croute->send_join_info;
@@ -201,9 +205,10 @@ void mvpn_give_back_data_mdt_group(mvpn_cibtype *mvpn, mvpn_data_mdt_range *rang
 void mvpn_release_data_mdt_group(mvpn_cibtype *mvpn, pim_route *croute, const mvpn_mdt_route_addrs *key, int wakeup,
                                  mvpn_release_trace trace) {
   mvpn_data_mdt_send_join_info *record = croute->send_join_info;
+  if (!is_on_data_mdt(record)) return;
   mvpn_mdt_route *route = record->mdt_route;
   // 1.
-  if (route != nullptr) mvpn_mdt_mroute_delink_referer(route, croute);
+  mvpn_mdt_mroute_delink_referer(route, croute);
   record->mdt_route = nullptr;
   mvpn_give_back_data_mdt_group(mvpn, record->config, record->group, key, route, wakeup, trace);
 }
@@ -255,10 +260,7 @@ int mvpn_map_data_mdt_config(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key
   // 3. to 5.
   if (is_on_data_mdt(record)) {
     if (range_matches(mvpn, key, record->config)) return 1;
-    mvpn_release_data_mdt_group(mvpn, croute, key, 1, [](mvpn_cibtype *vrf, const mvpn_mdt_route *route) {
-      MVPN_DEBUG(vrf->pcib, "No more references for (%s, %s)", ip_print_addr(route->source),
-                 ip_print_addr(route->group));
-    });
+    mvpn_release_data_mdt_group(mvpn, croute, key, 1, trace_last_flow);
     mvpn_init_data_mdt_send_join_info(mvpn, croute, record);
     result = 1;
   } else if (record->config != nullptr) {
@@ -305,12 +307,7 @@ int mvpn_create_data_mdt_send_join_info(mvpn_cibtype *mvpn, pim_route *croute) {
 
 void mvpn_init_data_mdt_send_join_info(mvpn_cibtype *mvpn, pim_route *croute, mvpn_data_mdt_send_join_info *record) {
   // A record that still refers to a core route gives its group back first, or the route would keep the flow.
-  if (is_on_data_mdt(record))
-    mvpn_release_data_mdt_group(mvpn, croute, &croute->addrs, 1, [](mvpn_cibtype *vrf, const mvpn_mdt_route *route) {
-      MVPN_DEBUG(vrf->pcib, "No more references for (%s, %s)", ip_print_addr(route->source),
-                 ip_print_addr(route->group));
-    });
-  if (record->mdt_route != nullptr) mvpn_mdt_mroute_delink_referer(record->mdt_route, croute);
+  mvpn_release_data_mdt_group(mvpn, croute, &croute->addrs, 1, trace_last_flow);
   *record = {};
   MVPN_DEBUG(mvpn->pcib, "Initializing encap index for route %s to 0", mrib_print_addrs(&croute->addrs));
   const bool sent = bitfield_test(&croute->oifs, mvpn->mti_iod) != 0;

@@ -68,7 +68,6 @@ void mvpn_age_route_by_vpn(mvpn_cibtype *mvpn) {
     auto *record = static_cast<mvpn_data_mdt_recv_join_info *>(pt_node_data(node));
     if (timestamp_expired(&record->expiry_time) != 0) mvpn_destroy_data_mdt_recv_join_info(mvpn, record);
     if (++visited % kNodesBetweenYields == 0) {
-      const cancellation_scope cancellable;
       mvpn = mvpn_may_sched_yield(mvpn);
       if (mvpn == nullptr || !mvpn_is_up()) return;
     }

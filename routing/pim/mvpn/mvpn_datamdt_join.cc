@@ -85,9 +85,11 @@ uint32_t packet_limit(const mvpn_cibtype *mvpn) {
   return std::min({pim_mtu, interface->mtu, kLargestPacket});
 }
 
-// Sees to a packet that can hold `limit` bytes; an empty one that was made for a smaller MTU is made anew. The result is
-// what the packet can hold, 0 when memory ran out.
-uint32_t prepare_packet(mvpn_cibtype *mvpn, uint32_t limit) {
+// Sees to a packet that can hold what the MTU of now allows; an empty one that was made for a smaller MTU is made anew.
+// The result is what the packet can hold; 0: there is none, the MTU holds no entry or memory ran out.
+uint32_t prepare_packet(mvpn_cibtype *mvpn) {
+  const uint32_t limit = packet_limit(mvpn);
+  if (limit < kSmallestPacket) return 0;
   if (mvpn->data_mdt_join_pkt != nullptr && mvpn->data_mdt_join_capacity < limit + kLengthPrefix &&
       length_of(mvpn) == kEntries)
     free_packet(mvpn);
@@ -288,17 +290,15 @@ void mvpn_mdt_join_init_packet(mvpn_cibtype *mvpn) {
 
 void mvpn_fill_one_data_mdt_join(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_addr_t c_grp, ip_addr_t p_grp) {
   if (mvpn == nullptr || mvpn->pcib == nullptr) return;
-  const uint32_t limit = packet_limit(mvpn);
-  if (limit < kSmallestPacket) return;
-  uint32_t room = prepare_packet(mvpn, limit);
+  uint32_t room = prepare_packet(mvpn);
   if (room == 0) return;
   if (room < length_of(mvpn) + kEntrySize) {
     const mvpn_vrf_handle vrf(mvpn);
     mvpn_send_data_mdt_join_packet(mvpn, 0);
     if (!vrf.same()) return;
-    // The yield may have seen the packet freed or filled by somebody else.
-    room = prepare_packet(mvpn, limit);
-    if (room < length_of(mvpn) + kEntrySize) return;
+    // The yield may have seen the packet freed or filled by somebody else, the MTU changed, the interface gone.
+    room = prepare_packet(mvpn);
+    if (room == 0 || room < length_of(mvpn) + kEntrySize) return;
   }
   append_entry(mvpn, c_src, c_grp, p_grp);
 }

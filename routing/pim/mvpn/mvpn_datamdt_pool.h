@@ -24,7 +24,8 @@ void mvpn_give_back_data_mdt_group(mvpn_cibtype *mvpn, mvpn_data_mdt_range *rang
                                    const mvpn_mdt_route_addrs *key, mvpn_mdt_route *route, int wakeup,
                                    mvpn_release_trace trace);
 
-// The same for a flow that is on its data MDT; it leaves the route's referers first. The rest of its record stays.
+// The same for a flow with a record; it leaves the route's referers first. The rest of its record stays. Nothing happens
+// to a flow that holds no group.
 void mvpn_release_data_mdt_group(mvpn_cibtype *mvpn, pim_route *croute, const mvpn_mdt_route_addrs *key, int wakeup,
                                  mvpn_release_trace trace);
 

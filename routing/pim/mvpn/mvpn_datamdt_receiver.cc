@@ -410,7 +410,8 @@ void mvpn_mdt_route_cleanup_recv_join_info(mvpn_mdt_route *route) {
   uint8_t key[MVPN_RECV_KEY_BYTES];
   uint32_t visited = 0;
   pt_node *node = pt_get_first_node(mvpn->data_mdt_recv_cache, nullptr, 0);
-  while (node != nullptr) {
+  // Over as soon as no announcement refers to any route.
+  while (node != nullptr && mvpn->data_mdt_recv_mapped != 0) {
     std::copy_n(pt_node_key(node), sizeof key, key);
     auto *record = static_cast<Record *>(pt_node_data(node));
     if (record->mdt_route == route) clear_route(mvpn, record);

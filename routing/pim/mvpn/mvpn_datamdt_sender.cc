@@ -92,16 +92,6 @@ void announce(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, const pim_rou
   mvpn_fill_one_data_mdt_join(mvpn, key->source, key->group, record->group);
 }
 
-// The core route of a flow's data MDT with the flow among its referers; null when memory ran out.
-mvpn_mdt_route *make_core_route(mvpn_cibtype *mvpn, ip_addr_t group, pim_route *croute) {
-  mvpn_mdt_route *route =
-      mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_LOCAL_DATA, mvpn->mdt_source_addr, 0, group, 0);
-  if (route == nullptr) return nullptr;
-  if (mvpn_mdt_mroute_link_referer(route, croute) != 0) return route;
-  if (mvpn_mdt_mroute_has_referer(route) == 0) mvpn_mdt_delete_route_resources(mvpn, route->source, route->group, 0);
-  return nullptr;
-}
-
 }  // namespace
 
 // ------------------------------------------------------------------------------------------------------ periodic check
@@ -140,9 +130,10 @@ void mvpn_start_switchover_to_data_mdt(mvpn_cibtype *mvpn, const mvpn_mdt_route_
   mvpn_data_mdt_choice choice;
   if (!mvpn_take_data_mdt_group(mvpn, key, record->config, &choice)) return;
   // 3.
-  mvpn_mdt_route *route = make_core_route(mvpn, choice.group, croute);
-  if (route == nullptr) {
-    mvpn_give_back_data_mdt_group(mvpn, record->config, choice.group, key, nullptr, 0,
+  mvpn_mdt_route *route =
+      mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_LOCAL_DATA, mvpn->mdt_source_addr, 0, choice.group, 0);
+  if (route == nullptr || mvpn_mdt_mroute_link_referer(route, croute) == 0) {
+    mvpn_give_back_data_mdt_group(mvpn, record->config, choice.group, key, route, 0,
                                   [](mvpn_cibtype *, const mvpn_mdt_route *) {});
     return;
   }
@@ -270,10 +261,8 @@ void mvpn_data_mdt_unmap_receiver_from_local_source(mvpn_cibtype *mvpn, pim_rout
   if (mvpn == nullptr) return;
   MVPN_DEBUG(mvpn->pcib, "Clearing data MDT state for: addr: %s", mrib_print_addrs(key));
   // 2.
-  const mvpn_data_mdt_send_join_info *record = croute->send_join_info;
-  // A flow whose index the host has changed still holds its group.
-  if (record != nullptr && record->config != nullptr &&
-      (record->encap_index >= MVPN_ENCAP_INDEX_FIRST_DATA || record->mdt_route != nullptr))
+  // What counts is the group that the flow holds, not its index, which the host may have changed.
+  if (croute->send_join_info != nullptr)
     mvpn_release_data_mdt_group(mvpn, croute, key, 1, [](mvpn_cibtype *vrf, const mvpn_mdt_route *route) {
       MVPN_DEBUG(vrf->pcib, "Unmapping receiver from local source for (%s, %s)", ip_print_addr(route->source),
                  ip_print_addr(route->group));
