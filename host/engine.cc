@@ -20,38 +20,6 @@ bool wait_at_yield() {
   return true;
 }
 
-// The line up to its first '|', and what follows each.
-std::vector<std::vector<std::string>> split_pipes(const std::string &line) {
-  std::vector<std::vector<std::string>> parts(1);
-  for (const std::string &word : split_words(line)) {
-    if (word == "|")
-      parts.emplace_back();
-    else
-      parts.back().push_back(word);
-  }
-  return parts;
-}
-
-std::string joined(const std::vector<std::string> &words, size_t begin) {
-  std::string text;
-  for (size_t i = begin; i < words.size(); i++) text += (i > begin ? " " : "") + words[i];
-  return text;
-}
-
-bool is_view(const Statement &statement) {
-  return statement.command >= Command::show_module && statement.command <= Command::show_clock;
-}
-
-// The line with a mark below the word that is wrong.
-std::string pointed_out(const std::vector<std::string> &words, const SyntaxError &error) {
-  std::string line = " ", mark;
-  for (size_t i = 0; i <= words.size(); i++) {
-    if (i == error.word) mark = std::string(line.size() + 1, ' ') + "^";
-    if (i < words.size()) line += " " + words[i];
-  }
-  return line + "\n" + mark + "\n" + error.reason + "\n";
-}
-
 Outcome missing(const char *what, const std::string &name) {
   return {false, std::string("there is no ") + what + " " + name + "\n"};
 }
@@ -105,25 +73,14 @@ Engine::Engine(Router &router) : router_(router) { ref::set_yield_hook(wait_at_y
 Engine::~Engine() { ref::set_yield_hook(nullptr); }
 
 Engine::Parsed Engine::parse(const ControlServer::Request &request) const {
-  const auto parts = split_pipes(request.line);
-  Parsed parsed{match_line(Mode::exec, parts.front(), true), request.format, {}, ""};
-  if (parsed.match.error) {
-    parsed.error = pointed_out(parts.front(), *parsed.match.error);
-    return parsed;
-  }
-  for (size_t i = 1; i < parts.size(); i++) {
-    const std::string name = parts[i].empty() ? "" : parts[i].front();
-    if (name == "include" && parts[i].size() > 1)
-      parsed.filters.include = joined(parts[i], 1);
-    else if (name == "count" && parts[i].size() == 1)
-      parsed.filters.count = true;
-    else if ((name == "json" || name == "xml") && parts[i].size() == 1)
-      parsed.format = name == "json" ? OutputFormat::json : OutputFormat::xml;
-    else if (name != "no-more" || parts[i].size() != 1)
-      parsed.error =
-          "'| " + joined(parts[i], 0) + "' is not known; expected json, xml, include TEXT, count or no-more\n";
-  }
-  if (parts.size() > 1 && parsed.error.empty() && !is_view(parsed.match.statements.back()))
+  const std::vector<std::string> words = split_words(request.line);
+  const Pipeline line = read_pipeline(words);
+  Parsed parsed{match_line(Mode::exec, line.command, true), line.filters.format.value_or(request.format), line.filters,
+                ""};
+  const std::optional<SyntaxError> &error = parsed.match.error ? parsed.match.error : line.error;
+  if (error)
+    parsed.error = point_out(words, *error);
+  else if (line.filtered && !is_view(parsed.match.statements.back()))
     parsed.error = "only views can be filtered\n";
   return parsed;
 }

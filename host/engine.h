@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "control_server.h"
-#include "grammar.h"
+#include "pipeline.h"
 #include "router.h"
 #include "views.h"
 
@@ -32,10 +32,6 @@ class Engine {
   bool idle() const { return running_views_ == 0; }
 
  private:
-  struct Filters {
-    std::optional<std::string> include;
-    bool count = false;
-  };
   struct ViewRun {
     Engine *engine;
     Statement statement;

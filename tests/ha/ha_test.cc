@@ -59,9 +59,8 @@ TEST_F(HighAvailability, KeysHaveTheseBytes) {
   entry.mdt_src = addr("10.0.0.9");
   entry.mdt_grp = addr("239.1.1.1");
   std::memcpy(entry.bgp_rd, rd("65000:5").data(), sizeof entry.bgp_rd);
-  Bytes expected{17, 0, 0, 0, 10, 0, 0, 9};
-  expected.insert(expected.end(), entry.bgp_rd, entry.bgp_rd + sizeof entry.bgp_rd);
-  expected.insert(expected.end(), {239, 1, 1, 1});
+  Bytes expected{17, 0, 0, 0, 10, 0, 0, 9, 0, 0, 0, 0, 0, 0, 0, 0, 239, 1, 1, 1};
+  std::memcpy(&expected[8], entry.bgp_rd, sizeof entry.bgp_rd);
   Bytes key(PSS_KEY_SIZE, 0xEE);
   EXPECT_EQ(mvpn_ha_make_mdt_safi_pss_key(&entry, key.data()), 1);
   EXPECT_EQ(key, expected);

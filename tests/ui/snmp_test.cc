@@ -513,7 +513,7 @@ TEST_F(Snmp, VrfsVanishDuringAWalk) {
       finish_switchovers("red");
       const Arguments last = table == &SEND_TABLE ? flow_index(*table, "red", "225.0.0.1", "172.17.0.60")
                                                   : flow_index(*table, "red", "239.9.0.1", "10.0.1.60");
-      const Arguments first = flow_index(*table, "red", "0.0.0.0", "0.0.0.1");
+      const Arguments first = flow_index(*table, "red", "239.9.0.1", "10.0.1.1");
       if (!getnext || table == &RECEIVE_TABLE) {
         EXPECT_NE(run(table->handler, "", getnext ? first : last, getnext).printed, "");
         EXPECT_EQ(run(table->handler, "", getnext ? first : last, getnext, 1).printed, "") << "nobody wants the answer";

@@ -1,0 +1,83 @@
+// Rows are counted as the terminal shows them: a line that is wider than the terminal takes several. The question is
+// asked before the first row that does not fit, so a listing that fills a page exactly ends without one.
+#include "pager.h"
+
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace host {
+namespace {
+
+// One key, unechoed; 'q' when there is none to come.
+char read_key() {
+  termios former{};
+  if (tcgetattr(STDIN_FILENO, &former) != 0) return 'q';
+  termios raw = former;
+  raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ISIG);
+  raw.c_cc[VMIN] = 1;
+  raw.c_cc[VTIME] = 0;
+  tcsetattr(STDIN_FILENO, TCSANOW, &raw);
+  char key = 'q';
+  if (read(STDIN_FILENO, &key, 1) != 1) key = 'q';
+  tcsetattr(STDIN_FILENO, TCSANOW, &former);
+  return key;
+}
+
+constexpr char kInterrupt = 3;  // Ctrl-C
+
+}  // namespace
+
+Pager::Pager(bool paging) : paging_(paging) {
+  winsize size{};
+  if (!paging || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return;
+  if (size.ws_col > 0) columns_ = size.ws_col;
+  if (size.ws_row > 1) page_ = size.ws_row - 1u;
+  left_ = page_;
+}
+
+bool Pager::show(std::string_view text) {
+  if (!paging_) {
+    const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
+    return std::fflush(stdout) == 0 && written;
+  }
+  while (!text.empty() && !quit_) {
+    const size_t end = text.find('\n');
+    const std::string_view line = text.substr(0, end == std::string_view::npos ? end : end + 1);
+    if (!print_line(line)) quit_ = true;
+    text.remove_prefix(line.size());
+  }
+  std::fflush(stdout);
+  return !quit_;
+}
+
+bool Pager::print_line(std::string_view line) {
+  if (column_ == 0 && left_ == 0 && !ask()) return false;
+  const bool ends = line.back() == '\n';
+  const size_t before = column_ / columns_;
+  column_ += line.size() - (ends ? 1 : 0);
+  size_t rows = (column_ == 0 ? 0 : (column_ - 1) / columns_) - std::min(before, column_ / columns_);
+  if (ends) {
+    rows++;
+    column_ = 0;
+  }
+  left_ -= std::min(left_, rows);
+  return std::fwrite(line.data(), 1, line.size(), stdout) == line.size();
+}
+
+bool Pager::ask() {
+  std::fputs("--More--", stdout);
+  std::fflush(stdout);
+  for (;;) {
+    const char key = read_key();
+    if (key != ' ' && key != '\r' && key != '\n' && key != 'q' && key != 'Q' && key != kInterrupt) continue;
+    std::fputs("\r        \r", stdout);
+    left_ = key == ' ' ? page_ : 1;
+    return key == ' ' || key == '\r' || key == '\n';
+  }
+}
+
+}  // namespace host

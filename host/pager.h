@@ -1,0 +1,34 @@
+// Pages of a listing on a terminal.
+//
+// While the operator reads a page nothing more is taken from the daemon, which then waits where the listing yields; an
+// operator who quits ends the listing there.
+#ifndef HOST_PAGER_H
+#define HOST_PAGER_H
+
+#include <string_view>
+
+namespace host {
+
+class Pager {
+ public:
+  // paging: standard input and output are a terminal, and the operator wants pages.
+  explicit Pager(bool paging);
+
+  // Prints a part of the output; false: the operator has quit.
+  bool show(std::string_view text);
+
+ private:
+  bool print_line(std::string_view line);
+  bool ask();  // at the end of a page
+
+  bool paging_;
+  bool quit_ = false;
+  size_t columns_ = 80;
+  size_t page_ = 23;   // rows of a page, which leaves one for the question
+  size_t left_ = 23;   // rows of this page that are still free
+  size_t column_ = 0;  // of the line that has begun
+};
+
+}  // namespace host
+
+#endif  // HOST_PAGER_H
