@@ -213,21 +213,24 @@ std::string option_syntax(const Word &option) {
   return "[" + text + "]" + (option.repeats ? "..." : "");
 }
 
-void add_syntax(const Word &word, std::string before, std::vector<SyntaxLine> *lines) {
+// about: help of the last keyword.
+void add_syntax(const Word &word, std::string before, std::string about, std::vector<SyntaxLine> *lines) {
   before += (before.empty() ? "" : " ") + word.text;
+  const bool is_keyword = word.kind == Word::Kind::keyword;
+  if (is_keyword) about = word.help;
   if (word.ends == Ends::always || word.next.empty()) {
     std::string line = before;
     for (const Word &option : word.options) line += " " + option_syntax(option);
-    lines->push_back({line, word.help});
+    lines->push_back({line, is_keyword ? about : about + ". " + word.help});
   }
-  for (const Word &next : word.next) add_syntax(next, before, lines);
+  for (const Word &next : word.next) add_syntax(next, before, about, lines);
 }
 
 }  // namespace
 
 std::vector<SyntaxLine> syntax_of(Mode mode) {
   std::vector<SyntaxLine> lines;
-  for (const Word &word : root_of(mode)) add_syntax(word, "", &lines);
+  for (const Word &word : root_of(mode)) add_syntax(word, "", "", &lines);
   return lines;
 }
 

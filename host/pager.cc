@@ -57,14 +57,12 @@ bool Pager::show(std::string_view text) {
 bool Pager::print_line(std::string_view line) {
   if (column_ == 0 && left_ == 0 && !ask()) return false;
   const bool ends = line.back() == '\n';
-  const size_t before = column_ / columns_;
   column_ += line.size() - (ends ? 1 : 0);
-  size_t rows = (column_ == 0 ? 0 : (column_ - 1) / columns_) - std::min(before, column_ / columns_);
   if (ends) {
-    rows++;
+    const size_t rows = std::max<size_t>(1, (column_ + columns_ - 1) / columns_);
+    left_ -= std::min(left_, rows);
     column_ = 0;
   }
-  left_ -= std::min(left_, rows);
   return std::fwrite(line.data(), 1, line.size(), stdout) == line.size();
 }
 

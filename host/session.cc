@@ -40,9 +40,7 @@ std::string joined(const std::vector<std::string> &words) {
   return line;
 }
 
-bool is_word_of(Mode mode, const std::string &word) {
-  return !candidates(mode, {word}).empty() || !match_line(mode, {word}, true).error;
-}
+bool is_word_of(Mode mode, const std::string &word) { return !candidates(mode, {word}).empty(); }
 
 bool abbreviates(const std::string &word, std::string_view full) { return word.size() > 1 && full.starts_with(word); }
 

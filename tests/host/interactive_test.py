@@ -1,0 +1,233 @@
+"""Drives pimctl as a person does, through a pseudo-terminal, and through a pipe.  usage: interactive_test.py BIN_DIR"""
+
+import contextlib
+import fcntl
+import os
+import pathlib
+import pty
+import re
+import select
+import struct
+import subprocess
+import tempfile
+import termios
+import time
+import unittest
+
+from programs_test import BIN, EXAMPLES, HERE, LIMIT, Daemon, wait_until
+
+DOCS = HERE.parent.parent / "docs"
+ESCAPES = re.compile(r"\x1b\[[0-9;?]*[A-Za-z]")
+
+
+class Terminal:
+    """A session of pimctl on a terminal of 10 rows and 200 columns."""
+
+    def __init__(self, socket, state, colour=False):
+        environment = {k: v for k, v in os.environ.items() if k != "NO_COLOR"}
+        environment |= {"XDG_STATE_HOME": str(state), "TERM": "xterm"} | ({} if colour else {"NO_COLOR": "1"})
+        main, terminal = pty.openpty()
+        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 10, 200, 0, 0))
+        self.terminal = main
+        self.process = subprocess.Popen([BIN / "pimctl", "--control", socket], stdin=terminal, stdout=terminal,
+                                        stderr=terminal, env=environment, start_new_session=True,
+                                        preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
+        os.close(terminal)
+        self.seen = ""  # behind what was expected last
+
+    def type(self, text):
+        os.write(self.terminal, text.encode())
+
+    def expect(self, text):
+        """Reads until a text; returns what came before it."""
+        limit = time.monotonic() + LIMIT
+        while text not in (plain := ESCAPES.sub("", self.seen).replace("\r\n", "\n")):
+            if not select.select([self.terminal], [], [], max(0, limit - time.monotonic()))[0]:
+                raise AssertionError(f"{text!r} did not come; {plain!r} came")
+            try:
+                self.seen += os.read(self.terminal, 65536).decode()
+            except OSError:
+                raise AssertionError(f"{text!r} did not come before the end; {plain!r} came") from None
+        before, _, self.seen = plain.partition(text)
+        return before
+
+    def close(self):
+        self.process.kill()
+        self.process.wait()
+        os.close(self.terminal)
+
+
+class InteractiveTest(unittest.TestCase):
+    def setUp(self):
+        self.stack = contextlib.ExitStack()
+        self.addCleanup(self.stack.close)
+        self.folder = pathlib.Path(self.stack.enter_context(tempfile.TemporaryDirectory(prefix="pc")))
+        self.config = self.folder / "router.conf"
+
+    def start(self, of_vrf_red=""):
+        example = (EXAMPLES / "two-vrfs.conf").read_text()
+        self.config.write_text(example.replace("vrf red\n", "vrf red\n" + of_vrf_red, 1))
+        daemon = Daemon(self.folder, self.config)
+        self.stack.callback(daemon.kill)
+        return daemon
+
+    def open(self, daemon, **options):
+        terminal = Terminal(daemon.socket, self.folder / "state", **options)
+        self.stack.callback(terminal.close)
+        terminal.expect("pe1> ")
+        return terminal
+
+    def test_tab_completes_words_and_modes_follow_the_blocks(self):
+        daemon = self.start()
+        terminal = self.open(daemon)
+        terminal.type("sh\tclo\t\n")  # without the blanks that completion adds this is no command
+        terminal.expect("Platform seconds  Scale")
+        terminal.type("conf\t\n")
+        terminal.expect("pe1(config)# ")
+        terminal.type("vrf red\n")
+        terminal.expect("pe1(config-vrf-red)# ")
+        terminal.type("md\tmt\t1300\n")
+        terminal.expect("pe1(config-vrf-red)# ")
+        terminal.type("do show tunnels | inc\t239.1.1.1\n")
+        self.assertRegex(terminal.expect("pe1(config-vrf-red)# "), r"red +10\.0\.0\.1 +239\.1\.1\.1 +1300")
+        terminal.type("interface eth5\n")  # of the mode around the block
+        terminal.expect("pe1(config-interface-eth5)# ")
+        terminal.type("exit\n")
+        terminal.expect("pe1(config)# ")
+        terminal.type("hostname other\n")
+        terminal.expect("other(config)# ")
+        terminal.type("end\n")
+        terminal.expect("other> ")
+        terminal.type("exit\n")
+        self.assertEqual(terminal.process.wait(LIMIT), 0)
+        self.assertIn("\n  mdt mtu 1300\n", daemon.show("running-config"))
+
+    def test_question_mark_lists_what_may_stand_there(self):
+        terminal = self.open(self.start())
+        for typed, listed in [
+            ("show mvpn ?", ["mdt       MVPN status of VRFs", "bgp       MDT SAFI", "internal  State of the module"]),
+            ("show mvpn mdt send history ?", ["<1-10080>  Minutes"]),
+            ("show mvpn mdt send history 5 ?", ["detail", "vrf", "<cr>", "|"]),
+            ("show mrib r?", ["routes  Core routes"]),
+            ("show clock | ?", ["include  Only lines that contain a text", "count", "no-more", "json", "xml"]),
+            ("configure vrf red no mdt ?", ["default", "mtu"]),
+            ("show bogus ?", ["nothing is known here"]),
+        ]:
+            with self.subTest(typed):
+                terminal.type(typed)
+                terminal.expect("\n")
+                listing = terminal.expect("pe1> ")
+                position = 0
+                for text in listed:
+                    self.assertIn("  " + text, listing[position:])
+                    position = listing.index("  " + text, position)
+                terminal.type("\x15")  # the line is dropped
+
+    def test_errors_point_at_the_word_as_it_was_typed(self):
+        terminal = self.open(self.start())
+        terminal.type("configure vrf red\n")
+        terminal.expect("red)# ")
+        for line, mark in [("mdt bogus 3", "mdt bogus 3\n      ^\n'bogus' is not known here; expected default, "),
+                           ("mdt mtu", "mdt mtu\n          ^\nthe line is incomplete; expected <576-65535>"),
+                           ("do show tunnels | cuont", "do show tunnels | cuont\n                    ^\n'cuont' is not"),
+                           ("do show tunnles", "do show tunnles\n          ^\n'tunnles' is not known here; expected ")]:
+            with self.subTest(line):
+                terminal.type(line + "\n")
+                terminal.expect("  " + mark)
+                terminal.expect("pe1(config-vrf-red)# ")
+
+    def test_quitting_a_page_ends_the_listing_in_the_daemon(self):
+        routes = "".join(f"  mroute 10.{i >> 8}.{i & 255}.1 225.1.1.1 iif red-lan\n" for i in range(12000))
+        daemon = self.start(routes)
+
+        def listings():
+            threads = pathlib.Path(f"/proc/{daemon.process.pid}/task").glob("*/comm")
+            return sum(thread.read_text() == "pim-show\n" for thread in threads)
+
+        terminal = self.open(daemon)
+        wait_until(lambda: listings() == 0, "no listing is running")
+        for key in ("q", "\x03"):
+            terminal.type("show customer-routes\n")
+            terminal.expect("show customer-routes\n")
+            self.assertEqual(terminal.expect("--More--").count("\n"), 9)
+            terminal.type(" ")
+            self.assertEqual(terminal.expect("--More--").count("\n"), 9)
+            terminal.type("\n")
+            self.assertEqual(terminal.expect("--More--").count("\n"), 1)
+            self.assertEqual(listings(), 1)
+            terminal.type(key)
+            terminal.expect("pe1> ")
+            wait_until(lambda: listings() == 0, "the listing ends")
+        terminal.type("show customer-routes | no-more | count\n")
+        self.assertGreater(int(terminal.expect("pe1> ").split("\n")[1]), 12000)
+
+    def test_history_is_kept_across_sessions(self):
+        daemon = self.start()
+        terminal = self.open(daemon)
+        terminal.type("show mrib encaps\n")
+        terminal.expect("239.1.1.1")
+        terminal.expect("pe1> ")
+        terminal.process.kill()
+        terminal = self.open(daemon)
+        terminal.type("\x10\n")
+        terminal.expect("239.1.1.1")
+        history = self.folder / "state/pimctl/history"
+        self.assertIn("encaps", history.read_text())
+        self.assertEqual(history.stat().st_mode & 0o077, 0)
+
+    def test_a_session_outlives_the_daemon(self):
+        daemon = self.start()
+        terminal = self.open(daemon)
+        daemon.stop()
+        terminal.type("show clock\n")
+        terminal.expect("pimctl: ")
+        terminal.expect("pe1> ")
+        self.start()
+        terminal.type("show clock\n")
+        terminal.expect("Platform seconds  Scale")
+
+    def test_colour_is_for_terminals(self):
+        daemon = self.start()
+        terminal = self.open(daemon, colour=True)
+        terminal.type("bogus\n")
+        limit = time.monotonic() + LIMIT
+        while "is not known here" not in terminal.seen and time.monotonic() < limit:
+            terminal.seen += os.read(terminal.terminal, 65536).decode()
+        self.assertIn("\x1b[31m", terminal.seen)
+        environment = {**os.environ, "TERM": "xterm"}
+        result = subprocess.run([BIN / "pimctl", "--control", daemon.socket, "bogus"], capture_output=True, text=True,
+                                env=environment)
+        self.assertIn("is not known here", result.stderr)
+        self.assertNotIn("\x1b", result.stdout + result.stderr)
+
+    def test_lines_of_a_pipe_run_until_one_fails(self):
+        daemon = self.start()
+        for lines, status, errors in [
+            ("! comment\n\nconfigure\nvrf red\n  mdt mtu 1290\nvrf blue\n  mdt mtu 1291\nend\nshow clock\n", 0, ""),
+            ("configure vrf red\nmdt default 239.9.9.9\nmdt mtu 1292\n", 1,
+             "Cannot change the default mdt group address. Must deconfigure first\n"
+             "pimctl: line 2 failed; the lines behind it were not run\n"),
+            ("show clokc\nconfigure vrf red mdt mtu 1292\n", 2, None),
+            ("exit\nbogus\n", 0, ""),
+        ]:
+            with self.subTest(lines):
+                result = subprocess.run([BIN / "pimctl", "--control", daemon.socket], input=lines, capture_output=True,
+                                        text=True, timeout=LIMIT)
+                self.assertEqual(result.returncode, status, result.stderr)
+                if errors is not None:
+                    self.assertEqual(result.stderr, errors)
+        self.assertRegex(daemon.show("running-config"), r"(?s)mdt mtu 1290.*mdt mtu 1291|mdt mtu 1291.*mdt mtu 1290")
+        self.assertNotIn("1292", daemon.show("running-config"))
+        nobody = subprocess.run([BIN / "pimctl", "--control", self.folder / "none", "show", "clock"], capture_output=True)
+        self.assertEqual(nobody.returncode, 3)
+
+    def test_the_reference_names_every_command(self):
+        tables = subprocess.run([BIN / "pimctl", "--syntax"], capture_output=True, text=True, check=True).stdout
+        self.assertIn("`show mvpn mdt receive [detail] [vrf NAME]`", tables)
+        text = (DOCS / "commands.md").read_text()
+        for table in tables.strip().split("\n### "):
+            self.assertIn(table, text, "regenerate with: pimctl --syntax")
+
+
+if __name__ == "__main__":
+    unittest.main()
