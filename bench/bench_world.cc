@@ -7,6 +7,7 @@
 #include <cstring>
 #include <thread>
 
+#include "linked_module.h"
 #include "mvpn_mrib.h"
 #include "mvpn_ui.h"
 
@@ -22,21 +23,6 @@ class NoSink : public ref::CliSink {
 [[noreturn]] void fail(const char *what) {
   std::fprintf(stderr, "benchmark set-up: %s\n", what);
   std::abort();
-}
-
-ref::Module linked_module() {
-  ref::Module module;
-  module.process_msg = mvpn_process_msg;
-  module.interface_status = mvpn_interface_status;
-  module.update_route_ack = mvpn_process_mrib_mts_update_route_ack;
-  module.stats_check = mvpn_stats_check;
-  module.switchover_expiry = mvpn_process_data_mdt_switchover_expiry;
-  module.send_join_packet = mvpn_send_data_mdt_join_packet;
-  module.mrib_join = mvpn_process_mrib_join_notify;
-  module.route_delete = mvpn_process_pim_route_delete;
-  module.map_local_source = mvpn_data_mdt_map_local_source_to_receiver;
-  module.unmap_local_source = mvpn_data_mdt_unmap_local_source_from_receiver;
-  return module;
 }
 
 }  // namespace

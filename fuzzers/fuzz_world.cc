@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "linked_module.h"
 #include "mvpn_core.h"
 #include "mvpn_ui.h"
 
@@ -46,13 +47,7 @@ void stop() {
 
 void start() {
   ref::reset();
-  ref::Module module;
-  module.process_msg = mvpn_process_msg;
-  module.interface_status = mvpn_interface_status;
-  module.update_route_ack = mvpn_process_mrib_mts_update_route_ack;
-  module.mrib_join = mvpn_process_mrib_join_notify;
-  module.map_local_source = mvpn_data_mdt_map_local_source_to_receiver;
-  ref::set_module(module);
+  ref::set_module(linked_module());
   ref::set_log_sink(ref::LogSink::none);
   ref::clock_use_real(1);
   ref::create_interface("loopback0", VRF_CONTEXT_ID_DEFAULT, 0x0A000001, true);

@@ -64,7 +64,7 @@ int tlvu_table_field_get_next(const struct tlvu_table *table, struct tlvu_field_
 int tlvu_table_get_field(const struct tlvu_table *table, const uint8_t *tlv, uint32_t length, uint32_t id,
                          const uint8_t **value, uint32_t *size);
 
-/* Prints an error to the process's error output. */
+/* Writes an error to the process's log. */
 void tlvu_error_print(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 #ifdef __cplusplus

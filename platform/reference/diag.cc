@@ -14,6 +14,7 @@
 
 #include "internal.h"
 #include "services.h"
+#include "tlvu.h"
 
 namespace ref {
 namespace {
@@ -186,5 +187,12 @@ void syslog_log(uint32_t severity, const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
   write_line(severity, format_list(format, arguments));
+  va_end(arguments);
+}
+
+void tlvu_error_print(const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  write_line(LOG_ERR, format_list(format, arguments));
   va_end(arguments);
 }

@@ -2,8 +2,6 @@
 // network byte order. Bytes come from a store and may be anything: they are measured as a whole before any is decoded.
 #include "tlvu.h"
 
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 
 #include "internal.h"
@@ -143,12 +141,4 @@ int tlvu_table_get_field(const tlvu_table *table, const uint8_t *tlv, uint32_t l
     if (error == TLVU_OK && found == id) return TLVU_OK;
   }
   return error;
-}
-
-void tlvu_error_print(const char *format, ...) {
-  const NoCancellation no_cancellation;
-  va_list arguments;
-  va_start(arguments, format);
-  std::vfprintf(stderr, format, arguments);
-  va_end(arguments);
 }

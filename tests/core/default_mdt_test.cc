@@ -139,7 +139,8 @@ TEST_F(DefaultMdt, ReadinessNamesTheFirstConditionThatFails) {
       {"l3vm state for context is not UP", [] { ref::set_vrf_state("red", L3VM_STATE_DOWN); },
        [] { ref::set_vrf_state("red", L3VM_STATE_UP); }},
       {"BGP RD is not set", [red] { red->bgp_rd_set = 0; }, [red] { red->bgp_rd_set = 1; }},
-      {"MDT source iod is unknown", [red] { red->mdt_source_iod = 0; }, [red] { red->mdt_source_iod = 1; }},
+      {"MDT source iod is unknown", [red] { mvpn_set_mdt_source_iod(red, 0); },
+       [red] { mvpn_set_mdt_source_iod(red, 1); }},
       {"MDT source iod is down",
        [] {
          ref::enable_interface_events(false);

@@ -271,7 +271,7 @@ TEST_F(Notifications, EncapsulationRecordsReachTheMribFieldByField) {
   add_vrf("red", 7);
   mvpn_cibtype *mvpn = mvpn_create_context(nullptr, "red");
   mvpn->mdt_source_addr = addr("10.0.0.1");
-  mvpn->mdt_source_iod = 0x33;
+  mvpn_set_mdt_source_iod(mvpn, 0x33);
   mvpn_set_mti_iod(mvpn, 0x55);
   EXPECT_EQ(mvpn_add_mdt_encap_info(mvpn, addr("239.2.0.1"), 1023), 1);
   ASSERT_EQ(ref::mrib_encaps().size(), 1u);

@@ -134,7 +134,7 @@ struct mvpn_data_mdt_range {
 };
 
 // MVPN context of a VRF. Slab object; lives from the first 'mdt default' to mvpn_finish_destroy_default_mdt.
-// mdt_default_group, mti_iod and mti_ifindex are indexed: change them with the setters of mvpn_core.h.
+// mdt_default_group, mti_iod, mti_ifindex and mdt_source_iod are indexed: change them with the setters of mvpn_core.h.
 struct mvpn_cibtype {
   pim_cibtype *pcib;                              // owning PIM context
   pim_iftype *mti_pim_if;                         // the MTI in PIM; null = not up in PIM
@@ -171,10 +171,11 @@ struct mvpn_cibtype {
   zeph_timestamp last_change_time;       // monotonic
   mvpn_last_change_t last_change_code;
   // Own bookkeeping behind the fields above.
-  uint32_t data_mdt_join_capacity;  // bytes allocated at data_mdt_join_pkt; 0 = none
-  uint32_t data_mdt_recv_count;     // records in data_mdt_recv_cache
-  uint32_t data_mdt_recv_mapped;    // of these, records that refer to a core route
-  uint32_t data_mdt_recv_refused;   // announcements dropped because the cache was full
+  uint32_t data_mdt_join_capacity;            // bytes allocated at data_mdt_join_pkt; 0 = none
+  uint32_t data_mdt_recv_count;               // records in data_mdt_recv_cache
+  uint32_t data_mdt_recv_mapped;              // of these, records that refer to a core route
+  uint32_t data_mdt_recv_refused;             // announcements dropped because the cache was full
+  zeph_timestamp data_mdt_recv_refusal_time;  // monotonic: when that was last said; 0 = never
 };
 
 // Core route of a VRF. Slab object; freed by mvpn_mdt_free_route_resources only.

@@ -6,13 +6,13 @@
 // the multicast-VPN feature is being removed the VRFs are torn down first, silently; when only the process goes away,
 // contexts, tunnels and routes stay for whoever takes over.
 //
-// Contexts. A VRF with a default MDT group has an mvpn_cibtype, which hangs on its PIM context. Messages name a VRF by
-// its tunnel's if-index, by its tunnel's ordinal or by its default group. These look-ups are frequent, so they are
-// answered from three indexes; each holds every context, also those whose field is 0. When several contexts share a
-// value the first by VRF name is found, for ordinals the one with the lowest context id.
+// Contexts. A VRF with a default MDT group has an mvpn_cibtype, which hangs on its PIM context. Messages and events name
+// a VRF by its tunnel's if-index, by its tunnel's ordinal, by its default group or by the interface that is its source.
+// These look-ups are frequent, so they are answered from four indexes; each holds every context, also those whose field
+// is 0. When several contexts share a value they are found in VRF-name order, for ordinals the lowest context id first.
 //
 // Invariants.
-//   - A context is in all three indexes or, while it is being created or freed, in none. The setters move it; they
+//   - A context is in all four indexes or, while it is being created or freed, in none. The setters move it; they
 //     reuse its index entries, so that only the creation of a context can run out of memory.
 //   - Contexts may outlive a stop. The next start takes over those that still hang on a PIM context.
 //   - mvpn_mvrf_count is the number of contexts in the indexes.
@@ -35,6 +35,7 @@
 #include "mvpn_mdt_safi.h"
 #include "mvpn_mrib.h"
 #include "mvpn_oim.h"
+#include "mvpn_ui.h"
 
 // ------------------------------------------------------------------------------------------------------- global state
 
@@ -82,6 +83,12 @@ int compare_names(const mvpn_cibtype *a, const mvpn_cibtype *b) {
   return std::strcmp(a->pcib->vrf_name, b->pcib->vrf_name);
 }
 
+// A context's field value, and the name that contexts with this value are looked for behind.
+struct value_and_name {
+  uint32_t value;
+  const char *name;
+};
+
 template <auto Field>
 struct by_field_then_name {
   using is_transparent = void;
@@ -90,6 +97,9 @@ struct by_field_then_name {
   }
   bool operator()(const mvpn_cibtype *a, uint32_t value) const { return a->*Field < value; }
   bool operator()(uint32_t value, const mvpn_cibtype *b) const { return value < b->*Field; }
+  bool operator()(const value_and_name &a, const mvpn_cibtype *b) const {
+    return a.value != b->*Field ? a.value < b->*Field : std::strcmp(a.name, b->pcib->vrf_name) < 0;
+  }
 };
 
 // Every context by one of its fields, contexts with the same value in VRF-name order.
@@ -103,6 +113,17 @@ class context_index {
   mvpn_cibtype *first(uint32_t value) const {
     const auto [found, end] = equal(value);
     return found != end ? *found : nullptr;
+  }
+
+  // The first with this value behind a VRF name.
+  mvpn_cibtype *next(uint32_t value, const char *name) const {
+    const auto found = contexts_.upper_bound(value_and_name{value, name});
+    return found != contexts_.end() && (*found)->*Field == value ? *found : nullptr;
+  }
+
+  // Those whose values are first..last.
+  auto between(uint32_t first, uint32_t last) const {
+    return std::pair(contexts_.lower_bound(first), contexts_.upper_bound(last));
   }
 
   void add(mvpn_cibtype *mvpn) { contexts_.insert(mvpn); }  // throws std::bad_alloc
@@ -134,6 +155,7 @@ class context_index {
 context_index<&mvpn_cibtype::mti_ifindex> contexts_by_mti;
 context_index<&mvpn_cibtype::mti_iod> contexts_by_mti_iod;
 context_index<&mvpn_cibtype::mdt_default_group> contexts_by_mdt_group;
+context_index<&mvpn_cibtype::mdt_source_iod> contexts_by_source;
 
 }  // namespace
 
@@ -141,6 +163,7 @@ static void drop_from_indexes(mvpn_cibtype *mvpn) {
   contexts_by_mti.drop(mvpn);
   contexts_by_mti_iod.drop(mvpn);
   contexts_by_mdt_group.drop(mvpn);
+  contexts_by_source.drop(mvpn);
 }
 
 // 0: memory ran out, the context is in none of them.
@@ -149,6 +172,7 @@ static int add_to_indexes(mvpn_cibtype *mvpn) {
     contexts_by_mti.add(mvpn);
     contexts_by_mti_iod.add(mvpn);
     contexts_by_mdt_group.add(mvpn);
+    contexts_by_source.add(mvpn);
     return 1;
   } catch (const std::bad_alloc &) {
     drop_from_indexes(mvpn);
@@ -162,6 +186,8 @@ static void take_over_contexts() {
   contexts_by_mti.keep_reachable();
   contexts_by_mti_iod.keep_reachable();
   contexts_by_mdt_group.keep_reachable();
+  contexts_by_source.keep_reachable();
+  mvpn_take_over_data_mdt_ranges();
   mvpn_mvrf_count = contexts_by_mti.size();
 }
 
@@ -296,12 +322,14 @@ void mvpn_deinit(int deregister) {
 
 // ------------------------------------------------------------------------------------------------------------- yields
 
-mvpn_vrf_handle::mvpn_vrf_handle(mvpn_cibtype *mvpn) : mvpn_(mvpn), vrf_name_{} {
+mvpn_vrf_name::mvpn_vrf_name(const mvpn_cibtype *mvpn) {
   if (mvpn == nullptr || mvpn->pcib == nullptr) return;
-  std::memcpy(vrf_name_, mvpn->pcib->vrf_name, strnlen(mvpn->pcib->vrf_name, VRF_NAME_MAX));
+  std::memcpy(text_, mvpn->pcib->vrf_name, strnlen(mvpn->pcib->vrf_name, VRF_NAME_MAX));
 }
 
-mvpn_cibtype *mvpn_vrf_handle::get() const { return vrf_name_[0] != '\0' ? mvpn_get_context(vrf_name_) : nullptr; }
+mvpn_cibtype *mvpn_vrf_handle::get() const {
+  return name_.text()[0] != '\0' ? mvpn_get_context(name_.text()) : nullptr;
+}
 
 mvpn_cibtype *mvpn_may_sched_yield(mvpn_cibtype *mvpn) {
   const mvpn_vrf_handle vrf(mvpn);
@@ -386,6 +414,7 @@ void mvpn_free_context(mvpn_cibtype *mvpn) {
 void mvpn_set_mti_ifindex(mvpn_cibtype *mvpn, if_index_t if_index) { contexts_by_mti.set(mvpn, if_index); }
 void mvpn_set_mti_iod(mvpn_cibtype *mvpn, im_iod_t iod) { contexts_by_mti_iod.set(mvpn, iod); }
 void mvpn_set_mdt_default_group(mvpn_cibtype *mvpn, ip_addr_t group) { contexts_by_mdt_group.set(mvpn, group); }
+void mvpn_set_mdt_source_iod(mvpn_cibtype *mvpn, im_iod_t iod) { contexts_by_source.set(mvpn, iod); }
 
 void mvpn_set_mti_status(mvpn_cibtype *mvpn, mvpn_mti_status_t status, const char *reason) {
   MVPN_DEBUG_DETAIL(mvpn->pcib, "MTI status %s -> %s: %s", mvpn_mti_status_str[mvpn->mti_status],
@@ -428,6 +457,28 @@ mvpn_cibtype *mvpn_get_context_by_mti_iod(im_iod_t iod) {
 }
 
 mvpn_cibtype *mvpn_get_context_by_mdt_group(ip_addr_t group) { return contexts_by_mdt_group.first(group); }
+
+mvpn_cibtype *mvpn_first_by_name(mvpn_cibtype *a, mvpn_cibtype *b) {
+  if (a == nullptr || b == nullptr) return a != nullptr ? a : b;
+  return compare_names(a, b) <= 0 ? a : b;
+}
+
+mvpn_cibtype *mvpn_get_other_context_by_mdt_groups(const mvpn_cibtype *except, ip_addr_t first, ip_addr_t last) {
+  mvpn_cibtype *found = nullptr;
+  auto [next, end] = contexts_by_mdt_group.between(first, last);
+  for (; next != end; ++next) {
+    if (*next != except) found = mvpn_first_by_name(found, *next);
+  }
+  return found;
+}
+
+mvpn_cibtype *mvpn_next_context_by_mti(if_index_t if_index, const char *vrf_name) {
+  return contexts_by_mti.next(if_index, vrf_name);
+}
+
+mvpn_cibtype *mvpn_next_context_by_source(im_iod_t iod, const char *vrf_name) {
+  return contexts_by_source.next(iod, vrf_name);
+}
 
 // ----------------------------------------------------------------------------------------------------------- messages
 

@@ -42,16 +42,27 @@ int mvpn_deinit_mts();
 // else the context that the VRF has now, null when it has none. Records and cursors must be found again by key.
 mvpn_cibtype *mvpn_may_sched_yield(mvpn_cibtype *mvpn);
 
+// The name of a VRF, kept while contexts come and go; empty: no VRF.
+class mvpn_vrf_name {
+ public:
+  mvpn_vrf_name() = default;
+  explicit mvpn_vrf_name(const mvpn_cibtype *mvpn);
+  const char *text() const { return text_; }
+
+ private:
+  char text_[VRF_NAME_MAX + 1] = {};
+};
+
 // mvpn_vrf_handle remembers a VRF across yields: get() gives its context of now, same() whether it is the remembered.
 class mvpn_vrf_handle {
  public:
-  explicit mvpn_vrf_handle(mvpn_cibtype *mvpn);
+  explicit mvpn_vrf_handle(mvpn_cibtype *mvpn) : mvpn_(mvpn), name_(mvpn) {}
   mvpn_cibtype *get() const;  // null when the VRF or its context went away
   bool same() const { return get() == mvpn_ && mvpn_ != nullptr; }
 
  private:
   mvpn_cibtype *mvpn_;
-  char vrf_name_[VRF_NAME_MAX + 1];
+  mvpn_vrf_name name_;
 };
 
 // Contexts: creation with defaults (by PIM context, or by VRF name when pcib is null), defaults.
@@ -66,10 +77,21 @@ mvpn_cibtype *mvpn_get_context_by_mti(if_index_t if_index);
 mvpn_cibtype *mvpn_get_context_by_mti_iod(im_iod_t iod);
 mvpn_cibtype *mvpn_get_context_by_mdt_group(ip_addr_t group);
 
+// First context, by VRF name, whose default group is in first..last, except one; null: none.
+mvpn_cibtype *mvpn_get_other_context_by_mdt_groups(const mvpn_cibtype *except, ip_addr_t first, ip_addr_t last);
+// The context whose VRF name comes first; one may be null.
+mvpn_cibtype *mvpn_first_by_name(mvpn_cibtype *a, mvpn_cibtype *b);
+
+// First context behind a VRF name, in name order, whose if-index, source interface equals the argument; null: none. An
+// empty name is before every VRF.
+mvpn_cibtype *mvpn_next_context_by_mti(if_index_t if_index, const char *vrf_name);
+mvpn_cibtype *mvpn_next_context_by_source(im_iod_t iod, const char *vrf_name);
+
 // Setters of the indexed fields.
 void mvpn_set_mti_ifindex(mvpn_cibtype *mvpn, if_index_t if_index);
 void mvpn_set_mti_iod(mvpn_cibtype *mvpn, im_iod_t iod);
 void mvpn_set_mdt_default_group(mvpn_cibtype *mvpn, ip_addr_t group);
+void mvpn_set_mdt_source_iod(mvpn_cibtype *mvpn, im_iod_t iod);
 
 // The one place that changes mti_status; reason names the event in a detailed message.
 void mvpn_set_mti_status(mvpn_cibtype *mvpn, mvpn_mti_status_t status, const char *reason);
@@ -91,7 +113,17 @@ void mvpn_for_each_context(Visit visit) {
   }
 }
 
-// The same in context-id order, offering a yield before each step to the next context.
+// The same for the contexts whose source is an interface; which these are is seen at each step.
+template <typename Visit>
+void mvpn_for_each_context_by_source(im_iod_t iod, Visit visit) {
+  mvpn_vrf_name last;
+  while (mvpn_cibtype *mvpn = mvpn_next_context_by_source(iod, last.text())) {
+    last = mvpn_vrf_name(mvpn);
+    if (!visit(mvpn)) return;
+  }
+}
+
+// The same for all, in context-id order, offering a yield before each step to the next context.
 template <typename Visit>
 void mvpn_for_each_context_by_id(Visit visit) {
   ravl_iterator iterator;

@@ -101,9 +101,9 @@ bool join_route(mvpn_cibtype *mvpn, Record *record, mvpn_mdt_route *route) {
   return true;
 }
 
-// Says that a VRF's cache is full, at most once a minute in all.
+// Says that a VRF's cache is full, at most once a minute.
 void note_refusal(mvpn_cibtype *mvpn) {
-  static zeph_timestamp last{};
+  zeph_timestamp &last = mvpn->data_mdt_recv_refusal_time;
   mvpn->data_mdt_recv_refused++;
   zeph_timestamp now{};
   zeph_sys_mclock_get(&now);

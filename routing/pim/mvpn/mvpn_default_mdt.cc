@@ -74,7 +74,7 @@ static void resolve_source(mvpn_cibtype *mvpn) {
   if (iod != 0) {
     mvpn_update_mdt_source_info(mvpn, iod);
   } else {
-    mvpn->mdt_source_iod = 0;
+    mvpn_set_mdt_source_iod(mvpn, 0);
   }
 }
 
@@ -332,7 +332,7 @@ void mvpn_finish_destroy_default_mdt(mvpn_cibtype *mvpn) {
 // --------------------------------------------------------------------------------------------------------- MDT source
 
 int mvpn_update_mdt_source_info(mvpn_cibtype *mvpn, im_iod_t iod) {
-  mvpn->mdt_source_iod = iod;
+  mvpn_set_mdt_source_iod(mvpn, iod);
   const ip_addr_t address = ip_get_local_addr(iod);
   const bool changed = address != mvpn->mdt_source_addr;
   mvpn->mdt_source_addr = address;
@@ -390,8 +390,7 @@ void mvpn_process_bgp_update_source_change(im_iod_t iod) {
 
 void mvpn_process_address_change(im_iod_t iod) {
   MVPN_DEBUG(pim_null_pcib, "Received Address change notification for Interface %s\n", ksink_im_get_if_name(iod));
-  mvpn_for_each_context([iod](mvpn_cibtype *mvpn) {
-    if (mvpn->mdt_source_iod != iod) return true;
+  mvpn_for_each_context_by_source(iod, [iod](mvpn_cibtype *mvpn) {
     MVPN_DEBUG(pim_null_pcib, "IP: Update MTI source for %s\n", mvpn->pcib->vrf_name);
     mvpn_process_mdt_source_change(mvpn, iod);
     return true;

@@ -478,25 +478,29 @@ void mvpn_interface_status(im_iod_t iod, int up) {
     mvpn_report(msg_error_PIM_API_FAILED, "ksink_im_get_ifindex_frm_iod()", "mvpn_interface_status()");
     return;
   }
-  // 4. A tunnel belongs to one VRF; an interface may be the source of several.
-  mvpn_for_each_context([=](mvpn_cibtype *mvpn) {
-    if (if_index != 0 && mvpn->mti_ifindex == if_index) {
+  // 4. In VRF-name order: an interface may be the source of several VRFs; a tunnel belongs to one, which ends the walk.
+  mvpn_vrf_name last;
+  while (true) {
+    mvpn_cibtype *tunnel = if_index != 0 ? mvpn_next_context_by_mti(if_index, last.text()) : nullptr;
+    mvpn_cibtype *source = mvpn_next_context_by_source(iod, last.text());
+    mvpn_cibtype *mvpn = mvpn_first_by_name(tunnel, source);
+    if (mvpn == nullptr) return;
+    if (mvpn == tunnel) {
       MVPN_DEBUG(mvpn->pcib, "Found the mvpn corresponding to the if_index = 0x%x", if_index);
       tunnel_changed_state(mvpn, iod, up);
-      return false;
+      return;
     }
-    if (mvpn->mdt_source_iod == iod) source_changed_state(mvpn, iod, up);
-    return true;
-  });
+    last = mvpn_vrf_name(mvpn);
+    source_changed_state(mvpn, iod, up);
+  }
 }
 
 // A VRF that waits for its source: the interface that was announced, or the update source that it made known.
 static void complete_source(mvpn_cibtype *mvpn, im_iod_t announced) {
-  if (mvpn->mdt_source_iod != 0) return;
   if (mvpn->mdt_source_ifname[0] != '\0') {
-    if (im_get_if_by_name(mvpn->mdt_source_ifname) == announced) mvpn->mdt_source_iod = announced;
+    if (im_get_if_by_name(mvpn->mdt_source_ifname) == announced) mvpn_set_mdt_source_iod(mvpn, announced);
   } else if (mvpn_bgp_updatesrc_iod != 0) {
-    mvpn->mdt_source_iod = mvpn_bgp_updatesrc_iod;
+    mvpn_set_mdt_source_iod(mvpn, mvpn_bgp_updatesrc_iod);
     mvpn_process_bgp_update_source_change(mvpn_bgp_updatesrc_iod);
   }
 }
@@ -508,7 +512,7 @@ void mvpn_interface_create(im_iod_t iod) {
   // 3.
   if (mvpn_bgp_updatesrc_iod == 0) mvpn_bgp_resolve_update_src();
   // 4.
-  mvpn_for_each_context([iod](mvpn_cibtype *mvpn) {
+  mvpn_for_each_context_by_source(0, [iod](mvpn_cibtype *mvpn) {
     complete_source(mvpn, iod);
     return true;
   });

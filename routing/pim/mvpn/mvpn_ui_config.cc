@@ -19,7 +19,10 @@
 //
 // Everything runs on the main thread. A handler that calls something which yields finds its context again afterwards.
 #include <cstring>
+#include <iterator>
+#include <map>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "im.h"
@@ -114,35 +117,61 @@ static uint32_t number_or_default(cli_command *command, const char *name, uint32
 
 namespace {
 
-// Addresses first..last, both included.
-struct address_range {
-  ip_addr_t first;
+// Ranges of all VRFs by their first address. They do not overlap, so that the only one that can reach an address is the
+// last that begins at or before it.
+struct range_in_use {
   ip_addr_t last;
+  mvpn_cibtype *owner;
 };
+std::map<ip_addr_t, range_in_use> ranges_in_use;
 
 }  // namespace
 
-static address_range range_of(ip_addr_t prefix, uint32_t length) { return {prefix, prefix | ip_wildcard_mask(length)}; }
+static ip_addr_t last_address(ip_addr_t prefix, uint32_t length) { return prefix | ip_wildcard_mask(length); }
 
-static bool intersect(const address_range &a, const address_range &b) { return a.first <= b.last && b.first <= a.last; }
-
-static bool uses_addresses(const mvpn_cibtype *mvpn, const address_range &wanted) {
-  if (intersect({mvpn->mdt_default_group, mvpn->mdt_default_group}, wanted)) return true;
-  for (const mvpn_data_mdt_range *range = mvpn->data_mdt_config; range != nullptr; range = range->next) {
-    if (intersect(range_of(range->prefix, range->masklen), wanted)) return true;
+// 0: memory ran out.
+static int index_range(mvpn_cibtype *mvpn, const mvpn_data_mdt_range *range) {
+  try {
+    ranges_in_use[range->prefix] = {last_address(range->prefix, range->masklen), mvpn};
+    return 1;
+  } catch (const std::bad_alloc &) {
+    return 0;
   }
-  return false;
+}
+
+static void unindex_range(const mvpn_data_mdt_range *range) { ranges_in_use.erase(range->prefix); }
+
+// The entries of ranges that are still there serve again, so that no memory is needed.
+void mvpn_take_over_data_mdt_ranges() {
+  std::map<ip_addr_t, range_in_use> known;
+  known.swap(ranges_in_use);
+  mvpn_for_each_context([&](mvpn_cibtype *mvpn) {
+    for (const mvpn_data_mdt_range *range = mvpn->data_mdt_config; range != nullptr; range = range->next) {
+      auto entry = known.extract(range->prefix);
+      entry.mapped().owner = mvpn;
+      ranges_in_use.insert(std::move(entry));
+    }
+    return true;
+  });
+}
+
+// The first other context, by VRF name, that has a range which touches first..last; null when none has.
+static mvpn_cibtype *find_range_overlap(const mvpn_cibtype *mvpn, ip_addr_t first, ip_addr_t last) {
+  mvpn_cibtype *found = nullptr;
+  auto next = ranges_in_use.upper_bound(first);
+  if (next != ranges_in_use.begin() && std::prev(next)->second.last >= first) --next;
+  for (; next != ranges_in_use.end() && next->first <= last; ++next) {
+    mvpn_cibtype *owner = next->second.owner;
+    if (owner != mvpn) found = mvpn_first_by_name(found, owner);
+  }
+  return found;
 }
 
 // The first other context, by VRF name, whose default group or ranges touch prefix/length; null when none does.
 static mvpn_cibtype *find_overlap(const mvpn_cibtype *mvpn, ip_addr_t prefix, uint32_t length) {
-  const address_range wanted = range_of(prefix, length);
-  mvpn_cibtype *found = nullptr;
-  mvpn_for_each_context([&](mvpn_cibtype *other) {
-    if (other != mvpn && uses_addresses(other, wanted)) found = other;
-    return found == nullptr;
-  });
-  return found;
+  const ip_addr_t last = last_address(prefix, length);
+  return mvpn_first_by_name(mvpn_get_other_context_by_mdt_groups(mvpn, prefix, last),
+                            find_range_overlap(mvpn, prefix, last));
 }
 
 // ------------------------------------------------------------------------------------------------------- mdt default
@@ -345,6 +374,7 @@ static int remove_range(cli_command *command, mvpn_cibtype *mvpn, const range_po
   if (position.match == nullptr) return CLI_RESULT_OK;
   const range_ptr range(position.match);
   range->deleted = 1;
+  unindex_range(range.get());
   (position.previous != nullptr ? position.previous->next : mvpn->data_mdt_config) = range->next;
   // The pass yields, and leaves out flows that cannot be mapped at present.
   const mvpn_vrf_handle vrf(mvpn);
@@ -417,6 +447,10 @@ static int add_range(cli_command *command, mvpn_cibtype *mvpn, const range_argum
       return CLI_RESULT_REJECTED;
     }
   }
+  if (index_range(mvpn, range.get()) == 0) {
+    drop_policy(range.get());
+    return CLI_RESULT_NO_MEMORY;
+  }
   insert_range(mvpn, range.release(), last);
   if (wanted.policy == nullptr) mvpn_process_data_mdt_config_change(mvpn);
   return CLI_RESULT_OK;
@@ -440,6 +474,7 @@ void mvpn_free_data_mdt_ranges(mvpn_cibtype *mvpn) {
   while (mvpn->data_mdt_config != nullptr) {
     const range_ptr range(mvpn->data_mdt_config);
     mvpn->data_mdt_config = range->next;
+    unindex_range(range.get());
     mvpn_forget_data_mdt_range(mvpn, range.get());
     drop_policy(range.get());
   }

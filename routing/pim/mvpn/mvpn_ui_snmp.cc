@@ -118,18 +118,42 @@ mvpn_cibtype *first_vrf_after(const char *name) {
 
 bool has_range(const mvpn_cibtype *mvpn) { return mvpn->data_mdt_config != nullptr; }
 
-// ------------------------------------------------------------------------------------------------------ core routes
+// ---------------------------------------------------------------------------------------------------------- indexes
 
-mvpn_snmp_index mroute_index(cli_command *command) {
+// Names of the index arguments that the tables of addresses share.
+struct index_arguments {
+  const char *group, *source, *group_type, *source_type;
+};
+constexpr index_arguments mroute_arguments = {"<korvaMvpnMrouteMvrfGroup-in>", "<korvaMvpnMrouteMvrfSource-in>",
+                                              "<korvaMvpnMrouteMvrfGrpAddrType-in>",
+                                              "<korvaMvpnMrouteMvrfSrcAddrType-in>"};
+constexpr index_arguments join_send_arguments = {"<korvaMvpnMdtJnSendGroup-in>", "<korvaMvpnMdtJnSendSource-in>",
+                                                 "<korvaMvpnMdtJnSendGrpAddrType-in>",
+                                                 "<korvaMvpnMdtJnSendSrcAddrType-in>"};
+constexpr index_arguments join_receive_arguments = {"<korvaMvpnMdtJnRcvGroup-in>", "<korvaMvpnMdtJnRcvSource-in>",
+                                                    "<korvaMvpnMdtJnRcvGrpAddrType-in>",
+                                                    "<korvaMvpnMdtJnRcvSrcAddrType-in>"};
+constexpr index_arguments bgp_update_arguments = {"<korvaMvpnBgpMdtUpdateGroup-in>", "<korvaMvpnBgpMdtUpdateSource-in>",
+                                                  "<korvaMvpnBgpMdtUpdGrpAddrType-in>",
+                                                  "<korvaMvpnBgpMdtUpdSrcAddrType-in>"};
+
+mvpn_snmp_index read_index(cli_command *command, const index_arguments &names) {
   mvpn_snmp_index index;
-  index.vrf_name = vrf_name_argument(command);
-  cli_get_ipaddr(command, "<korvaMvpnMrouteMvrfGroup-in>", &index.group);
-  cli_get_ipaddr(command, "<korvaMvpnMrouteMvrfSource-in>", &index.source);
-  cli_get_integer(command, "<korvaMvpnMrouteUpDownStreamInfo-in>", &index.direction);
-  cli_get_integer(command, "<korvaMvpnMrouteMvrfGrpAddrType-in>", &index.group_type);
-  cli_get_integer(command, "<korvaMvpnMrouteMvrfSrcAddrType-in>", &index.source_type);
+  cli_get_ipaddr(command, names.group, &index.group);
+  cli_get_ipaddr(command, names.source, &index.source);
+  cli_get_integer(command, names.group_type, &index.group_type);
+  cli_get_integer(command, names.source_type, &index.source_type);
   return index;
 }
+
+// The same of a table that has rows per VRF.
+mvpn_snmp_index read_vrf_index(cli_command *command, const index_arguments &names) {
+  mvpn_snmp_index index = read_index(command, names);
+  index.vrf_name = vrf_name_argument(command);
+  return index;
+}
+
+// ------------------------------------------------------------------------------------------------------ core routes
 
 bool has_address_types(const mvpn_snmp_index &index) {
   return index.group_type == address_type_val() && index.source_type == address_type_val();
@@ -216,16 +240,6 @@ class announced_after {
   mvpn_data_mdt_recv_join_info best_{};
 };
 
-mvpn_snmp_index join_receive_index(cli_command *command) {
-  mvpn_snmp_index index;
-  index.vrf_name = vrf_name_argument(command);
-  cli_get_ipaddr(command, "<korvaMvpnMdtJnRcvGroup-in>", &index.group);
-  cli_get_ipaddr(command, "<korvaMvpnMdtJnRcvSource-in>", &index.source);
-  cli_get_integer(command, "<korvaMvpnMdtJnRcvGrpAddrType-in>", &index.group_type);
-  cli_get_integer(command, "<korvaMvpnMdtJnRcvSrcAddrType-in>", &index.source_type);
-  return index;
-}
-
 void join_receive_get(cli_command *command, const mvpn_snmp_index &index) {
   mvpn_cibtype *mvpn = vrf_named(index.vrf_name);
   if (!has_address_types(index) || mvpn == nullptr) return;
@@ -274,16 +288,6 @@ void join_receive_next(cli_command *command, const mvpn_snmp_index &index) {
 }
 
 // -------------------------------------------------------------------------------------------------------- join send
-
-mvpn_snmp_index join_send_index(cli_command *command) {
-  mvpn_snmp_index index;
-  index.vrf_name = vrf_name_argument(command);
-  cli_get_ipaddr(command, "<korvaMvpnMdtJnSendGroup-in>", &index.group);
-  cli_get_ipaddr(command, "<korvaMvpnMdtJnSendSource-in>", &index.source);
-  cli_get_integer(command, "<korvaMvpnMdtJnSendGrpAddrType-in>", &index.group_type);
-  cli_get_integer(command, "<korvaMvpnMdtJnSendSrcAddrType-in>", &index.source_type);
-  return index;
-}
 
 enum class row_search { found, exhausted, interrupted };
 
@@ -563,19 +567,20 @@ int mvpn_show_snmp_korva_tunnel_table_command(cli_command *command) {
 }
 
 int mvpn_show_snmp_korva_mroute_mdt_table_command(cli_command *command) {
-  const mvpn_snmp_index index = mroute_index(command);
+  mvpn_snmp_index index = read_vrf_index(command, mroute_arguments);
+  cli_get_integer(command, "<korvaMvpnMrouteUpDownStreamInfo-in>", &index.direction);
   return cli_is_getnext(command) ? mvpn_show_mvpn_mroute_mdt_table_next(command, index)
                                  : mvpn_show_mvpn_mroute_mdt_table_get(command, index);
 }
 
 int mvpn_show_snmp_korva_mdt_jn_send_table_command(cli_command *command) {
-  const mvpn_snmp_index index = join_send_index(command);
+  const mvpn_snmp_index index = read_vrf_index(command, join_send_arguments);
   return cli_is_getnext(command) ? mvpn_show_snmp_vrf_mdt_send_get_next(command, index)
                                  : mvpn_show_snmp_vrf_mdt_send_get(command, index);
 }
 
 int mvpn_show_snmp_korva_mdt_jn_rcv_table_command(cli_command *command) {
-  const mvpn_snmp_index index = join_receive_index(command);
+  const mvpn_snmp_index index = read_vrf_index(command, join_receive_arguments);
   if (cli_is_getnext(command))
     join_receive_next(command, index);
   else
@@ -585,11 +590,7 @@ int mvpn_show_snmp_korva_mdt_jn_rcv_table_command(cli_command *command) {
 
 int mvpn_show_snmp_korva_bgp_mdt_update_table_command(cli_command *command) {
   if (!mvpn_is_up()) return CLI_RESULT_OK;
-  mvpn_snmp_index index;
-  cli_get_ipaddr(command, "<korvaMvpnBgpMdtUpdateSource-in>", &index.source);
-  cli_get_ipaddr(command, "<korvaMvpnBgpMdtUpdateGroup-in>", &index.group);
-  cli_get_integer(command, "<korvaMvpnBgpMdtUpdGrpAddrType-in>", &index.group_type);
-  cli_get_integer(command, "<korvaMvpnBgpMdtUpdSrcAddrType-in>", &index.source_type);
+  const mvpn_snmp_index index = read_index(command, bgp_update_arguments);
   const bool getnext = cli_is_getnext(command) != 0;
   if (!getnext && !has_address_types(index)) return CLI_RESULT_OK;
   const mvpn_bgp_mdt_safi *entry = find_bgp_update(index.group, index.source, getnext);
