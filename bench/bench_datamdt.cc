@@ -369,40 +369,6 @@ BENCHMARK(floor_lmdb)->Arg(100)->Arg(1000)->UseRealTime()->Unit(benchmark::kMill
 
 // ------------------------------------------------------------------------------------------------------------ ageing
 
-// The longest stretch between two yields of this thread, the start and the end included, in its own processor time: what
-// it waits for others is not its doing.
-class YieldMeter {
- public:
-  YieldMeter() {
-    ref::set_yield_hook([this] {
-      mark();
-      yields_++;
-      return false;
-    });
-    last_ = processor_time();
-  }
-  ~YieldMeter() { ref::set_yield_hook(nullptr); }
-  YieldMeter(const YieldMeter &) = delete;
-  YieldMeter &operator=(const YieldMeter &) = delete;
-  void mark() {
-    const double now = processor_time();
-    longest_ = std::max(longest_, now - last_);
-    last_ = now;
-  }
-  double longest_us() const { return longest_ * 1e6; }
-  double yields() const { return yields_; }
-
- private:
-  static double processor_time() {
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-  }
-  double last_ = 0;
-  double longest_ = 0;
-  uint32_t yields_ = 0;
-};
-
 // One pass over 100000 records of which none, or all, have expired.
 void ageing_pass(benchmark::State &state) {
   DataWorld world;
@@ -413,7 +379,7 @@ void ageing_pass(benchmark::State &state) {
   double longest = 0, yields = 0;
   for (auto _ : state) {
     {
-      YieldMeter meter;
+      bench::YieldMeter meter;
       mvpn_age_route_by_vpn(DataWorld::mvpn());
       meter.mark();
       longest = std::max(longest, meter.longest_us());

@@ -2,7 +2,9 @@
 #ifndef BENCH_BENCH_WORLD_H
 #define BENCH_BENCH_WORLD_H
 
+#include <algorithm>
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -36,6 +38,40 @@ class World {
 
   static pim_cibtype *pcib(uint32_t number);
   static mvpn_cibtype *mvpn(uint32_t number) { return pcib(number)->mvpn; }
+};
+
+// The longest stretch between two yields of this thread, the start and the end included, in its own processor time: what
+// it waits for others is not its doing.
+class YieldMeter {
+ public:
+  YieldMeter() {
+    ref::set_yield_hook([this] {
+      mark();
+      yields_++;
+      return false;
+    });
+    last_ = processor_time();
+  }
+  ~YieldMeter() { ref::set_yield_hook(nullptr); }
+  YieldMeter(const YieldMeter &) = delete;
+  YieldMeter &operator=(const YieldMeter &) = delete;
+  void mark() {
+    const double now = processor_time();
+    longest_ = std::max(longest_, now - last_);
+    last_ = now;
+  }
+  double longest_us() const { return longest_ * 1e6; }
+  double yields() const { return yields_; }
+
+ private:
+  static double processor_time() {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+  }
+  double last_ = 0;
+  double longest_ = 0;
+  uint32_t yields_ = 0;
 };
 
 // Payload of a remote update with entries sources first, first + 1, … of one group.

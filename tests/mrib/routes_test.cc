@@ -19,7 +19,7 @@ class Routes : public ModuleTest {
     add_vrf("red", 2);
     mvpn_cibtype *mvpn = mvpn_create_context(nullptr, "red");
     mvpn->mdt_source_addr = addr("10.0.0.1");
-    mvpn->mdt_source_iod = 1;
+    mvpn_set_mdt_source_iod(mvpn, 1);
     mvpn->mdt_source_context = VRF_CONTEXT_ID_DEFAULT;
     mvpn_set_mti_iod(mvpn, 0x55);
     mvpn_set_mdt_default_group(mvpn, addr("239.1.1.1"));

@@ -93,7 +93,7 @@ TEST_F(Oim, CreateDependsOnRegistrationAndOnWhatExists) {
   capture_debug();
 
   pim_oim_initialized = 0;
-  red->mti_ifindex = 5;
+  mvpn_set_mti_ifindex(red, 5);
   mvpn_oim_tunnel_create(red);
   EXPECT_EQ(debug_count("Havent initialized with OIM yet"), 1u);
   EXPECT_EQ(red->mti_ifindex, 0u);

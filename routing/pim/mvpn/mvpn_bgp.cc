@@ -100,7 +100,7 @@ int mvpn_bgp_update_mdt_safi(mvpn_bgp_mdt_safi_key key, int add, int eor) {
 
 // Number of whole entries that a message really holds.
 static uint32_t entries_in_payload(const void *payload, size_t payload_length) {
-  if (payload == nullptr || payload_length < BGP_MDT_SAFI_COUNT_SIZE) {
+  if (payload_length < BGP_MDT_SAFI_COUNT_SIZE) {
     MVPN_DEBUG(pim_null_pcib, "MDT SAFI message of %zu bytes refused: it holds no count", payload_length);
     return 0;
   }
@@ -122,6 +122,7 @@ static void receive_entry(const uint8_t *entry) {
 }
 
 int mvpn_bgp_mdt_safi_receive_remote_update(const void *payload, size_t payload_length) {
+  if (payload == nullptr) return 1;
   const uint32_t count = entries_in_payload(payload, payload_length);
   const auto *bytes = static_cast<const uint8_t *>(payload);
   for (uint32_t i = 0; i < count; i++) {

@@ -287,7 +287,8 @@ void mvpn_forget_data_mdt_range(mvpn_cibtype *mvpn, mvpn_data_mdt_range *range) 
        node = pt_get_next_node(mvpn->pcib->route_tree, pt_node_key(node), 0)) {
     auto *croute = static_cast<pim_route *>(pt_node_data(node));
     mvpn_data_mdt_send_join_info *record = croute->send_join_info;
-    if (record == nullptr || record->config != range) continue;
+    if (record == nullptr || record->config == nullptr) continue;
+    if (range != nullptr && record->config != range) continue;
     mvpn_init_data_mdt_send_join_info(mvpn, croute, record);
   }
 }

@@ -36,7 +36,7 @@ void mvpn_process_data_mdt_join(uint16_t iod, size_t n);
 int mvpn_does_data_mdt_policy_match(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, const rpm_binding *policy);
 int mvpn_map_data_mdt_config(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute);
 void mvpn_process_data_mdt_config_change(mvpn_cibtype *mvpn);
-// Clears every use of a range that is about to be freed; finds what the pass above could not reach.
+// Clears every use of a range that is about to be freed, null: of all ranges; finds what the pass above could not reach.
 void mvpn_forget_data_mdt_range(mvpn_cibtype *mvpn, mvpn_data_mdt_range *range);
 // Slot of a group in a range's pool; MVPN_DATA_MDT_POOL_GROUPS when the range cannot hand it out.
 uint32_t mvpn_data_mdt_pool_slot(const mvpn_data_mdt_range *range, ip_addr_t group);

@@ -390,7 +390,8 @@ void mvpn_process_bgp_update_source_change(im_iod_t iod) {
 
 void mvpn_process_address_change(im_iod_t iod) {
   MVPN_DEBUG(pim_null_pcib, "Received Address change notification for Interface %s\n", ksink_im_get_if_name(iod));
-  mvpn_for_each_context_by_source(iod, [iod](mvpn_cibtype *mvpn) {
+  mvpn_for_each_context([iod](mvpn_cibtype *mvpn) {
+    if (mvpn->mdt_source_iod != iod) return true;
     MVPN_DEBUG(pim_null_pcib, "IP: Update MTI source for %s\n", mvpn->pcib->vrf_name);
     mvpn_process_mdt_source_change(mvpn, iod);
     return true;

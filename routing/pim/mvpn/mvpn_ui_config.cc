@@ -129,12 +129,13 @@ std::map<ip_addr_t, range_in_use> ranges_in_use;
 
 static ip_addr_t last_address(ip_addr_t prefix, uint32_t length) { return prefix | ip_wildcard_mask(length); }
 
-// 0: memory ran out.
+// 0: memory ran out, which was reported.
 static int index_range(mvpn_cibtype *mvpn, const mvpn_data_mdt_range *range) {
   try {
     ranges_in_use[range->prefix] = {last_address(range->prefix, range->masklen), mvpn};
     return 1;
   } catch (const std::bad_alloc &) {
+    mvpn_report(msg_error_PIM_MALLOC, sizeof(range_in_use), "mdt_data_cmd");
     return 0;
   }
 }
@@ -471,11 +472,11 @@ int mdt_data_cmd(cli_command *command) {
 }
 
 void mvpn_free_data_mdt_ranges(mvpn_cibtype *mvpn) {
+  if (mvpn->data_mdt_config != nullptr) mvpn_forget_data_mdt_range(mvpn, nullptr);
   while (mvpn->data_mdt_config != nullptr) {
     const range_ptr range(mvpn->data_mdt_config);
     mvpn->data_mdt_config = range->next;
     unindex_range(range.get());
-    mvpn_forget_data_mdt_range(mvpn, range.get());
     drop_policy(range.get());
   }
 }
