@@ -12,26 +12,39 @@
 namespace host {
 namespace {
 
-// One key, unechoed; 'q' when there is none to come.
-char read_key() {
-  termios former{};
-  if (tcgetattr(STDIN_FILENO, &former) != 0) return 'q';
-  termios raw = former;
-  raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ISIG);
-  raw.c_cc[VMIN] = 1;
-  raw.c_cc[VTIME] = 0;
-  tcsetattr(STDIN_FILENO, TCSANOW, &raw);
-  char key = 'q';
-  if (read(STDIN_FILENO, &key, 1) != 1) key = 'q';
-  tcsetattr(STDIN_FILENO, TCSANOW, &former);
-  return key;
-}
+// The terminal hands over single keys, unechoed, and Ctrl-C as a key.
+class SingleKeys {
+ public:
+  SingleKeys() : known_(tcgetattr(STDIN_FILENO, &former_) == 0) {
+    if (!known_) return;
+    termios raw = former_;
+    raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ISIG);
+    raw.c_cc[VMIN] = 1;
+    raw.c_cc[VTIME] = 0;
+    tcsetattr(STDIN_FILENO, TCSANOW, &raw);
+  }
+  ~SingleKeys() {
+    if (known_) tcsetattr(STDIN_FILENO, TCSANOW, &former_);
+  }
+  SingleKeys(const SingleKeys &) = delete;
+  SingleKeys &operator=(const SingleKeys &) = delete;
+
+  // 'q' when there is none to come.
+  char read_key() const {
+    char key = 'q';
+    return known_ && read(STDIN_FILENO, &key, 1) == 1 ? key : 'q';
+  }
+
+ private:
+  termios former_{};
+  bool known_;
+};
 
 constexpr char kInterrupt = 3;  // Ctrl-C
 
 }  // namespace
 
-Pager::Pager(bool paging) : paging_(paging) {
+Pager::Pager(bool paging, const volatile sig_atomic_t &interrupted) : paging_(paging), interrupted_(interrupted) {
   winsize size{};
   if (!paging || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return;
   if (size.ws_col > 0) columns_ = size.ws_col;
@@ -67,10 +80,13 @@ bool Pager::print_line(std::string_view line) {
 }
 
 bool Pager::ask() {
+  // Before the question is seen: a Ctrl-C that answers it is a key then, and one that came earlier has been noted.
+  const SingleKeys keys;
+  if (interrupted_ != 0) return false;
   std::fputs("--More--", stdout);
   std::fflush(stdout);
   for (;;) {
-    const char key = read_key();
+    const char key = keys.read_key();
     if (key != ' ' && key != '\r' && key != '\n' && key != 'q' && key != 'Q' && key != kInterrupt) continue;
     std::fputs("\r        \r", stdout);
     left_ = key == ' ' ? page_ : 1;

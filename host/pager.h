@@ -5,14 +5,16 @@
 #ifndef HOST_PAGER_H
 #define HOST_PAGER_H
 
+#include <csignal>
 #include <string_view>
 
 namespace host {
 
 class Pager {
  public:
-  // paging: standard input and output are a terminal, and the operator wants pages.
-  explicit Pager(bool paging);
+  // paging: standard input and output are a terminal, and the operator wants pages. interrupted: set by the handler of
+  // SIGINT, and no page is begun any more; outlives the pager.
+  Pager(bool paging, const volatile sig_atomic_t &interrupted);
 
   // Prints a part of the output; false: the operator has quit.
   bool show(std::string_view text);
@@ -22,6 +24,7 @@ class Pager {
   bool ask();  // at the end of a page
 
   bool paging_;
+  const volatile sig_atomic_t &interrupted_;
   bool quit_ = false;
   size_t columns_ = 80;
   size_t page_ = 23;   // rows of a page, which leaves one for the question

@@ -125,7 +125,7 @@ void Session::enter(const Target &target, const Match &match) {
 
 uint32_t Session::send(std::string_view line, bool paging) {
   const InterruptGuard guard;
-  Pager pager(paging);
+  Pager pager(paging, interrupted);
   bool quit = false;
   try {
     if (!client_) client_ = std::make_unique<ControlClient>(path_);
