@@ -17,12 +17,13 @@ int main(int argc, char **argv) {
   app.add_option("--bin", options.binaries, "folder of the programs")->capture_default_str();
   app.add_option("--project", options.project, "folder that configuration files are relative to")
       ->capture_default_str();
-  app.add_option("--work", options.work, "folder for stores, sockets, captures and logs; default: a new one");
+  app.add_option("--work", options.work, "folder for stores, sockets, captures and logs, which stays; default: a new one");
   app.add_option("--clock-scale", options.clock_scale, "platform seconds per second, in place of the scenario's");
-  app.add_flag("--keep", keep, "keep the folder of --work even when everything held");
+  app.add_flag("--keep", keep, "keep the new folder even when everything held");
   CLI11_PARSE(app, argc, argv);
   try {
-    if (options.work.empty()) {
+    const bool own_folder = options.work.empty();
+    if (own_folder) {
       char name[] = "/tmp/mvpn-lab-XXXXXX";
       if (mkdtemp(name) == nullptr) throw std::runtime_error("no folder for stores and logs can be made");
       options.work = name;
@@ -30,7 +31,7 @@ int main(int argc, char **argv) {
     const lab::Scenario scenario = lab::read_scenario(file);
     lab::Report report;
     const bool held = lab::Runner(scenario, options, &report).play();
-    if (held && !keep)
+    if (held && own_folder && !keep)
       std::filesystem::remove_all(options.work);
     else
       std::cout << "logs, stores and captures are in " << options.work << '\n';

@@ -4,13 +4,18 @@
 // remembered, and pss_flush brings them to the database in one transaction per turn of the main loop: a transaction
 // belongs to the thread that began it, and module threads write too. A write outside a turn asks for one.
 //
+// What a process leaves behind is for the one that takes up its state: a start without that begins with an empty store,
+// since choices that nobody claims would be handed out twice.
+//
 // A killed process loses at most the turn that it was in. A commit writes the data through to the disk and leaves the
 // root page to the system (MDB_NOMETASYNC): a crash of the machine may lose the last turns, but never the database.
 #include "pss.h"
 
 #include <lmdb.h>
+#include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <map>
 #include <set>
 
@@ -39,6 +44,7 @@ class Database {
     int error = mdb_env_create(&environment_);
     if (error == 0) error = mdb_env_set_mapsize(environment_, map_size);
     if (error == 0) error = mdb_env_open(environment_, path.c_str(), MDB_NOMETASYNC, 0600);
+    if (error == 0) error = check_size();
     if (error != 0) return error;
     return transact([&](MDB_txn *transaction) {
       const int opened = mdb_dbi_open(transaction, nullptr, MDB_CREATE, &database_);
@@ -66,6 +72,22 @@ class Database {
       return error;
     }
     return mdb_txn_commit(transaction);
+  }
+
+  // A file that ends before its last page would end the process when that page is read.
+  int check_size() const {
+    MDB_envinfo info;
+    MDB_stat statistics;
+    struct stat file {};
+    int descriptor = -1;
+    int error = mdb_env_info(environment_, &info);
+    if (error == 0) error = mdb_env_stat(environment_, &statistics);
+    if (error == 0) error = mdb_env_get_fd(environment_, &descriptor);
+    if (error != 0) return error;
+    if (fstat(descriptor, &file) != 0) return errno;
+    // A new file holds its two first pages only.
+    const uint64_t pages = info.me_last_txnid == 0 ? 0 : uint64_t{info.me_last_pgno} + 1;
+    return static_cast<uint64_t>(file.st_size) < pages * statistics.ms_psize ? MDB_CORRUPTED : 0;
   }
 
   int read(MDB_txn *transaction, Records *records) const {
@@ -126,6 +148,10 @@ Records::iterator erase(Records::iterator at) {
   return state.records.erase(at);
 }
 
+void forget_all() {
+  while (!state.records.empty()) erase(state.records.begin());
+}
+
 int hand_out(Records::const_iterator at, const void **key, const void **value, uint32_t *length) {
   if (at == state.records.end()) return 0;
   state.last_key = at->first;
@@ -158,6 +184,7 @@ bool pss_use_directory(const std::string &path) {
     return false;
   }
   state.database = std::move(database);
+  if (!state.stateful) forget_all();
   return true;
 }
 

@@ -42,6 +42,7 @@ class Store : public RuntimeTest, public ::testing::WithParamInterface<bool> {
  protected:
   void SetUp() override {
     RuntimeTest::SetUp();
+    ref::set_stateful_restart(true);
     if (GetParam()) {
       ASSERT_TRUE(ref::pss_use_directory(directory_.path));
     }
@@ -222,6 +223,30 @@ TEST_P(StoreDirectory, WhatIsNoStoreIsRefused) {
   std::ofstream(other.path + "/data.mdb") << std::string(10000, 'x');
   EXPECT_FALSE(ref::pss_use_directory(other.path));
   EXPECT_NE(put(key_of(16, 0, 0), {}), 0);  // memory serves
+}
+
+TEST_P(StoreDirectory, ACutFileIsRefused) {
+  for (uint32_t i = 0; i < 500; i++) put(key_of(16, 1, i), Bytes(100, 7));
+  ref::pss_flush();
+  ref::pss_use_memory();
+  const std::string file = directory_.path + "/data.mdb";
+  const auto size = std::filesystem::file_size(file);
+  for (const uintmax_t left : {size - 1, size - 4096, uintmax_t{5000}}) {
+    std::filesystem::resize_file(file, left);
+    EXPECT_FALSE(ref::pss_use_directory(directory_.path)) << left << " of " << size << " bytes";
+  }
+}
+
+TEST_P(StoreDirectory, AColdStartForgetsWhatIsStored) {
+  put(key_of(16, 1, 1), {1});
+  ref::pss_flush();
+  ref::set_stateful_restart(false);
+  ASSERT_TRUE(ref::pss_use_directory(directory_.path));
+  EXPECT_TRUE(ref::pss_records().empty());
+  ref::pss_flush();
+  ref::set_stateful_restart(true);
+  ASSERT_TRUE(ref::pss_use_directory(directory_.path));
+  EXPECT_TRUE(ref::pss_records().empty());
 }
 
 }  // namespace
