@@ -114,7 +114,10 @@ void Router::stop() {
 bool Router::follow_feature() {
   const bool wanted = running_.feature_mvpn();
   ref::set_feature_configured(wanted);
-  if (!wanted) stop_module();
+  if (!wanted) {
+    stop_module();
+    ref::bgp_forget_local();
+  }
   return !wanted || module_runs_ || start_module();
 }
 

@@ -262,6 +262,13 @@ void bgp_end_of_rib() {
 
 void bgp_request_local() { deliver(MTS_OPC_MVPN_BGP_MDT_SAFI_LOCAL_REQUEST, nullptr, 0); }
 
+void bgp_forget_local() {
+  const std::vector<MdtSafi> withdrawn = bgp_local_entries();
+  state.local.clear();
+  if (!state.sink) return;
+  for (const MdtSafi &entry : withdrawn) state.sink(entry, false);
+}
+
 void set_bgp_local_sink(std::function<void(const MdtSafi &, bool)> sink) { state.sink = std::move(sink); }
 
 void *bgp_make_connector_attribute(const uint8_t *rd, ip_addr_t source) {

@@ -293,6 +293,8 @@ void bgp_add_remote(const std::vector<MdtSafi> &entries);
 void bgp_withdraw_remote(const std::vector<MdtSafi> &entries);
 void bgp_end_of_rib();
 void bgp_request_local();  // asks the module for all local entries
+// Withdraws what the module has advertised: it has gone and tells BGP nothing any more.
+void bgp_forget_local();
 // Called when the module advertises (add) or withdraws an entry; how the link to other PEs learns of it.
 void set_bgp_local_sink(std::function<void(const MdtSafi &entry, bool add)> sink);
 // Makes a connector attribute that carries these; valid until reset().

@@ -102,6 +102,11 @@ TEST_F(BgpTest, ModuleAdvertisesAndWithdraws) {
   send_local(safi, 0);
   EXPECT_TRUE(ref::bgp_local_entries().empty());
   EXPECT_EQ(changes, (Texts{"+" + safi.vrf_name + " 0:1", "-" + safi.vrf_name + " 0:1"}));
+  send_local(safi, 1);
+  changes.clear();
+  ref::bgp_forget_local();  // the module has gone
+  EXPECT_TRUE(ref::bgp_local_entries().empty());
+  EXPECT_EQ(changes, (Texts{"-" + safi.vrf_name + " 0:1"}));
 }
 
 TEST_F(BgpTest, CountBeyondThePayloadIsClipped) {
