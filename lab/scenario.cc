@@ -3,6 +3,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <regex>
+#include <set>
 #include <stdexcept>
 
 namespace lab {
@@ -34,7 +35,15 @@ void read_expectation(const json &object, Step *step) {
   (void)std::regex(step->pattern);
 }
 
+void refuse_unknown_words(const json &object) {
+  static const std::set<std::string> known{"say",    "wait",  "on",     "command", "print",   "expect", "matches",
+                                           "absent", "times", "within", "start",   "restart", "stop",   "kill"};
+  for (const auto &[word, value] : object.items())
+    if (!known.contains(word)) throw std::runtime_error("'" + word + "' is not known here");
+}
+
 Step read_step(const Scenario &scenario, const json &object) {
+  refuse_unknown_words(object);
   Step step;
   if (object.contains("say")) {
     step.text = object["say"].get<std::string>();
@@ -58,9 +67,27 @@ Step read_step(const Scenario &scenario, const json &object) {
     step.kind = Step::Kind::kill;
     step.text = pe_of(scenario, object["kill"]);
   } else {
-    throw std::runtime_error("a step that does nothing: " + object.dump());
+    throw std::runtime_error("a step that does nothing");
   }
   return step;
+}
+
+// What went wrong, without the library's own mark in front.
+std::string reason(const std::exception &error) {
+  const std::string text = error.what();
+  const size_t mark = text.starts_with("[json.exception") ? text.find("] ") : std::string::npos;
+  return mark == std::string::npos ? text : text.substr(mark + 2);
+}
+
+void read_steps(const json &steps, Scenario *scenario) {
+  for (const json &step : steps) {
+    try {
+      scenario->steps.push_back(read_step(*scenario, step));
+    } catch (const std::exception &error) {
+      const std::string number = std::to_string(scenario->steps.size() + 1);
+      throw std::runtime_error("step " + number + ", " + step.dump() + ": " + reason(error));
+    }
+  }
 }
 
 }  // namespace
@@ -75,10 +102,10 @@ Scenario read_scenario(const std::string &path) {
     scenario.clock_scale = file.value("clock_scale", 1.0);
     scenario.reflector = file.value("reflector", std::string());
     for (const auto &[name, pe] : file.at("pes").items()) scenario.configs[name] = pe.at("config").get<std::string>();
-    for (const json &step : file.at("steps")) scenario.steps.push_back(read_step(scenario, step));
+    read_steps(file.at("steps"), &scenario);
     return scenario;
   } catch (const std::exception &error) {
-    throw std::runtime_error(path + ": " + error.what());
+    throw std::runtime_error(path + ": " + reason(error));
   }
 }
 
