@@ -44,7 +44,7 @@ void Reflector::greet(Peer &peer, const Hello &hello) {
   for (auto &[number, other] : peers_)
     if (other.name == hello.name) {
       const std::shared_ptr<Connection> older = other.connection;
-      older->close("the PE has connected again");
+      older->close("a PE of this name has connected again");
       break;
     }
   peer.name = hello.name;

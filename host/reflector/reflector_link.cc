@@ -61,7 +61,6 @@ void ReflectorLink::retry(const std::string &reason) {
 
 void ReflectorLink::receive(const Message &message) {
   if (std::holds_alternative<Hello>(message)) {
-    retry_ = kFirstRetry;
     callbacks_.log("connected to the reflector");
   } else if (const auto *update = std::get_if<Update>(&message)) {
     for (const Change &change : update->changes) {
@@ -73,6 +72,9 @@ void ReflectorLink::receive(const Message &message) {
     callbacks_.changes(update->changes);
   } else if (std::holds_alternative<EndOfRib>(message)) {
     callbacks_.end_of_rib();
+  } else if (std::holds_alternative<Keepalive>(message)) {
+    // The connection has lasted: two PEs of one name, which throw each other out at once, do not get here.
+    retry_ = kFirstRetry;
   }
 }
 

@@ -54,7 +54,7 @@ void Connection::handle_frame(size_t length) {
   std::string error;
   const auto message = decode({in_.data(), length}, &error);
   if (!message) return close(error);
-  if (!std::holds_alternative<Keepalive>(*message) && handlers_.message) handlers_.message(*message);
+  if (handlers_.message) handlers_.message(*message);
 }
 
 void Connection::send(const Message &message) {
