@@ -212,6 +212,11 @@ TEST_F(Pool, PersistedChoicesAreReusedOnlyWhenTheyFit) {
     EXPECT_EQ(switched(croute, "239.2.0.0"), c.expected);
     const auto *record = croute->send_join_info;
     EXPECT_EQ(mvpn->mdt_encap_group[record->encap_index], record->group);
+    uint16_t stored_index = 0;
+    ip_addr_t stored_group = 0;
+    EXPECT_EQ(mvpn_ha_get_encap_info(mvpn, &croute->addrs, &stored_index, &stored_group), 1);
+    EXPECT_EQ(stored_index, record->encap_index);
+    EXPECT_EQ(stored_group, record->group);
     EXPECT_EQ(mvpn->mdt_encap_group[MVPN_ENCAP_INDEX_DEFAULT], addr("239.1.1.1"));
     EXPECT_EQ(debug_count("Data mdt Group " + dotted(c.group) + " doesn't fall in 239.2.0.0"),
               (c.group & 0xFFFF0000) == prefix ? 0u : 1u);
@@ -312,6 +317,18 @@ TEST_F(Pool, TheDefaultIndexIsNeverGivenToAFlow) {
   check_invariants();
 }
 
+// A range may hold the default group, when it was configured before it.
+TEST_F(Pool, TheDefaultGroupIsNeverGivenToAFlow) {
+  mvpn_cibtype *mvpn = start_red();
+  range("239.2.0.0/31");
+  mvpn_set_mdt_default_group(mvpn, addr("239.2.0.0"));
+  EXPECT_EQ(switched(flow("172.16.9.1", "225.0.0.1"), "239.2.0.0"), "1@2");
+  EXPECT_EQ(switched(flow("172.16.9.1", "225.0.0.2"), "239.2.0.0"), "1@2");
+  mvpn_set_mdt_default_group(mvpn, addr("239.2.0.1"));
+  EXPECT_EQ(switched(flow("172.16.9.1", "225.0.0.3"), "239.2.0.0"), "0@3");
+  mvpn_set_mdt_default_group(mvpn, addr("239.1.1.1"));
+}
+
 TEST_F(Pool, RemovingARangeMovesItsFlowsOff) {
   mvpn_cibtype *mvpn = start_red();
   range("239.2.0.0/32");
@@ -323,12 +340,18 @@ TEST_F(Pool, RemovingARangeMovesItsFlowsOff) {
   lost.rpf_neighbor = 0;
   set(lost);
   ASSERT_EQ(choice(flows[1], "239.2.0.0"), "0@2");
+  // Another is between its announcement and its switchover.
+  flows.push_back(flow("172.16.9.1", "225.0.0.4"));
+  check(flows.back());
+  ASSERT_EQ(flows.back()->send_join_info->state, MVPN_DATA_MDT_STATE_SWITCHOVER_PENDING);
   trace::start();
   no_range("239.2.0.0/32");
+  mvpn_process_data_mdt_switchover_expiry(mvpn);
   for (pim_route *croute : flows) {
     EXPECT_EQ(choice(croute, "239.2.0.0"), "default");
     EXPECT_EQ(croute->send_join_info->config, nullptr);
     EXPECT_EQ(croute->send_join_info->mdt_route, nullptr);
+    EXPECT_EQ(croute->send_join_info->state, MVPN_DATA_MDT_STATE_DEFAULT);
   }
   EXPECT_EQ(data_encaps(), 0u);
   EXPECT_TRUE(ref::pss_records().empty());

@@ -300,10 +300,11 @@ void mvpn_process_clear_route_notify(pim_cibtype *pcib, const void *entries, uin
 void mvpn_mrib_repopulate_mdt_routes(vrf_context_id_t context_id, const mvpn_mdt_route_addrs *filter,
                                      uint32_t route_type);
 
-// A core route of the host is about to change: releases what depends on it.
+// A core route of the host is about to change: releases what depends on it. Yields.
 void mvpn_free_dependent_route_resources(pim_cibtype *pcib, const pim_core_route *core_route);
 
-// Customer routes. croute: the host's record, key: its address.
+// Customer routes. croute: the host's record, key: its address. Changes of the reverse path and the mapping of a local
+// source may announce a flow, which yields.
 void mvpn_process_mrib_join_notify(pim_cibtype *pcib, const mvpn_mdt_route_addrs *key, pim_route *croute);
 void mvpn_process_mrib_prune_notify(pim_cibtype *pcib, const mvpn_mdt_route_addrs *key, pim_route *croute);
 void mvpn_process_pim_route_delete(pim_cibtype *pcib, const mvpn_mdt_route_addrs *key, pim_route *croute);

@@ -70,12 +70,14 @@ uint32_t find_index(const mvpn_cibtype *mvpn, ip_addr_t group) {
 }
 
 // The slot that a new flow gets: the least used of all while an index is free, else the least used of those in use; the
-// lowest on ties.
-uint32_t choose_slot(const mvpn_data_mdt_range *range, bool index_is_free) {
+// lowest on ties. Not the default group's, which a range may hold when it was configured first: the last flow to leave
+// would take the default MDT with it.
+uint32_t choose_slot(const mvpn_cibtype *mvpn, const mvpn_data_mdt_range *range, bool index_is_free) {
   uint32_t best = 0;
   bool found = false;
   for (uint32_t slot = 0; slot < pool_size(range); slot++) {
     const uint32_t count = range->group_refcount[slot];
+    if (range->prefix + slot == mvpn->mdt_default_group) continue;
     if (!index_is_free && count == 0) continue;
     if (found && count >= range->group_refcount[best]) continue;
     best = slot;
@@ -96,6 +98,7 @@ bool take_persisted(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, mvpn_da
                ip_print_prefix(range->prefix, range->masklen));
     return false;
   }
+  if (group == mvpn->mdt_default_group) return false;
   uint32_t used = find_index(mvpn, group);
   if (used == MVPN_ENCAP_INDEXES) {
     if (index < MVPN_ENCAP_INDEX_FIRST_DATA || index >= MVPN_ENCAP_INDEXES || mvpn->mdt_encap_group[index] != 0)
@@ -106,6 +109,8 @@ bool take_persisted(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, mvpn_da
   // A group beyond the first 1024 of its range has no count.
   const uint32_t slot = mvpn_data_mdt_pool_slot(range, group);
   if (slot < MVPN_DATA_MDT_POOL_GROUPS) range->group_refcount[slot]++;
+  // The store follows: after the recovery period a record of another index would be taken for nobody's.
+  if (used != index) mvpn_ha_add_encap_info(mvpn, key, used, group);
   *choice = {group, used};
   return true;
 }
@@ -113,8 +118,9 @@ bool take_persisted(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, mvpn_da
 bool take_fresh(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, mvpn_data_mdt_range *range,
                 mvpn_data_mdt_choice *choice) {
   const uint32_t free_index = find_index(mvpn, 0);
-  const uint32_t slot = choose_slot(range, free_index < MVPN_ENCAP_INDEXES);
+  const uint32_t slot = choose_slot(mvpn, range, free_index < MVPN_ENCAP_INDEXES);
   const ip_addr_t group = range->prefix + slot;
+  if (group == mvpn->mdt_default_group) return false;  // the range has no other
   uint32_t index = range->group_refcount[slot] != 0 ? find_index(mvpn, group) : MVPN_ENCAP_INDEXES;
   if (index == MVPN_ENCAP_INDEXES) {
     // Not in use: a free index, when there is one and the MRIB takes it.
@@ -309,6 +315,9 @@ int mvpn_create_data_mdt_send_join_info(mvpn_cibtype *mvpn, pim_route *croute) {
 void mvpn_init_data_mdt_send_join_info(mvpn_cibtype *mvpn, pim_route *croute, mvpn_data_mdt_send_join_info *record) {
   // A record that still refers to a core route gives its group back first, or the route would keep the flow.
   mvpn_release_data_mdt_group(mvpn, croute, &croute->addrs, 1, trace_last_flow);
+  // Nor does a switchover that had begun end any more: it would leave the flow active without a group.
+  if (mvpn_switchover_entry *entry = mvpn_get_entry_from_switchover_cache(mvpn, croute))
+    mvpn_delete_entry_from_switchover_cache(mvpn, entry);
   *record = {};
   MVPN_DEBUG(mvpn->pcib, "Initializing encap index for route %s to 0", mrib_print_addrs(&croute->addrs));
   const bool sent = bitfield_test(&croute->oifs, mvpn->mti_iod) != 0;

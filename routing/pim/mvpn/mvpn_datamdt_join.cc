@@ -379,7 +379,8 @@ void mvpn_process_data_mdt_join(uint16_t iod, size_t n) {
   const int remaining = static_cast<int>(n) - static_cast<int>(header);
   MVPN_DEBUG(mvpn->pcib, "MDT Join: Peer = %s Header length = %d Actual data = %d", ip_print_addr(peer),
              static_cast<int>(header), remaining);
-  if (remaining < 1) return;
+  // Nobody sends from no address: such an announcement would be taken for any PE's.
+  if (remaining < 1 || peer == 0) return;
   // A last part shorter than an entry holds none.
   take_entries(mvpn, datagram + header, static_cast<uint32_t>(remaining), peer);
 }

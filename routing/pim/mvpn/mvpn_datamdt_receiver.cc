@@ -10,7 +10,8 @@
 // each kind of customer route that it is installed for. A core route of a default MDT is never deleted from here, even
 // when an announcement names its group.
 //
-// Nothing here yields but the destruction of a whole cache and the clean-up after a core route.
+// What yields: the destruction of a whole cache, the clean-up after a core route, and the changes of a route's reverse
+// path, which may map it onto the sending side as well.
 #include <algorithm>
 #include <cstring>
 
@@ -73,15 +74,17 @@ void delete_unused_route(mvpn_cibtype *mvpn, const mvpn_mdt_route *route) {
     mvpn_mdt_delete_route_resources(mvpn, route->source, route->group, 1);
 }
 
-// Takes an announcement off its core route; the route of a data MDT goes with its last referer.
-void leave_route(mvpn_cibtype *mvpn, Record *record) {
+mvpn_mdt_route_addrs announced_flow(const Record *record) {
+  return record->c_src != 0 ? s_g_addrs(record->c_src, record->c_grp) : star_g_addrs(record->c_grp);
+}
+
+// Takes an announcement off its core route for the sake of a flow; the route of a data MDT goes with its last referer.
+void leave_route(mvpn_cibtype *mvpn, Record *record, const mvpn_mdt_route_addrs &flow) {
   mvpn_mdt_route *route = record->mdt_route;
   if (route == nullptr) return;
   mvpn_mdt_mroute_delink_referer(route, record);
   clear_route(mvpn, record);
   if (mvpn_mdt_mroute_has_referer(route) != 0) return;
-  const mvpn_mdt_route_addrs flow =
-      record->c_src != 0 ? s_g_addrs(record->c_src, record->c_grp) : star_g_addrs(record->c_grp);
   MVPN_DEBUG(mvpn->pcib, "Route %s is unmapped from remote source for (%s, %s)", mrib_print_addrs(&flow),
              ip_print_addr(route->source), ip_print_addr(route->group));
   delete_unused_route(mvpn, route);
@@ -90,7 +93,7 @@ void leave_route(mvpn_cibtype *mvpn, Record *record) {
 bool join_route(mvpn_cibtype *mvpn, Record *record, mvpn_mdt_route *route) {
   if (record->mdt_route == route) return true;
   const uint32_t flags = record->flags;
-  leave_route(mvpn, record);
+  leave_route(mvpn, record, announced_flow(record));
   if (mvpn_mdt_mroute_link_referer(route, record) == 0) {
     delete_unused_route(mvpn, route);
     return false;
@@ -234,7 +237,7 @@ void mvpn_destroy_data_mdt_recv_join_info(mvpn_cibtype *mvpn, Record *record) {
     mvpn->data_mdt_recv_count--;
   mvpn_data_mdt_unmap_remote_source_from_receiver(mvpn, record);
   // A customer route that vanished without a withdrawal was not found: the core route must not keep the record.
-  leave_route(mvpn, record);
+  leave_route(mvpn, record, announced_flow(record));
   slab_free(mvpn_slabs[MVPN_SLAB_RECV_JOIN_INFO], record);
 }
 
@@ -297,9 +300,9 @@ int mvpn_install_remote_data_mdt(mvpn_cibtype *mvpn, pim_route *croute, Record *
 }
 
 void mvpn_uninstall_remote_data_mdt(mvpn_cibtype *mvpn, Record *record, const pim_route *croute,
-                                    const mvpn_mdt_route_addrs *) {
+                                    const mvpn_mdt_route_addrs *key) {
   record->flags &= ~flag_of(croute);
-  if (record->flags == 0) leave_route(mvpn, record);
+  if (record->flags == 0) leave_route(mvpn, record, *key);
 }
 
 int mvpn_match_remote_data_mdt(const mvpn_mdt_route_addrs *key, const Record *record) {
