@@ -6,6 +6,9 @@
 
 #include "runner.h"
 
+// Exit status.
+constexpr int kUsage = 2;
+
 int main(int argc, char **argv) {
   CLI::App app{"Plays a scenario with several PEs and tells whether what was expected happened."};
   std::string file;
@@ -17,10 +20,15 @@ int main(int argc, char **argv) {
   app.add_option("--bin", options.binaries, "folder of the programs")->capture_default_str();
   app.add_option("--project", options.project, "folder that configuration files are relative to")
       ->capture_default_str();
-  app.add_option("--work", options.work, "folder for stores, sockets, captures and logs, which stays; default: a new one");
+  app.add_option("--work", options.work,
+                 "folder for stores, sockets, captures and logs, which stays; default: a new one");
   app.add_option("--clock-scale", options.clock_scale, "platform seconds per second, in place of the scenario's");
   app.add_flag("--keep", keep, "keep the new folder even when everything held");
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &error) {
+    return app.exit(error) == 0 ? 0 : kUsage;
+  }
   try {
     const bool own_folder = options.work.empty();
     if (own_folder) {

@@ -19,6 +19,8 @@ boost::asio::ip::tcp::endpoint parse_endpoint(const std::string &text) {
   return {address, static_cast<uint16_t>(std::stoul(port))};
 }
 
+constexpr int kUsage = 2;  // exit status
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -30,16 +32,18 @@ int main(int argc, char **argv) {
   try {
     app.parse(argc, argv);
     boost::asio::io_context io;
-    safi::Reflector reflector(io, parse_endpoint(listen), [quiet](const std::string &text) {
+    boost::asio::ip::tcp::endpoint endpoint = parse_endpoint(listen);
+    safi::Reflector reflector(io, endpoint, [quiet](const std::string &text) {
       if (!quiet) std::cout << "mdt-reflector: " << text << std::endl;
     });
-    std::cout << "mdt-reflector: listening on port " << reflector.port() << std::endl;
+    endpoint.port(reflector.port());
+    std::cout << "mdt-reflector: listening on " << endpoint << std::endl;
     boost::asio::signal_set signals(io, SIGINT, SIGTERM);
     signals.async_wait([&io](const boost::system::error_code &, int) { io.stop(); });
     io.run();
     return 0;
   } catch (const CLI::ParseError &error) {
-    return app.exit(error);
+    return app.exit(error) == 0 ? 0 : kUsage;
   } catch (const std::exception &error) {
     std::cerr << "mdt-reflector: " << error.what() << '\n';
     return 1;
