@@ -3,6 +3,7 @@
 #include "links.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 namespace host {
@@ -42,10 +43,26 @@ std::vector<safi::Entry> local_entries() {
   return entries;
 }
 
+// What the reflector knows this PE by: several may be called alike, or not at all.
+std::string name_of(const Config &config) {
+  const Block *bgp = config.find({Mode::bgp, ""});
+  const std::string *source = bgp == nullptr ? nullptr : bgp->value(Command::update_source, "interface");
+  const Block *interface = source == nullptr ? nullptr : config.find({Mode::interface, *source});
+  const std::string *address = interface == nullptr ? nullptr : interface->value(Command::ip_address, "address");
+  return config.hostname() + (address == nullptr ? "" : " " + *address);
+}
+
+constexpr std::chrono::seconds kCarrierRetry{5};
+constexpr const char *kCarrierRetryText = "5 seconds";
+
 }  // namespace
 
 Links::Links(Loop &loop, std::string capture, Log log)
-    : loop_(loop), capture_(std::move(capture)), log_(std::move(log)), carrier_socket_(loop.io()) {
+    : loop_(loop),
+      capture_(std::move(capture)),
+      log_(std::move(log)),
+      carrier_socket_(loop.io()),
+      carrier_retry_(loop.io()) {
   ref::set_bgp_local_sink([this](const ref::MdtSafi &safi, bool add) {
     if (reflector_) reflector_->local_change(to_entry(safi), add);
   });
@@ -65,7 +82,7 @@ void Links::follow(const Config &config) {
   if (wanted != carrier_wanted_) {
     close_carrier();
     carrier_wanted_ = wanted;
-    if (listen != nullptr) open_carrier(*listen, {wanted.begin() + 1, wanted.end()});
+    open_carrier();
   }
   const Block *bgp = config.find({Mode::bgp, ""});
   const std::string *endpoint = bgp == nullptr ? nullptr : bgp->value(Command::reflector, "endpoint");
@@ -73,7 +90,7 @@ void Links::follow(const Config &config) {
   if (reflector == reflector_wanted_) return;
   close_reflector();
   reflector_wanted_ = reflector;
-  if (endpoint != nullptr) open_reflector(reflector, config.hostname());
+  if (endpoint != nullptr) open_reflector(reflector, name_of(config));
 }
 
 void Links::close() {
@@ -81,15 +98,20 @@ void Links::close() {
   close_carrier();
 }
 
-void Links::open_carrier(const std::string &endpoint, const std::vector<std::string> &peers) {
+void Links::open_carrier() {
+  if (carrier_wanted_.empty()) return;
+  const std::string &endpoint = carrier_wanted_.front();
   const EndpointValue own = endpoint_value(endpoint);
   ref::GreUdpCarrier::Config config;
   config.local = address_value(own.address);
   config.port = own.port;
-  for (const std::string &peer : peers) config.peers.push_back(address_value(endpoint_value(peer).address));
+  for (auto peer = carrier_wanted_.begin() + 1; peer != carrier_wanted_.end(); ++peer)
+    config.peers.push_back(address_value(endpoint_value(*peer).address));
   std::string error;
   std::unique_ptr<ref::GreUdpCarrier> carrier = ref::GreUdpCarrier::open(config, &error);
-  if (!carrier) return log_("core carrier " + endpoint + ": " + error);
+  if (!carrier) return retry_carrier(endpoint + ": " + error);
+  if (carrier_failed_) log_("core carrier " + endpoint + ": open");
+  carrier_failed_ = false;
   if (!capture_.empty() && !carrier->set_capture(capture_)) log_("cannot write the capture " + capture_);
   carrier_ = carrier.get();
   ref::use_carrier(std::move(carrier));
@@ -97,8 +119,22 @@ void Links::open_carrier(const std::string &endpoint, const std::vector<std::str
   watch_carrier();
 }
 
+// Its address or port may be free later.
+void Links::retry_carrier(const std::string &reason) {
+  if (!carrier_failed_) log_("core carrier " + reason + ", tried again every " + kCarrierRetryText);
+  carrier_failed_ = true;
+  carrier_retry_.expires_after(kCarrierRetry);
+  carrier_retry_.async_wait([this](const boost::system::error_code &error) {
+    if (error) return;
+    Loop::Turn turn(loop_);
+    open_carrier();
+  });
+}
+
 void Links::close_carrier() {
   carrier_wanted_.clear();
+  carrier_retry_.cancel();
+  carrier_failed_ = false;
   if (carrier_ == nullptr) return;
   carrier_socket_.release();  // the descriptor is the carrier's
   carrier_ = nullptr;
@@ -114,7 +150,7 @@ void Links::watch_carrier() {
   });
 }
 
-void Links::open_reflector(const std::string &endpoint, const std::string &hostname) {
+void Links::open_reflector(const std::string &endpoint, const std::string &name) {
   const EndpointValue value = endpoint_value(endpoint);
   const asio::ip::tcp::endpoint address(asio::ip::make_address_v4(value.address), value.port);
   safi::ReflectorLink::Callbacks callbacks;
@@ -131,7 +167,7 @@ void Links::open_reflector(const std::string &endpoint, const std::string &hostn
     ref::bgp_end_of_rib();
   };
   callbacks.log = log_;
-  reflector_ = std::make_unique<safi::ReflectorLink>(loop_.io(), address, hostname, std::move(callbacks));
+  reflector_ = std::make_unique<safi::ReflectorLink>(loop_.io(), address, name, std::move(callbacks));
 }
 
 void Links::close_reflector() {

@@ -4,6 +4,7 @@
 #define HOST_LINKS_H
 
 #include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <functional>
 #include <memory>
 #include <string>
@@ -32,10 +33,11 @@ class Links {
   const ref::GreUdpCarrier *carrier() const { return carrier_; }
 
  private:
-  void open_carrier(const std::string &endpoint, const std::vector<std::string> &peers);
+  void open_carrier();
+  void retry_carrier(const std::string &reason);
   void close_carrier();
   void watch_carrier();
-  void open_reflector(const std::string &endpoint, const std::string &hostname);
+  void open_reflector(const std::string &endpoint, const std::string &name);
   void close_reflector();
 
   Loop &loop_;
@@ -43,7 +45,9 @@ class Links {
   Log log_;
   std::vector<std::string> carrier_wanted_;  // own endpoint, then the peers
   ref::GreUdpCarrier *carrier_ = nullptr;    // the platform's
+  bool carrier_failed_ = false;              // the last attempt to open it
   boost::asio::posix::stream_descriptor carrier_socket_;
+  boost::asio::steady_timer carrier_retry_;
   std::string reflector_wanted_;
   std::unique_ptr<safi::ReflectorLink> reflector_;
 };

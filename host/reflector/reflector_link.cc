@@ -51,7 +51,8 @@ void ReflectorLink::connected_to(asio::ip::tcp::socket socket) {
 }
 
 void ReflectorLink::retry(const std::string &reason) {
-  callbacks_.log("the reflector cannot be reached: " + reason);
+  if (reason != failure_) callbacks_.log("the reflector cannot be reached, tried again: " + reason);
+  failure_ = reason;
   retry_timer_.expires_after(retry_);
   retry_ = std::min(retry_ * 2, kLastRetry);
   retry_timer_.async_wait([this, alive = std::weak_ptr<int>(alive_)](const error_code &error) {
@@ -62,6 +63,7 @@ void ReflectorLink::retry(const std::string &reason) {
 void ReflectorLink::receive(const Message &message) {
   if (std::holds_alternative<Hello>(message)) {
     callbacks_.log("connected to the reflector");
+    failure_.clear();
   } else if (const auto *update = std::get_if<Update>(&message)) {
     for (const Change &change : update->changes) {
       if (change.add)

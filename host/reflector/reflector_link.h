@@ -53,6 +53,7 @@ class ReflectorLink {
   Callbacks callbacks_;
   boost::asio::steady_timer retry_timer_;
   std::chrono::milliseconds retry_ = kFirstRetry;
+  std::string failure_;  // said last; empty: connected since
   std::shared_ptr<boost::asio::ip::tcp::socket> connecting_;
   std::shared_ptr<Connection> connection_;  // null while not connected
   std::set<Entry> learnt_;
