@@ -20,6 +20,7 @@
 // Handlers keep nothing between calls, so any index is a fair question: every answer is found in one pass at most, and
 // all ordering is by comparison with the index, which need not exist.
 #include <cstring>
+#include <span>
 #include <utility>
 
 #include "im.h"
@@ -120,36 +121,59 @@ bool has_range(const mvpn_cibtype *mvpn) { return mvpn->data_mdt_config != nullp
 
 // ---------------------------------------------------------------------------------------------------------- indexes
 
-// Names of the index arguments that the tables of addresses share.
-struct index_arguments {
-  const char *group, *source, *group_type, *source_type;
+// An index argument: an address or a number, and its place in an index.
+struct index_argument {
+  const char *name;
+  ip_addr_t mvpn_snmp_index::*address;
+  int32_t mvpn_snmp_index::*number;
 };
-constexpr index_arguments mroute_arguments = {"<korvaMvpnMrouteMvrfGroup-in>", "<korvaMvpnMrouteMvrfSource-in>",
-                                              "<korvaMvpnMrouteMvrfGrpAddrType-in>",
-                                              "<korvaMvpnMrouteMvrfSrcAddrType-in>"};
-constexpr index_arguments join_send_arguments = {"<korvaMvpnMdtJnSendGroup-in>", "<korvaMvpnMdtJnSendSource-in>",
-                                                 "<korvaMvpnMdtJnSendGrpAddrType-in>",
-                                                 "<korvaMvpnMdtJnSendSrcAddrType-in>"};
-constexpr index_arguments join_receive_arguments = {"<korvaMvpnMdtJnRcvGroup-in>", "<korvaMvpnMdtJnRcvSource-in>",
-                                                    "<korvaMvpnMdtJnRcvGrpAddrType-in>",
-                                                    "<korvaMvpnMdtJnRcvSrcAddrType-in>"};
-constexpr index_arguments bgp_update_arguments = {"<korvaMvpnBgpMdtUpdateGroup-in>", "<korvaMvpnBgpMdtUpdateSource-in>",
-                                                  "<korvaMvpnBgpMdtUpdGrpAddrType-in>",
-                                                  "<korvaMvpnBgpMdtUpdSrcAddrType-in>"};
 
-mvpn_snmp_index read_index(cli_command *command, const index_arguments &names) {
-  mvpn_snmp_index index;
-  cli_get_ipaddr(command, names.group, &index.group);
-  cli_get_ipaddr(command, names.source, &index.source);
-  cli_get_integer(command, names.group_type, &index.group_type);
-  cli_get_integer(command, names.source_type, &index.source_type);
-  return index;
+constexpr index_argument address_of(const char *name, ip_addr_t mvpn_snmp_index::*place) {
+  return {name, place, nullptr};
+}
+constexpr index_argument number_of(const char *name, int32_t mvpn_snmp_index::*place) { return {name, nullptr, place}; }
+
+constexpr index_argument mroute_arguments[] = {
+    address_of("<korvaMvpnMrouteMvrfGroup-in>", &mvpn_snmp_index::group),
+    address_of("<korvaMvpnMrouteMvrfSource-in>", &mvpn_snmp_index::source),
+    number_of("<korvaMvpnMrouteUpDownStreamInfo-in>", &mvpn_snmp_index::direction),
+    number_of("<korvaMvpnMrouteMvrfGrpAddrType-in>", &mvpn_snmp_index::group_type),
+    number_of("<korvaMvpnMrouteMvrfSrcAddrType-in>", &mvpn_snmp_index::source_type),
+};
+constexpr index_argument join_send_arguments[] = {
+    address_of("<korvaMvpnMdtJnSendGroup-in>", &mvpn_snmp_index::group),
+    address_of("<korvaMvpnMdtJnSendSource-in>", &mvpn_snmp_index::source),
+    number_of("<korvaMvpnMdtJnSendGrpAddrType-in>", &mvpn_snmp_index::group_type),
+    number_of("<korvaMvpnMdtJnSendSrcAddrType-in>", &mvpn_snmp_index::source_type),
+};
+constexpr index_argument join_receive_arguments[] = {
+    address_of("<korvaMvpnMdtJnRcvGroup-in>", &mvpn_snmp_index::group),
+    address_of("<korvaMvpnMdtJnRcvSource-in>", &mvpn_snmp_index::source),
+    number_of("<korvaMvpnMdtJnRcvGrpAddrType-in>", &mvpn_snmp_index::group_type),
+    number_of("<korvaMvpnMdtJnRcvSrcAddrType-in>", &mvpn_snmp_index::source_type),
+};
+constexpr index_argument bgp_update_arguments[] = {
+    address_of("<korvaMvpnBgpMdtUpdateSource-in>", &mvpn_snmp_index::source),
+    address_of("<korvaMvpnBgpMdtUpdateGroup-in>", &mvpn_snmp_index::group),
+    number_of("<korvaMvpnBgpMdtUpdGrpAddrType-in>", &mvpn_snmp_index::group_type),
+    number_of("<korvaMvpnBgpMdtUpdSrcAddrType-in>", &mvpn_snmp_index::source_type),
+};
+
+// What is absent keeps the index's own default.
+void read_arguments(cli_command *command, std::span<const index_argument> arguments, mvpn_snmp_index *index) {
+  for (const index_argument &argument : arguments) {
+    if (argument.address != nullptr)
+      cli_get_ipaddr(command, argument.name, &(index->*argument.address));
+    else
+      cli_get_integer(command, argument.name, &(index->*argument.number));
+  }
 }
 
-// The same of a table that has rows per VRF.
-mvpn_snmp_index read_vrf_index(cli_command *command, const index_arguments &names) {
-  mvpn_snmp_index index = read_index(command, names);
+// An index of a table that has rows per VRF.
+mvpn_snmp_index read_vrf_index(cli_command *command, std::span<const index_argument> arguments) {
+  mvpn_snmp_index index;
   index.vrf_name = vrf_name_argument(command);
+  read_arguments(command, arguments, &index);
   return index;
 }
 
@@ -567,8 +591,7 @@ int mvpn_show_snmp_korva_tunnel_table_command(cli_command *command) {
 }
 
 int mvpn_show_snmp_korva_mroute_mdt_table_command(cli_command *command) {
-  mvpn_snmp_index index = read_vrf_index(command, mroute_arguments);
-  cli_get_integer(command, "<korvaMvpnMrouteUpDownStreamInfo-in>", &index.direction);
+  const mvpn_snmp_index index = read_vrf_index(command, mroute_arguments);
   return cli_is_getnext(command) ? mvpn_show_mvpn_mroute_mdt_table_next(command, index)
                                  : mvpn_show_mvpn_mroute_mdt_table_get(command, index);
 }
@@ -590,7 +613,8 @@ int mvpn_show_snmp_korva_mdt_jn_rcv_table_command(cli_command *command) {
 
 int mvpn_show_snmp_korva_bgp_mdt_update_table_command(cli_command *command) {
   if (!mvpn_is_up()) return CLI_RESULT_OK;
-  const mvpn_snmp_index index = read_index(command, bgp_update_arguments);
+  mvpn_snmp_index index;
+  read_arguments(command, bgp_update_arguments, &index);
   const bool getnext = cli_is_getnext(command) != 0;
   if (!getnext && !has_address_types(index)) return CLI_RESULT_OK;
   const mvpn_bgp_mdt_safi *entry = find_bgp_update(index.group, index.source, getnext);
