@@ -36,6 +36,10 @@ struct Build : Word {
     enters = mode;
     return std::move(*this);
   }
+  Build names_a(NameKind what) && {
+    names = what;
+    return std::move(*this);
+  }
   Build identifies() && {
     key = true;
     return std::move(*this);
@@ -89,13 +93,15 @@ constexpr uint64_t kMax32 = UINT32_MAX;
 constexpr uint64_t kMaxTableId = 0xFFFFFF;
 constexpr uint64_t kMaxRate = 100'000'000;  // kbps
 
-Build vrf_name(std::string help) { return argument(ValueType::name, "NAME", "vrf", std::move(help)); }
+Build vrf_name(std::string name, std::string help) {
+  return argument(ValueType::name, "NAME", std::move(name), std::move(help)).names_a(NameKind::vrf);
+}
 Build interface_name(std::string name, std::string help) {
-  return argument(ValueType::interface, "INTERFACE", std::move(name), std::move(help));
+  return argument(ValueType::interface, "INTERFACE", std::move(name), std::move(help)).names_a(NameKind::interface);
 }
 
 // Options that several commands share.
-Word vrf_option() { return keyword("vrf", "One VRF instead of all").then({vrf_name("Name of the VRF")}); }
+Word vrf_option() { return keyword("vrf", "One VRF instead of all").then({vrf_name("vrf", "Name of the VRF")}); }
 Word detail_option() { return flag("detail", "Everything about each entry"); }
 
 std::vector<Word> global_words() {
@@ -138,8 +144,7 @@ std::vector<Word> global_words() {
           .then(
               {interface_name("name", "Name of the interface").runs(Command::interface_block).opens(Mode::interface)}),
       keyword("vrf", "VPN routing and forwarding instances")
-          .then(
-              {argument(ValueType::name, "NAME", "name", "Name of the VRF").runs(Command::vrf_block).opens(Mode::vrf)}),
+          .then({vrf_name("name", "Name of the VRF").runs(Command::vrf_block).opens(Mode::vrf)}),
       keyword("bgp", "BGP, which carries MDT SAFI entries").runs(Command::bgp_block).opens(Mode::bgp),
   };
 }
@@ -148,7 +153,7 @@ std::vector<Word> pim_words() {
   const auto range = [](std::string word, std::string help, Command command) {
     return keyword(std::move(word), std::move(help))
         .then({keyword("range", "Range of groups")
-                   .then({argument(ValueType::prefix, "PREFIX", "prefix", "Groups, A.B.C.D/LENGTH")
+                   .then({argument(ValueType::groups, "PREFIX", "prefix", "Groups, A.B.C.D/LENGTH")
                               .identifies()
                               .runs(command)})});
   };
@@ -180,11 +185,11 @@ std::vector<Word> core_words() {
 std::vector<Word> interface_words() {
   return {
       keyword("vrf", "VRF that the interface belongs to; none: the core")
-          .then({argument(ValueType::name, "NAME", "name", "Name of the VRF").runs(Command::interface_vrf)})
+          .then({vrf_name("name", "Name of the VRF").runs(Command::interface_vrf)})
           .undone(Command::interface_vrf),
       keyword("ip", "IPv4")
           .then({keyword("address", "Address of the interface")
-                     .then({argument(ValueType::address, "A.B.C.D", "address", "Address").runs(Command::ip_address)})
+                     .then({argument(ValueType::unicast, "A.B.C.D", "address", "Address").runs(Command::ip_address)})
                      .undone(Command::ip_address)}),
       keyword("shutdown", "Takes the interface down").runs(Command::shutdown),
   };
@@ -244,7 +249,7 @@ Word mroute_words() {
                    .with({keyword("iif", "Where the flow comes in")
                               .then({interface_name("iif", "Interface of the VRF, or mvpn for its tunnel")}),
                           keyword("rpf", "Neighbour towards the source")
-                              .then({argument(ValueType::address, "A.B.C.D", "rpf", "Address of the neighbour")}),
+                              .then({argument(ValueType::unicast, "A.B.C.D", "rpf", "Address of the neighbour")}),
                           keyword("oif", "Where the flow goes out; may be repeated")
                               .then({interface_name("oif", "Interface of the VRF, or mvpn for its tunnel")})
                               .again(),
@@ -346,7 +351,7 @@ Word show_words() {
 Word test_words() {
   const auto flow = [](std::vector<Word> behind_group) {
     return keyword("vrf", "VRF of the route")
-        .then({vrf_name("Name of the VRF")
+        .then({vrf_name("vrf", "Name of the VRF")
                    .then({argument(ValueType::source, "SOURCE", "source", "Customer source, or * for any")
                               .then({argument(ValueType::group, "GROUP", "group", "Customer group")
                                          .then(std::move(behind_group))})})});
@@ -369,7 +374,7 @@ Word test_words() {
                   {receiver("join", "Receivers appear behind an interface"), receiver("leave", "They are gone")})}),
           keyword("remote-pe", "MDT SAFI entry of a PE that exists only here")
               .then(
-                  {argument(ValueType::address, "A.B.C.D", "source", "Address of the PE")
+                  {argument(ValueType::unicast, "A.B.C.D", "source", "Address of the PE")
                        .then({argument(ValueType::rd, "RD", "rd", "Its route distinguisher")
                                   .then({argument(ValueType::group, "GROUP", "group", "Default MDT group")
                                              .then({flag("advertise", "The PE joins").runs(Command::test_remote_pe),

@@ -36,7 +36,10 @@ struct Reader {
 };
 
 void Reader::take(const Statement &statement) {
-  if (!statement.enters) return config.edit(block, statement, number);
+  if (!statement.enters) {
+    if (std::string reason = config.refusal(block, statement); !reason.empty()) return fail(std::move(reason));
+    return config.edit(block, statement, number);
+  }
   const BlockId opened = block_of(statement);
   if (statement.no) return fail("a block cannot be removed in a file");
   if (!config.open(opened, number) && is_named(opened.mode)) {
@@ -67,6 +70,7 @@ struct Checker {
   void fail(int line, std::string reason) { errors.push_back({line, std::move(reason)}); }
   void check_unique(Command command, const std::string &what);
   void check_interface_exists(const BlockId &vrf, const Line &line, const std::string &name);
+  void check_core_interface(const Line &line, const std::string &name);
   void check_interface(const BlockId &id, const Block &block);
   void check_vrf(const BlockId &id, const Block &block);
   void check_core(const Block &block);
@@ -91,15 +95,27 @@ void Checker::check_unique(Command command, const std::string &what) {
 }
 
 void Checker::check_interface_exists(const BlockId &vrf, const Line &line, const std::string &name) {
-  if (name == "mvpn") return;
+  if (std::string reason = config.why_not_in_vrf(name, vrf.name); !reason.empty()) fail(line.number, std::move(reason));
+}
+
+// Tunnels start in the core. The interface may be configured later.
+void Checker::check_core_interface(const Line &line, const std::string &name) {
   const Block *interface = config.find({Mode::interface, name});
-  if (interface == nullptr) return fail(line.number, "VRF " + vrf.name + ": there is no interface " + name);
-  const std::string *of = interface->value(Command::interface_vrf, "name");
-  if (of == nullptr || *of != vrf.name) fail(line.number, "interface " + name + " is not in VRF " + vrf.name);
+  const std::string *vrf = interface == nullptr ? nullptr : interface->value(Command::interface_vrf, "name");
+  if (vrf != nullptr) fail(line.number, "interface " + name + " is in VRF " + *vrf + ", not in the core");
+}
+
+// Names such as mti2, which the tunnel manager gives.
+bool is_tunnel_name(std::string_view name) {
+  constexpr std::string_view kPrefix = "mti";
+  return name.starts_with(kPrefix) && name.size() > kPrefix.size() &&
+         name.find_first_not_of("0123456789", kPrefix.size()) == std::string_view::npos;
 }
 
 void Checker::check_interface(const BlockId &id, const Block &block) {
   if (id.name == "mvpn") fail(block.number, "mvpn stands for a VRF's tunnel");
+  if (is_tunnel_name(id.name))
+    fail(block.number, id.name + " is a name that the tunnel manager gives to VRFs' tunnels");
   const Line *line = block.find(Command::interface_vrf);
   if (line == nullptr) return;
   const std::string &vrf = *find_argument(line->statement, "name");
@@ -108,6 +124,8 @@ void Checker::check_interface(const BlockId &id, const Block &block) {
 
 void Checker::check_vrf(const BlockId &id, const Block &block) {
   if (id.name == "default") fail(block.number, "the VRF default is the core's");
+  if (const Line *source = block.find(Command::mdt, "mdt_source_cmd"))
+    check_core_interface(*source, *find_argument(source->statement, "<interface>"));
   for (const auto &[place, line] : block.lines())
     if (line.statement.command == Command::mroute)
       for (const Argument &argument : line.statement.arguments)
@@ -157,6 +175,14 @@ void Block::erase(const std::string &key) {
     if (goes) by_key_.erase(item.second.statement.key);
     return goes;
   });
+}
+
+std::vector<const Line *> Block::matching(const std::string &key) const {
+  if (const Line *line = find_key(key)) return {line};
+  std::vector<const Line *> found;
+  for (const auto &[place, line] : lines_)
+    if (line.statement.key.starts_with(key + " ")) found.push_back(&line);
+  return found;
 }
 
 const Line *Block::find(Command command, std::string_view handler) const {
@@ -209,6 +235,21 @@ Block &Config::writable(const BlockId &id) {
   return const_cast<Block &>(*block);  // made non-const here, and shared with nobody
 }
 
+// A "no" form may leave out what identifies no line. What it does say must be so: who removes a line with another value
+// means another line.
+std::string Config::refusal(const BlockId &id, const Statement &statement) const {
+  if (statement.no == statement.on_by_default || statement.arguments.empty()) return "";
+  const Block *block = find(id);
+  const std::vector<const Line *> lines =
+      block == nullptr ? std::vector<const Line *>() : block->matching(statement.key);
+  if (lines.empty()) return "there is no line '" + statement.text + "'";
+  for (const Line *line : lines)
+    for (const Argument &argument : statement.arguments)
+      if (std::ranges::count(line->statement.arguments, argument) == 0)
+        return "there is no line '" + statement.text + "', but '" + line->statement.text + "'";
+  return "";
+}
+
 void Config::edit(const BlockId &id, const Statement &statement, int number) {
   if (statement.no == statement.on_by_default)
     writable(id).put({statement, number});
@@ -256,8 +297,18 @@ std::vector<ConfigError> Config::check() const {
     if (id.mode == Mode::interface) checker.check_interface(id, *block);
     if (id.mode == Mode::vrf) checker.check_vrf(id, *block);
     if (id.mode == Mode::core) checker.check_core(*block);
+    if (const Line *source = id.mode == Mode::bgp ? block->find(Command::update_source) : nullptr)
+      checker.check_core_interface(*source, *find_argument(source->statement, "interface"));
   }
   return std::move(checker.errors);
+}
+
+std::string Config::why_not_in_vrf(const std::string &interface, const std::string &vrf) const {
+  if (interface == "mvpn") return "";
+  const Block *block = find({Mode::interface, interface});
+  if (block == nullptr) return "VRF " + vrf + ": there is no interface " + interface;
+  const std::string *of = block->value(Command::interface_vrf, "name");
+  return of != nullptr && *of == vrf ? "" : "interface " + interface + " is not in VRF " + vrf;
 }
 
 std::string Config::print() const {

@@ -43,6 +43,8 @@ class Block {
   // with it, as whole words.
   void put(Line line);
   void erase(const std::string &key);
+  // The lines that erase() would remove.
+  std::vector<const Line *> matching(const std::string &key) const;
 
   const Line *find(Command command, std::string_view handler = {}) const;
   const Line *find_key(const std::string &key) const;
@@ -67,6 +69,10 @@ class Config {
   // Reads a file's text. Errors are appended, in line order; what is wrong is left out.
   static Config read(const std::string &text, std::vector<ConfigError> *errors);
 
+  // Why a statement cannot be applied to a block: it removes a line that is not there, or that says something else than
+  // the statement. Empty when it can.
+  std::string refusal(const BlockId &id, const Statement &statement) const;
+
   // Applies a statement to a block; the "no" form removes. Removing what is not there changes nothing.
   void edit(const BlockId &id, const Statement &statement, int number = 0);
   void remove(const BlockId &id) { blocks_.erase(id); }
@@ -82,6 +88,11 @@ class Config {
 
   // What is wrong between the lines: numbers used twice, names that lead nowhere.
   std::vector<ConfigError> check() const;
+  // Why an interface cannot be named in a VRF; empty when it can.
+  std::string why_not_in_vrf(const std::string &interface, const std::string &vrf) const;
+
+  // Whether there is anything in it.
+  bool empty() const { return blocks_.empty(); }
 
   // The configuration as a file.
   std::string print() const;

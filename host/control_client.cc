@@ -1,7 +1,8 @@
 #include "control_client.h"
 
+#include <poll.h>
+
 #include <array>
-#include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
 #include <stdexcept>
 
@@ -16,6 +17,18 @@ ControlClient::ControlClient(const std::string &path) : socket_(io_) {
   if (error) throw std::runtime_error("pimhostd cannot be reached at " + path + ": " + error.message());
 }
 
+void ControlClient::read(void *bytes, size_t size) {
+  for (size_t done = 0; done < size;) {
+    if (deadline_) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline_ - std::chrono::steady_clock::now());
+      pollfd readable{socket_.native_handle(), POLLIN, 0};
+      if (left.count() <= 0 || poll(&readable, 1, static_cast<int>(left.count())) <= 0)
+        throw std::runtime_error("pimhostd does not answer");
+    }
+    done += socket_.read_some(asio::buffer(static_cast<char *>(bytes) + done, size - done));
+  }
+}
+
 uint32_t ControlClient::execute(OutputFormat format, std::string_view line, const Take &take) {
   if (line.size() > kMaxRequest) throw std::runtime_error("the command line is too long");
   try {
@@ -23,11 +36,11 @@ uint32_t ControlClient::execute(OutputFormat format, std::string_view line, cons
     std::string body;
     for (;;) {
       std::array<uint8_t, kFrameHeaderSize> bytes;
-      asio::read(socket_, asio::buffer(bytes));
+      read(bytes.data(), bytes.size());
       FrameHeader header;
       if (!decode_header(bytes.data(), kMaxOutputFrame, &header)) throw std::runtime_error("the answer cannot be read");
       body.resize(header.body_size);
-      asio::read(socket_, asio::buffer(body));
+      read(body.data(), body.size());
       if (header.type == FrameType::end) return decode_status(body);
       if (take(header.type, body)) continue;
       socket_.close();

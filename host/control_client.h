@@ -4,7 +4,9 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
+#include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -20,10 +22,16 @@ class ControlClient {
   // Throws std::runtime_error with the path and the reason.
   explicit ControlClient(const std::string &path);
 
+  // Commands whose answer has not come in full by then are lost. Without it they may take any time.
+  void set_deadline(std::chrono::steady_clock::time_point deadline) { deadline_ = deadline; }
+
   // Runs a command line; its exit status. Throws std::runtime_error when the connection is lost.
   uint32_t execute(OutputFormat format, std::string_view line, const Take &take);
 
  private:
+  void read(void *bytes, size_t size);
+
+  std::optional<std::chrono::steady_clock::time_point> deadline_;
   boost::asio::io_context io_;
   boost::asio::local::stream_protocol::socket socket_;
 };

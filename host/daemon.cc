@@ -2,48 +2,36 @@
 // The module stops when nothing calls it any more: control socket, views, links, module.
 #include "daemon.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <fstream>
 #include <iostream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "notify.h"
 
 namespace host {
 namespace {
 
-std::vector<ConfigError> read_config(const std::string &file, Config *config) {
-  std::ifstream in(file);
-  if (!in) return {{0, std::strerror(errno)}};
-  std::ostringstream text;
-  text << in.rdbuf();
-  std::vector<ConfigError> errors;
-  *config = Config::read(text.str(), &errors);
-  for (ConfigError &error : config->check()) errors.push_back(std::move(error));
-  std::stable_sort(errors.begin(), errors.end(),
-                   [](const ConfigError &a, const ConfigError &b) { return a.line < b.line; });
-  return errors;
-}
-
-std::string described(const std::string &file, const ConfigError &error) {
-  return file + ":" + (error.line > 0 ? std::to_string(error.line) + ":" : "") + " " + error.reason;
+// A folder of the store; made when it is missing.
+void make_folder(const std::string &path) {
+  if (mkdir(path.c_str(), 0700) == 0) return;
+  struct stat status {};
+  const int error = errno;
+  if (error != EEXIST) throw std::runtime_error("--store: " + path + ": " + std::strerror(error));
+  if (stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+    throw std::runtime_error("--store: " + path + ": " + std::strerror(ENOTDIR));
 }
 
 }  // namespace
-
-std::optional<Config> load_config(const std::string &file) {
-  Config config;
-  const std::vector<ConfigError> errors = read_config(file, &config);
-  for (const ConfigError &error : errors) std::cerr << described(file, error) << '\n';
-  return errors.empty() ? std::optional(std::move(config)) : std::nullopt;
-}
 
 Daemon::Daemon(DaemonOptions options, Config config)
     : options_(std::move(options)), signals_(loop_.io(), SIGINT, SIGTERM, SIGHUP) {
@@ -53,6 +41,7 @@ Daemon::Daemon(DaemonOptions options, Config config)
   ref::set_log_sink(options_.log_to_syslog ? ref::LogSink::syslog : ref::LogSink::standard_error);
   ref::clock_use_real(options_.clock_scale.value_or(1));
   open_store();
+  check_capture();
   module.trace_buffers[0][MVPN_TRACE_SLOT] = 1;  // the event history is always kept
   Router::Options router_options;
   router_options.clock_scale = options_.clock_scale;
@@ -75,7 +64,7 @@ Daemon::Daemon(DaemonOptions options, Config config)
           work();
         },
         [this](const std::string &text) { log(text); });
-  router_->start(std::move(config));
+  for (const ConfigError &error : router_->start(std::move(config))) log(described(options_.config_file, error));
   loop_.set_turn_end([this] { router_->settle(); });
   watch_signals();
   log("serving on " + options_.control_path);
@@ -87,14 +76,34 @@ Daemon::~Daemon() { loop_.set_turn_end(nullptr); }
 void Daemon::open_store() {
   ref::set_stateful_restart(options_.stateful_restart);
   if (options_.store.empty()) return;
-  if (mkdir(options_.store.c_str(), 0700) != 0 && errno != EEXIST)
-    throw std::runtime_error(options_.store + ": " + std::strerror(errno));
+  make_folder(options_.store);
+  lock_store();
   const std::string records = options_.store + "/records";
-  if (mkdir(records.c_str(), 0700) != 0 && errno != EEXIST)
-    throw std::runtime_error(records + ": " + std::strerror(errno));
-  if (!ref::pss_use_directory(records)) throw std::runtime_error(records + ": the store cannot be opened");
-  if (!ref::oim_use_file(options_.store + "/tunnels"))
-    throw std::runtime_error(options_.store + "/tunnels: the tunnel database cannot be read");
+  make_folder(records);
+  if (!ref::pss_use_directory(records))
+    throw std::runtime_error("--store: " + records + ": the store cannot be opened");
+  const std::string tunnels = options_.store + "/tunnels";
+  if (!ref::oim_use_file(tunnels))
+    throw std::runtime_error("--store: " + tunnels + ": the tunnel database cannot be read");
+}
+
+void Daemon::check_capture() const {
+  if (options_.capture.empty()) return;
+  const int file = open(options_.capture.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+  if (file < 0) throw std::runtime_error("--capture: " + options_.capture + ": " + std::strerror(errno));
+  close(file);
+}
+
+// Held until the process ends, however it does.
+void Daemon::lock_store() {
+  const std::string path = options_.store + "/lock";
+  const int lock = open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+  if (lock < 0) throw std::runtime_error("--store: " + path + ": " + std::strerror(errno));
+  if (flock(lock, LOCK_EX | LOCK_NB) == 0) return;
+  const int error = errno;
+  close(lock);
+  throw std::runtime_error("--store: " + (error == EWOULDBLOCK ? options_.store + ": another pimhostd uses this folder"
+                                                               : path + ": " + std::strerror(error)));
 }
 
 void Daemon::run() { loop_.run(); }
@@ -108,17 +117,45 @@ void Daemon::watch_signals() {
   });
 }
 
-// A file with an error changes nothing.
+// A file with an error changes nothing. The lines that only the module can judge are tried in another process, which
+// takes its time while this one goes on.
 void Daemon::reload() {
-  Config config;
-  const std::vector<ConfigError> errors = read_config(options_.config_file, &config);
-  for (const ConfigError &error : errors) log(described(options_.config_file, error));
-  if (!errors.empty()) return log("the configuration stays as it is");
+  if (check_) {
+    reload_again_ = true;
+    return;
+  }
   notify_service_manager("RELOADING=1");
-  Loop::Turn turn(loop_);
-  const Outcome outcome = router_->replace(std::move(config));
-  if (!outcome.text.empty()) log(options_.config_file + ": " + outcome.text);
-  log(outcome.accepted ? "the configuration was read again" : "the configuration was read again, but for these lines");
+  ConfigFile file = read_config_file(options_.config_file);
+  std::vector<std::string> messages;
+  for (const ConfigError &error : file.errors) messages.push_back(described(options_.config_file, error));
+  if (!messages.empty()) return end_reload(messages, "the configuration stays as it is");
+  try {
+    check_ =
+        std::make_unique<ConfigCheck>(loop_.io(), options_.config_file, options_.module,
+                                      [this, file](const ConfigCheck::Result &result) { finish_reload(file, result); });
+  } catch (const std::runtime_error &error) {
+    end_reload({std::string("the configuration cannot be checked: ") + error.what()},
+               "the configuration stays as it is");
+  }
+}
+
+void Daemon::finish_reload(ConfigFile file, const ConfigCheck::Result &check) {
+  check_.reset();
+  // What was checked must be what was read.
+  if (std::exchange(reload_again_, false) || read_config_file(options_.config_file).text != file.text) return reload();
+  if (!check.passed) return end_reload(check.problems, "the configuration stays as it is");
+  std::vector<std::string> messages;
+  {
+    Loop::Turn turn(loop_);
+    for (const ConfigError &error : router_->replace(std::move(file.config)))
+      messages.push_back(described(options_.config_file, error));
+  }
+  end_reload(messages, messages.empty() ? "the configuration was read again" : "the former configuration is restored");
+}
+
+void Daemon::end_reload(const std::vector<std::string> &messages, const std::string &outcome) {
+  for (const std::string &message : messages) log(message);
+  log(outcome);
   notify_service_manager("READY=1");
 }
 
@@ -136,6 +173,7 @@ void Daemon::end_views() {
 void Daemon::stop() {
   notify_service_manager("STOPPING=1");
   log("stopping");
+  check_.reset();
   agentx_.reset();
   end_views();
   {

@@ -8,7 +8,8 @@
 #include <string>
 
 #include "agentx.h"
-#include "config.h"
+#include "config_check.h"
+#include "config_file.h"
 #include "control_server.h"
 #include "engine.h"
 #include "loop.h"
@@ -29,9 +30,6 @@ struct DaemonOptions {
   bool debug = false;
 };
 
-// Reads and checks a configuration file. Problems are printed on standard error as FILE:LINE: REASON; nothing then.
-std::optional<Config> load_config(const std::string &file);
-
 class Daemon {
  public:
   // Starts everything. Throws std::runtime_error with the reason when it cannot.
@@ -42,9 +40,13 @@ class Daemon {
   void run();
 
  private:
+  void lock_store();
   void open_store();
+  void check_capture() const;
   void watch_signals();
   void reload();
+  void finish_reload(ConfigFile file, const ConfigCheck::Result &check);
+  void end_reload(const std::vector<std::string> &messages, const std::string &outcome);
   void stop();
   void end_views();
   void log(const std::string &text);
@@ -56,6 +58,8 @@ class Daemon {
   std::optional<ControlServer> control_;
   std::optional<snmp::AgentX> agentx_;
   boost::asio::signal_set signals_;
+  std::unique_ptr<ConfigCheck> check_;  // while a reload waits for it
+  bool reload_again_ = false;           // asked for meanwhile
 };
 
 }  // namespace host

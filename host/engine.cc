@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "output.h"
 #include "thread.h"
 
 namespace host {
@@ -32,7 +31,7 @@ Outcome set_flow(const Statement &statement) {
   return done ? Outcome() : missing("such customer route in VRF", vrf);
 }
 
-Outcome set_receiver(const Statement &statement) {
+Outcome set_receiver(const Config &config, const Statement &statement) {
   const std::string &vrf = *find_argument(statement, "vrf");
   const std::string &oif = *find_argument(statement, "oif");
   const mvpn_mdt_route_addrs addrs =
@@ -43,26 +42,54 @@ Outcome set_receiver(const Statement &statement) {
   });
   if (route == routes.end()) return missing("such customer route in VRF", vrf);
   const bool join = find_argument(statement, "join") != nullptr;
-  if (oif == "mvpn") {
+  const bool tunnel = oif == "mvpn";
+  const auto at = std::find(route->oifs.begin(), route->oifs.end(), oif);
+  const bool listed = tunnel ? route->to_mvpn : at != route->oifs.end();
+  if (!join && !listed) return {false, oif + " is no outgoing interface of the route\n"};
+  if (const std::string reason = config.why_not_in_vrf(oif, vrf); join && !reason.empty())
+    return {false, reason + "\n"};
+  if (join == listed) return {};
+  if (tunnel)
     route->to_mvpn = join;
-  } else {
-    std::erase(route->oifs, oif);
-    if (join) route->oifs.push_back(oif);
-  }
+  else if (join)
+    route->oifs.push_back(oif);
+  else
+    route->oifs.erase(at);
   return ref::set_customer_route(vrf, *route) != nullptr ? Outcome() : missing("interface", oif);
 }
 
-Outcome set_remote_pe(const Statement &statement) {
+// An interface of the core that has an address; null when there is none.
+const std::string *core_interface_with(const Config &config, const std::string &address) {
+  for (const auto &[id, block] : config.blocks()) {
+    if (id.mode != Mode::interface || block->find(Command::interface_vrf) != nullptr) continue;
+    const std::string *own = block->value(Command::ip_address, "address");
+    if (own != nullptr && *own == address) return &id.name;
+  }
+  return nullptr;
+}
+
+bool is_same_entry(const ref::MdtSafi &a, const ref::MdtSafi &b) {
+  return a.source == b.source && a.group == b.group && std::equal(std::begin(a.rd), std::end(a.rd), std::begin(b.rd));
+}
+
+Outcome set_remote_pe(const Config &config, const Statement &statement) {
+  const std::string &source = *find_argument(statement, "source");
   ref::MdtSafi safi;
-  safi.source = address_value(*find_argument(statement, "source"));
+  safi.source = address_value(source);
   safi.group = address_value(*find_argument(statement, "group"));
   const auto rd = ref::bgp_parse_rd(*find_argument(statement, "rd"));
   if (!rd) return {false, "that is not a route distinguisher\n"};
   std::copy(rd->begin(), rd->end(), safi.rd);
-  if (find_argument(statement, "advertise") != nullptr)
+  if (find_argument(statement, "advertise") != nullptr) {
+    if (const std::string *own = core_interface_with(config, source))
+      return {false, source + " is the address of this PE's interface " + *own + "\n"};
     ref::bgp_add_remote({safi});
-  else
-    ref::bgp_withdraw_remote({safi});
+    return {};
+  }
+  const std::vector<ref::MdtSafi> entries = ref::bgp_remote_entries();
+  if (std::none_of(entries.begin(), entries.end(), [&](const auto &entry) { return is_same_entry(entry, safi); }))
+    return missing("such entry of PE", source);
+  ref::bgp_withdraw_remote({safi});
   return {};
 }
 
@@ -129,30 +156,7 @@ void *Engine::view_thread(void *argument) {
   return nullptr;
 }
 
-uint32_t Engine::show(const ViewRun &run) {
-  const std::string *vrf = find_argument(run.statement, "vrf");
-  if (vrf != nullptr && pim_get_cib_by_context_name(vrf->c_str()) == nullptr) {
-    run.channel->error("there is no VRF " + *vrf + "\n");
-    return kStatusFailed;
-  }
-  if (run.statement.command == Command::show_module) return show_module(run);
-  const output::ByteSink bytes = [&run](std::string_view text) {
-    run.channel->output(text);
-    return run.channel->wanted();
-  };
-  std::unique_ptr<output::Writer> writer = output::text_writer(bytes);
-  if (run.format == OutputFormat::text) {
-    if (run.filters.count) writer = output::count_lines(std::move(writer));
-    if (run.filters.include) writer = output::include_lines(*run.filters.include, std::move(writer));
-  }
-  Report report(run.format, *writer);
-  show_view({router_, run.statement, counters_}, report);
-  report.finish();
-  writer->finish();
-  return kStatusDone;
-}
-
-uint32_t Engine::show_module(const ViewRun &run) {
+std::unique_ptr<output::Writer> Engine::writer_of(const ViewRun &run) {
   const output::ByteSink bytes = [&run](std::string_view text) {
     run.channel->output(text);
     return run.channel->wanted();
@@ -162,6 +166,25 @@ uint32_t Engine::show_module(const ViewRun &run) {
                                                                              : output::text_writer(bytes);
   if (run.filters.count) writer = output::count_lines(std::move(writer));
   if (run.filters.include) writer = output::include_lines(*run.filters.include, std::move(writer));
+  return writer;
+}
+
+uint32_t Engine::show(const ViewRun &run) {
+  const std::string *vrf = find_argument(run.statement, "vrf");
+  if (vrf != nullptr && pim_get_cib_by_context_name(vrf->c_str()) == nullptr) {
+    run.channel->error("there is no VRF " + *vrf + "\n");
+    return kStatusFailed;
+  }
+  if (run.statement.command == Command::show_module) return show_module(run);
+  const std::unique_ptr<output::Writer> writer = writer_of(run);
+  output::Listing listing(*writer);
+  show_view({router_, run.statement, counters_}, listing);
+  writer->finish();
+  return kStatusDone;
+}
+
+uint32_t Engine::show_module(const ViewRun &run) {
+  const std::unique_ptr<output::Writer> writer = writer_of(run);
   ref::CliInvocation invocation;
   invocation.handler = run.statement.handler;
   for (const Argument &argument : run.statement.arguments) {
@@ -193,6 +216,7 @@ Outcome Engine::operate(const std::vector<Statement> &statements) {
       return {};
     case Command::debug_mvpn: {
       const std::string *vrf = find_argument(statement, "vrf");
+      if (vrf != nullptr && pim_get_cib_by_context_name(vrf->c_str()) == nullptr) return missing("VRF", *vrf);
       debug(vrf == nullptr ? "" : *vrf, find_argument(statement, "detail") != nullptr);
       return {};
     }
@@ -202,14 +226,14 @@ Outcome Engine::operate(const std::vector<Statement> &statements) {
     case Command::test_interface: {
       const std::string &name = *find_argument(statement, "interface");
       const bool up = find_argument(statement, "up") != nullptr;
-      return router_.set_link(name, up) ? Outcome() : missing("interface", name);
+      return router_.set_link(name, up) ? Outcome() : missing("configured interface", name);
     }
     case Command::test_flow:
       return set_flow(statement);
     case Command::test_receiver:
-      return set_receiver(statement);
+      return set_receiver(router_.running(), statement);
     case Command::test_remote_pe:
-      return set_remote_pe(statement);
+      return set_remote_pe(router_.running(), statement);
     case Command::test_statistics:
       ref::statistics_pass();
       return {};

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "control_server.h"
+#include "output.h"
 #include "pipeline.h"
 #include "router.h"
 #include "views.h"
@@ -49,6 +50,8 @@ class Engine {
   Parsed parse(const ControlServer::Request &request) const;
   void start_view(std::unique_ptr<ViewRun> run);
   static void *view_thread(void *argument);
+  // Where a view's output goes, in the form and through the filters that the client asked for.
+  static std::unique_ptr<output::Writer> writer_of(const ViewRun &run);
   uint32_t show(const ViewRun &run);
   uint32_t show_module(const ViewRun &run);
   Outcome operate(const std::vector<Statement> &statements);

@@ -120,6 +120,17 @@ struct Walk {
   size_t at = 0;
 };
 
+// The line with "no" where it belongs when it stands in front of a block's header instead of behind it; else empty.
+std::string with_no_moved(const Walk &header, const std::vector<std::string> &words, bool abbreviations) {
+  const Word *last = deciding_word(header.position);
+  if (!header.statement.no || last == nullptr || !last->enters) return "";
+  std::vector<std::string> rest(words.begin() + static_cast<std::ptrdiff_t>(header.at), words.end());
+  std::string moved = header.statement.text + " no";
+  for (const std::string &word : rest) moved += " " + word;
+  rest.insert(rest.begin(), "no");
+  return match_line(*last->enters, rest, abbreviations).error ? "" : moved;
+}
+
 Walk walk(Mode mode, const std::vector<std::string> &words, size_t begin, bool abbreviations) {
   Walk result;
   result.position.next = &root_of(mode);
@@ -135,7 +146,9 @@ Walk walk(Mode mode, const std::vector<std::string> &words, size_t begin, bool a
       const Word *last = deciding_word(result.position);
       // Behind the header of a block the line goes on in the block's mode.
       if (last != nullptr && last->enters && followers(result.position).empty() && !result.statement.no) break;
-      result.error = SyntaxError{result.at, "'" + words[result.at] + "' " + found.reason};
+      const std::string moved = with_no_moved(result, words, abbreviations);
+      result.error = moved.empty() ? SyntaxError{result.at, "'" + printable(words[result.at]) + "' " + found.reason}
+                                   : SyntaxError{begin, "'no' stands in front of the block's line: " + moved};
       return result;
     }
     record(result.statement, *found.word, found.value);
@@ -192,7 +205,7 @@ std::vector<Candidate> candidates(Mode mode, const std::vector<std::string> &wor
     if (part.at == words.size()) {
       std::vector<Candidate> all;
       const auto add = [&all](const Word &word) {
-        all.push_back({word.text, word.help, word.kind == Word::Kind::keyword});
+        all.push_back({word.text, word.help, word.kind == Word::Kind::keyword, word.names});
       };
       for (const Word *word : followers(part.position)) add(*word);
       if (enters)

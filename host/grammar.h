@@ -70,6 +70,9 @@ enum class Command {
   test_statistics,
 };
 
+// What an argument names, of what the daemon has.
+enum class NameKind { none, vrf, interface };
+
 // When a line may end behind a word.
 enum class Ends { never, always, no_form };
 
@@ -82,6 +85,7 @@ struct Word {
   ValueType type = ValueType::name;
   NumberRange range;
   std::string name;  // that the value is recorded under, such as "<prefix>"; keywords: empty = not recorded
+  NameKind names = NameKind::none;
   bool key = false;  // part of the line's identity: lines that differ in it stand beside each other
   // What follows.
   std::vector<Word> next;
@@ -137,6 +141,7 @@ struct Candidate {
   std::string text;
   std::string help;
   bool is_keyword = true;
+  NameKind names = NameKind::none;  // of arguments
 };
 constexpr std::string_view kEndOfLine = "<cr>";  // candidate: the line may end here
 std::vector<Candidate> candidates(Mode mode, const std::vector<std::string> &words);

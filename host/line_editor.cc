@@ -1,11 +1,15 @@
 // Completion and help ask the session what may stand at the cursor. Completion fills in what the candidates that begin
 // with the typed part have in common, and lists them when that adds nothing. The history is written after each line, so
-// that a session that is killed loses none.
+// that a session that is killed loses none: the line is added to what the file holds then, and the file replaced as a
+// whole, so that several sessions keep each other's lines.
 #include "line_editor.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -61,6 +65,23 @@ void list(const std::vector<Candidate> &words) {
   std::fflush(stdout);
 }
 
+// Keeps other sessions out of a folder's files while it lives. Without it they may lose a line to each other.
+class FolderLock {
+ public:
+  explicit FolderLock(const std::filesystem::path &folder)
+      : descriptor_(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    if (descriptor_ >= 0) flock(descriptor_, LOCK_EX);
+  }
+  ~FolderLock() {
+    if (descriptor_ >= 0) close(descriptor_);
+  }
+  FolderLock(const FolderLock &) = delete;
+  FolderLock &operator=(const FolderLock &) = delete;
+
+ private:
+  int descriptor_;
+};
+
 LineEditor *editor_of(EditLine *editor) {
   void *data = nullptr;
   el_get(editor, EL_CLIENTDATA, &data);
@@ -69,16 +90,23 @@ LineEditor *editor_of(EditLine *editor) {
 
 }  // namespace
 
+// The lines of a file, the latest ones when there are more than are kept; of no file when the name is empty.
+LineEditor::HistoryPointer LineEditor::read_history(const std::string &file) {
+  HistoryPointer lines(history_init());
+  if (!lines) return lines;
+  HistEvent event;
+  history(lines.get(), &event, H_SETSIZE, kHistoryLines);
+  history(lines.get(), &event, H_SETUNIQUE, 1);
+  if (!file.empty()) history(lines.get(), &event, H_LOAD, file.c_str());
+  return lines;
+}
+
 LineEditor::LineEditor(Session &session, std::string history_file)
     : session_(session),
       history_file_(std::move(history_file)),
-      history_(history_init()),
+      history_(read_history(history_file_)),
       editor_(el_init("pimctl", stdin, stdout, stderr)) {
   if (!history_ || !editor_) throw std::runtime_error("the terminal cannot be used");
-  HistEvent event;
-  history(history_.get(), &event, H_SETSIZE, kHistoryLines);
-  history(history_.get(), &event, H_SETUNIQUE, 1);
-  if (!history_file_.empty()) history(history_.get(), &event, H_LOAD, history_file_.c_str());
   EditLine *editor = editor_.get();
   el_set(editor, EL_CLIENTDATA, this);
   el_set(editor, EL_PROMPT_ESC, prompt, kLiteral);
@@ -86,19 +114,33 @@ LineEditor::LineEditor(Session &session, std::string history_file)
   el_set(editor, EL_HIST, history, history_.get());
   el_set(editor, EL_ADDFN, "complete-word", "Completes the word", complete);
   el_set(editor, EL_ADDFN, "list-words", "Lists what may stand here", help);
-  el_source(editor, nullptr);  // the operator's own bindings; the two keys below are ours
+  el_set(editor, EL_ADDFN, "drop-line", "Drops the line", drop_line);
+  el_set(editor, EL_ADDFN, "suspend", "Suspends the session", suspend);
+  el_source(editor, nullptr);  // the operator's own bindings; the keys below are ours
   el_set(editor, EL_BIND, "^I", "complete-word", nullptr);
   el_set(editor, EL_BIND, "?", "list-words", nullptr);
   el_set(editor, EL_BIND, "^R", "em-inc-search-prev", nullptr);
+  // While a line is read Ctrl-C is a key and no signal, which would end the session; so is Ctrl-Z then.
+  el_set(editor, EL_SETTY, "-d", "-isig", nullptr);
+  el_set(editor, EL_BIND, "^C", "drop-line", nullptr);
+  el_set(editor, EL_BIND, "^Z", "suspend", nullptr);
   el_set(editor, EL_SIGNAL, 1);
 }
 
 std::optional<std::string> LineEditor::read() {
   const std::string text = session_.prompt();
   const std::string mark(1, kLiteral);
-  prompt_ = in_colour(STDOUT_FILENO) ? mark + "\033[1m" + mark + text + mark + "\033[0m" + mark : text;
+  // The editor writes such parts together with the character behind them: the end of the colour stands before the blank.
+  const std::string last = text.substr(text.size() - 1);
+  prompt_ = in_colour(STDOUT_FILENO)
+                ? mark + "\033[1m" + mark + text.substr(0, text.size() - 1) + mark + "\033[0m" + mark + last
+                : text;
+  // Before the prompt is seen: what is typed at once is the editor's already, and not echoed by the terminal as well.
+  el_set(editor_.get(), EL_PREP_TERM, 1);
   int size = 0;
+  interrupted_ = false;
   const char *line = el_gets(editor_.get(), &size);
+  if (interrupted_) return "";
   if (line == nullptr || size <= 0) return std::nullopt;
   remember(line);
   std::string read(line, static_cast<size_t>(size));
@@ -110,7 +152,12 @@ void LineEditor::remember(const char *line) {
   if (split_words(std::string_view(line).substr(0, std::string_view(line).find('\n'))).empty()) return;
   HistEvent event;
   history(history_.get(), &event, H_ENTER, line);
-  if (!history_file_.empty()) history(history_.get(), &event, H_SAVE, history_file_.c_str());
+  if (history_file_.empty()) return;
+  const FolderLock lock(std::filesystem::path(history_file_).parent_path());
+  const HistoryPointer kept = read_history(history_file_);
+  const std::string written = history_file_ + ".new";
+  if (!kept || history(kept.get(), &event, H_ENTER, line) < 0) return;
+  if (history(kept.get(), &event, H_SAVE, written.c_str()) >= 0) std::rename(written.c_str(), history_file_.c_str());
 }
 
 char *LineEditor::prompt(EditLine *editor) { return editor_of(editor)->prompt_.data(); }
@@ -137,6 +184,21 @@ unsigned char LineEditor::help(EditLine *editor, int) {
   const Typed typed = typed_before_cursor(editor);
   list(fitting(editor_of(editor)->session_.next(typed.words), typed.part));
   return CC_REDISPLAY;
+}
+
+unsigned char LineEditor::drop_line(EditLine *editor, int) {
+  const LineInfo *line = el_line(editor);
+  el_cursor(editor, static_cast<int>(line->lastchar - line->cursor));
+  el_deletestr(editor, static_cast<int>(line->lastchar - line->buffer));
+  std::fputs("^C\n", stdout);
+  std::fflush(stdout);
+  editor_of(editor)->interrupted_ = true;
+  return CC_NEWLINE;
+}
+
+unsigned char LineEditor::suspend(EditLine *, int) {
+  kill(0, SIGTSTP);  // the editor gives the terminal back and takes it again
+  return CC_REFRESH;
 }
 
 std::string history_path() {

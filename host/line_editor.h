@@ -24,6 +24,8 @@ class LineEditor {
   static char *prompt(EditLine *editor);
   static unsigned char complete(EditLine *editor, int key);
   static unsigned char help(EditLine *editor, int key);
+  static unsigned char drop_line(EditLine *editor, int key);
+  static unsigned char suspend(EditLine *editor, int key);
   void remember(const char *line);
 
   struct EndEditor {
@@ -33,10 +35,14 @@ class LineEditor {
     void operator()(History *history) const { history_end(history); }
   };
 
+  using HistoryPointer = std::unique_ptr<History, EndHistory>;
+  static HistoryPointer read_history(const std::string &file);
+
   Session &session_;
   std::string history_file_;
   std::string prompt_;
-  std::unique_ptr<History, EndHistory> history_;
+  bool interrupted_ = false;  // the line was dropped
+  HistoryPointer history_;
   std::unique_ptr<EditLine, EndEditor> editor_;
 };
 

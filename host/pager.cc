@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 
 namespace host {
@@ -42,7 +43,18 @@ class SingleKeys {
 
 constexpr char kInterrupt = 3;  // Ctrl-C
 
+int first_write_error = 0;
+
 }  // namespace
+
+bool write_output(std::string_view text) {
+  errno = 0;
+  const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
+  if (!written && first_write_error == 0) first_write_error = errno != 0 ? errno : EIO;
+  return written;
+}
+
+int write_error() { return first_write_error; }
 
 Pager::Pager(bool paging, const volatile sig_atomic_t &interrupted) : paging_(paging), interrupted_(interrupted) {
   winsize size{};
@@ -53,10 +65,7 @@ Pager::Pager(bool paging, const volatile sig_atomic_t &interrupted) : paging_(pa
 }
 
 bool Pager::show(std::string_view text) {
-  if (!paging_) {
-    const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
-    return std::fflush(stdout) == 0 && written;
-  }
+  if (!paging_) return write_output(text);
   while (!text.empty() && !quit_) {
     const size_t end = text.find('\n');
     const std::string_view line = text.substr(0, end == std::string_view::npos ? end : end + 1);

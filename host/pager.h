@@ -10,6 +10,11 @@
 
 namespace host {
 
+// Writes text to standard output at once. False: not all of it could be written.
+bool write_output(std::string_view text);
+// Why that failed first, an errno; 0: it never did.
+int write_error();
+
 class Pager {
  public:
   // paging: standard input and output are a terminal, and the operator wants pages. interrupted: set by the handler of

@@ -2,12 +2,15 @@
 // of failures to standard error. The exit status is that of the command, or of the first that failed of a pipe's.
 #include <unistd.h>
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include "line_editor.h"
+#include "pager.h"
 #include "session.h"
 
 namespace {
@@ -40,9 +43,17 @@ uint32_t run_once(host::ControlClient &&client, host::OutputFormat format, const
       host::print_error(part);
       return true;
     }
-    const bool written = std::fwrite(part.data(), 1, part.size(), stdout) == part.size();
-    return std::fflush(stdout) == 0 && written;
+    return host::write_output(part);
   });
+}
+
+// The exit status of a command or session whose output may not have been written. A reader that has gone, as behind
+// `| head`, wants no reason.
+int finish(uint32_t status) {
+  const int error = host::write_error();
+  if (error == 0 || error == EPIPE) return static_cast<int>(status);
+  host::print_error(std::string("pimctl: the output cannot be written: ") + std::strerror(error) + "\n");
+  return static_cast<int>(status == host::kStatusDone ? host::kStatusFailed : status);
 }
 
 uint32_t run_lines(host::Session &session) {
@@ -56,7 +67,9 @@ uint32_t run_lines(host::Session &session) {
   return host::kStatusDone;
 }
 
+// A Ctrl-C between the end of a command and the next prompt is nobody's.
 uint32_t run_session(host::Session &session) {
+  std::signal(SIGINT, SIG_IGN);
   host::LineEditor editor(session, host::history_path());
   while (!session.ended()) {
     const std::optional<std::string> line = editor.read();
@@ -102,7 +115,11 @@ int main(int argc, char **argv) {
   app.add_flag("--xml", xml, "structured output of views, as XML")->excludes(as_json);
   app.add_flag("--syntax", syntax, "")->group("");  // hidden: the tables of the command reference
   app.add_option("command", words, "the command's words");
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &error) {
+    return app.exit(error) == 0 ? 0 : static_cast<int>(host::kStatusSyntax);
+  }
   if (syntax) {
     print_all_syntax();
     return 0;
@@ -112,10 +129,10 @@ int main(int argc, char **argv) {
                                           : host::OutputFormat::text;
   std::signal(SIGPIPE, SIG_IGN);
   try {
-    if (!words.empty()) return static_cast<int>(run_once(host::ControlClient(path), format, joined(words)));
+    if (!words.empty()) return finish(run_once(host::ControlClient(path), format, joined(words)));
     const bool terminal = isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
     host::Session session(path, format, terminal);
-    return static_cast<int>(terminal ? run_session(session) : run_lines(session));
+    return finish(terminal ? run_session(session) : run_lines(session));
   } catch (const std::exception &error) {
     host::print_error(std::string("pimctl: ") + error.what() + "\n");
     return static_cast<int>(host::kStatusUnreachable);

@@ -34,7 +34,9 @@ void apply(const FilterWord &filter, const Words &words, size_t begin, size_t en
     line->filters.include = std::move(text);
     return;
   }
-  if (begin != end) return fail(begin, "'" + words[begin] + "' is one word too many");
+  if (begin != end) return fail(begin, "'" + printable(words[begin]) + "' is one word too many");
+  const bool structured = filter.kind == FilterKind::json || filter.kind == FilterKind::xml;
+  if (structured && line->filters.format) return fail(begin - 1, "the output has one form");
   switch (filter.kind) {
     case FilterKind::count:
       line->filters.count = true;
@@ -61,7 +63,7 @@ void read_filter(const Words &words, size_t begin, size_t end, Pipeline *line) {
   const auto filter = std::find_if(std::begin(kFilters), std::end(kFilters),
                                    [&](const FilterWord &other) { return words[begin] == other.text; });
   if (filter == std::end(kFilters)) {
-    line->error = SyntaxError{begin, "'" + words[begin] + "' is not known here; " + expected};
+    line->error = SyntaxError{begin, "'" + printable(words[begin]) + "' is not known here; " + expected};
     return;
   }
   apply(*filter, words, begin + 1, end, line);
@@ -79,6 +81,8 @@ Pipeline read_pipeline(const Words &words) {
     bar = std::find(begin, words.end(), "|");
     read_filter(words, static_cast<size_t>(begin - words.begin()), static_cast<size_t>(bar - words.begin()), &line);
   }
+  if (!line.error && line.filters.format && (line.filters.include || line.filters.count))
+    line.error = SyntaxError{line.command.size(), "include and count take lines of text, not a document"};
   return line;
 }
 
@@ -99,7 +103,7 @@ std::string point_out(const Words &words, const SyntaxError &error) {
   std::string line = " ", mark;
   for (size_t i = 0; i <= words.size(); i++) {
     if (i == error.word) mark = std::string(line.size() + 1, ' ') + "^";
-    if (i < words.size()) line += " " + words[i];
+    if (i < words.size()) line += " " + printable(words[i]);
   }
   return line + "\n" + mark + "\n" + error.reason + "\n";
 }

@@ -31,6 +31,13 @@ const Statement &statement_of(const LineChange &change) {
   return change.after != nullptr ? change.after->statement : change.before->statement;
 }
 
+Statement default_mdt_with(std::vector<Argument> arguments) {
+  Statement statement;
+  statement.handler = kDefaultHandler;
+  statement.arguments = std::move(arguments);
+  return statement;
+}
+
 // Lines of a VRF for the module, "mdt default" first.
 std::vector<const Line *> mdt_lines(const Block &vrf) {
   std::vector<const Line *> lines;
@@ -46,14 +53,41 @@ bool same_numbers(const Block &a, const Block &b) {
   return true;
 }
 
-std::string described(const LineChange &change, const std::string &text) {
-  const int number = change.after != nullptr ? change.after->number : 0;
-  std::string where = number > 0 ? "line " + std::to_string(number) + ": " : "";
-  if (!change.block.name.empty()) where += "VRF " + change.block.name + ": ";
-  return where + statement_of(change).text + ": " + text;
+// Opens and removes the blocks that a command names; the last of them is where the command stands.
+std::optional<std::string> enter_blocks(const std::vector<Statement> &statements, Config *wanted, BlockId *block) {
+  for (const Statement &statement : statements) {
+    if (!statement.enters) break;
+    *block = block_of(statement);
+    if (!statement.no) {
+      wanted->open(*block);
+      continue;
+    }
+    if (wanted->find(*block) == nullptr) return "there is no " + statement.text;
+    wanted->remove(*block);
+  }
+  return std::nullopt;
+}
+
+Outcome outcome_of(const std::vector<ConfigError> &errors) {
+  Outcome outcome;
+  for (const ConfigError &error : errors) {
+    outcome.accepted = false;
+    outcome.text += error.reason + "\n";
+  }
+  return outcome;
 }
 
 }  // namespace
+
+ConfigError Router::error_of(const Rejection &rejection) {
+  const LineChange &change = rejection.change;
+  const Statement &statement = statement_of(change);
+  const bool removed = change.after == nullptr;
+  std::string reason =
+      "VRF " + change.block.name + ": " + (removed != statement.no ? "no " : "") + statement.text + ": ";
+  reason += rejection.text.substr(0, rejection.text.find_last_not_of('\n') + 1);
+  return {removed ? 0 : change.after->number, std::move(reason)};
+}
 
 mvpn_mdt_route_addrs route_address(const std::string &source, const std::string &group) {
   mvpn_mdt_route_addrs addrs{};
@@ -90,20 +124,22 @@ Router::Router(Loop &loop, const LoadedModule &module, Options options)
 
 // -------------------------------------------------------------------------------------------------- start and stop
 
-void Router::start(Config config) {
+std::vector<ConfigError> Router::start(Config config) {
+  std::vector<ConfigError> refused;
   config.choose_numbers(nullptr);
-  running_ = std::move(config);
-  const std::vector<LineChange> changes = difference(Config(), running_);
+  running_ = config;
+  const std::vector<LineChange> changes = difference(Config(), config);  // stays as it is when lines are refused
   build(Config(), changes);
-  if (!follow_feature()) throw std::runtime_error("the module does not start; see the log");
+  if (!follow_feature(&refused)) throw std::runtime_error("the module does not start; see the log");
   ref::enable_interface_events(true);
   // What the handlers asked to be replayed has been: those requests are in the queue, and nobody listens to them yet.
   ref::post([this] { ref::set_cli_replay([this](const std::string &vrf) { replay_vrf(vrf); }); });
   for (const LineChange &change : changes)
     if (change.block.mode == Mode::vrf && change.after != nullptr && change.after->statement.command == Command::mroute)
       set_route(change.block.name, change.after->statement.key);
-  links_.follow(running_);
+  if (!options_.offline) links_.follow(running_);
   ref::start_statistics();
+  return refused;
 }
 
 void Router::stop() {
@@ -111,17 +147,17 @@ void Router::stop() {
   stop_module();
 }
 
-bool Router::follow_feature() {
+bool Router::follow_feature(std::vector<ConfigError> *refused) {
   const bool wanted = running_.feature_mvpn();
   ref::set_feature_configured(wanted);
   if (!wanted) {
     stop_module();
     ref::bgp_forget_local();
   }
-  return !wanted || module_runs_ || start_module();
+  return !wanted || module_runs_ || start_module(refused);
 }
 
-bool Router::start_module() {
+bool Router::start_module(std::vector<ConfigError> *refused) {
   ref::set_module(module_.entries);
   module_runs_ = true;
   if (module_.init() == 0) {
@@ -130,7 +166,7 @@ bool Router::start_module() {
   }
   if (!commands_registered_) module_.init_cli();
   commands_registered_ = true;
-  replay_all();
+  replay_all(refused);
   return true;
 }
 
@@ -141,7 +177,7 @@ void Router::stop_module() {
 }
 
 // One request for the configuration of each VRF; its end is noted when the VRF's commands have been handled.
-void Router::replay_all() {
+void Router::replay_all(std::vector<ConfigError> *refused) {
   const Config replayed = running_;
   std::vector<std::string> vrfs;
   for (const auto &[id, block] : replayed.blocks())
@@ -154,7 +190,7 @@ void Router::replay_all() {
       const Outcome outcome = run_handler(name, line->statement, line->statement.no, false);
       if (outcome.accepted) continue;
       const Rejection rejection{{id, nullptr, line}, outcome.text};
-      options_.log(described(rejection.change, outcome.text));
+      refused->push_back(error_of(rejection));
       put_back(Config(), rejection);
     }
     if (pim_cibtype *pcib = pim_get_cib_by_context_name(name.c_str())) module_.cli_vrf_done(pcib);
@@ -180,41 +216,58 @@ void Router::replay_vrf(const std::string &vrf) {
 Outcome Router::configure(const std::vector<Statement> &statements) {
   Config wanted = running_;
   BlockId block;
-  for (const Statement &statement : statements) {
-    if (!statement.enters) break;
-    block = block_of(statement);
-    if (!statement.no) {
-      wanted.open(block);
-      continue;
-    }
-    if (wanted.find(block) == nullptr) return {false, "there is no " + statement.text + "\n"};
-    wanted.remove(block);
-  }
+  if (const auto reason = enter_blocks(statements, &wanted, &block)) return {false, *reason + "\n"};
   const Statement &command = statements.back();
-  const bool to_module = !command.enters && command.command == Command::mdt;
-  if (!command.enters && !to_module) wanted.edit(block, command);
-  wanted.choose_numbers(&running_);
-  Outcome outcome = change_to(std::move(wanted));
-  if (!outcome.accepted || !to_module) return outcome;
-  // Whether the store changes is the handler's to say, also when the line is there already.
+  if (command.enters) return outcome_of(change_to(std::move(wanted)));
+  const bool to_module = command.command == Command::mdt;
+  // The module judges its default groups itself.
+  const bool judged = to_module && module_runs_ && is_default_mdt(command);
+  if (const std::string reason = wanted.refusal(block, command); !judged && !reason.empty())
+    return {false, reason + "\n"};
+  if (to_module) return configure_module(std::move(wanted), block, command);
+  wanted.edit(block, command);
+  Outcome outcome = outcome_of(change_to(std::move(wanted)));
+  if (outcome.accepted && command.command == Command::clock_scale && options_.clock_scale)
+    outcome.text += "the clock keeps the scale of --clock-scale until the next start\n";
+  return outcome;
+}
+
+// The blocks first, then the command, which becomes part of the configuration when the module has taken it.
+Outcome Router::configure_module(Config wanted, const BlockId &block, const Statement &command) {
+  Config complete = wanted;
+  complete.edit(block, command);
+  if (Outcome outcome = outcome_of(complete.check()); !outcome.accepted) return outcome;
+  const bool made = running_.find(block) == nullptr;
+  if (Outcome outcome = outcome_of(change_to(std::move(wanted))); !outcome.accepted) return outcome;
+  Outcome outcome = run_command(block, command);
+  if (outcome.accepted || !made) return outcome;
+  // The VRF that was made for the command goes with it.
+  Config without = running_;
+  without.remove(block);
+  change_to(std::move(without));
+  return outcome;
+}
+
+// Whether the store changes is the handler's to say, also when the line is there already.
+Outcome Router::run_command(const BlockId &block, const Statement &command) {
   if (!is_there(block.name)) return {false, "VRF " + block.name + " waits for a VRF that is being deleted\n"};
-  outcome = run_handler(block.name, command, command.no, true);
+  const Outcome outcome = run_handler(block.name, command, command.no, true);
   if (outcome.accepted) running_.edit(block, command);
   return outcome;
 }
 
-Outcome Router::replace(Config config) {
-  config.choose_numbers(&running_);
-  return change_to(std::move(config));
+std::vector<ConfigError> Router::replace(Config config) {
+  const Config before = running_;
+  std::vector<ConfigError> errors = change_to(std::move(config));
+  if (errors.empty()) return errors;
+  for (const ConfigError &error : change_to(before)) errors.push_back({0, "on the way back: " + error.reason});
+  return errors;
 }
 
-Outcome Router::change_to(Config wanted) {
-  Outcome outcome;
-  for (const ConfigError &error : wanted.check()) {
-    outcome.accepted = false;
-    outcome.text += error.reason + "\n";
-  }
-  if (!outcome.accepted) return outcome;
+std::vector<ConfigError> Router::change_to(Config wanted) {
+  std::vector<ConfigError> errors = wanted.check();
+  if (!errors.empty()) return errors;
+  wanted.choose_numbers(&running_);
   const Config before = running_;
   running_ = wanted;
   const std::vector<LineChange> changes = difference(before, wanted);
@@ -225,15 +278,14 @@ Outcome Router::change_to(Config wanted) {
   }
   withdraw(changes, &rejections);
   build(before, changes);
-  if (!follow_feature()) outcome = {false, "the module does not start; see the log\n"};
+  if (!follow_feature(&errors)) errors.push_back({0, "the module does not start; see the log"});
   command_vrfs(changes, &rejections);
   links_.follow(running_);
   for (const Rejection &rejection : rejections) {
     put_back(before, rejection);
-    outcome.accepted = false;
-    outcome.text += described(rejection.change, rejection.text);
+    errors.push_back(error_of(rejection));
   }
-  return outcome;
+  return errors;
 }
 
 // What is not wanted any more, before anything new is made.
@@ -471,11 +523,18 @@ void Router::leave_vrf(const std::string &name) {
   if (pcib == nullptr) return;
   for (const ref::CustomerRoute &route : ref::customer_routes(name)) ref::delete_customer_route(name, route.addrs);
   if (pcib->mvpn != nullptr) {
-    Statement no_default;
-    no_default.handler = kDefaultHandler;
-    run_handler(name, no_default, true, true);
+    if (pcib->mvpn->mdt_default_group == 0 && pcib->mvpn->mti_status == MVPN_MTI_NONE) lend_group(name);
+    run_handler(name, default_mdt_with({}), true, true);
   }
   leaving_.insert(name);
+}
+
+// The module keeps the context of a VRF whose default group it has refused, and gives it up with a default group only. A
+// group of the link-local block, which VRFs have no use for, serves for a moment.
+void Router::lend_group(const std::string &vrf) {
+  constexpr uint32_t kFirst = 0xE0000001, kLast = 0xE00000FF;
+  for (uint32_t group = kFirst; group <= kLast; group++)
+    if (run_handler(vrf, default_mdt_with({{"<mdt-default>", address_text(group)}}), false, false).accepted) return;
 }
 
 void Router::finish_leaving() {
@@ -503,7 +562,7 @@ void Router::bring_in(const std::string &vrf) {
     const Outcome outcome = run_handler(vrf, line->statement, line->statement.no, true);
     if (outcome.accepted) continue;
     const Rejection rejection{{{Mode::vrf, vrf}, nullptr, line}, outcome.text};
-    options_.log(described(rejection.change, outcome.text));
+    options_.log(error_of(rejection).reason);
     put_back(Config(), rejection);
   }
   for (const auto &[place, line] : kept->lines())

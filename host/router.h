@@ -27,20 +27,22 @@ class Router {
   struct Options {
     std::optional<double> clock_scale;  // overrides the configuration's
     std::string capture;
+    bool offline = false;  // for a check of the configuration: without links to other PEs
     std::function<void(const std::string &)> log;
   };
 
   Router(Loop &loop, const LoadedModule &module, Options options);
 
   // Builds what the configuration says, starts the module and replays its commands as a router does after a start.
-  // Lines that are refused are logged and left out. Throws std::runtime_error when the module does not start.
-  void start(Config config);
+  // Result: the lines that were refused and are left out. Throws std::runtime_error when the module does not start.
+  std::vector<ConfigError> start(Config config);
   void stop();
 
   // One command of an operator: the blocks that it enters, then the command (see Match).
   Outcome configure(const std::vector<Statement> &statements);
-  // Another configuration as a whole; the difference is applied VRF by VRF.
-  Outcome replace(Config config);
+  // Another configuration as a whole; the difference is applied VRF by VRF. When a line of it is refused the former
+  // configuration is restored; the result says what was refused, also on the way back.
+  std::vector<ConfigError> replace(Config config);
 
   const Config &running() const { return running_; }
   const Links &links() const { return links_; }
@@ -57,16 +59,19 @@ class Router {
     LineChange change;
     std::string text;
   };
-  Outcome change_to(Config wanted);
+  static ConfigError error_of(const Rejection &rejection);
+  std::vector<ConfigError> change_to(Config wanted);
+  Outcome configure_module(Config wanted, const BlockId &block, const Statement &command);
+  Outcome run_command(const BlockId &block, const Statement &command);
   void withdraw(const std::vector<LineChange> &changes, std::vector<Rejection> *rejections);
   void build(const Config &before, const std::vector<LineChange> &changes);
   void command_vrfs(const std::vector<LineChange> &changes, std::vector<Rejection> *rejections);
   void put_back(const Config &before, const Rejection &rejection);
 
-  bool follow_feature();
-  bool start_module();
+  bool follow_feature(std::vector<ConfigError> *refused);
+  bool start_module(std::vector<ConfigError> *refused);
   void stop_module();
-  void replay_all();
+  void replay_all(std::vector<ConfigError> *refused);
   void replay_vrf(const std::string &vrf);
 
   void apply_global(const LineChange &change);
@@ -77,6 +82,7 @@ class Router {
   void follow_route_distinguisher(const std::string &vrf);
   void follow_update_source();
   void leave_vrf(const std::string &name);
+  void lend_group(const std::string &vrf);
   bool is_there(const std::string &vrf) const;  // neither leaving nor waiting
   void finish_leaving();
   void bring_in(const std::string &vrf);

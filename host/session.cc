@@ -60,7 +60,7 @@ void print_error(std::string_view text) {
 }
 
 Session::Session(std::string path, OutputFormat format, bool paging)
-    : path_(std::move(path)), format_(format), paging_(paging) {}
+    : path_(std::move(path)), format_(format), paging_(paging), names_(path_) {}
 
 // A line whose first word the block does not know belongs to the modes around it, as in a configuration file.
 Session::Target Session::target_of(const std::vector<std::string> &words) const {
@@ -72,20 +72,31 @@ Session::Target Session::target_of(const std::vector<std::string> &words) const 
   return {mode_, before_, words};
 }
 
+// A comment at the start of a line stands between blocks, in files and in what the daemon prints as its configuration.
+void Session::leave_block() {
+  if (mode_ == Mode::exec || mode_ == Mode::global) return;
+  mode_ = Mode::global;
+  before_ = "configure";
+}
+
 // `exit` and `end`.
 bool Session::moves(const std::vector<std::string> &words) {
   if (words.size() != 1) return false;
   const bool exits = abbreviates(words.front(), "exit");
   if (!exits && (mode_ == Mode::exec || !abbreviates(words.front(), "end"))) return false;
   ended_ = exits && mode_ == Mode::exec;
-  const bool leaves_block = exits && mode_ != Mode::exec && mode_ != Mode::global;
-  mode_ = leaves_block ? Mode::global : Mode::exec;
-  before_ = leaves_block ? "configure" : "";
+  if (exits && mode_ != Mode::exec && mode_ != Mode::global) {
+    leave_block();
+    return true;
+  }
+  mode_ = Mode::exec;
+  before_.clear();
   return true;
 }
 
 uint32_t Session::run(std::string_view text) {
   const std::vector<std::string> words = split_words(text);
+  if (text.starts_with('!')) leave_block();
   if (words.empty() || words.front().starts_with("!") || moves(words)) return kStatusDone;
   const Pipeline line = read_pipeline(words);
   const Target target = target_of(line.command);
@@ -102,6 +113,7 @@ uint32_t Session::run(std::string_view text) {
     std::string command = target.before + (target.before.empty() ? "" : " ") + joined(target.words);
     for (size_t i = line.command.size(); i < words.size(); i++) command += " " + words[i];
     status = send(command, paging_ && !line.filters.no_more);
+    if (first == Command::configure || target.mode != Mode::exec) names_.forget();
   }
   if (status == kStatusDone) enter(target, match);
   return status;
@@ -137,7 +149,7 @@ uint32_t Session::send(std::string_view line, bool paging) {
       return !quit && interrupted == 0;
     });
     if (quit || interrupted != 0) client_.reset();
-    return status;
+    return write_error() == 0 ? status : kStatusFailed;
   } catch (const std::runtime_error &error) {
     client_.reset();
     if (interrupted != 0) return kStatusFailed;
@@ -171,7 +183,17 @@ std::string Session::prompt() {
   return hostname_ + "(" + where + ")# ";
 }
 
-std::vector<Candidate> Session::next(const std::vector<std::string> &words) const {
+// Behind each argument that names something, what there is of it.
+void Session::add_names(std::vector<Candidate> *all) {
+  for (size_t i = 0; i < all->size(); i++) {
+    const Candidate argument = (*all)[i];
+    if (argument.names == NameKind::none) continue;
+    for (const std::string &name : names_.of(argument.names))
+      all->insert(all->begin() + static_cast<std::ptrdiff_t>(++i), {name, argument.help, true});
+  }
+}
+
+std::vector<Candidate> Session::next(const std::vector<std::string> &words) {
   const Pipeline line = read_pipeline(words);
   if (line.filtered) return filter_candidates(words);
   if (words.empty()) {
@@ -186,6 +208,7 @@ std::vector<Candidate> Session::next(const std::vector<std::string> &words) cons
   }
   const Target target = target_of(words);
   std::vector<Candidate> all = candidates(target.mode, target.words);
+  add_names(&all);
   const Match match = match_line(target.mode, target.words, true);
   if (!match.error && is_view(match.statements.back())) all.push_back({"|", "Filters the output", true});
   return all;

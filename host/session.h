@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "control_client.h"
+#include "known_names.h"
 #include "pipeline.h"
 
 namespace host {
@@ -29,8 +30,8 @@ class Session {
   bool ended() const { return ended_; }  // by `exit`
   std::string prompt();
 
-  // What may stand behind the words of an incomplete line.
-  std::vector<Candidate> next(const std::vector<std::string> &words) const;
+  // What may stand behind the words of an incomplete line; names that the daemon knows are among the keywords.
+  std::vector<Candidate> next(const std::vector<std::string> &words);
 
  private:
   struct Target {
@@ -39,15 +40,18 @@ class Session {
     std::vector<std::string> words;  // the line
   };
   Target target_of(const std::vector<std::string> &words) const;
+  void leave_block();
   bool moves(const std::vector<std::string> &words);
   uint32_t send(std::string_view line, bool paging);
   void enter(const Target &target, const Match &match);
   void read_hostname();
+  void add_names(std::vector<Candidate> *all);
 
   std::string path_;
   OutputFormat format_;
   bool paging_;
   std::unique_ptr<ControlClient> client_;
+  KnownNames names_;
   Mode mode_ = Mode::exec;
   std::string before_;  // headers of the modes that the session is in
   std::string hostname_;

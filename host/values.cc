@@ -28,6 +28,7 @@ std::optional<uint32_t> read_address(std::string_view word) {
 }
 
 bool is_multicast(uint32_t address) { return address >> 28 == 0xE; }
+bool is_unicast(uint32_t address) { return address != 0 && address != UINT32_MAX && !is_multicast(address); }
 
 using Result = std::optional<std::string>;
 
@@ -37,9 +38,10 @@ Result refuse(std::string *reason, std::string text) {
 }
 
 Result check_number(NumberRange range, std::string_view word, std::string *reason) {
-  const std::optional<uint64_t> value = read_number(word);
-  if (!value) return refuse(reason, "is not a number");
-  if (*value < range.low || *value > range.high)
+  const bool digits = !word.empty() && word.find_first_not_of("0123456789") == std::string_view::npos;
+  if (!digits) return refuse(reason, "is not a number");
+  const std::optional<uint64_t> value = read_number(word);  // none: it has more digits than any range
+  if (!value || *value < range.low || *value > range.high)
     return refuse(reason, "is outside " + std::to_string(range.low) + ".." + std::to_string(range.high));
   return std::to_string(*value);
 }
@@ -47,6 +49,13 @@ Result check_number(NumberRange range, std::string_view word, std::string *reaso
 Result check_address(std::string_view word, std::string *reason) {
   const std::optional<uint32_t> address = read_address(word);
   return address ? Result(address_text(*address)) : refuse(reason, "is not an IPv4 address");
+}
+
+Result check_unicast(std::string_view word, std::string *reason) {
+  const std::optional<uint32_t> address = read_address(word);
+  if (!address) return refuse(reason, "is not an IPv4 address");
+  if (!is_unicast(*address)) return refuse(reason, "is not the address of one host");
+  return address_text(*address);
 }
 
 Result check_group(std::string_view word, std::string *reason) {
@@ -65,6 +74,16 @@ Result check_prefix(std::string_view word, std::string *reason) {
   if (!length) return refuse(reason, "has no mask length");
   if (*length > 32) return refuse(reason, "has a mask length over 32");
   return address_text(*address) + "/" + std::to_string(*length);
+}
+
+Result check_groups(std::string_view word, std::string *reason) {
+  Result prefix = check_prefix(word, reason);
+  if (!prefix) return prefix;
+  const PrefixValue value = prefix_value(*prefix);
+  if (!is_multicast(value.address) || value.length < 4) return refuse(reason, "is not a range of multicast groups");
+  if (value.length < 32 && value.address << value.length != 0)
+    return refuse(reason, "has bits set behind its mask length");
+  return prefix;
 }
 
 Result check_text(size_t limit, std::string_view word, std::string *reason) {
@@ -106,12 +125,16 @@ std::optional<std::string> check_value(ValueType type, NumberRange range, std::s
       return check_number(range, word, reason);
     case ValueType::address:
       return check_address(word, reason);
+    case ValueType::unicast:
+      return check_unicast(word, reason);
     case ValueType::group:
       return check_group(word, reason);
     case ValueType::source:
-      return word == "*" ? std::optional<std::string>("*") : check_address(word, reason);
+      return word == "*" ? std::optional<std::string>("*") : check_unicast(word, reason);
     case ValueType::prefix:
       return check_prefix(word, reason);
+    case ValueType::groups:
+      return check_groups(word, reason);
     case ValueType::name:
       return check_text(kNameMax, word, reason);
     case ValueType::interface:
@@ -144,6 +167,19 @@ std::string address_text(uint32_t address) {
   char text[INET_ADDRSTRLEN];
   const in_addr network{htonl(address)};
   return inet_ntop(AF_INET, &network, text, sizeof text);
+}
+
+std::string printable(std::string_view text) {
+  constexpr char kHex[] = "0123456789abcdef";
+  std::string shown;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= ' ' && byte < 0x7F)
+      shown += c;
+    else
+      shown += {'\\', 'x', kHex[byte >> 4], kHex[byte & 0xF]};
+  }
+  return shown;
 }
 
 }  // namespace host

@@ -12,9 +12,11 @@ namespace host {
 enum class ValueType {
   number,     // decimal, with a range
   address,    // A.B.C.D
+  unicast,    // A.B.C.D that one host can have
   group,      // A.B.C.D in 224.0.0.0/4
-  source,     // A.B.C.D, or * for any source
+  source,     // unicast, or * for any source
   prefix,     // A.B.C.D/LENGTH, LENGTH up to 32
+  groups,     // prefix of multicast groups, without bits behind its length
   name,       // up to 32 characters, no blanks
   interface,  // up to 39 characters, no blanks
   rd,         // route distinguisher: AS:NUMBER or A.B.C.D:NUMBER
@@ -46,6 +48,9 @@ struct EndpointValue {
 EndpointValue endpoint_value(std::string_view word);
 
 std::string address_text(uint32_t address);
+
+// Text that came from outside, for messages: bytes that are no printable ASCII characters are written as \xHH.
+std::string printable(std::string_view text);
 
 }  // namespace host
 

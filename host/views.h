@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "grammar.h"
-#include "report.h"
+#include "listing.h"
 #include "router.h"
 
 namespace host {
@@ -23,7 +23,7 @@ struct ViewInput {
 };
 
 // Prints the view of a command; false when the command is not one. Yields between rows of long views.
-bool show_view(const ViewInput &input, Report &report);
+bool show_view(const ViewInput &input, output::Listing &listing);
 
 CounterBase counters_now();
 

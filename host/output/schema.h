@@ -1,10 +1,11 @@
-// The output schema of cli_schema.h as tables.
+// The output schema as tables: the lists of cli_schema.h, which modules record under, and the host's views behind them.
 #ifndef HOST_OUTPUT_SCHEMA_H
 #define HOST_OUTPUT_SCHEMA_H
 
 #include <span>
 
 #include "cli_schema.h"
+#include "view.h"
 
 namespace output {
 
@@ -13,10 +14,13 @@ struct SchemaType {
   const char *description;
 };
 
+// A record: one of cli_record, or of the numbers behind them, which the records of views have.
+using RecordId = int;
+
 struct SchemaRecord {
-  cli_record id;
+  RecordId id;
   const char *name;
-  cli_record parent;  // CLI_RECORD_NONE: the root
+  RecordId parent;  // CLI_RECORD_NONE: the root
   const char *description;
 };
 
@@ -24,20 +28,20 @@ struct SchemaElement {
   int number;
   const char *name;
   cli_type type;
-  cli_record record;
+  RecordId record;
   bool begins;  // a value opens a new instance of the record
   const char *description;
 };
 
 const SchemaType &type_of(cli_type type);
 std::span<const SchemaType> all_types();
-const SchemaRecord &record_of(cli_record record);
+const SchemaRecord &record_of(RecordId record);
 std::span<const SchemaRecord> all_records();    // parents before their children
 std::span<const SchemaElement> all_elements();  // by number, hence those of a record together
 // The element with a number; null: none.
 const SchemaElement *find_element(int number);
 // Whether records stand under this one.
-bool has_children(cli_record record);
+bool has_children(RecordId record);
 
 }  // namespace output
 

@@ -16,13 +16,13 @@ constexpr const char *address_pattern = R"(([0-9]{1,3}\.){3}[0-9]{1,3})";
 constexpr const char *source_pattern = R"((([0-9]{1,3}\.){3}[0-9]{1,3})|\*)";
 
 template <typename Visit>
-void for_elements(cli_record record, Visit visit) {
+void for_elements(RecordId record, Visit visit) {
   for (const SchemaElement &element : all_elements())
     if (element.record == record) visit(element);
 }
 
 template <typename Visit>
-void for_children(cli_record record, Visit visit) {
+void for_children(RecordId record, Visit visit) {
   for (const SchemaRecord &child : all_records())
     if (child.parent == record) visit(child);
 }
@@ -161,7 +161,8 @@ constexpr const char *introduction = R"(# Output schema
 `| json` and `| xml` behind a show command give what the command shows as a document. This page, the XML schema
 [`schema/mvpn-output.xsd`](schema/mvpn-output.xsd) and the JSON schema
 [`schema/mvpn-output.schema.json`](schema/mvpn-output.schema.json) are printed by `schema_tool` (`md`, `xsd`, `json`)
-from the lists in `platform/cli_schema.h`, which the writers use too.
+from the lists in `platform/cli_schema.h`, which modules record under, and the columns of the host's own views in
+`host/output/view.h`. The writers use both, too.
 
 A document is a tree of records. In XML a record is an element with its fields and its child records inside. In JSON it
 is an object; the child records of one kind are an array under the kind's name. The root is a JSON object, an XML
@@ -172,8 +173,8 @@ field.
 Documents are written while the command runs. When the operator stops a listing the document is closed where it is: it
 stays valid and ends early. Consumers that want everything ask with `| no-more` or run the client without a terminal.
 
-Numbers of elements are part of the interface between module and host. An element keeps its number; a number is not
-used twice.
+Numbers of elements below 3000 are part of the interface between module and host; the host's own follow. An element keeps
+its number; a number is not used twice.
 
 )";
 

@@ -210,7 +210,9 @@ void AgentX::Impl::start_library(const Options &options) {
 int AgentX::Impl::take_message(int, int, void *server, void *own) {
   const auto *message = static_cast<const snmp_log_message *>(server);
   std::string text = message->msg;
-  while (text.ends_with('\n')) text.pop_back();
+  // A failure to connect often comes without the reason that its text makes room for.
+  while (!text.empty() && std::strchr("\n: ", text.back()) != nullptr) text.pop_back();
+  if (text.find("Failed to connect") != std::string::npos) text += "; it is tried again";
   if (message->priority <= LOG_INFO && !text.empty()) static_cast<Impl *>(own)->log_("SNMP: " + text);
   return SNMP_ERR_NOERROR;
 }

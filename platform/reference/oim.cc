@@ -9,8 +9,13 @@
 // delete are then answered by a response, bring-up and bring-down by the interface's state notification, and by nothing
 // when the state does not change. Deleting removes the interface without a notification before the response.
 //
-// The database may be kept in a file, so that tunnels outlive the process as they outlive it on a router.
+// The database may be kept in a file, so that tunnels outlive the process as they outlive it on a router. They outlive it
+// with their parameters and down: a tunnel is up on behalf of a client, and one that nobody serves would carry packets to
+// a group that may not be the VRF's any more. A client that finds its tunnel down describes it anew before it brings it up.
 #include "oim.h"
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -249,9 +254,8 @@ void set_up(if_index_t if_index, bool up) {
   if (existing == state.tunnels.end()) return;
   const Tunnel &tunnel = existing->second;
   const bool usable = tunnel.admin_up != 0 && tunnel.source != 0 && tunnel.destination != 0;
-  if (up && !usable) return;
+  if (up && (!usable || !state.registered)) return;
   im_set_state(tunnel.iod, up);
-  changed();
 }
 
 // --------------------------------------------------------------------------------------------------------- requests
@@ -343,7 +347,6 @@ json to_json(const Tunnel &tunnel) {
           {"vrf", tunnel.vrf_name},
           {"mtu", tunnel.mtu},
           {"source", ip_print_addr(tunnel.source)},
-          {"up", tunnel.up},
           {"destination", ip_print_addr(tunnel.destination)}};
 }
 
@@ -377,9 +380,7 @@ std::optional<Tunnel> from_json(const json &object) {
   if (!if_index || !iod || !admin_up || !mtu || !vrf || !source || !destination ||
       im_is_ifindex_mvpn_tunnel(*if_index) == 0)
     return std::nullopt;
-  Tunnel tunnel{*if_index, *iod, static_cast<uint8_t>(*admin_up), *vrf, *mtu, *source, *destination, false};
-  tunnel.up = object.contains("up") && object["up"].is_boolean() && object["up"].get<bool>();
-  return tunnel;
+  return Tunnel{*if_index, *iod, static_cast<uint8_t>(*admin_up), *vrf, *mtu, *source, *destination, false};
 }
 
 std::optional<std::vector<Tunnel>> read_file(const std::string &path) {
@@ -396,16 +397,28 @@ std::optional<std::vector<Tunnel>> read_file(const std::string &path) {
   return read;
 }
 
-// Written beside the file and renamed, so that a crash leaves the old or the new one.
+// False when the text is not on the disk.
+bool write_through(const std::string &path, const std::string &text) {
+  const int file = ::open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0600);
+  if (file < 0) return false;
+  size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t written = ::write(file, text.data() + done, text.size() - done);
+    if (written <= 0) break;
+    done += static_cast<size_t>(written);
+  }
+  const bool whole = done == text.size() && ::fsync(file) == 0;
+  return ::close(file) == 0 && whole;
+}
+
+// Written beside the file and renamed, so that a crash, also of the machine, leaves the old or the new one.
 void save() {
   state.save_posted = false;
   json all = json::array();
-  for (const auto &[if_index, tunnel] : state.tunnels) all.push_back(to_json(shown(tunnel)));
+  for (const auto &[if_index, tunnel] : state.tunnels) all.push_back(to_json(tunnel));
   const std::string fresh = state.file + ".new";
-  std::ofstream out(fresh);
-  out << json{{"tunnels", all}}.dump(2, ' ', false, json::error_handler_t::replace) << "\n";
-  out.close();
-  if (!out || std::rename(fresh.c_str(), state.file.c_str()) != 0)
+  const std::string text = json{{"tunnels", all}}.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+  if (!write_through(fresh, text) || std::rename(fresh.c_str(), state.file.c_str()) != 0)
     std::fprintf(stderr, "cannot write the tunnel database %s\n", state.file.c_str());
 }
 
@@ -491,7 +504,10 @@ int oim_register(mts_queue *) {
   return 1;
 }
 
-void oim_deregister() { ref::state.registered = false; }
+void oim_deregister() {
+  ref::state.registered = false;
+  for (const auto &[if_index, tunnel] : ref::state.tunnels) ref::im_set_state(tunnel.iod, false);
+}
 
 uint32_t oim_if_info_list_get_size(uint32_t interfaces, uint32_t parameters, uint32_t longest_value) {
   const uint32_t value = std::max(longest_value, ref::longest_param);

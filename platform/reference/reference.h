@@ -302,10 +302,10 @@ void *bgp_make_connector_attribute(const uint8_t *rd, ip_addr_t source);
 
 // ---------------------------------------------------------------------------------------------- persistent store
 
-void pss_use_memory();                            // first state
+void pss_use_memory();  // first state
 // LMDB; false when it cannot be opened. Without a stateful restart what is stored there is forgotten.
 bool pss_use_directory(const std::string &path);
-void pss_flush();                                 // ends the transaction of this turn of the main loop
+void pss_flush();  // ends the transaction of this turn of the main loop
 void set_stateful_restart(bool on);
 std::vector<std::pair<std::vector<uint8_t>, std::vector<uint8_t>>> pss_records();
 

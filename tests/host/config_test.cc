@@ -105,6 +105,18 @@ TEST(ConfigTest, SaysWhatIsWrongAndWhere) {
       {"interface eth0\nvrf red\n  mroute * 225.1.1.1 oif eth0\n", "3: interface eth0 is not in VRF red"},
       {"core\n  carrier gre-udp listen 10.0.0.1:4754\n", "2: the carrier listens on loopback addresses"},
       {"core\n  carrier gre-udp listen 127.0.0.1:1\n  peer 127.0.0.2:2\n", "3: peer 127.0.0.2:2 does not have"},
+      {"interface lan\n  vrf red\nvrf red\n  mdt source lan\n", "4: interface lan is in VRF red, not in the core"},
+      {"interface lan\n  vrf red\nvrf red\nbgp\n  update-source lan\n", "5: interface lan is in VRF red, not"},
+      {"interface mti2\n", "1: mti2 is a name that the tunnel manager gives"},
+      {"vrf red\n  rd 1:1\n  no rd 1:2\n", "3: there is no line 'rd 1:2', but 'rd 1:1'"},
+      {"interface eth0\n  ip address 224.0.0.1\n", "2: '224.0.0.1' is not the address of one host"},
+      {"interface eth0\n  ip address 0.0.0.0\n", "2: '0.0.0.0' is not the address of one host"},
+      {"interface eth0\n  ip address 255.255.255.255\n", "2: '255.255.255.255' is not the address of one host"},
+      {"vrf red\n  mroute 239.1.1.1 232.1.1.1\n", "2: '239.1.1.1' is not the address of one host"},
+      {"pim\n  ssm range 10.0.0.0/8\n", "2: '10.0.0.0/8' is not a range of multicast groups"},
+      {"pim\n  bidir range 224.0.0.0/3\n", "2: '224.0.0.0/3' is not a range of multicast groups"},
+      {"pim\n  ssm range 239.1.0.1/16\n", "2: '239.1.0.1/16' has bits set behind its mask length"},
+      {"host\x1b\xc3 x\n", "1: 'host\\x1b\\xc3' is not known here"},
   };
   for (const auto &test : cases) {
     const std::vector<std::string> found = problems(test.text);
@@ -129,6 +141,45 @@ TEST(ConfigTest, ALineReplacesTheOneWithItsIdentity) {
   config.edit(red, statement(Mode::vrf, "mdt enforce-bgp-mdt-safi"));
   config.edit(red, statement(Mode::vrf, "no mdt source"));
   EXPECT_EQ(config.print(), "vrf red\n  mdt data 239.2.0.0/16\n!\n");
+}
+
+TEST(ConfigTest, ANoLineMustMeanALineThatIsThere) {
+  Config config = read_clean(
+      "route-map a permit 10.0.0.0/8 232.0.0.0/8\npim\n  ssm range 239.1.0.0/16\ninterface lan\n  vrf red\n"
+      "vrf red\n  rd 1:1\n  mdt mtu 1400\n  mdt data 239.2.0.0/24 threshold 5 immediate-switch\n"
+      "  mroute 10.1.1.1 232.1.1.1 oif lan oif mvpn\n");
+  const struct {
+    BlockId block;
+    const char *line;
+    const char *refusal;
+  } cases[] = {
+      {{Mode::vrf, "red"}, "no rd", ""},
+      {{Mode::vrf, "red"}, "no rd 1:1", ""},
+      {{Mode::vrf, "red"}, "no rd 1:2", "there is no line 'rd 1:2', but 'rd 1:1'"},
+      {{Mode::vrf, "red"}, "no mdt mtu 1300", "there is no line 'mdt mtu 1300', but 'mdt mtu 1400'"},
+      {{Mode::vrf, "red"}, "no mdt source", ""},
+      {{Mode::vrf, "red"}, "no mdt source lan", "there is no line 'mdt source lan'"},
+      {{Mode::vrf, "red"}, "mdt enforce-bgp-mdt-safi", ""},
+      {{Mode::vrf, "red"}, "no mdt data 239.2.0.0/24", ""},
+      {{Mode::vrf, "red"}, "no mdt data 239.2.0.0/24 threshold 5", ""},
+      {{Mode::vrf, "red"},
+       "no mdt data 239.2.0.0/24 threshold 6",
+       "there is no line 'mdt data 239.2.0.0/24 threshold 6', but 'mdt data 239.2.0.0/24 threshold 5 "
+       "immediate-switch'"},
+      {{Mode::vrf, "red"}, "no mdt data 239.3.0.0/24", "there is no line 'mdt data 239.3.0.0/24'"},
+      {{Mode::vrf, "red"}, "no mroute 10.1.1.1 232.1.1.1 oif mvpn", ""},
+      {{Mode::vrf, "red"}, "no mroute 10.1.1.2 232.1.1.1", "there is no line 'mroute 10.1.1.2 232.1.1.1'"},
+      {{Mode::vrf, "blue"}, "no rd 1:1", "there is no line 'rd 1:1'"},
+      {{Mode::global, ""}, "no route-map a", ""},
+      {{Mode::global, ""}, "no route-map b", "there is no line 'route-map b'"},
+      {{Mode::global, ""},
+       "no route-map a deny 10.0.0.0/8 232.0.0.0/8",
+       "there is no line 'route-map a deny 10.0.0.0/8 232.0.0.0/8', but 'route-map a permit 10.0.0.0/8 232.0.0.0/8'"},
+      {{Mode::pim, ""}, "no ssm range 239.2.0.0/16", "there is no line 'ssm range 239.2.0.0/16'"},
+      {{Mode::interface, "lan"}, "no shutdown", ""},
+  };
+  for (const auto &test : cases)
+    EXPECT_EQ(config.refusal(test.block, statement(test.block.mode, test.line)), test.refusal) << test.line;
 }
 
 TEST(ConfigTest, RemovingARouteMapRemovesItsEntriesAndNoOthers) {

@@ -57,6 +57,11 @@ TEST(GrammarTest, ErrorsPointAtTheWord) {
       {Mode::vrf, "mdt default", 2, "the line is incomplete; expected GROUP"},
       {Mode::vrf, "no rd 1:1 more", 3, "'more' is one word too many"},
       {Mode::exec, "", 0, "the line is incomplete"},
+      {Mode::exec, "configure no vrf red mdt mtu 1", 4, "'mdt' is one word too many"},
+      {Mode::exec, "conf no vrf red mdt mtu 1300", 1,
+       "'no' stands in front of the block's line: vrf red no mdt mtu 1300"},
+      {Mode::exec, "show events last 99999999999999999999", 3, "'99999999999999999999' is outside 1..10000"},
+      {Mode::exec, "show \x1b[2J", 1, "'\\x1b[2J' is not known here"},
   };
   for (const auto &test : cases) {
     const Match found = match(test.mode, test.line);

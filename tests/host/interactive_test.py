@@ -7,6 +7,7 @@ import pathlib
 import pty
 import re
 import select
+import signal
 import struct
 import subprocess
 import tempfile
@@ -141,15 +142,17 @@ class InteractiveTest(unittest.TestCase):
         daemon = self.start(routes)
 
         def listings():
-            threads = pathlib.Path(f"/proc/{daemon.process.pid}/task").glob("*/comm")
-            return sum(thread.read_text() == "pim-show\n" for thread in threads)
+            count = 0
+            for thread in pathlib.Path(f"/proc/{daemon.process.pid}/task").glob("*/comm"):
+                with contextlib.suppress(OSError):  # it may end meanwhile
+                    count += thread.read_text() == "pim-show\n"
+            return count
 
         terminal = self.open(daemon)
         wait_until(lambda: listings() == 0, "no listing is running")
         for key in ("q", "\x03"):
             terminal.type("show customer-routes\n")
-            # The echo may come twice: the prompt is seen before the line editor takes over the terminal's own echo.
-            terminal.expect("VRF ")
+            terminal.expect("show customer-routes\n")
             self.assertEqual(terminal.expect("--More--").count("\n"), 9)
             terminal.type(" ")
             self.assertEqual(terminal.expect("--More--").count("\n"), 9)
@@ -161,6 +164,35 @@ class InteractiveTest(unittest.TestCase):
             wait_until(lambda: listings() == 0, "the listing ends")
         terminal.type("show customer-routes | no-more | count\n")
         self.assertGreater(int(terminal.expect("pe1> ").split("\n")[1]), 12000)
+
+    def test_an_interrupt_drops_the_line_and_keeps_the_session(self):
+        terminal = self.open(self.start())
+        for typed in ("show clo", ""):
+            terminal.type(typed + "\x03")
+            terminal.expect("^C\n")
+            terminal.expect("pe1> ")
+        terminal.type("configure vrf red\n")
+        terminal.expect("red)# ")
+        terminal.type("mdt mtu 1300\x03")
+        terminal.expect("red)# ")
+        terminal.type("do show clock\n")
+        terminal.expect("Platform seconds  Scale")
+        terminal.expect("red)# ")
+        terminal.type("do show running-config | include mtu\n")
+        self.assertNotIn("1300", terminal.expect("red)# "))
+
+    def test_the_configuration_can_be_pasted(self):
+        daemon = self.start()
+        before = daemon.show("running-config")
+        terminal = self.open(daemon)
+        terminal.type("configure\n")
+        terminal.expect("pe1(config)# ")
+        for line in before.splitlines():
+            terminal.type(line + "\n")
+            terminal.expect("# ")
+        terminal.type("end\n")
+        terminal.expect("pe1> ")
+        self.assertEqual(daemon.show("running-config"), before)
 
     def test_history_is_kept_across_sessions(self):
         daemon = self.start()
@@ -175,6 +207,78 @@ class InteractiveTest(unittest.TestCase):
         history = self.folder / "state/pimctl/history"
         self.assertIn("encaps", history.read_text())
         self.assertEqual(history.stat().st_mode & 0o077, 0)
+
+    def test_sessions_keep_each_others_history(self):
+        daemon = self.start()
+        first, second = self.open(daemon), self.open(daemon)
+        for terminal, line in [(first, "show clock"), (second, "show tunnels"), (first, "show mrib encaps"),
+                               (second, "show bgp mdt")]:
+            terminal.type(line + "\n")
+            terminal.expect("pe1> ")
+        third = self.open(daemon)
+        third.type("\x10\x10\n")
+        third.expect("VRF             Index")
+        third.expect("pe1> ")
+        lines = (self.folder / "state/pimctl/history").read_text().splitlines()
+        self.assertEqual([line.removesuffix("\\012").replace("\\040", " ") for line in lines[1:]],
+                         ["show clock", "show tunnels", "show mrib encaps", "show bgp mdt", "show mrib encaps"])
+
+    def test_history_is_bounded(self):
+        daemon = self.start()
+        history = self.folder / "state/pimctl/history"
+        history.parent.mkdir(parents=True)
+        history.write_text("_HiStOrY_V2_\n" + "".join(f"old\\040{i}\n" for i in range(1500)))
+        terminal = self.open(daemon)
+        terminal.type("show clock\n")
+        terminal.expect("pe1> ")
+        lines = history.read_text().splitlines()
+        self.assertEqual(len(lines), 1001)
+        self.assertEqual((lines[1], lines[-1].removesuffix("\\012")), ("old\\040501", "show\\040clock"))
+
+    def test_names_that_the_daemon_knows_are_offered(self):
+        daemon = self.start()
+        terminal = self.open(daemon)
+        for typed, listed, others in [
+            ("show mvpn mdt vrf ?", ["NAME", "blue", "red"], ["red-lan"]),
+            ("show customer-routes vrf r?", ["NAME", "red"], ["blue"]),
+            ("test interface ?", ["INTERFACE", "blue-lan", "loopback0", "red-lan"], ["blue "]),
+            ("configure interface red-lan vrf ?", ["NAME", "blue", "red"], []),
+            ("configure vrf red mdt source l?", ["loopback0"], ["red-lan"]),
+        ]:
+            with self.subTest(typed):
+                terminal.type(typed)
+                terminal.expect("\n")
+                listing = terminal.expect("pe1> ")
+                for name in listed:
+                    self.assertIn(f"  {name} ", listing)
+                for name in others:
+                    self.assertNotIn(f"  {name}", listing)
+                terminal.type("\x15")
+        terminal.type("show customer-routes vrf b\t | count\n")  # the blank comes with the completion
+        terminal.expect("| count\n1\n")
+        terminal.expect("pe1> ")
+        # What the session has made is offered at once.
+        terminal.type("configure vrf green rd 65000:9\n")
+        terminal.expect("pe1> ")
+        terminal.type("configure\n")
+        terminal.expect("pe1(config)# ")
+        terminal.type("no vrf g\t\n")
+        terminal.expect("pe1(config)# ")
+        self.assertNotIn("green", daemon.show("running-config"))
+
+    def test_completion_does_without_the_daemon(self):
+        daemon = self.start()
+        terminal = self.open(daemon)
+        os.kill(daemon.process.pid, signal.SIGSTOP)  # takes connections, says nothing
+        terminal.type("show mvpn mdt vrf ?")
+        terminal.expect("  NAME  Name of the VRF\n")
+        os.kill(daemon.process.pid, signal.SIGCONT)
+        daemon.kill()
+        terminal.type("\x15test interface ?")
+        terminal.expect("  INTERFACE  Name of the interface\n")
+        terminal.type("\x15sh\tclo\t\n")
+        terminal.expect("pimctl: ")
+        terminal.expect("pe1> ")
 
     def test_a_session_outlives_the_daemon(self):
         daemon = self.start()
@@ -221,6 +325,22 @@ class InteractiveTest(unittest.TestCase):
         self.assertNotIn("1292", daemon.show("running-config"))
         nobody = subprocess.run([BIN / "pimctl", "--control", self.folder / "none", "show", "clock"], capture_output=True)
         self.assertEqual(nobody.returncode, 3)
+
+    def test_output_that_cannot_be_written_is_an_error(self):
+        daemon = self.start()
+        with open("/dev/full", "w") as full:
+            for arguments, lines in [(["show", "running-config"], None), ([], "show clock\n")]:
+                run = subprocess.run([BIN / "pimctl", "--control", daemon.socket, *arguments], input=lines, stdout=full,
+                                     stderr=subprocess.PIPE, text=True, timeout=LIMIT)
+                self.assertEqual(run.returncode, 1)
+                self.assertIn("No space left on device", run.stderr)
+
+    def test_filters_that_contradict_each_other_are_refused(self):
+        daemon = self.start()
+        for line in ["show clock | json | xml", "show clock | json | count", "show clock | include x | json"]:
+            run = subprocess.run([BIN / "pimctl", "--control", daemon.socket, line], capture_output=True, text=True,
+                                 timeout=LIMIT)
+            self.assertEqual((run.returncode, run.stdout), (2, ""), line)
 
     def test_the_reference_names_every_command(self):
         tables = subprocess.run([BIN / "pimctl", "--syntax"], capture_output=True, text=True, check=True).stdout

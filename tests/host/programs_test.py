@@ -4,6 +4,7 @@ PIMHOSTD_MODULE names another module than the one beside the programs.
 """
 
 import contextlib
+import json
 import os
 import pathlib
 import re
@@ -16,9 +17,12 @@ import tempfile
 import time
 import unittest
 
+import command_examples
+
 BIN = pathlib.Path(sys.argv.pop(1))
 HERE = pathlib.Path(__file__).resolve().parent
 EXAMPLES = HERE.parent.parent / "examples"
+DOCS = HERE.parent.parent / "docs"
 LIMIT = 30  # seconds until something that must happen counts as missing
 
 
@@ -28,6 +32,32 @@ def wait_until(condition, what):
         if time.monotonic() > limit:
             raise AssertionError(f"did not happen: {what}")
         time.sleep(0.02)
+
+
+def schema_faults(value, schema, root, path=""):
+    """What a value has against the parts of JSON schema that the output schema uses."""
+    while "$ref" in schema:
+        schema = root["$defs"][schema["$ref"].removeprefix("#/$defs/")]
+    kinds = {"object": dict, "array": list, "string": str, "boolean": bool, "integer": int, "number": (int, float)}
+    kind = schema["type"]
+    if not isinstance(value, kinds[kind]) or isinstance(value, bool) != (kind == "boolean"):
+        return [f"{path}: {value!r} is no {kind}"]
+    faults = []
+    if "pattern" in schema and not re.search(schema["pattern"], value):
+        faults.append(f"{path}: {value!r} does not match")
+    if "minimum" in schema and value < schema["minimum"]:
+        faults.append(f"{path}: {value!r} is too small")
+    if kind == "array":
+        for item in value:
+            faults += schema_faults(item, schema["items"], root, path)
+    if kind == "object":
+        faults += [f"{path}: {name} is missing" for name in schema.get("required", []) if name not in value]
+        for name, member in value.items():
+            if name in schema["properties"]:
+                faults += schema_faults(member, schema["properties"][name], root, f"{path}/{name}")
+            else:
+                faults.append(f"{path}: {name} is not in the schema")
+    return faults
 
 
 class Daemon:
@@ -95,13 +125,52 @@ class ProgramsTest(unittest.TestCase):
             daemon.wait_for(f"mvpn mdt vrf {vrf}", r"MTI\(\S+\) Up\n")
         return daemon
 
+    def end_at_once(self, *options):
+        """The status and the errors of a daemon that does not start."""
+        module = os.environ.get("PIMHOSTD_MODULE")
+        command = [BIN / "pimhostd", "--control", self.folder / "other", *options, *(["--module", module] if module else [])]
+        sanitizer = {"LSAN_OPTIONS": f"suppressions={HERE}/lsan.supp:print_suppressions=0"}
+        result = subprocess.run(command, capture_output=True, text=True, timeout=LIMIT, env={**sanitizer, **os.environ})
+        self.assertEqual(result.stdout, "")
+        return result.returncode, result.stderr
+
     def test_check_config_names_file_line_and_reason(self):
-        self.config.write_text("hostname a\nvrf red\n  mdt data 239.1.0.0/33\n")
-        result = subprocess.run([BIN / "pimhostd", "--config", self.config, "--check-config"], capture_output=True, text=True)
-        self.assertEqual(result.returncode, 1)
-        self.assertEqual(result.stderr, f"{self.config}:3: '239.1.0.0/33' has a mask length over 32\n")
+        for text, problems in [
+            ("hostname a\nvrf red\n  mdt data 239.1.0.0/33\n", "{}:3: '239.1.0.0/33' has a mask length over 32"),
+            # Only the module knows these.
+            ("vrf a\n  mdt default 239.1.1.1\nvrf b\n  mdt pim jp-interval 90\n  mdt default 239.1.1.1\n",
+             "{}:4: VRF b: mdt pim jp-interval 90: Join Prune interval should be in multiple of 60 sec\n"
+             "pimhostd: {}:5: VRF b: mdt default 239.1.1.1: The MDT-default group overlaps with VRF a"),
+            ("", "{}: the file holds no line of configuration"),
+            ("! nothing but a comment\n", "{}: the file holds no line of configuration"),
+        ]:
+            self.config.write_text(text)
+            expected = (1, "pimhostd: " + problems.replace("{}", str(self.config)) + "\n")
+            self.assertEqual(self.end_at_once("--config", self.config, "--check-config"), expected)
         for example in EXAMPLES.glob("*.conf"):
-            subprocess.run([BIN / "pimhostd", "--config", example, "--check-config"], check=True)
+            self.assertEqual(self.end_at_once("--config", example, "--check-config"), (0, ""))
+
+    def test_a_daemon_that_cannot_start_says_why(self):
+        self.config.write_text("hostname a\n")
+        (self.folder / "file").touch()
+        store = str(self.folder / "store")
+        self.start(None, "--store", store)
+        config = ["--config", str(self.config)]
+        for options, status, reason in [
+            (["--config", str(self.folder)], 1, f"pimhostd: {self.folder}: Is a directory\n"),
+            (["--config", "missing.conf"], 1, "pimhostd: missing.conf: No such file or directory\n"),
+            ([*config, "--store", f"{self.folder}/a/b"], 1, f"pimhostd: --store: {self.folder}/a/b: No such file or directory\n"),
+            ([*config, "--store", f"{self.folder}/file"], 1, f"pimhostd: --store: {self.folder}/file: Not a directory\n"),
+            ([*config, "--store", store], 1, f"pimhostd: --store: {store}: another pimhostd uses this folder\n"),
+            ([*config, "--capture", f"{self.folder}/a/b"], 1,
+             f"pimhostd: --capture: {self.folder}/a/b: No such file or directory\n"),
+            ([*config, "--restart", "stateful"], 2, "--restart requires --store\n"),
+            ([*config, "--agentx", "foo"], 2, "--agentx: foo is neither unix:PATH nor tcp:HOST:PORT\n"),
+            ([*config, "--bogus"], 2, "--bogus\n"),
+        ]:
+            found = self.end_at_once(*options)
+            self.assertEqual(found[0], status, options)
+            self.assertIn(reason, found[1])
 
     def test_default_mdts_come_up_and_go_down(self):
         daemon = self.start_example()
@@ -128,12 +197,42 @@ class ProgramsTest(unittest.TestCase):
             ("configure vrf blue context-id 2", 1, "context id 2 belongs to VRF red\n"),
             ("configure no vrf red", 1, "interface red-lan: there is no VRF red\n"),
             ("configure no vrf green", 1, "there is no vrf green\n"),
+            ("configure vrf green mdt default 239.1.1.1", 1, "The MDT-default group overlaps with VRF red\n"),
+            ("configure vrf green no mdt default", 1, "No default mdt group configured\n"),
+            ("configure interface mti2 shutdown", 1, "mti2 is a name that the tunnel manager gives to VRFs' tunnels\n"),
+            ("configure vrf blue no mdt mtu 1300", 1, "there is no line 'mdt mtu 1300', but 'mdt mtu 1400'\n"),
+            ("configure vrf red mdt source red-lan", 1, "interface red-lan is in VRF red, not in the core\n"),
+            ("configure bgp no update-source lan", 1,
+             "there is no line 'update-source lan', but 'update-source loopback0'\n"),
+            ("configure core no peer 127.0.0.1:1", 1, "there is no line 'peer 127.0.0.1:1'\n"),
+            ("debug mvpn vrf green", 1, "there is no VRF green\n"),
+            ("test remote-pe 10.0.0.1 65000:1 239.1.1.1 advertise", 1,
+             "10.0.0.1 is the address of this PE's interface loopback0\n"),
+            ("test remote-pe 10.0.0.2 65000:1 239.1.1.1 withdraw", 1, "there is no such entry of PE 10.0.0.2\n"),
             ("show mvpn mtd", 2, "  show mvpn mtd\n            ^\n'mtd' is not known here; expected mdt, bgp or internal\n"),
             ("show mvpn mdt vrf green", 1, "there is no VRF green\n"),
         ]:
             result = daemon.run(line)
             self.assertEqual((result.returncode, result.stderr, result.stdout), (status, text, ""), line)
         self.assertEqual(daemon.show("running-config"), before)
+        for vrf in ("red", "blue"):
+            self.assertRegex(daemon.show(f"mvpn mdt vrf {vrf}"), r"MTI\(\S+\) Up\n")
+
+    def test_receivers_appear_on_interfaces_of_the_vrf_only(self):
+        daemon = self.start_example()
+        self.assertEqual(daemon.run("configure vrf red mroute 192.168.1.5 232.1.1.9 iif red-lan").returncode, 0)
+        for change, status, text, oifs in [
+            ("join blue-lan", 1, "interface blue-lan is not in VRF red\n", "-"),
+            ("join mti2", 1, "VRF red: there is no interface mti2\n", "-"),
+            ("leave red-lan", 1, "red-lan is no outgoing interface of the route\n", "-"),
+            ("leave mvpn", 1, "mvpn is no outgoing interface of the route\n", "-"),
+            ("join red-lan", 0, "", "red-lan"),
+            ("join mvpn", 0, "", "red-lan,mvpn"),
+            ("leave red-lan", 0, "", "mvpn"),
+        ]:
+            result = daemon.run("test receiver vrf red 192.168.1.5 232.1.1.9 " + change)
+            self.assertEqual((result.returncode, result.stderr), (status, text))
+            self.assertRegex(daemon.show("customer-routes vrf red"), rf"232\.1\.1\.9 +red-lan +\S+ +{oifs} ")
 
     def test_running_configuration_loads_to_itself(self):
         daemon = self.start_example()
@@ -176,13 +275,33 @@ class ProgramsTest(unittest.TestCase):
         for vrf, group in (("red", 7), ("blue", 2), ("green", 3)):
             daemon.wait_for("tunnels", rf"{vrf} +10\.0\.0\.1 +239\.1\.1\.{group} +\d+ +up +up")
         daemon.wait_for("interfaces", "blue-lan .* blue ")
-        # What a handler refuses stays as it was, the rest is taken.
-        self.config.write_text(text + "vrf green\n  rd 65000:3\n  mdt default 239.1.1.7\n")
-        daemon.process.send_signal(signal.SIGHUP)
-        daemon.wait_for_log("The MDT-default group overlaps with VRF red")
+        # What only the module refuses is found before anything changes; so is a file that has gone or is empty.
         running = daemon.show("running-config")
-        self.assertEqual((running.count("mdt default 239.1.1.3"), running.count("mdt default 239.1.1.7")), (1, 1))
-        daemon.wait_for("tunnels", r"green +10\.0\.0\.1 +239\.1\.1\.3 +\d+ +up +up")
+        overlap = "hostname other\n" + text + "vrf green\n  rd 65000:3\n  mdt default 239.1.1.7\n"
+        line = overlap[:overlap.index("239.1.1.7")].count("\n") + 1
+        for content, reason in [(overlap, f":{line}: VRF red: mdt default 239.1.1.7: The MDT-default group "
+                                          "overlaps with VRF green"),
+                                ("", ": the file holds no line of configuration"), (None, ": No such file or directory")]:
+            self.config.unlink() if content is None else self.config.write_text(content)
+            kept = daemon.log.read_text().count("stays as it is")
+            daemon.process.send_signal(signal.SIGHUP)
+            daemon.wait_for_log("stays as it is", kept + 1)
+            self.assertIn(f"pimhostd: {self.config}{reason}\n", daemon.log.read_text())
+            self.assertEqual(daemon.show("running-config"), running)
+
+    def test_a_change_that_is_refused_on_the_way_is_taken_back(self):
+        daemon = self.start_example()
+        for line in ["mdt data 239.6.0.0/24", "mdt default 239.6.0.1"]:
+            self.assertEqual(daemon.run("configure vrf green " + line).returncode, 0)
+        running = daemon.show("running-config")
+        # The file is sound, but the module does not give up a range that holds the default group.
+        self.config.write_text(self.config.read_text().replace("mdt mtu 1400", "mdt mtu 1300").replace("hostname pe1", "hostname x")
+                               + "vrf green\n  mdt default 239.6.0.1\n")
+        daemon.process.send_signal(signal.SIGHUP)
+        daemon.wait_for_log("the former configuration is restored")
+        self.assertIn(f"{self.config}: VRF green: no mdt data 239.6.0.0/24: ", daemon.log.read_text())
+        self.assertEqual(daemon.show("running-config"), running)
+        daemon.wait_for("tunnels", r"blue +10\.0\.0\.1 +239\.1\.1\.2 +1400 +up +up")
 
     def test_the_feature_goes_and_comes_back(self):
         daemon = self.start_example()
@@ -203,16 +322,42 @@ class ProgramsTest(unittest.TestCase):
         daemon.wait_for("tunnels", "red .* up +up")
         daemon.wait_for_absence("tunnels", "mti3")
 
+    def test_a_tunnel_that_outlived_its_process_gets_the_present_parameters(self):
+        daemon = self.start_example("--store", str(self.folder / "store"))
+        for end in (Daemon.kill, Daemon.stop):
+            self.assertEqual(daemon.run("configure vrf blue mdt mtu 1300").returncode, 0)
+            daemon.wait_for("tunnels", r"blue +10\.0\.0\.1 +239\.1\.1\.2 +1300 ")
+            end(daemon)
+            daemon = self.start(None, "--store", str(self.folder / "store"), "--restart", "stateful")
+            daemon.wait_for("tunnels", r"blue +10\.0\.0\.1 +239\.1\.1\.2 +1400 +up +up")
+        # So does one whose VRF was configured anew while nobody served it.
+        for line in ["no feature mvpn", "vrf blue mdt mtu 1300", "vrf blue no mdt default", "vrf blue mdt default 239.1.1.5",
+                     "feature mvpn"]:
+            self.assertEqual(daemon.run("configure " + line).returncode, 0)
+        daemon.wait_for("tunnels", r"blue +10\.0\.0\.1 +239\.1\.1\.5 +1300 +up +up")
+
     def test_structured_output_and_filters(self):
         daemon = self.start_example()
-        import json
-        import xml.etree.ElementTree as tree
         vrfs = json.loads(daemon.show("mvpn mdt", "--json"))["vrf"]
         self.assertEqual([(vrf["name"], vrf["mti-status"]) for vrf in vrfs], [("blue", "Up"), ("red", "Up")])
-        for view in ["interfaces", "tunnels", "bgp mdt", "mrib routes detail", "mrib encaps", "core groups", "customer-routes",
-                     "events", "counters", "running-config", "clock", "mvpn mdt receive", "mvpn internal state"]:
-            json.loads(daemon.show(view + " | json"))
-            tree.fromstring(daemon.show(view, "--xml"))
+        daemon.run("configure vrf red mroute 192.168.1.5 232.1.1.1 iif red-lan oif mvpn")
+        daemon.run("test remote-pe 10.0.0.2 65000:1 239.1.1.1 advertise")
+        schema = json.loads((DOCS / "schema/mvpn-output.schema.json").read_text())
+        for view in ["interfaces", "tunnels", "bgp mdt", "mrib routes", "mrib routes detail", "mrib encaps", "core groups",
+                     "customer-routes", "events", "events last 3", "counters", "running-config", "clock", "mvpn mdt",
+                     "mvpn mdt route", "mvpn mdt receive", "mvpn mdt send", "mvpn internal state"]:
+            with self.subTest(view):
+                document = json.loads(daemon.show(view + " | json"))
+                self.assertNotEqual(document, {})
+                self.assertEqual(schema_faults(document, schema, schema), [])
+                xml = subprocess.run(["xmllint", "--noout", "--schema", DOCS / "schema/mvpn-output.xsd", "-"], text=True,
+                                     input=daemon.show(view, "--xml"), capture_output=True)
+                self.assertEqual(xml.returncode, 0, xml.stderr)
+        self.assertEqual(json.loads(daemon.show("customer-routes vrf blue", "--json")), {})
+        self.assertNotEqual(schema_faults({"clock": [{"seconds": "1"}]}, schema, schema), [])
+        route = json.loads(daemon.show("customer-routes", "--json"))["customer-route"][0]
+        self.assertEqual((route["source"], route["rate-kbps"], route["bidirectional"], route["outgoing-interface"]),
+                         ("192.168.1.5", 0, False, [{"name": "mvpn"}]))
         self.assertEqual(daemon.show("tunnels | include blue | count"), "1\n")
         self.assertEqual(daemon.run("show tunnels | sort").returncode, 2)
 
@@ -225,6 +370,25 @@ class ProgramsTest(unittest.TestCase):
             self.assertEqual(receiver.recv(100), b"READY=1")
             daemon.stop()
             self.assertEqual(receiver.recv(100), b"STOPPING=1")
+
+    def test_man_pages_name_every_option(self):
+        for page in (HERE.parent.parent / "host/man").glob("*.scd"):
+            with self.subTest(page.name):
+                program = page.name.split(".")[0]
+                help = subprocess.run([BIN / program, "--help"], capture_output=True, text=True, check=True).stdout
+                options = set(re.findall(r"^  (?:-\w,)?(--[\w-]+)", help, re.M))
+                described = "".join(re.findall(r"^\*-.*$", page.read_text(), re.M))
+                self.assertEqual(set(re.findall(r"--[\w-]+", described)), options)
+                self.assertEqual(subprocess.run([BIN / program, "--bogus"], capture_output=True).returncode, 2)
+
+    def test_the_examples_of_the_reference_are_what_the_commands_answer(self):
+        daemon = self.start(command_examples.EXAMPLE.read_text(), *command_examples.OPTIONS)
+        daemon.wait_for("mvpn mdt vrf red", r"MTI\(\S+\) Up\n")
+        examples = list(command_examples.blocks(command_examples.PAGE.read_text()))
+        self.assertGreater(len(examples), 100)
+        for command, expected, _, _ in examples:
+            found = command_examples.answer_like(expected, BIN, daemon.socket, command, LIMIT)
+            self.assertEqual(command_examples.stable(found), command_examples.stable(expected), command)
 
     # ------------------------------------------------------------------------------------------- the control socket
 

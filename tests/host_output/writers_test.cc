@@ -313,12 +313,20 @@ TEST(Schema, FilesAreWhatTheToolPrints) {
 }
 
 TEST(Schema, NamesAreUniqueWhereTheyStandTogether) {
-  std::vector<std::pair<cli_record, std::string>> names;
+  std::vector<std::pair<output::RecordId, std::string>> names;
   for (const output::SchemaElement &element : output::all_elements()) names.emplace_back(element.record, element.name);
   for (const output::SchemaRecord &record : output::all_records()) names.emplace_back(record.parent, record.name);
   std::sort(names.begin(), names.end());
   const auto twice = std::adjacent_find(names.begin(), names.end());
   EXPECT_EQ(twice, names.end()) << twice->second;
+
+  // The schema files define types and records under their names.
+  std::vector<std::string> defined;
+  for (const output::SchemaType &type : output::all_types()) defined.emplace_back(type.name);
+  for (const output::SchemaRecord &record : output::all_records()) defined.emplace_back(record.name);
+  std::sort(defined.begin(), defined.end());
+  const auto again = std::adjacent_find(defined.begin(), defined.end());
+  EXPECT_EQ(again, defined.end()) << *again;
 }
 
 }  // namespace

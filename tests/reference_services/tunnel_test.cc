@@ -190,7 +190,7 @@ TEST_F(TunnelFileTest, DatabaseOutlivesThePlatform) {
   ref::create_vrf("red", 7, 7);
   const ref::Tunnel red = ref::tunnels()[0];
   EXPECT_EQ(red.iod, iod);
-  EXPECT_TRUE(red.up);
+  EXPECT_FALSE(red.up) << "nobody serves it";
   EXPECT_EQ(red.destination, address("239.1.1.1"));
   EXPECT_EQ(l3vm_if_get_context_id(iod), 7u) << "the VRF came after its tunnel";
 }

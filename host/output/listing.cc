@@ -1,0 +1,127 @@
+#include "listing.h"
+
+#include <cstdio>
+
+#include "thread.h"
+
+namespace output {
+namespace {
+
+constexpr size_t kRowsBetweenYields = 100;
+
+void append_padded(const std::string &text, int width, std::string *line) {
+  *line += text;
+  if (width == 0) return;
+  const auto room = static_cast<size_t>(width);
+  line->append(text.size() < room ? room - text.size() : 1, ' ');
+}
+
+void end_line(std::string *line) {
+  line->erase(line->find_last_not_of(' ') + 1);
+  *line += '\n';
+}
+
+struct ToText {
+  const Column &column;
+
+  std::string operator()(std::monostate) const { return "-"; }
+  std::string operator()(const std::string &text) const { return text; }
+  std::string operator()(bool truth) const { return truth ? "yes" : "no"; }
+  std::string operator()(uint64_t number) const {
+    if (column.form == Column::Form::plain) return std::to_string(number);
+    char text[24];
+    std::snprintf(text, sizeof text, "0x%08llx", static_cast<unsigned long long>(number));
+    return text;
+  }
+  std::string operator()(Cell::Seconds time) const {
+    char text[48];
+    std::snprintf(text, sizeof text, "%.3f", time.count());
+    return text;
+  }
+};
+
+// "red:1,blue:2".
+std::string list_text(const View &view, const Cell &list) {
+  std::string text;
+  for (const Row &item : list.items) {
+    if (!text.empty()) text += ',';
+    for (size_t i = 0; i < item.size(); i++)
+      text += (i == 0 ? "" : ":") + std::visit(ToText{view.columns[i]}, item[i].value);
+  }
+  return text.empty() ? "-" : text;
+}
+
+struct ToValue {
+  ref::CliValue *value;
+
+  void operator()(std::monostate) const {}
+  void operator()(const std::string &text) const { value->text = text; }
+  void operator()(bool truth) const {
+    value->type = ref::CliValueType::boolean;
+    value->number = truth ? 1 : 0;
+  }
+  void operator()(uint64_t number) const {
+    value->type = ref::CliValueType::unsigned_number;
+    value->unsigned_number = number;
+  }
+  void operator()(Cell::Seconds time) const {
+    value->type = ref::CliValueType::duration;
+    value->seconds = time.count();
+  }
+};
+
+// The fields of a record, then its children.
+template <typename IsShown>
+void record(const View &view, const Row &row, IsShown is_shown, ref::CliSink &sink) {
+  for (size_t i = 0; i < row.size(); i++) {
+    const Column &column = view.columns[i];
+    if (is_list(column) || !is_shown(column) || std::holds_alternative<std::monostate>(row[i].value)) continue;
+    ref::CliValue value;
+    value.element = column.number;
+    std::visit(ToValue{&value}, row[i].value);
+    sink.value(value);
+  }
+  for (size_t i = 0; i < row.size(); i++)
+    for (const Row &item : row[i].items) record(*view.columns[i].items, item, is_shown, sink);
+}
+
+}  // namespace
+
+void Listing::begin(const View &view, bool detail) {
+  if (view_ != nullptr) sink_.text("\n");
+  view_ = &view;
+  detail_ = detail;
+  if (view.title != nullptr) sink_.text(std::string(view.title) + "\n");
+  heading();
+}
+
+void Listing::heading() {
+  std::string line;
+  for (const Column &column : view_->columns)
+    if (is_shown(column)) append_padded(column.title, column.width, &line);
+  end_line(&line);
+  if (line != "\n") sink_.text(line);
+}
+
+bool Listing::row(const Row &row) {
+  text_of(row);
+  record(
+      *view_, row, [this](const Column &column) { return is_shown(column); }, sink_);
+  if (++rows_ % kRowsBetweenYields == 0) tsp_sched_may_yield();
+  return sink_.more();
+}
+
+void Listing::text_of(const Row &row) {
+  std::string line;
+  for (size_t i = 0; i < row.size(); i++) {
+    const Column &column = view_->columns[i];
+    if (!is_shown(column)) continue;
+    const bool list = is_list(column);
+    append_padded(list ? list_text(*column.items, row[i]) : std::visit(ToText{column}, row[i].value), column.width,
+                  &line);
+  }
+  end_line(&line);
+  sink_.text(line);
+}
+
+}  // namespace output

@@ -1,0 +1,57 @@
+// Prints the host's own views: each row goes to a sink as a line of text and as recorded values, as the module's handlers
+// do it, and the writer behind the sink takes what it shows.
+#ifndef HOST_OUTPUT_LISTING_H
+#define HOST_OUTPUT_LISTING_H
+
+#include <chrono>
+#include <concepts>
+#include <cstdint>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "reference.h"
+#include "view.h"
+
+namespace output {
+
+// A value of a row. Nothing: "-" in text, left out of documents.
+struct Cell {
+  using Seconds = std::chrono::duration<double>;
+
+  Cell() = default;
+  Cell(std::string text) : value(std::move(text)) {}
+  Cell(const char *text) : value(text) {}
+  Cell(std::same_as<bool> auto truth) : value(truth) {}
+  Cell(std::unsigned_integral auto number) requires(!std::same_as<decltype(number), bool>) : value(uint64_t{number}) {}
+  Cell(Seconds time) : value(time) {}
+  Cell(std::vector<std::vector<Cell>> list) : items(std::move(list)) {}
+
+  std::variant<std::monostate, std::string, uint64_t, bool, Seconds> value;
+  std::vector<std::vector<Cell>> items;  // of a list
+};
+using Row = std::vector<Cell>;  // in the order of the view's columns, those that are not shown included
+
+class Listing {
+ public:
+  explicit Listing(ref::CliSink &sink) : sink_(sink) {}
+
+  // Begins a table: with its heading, and behind an empty line when it is not the first.
+  void begin(const View &view, bool detail = false);
+  // A row of the table, then sometimes a yield. False: nobody wants more.
+  bool row(const Row &row);
+
+ private:
+  void heading();
+  void text_of(const Row &row);
+  bool is_shown(const Column &column) const { return detail_ || !column.only_in_detail; }
+
+  ref::CliSink &sink_;
+  const View *view_ = nullptr;
+  bool detail_ = false;
+  size_t rows_ = 0;
+};
+
+}  // namespace output
+
+#endif  // HOST_OUTPUT_LISTING_H
