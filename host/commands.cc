@@ -104,6 +104,16 @@ Build interface_name(std::string name, std::string help) {
 Word vrf_option() { return keyword("vrf", "One VRF instead of all").then({vrf_name("vrf", "Name of the VRF")}); }
 Word detail_option() { return flag("detail", "Everything about each entry"); }
 
+Word route_map_clause(std::string word, std::string help) {
+  Word groups = argument(ValueType::prefix, "GROUPS", "groups", "Customer groups, A.B.C.D/LENGTH")
+                    .identifies()
+                    .runs(Command::route_map);
+  Word sources = argument(ValueType::prefix, "SOURCES", "sources", "Customer sources, A.B.C.D/LENGTH")
+                     .identifies()
+                     .then({std::move(groups)});
+  return flag(std::move(word), std::move(help)).then({std::move(sources)});
+}
+
 std::vector<Word> global_words() {
   return {
       keyword("hostname", "Name of this router")
@@ -118,26 +128,13 @@ std::vector<Word> global_words() {
                      .runs(Command::feature_mvpn)
                      .by_default()}),
       keyword("route-map", "Policies that select customer flows")
-          .then(
-              {argument(ValueType::policy, "NAME", "name", "Name of the route-map")
-                   .identifies()
-                   .undone(Command::route_map)
-                   .then({
-                       flag("permit", "Flows that match are selected")
-                           .then({argument(ValueType::prefix, "SOURCES", "sources", "Customer sources, A.B.C.D/LENGTH")
-                                      .identifies()
-                                      .then({argument(ValueType::prefix, "GROUPS", "groups",
-                                                      "Customer groups, A.B.C.D/LENGTH")
-                                                 .identifies()
-                                                 .runs(Command::route_map)})}),
-                       flag("deny", "Flows that match are left out")
-                           .then({argument(ValueType::prefix, "SOURCES", "sources", "Customer sources, A.B.C.D/LENGTH")
-                                      .identifies()
-                                      .then({argument(ValueType::prefix, "GROUPS", "groups",
-                                                      "Customer groups, A.B.C.D/LENGTH")
-                                                 .identifies()
-                                                 .runs(Command::route_map)})}),
-                   })}),
+          .then({argument(ValueType::policy, "NAME", "name", "Name of the route-map")
+                     .identifies()
+                     .undone(Command::route_map)
+                     .then({
+                         route_map_clause("permit", "Flows that match are selected"),
+                         route_map_clause("deny", "Flows that match are left out"),
+                     })}),
       keyword("pim", "PIM of the core").runs(Command::pim_block).opens(Mode::pim),
       keyword("core", "Links that carry core packets").runs(Command::core_block).opens(Mode::core),
       keyword("interface", "Interfaces")
@@ -163,6 +160,9 @@ std::vector<Word> pim_words() {
       keyword("mtu", "Largest datagram of the process")
           .then({number("mtu", "Bytes", 68, 65535).runs(Command::pim_mtu)})
           .undone(Command::pim_mtu),
+      keyword("announcement-limit", "Data MDTs of other PEs that a VRF keeps; the newest beyond it are dropped")
+          .then({number("limit", "Announcements", 1, 10'000'000).runs(Command::announcement_limit)})
+          .undone(Command::announcement_limit),
   };
 }
 

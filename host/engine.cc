@@ -209,6 +209,7 @@ Outcome Engine::operate(const std::vector<Statement> &statements) {
       return router_.configure({statements.begin() + 1, statements.end()});
     case Command::clear_counters:
       counters_ = counters_now();
+      router_.links().clear_counters();
       return {};
     case Command::clear_events:
       ref::clear_history();

@@ -42,6 +42,7 @@ enum class Command {
   ssm_range,
   bidir_range,
   pim_mtu,
+  announcement_limit,
   core_block,
   carrier,
   peer,

@@ -93,6 +93,10 @@ void Links::follow(const Config &config) {
   if (endpoint != nullptr) open_reflector(reflector, name_of(config));
 }
 
+void Links::clear_counters() {
+  if (carrier_ != nullptr) carrier_->clear_counters();
+}
+
 void Links::close() {
   close_reflector();
   close_carrier();

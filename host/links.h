@@ -31,6 +31,7 @@ class Links {
 
   const safi::ReflectorLink *reflector() const { return reflector_.get(); }
   const ref::GreUdpCarrier *carrier() const { return carrier_; }
+  void clear_counters();
 
  private:
   void open_carrier();

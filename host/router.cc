@@ -120,7 +120,8 @@ Router::Router(Loop &loop, const LoadedModule &module, Options options)
       module_(module),
       options_(std::move(options)),
       links_(loop, options_.capture, options_.log),
-      default_mtu_(pim_mtu) {}
+      default_mtu_(pim_mtu),
+      default_announcement_limit_(*module.recv_cache_limit) {}
 
 // -------------------------------------------------------------------------------------------------- start and stop
 
@@ -395,14 +396,19 @@ void Router::apply_global(const LineChange &change) {
     const PrefixValue prefix = prefix_value(*find_argument(statement, "prefix"));
     (change.after != nullptr ? add : remove)(prefix.address, prefix.length);
   };
+  const auto number = [&](const char *name, uint32_t without) {
+    return change.after != nullptr ? static_cast<uint32_t>(number_value(*find_argument(statement, name))) : without;
+  };
   switch (statement.command) {
     case Command::ssm_range:
       return range(ref::add_ssm_range, ref::remove_ssm_range);
     case Command::bidir_range:
       return range(ref::add_bidir_range, ref::remove_bidir_range);
     case Command::pim_mtu:
-      pim_mtu = change.after != nullptr ? static_cast<uint32_t>(number_value(*find_argument(statement, "mtu")))
-                                        : default_mtu_;
+      pim_mtu = number("mtu", default_mtu_);
+      return;
+    case Command::announcement_limit:
+      *module_.recv_cache_limit = number("limit", default_announcement_limit_);
       return;
     case Command::clock_scale:
       return follow_clock();

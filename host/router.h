@@ -46,6 +46,7 @@ class Router {
 
   const Config &running() const { return running_; }
   const Links &links() const { return links_; }
+  Links &links() { return links_; }
   const LoadedModule &module() const { return module_; }
 
   // State of a link that is not configured: the interface stays down until it is set up again. False: no such interface.
@@ -97,6 +98,7 @@ class Router {
   bool module_runs_ = false;
   bool commands_registered_ = false;
   uint32_t default_mtu_;
+  uint32_t default_announcement_limit_;
   std::set<std::string> links_down_;
   // What waits.
   std::set<std::string> leaving_;                         // VRFs that are being deleted

@@ -207,6 +207,15 @@ void show_events(const ViewInput &input, Listing &listing) {
   });
 }
 
+uint64_t refused_announcements() {
+  uint64_t refused = 0;
+  pim_cib_iterator iterator;
+  for (const pim_cibtype *pcib = pim_get_first_cib_by_name(&iterator); pcib != nullptr;
+       pcib = pim_get_next_cib_by_name(&iterator))
+    if (pcib->mvpn != nullptr) refused += pcib->mvpn->data_mdt_recv_refused;
+  return refused;
+}
+
 void show_counters(const ViewInput &input, Listing &listing) {
   const CounterBase now = counters_now();
   const CounterBase &base = input.counters;
@@ -218,6 +227,9 @@ void show_counters(const ViewInput &input, Listing &listing) {
       {"pim-encap-setups", now.pim.encap_setups - base.pim.encap_setups},
       {"pim-rpf-lookups", now.pim.rpf_lookups - base.pim.rpf_lookups},
       {"pim-join-triggers", now.pim.join_triggers - base.pim.join_triggers},
+      // A VRF that has gone takes its part along.
+      {"announcements-refused",
+       now.announcements_refused - std::min(now.announcements_refused, base.announcements_refused)},
       {"mrib-updates", now.mrib_updates - base.mrib_updates},
       {"module-threads", ref::thread_count()},
       {"slab-objects", memory.slab_objects},
@@ -255,7 +267,7 @@ void show_clock(const ViewInput &, Listing &listing) {
 
 }  // namespace
 
-CounterBase counters_now() { return {ref::pim_counters(), ref::mrib_updates_total()}; }
+CounterBase counters_now() { return {ref::pim_counters(), ref::mrib_updates_total(), refused_announcements()}; }
 
 bool show_view(const ViewInput &input, Listing &listing) {
   using View = void (*)(const ViewInput &, Listing &);

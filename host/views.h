@@ -14,6 +14,7 @@ namespace host {
 struct CounterBase {
   ref::PimCounters pim;
   uint64_t mrib_updates = 0;
+  uint64_t announcements_refused = 0;  // of the VRFs that there are
 };
 
 struct ViewInput {

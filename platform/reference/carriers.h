@@ -59,6 +59,7 @@ class GreUdpCarrier : public Carrier {
   bool set_capture(const std::string &path);
 
   const Counters &counters() const { return counters_; }
+  void clear_counters() { counters_ = {}; }
 
  private:
   struct CaptureCloser {
