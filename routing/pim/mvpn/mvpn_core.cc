@@ -111,8 +111,8 @@ class context_index {
   auto equal(uint32_t value) const { return contexts_.equal_range(value); }
 
   mvpn_cibtype *first(uint32_t value) const {
-    const auto [found, end] = equal(value);
-    return found != end ? *found : nullptr;
+    const auto found = contexts_.lower_bound(value);
+    return found != contexts_.end() && (*found)->*Field == value ? *found : nullptr;
   }
 
   // The first with this value behind a VRF name.

@@ -51,10 +51,12 @@ static const uint8_t *tree_key(const mvpn_bgp_mdt_safi *entry) {
 
 namespace {
 
+// Byte order as the order of numbers: these comparisons are most of what an update costs in a large database.
 struct by_group {
   bool operator()(const mvpn_bgp_mdt_safi *a, const mvpn_bgp_mdt_safi *b) const {
     if (a->mdt_grp != b->mdt_grp) return a->mdt_grp < b->mdt_grp;
-    return std::memcmp(tree_key(a), tree_key(b), MVPN_MDT_SAFI_TREE_KEY_SIZE) < 0;
+    if (a->mdt_src != b->mdt_src) return load_be32(tree_key(a)) < load_be32(tree_key(b));
+    return std::memcmp(a->bgp_rd, b->bgp_rd, ROUTE_DISTINGUISHER_SIZE) < 0;
   }
 };
 
@@ -162,7 +164,7 @@ mvpn_bgp_mdt_safi *mvpn_bgp_get_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *key)
 
 int mvpn_bgp_delete_mdt_safi_entry(mvpn_bgp_mdt_safi *entry) {
   ravl_delete(&mvpn_bgp_mdt_safi_db, entry);
-  safi_local_by_rd.erase(entry);
+  if (entry->local != 0) safi_local_by_rd.erase(entry);
   safi_by_group.erase(entry);
   mvpn_ha_remove_mdt_safi_from_pss(entry);
   slab_free(mvpn_slabs[MVPN_SLAB_BGP_MDT_SAFI], entry);
