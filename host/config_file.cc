@@ -14,7 +14,10 @@ namespace {
 // The reason why it cannot be read; empty when it was.
 std::string read_text(const std::string &path, std::string *text) {
   struct stat status {};
-  if (stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) return std::strerror(EISDIR);
+  const bool exists = stat(path.c_str(), &status) == 0;
+  if (exists && S_ISDIR(status.st_mode)) return std::strerror(EISDIR);
+  // Reading a pipe could hold up the daemon, and gives its text once only.
+  if (exists && !S_ISREG(status.st_mode)) return "it is no regular file";
   std::ifstream in(path, std::ios::binary);
   if (!in) return std::strerror(errno);
   std::ostringstream read;

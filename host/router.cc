@@ -13,6 +13,8 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "ip.h"
+
 namespace host {
 namespace {
 
@@ -66,6 +68,20 @@ std::optional<std::string> enter_blocks(const std::vector<Statement> &statements
     wanted->remove(*block);
   }
   return std::nullopt;
+}
+
+// The range of a VRF that a new default group lies in; empty: none. The module takes such a group, but refuses the range
+// when both come from a file, where the group is first: the configuration could not be loaded again.
+std::string range_with_default(const Block *vrf, const Statement &command) {
+  const std::string *group = find_argument(command, "<mdt-default>");
+  if (vrf == nullptr || command.no || group == nullptr) return "";
+  for (const auto &[place, line] : vrf->lines()) {
+    const std::string *prefix = find_argument(line.statement, "<prefix>");
+    if (prefix == nullptr) continue;
+    const PrefixValue range = prefix_value(*prefix);
+    if (ip_is_addr_in_prefix(address_value(*group), range.address, range.length) != 0) return *prefix;
+  }
+  return "";
 }
 
 Outcome outcome_of(const std::vector<ConfigError> &errors) {
@@ -238,6 +254,8 @@ Outcome Router::configure_module(Config wanted, const BlockId &block, const Stat
   Config complete = wanted;
   complete.edit(block, command);
   if (Outcome outcome = outcome_of(complete.check()); !outcome.accepted) return outcome;
+  if (const std::string range = range_with_default(running_.find(block), command); !range.empty())
+    return {false, "the group is in the VRF's own range " + range + "\n"};
   const bool made = running_.find(block) == nullptr;
   if (Outcome outcome = outcome_of(change_to(std::move(wanted))); !outcome.accepted) return outcome;
   Outcome outcome = run_command(block, command);

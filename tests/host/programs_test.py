@@ -258,6 +258,13 @@ class ProgramsTest(unittest.TestCase):
             self.assertEqual(daemon.run("configure " + line).returncode, 0)
         daemon.wait_for("tunnels", r"green +10\.0\.0\.99 +239\.1\.1\.9 +1300 +up +up")
 
+    def test_a_default_group_inside_an_own_range_is_refused(self):
+        daemon = self.start_example()
+        self.assertEqual(daemon.run("configure vrf green mdt data 239.5.0.0/16").returncode, 0)
+        refused = daemon.run("configure vrf green mdt default 239.5.0.5")
+        self.assertEqual((refused.returncode, refused.stderr), (1, "the group is in the VRF's own range 239.5.0.0/16\n"))
+        self.assertEqual(daemon.run("configure vrf green mdt default 239.6.0.5").returncode, 0)
+
     def test_a_signal_reads_the_file_again(self):
         daemon = self.start_example()
         text = self.config.read_text()
@@ -290,16 +297,14 @@ class ProgramsTest(unittest.TestCase):
             self.assertEqual(daemon.show("running-config"), running)
 
     def test_a_change_that_is_refused_on_the_way_is_taken_back(self):
-        daemon = self.start_example()
-        for line in ["mdt data 239.6.0.0/24", "mdt default 239.6.0.1"]:
-            self.assertEqual(daemon.run("configure vrf green " + line).returncode, 0)
+        # A module that takes this MTU from a file, and so in the check, but not while it runs.
+        daemon = self.start_example("--module", BIN / "libmoody.so")
         running = daemon.show("running-config")
-        # The file is sound, but the module does not give up a range that holds the default group.
-        self.config.write_text(self.config.read_text().replace("mdt mtu 1400", "mdt mtu 1300").replace("hostname pe1", "hostname x")
+        self.config.write_text(self.config.read_text().replace("mdt mtu 1400", "mdt mtu 1301").replace("hostname pe1", "hostname x")
                                + "vrf green\n  mdt default 239.6.0.1\n")
         daemon.process.send_signal(signal.SIGHUP)
         daemon.wait_for_log("the former configuration is restored")
-        self.assertIn(f"{self.config}: VRF green: no mdt data 239.6.0.0/24: ", daemon.log.read_text())
+        self.assertRegex(daemon.log.read_text(), r"VRF blue: mdt mtu 1301: Not this one\n")
         self.assertEqual(daemon.show("running-config"), running)
         daemon.wait_for("tunnels", r"blue +10\.0\.0\.1 +239\.1\.1\.2 +1400 +up +up")
 
