@@ -42,6 +42,10 @@ class SingleKeys {
 };
 
 constexpr char kInterrupt = 3;  // Ctrl-C
+constexpr char kEnd = 4;        // Ctrl-D
+
+bool goes_on(char key) { return key == ' ' || key == '\r' || key == '\n'; }
+bool quits(char key) { return key == 'q' || key == 'Q' || key == kInterrupt || key == kEnd; }
 
 int first_write_error = 0;
 
@@ -57,11 +61,16 @@ bool write_output(std::string_view text) {
 int write_error() { return first_write_error; }
 
 Pager::Pager(bool paging, const volatile sig_atomic_t &interrupted) : paging_(paging), interrupted_(interrupted) {
+  if (paging) measure();
+  left_ = page_;
+}
+
+// The terminal may have changed its size since the last page.
+void Pager::measure() {
   winsize size{};
-  if (!paging || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return;
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return;
   if (size.ws_col > 0) columns_ = size.ws_col;
   if (size.ws_row > 1) page_ = size.ws_row - 1u;
-  left_ = page_;
 }
 
 bool Pager::show(std::string_view text) {
@@ -96,10 +105,11 @@ bool Pager::ask() {
   std::fflush(stdout);
   for (;;) {
     const char key = keys.read_key();
-    if (key != ' ' && key != '\r' && key != '\n' && key != 'q' && key != 'Q' && key != kInterrupt) continue;
+    if (!goes_on(key) && !quits(key)) continue;
     std::fputs("\r        \r", stdout);
+    measure();
     left_ = key == ' ' ? page_ : 1;
-    return key == ' ' || key == '\r' || key == '\n';
+    return goes_on(key);
   }
 }
 

@@ -27,6 +27,7 @@ class Pager {
  private:
   bool print_line(std::string_view line);
   bool ask();  // at the end of a page
+  void measure();
 
   bool paging_;
   const volatile sig_atomic_t &interrupted_;

@@ -150,7 +150,7 @@ class InteractiveTest(unittest.TestCase):
 
         terminal = self.open(daemon)
         wait_until(lambda: listings() == 0, "no listing is running")
-        for key in ("q", "\x03"):
+        for key in ("q", "\x03", "\x04"):
             terminal.type("show customer-routes\n")
             terminal.expect("show customer-routes\n")
             self.assertEqual(terminal.expect("--More--").count("\n"), 9)
