@@ -328,7 +328,8 @@ void croute_attach_tunnel(pim_cibtype *pcib) {
   const im_iod_t tunnel = oim_working_tunnel(vrf_name);
   if (tunnel == 0) return;
   for (const auto &[key, record] : routes.by_vrf[vrf_name]) {
-    if (!record->wanted.to_mvpn || has_oif(*record, tunnel)) continue;
+    if (!record->wanted.to_mvpn) continue;
+    // Also of a route that kept the tunnel: a module that was stopped and started anew knows nothing of it.
     set_oif(*record, tunnel);
     post([vrf_name, addrs = record->route.addrs] { tell_mapped(vrf_name, addrs); });
   }

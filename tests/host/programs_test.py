@@ -310,6 +310,9 @@ class ProgramsTest(unittest.TestCase):
 
     def test_the_feature_goes_and_comes_back(self):
         daemon = self.start_example()
+        self.assertEqual(daemon.run("configure vrf red mroute 192.168.1.7 232.1.1.7 iif red-lan rpf 192.168.1.1 oif mvpn").returncode, 0)
+        encapsulated = r"(?m)^red .*232\.1\.1\.7 .* mvpn +0 +no +1 "
+        daemon.wait_for("customer-routes", encapsulated)
         self.assertEqual(daemon.run("configure no feature mvpn").returncode, 0)
         self.assertIn("MVPN Functionality Status: Down\n", daemon.show("mvpn internal state"))
         self.assertEqual(daemon.run("configure vrf red mdt mtu 1300").returncode, 0)
@@ -317,6 +320,7 @@ class ProgramsTest(unittest.TestCase):
         for vrf in ("red", "blue"):
             daemon.wait_for(f"mvpn mdt vrf {vrf}", r"MTI\(\S+\) Up\n")
         self.assertIn("Configured MTU: 1300", daemon.show("mvpn mdt vrf red"))
+        daemon.wait_for("customer-routes", encapsulated)
 
     def test_a_killed_process_leaves_orphans_that_the_next_one_deletes(self):
         daemon = self.start_example("--store", str(self.folder / "store"))
