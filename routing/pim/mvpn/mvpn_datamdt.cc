@@ -345,7 +345,8 @@ void mvpn_destroy_data_mdt_send_join_info(pim_route *croute) {
 void mvpn_destroy_all_data_mdt_send_join_info(mvpn_cibtype *mvpn) {
   if (mvpn->pcib == nullptr) return;
   const pim_write_guard pim_lock;
-  for_each_customer_route(mvpn, [](mvpn_cibtype *, const mvpn_mdt_route_addrs &, pim_route *croute) {
-    mvpn_destroy_data_mdt_send_join_info(croute);
+  // A context that took this one's place in a yield keeps its records.
+  for_each_customer_route(mvpn, [mvpn](const mvpn_cibtype *now, const mvpn_mdt_route_addrs &, pim_route *croute) {
+    if (now == mvpn) mvpn_destroy_data_mdt_send_join_info(croute);
   });
 }

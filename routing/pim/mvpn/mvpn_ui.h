@@ -77,7 +77,7 @@ struct mvpn_snmp_index {
 
 // Walkers: get prints the row of an index, next the row behind it, in the VRF and those after it. Results: as the
 // handlers'; get_first CLI_RESULT_REJECTED when the VRF has no row, get of the core-route table when the named PIM
-// context has no MVPN. All yield.
+// context has no MVPN. All but the core-route get may yield.
 int mvpn_show_mvpn_mroute_mdt_table_get(cli_command *command, const mvpn_snmp_index &index);
 int mvpn_show_mvpn_mroute_mdt_table_next(cli_command *command, const mvpn_snmp_index &index);
 int mvpn_show_snmp_vrf_mdt_send_get(cli_command *command, const mvpn_snmp_index &index);
