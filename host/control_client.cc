@@ -51,4 +51,14 @@ uint32_t ControlClient::execute(OutputFormat format, std::string_view line, cons
   }
 }
 
+std::string ControlClient::text_of(std::string_view line) {
+  constexpr size_t kMaxText = 1u << 20;
+  std::string text;
+  execute(OutputFormat::text, line, [&text](FrameType type, std::string_view part) {
+    if (type == FrameType::output) text += part;
+    return text.size() < kMaxText;
+  });
+  return text;
+}
+
 }  // namespace host

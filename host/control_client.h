@@ -28,6 +28,9 @@ class ControlClient {
   // Runs a command line; its exit status. Throws std::runtime_error when the connection is lost.
   uint32_t execute(OutputFormat format, std::string_view line, const Take &take);
 
+  // What a command prints as text, cut behind the first megabyte. Throws as execute().
+  std::string text_of(std::string_view line);
+
  private:
   void read(void *bytes, size_t size);
 

@@ -125,10 +125,8 @@ std::string with_no_moved(const Walk &header, const std::vector<std::string> &wo
   const Word *last = deciding_word(header.position);
   if (!header.statement.no || last == nullptr || !last->enters) return "";
   std::vector<std::string> rest(words.begin() + static_cast<std::ptrdiff_t>(header.at), words.end());
-  std::string moved = header.statement.text + " no";
-  for (const std::string &word : rest) moved += " " + word;
   rest.insert(rest.begin(), "no");
-  return match_line(*last->enters, rest, abbreviations).error ? "" : moved;
+  return match_line(*last->enters, rest, abbreviations).error ? "" : header.statement.text + " " + join_words(rest);
 }
 
 Walk walk(Mode mode, const std::vector<std::string> &words, size_t begin, bool abbreviations) {
@@ -174,6 +172,12 @@ std::vector<std::string> split_words(std::string_view line) {
     at = end;
   }
   return words;
+}
+
+std::string join_words(const std::vector<std::string> &words) {
+  std::string line;
+  for (const std::string &word : words) line += (line.empty() ? "" : " ") + word;
+  return line;
 }
 
 Match match_line(Mode mode, const std::vector<std::string> &words, bool abbreviations) {

@@ -133,6 +133,8 @@ struct Match {
 };
 
 std::vector<std::string> split_words(std::string_view line);
+// The words with a blank between them.
+std::string join_words(const std::vector<std::string> &words);
 
 // Reads a line in a mode. abbreviations: keywords may be cut as long as they stay unambiguous.
 Match match_line(Mode mode, const std::vector<std::string> &words, bool abbreviations);

@@ -13,7 +13,6 @@ namespace {
 
 constexpr std::chrono::seconds kKept{5};
 constexpr std::chrono::milliseconds kPatience{500};
-constexpr size_t kMaxAnswer = 1u << 20;
 constexpr size_t kMaxNames = 2000;
 
 // The names behind a word at the beginning of a line; lines of blocks begin with blanks.
@@ -39,19 +38,13 @@ const std::vector<std::string> &KnownNames::of(NameKind kind) {
 
 std::vector<std::string> KnownNames::fetch(NameKind kind) const {
   const std::string header = kind == NameKind::vrf ? "vrf" : "interface";
-  std::string answer;
   try {
     ControlClient client(path_);
     client.set_deadline(std::chrono::steady_clock::now() + kPatience);
-    client.execute(OutputFormat::text, "show running-config | include " + header,
-                   [&answer](FrameType type, std::string_view part) {
-                     if (type == FrameType::output) answer += part;
-                     return answer.size() < kMaxAnswer;
-                   });
+    return names_behind(header + " ", client.text_of("show running-config | include " + header));
   } catch (const std::runtime_error &) {
     return {};  // the next command says why
   }
-  return names_behind(header + " ", answer);
 }
 
 }  // namespace host

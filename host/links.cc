@@ -53,7 +53,6 @@ std::string name_of(const Config &config) {
 }
 
 constexpr std::chrono::seconds kCarrierRetry{5};
-constexpr const char *kCarrierRetryText = "5 seconds";
 
 }  // namespace
 
@@ -125,7 +124,8 @@ void Links::open_carrier() {
 
 // Its address or port may be free later.
 void Links::retry_carrier(const std::string &reason) {
-  if (!carrier_failed_) log_("core carrier " + reason + ", tried again every " + kCarrierRetryText);
+  if (!carrier_failed_)
+    log_("core carrier " + reason + ", tried again every " + std::to_string(kCarrierRetry.count()) + " seconds");
   carrier_failed_ = true;
   carrier_retry_.expires_after(kCarrierRetry);
   carrier_retry_.async_wait([this](const boost::system::error_code &error) {

@@ -31,12 +31,6 @@ Examples:
   pimctl configure vrf red mdt default 239.1.1.1
 )";
 
-std::string joined(const std::vector<std::string> &words) {
-  std::string line;
-  for (const std::string &word : words) line += (line.empty() ? "" : " ") + word;
-  return line;
-}
-
 uint32_t run_once(host::ControlClient &&client, host::OutputFormat format, const std::string &line) {
   return client.execute(format, line, [](host::FrameType type, std::string_view part) {
     if (type == host::FrameType::error) {
@@ -129,7 +123,7 @@ int main(int argc, char **argv) {
                                           : host::OutputFormat::text;
   std::signal(SIGPIPE, SIG_IGN);
   try {
-    if (!words.empty()) return finish(run_once(host::ControlClient(path), format, joined(words)));
+    if (!words.empty()) return finish(run_once(host::ControlClient(path), format, host::join_words(words)));
     const bool terminal = isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
     host::Session session(path, format, terminal);
     return finish(terminal ? run_session(session) : run_lines(session));

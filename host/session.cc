@@ -34,12 +34,6 @@ class InterruptGuard {
   struct sigaction former_ {};
 };
 
-std::string joined(const std::vector<std::string> &words) {
-  std::string line;
-  for (const std::string &word : words) line += (line.empty() ? "" : " ") + word;
-  return line;
-}
-
 bool is_word_of(Mode mode, const std::string &word) { return !candidates(mode, {word}).empty(); }
 
 bool abbreviates(const std::string &word, std::string_view full) { return word.size() > 1 && full.starts_with(word); }
@@ -110,9 +104,10 @@ uint32_t Session::run(std::string_view text) {
   const Command first = match.statements.front().command;
   uint32_t status = kStatusDone;
   if (first != Command::configure || match.statements.size() > 1) {
-    std::string command = target.before + (target.before.empty() ? "" : " ") + joined(target.words);
-    for (size_t i = line.command.size(); i < words.size(); i++) command += " " + words[i];
-    status = send(command, paging_ && !line.filters.no_more);
+    std::vector<std::string> command = target.words;
+    command.insert(command.end(), words.begin() + static_cast<std::ptrdiff_t>(line.command.size()), words.end());
+    status = send(target.before + (target.before.empty() ? "" : " ") + join_words(command),
+                  paging_ && !line.filters.no_more);
     if (first == Command::configure || target.mode != Mode::exec) names_.forget();
   }
   if (status == kStatusDone) enter(target, match);
@@ -162,11 +157,7 @@ void Session::read_hostname() {
   std::string answer;
   try {
     if (!client_) client_ = std::make_unique<ControlClient>(path_);
-    client_->execute(OutputFormat::text, "show running-config | include hostname",
-                     [&answer](FrameType type, std::string_view part) {
-                       if (type == FrameType::output) answer += part;
-                       return true;
-                     });
+    answer = client_->text_of("show running-config | include hostname");
   } catch (const std::runtime_error &) {
     client_.reset();  // the next command says why
   }
