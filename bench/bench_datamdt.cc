@@ -12,14 +12,14 @@
 #include <string>
 #include <vector>
 
-#include "bench_world.h"
-#include "mvpn_core.h"
-#include "mvpn_datamdt.h"
-#include "mvpn_diag.h"
-#include "mvpn_ha.h"
-#include "mvpn_mrib.h"
-#include "mvpn_wire.h"
-#include "sockets.h"
+#include "bench/bench_world.h"
+#include "platform/sockets.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_wire.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include <memory>
 #include <string_view>
 
-#include "bench_world.h"
-#include "mvpn_mrib.h"
-#include "output.h"
+#include "bench/bench_world.h"
+#include "host/output/output.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
 
 namespace {
 

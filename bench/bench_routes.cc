@@ -6,8 +6,8 @@
 #include <memory>
 #include <unordered_map>
 
-#include "bench_world.h"
-#include "mvpn_mrib.h"
+#include "bench/bench_world.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 #include <memory>
 #include <vector>
 
-#include "bench_world.h"
-#include "mvpn_core.h"
-#include "mvpn_mdt_safi.h"
+#include "bench/bench_world.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
 
 namespace {
 

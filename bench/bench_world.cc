@@ -1,4 +1,4 @@
-#include "bench_world.h"
+#include "bench/bench_world.h"
 
 #include <malloc.h>
 
@@ -7,9 +7,9 @@
 #include <cstring>
 #include <thread>
 
-#include "linked_module.h"
-#include "mvpn_mrib.h"
-#include "mvpn_ui.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_ui.h"
+#include "tests/support/linked_module.h"
 
 namespace bench {
 namespace {

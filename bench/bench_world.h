@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "mvpn.h"
-#include "reference.h"
+#include "platform/reference/reference.h"
+#include "routing/pim/mvpn/mvpn.h"
 
 namespace bench {
 

@@ -9,8 +9,8 @@ install(TARGETS pimhostd pimctl mdt-reflector mvpn-lab RUNTIME DESTINATION ${CMA
 install(TARGETS mvpn LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
 file(GLOB contract_headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/platform/*.h)
-install(FILES ${contract_headers} ${PROJECT_SOURCE_DIR}/routing/pim/mvpn/mvpn.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mvpn)
+install(FILES ${contract_headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mvpn/platform)
+install(FILES ${PROJECT_SOURCE_DIR}/routing/pim/mvpn/mvpn.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mvpn/routing/pim/mvpn)
 
 install(FILES ${PROJECT_SOURCE_DIR}/host/snmp/LIBMVPN-MIB.txt DESTINATION ${CMAKE_INSTALL_DATADIR}/snmp/mibs)
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "config.h"
+#include "host/config/config.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::string text(reinterpret_cast<const char *>(data), size);

@@ -1,7 +1,7 @@
 // GRE-in-UDP datagrams from the core: any bytes are decoded or refused, and what was decoded encodes to the same packet.
 #include <cstdlib>
 
-#include "carriers.h"
+#include "platform/reference/carriers.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const auto packet = ref::decode_core_packet({data, size});

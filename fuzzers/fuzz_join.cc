@@ -2,8 +2,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "fuzz_world.h"
-#include "mvpn_datamdt.h"
+#include "fuzzers/fuzz_world.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   mvpn_cibtype *red = fuzz::red();

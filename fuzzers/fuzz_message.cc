@@ -1,6 +1,6 @@
 // Messages of BGP and of the tunnel manager: the first byte chooses the opcode, the rest is the payload.
-#include "fuzz_world.h"
-#include "mvpn_mdt_safi.h"
+#include "fuzzers/fuzz_world.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   static const uint32_t opcodes[] = {MTS_OPC_MVPN_BGP_MDT_SAFI_REMOTE_UPDATE, MTS_OPC_MVPN_BGP_RD_NOTIFY,

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "safi_protocol.h"
+#include "reflector/safi_protocol.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::string error;

@@ -1,8 +1,8 @@
 // Persisted records: any bytes under any key, read by the decoder, the recovery sweep and the announcement.
 #include <cstdlib>
 
-#include "fuzz_world.h"
-#include "mvpn_ha.h"
+#include "fuzzers/fuzz_world.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   mvpn_cibtype *red = fuzz::red();

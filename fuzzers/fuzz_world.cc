@@ -1,12 +1,12 @@
-#include "fuzz_world.h"
+#include "fuzzers/fuzz_world.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
 
-#include "linked_module.h"
-#include "mvpn_core.h"
-#include "mvpn_ui.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_ui.h"
+#include "tests/support/linked_module.h"
 
 namespace fuzz {
 namespace {

@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-#include "mvpn.h"
-#include "reference.h"
+#include "platform/reference/reference.h"
+#include "routing/pim/mvpn/mvpn.h"
 
 namespace fuzz {
 

@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <iostream>
 
-#include "runner.h"
+#include "lab/runner.h"
 
 // Exit status.
 constexpr int kUsage = 2;

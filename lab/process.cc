@@ -1,4 +1,4 @@
-#include "process.h"
+#include "lab/process.h"
 
 #include <fcntl.h>
 #include <poll.h>

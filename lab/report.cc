@@ -1,4 +1,4 @@
-#include "report.h"
+#include "lab/report.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "runner.h"
+#include "lab/runner.h"
 
 #include <csignal>
 #include <filesystem>

@@ -7,9 +7,9 @@
 #include <optional>
 #include <string>
 
-#include "process.h"
-#include "report.h"
-#include "scenario.h"
+#include "lab/process.h"
+#include "lab/report.h"
+#include "lab/scenario.h"
 
 namespace lab {
 

@@ -1,4 +1,4 @@
-#include "scenario.h"
+#include "lab/scenario.h"
 
 #include <fstream>
 #include <nlohmann/json.hpp>

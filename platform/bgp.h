@@ -2,7 +2,7 @@
 #ifndef PLATFORM_BGP_H
 #define PLATFORM_BGP_H
 
-#include "types.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -2,7 +2,7 @@
 #ifndef PLATFORM_BITFIELD_H
 #define PLATFORM_BITFIELD_H
 
-#include "types.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -7,8 +7,8 @@
 #ifndef PLATFORM_CLI_H
 #define PLATFORM_CLI_H
 
-#include "timer.h"
-#include "types.h"
+#include "platform/timer.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -2,8 +2,8 @@
 #ifndef PLATFORM_DIAG_H
 #define PLATFORM_DIAG_H
 
-#include "mts.h"
-#include "types.h"
+#include "platform/mts.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -2,7 +2,7 @@
 #ifndef PLATFORM_IM_H
 #define PLATFORM_IM_H
 
-#include "types.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

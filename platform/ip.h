@@ -2,7 +2,7 @@
 #ifndef PLATFORM_IP_H
 #define PLATFORM_IP_H
 
-#include "types.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -2,7 +2,7 @@
 #ifndef PLATFORM_L3VM_H
 #define PLATFORM_L3VM_H
 
-#include "types.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -2,7 +2,7 @@
 #ifndef PLATFORM_MEM_H
 #define PLATFORM_MEM_H
 
-#include "types.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -2,9 +2,9 @@
 #ifndef PLATFORM_MRIB_H
 #define PLATFORM_MRIB_H
 
-#include "mts.h"
-#include "pt.h"
-#include "types.h"
+#include "platform/mts.h"
+#include "platform/pt.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

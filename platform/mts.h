@@ -2,7 +2,7 @@
 #ifndef PLATFORM_MTS_H
 #define PLATFORM_MTS_H
 
-#include "types.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -2,8 +2,8 @@
 #ifndef PLATFORM_PACKET_H
 #define PLATFORM_PACKET_H
 
-#include "mts.h"
-#include "types.h"
+#include "platform/mts.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -4,17 +4,17 @@
 
 #include <stdio.h>
 
-#include "bitfield.h"
-#include "cli.h"
-#include "mrib.h"
-#include "mts.h"
-#include "packet.h"
-#include "pss.h"
-#include "pt.h"
-#include "ravl.h"
-#include "thread.h"
-#include "timer.h"
-#include "types.h"
+#include "platform/bitfield.h"
+#include "platform/cli.h"
+#include "platform/mrib.h"
+#include "platform/mts.h"
+#include "platform/packet.h"
+#include "platform/pss.h"
+#include "platform/pt.h"
+#include "platform/ravl.h"
+#include "platform/thread.h"
+#include "platform/timer.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

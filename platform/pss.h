@@ -2,7 +2,7 @@
 #ifndef PLATFORM_PSS_H
 #define PLATFORM_PSS_H
 
-#include "types.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -6,7 +6,7 @@
 #ifndef PLATFORM_PT_H
 #define PLATFORM_PT_H
 
-#include "types.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

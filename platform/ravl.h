@@ -6,7 +6,7 @@
 #ifndef PLATFORM_RAVL_H
 #define PLATFORM_RAVL_H
 
-#include "types.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

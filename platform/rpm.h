@@ -2,7 +2,7 @@
 #ifndef PLATFORM_RPM_H
 #define PLATFORM_RPM_H
 
-#include "types.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -5,7 +5,7 @@
 #ifndef PLATFORM_RQUEUE_H
 #define PLATFORM_RQUEUE_H
 
-#include "types.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -8,7 +8,7 @@
 
 #include <sys/types.h>
 
-#include "types.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -10,7 +10,7 @@
 
 #include <pthread.h>
 
-#include "types.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

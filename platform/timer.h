@@ -2,7 +2,7 @@
 #ifndef PLATFORM_TIMER_H
 #define PLATFORM_TIMER_H
 
-#include "types.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

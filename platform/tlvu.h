@@ -2,7 +2,7 @@
 #ifndef PLATFORM_TLVU_H
 #define PLATFORM_TLVU_H
 
-#include "types.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

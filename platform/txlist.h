@@ -7,7 +7,7 @@
 #ifndef PLATFORM_TXLIST_H
 #define PLATFORM_TXLIST_H
 
-#include "types.h"
+#include "platform/types.h"
 
 #ifdef __cplusplus
 extern "C" {

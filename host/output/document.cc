@@ -1,4 +1,4 @@
-#include "document.h"
+#include "host/output/document.h"
 
 #include <algorithm>
 #include <charconv>

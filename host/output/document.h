@@ -11,8 +11,8 @@
 #include <optional>
 #include <vector>
 
-#include "output.h"
-#include "schema.h"
+#include "host/output/output.h"
+#include "host/output/schema.h"
 
 namespace output {
 

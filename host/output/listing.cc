@@ -1,8 +1,8 @@
-#include "listing.h"
+#include "host/output/listing.h"
 
 #include <cstdio>
 
-#include "thread.h"
+#include "platform/thread.h"
 
 namespace output {
 namespace {

@@ -10,8 +10,8 @@
 #include <variant>
 #include <vector>
 
-#include "reference.h"
-#include "view.h"
+#include "host/output/view.h"
+#include "platform/reference/reference.h"
 
 namespace output {
 

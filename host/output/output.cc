@@ -1,8 +1,8 @@
-#include "output.h"
+#include "host/output/output.h"
 
 #include <pugixml.hpp>
 
-#include "document.h"
+#include "host/output/document.h"
 
 namespace output {
 namespace {

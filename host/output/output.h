@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "reference.h"
+#include "platform/reference/reference.h"
 
 namespace output {
 

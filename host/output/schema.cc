@@ -1,4 +1,4 @@
-#include "schema.h"
+#include "host/output/schema.h"
 
 #include <algorithm>
 #include <array>

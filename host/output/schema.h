@@ -4,8 +4,8 @@
 
 #include <span>
 
-#include "cli_schema.h"
-#include "view.h"
+#include "host/output/view.h"
+#include "platform/cli_schema.h"
 
 namespace output {
 

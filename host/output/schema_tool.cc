@@ -5,7 +5,7 @@
 #include <pugixml.hpp>
 #include <string>
 
-#include "schema.h"
+#include "host/output/schema.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 
 #include <span>
 
-#include "cli_schema.h"
+#include "platform/cli_schema.h"
 
 namespace output {
 

@@ -32,8 +32,8 @@
 #include <utility>
 #include <vector>
 
-#include "agentx.h"
-#include "collect.h"
+#include "host/snmp/agentx.h"
+#include "host/snmp/collect.h"
 
 namespace host::snmp {
 namespace {

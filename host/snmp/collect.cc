@@ -17,7 +17,7 @@
 //
 // Invariants: a walk goes on only with an index that was not seen before, so it ends after as many questions as there
 // are rows; the number of rows and the time are bounded besides. The time is looked at between questions.
-#include "collect.h"
+#include "host/snmp/collect.h"
 
 #include <arpa/inet.h>
 
@@ -26,8 +26,8 @@
 #include <set>
 #include <tuple>
 
-#include "cli_schema.h"
-#include "reference.h"
+#include "platform/cli_schema.h"
+#include "platform/reference/reference.h"
 
 namespace host::snmp {
 namespace {

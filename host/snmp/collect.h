@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "tables.h"
+#include "host/snmp/tables.h"
 
 namespace host::snmp {
 

@@ -1,8 +1,8 @@
 // The tables in the order of their arcs. A column's arc is its place in a printed row, so that an index object that
 // several tables share has its arc in each, although the MIB defines it in the first alone.
-#include "tables.h"
+#include "host/snmp/tables.h"
 
-#include "cli_schema.h"
+#include "platform/cli_schema.h"
 
 namespace host::snmp {
 namespace {

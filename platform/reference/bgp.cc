@@ -7,7 +7,7 @@
 // Route distinguishers are printed as RFC 4364 has them: 2-byte AS and number (type 0), address and number (type 1),
 // 4-byte AS and number (type 2). A 4-byte AS that would fit into two bytes is written high.low, so that every printed
 // form reads back to the same bytes. Other types are shown in hexadecimal.
-#include "bgp.h"
+#include "platform/bgp.h"
 
 #include <algorithm>
 #include <array>
@@ -18,13 +18,13 @@
 #include <set>
 #include <tuple>
 
-#include "internal.h"
-#include "ip.h"
-#include "mts.h"
-#include "parse.h"
-#include "services.h"
-#include "text.h"
-#include "wire.h"
+#include "platform/ip.h"
+#include "platform/mts.h"
+#include "platform/reference/internal.h"
+#include "platform/reference/parse.h"
+#include "platform/reference/services.h"
+#include "platform/reference/text.h"
+#include "platform/reference/wire.h"
 
 namespace ref {
 namespace {

@@ -1,5 +1,5 @@
 // Bit sets.
-#include "bitfield.h"
+#include "platform/bitfield.h"
 
 int bitfield_test(const bitfield *set, uint32_t bit) {
   return bit / 32 < set->word_count && (set->words[bit / 32] >> bit % 32 & 1) != 0 ? 1 : 0;

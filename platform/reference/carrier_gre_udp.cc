@@ -19,9 +19,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "carriers.h"
-#include "ip.h"
-#include "wire.h"
+#include "platform/ip.h"
+#include "platform/reference/carriers.h"
+#include "platform/reference/wire.h"
 
 namespace ref {
 namespace {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "reference.h"
+#include "platform/reference/reference.h"
 
 struct pcap;
 struct pcap_dumper;

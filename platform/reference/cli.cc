@@ -6,7 +6,7 @@
 // ('*', an unknown conversion) yields text only, since the position of the ids is then unknown.
 //
 // A request to handle a VRF's stored commands again is posted, so that it runs after the handler that made it.
-#include "cli.h"
+#include "platform/cli.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -14,9 +14,9 @@
 #include <deque>
 #include <map>
 
-#include "parse.h"
-#include "pim.h"
-#include "services.h"
+#include "platform/pim.h"
+#include "platform/reference/parse.h"
+#include "platform/reference/services.h"
 
 struct cli_command {
   const ref::CliInvocation *invocation;

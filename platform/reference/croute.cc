@@ -19,11 +19,11 @@
 #include <memory>
 #include <unordered_map>
 
-#include "im.h"
-#include "internal.h"
-#include "pim.h"
-#include "services.h"
-#include "wire.h"
+#include "platform/im.h"
+#include "platform/pim.h"
+#include "platform/reference/internal.h"
+#include "platform/reference/services.h"
+#include "platform/reference/wire.h"
 
 namespace ref {
 namespace {

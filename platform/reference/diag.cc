@@ -1,5 +1,5 @@
 // Diagnostics: the event history, debug output, error reports and their rate limiter.
-#include "diag.h"
+#include "platform/diag.h"
 
 #include <execinfo.h>
 #include <syslog.h>
@@ -12,9 +12,9 @@
 #include <cstring>
 #include <map>
 
-#include "internal.h"
-#include "services.h"
-#include "tlvu.h"
+#include "platform/reference/internal.h"
+#include "platform/reference/services.h"
+#include "platform/tlvu.h"
 
 namespace ref {
 namespace {

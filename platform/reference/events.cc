@@ -7,8 +7,8 @@
 #include <deque>
 #include <mutex>
 
-#include "internal.h"
-#include "services.h"
+#include "platform/reference/internal.h"
+#include "platform/reference/services.h"
 
 namespace ref {
 namespace {

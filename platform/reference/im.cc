@@ -6,15 +6,15 @@
 //
 // Events reach the module through the main loop and only while they are enabled: a host enables them when its
 // configuration has been replayed, and is then told of every interface that is up.
-#include "im.h"
+#include "platform/im.h"
 
 #include <arpa/inet.h>
 
 #include <map>
 
-#include "ip.h"
-#include "services.h"
-#include "text.h"
+#include "platform/ip.h"
+#include "platform/reference/services.h"
+#include "platform/reference/text.h"
 
 namespace ref {
 namespace {

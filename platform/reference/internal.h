@@ -7,7 +7,7 @@
 #include <chrono>
 #include <functional>
 
-#include "reference.h"
+#include "platform/reference/reference.h"
 
 namespace ref {
 

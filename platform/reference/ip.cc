@@ -1,13 +1,13 @@
 // IPv4 helpers: masks for any length, the Internet checksum, printing, and the addresses of interfaces.
-#include "ip.h"
+#include "platform/ip.h"
 
 #include <arpa/inet.h>
 
 #include <cstring>
 #include <string>
 
-#include "services.h"
-#include "text.h"
+#include "platform/reference/services.h"
+#include "platform/reference/text.h"
 
 namespace {
 

@@ -1,13 +1,13 @@
 // VRF manager: the VRFs with their context ids, table ids and states. The default VRF (context id 1) always exists; it
 // has no table id of its own, since no overlay interface is derived from it.
-#include "l3vm.h"
+#include "platform/l3vm.h"
 
 #include <cstring>
 #include <map>
 #include <set>
 
-#include "services.h"
-#include "text.h"
+#include "platform/reference/services.h"
+#include "platform/reference/text.h"
 
 namespace ref {
 namespace {

@@ -1,13 +1,13 @@
 // Slabs and the memory tracker. Every object is an allocation of its own, so that the sanitizers see each of them and
 // objects outlive their slab.
-#include "mem.h"
+#include "platform/mem.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdlib>
 #include <new>
 
-#include "internal.h"
+#include "platform/reference/internal.h"
 
 struct slab {
   size_t object_size;

@@ -8,7 +8,7 @@
 //
 // An accepted update is acknowledged from the main loop. Registrations are numbered, so that an acknowledgement cannot
 // reach a client that registered again meanwhile and counts its transactions anew.
-#include "mrib.h"
+#include "platform/mrib.h"
 
 #include <cstring>
 #include <map>
@@ -16,12 +16,12 @@
 #include <set>
 #include <tuple>
 
-#include "internal.h"
-#include "ip.h"
-#include "pim.h"
-#include "services.h"
-#include "text.h"
-#include "wire.h"
+#include "platform/ip.h"
+#include "platform/pim.h"
+#include "platform/reference/internal.h"
+#include "platform/reference/services.h"
+#include "platform/reference/text.h"
+#include "platform/reference/wire.h"
 
 struct mrib_client_handle {
   uint64_t registration;  // 0: not registered

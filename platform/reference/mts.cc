@@ -1,12 +1,12 @@
 // Message transport: the host's two queues, what the module sent, and delivery to the module.
-#include "mts.h"
+#include "platform/mts.h"
 
 #include <cerrno>
 #include <map>
 
-#include "internal.h"
-#include "pim.h"
-#include "services.h"
+#include "platform/pim.h"
+#include "platform/reference/internal.h"
+#include "platform/reference/services.h"
 
 struct mts_queue {
   std::map<uint32_t, uint32_t> options;

@@ -12,7 +12,7 @@
 // The database may be kept in a file, so that tunnels outlive the process as they outlive it on a router. They outlive it
 // with their parameters and down: a tunnel is up on behalf of a client, and one that nobody serves would carry packets to
 // a group that may not be the VRF's any more. A client that finds its tunnel down describes it anew before it brings it up.
-#include "oim.h"
+#include "platform/oim.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -27,14 +27,14 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
-#include "im.h"
-#include "internal.h"
-#include "ip.h"
-#include "parse.h"
-#include "pim.h"
-#include "services.h"
-#include "text.h"
-#include "wire.h"
+#include "platform/im.h"
+#include "platform/ip.h"
+#include "platform/pim.h"
+#include "platform/reference/internal.h"
+#include "platform/reference/parse.h"
+#include "platform/reference/services.h"
+#include "platform/reference/text.h"
+#include "platform/reference/wire.h"
 
 namespace ref {
 namespace {

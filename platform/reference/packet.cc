@@ -3,7 +3,7 @@
 // A datagram that leaves a VRF's tunnel gets the header that RFC 791 wants (total length in network byte order, checksum
 // over the header alone) and crosses the core inside the tunnel's provider group, by whatever carrier is in use. What
 // arrives goes to the VRF whose tunnel has that group as destination; a PE does not hear itself.
-#include "packet.h"
+#include "platform/packet.h"
 
 #include <pthread.h>
 
@@ -11,10 +11,10 @@
 #include <cstring>
 #include <new>
 
-#include "im.h"
-#include "ip.h"
-#include "services.h"
-#include "wire.h"
+#include "platform/im.h"
+#include "platform/ip.h"
+#include "platform/reference/services.h"
+#include "platform/reference/wire.h"
 
 struct mbuf {
   std::vector<uint8_t> data;

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string_view>
 
-#include "types.h"
+#include "platform/types.h"
 
 namespace ref {
 

@@ -6,16 +6,16 @@
 //
 // A PIM interface's record outlives the interface: the tunnel manager removes a tunnel before the module, told by the
 // response, takes PIM off it.
-#include "pim.h"
+#include "platform/pim.h"
 
 #include <algorithm>
 #include <cstring>
 #include <map>
 #include <memory>
 
-#include "internal.h"
-#include "ip.h"
-#include "services.h"
+#include "platform/ip.h"
+#include "platform/reference/internal.h"
+#include "platform/reference/services.h"
 
 namespace ref {
 namespace {

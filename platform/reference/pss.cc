@@ -9,7 +9,7 @@
 //
 // A killed process loses at most the turn that it was in. A commit writes the data through to the disk and leaves the
 // root page to the system (MDB_NOMETASYNC): a crash of the machine may lose the last turns, but never the database.
-#include "pss.h"
+#include "platform/pss.h"
 
 #include <lmdb.h>
 #include <sys/stat.h>
@@ -19,8 +19,8 @@
 #include <map>
 #include <set>
 
-#include "internal.h"
-#include "pim.h"
+#include "platform/pim.h"
+#include "platform/reference/internal.h"
 
 struct ksink_pss {};
 

@@ -1,6 +1,6 @@
 // Patricia trees as ordered maps of byte strings: the walks that the contract promises are by key and by prefix, which
 // an ordered map gives and keeps through any deletion.
-#include "pt.h"
+#include "platform/pt.h"
 
 #include <algorithm>
 #include <array>

@@ -1,11 +1,11 @@
 // AVL trees over Boost.Intrusive's algorithms. The node layout is the contract's, so node traits map it; keys are
 // compared as bytes unless the tree has a comparison of its own.
-#include "ravl.h"
+#include "platform/ravl.h"
 
 #include <boost/intrusive/avltree_algorithms.hpp>
 #include <cstring>
 
-#include "thread.h"
+#include "platform/thread.h"
 
 namespace {
 

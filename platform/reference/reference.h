@@ -15,19 +15,19 @@
 #include <string_view>
 #include <vector>
 
-#include "bgp.h"
-#include "bitfield.h"
-#include "cli.h"
-#include "diag.h"
-#include "mem.h"
-#include "mrib.h"
-#include "mts.h"
-#include "oim.h"
-#include "packet.h"
-#include "pim.h"
-#include "pss.h"
-#include "rpm.h"
-#include "types.h"
+#include "platform/bgp.h"
+#include "platform/bitfield.h"
+#include "platform/cli.h"
+#include "platform/diag.h"
+#include "platform/mem.h"
+#include "platform/mrib.h"
+#include "platform/mts.h"
+#include "platform/oim.h"
+#include "platform/packet.h"
+#include "platform/pim.h"
+#include "platform/pss.h"
+#include "platform/rpm.h"
+#include "platform/types.h"
 
 namespace ref {
 

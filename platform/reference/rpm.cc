@@ -1,11 +1,11 @@
 // Route policies: named lists of permit and deny entries. A user may bind to a policy before it is defined.
-#include "rpm.h"
+#include "platform/rpm.h"
 
 #include <cstring>
 #include <map>
 
-#include "internal.h"
-#include "ip.h"
+#include "platform/ip.h"
+#include "platform/reference/internal.h"
 
 namespace ref {
 namespace {

@@ -1,5 +1,5 @@
 // Queues. A data queue is a sequence with an index by pointer; it exists only while the queue is not empty.
-#include "rqueue.h"
+#include "platform/rqueue.h"
 
 #include <boost/multi_index/hashed_index.hpp>
 #include <boost/multi_index/member.hpp>

@@ -15,7 +15,7 @@
 // the baton, waits for it, or blocks somewhere else. A thread that blocks elsewhere is unknown and counts as active.
 //
 // Nothing here is a cancellation point, and a thread that ends, in whatever way, gives the baton back on its way out.
-#include "thread.h"
+#include "platform/thread.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -30,8 +30,8 @@
 #include <sanitizer/asan_interface.h>
 #endif
 
-#include "internal.h"
-#include "pim.h"
+#include "platform/pim.h"
+#include "platform/reference/internal.h"
 
 struct tsp_lock {
   pthread_t owner;

@@ -12,9 +12,9 @@
 #include <string_view>
 #include <vector>
 
-#include "im.h"
-#include "l3vm.h"
-#include "reference.h"
+#include "platform/im.h"
+#include "platform/l3vm.h"
+#include "platform/reference/reference.h"
 
 namespace ref {
 

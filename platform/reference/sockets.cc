@@ -4,7 +4,7 @@
 // A receiver blocks without the scheduling locks, so this state has a lock of its own. Receiving is a cancellation
 // point. The wait is made known to the scheduler like any wait on a condition, so that it can tell a receiver that
 // sleeps from one that has something to do. Queues are bounded; what finds a queue full is dropped, as on any socket.
-#include "sockets.h"
+#include "platform/sockets.h"
 
 #include <pthread.h>
 
@@ -15,8 +15,8 @@
 #include <map>
 #include <span>
 
-#include "services.h"
-#include "wire.h"
+#include "platform/reference/services.h"
+#include "platform/reference/wire.h"
 
 namespace ref {
 namespace {

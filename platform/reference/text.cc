@@ -1,4 +1,4 @@
-#include "text.h"
+#include "platform/reference/text.h"
 
 #include <algorithm>
 #include <array>

@@ -1,14 +1,14 @@
 // The platform's clock and timers. Time is real, scaled, or stepped; timers fire in the order of their deadlines, from
 // the main loop. An expiry is not queued: a timer that was stopped or freed before its turn came is gone.
-#include "timer.h"
+#include "platform/timer.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <map>
 #include <new>
 
-#include "internal.h"
-#include "text.h"
+#include "platform/reference/internal.h"
+#include "platform/reference/text.h"
 
 using namespace std::chrono_literals;
 using std::chrono::nanoseconds;

@@ -1,11 +1,11 @@
 // TLV utility. A field is encoded as its id and its length (2 bytes each, network byte order) and its items, each in
 // network byte order. Bytes come from a store and may be anything: they are measured as a whole before any is decoded.
-#include "tlvu.h"
+#include "platform/tlvu.h"
 
 #include <cstring>
 
-#include "internal.h"
-#include "wire.h"
+#include "platform/reference/internal.h"
+#include "platform/reference/wire.h"
 
 using namespace ref;
 

@@ -2,7 +2,7 @@
 //
 // An iterator is a member that stands behind the object it returned last, at every moment and not only after a commit:
 // that object may be removed, moved or freed without the walk losing its place.
-#include "txlist.h"
+#include "platform/txlist.h"
 
 #include <array>
 #include <new>

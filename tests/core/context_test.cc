@@ -1,12 +1,12 @@
 // Contexts: defaults, creation, lookups and their order, yields, diagnostics, message dispatch.
 #include <cstring>
 
-#include "im.h"
-#include "module_test.h"
-#include "mvpn_core.h"
-#include "mvpn_diag.h"
-#include "mvpn_mdt_safi.h"
-#include "mvpn_mrib.h"
+#include "platform/im.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "tests/support/module_test.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 // A VRF's default MDT from its configuration to Up and back: order of platform calls, readiness, teardown.
 #include <cstring>
 
-#include "l3vm.h"
-#include "module_test.h"
-#include "mvpn_core.h"
-#include "mvpn_mrib.h"
-#include "mvpn_oim.h"
+#include "platform/l3vm.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_oim.h"
+#include "tests/support/module_test.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Start and stop of the module: the order of platform calls, failures at every step, and what survives.
-#include "module_test.h"
-#include "mvpn_core.h"
-#include "mvpn_mdt_safi.h"
-#include "mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "tests/support/module_test.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 // The MDT source: its interface is replaced, loses or changes its address, goes down, appears late.
 #include <cstring>
 
-#include "module_test.h"
-#include "mvpn_core.h"
-#include "mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "tests/support/module_test.h"
 
 namespace {
 

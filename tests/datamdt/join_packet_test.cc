@@ -1,6 +1,6 @@
 // The Join datagram: its bytes, its buffer, sending it, and what the receiver thread makes of datagrams.
-#include "data_mdt_test.h"
-#include "ip.h"
+#include "platform/ip.h"
+#include "tests/support/data_mdt_test.h"
 
 namespace {
 

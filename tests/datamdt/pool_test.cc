@@ -1,6 +1,6 @@
 // Ranges, the mapping of customer routes onto them, the group pool with its counts and encapsulation indexes.
-#include "data_mdt_test.h"
-#include "l3vm.h"
+#include "platform/l3vm.h"
+#include "tests/support/data_mdt_test.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The receiving side: the receive cache, core routes that are joined for it, and ageing.
 #include <sched.h>
 
-#include "data_mdt_test.h"
+#include "tests/support/data_mdt_test.h"
 
 using namespace std::chrono_literals;
 

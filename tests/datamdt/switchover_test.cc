@@ -1,5 +1,5 @@
 // The sending side: the rate check, switchover and switchback, flows that switch at once, and what ends a flow.
-#include "data_mdt_test.h"
+#include "tests/support/data_mdt_test.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Persisted encapsulation choices and the recovery period after a restart.
-#include "data_mdt_test.h"
+#include "tests/support/data_mdt_test.h"
 
 using namespace std::chrono_literals;
 

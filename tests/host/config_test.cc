@@ -1,5 +1,5 @@
 // The configuration as data: what is read, what is refused and how, printing, editing, differences.
-#include "config.h"
+#include "host/config/config.h"
 
 #include <gtest/gtest.h>
 

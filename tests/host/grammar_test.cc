@@ -1,5 +1,5 @@
 // The grammar's machinery, on the real command language: matching, abbreviations, modes on one line, candidates.
-#include "grammar.h"
+#include "host/language/grammar.h"
 
 #include <gtest/gtest.h>
 

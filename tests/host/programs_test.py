@@ -381,7 +381,7 @@ class ProgramsTest(unittest.TestCase):
             self.assertEqual(receiver.recv(100), b"STOPPING=1")
 
     def test_man_pages_name_every_option(self):
-        for page in (HERE.parent.parent / "host/man").glob("*.scd"):
+        for page in (HERE.parent.parent / "docs/man").glob("*.scd"):
             with self.subTest(page.name):
                 program = page.name.split(".")[0]
                 help = subprocess.run([BIN / program, "--help"], capture_output=True, text=True, check=True).stdout

@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "cli_schema.h"
-#include "schema.h"
+#include "host/output/schema.h"
+#include "platform/cli_schema.h"
 
 using Json = nlohmann::ordered_json;
 

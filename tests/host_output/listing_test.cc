@@ -1,8 +1,8 @@
 // The host's own views: one row makes a line of text and a record of the schema, whole or cut.
-#include "listing.h"
+#include "host/output/listing.h"
 
-#include "document_check.h"
-#include "output.h"
+#include "host/output/output.h"
+#include "tests/host_output/document_check.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <iterator>
 
-#include "document_check.h"
-#include "output.h"
+#include "host/output/output.h"
+#include "tests/host_output/document_check.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 // MDT SAFI entries: the database, the local advertisement, remote updates and BGP's notifications.
 #include <cstring>
 
-#include "module_test.h"
-#include "mvpn_core.h"
-#include "mvpn_mdt_safi.h"
-#include "mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "tests/support/module_test.h"
 
 namespace {
 

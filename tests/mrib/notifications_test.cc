@@ -2,10 +2,10 @@
 #include <algorithm>
 #include <cstring>
 
-#include "ip.h"
-#include "module_test.h"
-#include "mvpn_core.h"
-#include "mvpn_mrib.h"
+#include "platform/ip.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "tests/support/module_test.h"
 
 namespace {
 

@@ -3,10 +3,10 @@
 #include <cstring>
 #include <map>
 
-#include "module_test.h"
-#include "mvpn_core.h"
-#include "mvpn_datamdt.h"
-#include "mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "tests/support/module_test.h"
 
 namespace {
 

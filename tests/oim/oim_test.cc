@@ -1,9 +1,9 @@
 // Requests to the tunnel manager and the handling of its responses and of interface events.
-#include "im.h"
-#include "l3vm.h"
-#include "module_test.h"
-#include "mvpn_core.h"
-#include "mvpn_oim.h"
+#include "platform/im.h"
+#include "platform/l3vm.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_oim.h"
+#include "tests/support/module_test.h"
 
 namespace {
 

@@ -2,10 +2,10 @@
 #include <functional>
 #include <string>
 
-#include "internal.h"
-#include "runtime_test.h"
-#include "thread.h"
-#include "timer.h"
+#include "platform/reference/internal.h"
+#include "platform/thread.h"
+#include "platform/timer.h"
+#include "tests/reference/runtime_test.h"
 
 using namespace std::chrono_literals;
 

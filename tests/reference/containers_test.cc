@@ -9,10 +9,10 @@
 #include <random>
 #include <set>
 
-#include "pt.h"
-#include "ravl.h"
-#include "rqueue.h"
-#include "runtime_test.h"
+#include "platform/pt.h"
+#include "platform/ravl.h"
+#include "platform/rqueue.h"
+#include "tests/reference/runtime_test.h"
 
 namespace {
 

@@ -3,10 +3,10 @@
 #include <cstring>
 #include <string>
 
-#include "pim.h"
-#include "rpm.h"
-#include "runtime_test.h"
-#include "tlvu.h"
+#include "platform/pim.h"
+#include "platform/rpm.h"
+#include "platform/tlvu.h"
+#include "tests/reference/runtime_test.h"
 
 using namespace std::chrono_literals;
 

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "reference.h"
+#include "platform/reference/reference.h"
 
 class RuntimeTest : public ::testing::Test {
  protected:

@@ -5,9 +5,9 @@
 #include <string>
 #include <thread>
 
-#include "pim.h"
-#include "runtime_test.h"
-#include "thread.h"
+#include "platform/pim.h"
+#include "platform/thread.h"
+#include "tests/reference/runtime_test.h"
 
 namespace {
 

@@ -10,9 +10,9 @@
 #include <map>
 #include <random>
 
-#include "pss.h"
-#include "runtime_test.h"
-#include "thread.h"
+#include "platform/pss.h"
+#include "platform/thread.h"
+#include "tests/reference/runtime_test.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
 // Transmit list: marker rules, versions, and walks over a list that changes.
-#include "txlist.h"
+#include "platform/txlist.h"
 
 #include <array>
 #include <cstddef>
 #include <memory>
 #include <string>
 
-#include "runtime_test.h"
+#include "tests/reference/runtime_test.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // Route distinguishers, MDT SAFI messages in both directions.
-#include "bgp.h"
+#include "platform/bgp.h"
 
-#include "services_test.h"
+#include "tests/reference_services/services_test.h"
 
 namespace {
 

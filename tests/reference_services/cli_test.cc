@@ -1,9 +1,9 @@
 // Arguments, formats and recorded values of the command-line service.
-#include "cli.h"
+#include "platform/cli.h"
 
 #include <functional>
 
-#include "services_test.h"
+#include "tests/reference_services/services_test.h"
 
 namespace {
 

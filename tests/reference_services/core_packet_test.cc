@@ -9,12 +9,12 @@
 #include <filesystem>
 #include <thread>
 
-#include "carriers.h"
-#include "ip.h"
-#include "packet.h"
-#include "services_test.h"
-#include "sockets.h"
-#include "thread.h"
+#include "platform/ip.h"
+#include "platform/packet.h"
+#include "platform/reference/carriers.h"
+#include "platform/sockets.h"
+#include "platform/thread.h"
+#include "tests/reference_services/services_test.h"
 
 namespace {
 

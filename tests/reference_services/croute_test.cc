@@ -1,7 +1,7 @@
 // Customer routes: what the module is told and when, the statistics pass, VRFs coming and going.
-#include "im.h"
-#include "mrib.h"
-#include "services_test.h"
+#include "platform/im.h"
+#include "platform/mrib.h"
+#include "tests/reference_services/services_test.h"
 
 namespace {
 

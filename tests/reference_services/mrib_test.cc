@@ -1,7 +1,7 @@
 // Updates, acknowledgements, ownership and notifications of the MRIB.
-#include "mrib.h"
+#include "platform/mrib.h"
 
-#include "services_test.h"
+#include "tests/reference_services/services_test.h"
 
 namespace {
 

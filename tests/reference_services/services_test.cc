@@ -1,9 +1,9 @@
-#include "services_test.h"
+#include "tests/reference_services/services_test.h"
 
-#include "im.h"
-#include "ip.h"
-#include "mrib.h"
-#include "oim.h"
+#include "platform/im.h"
+#include "platform/ip.h"
+#include "platform/mrib.h"
+#include "platform/oim.h"
 
 std::vector<std::string> told;
 

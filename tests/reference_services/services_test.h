@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "reference.h"
+#include "platform/reference/reference.h"
 
 // What the module was told, one text per call.
 extern std::vector<std::string> told;

@@ -3,10 +3,10 @@
 #include <filesystem>
 #include <fstream>
 
-#include "im.h"
-#include "l3vm.h"
-#include "oim.h"
-#include "services_test.h"
+#include "platform/im.h"
+#include "platform/l3vm.h"
+#include "platform/oim.h"
+#include "tests/reference_services/services_test.h"
 
 namespace {
 

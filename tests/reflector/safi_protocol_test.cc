@@ -1,7 +1,7 @@
 // Frames between a PE and the reflector: what is sent arrives, and what no sender sends is refused with a reason.
 #include <gtest/gtest.h>
 
-#include "safi_protocol.h"
+#include "reflector/safi_protocol.h"
 
 namespace {
 

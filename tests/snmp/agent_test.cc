@@ -9,12 +9,12 @@
 #include <set>
 #include <sstream>
 
-#include "agentx.h"
-#include "cli_schema.h"
-#include "data_mdt_test.h"
-#include "mvpn_mdt_safi.h"
-#include "tables.h"
-#include "tools.h"
+#include "host/snmp/agentx.h"
+#include "host/snmp/tables.h"
+#include "platform/cli_schema.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "tests/snmp/tools.h"
+#include "tests/support/data_mdt_test.h"
 
 namespace {
 

@@ -1,14 +1,14 @@
 // Collection of tables from handlers that behave as no real one does, and conversions of what they print.
-#include "collect.h"
+#include "host/snmp/collect.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <functional>
 
-#include "cli.h"
-#include "cli_schema.h"
-#include "reference.h"
+#include "platform/cli.h"
+#include "platform/cli_schema.h"
+#include "platform/reference/reference.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools.h"
+#include "tests/snmp/tools.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>

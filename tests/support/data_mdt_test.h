@@ -8,10 +8,10 @@
 #include <memory>
 #include <thread>
 
-#include "module_test.h"
-#include "mvpn_datamdt.h"
-#include "mvpn_ha.h"
-#include "mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "tests/support/module_test.h"
 
 using Texts = std::vector<std::string>;
 

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "module_test.h"
-#include "mvpn_datamdt.h"
-#include "mvpn_ha.h"
-#include "mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "tests/support/module_test.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 #ifndef TESTS_SUPPORT_LINKED_MODULE_H
 #define TESTS_SUPPORT_LINKED_MODULE_H
 
-#include "mvpn.h"
-#include "reference.h"
+#include "platform/reference/reference.h"
+#include "routing/pim/mvpn/mvpn.h"
 
 inline ref::Module linked_module() {
   ref::Module module;

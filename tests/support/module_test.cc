@@ -1,13 +1,13 @@
-#include "module_test.h"
+#include "tests/support/module_test.h"
 
 #include <arpa/inet.h>
 
 #include <chrono>
 #include <cstring>
 
-#include "linked_module.h"
-#include "mvpn_mdt_safi.h"
-#include "mvpn_ui.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_ui.h"
+#include "tests/support/linked_module.h"
 
 using namespace std::chrono_literals;
 

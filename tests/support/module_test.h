@@ -10,10 +10,10 @@
 #include <string_view>
 #include <vector>
 
-#include "mvpn.h"
-#include "mvpn_core.h"
-#include "platform_trace.h"
-#include "reference.h"
+#include "platform/reference/reference.h"
+#include "routing/pim/mvpn/mvpn.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "tests/support/platform_trace.h"
 
 // Address from its dotted form.
 ip_addr_t addr(std::string_view dotted);

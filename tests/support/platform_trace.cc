@@ -1,5 +1,5 @@
 // The redirected platform calls. Each wrapper notes the call, lets an injected fault take its place, or passes it on.
-#include "platform_trace.h"
+#include "tests/support/platform_trace.h"
 
 #include <cerrno>
 #include <cinttypes>
@@ -7,14 +7,14 @@
 #include <map>
 #include <mutex>
 
-#include "im.h"
-#include "ip.h"
-#include "l3vm.h"
-#include "pim.h"
-#include "reference.h"
-#include "rqueue.h"
-#include "sockets.h"
-#include "txlist.h"
+#include "platform/im.h"
+#include "platform/ip.h"
+#include "platform/l3vm.h"
+#include "platform/pim.h"
+#include "platform/reference/reference.h"
+#include "platform/rqueue.h"
+#include "platform/sockets.h"
+#include "platform/txlist.h"
 
 namespace trace {
 namespace {

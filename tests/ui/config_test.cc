@@ -1,11 +1,11 @@
 // Configuration commands: their checks and messages, interactive and replayed, and the end of the replay.
 #include <cstring>
 
-#include "module_test.h"
-#include "mvpn_core.h"
-#include "mvpn_datamdt.h"
-#include "mvpn_mrib.h"
-#include "mvpn_ui.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_ui.h"
+#include "tests/support/module_test.h"
 
 namespace {
 

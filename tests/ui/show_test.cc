@@ -2,11 +2,11 @@
 // module status, and listings during which VRFs vanish or the operator stops.
 #include <regex>
 
-#include "document_check.h"
-#include "mvpn_ha.h"
-#include "mvpn_mdt_safi.h"
-#include "output.h"
-#include "ui_test.h"
+#include "host/output/output.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "tests/host_output/document_check.h"
+#include "tests/ui/ui_test.h"
 
 using namespace std::chrono_literals;
 

@@ -1,8 +1,8 @@
 // SNMP scalars and tables: rows against their golden text, walks, gets, and get-next from any index.
 #include <map>
 
-#include "mvpn_mdt_safi.h"
-#include "ui_test.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "tests/ui/ui_test.h"
 
 using namespace std::chrono_literals;
 

@@ -8,9 +8,9 @@
 #include <fstream>
 #include <iterator>
 
-#include "cli_schema.h"
-#include "data_mdt_test.h"
-#include "mvpn_ui.h"
+#include "platform/cli_schema.h"
+#include "routing/pim/mvpn/mvpn_ui.h"
+#include "tests/support/data_mdt_test.h"
 
 // What a handler did. Values in order of recording.
 struct Output : ref::CliSink {

@@ -9,19 +9,19 @@
 
 #include <pthread.h>
 
-#include "bgp.h"
-#include "cli.h"
-#include "mem.h"
-#include "mrib.h"
-#include "mts.h"
-#include "pim.h"
-#include "pt.h"
-#include "ravl.h"
-#include "rpm.h"
-#include "rqueue.h"
-#include "timer.h"
-#include "txlist.h"
-#include "types.h"
+#include "platform/bgp.h"
+#include "platform/cli.h"
+#include "platform/mem.h"
+#include "platform/mrib.h"
+#include "platform/mts.h"
+#include "platform/pim.h"
+#include "platform/pt.h"
+#include "platform/ravl.h"
+#include "platform/rpm.h"
+#include "platform/rqueue.h"
+#include "platform/timer.h"
+#include "platform/txlist.h"
+#include "platform/types.h"
 
 #define MVPN_ENUM_CONSTANT(name, value, text) name = value,
 

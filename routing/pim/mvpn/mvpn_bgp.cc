@@ -21,14 +21,14 @@
 #include <algorithm>
 #include <cstring>
 
-#include "im.h"
-#include "ip.h"
-#include "mvpn_core.h"
-#include "mvpn_diag.h"
-#include "mvpn_ha.h"
-#include "mvpn_mdt_safi.h"
-#include "mvpn_mrib.h"
-#include "mvpn_wire.h"
+#include "platform/im.h"
+#include "platform/ip.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_wire.h"
 
 char mvpn_bgp_updatesrc_ifname[BGP_UPDATE_SOURCE_NAME_SIZE + 1];
 im_iod_t mvpn_bgp_updatesrc_iod;

@@ -19,7 +19,7 @@
 //
 // Yields. Whoever lets other work run may find the VRF deleted, or deleted and configured anew, afterwards; VRFs are
 // therefore remembered by name and looked up again (mvpn_vrf_handle, mvpn_may_sched_yield).
-#include "mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_core.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -28,14 +28,14 @@
 #include <new>
 #include <set>
 
-#include "mvpn_datamdt.h"
-#include "mvpn_diag.h"
-#include "mvpn_guards.h"
-#include "mvpn_ha.h"
-#include "mvpn_mdt_safi.h"
-#include "mvpn_mrib.h"
-#include "mvpn_oim.h"
-#include "mvpn_ui.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_guards.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_oim.h"
+#include "routing/pim/mvpn/mvpn_ui.h"
 
 // ------------------------------------------------------------------------------------------------------- global state
 

@@ -3,7 +3,7 @@
 #ifndef MVPN_CORE_H
 #define MVPN_CORE_H
 
-#include "mvpn.h"
+#include "routing/pim/mvpn/mvpn.h"
 
 // Slabs of the module, in creation order.
 enum mvpn_slab_t : uint32_t {

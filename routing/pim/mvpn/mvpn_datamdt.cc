@@ -12,15 +12,15 @@
 #include <algorithm>
 #include <array>
 
-#include "im.h"
-#include "ip.h"
-#include "mvpn_core.h"
-#include "mvpn_datamdt.h"
-#include "mvpn_datamdt_pool.h"
-#include "mvpn_diag.h"
-#include "mvpn_guards.h"
-#include "mvpn_ha.h"
-#include "mvpn_mrib.h"
+#include "platform/im.h"
+#include "platform/ip.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_datamdt_pool.h"
+#include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_guards.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #ifndef MVPN_DATAMDT_H
 #define MVPN_DATAMDT_H
 
-#include "mvpn.h"
+#include "routing/pim/mvpn/mvpn.h"
 
 constexpr uint16_t MVPN_DATA_MDT_UDP_PORT = 3232;
 constexpr ip_addr_t MVPN_ALL_PIM_ROUTERS = 0xE000000D;  // 224.0.0.13

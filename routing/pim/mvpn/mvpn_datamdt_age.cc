@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <thread>
 
-#include "mvpn_core.h"
-#include "mvpn_datamdt.h"
-#include "mvpn_diag.h"
-#include "mvpn_guards.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_guards.h"
 
 active_timer *mvpn_age_timer = nullptr;
 pthread_t mvpn_age_thread = 0;

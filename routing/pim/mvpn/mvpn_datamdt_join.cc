@@ -15,15 +15,15 @@
 #include <cerrno>
 #include <cstring>
 
-#include "im.h"
-#include "ip.h"
-#include "mvpn_core.h"
-#include "mvpn_datamdt.h"
-#include "mvpn_diag.h"
-#include "mvpn_guards.h"
-#include "mvpn_wire.h"
-#include "packet.h"
-#include "sockets.h"
+#include "platform/im.h"
+#include "platform/ip.h"
+#include "platform/packet.h"
+#include "platform/sockets.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_guards.h"
+#include "routing/pim/mvpn/mvpn_wire.h"
 
 int mvpn_udp_sid = -1;
 int mvpn_udp_up = 0;

@@ -2,7 +2,7 @@
 #ifndef MVPN_DATAMDT_POOL_H
 #define MVPN_DATAMDT_POOL_H
 
-#include "mvpn.h"
+#include "routing/pim/mvpn/mvpn.h"
 
 // A group and the encapsulation index that stands for it.
 struct mvpn_data_mdt_choice {

@@ -15,14 +15,14 @@
 #include <algorithm>
 #include <cstring>
 
-#include "im.h"
-#include "ip.h"
-#include "mvpn_core.h"
-#include "mvpn_datamdt.h"
-#include "mvpn_diag.h"
-#include "mvpn_guards.h"
-#include "mvpn_mrib.h"
-#include "mvpn_wire.h"
+#include "platform/im.h"
+#include "platform/ip.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_guards.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_wire.h"
 
 uint32_t mvpn_data_mdt_recv_cache_limit = 100000;
 

@@ -23,17 +23,17 @@
 // All of it runs on the main thread and, when a VRF comes up again after a teardown, on the MRIB worker.
 #include <cstring>
 
-#include "im.h"
-#include "ip.h"
-#include "l3vm.h"
-#include "mvpn_core.h"
-#include "mvpn_datamdt.h"
-#include "mvpn_diag.h"
-#include "mvpn_ha.h"
-#include "mvpn_mdt_safi.h"
-#include "mvpn_mrib.h"
-#include "mvpn_oim.h"
-#include "mvpn_ui.h"
+#include "platform/im.h"
+#include "platform/ip.h"
+#include "platform/l3vm.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_oim.h"
+#include "routing/pim/mvpn/mvpn_ui.h"
 
 // ---------------------------------------------------------------------------------------------------------- readiness
 

@@ -8,7 +8,7 @@
 // Messages are formatted in the host's scratch line, which belongs to the thread that holds the scheduling locks:
 // module code runs under them, and no message is written while they are given up. Text that comes from outside (VRF
 // and interface names) is only ever an argument, never a format.
-#include "mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_diag.h"
 
 #include <unistd.h>
 

@@ -11,8 +11,8 @@
 #include <string>
 #include <type_traits>
 
-#include "diag.h"
-#include "mvpn.h"
+#include "platform/diag.h"
+#include "routing/pim/mvpn/mvpn.h"
 
 // Whether any sink listens.
 inline bool mvpn_debug_wanted() {

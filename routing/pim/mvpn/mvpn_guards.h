@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <memory>
 
-#include "mvpn.h"
-#include "thread.h"
+#include "platform/thread.h"
+#include "routing/pim/mvpn/mvpn.h"
 
 // The host's PIM write lock.
 class pim_write_guard {

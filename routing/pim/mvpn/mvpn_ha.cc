@@ -23,18 +23,18 @@
 //
 // Everything runs on the main thread, but for the deletion of a choice, which the MRIB worker needs too when a core route
 // ends. The sweep and the announcement yield.
-#include "mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
 
 #include <cstring>
 #include <new>
 #include <vector>
 
-#include "ip.h"
-#include "mvpn_core.h"
-#include "mvpn_datamdt.h"
-#include "mvpn_diag.h"
-#include "mvpn_guards.h"
-#include "mvpn_wire.h"
+#include "platform/ip.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_guards.h"
+#include "routing/pim/mvpn/mvpn_wire.h"
 
 active_timer *mvpn_ha_recovery_timer;
 

@@ -2,8 +2,8 @@
 #ifndef MVPN_HA_H
 #define MVPN_HA_H
 
-#include "mvpn.h"
-#include "tlvu.h"
+#include "platform/tlvu.h"
+#include "routing/pim/mvpn/mvpn.h"
 
 // Types of persisted records: byte 0 of their keys.
 enum mvpn_pss_type_t : uint8_t {

@@ -25,14 +25,14 @@
 // releases referers or searches for unlisted ones; the rest does not.
 #include <cstddef>
 
-#include "im.h"
-#include "ip.h"
-#include "mvpn_core.h"
-#include "mvpn_datamdt.h"
-#include "mvpn_diag.h"
-#include "mvpn_guards.h"
-#include "mvpn_mrib.h"
-#include "mvpn_wire.h"
+#include "platform/im.h"
+#include "platform/ip.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_guards.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_wire.h"
 
 static_assert(offsetof(pim_core_route, marker_a) == 150 && offsetof(pim_core_route, marker_b) == 151);
 static_assert(offsetof(pim_route, addrs) == 0);

@@ -22,18 +22,18 @@
 // what the transport accepted: nothing is rolled back or sent again when a send fails.
 //
 // Everything runs on the main thread and nothing here yields.
-#include "mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
 
 #include <cerrno>
 #include <cstring>
 #include <new>
 #include <set>
 
-#include "ip.h"
-#include "mvpn_core.h"
-#include "mvpn_diag.h"
-#include "mvpn_ha.h"
-#include "mvpn_wire.h"
+#include "platform/ip.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_wire.h"
 
 ravl_tree mvpn_bgp_mdt_safi_db;
 uint8_t mvpn_bgp_local_update_buf[MVPN_BGP_LOCAL_UPDATE_SIZE];

@@ -2,7 +2,7 @@
 #ifndef MVPN_MDT_SAFI_H
 #define MVPN_MDT_SAFI_H
 
-#include "mvpn.h"
+#include "routing/pim/mvpn/mvpn.h"
 
 constexpr uint32_t MVPN_BGP_LOCAL_UPDATE_ENTRIES = 100;
 constexpr uint32_t MVPN_BGP_LOCAL_UPDATE_SIZE =

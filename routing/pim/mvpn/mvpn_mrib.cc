@@ -20,17 +20,17 @@
 // unacknowledged. A slot of the VRF's table is set exactly while the MRIB has the encapsulation, as far as it answered.
 //
 // Everything here runs under the scheduling locks, on the main thread or on the worker.
-#include "mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
 
 #include <cstring>
 
-#include "ip.h"
-#include "l3vm.h"
-#include "mvpn_core.h"
-#include "mvpn_diag.h"
-#include "mvpn_guards.h"
-#include "mvpn_mdt_safi.h"
-#include "mvpn_wire.h"
+#include "platform/ip.h"
+#include "platform/l3vm.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_guards.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_wire.h"
 
 static constexpr uint32_t first_xid = 0xaabbccdd;
 static constexpr char source_file[] = "routing/pim/mvpn/mvpn_mrib";

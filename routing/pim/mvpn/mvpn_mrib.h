@@ -2,7 +2,7 @@
 #ifndef MVPN_MRIB_H
 #define MVPN_MRIB_H
 
-#include "mvpn.h"
+#include "routing/pim/mvpn/mvpn.h"
 
 // A buffer of route updates. Tracked buffer; on free_buffers or sent_buffers.
 constexpr uint32_t MVPN_MRIB_BUFFERS = 5;

@@ -29,13 +29,13 @@
 // points. It can be cancelled while it sleeps and between two walks, nowhere else.
 #include <cstring>
 
-#include "ip.h"
-#include "mvpn_core.h"
-#include "mvpn_diag.h"
-#include "mvpn_guards.h"
-#include "mvpn_mrib.h"
-#include "mvpn_oim.h"
-#include "mvpn_wire.h"
+#include "platform/ip.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_guards.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_oim.h"
+#include "routing/pim/mvpn/mvpn_wire.h"
 
 static_assert(offsetof(mrib_update_buffer, next) == 0, "buffer queues link through the first word");
 static_assert(MVPN_MRIB_BUFFER_AREA == 64 + 50 * 92);

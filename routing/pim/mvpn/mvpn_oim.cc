@@ -18,20 +18,20 @@
 // Requests may also be made by the MRIB worker, when it has finished with the routes of a VRF. The walk for missing
 // tunnels yields, and so may the teardown that an answer or an event starts or ends: handlers do not touch the VRF's
 // context after it.
-#include "mvpn_oim.h"
+#include "routing/pim/mvpn/mvpn_oim.h"
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 
-#include "im.h"
-#include "l3vm.h"
-#include "mvpn_core.h"
-#include "mvpn_diag.h"
-#include "mvpn_guards.h"
-#include "mvpn_mdt_safi.h"
-#include "mvpn_wire.h"
-#include "oim.h"
+#include "platform/im.h"
+#include "platform/l3vm.h"
+#include "platform/oim.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_guards.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_wire.h"
 
 // -------------------------------------------------------------------------------------------------------- registration
 

@@ -2,7 +2,7 @@
 #ifndef MVPN_OIM_H
 #define MVPN_OIM_H
 
-#include "mvpn.h"
+#include "routing/pim/mvpn/mvpn.h"
 
 int mvpn_init_oim();
 void mvpn_deinit_oim();

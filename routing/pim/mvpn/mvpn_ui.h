@@ -2,7 +2,7 @@
 #ifndef MVPN_UI_H
 #define MVPN_UI_H
 
-#include "mvpn.h"
+#include "routing/pim/mvpn/mvpn.h"
 
 // The context that a configuration command addresses, or null.
 mvpn_cibtype *mvpn_get_cib_from_cli(cli_command *command, uint32_t argument);

@@ -25,18 +25,18 @@
 #include <new>
 #include <utility>
 
-#include "im.h"
-#include "ip.h"
-#include "mvpn_core.h"
-#include "mvpn_datamdt.h"
-#include "mvpn_diag.h"
-#include "mvpn_guards.h"
-#include "mvpn_ha.h"
-#include "mvpn_mdt_safi.h"
-#include "mvpn_mrib.h"
-#include "mvpn_oim.h"
-#include "mvpn_ui.h"
-#include "oim.h"
+#include "platform/im.h"
+#include "platform/ip.h"
+#include "platform/oim.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_guards.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_oim.h"
+#include "routing/pim/mvpn/mvpn_ui.h"
 
 uint32_t mvpn_is_cli_done;
 

@@ -7,9 +7,9 @@
 #include <cstring>
 #include <type_traits>
 
-#include "cli_schema.h"
-#include "mvpn_core.h"
-#include "mvpn_datamdt.h"
+#include "platform/cli_schema.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
 
 // ------------------------------------------------------------------------------------------------------- printing
 //

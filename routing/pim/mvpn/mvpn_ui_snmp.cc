@@ -23,14 +23,14 @@
 #include <span>
 #include <utility>
 
-#include "im.h"
-#include "ip.h"
-#include "mvpn_datamdt.h"
-#include "mvpn_mdt_safi.h"
-#include "mvpn_mrib.h"
-#include "mvpn_ui.h"
-#include "mvpn_ui_output.h"
-#include "thread.h"
+#include "platform/im.h"
+#include "platform/ip.h"
+#include "platform/thread.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_ui.h"
+#include "routing/pim/mvpn/mvpn_ui_output.h"
 
 namespace {
 

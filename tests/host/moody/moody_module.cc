@@ -1,6 +1,6 @@
 // The module, but for one whim: an operator's MTU of 1301 bytes is refused, while a stored one is taken. A configuration
 // that passes every check can thus be refused while it is applied.
-#include "cli.h"
+#include "platform/cli.h"
 
 namespace {
 

@@ -1,0 +1,134 @@
+// pimctl: commands of pimhostd, one per call, from a terminal, or from a pipe. Output goes to standard output, reasons
+// of failures to standard error. The exit status is that of the command, or of the first that failed of a pipe's.
+#include <unistd.h>
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "host/client/line_editor.h"
+#include "host/client/pager.h"
+#include "host/client/session.h"
+
+namespace {
+
+constexpr const char *kFooter = R"(
+With a command pimctl runs it. Without one it opens a session on a terminal, or runs the lines of its input until one
+fails. In a session Tab completes a word and ? lists what may stand at the cursor; configure opens the configuration,
+exit leaves a mode or the session, end leaves the configuration.
+
+Behind a view: | include TEXT, | count, | json, | xml, | no-more
+
+Exit status: 0 done, 1 failed, 2 not understood, 3 pimhostd cannot be reached
+
+Examples:
+  pimctl show mvpn mdt vrf red
+  pimctl --json show mvpn mdt
+  pimctl 'show mrib routes | count'
+  pimctl configure vrf red mdt default 239.1.1.1
+)";
+
+uint32_t run_once(host::ControlClient &&client, host::OutputFormat format, const std::string &line) {
+  return client.execute(format, line, [](host::FrameType type, std::string_view part) {
+    if (type == host::FrameType::error) {
+      host::print_error(part);
+      return true;
+    }
+    return host::write_output(part);
+  });
+}
+
+// The exit status of a command or session whose output may not have been written. A reader that has gone, as behind
+// `| head`, wants no reason.
+int finish(uint32_t status) {
+  const int error = host::write_error();
+  if (error == 0 || error == EPIPE) return static_cast<int>(status);
+  host::print_error(std::string("pimctl: the output cannot be written: ") + std::strerror(error) + "\n");
+  return static_cast<int>(status == host::kStatusDone ? host::kStatusFailed : status);
+}
+
+uint32_t run_lines(host::Session &session) {
+  std::string line;
+  for (size_t number = 1; !session.ended() && std::getline(std::cin, line); number++) {
+    const uint32_t status = session.run(line);
+    if (status == host::kStatusDone) continue;
+    std::cerr << "pimctl: line " << number << " failed; the lines behind it were not run\n";
+    return status;
+  }
+  return host::kStatusDone;
+}
+
+// A Ctrl-C between the end of a command and the next prompt is nobody's.
+uint32_t run_session(host::Session &session) {
+  std::signal(SIGINT, SIG_IGN);
+  host::LineEditor editor(session, host::history_path());
+  while (!session.ended()) {
+    const std::optional<std::string> line = editor.read();
+    if (!line) {
+      std::cout << '\n';
+      break;
+    }
+    session.run(*line);
+  }
+  return host::kStatusDone;
+}
+
+// The command reference's table of a mode.
+void print_syntax(const char *title, host::Mode mode) {
+  std::cout << "### " << title << "\n\n| Syntax | |\n|---|---|\n";
+  for (host::SyntaxLine line : host::syntax_of(mode)) {
+    for (size_t at = 0; (at = line.syntax.find('|', at)) != std::string::npos; at += 2) line.syntax.insert(at, "\\");
+    std::cout << "| `" << line.syntax << "` | " << line.help << " |\n";
+  }
+  std::cout << '\n';
+}
+
+void print_all_syntax() {
+  print_syntax("Commands", host::Mode::exec);
+  print_syntax("configure", host::Mode::global);
+  print_syntax("configure pim", host::Mode::pim);
+  print_syntax("configure core", host::Mode::core);
+  print_syntax("configure interface INTERFACE", host::Mode::interface);
+  print_syntax("configure vrf NAME", host::Mode::vrf);
+  print_syntax("configure bgp", host::Mode::bgp);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  CLI::App app{"Commands of pimhostd"};
+  app.footer(kFooter);
+  std::string path = host::kDefaultControlPath;
+  bool json = false, xml = false, syntax = false;
+  std::vector<std::string> words;
+  app.add_option("--control", path, "control socket of pimhostd")->capture_default_str();
+  auto *as_json = app.add_flag("--json", json, "structured output of views, as JSON");
+  app.add_flag("--xml", xml, "structured output of views, as XML")->excludes(as_json);
+  app.add_flag("--syntax", syntax, "")->group("");  // hidden: the tables of the command reference
+  app.add_option("command", words, "the command's words");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &error) {
+    return app.exit(error) == 0 ? 0 : static_cast<int>(host::kStatusSyntax);
+  }
+  if (syntax) {
+    print_all_syntax();
+    return 0;
+  }
+  const host::OutputFormat format = json  ? host::OutputFormat::json
+                                    : xml ? host::OutputFormat::xml
+                                          : host::OutputFormat::text;
+  std::signal(SIGPIPE, SIG_IGN);
+  try {
+    if (!words.empty()) return finish(run_once(host::ControlClient(path), format, host::join_words(words)));
+    const bool terminal = isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
+    host::Session session(path, format, terminal);
+    return finish(terminal ? run_session(session) : run_lines(session));
+  } catch (const std::exception &error) {
+    host::print_error(std::string("pimctl: ") + error.what() + "\n");
+    return static_cast<int>(host::kStatusUnreachable);
+  }
+}

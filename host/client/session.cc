@@ -1,0 +1,208 @@
+// A line is read here before it goes to the daemon: a mistake is pointed out in the line as it was typed, without the
+// headers that the daemon gets in front of it. The connection is opened with the first command and again after it was
+// closed, be it by the daemon's end or by an operator who quit a listing.
+#include "host/client/session.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "host/client/pager.h"
+
+namespace host {
+namespace {
+
+volatile sig_atomic_t interrupted = 0;
+
+// Ctrl-C ends the command that is running, and not the session: reads return early.
+class InterruptGuard {
+ public:
+  InterruptGuard() {
+    interrupted = 0;
+    struct sigaction action {};
+    action.sa_handler = [](int) { interrupted = 1; };
+    sigaction(SIGINT, &action, &former_);
+  }
+  ~InterruptGuard() { sigaction(SIGINT, &former_, nullptr); }
+  InterruptGuard(const InterruptGuard &) = delete;
+  InterruptGuard &operator=(const InterruptGuard &) = delete;
+
+ private:
+  struct sigaction former_ {};
+};
+
+bool is_word_of(Mode mode, const std::string &word) { return !candidates(mode, {word}).empty(); }
+
+bool abbreviates(const std::string &word, std::string_view full) { return word.size() > 1 && full.starts_with(word); }
+
+}  // namespace
+
+bool in_colour(int descriptor) {
+  const char *terminal = std::getenv("TERM");
+  return isatty(descriptor) != 0 && std::getenv("NO_COLOR") == nullptr && terminal != nullptr &&
+         std::string_view(terminal) != "dumb";
+}
+
+void print_error(std::string_view text) {
+  const bool colour = in_colour(STDERR_FILENO);
+  if (colour) std::fputs("\033[31m", stderr);
+  std::fwrite(text.data(), 1, text.size(), stderr);
+  if (colour) std::fputs("\033[0m", stderr);
+}
+
+Session::Session(std::string path, OutputFormat format, bool paging)
+    : path_(std::move(path)), format_(format), paging_(paging), names_(path_) {}
+
+// A line whose first word the block does not know belongs to the modes around it, as in a configuration file.
+Session::Target Session::target_of(const std::vector<std::string> &words) const {
+  if (mode_ == Mode::exec || words.empty()) return {mode_, before_, words};
+  if (words.front() == "do") return {Mode::exec, "", {words.begin() + 1, words.end()}};
+  const std::string &first = words.front() == "no" && words.size() > 1 ? words[1] : words.front();
+  if (mode_ != Mode::global && first != "no" && !is_word_of(mode_, first) && is_word_of(Mode::global, first))
+    return {Mode::global, "configure", words};
+  return {mode_, before_, words};
+}
+
+// A comment at the start of a line stands between blocks, in files and in what the daemon prints as its configuration.
+void Session::leave_block() {
+  if (mode_ == Mode::exec || mode_ == Mode::global) return;
+  mode_ = Mode::global;
+  before_ = "configure";
+}
+
+// `exit` and `end`.
+bool Session::moves(const std::vector<std::string> &words) {
+  if (words.size() != 1) return false;
+  const bool exits = abbreviates(words.front(), "exit");
+  if (!exits && (mode_ == Mode::exec || !abbreviates(words.front(), "end"))) return false;
+  ended_ = exits && mode_ == Mode::exec;
+  if (exits && mode_ != Mode::exec && mode_ != Mode::global) {
+    leave_block();
+    return true;
+  }
+  mode_ = Mode::exec;
+  before_.clear();
+  return true;
+}
+
+uint32_t Session::run(std::string_view text) {
+  const std::vector<std::string> words = split_words(text);
+  if (text.starts_with('!')) leave_block();
+  if (words.empty() || words.front().starts_with("!") || moves(words)) return kStatusDone;
+  const Pipeline line = read_pipeline(words);
+  const Target target = target_of(line.command);
+  const Match match = match_line(target.mode, target.words, true);
+  if (match.error || line.error) {
+    SyntaxError error = match.error ? *match.error : *line.error;
+    if (match.error) error.word += line.command.size() - target.words.size();  // behind "do"
+    print_error(point_out(words, error));
+    return kStatusSyntax;
+  }
+  const Command first = match.statements.front().command;
+  uint32_t status = kStatusDone;
+  if (first != Command::configure || match.statements.size() > 1) {
+    std::vector<std::string> command = target.words;
+    command.insert(command.end(), words.begin() + static_cast<std::ptrdiff_t>(line.command.size()), words.end());
+    status = send(target.before + (target.before.empty() ? "" : " ") + join_words(command),
+                  paging_ && !line.filters.no_more);
+    if (first == Command::configure || target.mode != Mode::exec) names_.forget();
+  }
+  if (status == kStatusDone) enter(target, match);
+  return status;
+}
+
+// The mode that a line leaves the session in.
+void Session::enter(const Target &target, const Match &match) {
+  for (const Statement &statement : match.statements)
+    if (statement.command == Command::hostname) hostname_.clear();
+  if (target.mode != Mode::exec) {
+    mode_ = target.mode;
+    before_ = target.before;
+  }
+  const Statement &last = match.statements.back();
+  if (!last.enters || last.no) return;
+  std::string before = target.before;
+  for (const Statement &statement : match.statements) before += (before.empty() ? "" : " ") + statement.text;
+  mode_ = *last.enters;
+  before_ = std::move(before);
+}
+
+uint32_t Session::send(std::string_view line, bool paging) {
+  const InterruptGuard guard;
+  Pager pager(paging, interrupted);
+  bool quit = false;
+  try {
+    if (!client_) client_ = std::make_unique<ControlClient>(path_);
+    const uint32_t status = client_->execute(format_, line, [&](FrameType type, std::string_view part) {
+      if (type == FrameType::error)
+        print_error(part);
+      else
+        quit = !pager.show(part);
+      return !quit && interrupted == 0;
+    });
+    if (quit || interrupted != 0) client_.reset();
+    return write_error() == 0 ? status : kStatusFailed;
+  } catch (const std::runtime_error &error) {
+    client_.reset();
+    if (interrupted != 0) return kStatusFailed;
+    print_error(std::string("pimctl: ") + error.what() + "\n");
+    return kStatusUnreachable;
+  }
+}
+
+void Session::read_hostname() {
+  std::string answer;
+  try {
+    if (!client_) client_ = std::make_unique<ControlClient>(path_);
+    answer = client_->text_of("show running-config | include hostname");
+  } catch (const std::runtime_error &) {
+    client_.reset();  // the next command says why
+  }
+  const std::vector<std::string> words = split_words(answer.substr(0, answer.find('\n')));
+  hostname_ = words.size() == 2 && words.front() == "hostname" ? words.back() : "pimhostd";
+}
+
+std::string Session::prompt() {
+  if (hostname_.empty()) read_hostname();
+  if (mode_ == Mode::exec) return hostname_ + "> ";
+  std::string where = "config";
+  const std::vector<std::string> words = split_words(before_);
+  for (size_t i = 1; i < words.size(); i++) where += "-" + words[i];
+  return hostname_ + "(" + where + ")# ";
+}
+
+// Behind each argument that names something, what there is of it.
+void Session::add_names(std::vector<Candidate> *all) {
+  for (size_t i = 0; i < all->size(); i++) {
+    const Candidate argument = (*all)[i];
+    if (argument.names == NameKind::none) continue;
+    for (const std::string &name : names_.of(argument.names))
+      all->insert(all->begin() + static_cast<std::ptrdiff_t>(++i), {name, argument.help, true});
+  }
+}
+
+std::vector<Candidate> Session::next(const std::vector<std::string> &words) {
+  const Pipeline line = read_pipeline(words);
+  if (line.filtered) return filter_candidates(words);
+  if (words.empty()) {
+    std::vector<Candidate> all = candidates(mode_, words);
+    if (mode_ != Mode::exec) {
+      all.push_back({"no", "Undoes a line", true});
+      all.push_back({"do", "Runs a command that is not of the configuration", true});
+      all.push_back({"end", "Leaves the configuration", true});
+    }
+    all.push_back({"exit", mode_ == Mode::exec ? "Ends the session" : "Leaves this mode", true});
+    return all;
+  }
+  const Target target = target_of(words);
+  std::vector<Candidate> all = candidates(target.mode, target.words);
+  add_names(&all);
+  const Match match = match_line(target.mode, target.words, true);
+  if (!match.error && is_view(match.statements.back())) all.push_back({"|", "Filters the output", true});
+  return all;
+}
+
+}  // namespace host

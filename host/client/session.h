@@ -1,0 +1,67 @@
+// A client's session: the mode that lines are read in, and their execution by the daemon.
+//
+// The daemon keeps no session. A line of a configuration mode goes to it as one command that begins with the headers of
+// the blocks that the session has entered.
+#ifndef HOST_SESSION_H
+#define HOST_SESSION_H
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/client/known_names.h"
+#include "host/control/control_client.h"
+#include "host/control/pipeline.h"
+
+namespace host {
+
+// Exit status of the program when the daemon cannot be reached; the other statuses are those of commands.
+constexpr uint32_t kStatusUnreachable = 3;
+
+class Session {
+ public:
+  // paging: views stop at each page.
+  Session(std::string path, OutputFormat format, bool paging);
+
+  // Runs a line: output to standard output, reasons to standard error. Returns the exit status.
+  uint32_t run(std::string_view text);
+
+  bool ended() const { return ended_; }  // by `exit`
+  std::string prompt();
+
+  // What may stand behind the words of an incomplete line; names that the daemon knows are among the keywords.
+  std::vector<Candidate> next(const std::vector<std::string> &words);
+
+ private:
+  struct Target {
+    Mode mode;
+    std::string before;              // what the daemon gets in front of the line
+    std::vector<std::string> words;  // the line
+  };
+  Target target_of(const std::vector<std::string> &words) const;
+  void leave_block();
+  bool moves(const std::vector<std::string> &words);
+  uint32_t send(std::string_view line, bool paging);
+  void enter(const Target &target, const Match &match);
+  void read_hostname();
+  void add_names(std::vector<Candidate> *all);
+
+  std::string path_;
+  OutputFormat format_;
+  bool paging_;
+  std::unique_ptr<ControlClient> client_;
+  KnownNames names_;
+  Mode mode_ = Mode::exec;
+  std::string before_;  // headers of the modes that the session is in
+  std::string hostname_;
+  bool ended_ = false;
+};
+
+// Prints why something failed, in colour on a terminal that shows colours.
+void print_error(std::string_view text);
+bool in_colour(int descriptor);
+
+}  // namespace host
+
+#endif  // HOST_SESSION_H

@@ -1,0 +1,124 @@
+// The configuration as data: blocks of lines. Read from a file or changed line by line, checked as a whole, printed as a
+// file that loads to the same state, compared.
+//
+// Blocks are shared between copies of a configuration and copied when they change, so that taking a copy, editing it and
+// comparing it with the original costs what was edited.
+#ifndef HOST_CONFIG_H
+#define HOST_CONFIG_H
+
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "host/language/grammar.h"
+
+namespace host {
+
+struct BlockId {
+  Mode mode = Mode::global;
+  std::string name;  // interfaces and VRFs; else empty
+  auto operator<=>(const BlockId &) const = default;
+};
+
+struct Line {
+  Statement statement;
+  int number = 0;  // in its file; 0: entered by an operator, or chosen
+};
+
+class Block {
+ public:
+  // Lines stand in the order of the grammar; those of one command in the order in which they came.
+  struct Place {
+    Command command;
+    uint64_t sequence;
+    auto operator<=>(const Place &) const = default;
+  };
+
+  int number = 0;  // line of its header
+
+  const std::map<Place, Line> &lines() const { return lines_; }
+  // Adds a line, or changes the one with its key in its place; removes the line with this key, or all whose keys begin
+  // with it, as whole words.
+  void put(Line line);
+  void erase(const std::string &key);
+  // The lines that erase() would remove.
+  std::vector<const Line *> matching(const std::string &key) const;
+
+  const Line *find(Command command, std::string_view handler = {}) const;
+  const Line *find_key(const std::string &key) const;
+  // An argument of a command's line; null when there is no such line or argument.
+  const std::string *value(Command command, std::string_view argument) const;
+
+ private:
+  std::map<Place, Line> lines_;
+  std::unordered_map<std::string, Place> by_key_;
+  uint64_t next_sequence_ = 0;
+};
+
+struct ConfigError {
+  int line = 0;  // 0: not of one line
+  std::string reason;
+};
+
+class Config {
+ public:
+  using Blocks = std::map<BlockId, std::shared_ptr<const Block>>;
+
+  // Reads a file's text. Errors are appended, in line order; what is wrong is left out.
+  static Config read(const std::string &text, std::vector<ConfigError> *errors);
+
+  // Why a statement cannot be applied to a block: it removes a line that is not there, or that says something else than
+  // the statement. Empty when it can.
+  std::string refusal(const BlockId &id, const Statement &statement) const;
+
+  // Applies a statement to a block; the "no" form removes. Removing what is not there changes nothing.
+  void edit(const BlockId &id, const Statement &statement, int number = 0);
+  void remove(const BlockId &id) { blocks_.erase(id); }
+  // Makes a block exist. False when it was there.
+  bool open(const BlockId &id, int number = 0);
+
+  const Blocks &blocks() const { return blocks_; }
+  const Block *find(const BlockId &id) const;
+  const Block *vrf(std::string_view name) const { return find({Mode::vrf, std::string(name)}); }
+
+  // Numbers for VRFs that have none: those that the same VRF has in `before`, else the lowest that are free.
+  void choose_numbers(const Config *before);
+
+  // What is wrong between the lines: numbers used twice, names that lead nowhere.
+  std::vector<ConfigError> check() const;
+  // Why an interface cannot be named in a VRF; empty when it can.
+  std::string why_not_in_vrf(const std::string &interface, const std::string &vrf) const;
+
+  // Whether there is anything in it.
+  bool empty() const { return blocks_.empty(); }
+
+  // The configuration as a file.
+  std::string print() const;
+
+  std::string hostname() const;  // "pimhostd" unless set
+  bool feature_mvpn() const;
+
+ private:
+  Block &writable(const BlockId &id);
+  std::string value_or(const BlockId &id, Command command, std::string_view argument, std::string otherwise) const;
+
+  Blocks blocks_;
+};
+
+// The block that a header statement opens.
+BlockId block_of(const Statement &header);
+
+// A line that is in one configuration and not, or not like that, in the other. Null: not there.
+struct LineChange {
+  BlockId block;
+  const Line *before = nullptr;
+  const Line *after = nullptr;
+};
+// Changes in the order of the blocks, and of their lines. Pointers are into the two configurations.
+std::vector<LineChange> difference(const Config &before, const Config &after);
+
+}  // namespace host
+
+#endif  // HOST_CONFIG_H

@@ -1,0 +1,94 @@
+#include "host/control/output_channel.h"
+
+#include <utility>
+
+#include "platform/thread.h"
+
+namespace host {
+
+void OutputChannel::put(FrameType type, std::string_view text) {
+  if (text.empty()) return;
+  {
+    const std::lock_guard lock(mutex_);
+    if (abandoned_ || overflowed_) return;
+    if (frames_.size() + gathered_.size() > kLimit) {
+      overflowed_ = true;
+      return;
+    }
+    if (type != gathered_type_) flush_text();
+    const bool first = frames_.empty() && gathered_.empty();
+    gathered_type_ = type;
+    gathered_ += text;
+    // Text gathers while the connection is busy: a few large frames instead of one for each line.
+    if (gathered_.size() >= kMaxOutputFrame) flush_text();
+    if (!first) return;
+  }
+  ready_();
+}
+
+void OutputChannel::flush_text() {
+  if (!gathered_.empty()) frames_ += encode_frames(gathered_type_, gathered_);
+  gathered_.clear();
+}
+
+void OutputChannel::end(uint32_t status) {
+  {
+    const std::lock_guard lock(mutex_);
+    flush_text();
+    if (overflowed_) {
+      frames_ += encode_frames(FrameType::error, "the output is longer than the daemon keeps for one client\n");
+      status = kStatusFailed;
+    }
+    frames_ += encode_end(status);
+    ended_ = true;
+  }
+  ready_();
+}
+
+bool OutputChannel::wanted() const {
+  const std::lock_guard lock(mutex_);
+  return !abandoned_ && !overflowed_;
+}
+
+bool OutputChannel::full() const {
+  const std::lock_guard lock(mutex_);
+  return !abandoned_ && frames_.size() + in_flight_ > kHighWater;
+}
+
+void OutputChannel::wait_for_client() {
+  tsp_before_yield();
+  {
+    std::unique_lock lock(mutex_);
+    drained_.wait(lock, [this] { return abandoned_ || frames_.size() + in_flight_ <= kLowWater; });
+  }
+  tsp_after_yield();
+}
+
+std::string OutputChannel::take() {
+  const std::lock_guard lock(mutex_);
+  flush_text();
+  in_flight_ = frames_.size();
+  end_taken_ = ended_;
+  return std::exchange(frames_, {});
+}
+
+void OutputChannel::sent(size_t size) {
+  const std::lock_guard lock(mutex_);
+  in_flight_ -= size;
+  drained_.notify_all();
+}
+
+bool OutputChannel::ended() const {
+  const std::lock_guard lock(mutex_);
+  return end_taken_;
+}
+
+void OutputChannel::abandon() {
+  const std::lock_guard lock(mutex_);
+  abandoned_ = true;
+  frames_.clear();
+  gathered_.clear();
+  drained_.notify_all();
+}
+
+}  // namespace host

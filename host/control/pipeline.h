@@ -1,0 +1,41 @@
+// The filters behind a command: `show ... | include TEXT | count`.
+#ifndef HOST_PIPELINE_H
+#define HOST_PIPELINE_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/control/control_protocol.h"
+#include "host/language/grammar.h"
+
+namespace host {
+
+struct Filters {
+  std::optional<std::string> include;  // only lines that contain this
+  bool count = false;                  // the number of lines instead of the lines
+  bool no_more = false;                // no pages
+  std::optional<OutputFormat> format;  // another than the client's
+};
+
+struct Pipeline {
+  std::vector<std::string> command;  // the words before the first '|'
+  bool filtered = false;
+  Filters filters;
+  std::optional<SyntaxError> error;  // in a filter; its word counts from the start of the line
+};
+
+Pipeline read_pipeline(const std::vector<std::string> &words);
+
+// What may stand behind the words of an incomplete line that has a '|' among them.
+std::vector<Candidate> filter_candidates(const std::vector<std::string> &words);
+
+// The line with a mark below the word that is wrong, and the reason.
+std::string point_out(const std::vector<std::string> &words, const SyntaxError &error);
+
+// Only the output of views can be filtered.
+bool is_view(const Statement &statement);
+
+}  // namespace host
+
+#endif  // HOST_PIPELINE_H

@@ -1,0 +1,140 @@
+// The process is this program again, with --check-config: what the operator can run by hand is what guards a reload. Its
+// output ends when it ends, so the end of the output is the sign to collect its status.
+#include "host/daemon/config_check.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/asio/buffer.hpp>
+#include <chrono>
+#include <cstring>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+#include "host/daemon/loop.h"
+#include "host/daemon/module_loader.h"
+#include "host/daemon/router.h"
+
+namespace host {
+namespace {
+
+constexpr std::chrono::seconds kTimeLimit{60};
+constexpr size_t kOutputLimit = 65536;
+constexpr std::string_view kOwnPrefix = "pimhostd: ";
+
+}  // namespace
+
+std::vector<ConfigError> try_config(const std::string &module, Config config) {
+  const LoadedModule loaded = load_module(module);
+  Loop loop;
+  std::vector<ConfigError> refused, logged;
+  std::optional<Router> router;
+  {
+    Loop::Turn turn(loop);
+    ref::set_log_sink(ref::LogSink::none);
+    ref::clock_use_real(1);
+    Router::Options options;
+    options.offline = true;
+    options.log = [&logged](const std::string &text) { logged.push_back({0, text}); };
+    router.emplace(loop, loaded, std::move(options));
+    refused = router->start(std::move(config));
+  }
+  {
+    Loop::Turn turn(loop);
+    router->stop();
+    ref::wait_for_threads();
+  }
+  refused.insert(refused.end(), logged.begin(), logged.end());
+  std::ranges::stable_sort(refused, {}, &ConfigError::line);
+  return refused;
+}
+
+ConfigCheck::ConfigCheck(boost::asio::io_context &io, const std::string &file, const std::string &module, Done done)
+    : output_(io), timer_(io), done_(std::move(done)) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error(std::strerror(errno));
+  output_.assign(ends[0]);
+  const int error = start(file, module, ends[1]);
+  close(ends[1]);
+  if (error != 0) throw std::runtime_error(std::strerror(error));
+  read();
+  limit();
+}
+
+ConfigCheck::~ConfigCheck() {
+  if (process_ < 0) return;
+  kill(process_, SIGKILL);
+  waitpid(process_, nullptr, 0);
+}
+
+// 0, or an error number.
+int ConfigCheck::start(const std::string &file, const std::string &module, int output) {
+  std::string arguments[] = {"pimhostd", "--check-config", "--config", file, "--module", module};
+  std::vector<char *> pointers;
+  for (std::string &argument : arguments) pointers.push_back(argument.data());
+  pointers.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, output, STDERR_FILENO);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  const int error = posix_spawn(&process_, "/proc/self/exe", &actions, &attributes, pointers.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  if (error != 0) process_ = -1;
+  return error;
+}
+
+void ConfigCheck::read() {
+  output_.async_read_some(boost::asio::buffer(buffer_),
+                          [this, alive = std::weak_ptr(alive_)](const boost::system::error_code &error, size_t size) {
+                            if (alive.expired()) return;
+                            if (error) return finish();
+                            if (text_.size() < kOutputLimit) text_.append(buffer_.data(), size);
+                            read();
+                          });
+}
+
+void ConfigCheck::limit() {
+  timer_.expires_after(kTimeLimit);
+  timer_.async_wait([this, alive = std::weak_ptr(alive_)](const boost::system::error_code &error) {
+    if (error || alive.expired()) return;
+    timed_out_ = true;
+    kill(process_, SIGKILL);  // its output ends
+  });
+}
+
+void ConfigCheck::finish() {
+  timer_.cancel();
+  int status = 0;
+  waitpid(std::exchange(process_, -1), &status, 0);
+  const Done done = std::move(done_);
+  done(result(status));
+}
+
+ConfigCheck::Result ConfigCheck::result(int status) const {
+  Result result{WIFEXITED(status) && WEXITSTATUS(status) == 0, {}};
+  if (result.passed) return result;
+  std::istringstream lines(text_);
+  for (std::string line; std::getline(lines, line);)
+    result.problems.push_back(line.starts_with(kOwnPrefix) ? line.substr(kOwnPrefix.size()) : line);
+  if (timed_out_)
+    result.problems.push_back("the check did not end within " + std::to_string(kTimeLimit.count()) + " s");
+  else if (result.problems.empty())
+    result.problems.push_back("the check ended without a word");
+  return result;
+}
+
+}  // namespace host

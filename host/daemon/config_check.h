@@ -1,0 +1,61 @@
+// Trying a configuration: whether the module takes every line of it is known when the module has been given them.
+#ifndef HOST_CONFIG_CHECK_H
+#define HOST_CONFIG_CHECK_H
+
+#include <sys/types.h>
+
+#include <array>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/config/config.h"
+
+namespace host {
+
+// Loads the module and replays a configuration on a platform in memory, without sockets and without a store. Result:
+// the lines that are refused. Once in a process, and not beside a running router. Throws std::runtime_error when the
+// module cannot be loaded or does not start.
+std::vector<ConfigError> try_config(const std::string &module, Config config);
+
+// The same for a file, in a process of its own that runs beside this one.
+class ConfigCheck {
+ public:
+  struct Result {
+    bool passed = false;
+    std::vector<std::string> problems;
+  };
+  using Done = std::function<void(Result)>;
+
+  // Starts the process; done is called from the event loop and may destroy the check. Throws std::runtime_error.
+  ConfigCheck(boost::asio::io_context &io, const std::string &file, const std::string &module, Done done);
+  // Ends the process when it still runs; done is not called then.
+  ~ConfigCheck();
+  ConfigCheck(const ConfigCheck &) = delete;
+  ConfigCheck &operator=(const ConfigCheck &) = delete;
+
+ private:
+  int start(const std::string &file, const std::string &module, int output);
+  void read();
+  void limit();
+  void finish();
+  Result result(int status) const;
+
+  boost::asio::posix::stream_descriptor output_;
+  boost::asio::steady_timer timer_;
+  std::array<char, 4096> buffer_;
+  std::string text_;
+  pid_t process_ = -1;
+  bool timed_out_ = false;
+  Done done_;
+  // Handlers that are queued when the check is destroyed find it gone.
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+};
+
+}  // namespace host
+
+#endif  // HOST_CONFIG_CHECK_H

@@ -1,0 +1,194 @@
+// Start and stop. Everything that can be refused is tried before the module starts: files, the store, the control socket.
+// The module stops when nothing calls it any more: control socket, views, links, module.
+#include "host/daemon/daemon.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <iostream>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+#include "host/daemon/notify.h"
+
+namespace host {
+namespace {
+
+// A folder of the store; made when it is missing.
+void make_folder(const std::string &path) {
+  if (mkdir(path.c_str(), 0700) == 0) return;
+  struct stat status {};
+  const int error = errno;
+  if (error != EEXIST) throw std::runtime_error("--store: " + path + ": " + std::strerror(error));
+  if (stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+    throw std::runtime_error("--store: " + path + ": " + std::strerror(ENOTDIR));
+}
+
+}  // namespace
+
+Daemon::Daemon(DaemonOptions options, Config config)
+    : options_(std::move(options)), signals_(loop_.io(), SIGINT, SIGTERM, SIGHUP) {
+  if (options_.log_to_syslog) openlog("pimhostd", LOG_PID, LOG_DAEMON);
+  const LoadedModule module = load_module(options_.module);
+  Loop::Turn turn(loop_);
+  ref::set_log_sink(options_.log_to_syslog ? ref::LogSink::syslog : ref::LogSink::standard_error);
+  ref::clock_use_real(options_.clock_scale.value_or(1));
+  open_store();
+  check_capture();
+  module.trace_buffers[0][MVPN_TRACE_SLOT] = 1;  // the event history is always kept
+  Router::Options router_options;
+  router_options.clock_scale = options_.clock_scale;
+  router_options.capture = options_.capture;
+  router_options.log = [this](const std::string &text) { log(text); };
+  router_.emplace(loop_, module, std::move(router_options));
+  engine_.emplace(*router_);
+  if (options_.debug) engine_->debug("", true);
+  // Clients that come early wait until the loop runs.
+  control_.emplace(loop_.io(), options_.control_path,
+                   [this](const ControlServer::Request &request, const std::shared_ptr<OutputChannel> &channel) {
+                     Loop::Turn command(loop_);
+                     engine_->execute(request, channel);
+                   });
+  if (!options_.agentx.empty())
+    agentx_.emplace(
+        loop_.io(), options_.agentx,
+        [this](const std::function<void()> &work) {
+          Loop::Turn agent_turn(loop_);
+          work();
+        },
+        [this](const std::string &text) { log(text); });
+  for (const ConfigError &error : router_->start(std::move(config))) log(described(options_.config_file, error));
+  loop_.set_turn_end([this] { router_->settle(); });
+  watch_signals();
+  log("serving on " + options_.control_path);
+  notify_service_manager("READY=1");
+}
+
+Daemon::~Daemon() { loop_.set_turn_end(nullptr); }
+
+void Daemon::open_store() {
+  ref::set_stateful_restart(options_.stateful_restart);
+  if (options_.store.empty()) return;
+  make_folder(options_.store);
+  lock_store();
+  const std::string records = options_.store + "/records";
+  make_folder(records);
+  if (!ref::pss_use_directory(records))
+    throw std::runtime_error("--store: " + records + ": the store cannot be opened");
+  const std::string tunnels = options_.store + "/tunnels";
+  if (!ref::oim_use_file(tunnels))
+    throw std::runtime_error("--store: " + tunnels + ": the tunnel database cannot be read");
+}
+
+void Daemon::check_capture() const {
+  if (options_.capture.empty()) return;
+  const int file = open(options_.capture.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+  if (file < 0) throw std::runtime_error("--capture: " + options_.capture + ": " + std::strerror(errno));
+  close(file);
+}
+
+// Held until the process ends, however it does.
+void Daemon::lock_store() {
+  const std::string path = options_.store + "/lock";
+  const int lock = open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+  if (lock < 0) throw std::runtime_error("--store: " + path + ": " + std::strerror(errno));
+  if (flock(lock, LOCK_EX | LOCK_NB) == 0) return;
+  const int error = errno;
+  close(lock);
+  throw std::runtime_error("--store: " + (error == EWOULDBLOCK ? options_.store + ": another pimhostd uses this folder"
+                                                               : path + ": " + std::strerror(error)));
+}
+
+void Daemon::run() { loop_.run(); }
+
+void Daemon::watch_signals() {
+  signals_.async_wait([this](const boost::system::error_code &error, int number) {
+    if (error) return;
+    if (number != SIGHUP) return stop();
+    reload();
+    watch_signals();
+  });
+}
+
+// A file with an error changes nothing. The lines that only the module can judge are tried in another process, which
+// takes its time while this one goes on.
+void Daemon::reload() {
+  if (check_) {
+    reload_again_ = true;
+    return;
+  }
+  notify_service_manager("RELOADING=1");
+  ConfigFile file = read_config_file(options_.config_file);
+  std::vector<std::string> messages;
+  for (const ConfigError &error : file.errors) messages.push_back(described(options_.config_file, error));
+  if (!messages.empty()) return end_reload(messages, "the configuration stays as it is");
+  try {
+    check_ =
+        std::make_unique<ConfigCheck>(loop_.io(), options_.config_file, options_.module,
+                                      [this, file](const ConfigCheck::Result &result) { finish_reload(file, result); });
+  } catch (const std::runtime_error &error) {
+    end_reload({std::string("the configuration cannot be checked: ") + error.what()},
+               "the configuration stays as it is");
+  }
+}
+
+void Daemon::finish_reload(ConfigFile file, const ConfigCheck::Result &check) {
+  check_.reset();
+  // What was checked must be what was read.
+  if (std::exchange(reload_again_, false) || read_config_file(options_.config_file).text != file.text) return reload();
+  if (!check.passed) return end_reload(check.problems, "the configuration stays as it is");
+  std::vector<std::string> messages;
+  {
+    Loop::Turn turn(loop_);
+    for (const ConfigError &error : router_->replace(std::move(file.config)))
+      messages.push_back(described(options_.config_file, error));
+  }
+  end_reload(messages, messages.empty() ? "the configuration was read again" : "the former configuration is restored");
+}
+
+void Daemon::end_reload(const std::vector<std::string> &messages, const std::string &outcome) {
+  for (const std::string &message : messages) log(message);
+  log(outcome);
+  notify_service_manager("READY=1");
+}
+
+void Daemon::end_views() {
+  control_->close();
+  for (;;) {
+    {
+      Loop::Turn turn(loop_);
+      if (engine_->idle()) return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+void Daemon::stop() {
+  notify_service_manager("STOPPING=1");
+  log("stopping");
+  check_.reset();
+  agentx_.reset();
+  end_views();
+  {
+    Loop::Turn turn(loop_);
+    router_->stop();
+    if (!ref::wait_for_threads()) log("a thread of the module has not ended");
+  }
+  loop_.stop();
+}
+
+void Daemon::log(const std::string &text) {
+  if (options_.log_to_syslog)
+    syslog(LOG_NOTICE, "%s", text.c_str());
+  else
+    std::cerr << "pimhostd: " << text << (text.ends_with('\n') ? "" : "\n");
+}
+
+}  // namespace host

@@ -1,0 +1,67 @@
+// pimhostd: the process.
+#ifndef HOST_DAEMON_H
+#define HOST_DAEMON_H
+
+#include <boost/asio/signal_set.hpp>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "host/config/config_file.h"
+#include "host/control/control_server.h"
+#include "host/daemon/config_check.h"
+#include "host/daemon/engine.h"
+#include "host/daemon/loop.h"
+#include "host/daemon/router.h"
+#include "host/snmp/agentx.h"
+
+namespace host {
+
+struct DaemonOptions {
+  std::string config_file;
+  std::string control_path;
+  std::string store;    // folder of what outlives the process; empty: nothing does
+  std::string module;   // libmvpn.so
+  std::string capture;  // file; empty: none
+  std::string agentx;   // AgentX master; empty: no SNMP
+  std::optional<double> clock_scale;
+  bool stateful_restart = false;
+  bool log_to_syslog = false;
+  bool debug = false;
+};
+
+class Daemon {
+ public:
+  // Starts everything. Throws std::runtime_error with the reason when it cannot.
+  Daemon(DaemonOptions options, Config config);
+  ~Daemon();
+
+  // Serves until SIGTERM or SIGINT, then stops in order.
+  void run();
+
+ private:
+  void lock_store();
+  void open_store();
+  void check_capture() const;
+  void watch_signals();
+  void reload();
+  void finish_reload(ConfigFile file, const ConfigCheck::Result &check);
+  void end_reload(const std::vector<std::string> &messages, const std::string &outcome);
+  void stop();
+  void end_views();
+  void log(const std::string &text);
+
+  DaemonOptions options_;
+  Loop loop_;
+  std::optional<Router> router_;
+  std::optional<Engine> engine_;
+  std::optional<ControlServer> control_;
+  std::optional<snmp::AgentX> agentx_;
+  boost::asio::signal_set signals_;
+  std::unique_ptr<ConfigCheck> check_;  // while a reload waits for it
+  bool reload_again_ = false;           // asked for meanwhile
+};
+
+}  // namespace host
+
+#endif  // HOST_DAEMON_H

@@ -1,0 +1,259 @@
+#include "host/daemon/engine.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "platform/thread.h"
+
+namespace host {
+namespace {
+
+thread_local OutputChannel *this_command = nullptr;  // channel of the view that this thread runs
+
+// A view that has run ahead of its client waits for it where it yields.
+bool wait_at_yield() {
+  if (this_command == nullptr || !this_command->full()) return false;
+  this_command->wait_for_client();
+  return true;
+}
+
+Outcome missing(const char *what, const std::string &name) {
+  return {false, std::string("there is no ") + what + " " + name + "\n"};
+}
+
+Outcome set_flow(const Statement &statement) {
+  const std::string &vrf = *find_argument(statement, "vrf");
+  const mvpn_mdt_route_addrs addrs =
+      route_address(*find_argument(statement, "source"), *find_argument(statement, "group"));
+  const bool done = ref::set_customer_rate(vrf, addrs, number_value(*find_argument(statement, "rate")));
+  return done ? Outcome() : missing("such customer route in VRF", vrf);
+}
+
+Outcome set_receiver(const Config &config, const Statement &statement) {
+  const std::string &vrf = *find_argument(statement, "vrf");
+  const std::string &oif = *find_argument(statement, "oif");
+  const mvpn_mdt_route_addrs addrs =
+      route_address(*find_argument(statement, "source"), *find_argument(statement, "group"));
+  std::vector<ref::CustomerRoute> routes = ref::customer_routes(vrf);
+  const auto route = std::find_if(routes.begin(), routes.end(), [&addrs](const ref::CustomerRoute &other) {
+    return std::memcmp(&other.addrs, &addrs, sizeof addrs) == 0;
+  });
+  if (route == routes.end()) return missing("such customer route in VRF", vrf);
+  const bool join = find_argument(statement, "join") != nullptr;
+  const bool tunnel = oif == "mvpn";
+  const auto at = std::find(route->oifs.begin(), route->oifs.end(), oif);
+  const bool listed = tunnel ? route->to_mvpn : at != route->oifs.end();
+  if (!join && !listed) return {false, oif + " is no outgoing interface of the route\n"};
+  if (const std::string reason = config.why_not_in_vrf(oif, vrf); join && !reason.empty())
+    return {false, reason + "\n"};
+  if (join == listed) return {};
+  if (tunnel)
+    route->to_mvpn = join;
+  else if (join)
+    route->oifs.push_back(oif);
+  else
+    route->oifs.erase(at);
+  return ref::set_customer_route(vrf, *route) != nullptr ? Outcome() : missing("interface", oif);
+}
+
+// An interface of the core that has an address; null when there is none.
+const std::string *core_interface_with(const Config &config, const std::string &address) {
+  for (const auto &[id, block] : config.blocks()) {
+    if (id.mode != Mode::interface || block->find(Command::interface_vrf) != nullptr) continue;
+    const std::string *own = block->value(Command::ip_address, "address");
+    if (own != nullptr && *own == address) return &id.name;
+  }
+  return nullptr;
+}
+
+bool is_same_entry(const ref::MdtSafi &a, const ref::MdtSafi &b) {
+  return a.source == b.source && a.group == b.group && std::equal(std::begin(a.rd), std::end(a.rd), std::begin(b.rd));
+}
+
+Outcome set_remote_pe(const Config &config, const Statement &statement) {
+  const std::string &source = *find_argument(statement, "source");
+  ref::MdtSafi safi;
+  safi.source = address_value(source);
+  safi.group = address_value(*find_argument(statement, "group"));
+  const auto rd = ref::bgp_parse_rd(*find_argument(statement, "rd"));
+  if (!rd) return {false, "that is not a route distinguisher\n"};
+  std::copy(rd->begin(), rd->end(), safi.rd);
+  if (find_argument(statement, "advertise") != nullptr) {
+    if (const std::string *own = core_interface_with(config, source))
+      return {false, source + " is the address of this PE's interface " + *own + "\n"};
+    ref::bgp_add_remote({safi});
+    return {};
+  }
+  const std::vector<ref::MdtSafi> entries = ref::bgp_remote_entries();
+  if (std::none_of(entries.begin(), entries.end(), [&](const auto &entry) { return is_same_entry(entry, safi); }))
+    return missing("such entry of PE", source);
+  ref::bgp_withdraw_remote({safi});
+  return {};
+}
+
+}  // namespace
+
+Engine::Engine(Router &router) : router_(router) { ref::set_yield_hook(wait_at_yield); }
+
+Engine::~Engine() { ref::set_yield_hook(nullptr); }
+
+Engine::Parsed Engine::parse(const ControlServer::Request &request) const {
+  const std::vector<std::string> words = split_words(request.line);
+  const Pipeline line = read_pipeline(words);
+  Parsed parsed{match_line(Mode::exec, line.command, true), line.filters.format.value_or(request.format), line.filters,
+                ""};
+  const std::optional<SyntaxError> &error = parsed.match.error ? parsed.match.error : line.error;
+  if (error)
+    parsed.error = point_out(words, *error);
+  else if (line.filtered && !is_view(parsed.match.statements.back()))
+    parsed.error = "only views can be filtered\n";
+  return parsed;
+}
+
+void Engine::execute(const ControlServer::Request &request, const std::shared_ptr<OutputChannel> &channel) {
+  Parsed parsed = parse(request);
+  if (!parsed.error.empty()) {
+    channel->error(parsed.error);
+    channel->end(kStatusSyntax);
+    return;
+  }
+  const Statement &first = parsed.match.statements.front();
+  if (is_view(first))
+    return start_view(std::make_unique<ViewRun>(ViewRun{this, first, parsed.format, parsed.filters, channel}));
+  const Outcome outcome = operate(parsed.match.statements);
+  outcome.accepted ? channel->output(outcome.text) : channel->error(outcome.text);
+  channel->end(outcome.accepted ? kStatusDone : kStatusFailed);
+}
+
+// ----------------------------------------------------------------------------------------------------------- views
+
+void Engine::start_view(std::unique_ptr<ViewRun> run) {
+  pthread_attr_t attributes;
+  pthread_t thread;
+  quillon_pthread_attr_init(&attributes);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  running_views_++;
+  const int error = quillon_pthread_create(&thread, &attributes, view_thread, run.get(), "pim-show");
+  pthread_attr_destroy(&attributes);
+  if (error == 0) {
+    run.release();  // the thread's
+    return;
+  }
+  running_views_--;
+  run->channel->error(std::string("no thread for the command: ") + std::strerror(error) + "\n");
+  run->channel->end(kStatusFailed);
+}
+
+void *Engine::view_thread(void *argument) {
+  const std::unique_ptr<ViewRun> run(static_cast<ViewRun *>(argument));
+  this_command = run->channel.get();
+  const uint32_t status = run->engine->show(*run);
+  this_command = nullptr;
+  run->channel->end(status);
+  run->engine->running_views_--;
+  return nullptr;
+}
+
+std::unique_ptr<output::Writer> Engine::writer_of(const ViewRun &run) {
+  const output::ByteSink bytes = [&run](std::string_view text) {
+    run.channel->output(text);
+    return run.channel->wanted();
+  };
+  std::unique_ptr<output::Writer> writer = run.format == OutputFormat::json  ? output::json_writer(bytes)
+                                           : run.format == OutputFormat::xml ? output::xml_writer(bytes)
+                                                                             : output::text_writer(bytes);
+  if (run.filters.count) writer = output::count_lines(std::move(writer));
+  if (run.filters.include) writer = output::include_lines(*run.filters.include, std::move(writer));
+  return writer;
+}
+
+uint32_t Engine::show(const ViewRun &run) {
+  const std::string *vrf = find_argument(run.statement, "vrf");
+  if (vrf != nullptr && pim_get_cib_by_context_name(vrf->c_str()) == nullptr) {
+    run.channel->error("there is no VRF " + *vrf + "\n");
+    return kStatusFailed;
+  }
+  if (run.statement.command == Command::show_module) return show_module(run);
+  const std::unique_ptr<output::Writer> writer = writer_of(run);
+  output::Listing listing(*writer);
+  show_view({router_, run.statement, counters_}, listing);
+  writer->finish();
+  return kStatusDone;
+}
+
+uint32_t Engine::show_module(const ViewRun &run) {
+  const std::unique_ptr<output::Writer> writer = writer_of(run);
+  ref::CliInvocation invocation;
+  invocation.handler = run.statement.handler;
+  for (const Argument &argument : run.statement.arguments) {
+    if (argument.name == "vrf")
+      invocation.vrf_name = argument.value;
+    else
+      invocation.arguments.push_back({argument.name, argument.value});
+  }
+  invocation.all_vrfs = invocation.vrf_name.empty();
+  const int result = ref::cli_invoke(invocation, *writer);
+  writer->finish();
+  return result == CLI_RESULT_OK ? kStatusDone : kStatusFailed;
+}
+
+// ------------------------------------------------------------------------------------------------- other commands
+
+Outcome Engine::operate(const std::vector<Statement> &statements) {
+  const Statement &statement = statements.front();
+  switch (statement.command) {
+    case Command::configure:
+      if (statements.size() == 1) return {false, "what is to be configured? configure COMMAND\n"};
+      return router_.configure({statements.begin() + 1, statements.end()});
+    case Command::clear_counters:
+      counters_ = counters_now();
+      router_.links().clear_counters();
+      return {};
+    case Command::clear_events:
+      ref::clear_history();
+      ref::clear_reports();
+      return {};
+    case Command::debug_mvpn: {
+      const std::string *vrf = find_argument(statement, "vrf");
+      if (vrf != nullptr && pim_get_cib_by_context_name(vrf->c_str()) == nullptr) return missing("VRF", *vrf);
+      debug(vrf == nullptr ? "" : *vrf, find_argument(statement, "detail") != nullptr);
+      return {};
+    }
+    case Command::debug_off:
+      debug_off();
+      return {};
+    case Command::test_interface: {
+      const std::string &name = *find_argument(statement, "interface");
+      const bool up = find_argument(statement, "up") != nullptr;
+      return router_.set_link(name, up) ? Outcome() : missing("configured interface", name);
+    }
+    case Command::test_flow:
+      return set_flow(statement);
+    case Command::test_receiver:
+      return set_receiver(router_.running(), statement);
+    case Command::test_remote_pe:
+      return set_remote_pe(router_.running(), statement);
+    case Command::test_statistics:
+      ref::statistics_pass();
+      return {};
+    default:
+      return {false, "that cannot be done here\n"};
+  }
+}
+
+void Engine::debug(const std::string &vrf, bool detail) {
+  const std::string filter = vrf.empty() ? "all" : vrf;
+  std::strncpy(pim_dfilter_vrf_name, filter.c_str(), VRF_NAME_MAX);
+  pim_debug_flag |= PIM_DEBUG_MVPN;
+  *router_.module().detail_debug = detail ? 1 : 0;
+}
+
+void Engine::debug_off() {
+  pim_debug_flag &= ~uint32_t{PIM_DEBUG_MVPN};
+  pim_dfilter_vrf_name[0] = '\0';
+  *router_.module().detail_debug = 0;
+}
+
+}  // namespace host

@@ -1,0 +1,67 @@
+// The command engine: runs the command lines of clients.
+//
+// Views run on threads of their own, under the scheduling locks: a listing yields to everything else, and a client that
+// reads slowly holds up nobody but itself. Every other command runs at once on the main thread.
+#ifndef HOST_ENGINE_H
+#define HOST_ENGINE_H
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/control/control_server.h"
+#include "host/control/pipeline.h"
+#include "host/daemon/router.h"
+#include "host/daemon/views.h"
+#include "host/output/output.h"
+
+namespace host {
+
+class Engine {
+ public:
+  explicit Engine(Router &router);
+  ~Engine();
+
+  // Runs a command line and ends the channel when it is done. On the main thread, with the scheduling locks.
+  void execute(const ControlServer::Request &request, const std::shared_ptr<OutputChannel> &channel);
+
+  // Debug messages of the module: all VRFs when the name is empty.
+  void debug(const std::string &vrf, bool detail);
+
+  // No view is running.
+  bool idle() const { return running_views_ == 0; }
+
+ private:
+  struct ViewRun {
+    Engine *engine;
+    Statement statement;
+    OutputFormat format;
+    Filters filters;
+    std::shared_ptr<OutputChannel> channel;
+  };
+  struct Parsed {
+    Match match;
+    OutputFormat format;
+    Filters filters;
+    std::string error;
+  };
+
+  Parsed parse(const ControlServer::Request &request) const;
+  void start_view(std::unique_ptr<ViewRun> run);
+  static void *view_thread(void *argument);
+  // Where a view's output goes, in the form and through the filters that the client asked for.
+  static std::unique_ptr<output::Writer> writer_of(const ViewRun &run);
+  uint32_t show(const ViewRun &run);
+  uint32_t show_module(const ViewRun &run);
+  Outcome operate(const std::vector<Statement> &statements);
+  void debug_off();
+
+  Router &router_;
+  CounterBase counters_;
+  int running_views_ = 0;
+};
+
+}  // namespace host
+
+#endif  // HOST_ENGINE_H

@@ -1,0 +1,30 @@
+// Loads libmvpn.so and finds its entry points and the words that the host reads and sets.
+#ifndef HOST_MODULE_LOADER_H
+#define HOST_MODULE_LOADER_H
+
+#include <string>
+
+#include "platform/reference/reference.h"
+#include "routing/pim/mvpn/mvpn.h"
+
+namespace host {
+
+struct LoadedModule {
+  decltype(&mvpn_init) init = nullptr;
+  decltype(&mvpn_deinit) deinit = nullptr;
+  decltype(&mvpn_init_cli) init_cli = nullptr;
+  decltype(&mvpn_cli_vrf_done) cli_vrf_done = nullptr;
+  decltype(&mvpn_cli_done) cli_done = nullptr;
+  decltype(&mvpn_unconditional_announce_data_mdt_join) announce = nullptr;
+  decltype(&pim_glb_trace_buffers) trace_buffers = nullptr;
+  decltype(&pim_mvpn_detail_debug_flag) detail_debug = nullptr;
+  decltype(&mvpn_data_mdt_recv_cache_limit) recv_cache_limit = nullptr;
+  ref::Module entries;  // what the platform delivers to
+};
+
+// The module stays loaded for the life of the process. Throws std::runtime_error with the loader's reason.
+LoadedModule load_module(const std::string &path);
+
+}  // namespace host
+
+#endif  // HOST_MODULE_LOADER_H

@@ -1,0 +1,408 @@
+// The command language: every command of every mode.
+//
+// Builders keep the tables readable. A keyword or argument is built with its help, then completed with what follows:
+//   .then({...})     words that follow          .with({...})   options, in any order
+//   .runs(command)   the line may end here      .undone()      ... in its "no" form only
+#include <utility>
+
+#include "host/language/grammar.h"
+
+namespace host {
+namespace {
+
+struct Build : Word {
+  Build(Word word) : Word(std::move(word)) {}
+  Build then(std::vector<Word> words) && {
+    next = std::move(words);
+    return std::move(*this);
+  }
+  Build with(std::vector<Word> words) && {
+    options = std::move(words);
+    return std::move(*this);
+  }
+  Build runs(Command what, std::string registered = {}) && {
+    command = what;
+    handler = std::move(registered);
+    ends = Ends::always;
+    return std::move(*this);
+  }
+  Build undone(Command what, std::string registered = {}) && {
+    command = what;
+    handler = std::move(registered);
+    ends = Ends::no_form;
+    return std::move(*this);
+  }
+  Build opens(Mode mode) && {
+    enters = mode;
+    return std::move(*this);
+  }
+  Build names_a(NameKind what) && {
+    names = what;
+    return std::move(*this);
+  }
+  Build identifies() && {
+    key = true;
+    return std::move(*this);
+  }
+  // The keyword is an argument of the command under this name.
+  Build recorded(std::string under) && {
+    name = std::move(under);
+    return std::move(*this);
+  }
+  Build again() && {
+    repeats = true;
+    return std::move(*this);
+  }
+  Build by_default() && {
+    on_by_default = true;
+    return std::move(*this);
+  }
+};
+
+Build keyword(std::string text, std::string help) {
+  Word word;
+  word.text = std::move(text);
+  word.help = std::move(help);
+  return word;
+}
+
+// A keyword whose presence is an argument of the command.
+Build flag(std::string text, std::string help) {
+  Build word = keyword(text, std::move(help));
+  word.name = std::move(text);
+  return word;
+}
+
+Build argument(ValueType type, std::string text, std::string name, std::string help, NumberRange range = {}) {
+  Word word;
+  word.kind = Word::Kind::argument;
+  word.type = type;
+  word.text = std::move(text);
+  word.name = std::move(name);
+  word.help = std::move(help);
+  word.range = range;
+  return word;
+}
+
+Build number(std::string name, std::string help, uint64_t low, uint64_t high) {
+  std::string text = "<" + std::to_string(low) + "-" + std::to_string(high) + ">";
+  return argument(ValueType::number, std::move(text), std::move(name), std::move(help), {low, high});
+}
+
+constexpr uint64_t kMax32 = UINT32_MAX;
+constexpr uint64_t kMaxTableId = 0xFFFFFF;
+constexpr uint64_t kMaxRate = 100'000'000;  // kbps
+
+Build vrf_name(std::string name, std::string help) {
+  return argument(ValueType::name, "NAME", std::move(name), std::move(help)).names_a(NameKind::vrf);
+}
+Build interface_name(std::string name, std::string help) {
+  return argument(ValueType::interface, "INTERFACE", std::move(name), std::move(help)).names_a(NameKind::interface);
+}
+
+// Options that several commands share.
+Word vrf_option() { return keyword("vrf", "One VRF instead of all").then({vrf_name("vrf", "Name of the VRF")}); }
+Word detail_option() { return flag("detail", "Everything about each entry"); }
+
+Word route_map_clause(std::string word, std::string help) {
+  Word groups = argument(ValueType::prefix, "GROUPS", "groups", "Customer groups, A.B.C.D/LENGTH")
+                    .identifies()
+                    .runs(Command::route_map);
+  Word sources = argument(ValueType::prefix, "SOURCES", "sources", "Customer sources, A.B.C.D/LENGTH")
+                     .identifies()
+                     .then({std::move(groups)});
+  return flag(std::move(word), std::move(help)).then({std::move(sources)});
+}
+
+std::vector<Word> global_words() {
+  return {
+      keyword("hostname", "Name of this router")
+          .then({argument(ValueType::name, "NAME", "name", "Name").runs(Command::hostname)})
+          .undone(Command::hostname),
+      keyword("clock", "The platform's clock")
+          .then({keyword("scale", "Speed of the clock")
+                     .then({number("scale", "Platform seconds per second", 1, 1000).runs(Command::clock_scale)})
+                     .undone(Command::clock_scale)}),
+      keyword("feature", "Features of the PIM process")
+          .then({keyword("mvpn", "Multicast VPN; on unless it is switched off")
+                     .runs(Command::feature_mvpn)
+                     .by_default()}),
+      keyword("route-map", "Policies that select customer flows")
+          .then({argument(ValueType::policy, "NAME", "name", "Name of the route-map")
+                     .identifies()
+                     .undone(Command::route_map)
+                     .then({
+                         route_map_clause("permit", "Flows that match are selected"),
+                         route_map_clause("deny", "Flows that match are left out"),
+                     })}),
+      keyword("pim", "PIM of the core").runs(Command::pim_block).opens(Mode::pim),
+      keyword("core", "Links that carry core packets").runs(Command::core_block).opens(Mode::core),
+      keyword("interface", "Interfaces")
+          .then(
+              {interface_name("name", "Name of the interface").runs(Command::interface_block).opens(Mode::interface)}),
+      keyword("vrf", "VPN routing and forwarding instances")
+          .then({vrf_name("name", "Name of the VRF").runs(Command::vrf_block).opens(Mode::vrf)}),
+      keyword("bgp", "BGP, which carries MDT SAFI entries").runs(Command::bgp_block).opens(Mode::bgp),
+  };
+}
+
+std::vector<Word> pim_words() {
+  const auto range = [](std::string word, std::string help, Command command) {
+    return keyword(std::move(word), std::move(help))
+        .then({keyword("range", "Range of groups")
+                   .then({argument(ValueType::groups, "PREFIX", "prefix", "Groups, A.B.C.D/LENGTH")
+                              .identifies()
+                              .runs(command)})});
+  };
+  return {
+      range("ssm", "Source-specific multicast", Command::ssm_range),
+      range("bidir", "Bidirectional PIM", Command::bidir_range),
+      keyword("mtu", "Largest datagram of the process")
+          .then({number("mtu", "Bytes", 68, 65535).runs(Command::pim_mtu)})
+          .undone(Command::pim_mtu),
+      keyword("announcement-limit", "Data MDTs of other PEs that a VRF keeps; the newest beyond it are dropped")
+          .then({number("limit", "Announcements", 1, 10'000'000).runs(Command::announcement_limit)})
+          .undone(Command::announcement_limit),
+  };
+}
+
+std::vector<Word> core_words() {
+  return {
+      keyword("carrier", "How core packets travel between PEs")
+          .undone(Command::carrier)
+          .then({keyword("gre-udp", "GRE in UDP")
+                     .undone(Command::carrier)
+                     .then({keyword("listen", "Where this PE receives")
+                                .then({argument(ValueType::endpoint, "ADDRESS:PORT", "endpoint", "Address and UDP port")
+                                           .runs(Command::carrier)})})}),
+      keyword("peer", "Another PE")
+          .then({argument(ValueType::endpoint, "ADDRESS:PORT", "endpoint", "Where it receives")
+                     .identifies()
+                     .runs(Command::peer)}),
+  };
+}
+
+std::vector<Word> interface_words() {
+  return {
+      keyword("vrf", "VRF that the interface belongs to; none: the core")
+          .then({vrf_name("name", "Name of the VRF").runs(Command::interface_vrf)})
+          .undone(Command::interface_vrf),
+      keyword("ip", "IPv4")
+          .then({keyword("address", "Address of the interface")
+                     .then({argument(ValueType::unicast, "A.B.C.D", "address", "Address").runs(Command::ip_address)})
+                     .undone(Command::ip_address)}),
+      keyword("shutdown", "Takes the interface down").runs(Command::shutdown),
+  };
+}
+
+// The VRF's multicast distribution trees. Arguments bear the names that the registered handlers read.
+Word mdt_words() {
+  const auto mdt = Command::mdt;
+  Word data_prefix = argument(ValueType::prefix, "PREFIX", "<prefix>", "Groups for data MDTs, A.B.C.D/LENGTH")
+                         .identifies()
+                         .runs(mdt, "mdt_data_cmd")
+                         .with({flag("threshold", "Rate from which on a flow gets its own group")
+                                    .then({number("<value>", "kbit/s", 0, kMax32)}),
+                                flag("immediate-switch", "Flows move as soon as they are known"),
+                                flag("route-map", "Only flows that a route-map selects")
+                                    .then({argument(ValueType::policy, "NAME", "<policy-name>", "Route-map")})});
+  return keyword("mdt", "Multicast distribution trees of the VRF")
+      .then({
+          keyword("default", "Default MDT, which switches MVPN on in the VRF")
+              .then(
+                  {argument(ValueType::group, "GROUP", "<mdt-default>", "Provider group").runs(mdt, "mdt_default_cmd")})
+              .undone(mdt, "mdt_default_cmd"),
+          keyword("source", "Interface that tunnels start from; none: BGP's update source")
+              .then({interface_name("<interface>", "Interface of the core").runs(mdt, "mdt_source_cmd")})
+              .undone(mdt, "mdt_source_cmd"),
+          keyword("data", "Data MDTs")
+              .then(
+                  {data_prefix,
+                   keyword("bidir", "Flows of bidirectional groups")
+                       .then({keyword("enable", "They may move to data MDTs").runs(mdt, "mdt_data_bidir_enable_cmd")}),
+                   keyword("inhibit-reuse", "Reserved: kept and shown, no effect on the choice of groups")
+                       .runs(mdt, "mdt_data_inhibit_reuse_cmd")}),
+          keyword("mtu", "MTU of the VRF's tunnel")
+              .then({number("<mtu-value>", "Bytes; 1376 unless set", 576, 65535).runs(mdt, "mdt_mtu_cmd")})
+              .undone(mdt, "mdt_mtu_cmd"),
+          keyword("pim", "PIM on the VRF's tunnel")
+              .then({keyword("hello-interval", "Interval of hellos")
+                         .then({number("<interval>", "Milliseconds; 30000 unless set", 1, 18724286)
+                                    .runs(mdt, "mdt_pim_hello_interval_cmd")})
+                         .undone(mdt, "mdt_pim_hello_interval_cmd"),
+                     keyword("jp-interval", "Interval of joins and prunes")
+                         .then({number("<interval>", "Seconds, a multiple of 60; 60 unless set", 1, 65520)
+                                    .runs(mdt, "mdt_pim_jp_interval_cmd")})
+                         .undone(mdt, "mdt_pim_jp_interval_cmd")}),
+          keyword("enforce-bgp-mdt-safi", "Remote PEs are learnt from BGP only; on unless it is switched off")
+              .runs(mdt, "mdt_enforce_bgp_mdt_safi_cmd")
+              .by_default(),
+          keyword("asm-use-shared-tree", "ASM groups use their shared tree only")
+              .runs(mdt, "mdt_asm_use_shared_tree_cmd"),
+      });
+}
+
+Word mroute_words() {
+  Word group = argument(ValueType::group, "GROUP", "group", "Customer group")
+                   .identifies()
+                   .runs(Command::mroute)
+                   .with({keyword("iif", "Where the flow comes in")
+                              .then({interface_name("iif", "Interface of the VRF, or mvpn for its tunnel")}),
+                          keyword("rpf", "Neighbour towards the source")
+                              .then({argument(ValueType::unicast, "A.B.C.D", "rpf", "Address of the neighbour")}),
+                          keyword("oif", "Where the flow goes out; may be repeated")
+                              .then({interface_name("oif", "Interface of the VRF, or mvpn for its tunnel")})
+                              .again(),
+                          flag("bidir", "Route of a bidirectional group"),
+                          keyword("rate", "Traffic of the flow").then({number("rate", "kbit/s", 0, kMaxRate)})});
+  return keyword("mroute", "Customer routes")
+      .then({argument(ValueType::source, "SOURCE", "source", "Customer source, or * for any")
+                 .identifies()
+                 .then({group})});
+}
+
+std::vector<Word> vrf_words() {
+  return {
+      keyword("context-id", "Number of the VRF; chosen when it is not given")
+          .then({number("id", "Number", 2, kMax32).runs(Command::context_id)}),
+      keyword("table-id", "Table that the tunnel's index is made from; chosen when it is not given")
+          .then({number("id", "Number", 1, kMaxTableId).runs(Command::table_id)}),
+      keyword("rd", "Route distinguisher")
+          .then({argument(ValueType::rd, "RD", "rd", "AS:NUMBER or A.B.C.D:NUMBER").runs(Command::rd)})
+          .undone(Command::rd),
+      mdt_words(),
+      mroute_words(),
+  };
+}
+
+std::vector<Word> bgp_words() {
+  return {
+      keyword("update-source", "Interface whose address BGP speaks from")
+          .then({interface_name("interface", "Interface of the core").runs(Command::update_source)})
+          .undone(Command::update_source),
+      keyword("reflector", "Route reflector of MDT SAFI entries")
+          .then(
+              {argument(ValueType::endpoint, "ADDRESS:PORT", "endpoint", "Where it listens").runs(Command::reflector)})
+          .undone(Command::reflector),
+  };
+}
+
+Build module_view(std::string text, std::string help, std::string handler) {
+  return keyword(std::move(text), std::move(help)).runs(Command::show_module, std::move(handler));
+}
+
+Word show_mvpn_words() {
+  Word mdt = module_view("mdt", "MVPN status of VRFs", "mvpn_show_mdt_cmd")
+                 .with({vrf_option()})
+                 .then({
+                     module_view("route", "Core routes of every VRF", "mvpn_show_mdt_route_cmd"),
+                     module_view("bgp", "MDT SAFI database", "mvpn_show_mdt_bgp_cmd")
+                         .recorded("pim")
+                         .then({argument(ValueType::address, "A.B.C.D", "<src-addr>", "Entries of one PE")
+                                    .runs(Command::show_module, "mvpn_show_mdt_bgp_cmd")}),
+                     module_view("encap", "Encapsulation table", "mvpn_show_mdt_encap_cmd").with({vrf_option()}),
+                     module_view("receive", "Data MDTs that other PEs announce", "mvpn_show_mdt_receive_cmd")
+                         .with({detail_option(), vrf_option()}),
+                     module_view("send", "Data MDTs of this PE's flows", "mvpn_show_mdt_send_cmd")
+                         .with({detail_option(),
+                                flag("history", "Only flows that were switched lately")
+                                    .then({number("<min>", "Minutes", 1, 10080)}),
+                                vrf_option()}),
+                 });
+  Word mrib = keyword("mrib", "Updates to the MRIB")
+                  .runs(Command::show_module, "mvpn_show_internal_mrib_txlist_cmd")
+                  .with({flag("mrib-buffers", "Update buffers"), flag("mrib-txlist", "Routes that wait")});
+  return keyword("mvpn", "Multicast VPN")
+      .then({
+          mdt,
+          keyword("bgp", "MDT SAFI")
+              .then({module_view("auto-discovery", "MDT SAFI database", "mvpn_show_bgp_auto_discovery_cmd")}),
+          keyword("internal", "State of the module")
+              .then({mrib,
+                     module_view("ha", "Encapsulation choices in the persistent store", "mvpn_show_internal_ha_cmd")
+                         .with({vrf_option()}),
+                     module_view("state", "Status and counts", "mvpn_show_internal_state_cmd")}),
+      });
+}
+
+Word show_words() {
+  const auto view = [](std::string text, std::string help, Command command) {
+    return keyword(std::move(text), std::move(help)).runs(command);
+  };
+  return keyword("show", "Shows state")
+      .then({
+          show_mvpn_words(),
+          view("interfaces", "Interfaces", Command::show_interfaces),
+          view("tunnels", "Tunnels, as the tunnel manager holds them", Command::show_tunnels),
+          keyword("bgp", "BGP").then({view("mdt", "MDT SAFI entries, as BGP holds them", Command::show_bgp_mdt)}),
+          keyword("mrib", "Multicast routing information base")
+              .then({view("routes", "Core routes", Command::show_mrib_routes).with({detail_option()}),
+                     view("encaps", "Encapsulations of the VRFs", Command::show_mrib_encaps)}),
+          keyword("core", "The core").then({view("groups", "Provider groups in use", Command::show_core_groups)}),
+          view("customer-routes", "Customer routes", Command::show_customer_routes).with({vrf_option()}),
+          view("events", "Event history and error reports of the module", Command::show_events)
+              .with({keyword("last", "Only the latest").then({number("last", "How many", 1, 10000)})}),
+          view("counters", "Counters", Command::show_counters),
+          view("running-config", "The configuration, as a file that loads to it", Command::show_running_config),
+          view("clock", "The platform's clock", Command::show_clock),
+      });
+}
+
+Word test_words() {
+  const auto flow = [](std::vector<Word> behind_group) {
+    return keyword("vrf", "VRF of the route")
+        .then({vrf_name("vrf", "Name of the VRF")
+                   .then({argument(ValueType::source, "SOURCE", "source", "Customer source, or * for any")
+                              .then({argument(ValueType::group, "GROUP", "group", "Customer group")
+                                         .then(std::move(behind_group))})})});
+  };
+  const auto receiver = [](std::string text, std::string help) {
+    return flag(std::move(text), std::move(help))
+        .then({interface_name("oif", "Interface of the VRF, or mvpn for its tunnel").runs(Command::test_receiver)});
+  };
+  return keyword("test", "Makes something happen that the configuration does not keep")
+      .then({
+          keyword("interface", "Link state")
+              .then({interface_name("interface", "Name of the interface")
+                         .then({flag("up", "The link comes up").runs(Command::test_interface),
+                                flag("down", "The link fails").runs(Command::test_interface)})}),
+          keyword("flow", "Traffic of a customer route")
+              .then({flow({keyword("rate", "Its rate from now on")
+                               .then({number("rate", "kbit/s", 0, kMaxRate).runs(Command::test_flow)})})}),
+          keyword("receiver", "Receivers of a customer route")
+              .then({flow(
+                  {receiver("join", "Receivers appear behind an interface"), receiver("leave", "They are gone")})}),
+          keyword("remote-pe", "MDT SAFI entry of a PE that exists only here")
+              .then(
+                  {argument(ValueType::unicast, "A.B.C.D", "source", "Address of the PE")
+                       .then({argument(ValueType::rd, "RD", "rd", "Its route distinguisher")
+                                  .then({argument(ValueType::group, "GROUP", "group", "Default MDT group")
+                                             .then({flag("advertise", "The PE joins").runs(Command::test_remote_pe),
+                                                    flag("withdraw", "It leaves").runs(Command::test_remote_pe)})})})}),
+          keyword("statistics", "Runs a statistics pass now").runs(Command::test_statistics),
+      });
+}
+
+std::vector<Word> exec_words() {
+  return {
+      show_words(),
+      keyword("configure", "Changes the configuration").runs(Command::configure).opens(Mode::global),
+      keyword("clear", "Starts records anew")
+          .then({keyword("counters", "Counters").runs(Command::clear_counters),
+                 keyword("events", "Event history and error reports").runs(Command::clear_events)}),
+      keyword("debug", "Debug messages, on the daemon's log")
+          .then({keyword("mvpn", "Multicast VPN").runs(Command::debug_mvpn).with({vrf_option(), detail_option()})}),
+      keyword("no", "Ends something").then({keyword("debug", "Debug messages").runs(Command::debug_off)}),
+      test_words(),
+  };
+}
+
+}  // namespace
+
+const std::vector<Word> &root_of(Mode mode) {
+  static const std::vector<Word> roots[] = {exec_words(),      global_words(), pim_words(), core_words(),
+                                            interface_words(), vrf_words(),    bgp_words()};
+  return roots[static_cast<size_t>(mode)];
+}
+
+}  // namespace host

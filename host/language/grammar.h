@@ -1,0 +1,164 @@
+// The command language's machinery: a tree of words for each mode, and a matcher that walks it.
+//
+// The same tree serves the configuration file, the commands of the control socket, completion, the help behind '?', and
+// the command reference. commands.cc holds the trees.
+#ifndef HOST_GRAMMAR_H
+#define HOST_GRAMMAR_H
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/language/values.h"
+
+namespace host {
+
+// Where a line stands. The configuration modes after `global` are blocks.
+enum class Mode { exec, global, pim, core, interface, vrf, bgp };
+
+// What a complete line does.
+enum class Command {
+  none,
+  // configuration
+  hostname,
+  clock_scale,
+  feature_mvpn,
+  route_map,
+  interface_block,
+  ip_address,
+  interface_vrf,
+  shutdown,
+  vrf_block,
+  context_id,
+  table_id,
+  rd,
+  mdt,
+  mroute,
+  bgp_block,
+  update_source,
+  reflector,
+  pim_block,
+  ssm_range,
+  bidir_range,
+  pim_mtu,
+  announcement_limit,
+  core_block,
+  carrier,
+  peer,
+  // operation
+  configure,
+  show_module,
+  show_interfaces,
+  show_tunnels,
+  show_bgp_mdt,
+  show_mrib_routes,
+  show_mrib_encaps,
+  show_core_groups,
+  show_customer_routes,
+  show_events,
+  show_counters,
+  show_running_config,
+  show_clock,
+  clear_counters,
+  clear_events,
+  debug_mvpn,
+  debug_off,
+  test_interface,
+  test_flow,
+  test_receiver,
+  test_remote_pe,
+  test_statistics,
+};
+
+// What an argument names, of what the daemon has.
+enum class NameKind { none, vrf, interface };
+
+// When a line may end behind a word.
+enum class Ends { never, always, no_form };
+
+struct Word {
+  enum class Kind { keyword, argument };
+  Kind kind = Kind::keyword;
+  std::string text;  // keyword; argument: what stands for it in syntax and help, such as A.B.C.D
+  std::string help;  // one line
+  // Arguments.
+  ValueType type = ValueType::name;
+  NumberRange range;
+  std::string name;  // that the value is recorded under, such as "<prefix>"; keywords: empty = not recorded
+  NameKind names = NameKind::none;
+  bool key = false;  // part of the line's identity: lines that differ in it stand beside each other
+  // What follows.
+  std::vector<Word> next;
+  std::vector<Word> options = {};  // any order, each once unless it repeats; each is a keyword, or one with an argument
+  bool repeats = false;
+  // What a line that ends here does.
+  Ends ends = Ends::never;
+  Command command = Command::none;
+  std::string handler = {};         // registered handler that it goes to; empty: the host's own
+  std::optional<Mode> enters = {};  // the rest of the line, or the lines of the block, are in this mode
+  bool on_by_default = false;       // configuration keeps the "no" form
+};
+
+struct Argument {
+  std::string name;
+  std::string value;  // empty for keywords
+  auto operator<=>(const Argument &) const = default;
+};
+
+// A line of one mode.
+struct Statement {
+  Mode mode = Mode::exec;
+  Command command = Command::none;
+  std::string handler;
+  bool no = false;
+  bool on_by_default = false;
+  std::optional<Mode> enters;
+  std::vector<Argument> arguments;
+  std::string text;  // with every keyword in full, without "no"
+  std::string key;   // identity among the lines of its block
+};
+
+const std::string *find_argument(const Statement &statement, std::string_view name);
+
+struct SyntaxError {
+  size_t word = 0;     // position among the words of the line; their number when the line is incomplete
+  std::string reason;  // names the word
+};
+
+struct Match {
+  // The blocks that the line entered, then the command. When the line ends with a block's header that is the last.
+  std::vector<Statement> statements;
+  std::optional<SyntaxError> error;
+};
+
+std::vector<std::string> split_words(std::string_view line);
+// The words with a blank between them.
+std::string join_words(const std::vector<std::string> &words);
+
+// Reads a line in a mode. abbreviations: keywords may be cut as long as they stay unambiguous.
+Match match_line(Mode mode, const std::vector<std::string> &words, bool abbreviations);
+
+// What may stand behind the words of an incomplete line: text (keywords; the form of arguments) and help.
+struct Candidate {
+  std::string text;
+  std::string help;
+  bool is_keyword = true;
+  NameKind names = NameKind::none;  // of arguments
+};
+constexpr std::string_view kEndOfLine = "<cr>";  // candidate: the line may end here
+std::vector<Candidate> candidates(Mode mode, const std::vector<std::string> &words);
+
+// Syntax of every command of a mode in the notation of the documentation, with its help.
+struct SyntaxLine {
+  std::string syntax;
+  std::string help;
+};
+std::vector<SyntaxLine> syntax_of(Mode mode);
+
+// The words that a line of a mode begins with.
+const std::vector<Word> &root_of(Mode mode);
+
+}  // namespace host
+
+#endif  // HOST_GRAMMAR_H
