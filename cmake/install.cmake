@@ -5,7 +5,7 @@ include(GNUInstallDirs)
 # pimhostd finds the module in the library folder of its own prefix, wherever that is.
 set_target_properties(pimhostd PROPERTIES INSTALL_RPATH "\$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 
-install(TARGETS pimhostd pimctl mdt-reflector mvpn-lab RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS pimhostd pimctl mdt-reflector mvpn-lab mvpn-traffic RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS mvpn LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
 file(GLOB contract_headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/platform/*.h)
