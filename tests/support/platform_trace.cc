@@ -32,6 +32,7 @@ struct State {
   std::map<std::string, std::function<void()>, std::less<>> hooks;
   unsigned failable = 0;
   unsigned fail_at = 0;  // 0: none
+  unsigned fail_next = 0;
   std::string failed;
   std::function<bool(unsigned)> yield_hook;
   unsigned yields = 0;
@@ -43,7 +44,9 @@ State state;
 
 bool take_fault(std::string_view name, bool failable) {
   if (failable && ++state.failable == state.fail_at) {
-    state.failed = name;
+    state.failed += (state.failed.empty() ? "" : " ") + std::string(name);
+    state.fail_at = state.fail_next != 0 ? state.fail_at + state.fail_next : 0;
+    state.fail_next = 0;
     return true;
   }
   const auto fault = state.faults.find(name);
@@ -139,10 +142,11 @@ void fail(std::string_view name, unsigned nth, unsigned times) {
   state.faults[std::string(name)] = {nth - 1, times};
 }
 
-void fail_any(unsigned k) {
+void fail_any(unsigned k, unsigned then) {
   const std::lock_guard guard(mutex);
   state.failable = 0;
   state.fail_at = k;
+  state.fail_next = then;
   state.failed.clear();
 }
 
@@ -396,7 +400,8 @@ NOTED(int, quillon_close, (int socket), (socket), ())
 // Route policies.
 CAN_FAIL(int, rpm_policy_bind, (uint32_t client, const char *name, rpm_binding *binding), (client, name, binding), 0,
          (client, name))
-CAN_FAIL(int, rpm_policy_unbind, (uint32_t handle), (handle), 0, ())
+// An unbind that fails has dropped the binding all the same: the manager keeps no pointer to it.
+CAN_FAIL(int, rpm_policy_unbind, (uint32_t handle), (handle), (::rpm_policy_unbind(handle), 0), ())
 
 // Command line.
 CAN_FAIL(int, cli_register_cmd, (const char *name, cli_handler handler, uint32_t r), (name, handler, r), 1, (name, r))

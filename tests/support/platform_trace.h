@@ -29,11 +29,11 @@ size_t count(std::string_view name);
 // The n-th call (1 = the next) of a function fails, `times` of them in a row. A failing call does not reach the
 // platform.
 void fail(std::string_view name, unsigned nth = 1, unsigned times = 1);
-// The k-th call (1 = the next) of any function that can fail does so, once.
-void fail_any(unsigned k);
+// The k-th call (1 = the next) of any function that can fail does so, once; then: and the then-th one after it. 0: none.
+void fail_any(unsigned k, unsigned then = 0);
 // How many calls that can fail were made since reset() or fail_any().
 unsigned failable_calls();
-// Name of the function that fail_any made fail; empty: none yet.
+// Name of the function that fail_any made fail, of both with a blank between; empty: none yet.
 std::string failed_function();
 
 // Called at every yield of the module, with a running number from 1; the result counts as "other work ran".
