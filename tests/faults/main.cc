@@ -28,9 +28,9 @@
 #include <random>
 #include <sstream>
 
-#include "mvpn_core.h"
-#include "platform_trace.h"
-#include "story.h"
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "tests/faults/story.h"
+#include "tests/support/platform_trace.h"
 
 std::vector<std::string> invariant_violations();
 

@@ -1,11 +1,11 @@
 // Each step settles before it returns, and may be run twice in a row. VRFs: red is ASM and has data MDTs, blue is SSM,
 // green is bidirectional, white comes and goes.
-#include "story.h"
+#include "tests/faults/story.h"
 
 #include <chrono>
 
-#include "module_test.h"
 #include "platform/l3vm.h"
+#include "tests/support/module_test.h"
 
 namespace faults {
 namespace {

@@ -5,7 +5,7 @@
 #include <functional>
 #include <vector>
 
-#include "world.h"
+#include "tests/faults/world.h"
 
 namespace faults {
 

@@ -1,4 +1,4 @@
-#include "world.h"
+#include "tests/faults/world.h"
 
 #include <algorithm>
 #include <chrono>
@@ -7,12 +7,12 @@
 #include <set>
 #include <type_traits>
 
-#include "linked_module.h"
-#include "module_test.h"
-#include "mvpn_datamdt.h"
-#include "mvpn_ha.h"
-#include "mvpn_mdt_safi.h"
-#include "mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "tests/support/linked_module.h"
+#include "tests/support/module_test.h"
 
 namespace faults {
 namespace {
