@@ -2,8 +2,12 @@
 # man pages when scdoc was there to make them.
 include(GNUInstallDirs)
 
-# pimhostd finds the module in the library folder of its own prefix, wherever that is.
-set_target_properties(pimhostd PROPERTIES INSTALL_RPATH "\$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+# pimhostd finds the module in the library folder of its own prefix, wherever that is. In the build tree the path is the
+# same: the room that the build would keep for it otherwise is filled with empty entries, and an empty entry means the
+# current folder, where anybody may have put a library.
+set_target_properties(pimhostd PROPERTIES
+  INSTALL_RPATH "\$ORIGIN/../${CMAKE_INSTALL_LIBDIR}"
+  BUILD_WITH_INSTALL_RPATH ON)
 
 install(TARGETS pimhostd pimctl mdt-reflector mvpn-lab mvpn-traffic RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS mvpn LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
