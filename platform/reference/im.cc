@@ -1,6 +1,8 @@
 // Interface manager: the table of interfaces, their ordinals and if-indexes, and the events that it reports.
 //
-// Ordinals are given out in rotation, so that an event for an interface that is gone does not hit a new one. If-indexes
+// Ordinals are given out in rotation, so that an event for an interface that is gone does not hit a new one. An ordinary
+// interface that is entered again under its old name gets its old ordinal: whoever remembers it by ordinal, as a VRF
+// does its tunnel's source, means this one. Tunnels' names say nothing of that kind, and their ordinals rotate. If-indexes
 // carry their sort in the top byte: ordinary interfaces are numbered by ordinal, overlay interfaces by table id, which
 // makes the if-index of a VRF's tunnel computable before the tunnel exists and recognisable after it is gone.
 //
@@ -11,6 +13,7 @@
 #include <arpa/inet.h>
 
 #include <map>
+#include <set>
 
 #include "platform/ip.h"
 #include "platform/reference/services.h"
@@ -28,17 +31,38 @@ struct Table {
   std::map<im_iod_t, Interface> by_iod;
   std::map<std::string, im_iod_t, std::less<>> by_name;
   std::map<if_index_t, im_iod_t> by_if_index;
+  std::map<std::string, im_iod_t, std::less<>> former;  // ordinals of ordinary interfaces that are gone
+  std::set<im_iod_t> kept;                              // the same ordinals
   im_iod_t last_iod = 0;
   bool events = false;
 };
 Table table;
 
-im_iod_t next_free_iod() {
+// 0 when none is free.
+im_iod_t next_unused_iod() {
   for (im_iod_t tries = 0; tries < iod_max; tries++) {
     table.last_iod = table.last_iod % iod_max + 1;
-    if (!table.by_iod.contains(table.last_iod)) return table.last_iod;
+    if (!table.by_iod.contains(table.last_iod) && !table.kept.contains(table.last_iod)) return table.last_iod;
   }
   return 0;
+}
+
+// Names that come and go may have used up every number: then the interfaces that are gone are forgotten.
+im_iod_t next_free_iod() {
+  if (const im_iod_t iod = next_unused_iod(); iod != 0) return iod;
+  table.former.clear();
+  table.kept.clear();
+  return next_unused_iod();
+}
+
+// The ordinal that an interface of this name had; 0 for none.
+im_iod_t take_former_iod(const std::string &name) {
+  const auto found = table.former.find(name);
+  if (found == table.former.end()) return 0;
+  const im_iod_t iod = found->second;
+  table.former.erase(found);
+  table.kept.erase(iod);
+  return iod;
 }
 
 void post_event(im_iod_t iod, void (*Module::*entry)(im_iod_t)) {
@@ -63,15 +87,17 @@ im_iod_t im_add(Interface interface) {
   if (interface.name.empty() || interface.name.size() >= IF_NAME_SIZE || table.by_name.contains(interface.name) ||
       interface.iod > iod_max || table.by_if_index.contains(interface.if_index))
     return 0;
+  if (interface.iod == 0 && !interface.mvpn_tunnel) interface.iod = take_former_iod(interface.name);
   if (interface.iod == 0 || table.by_iod.contains(interface.iod)) interface.iod = next_free_iod();
   if (interface.iod == 0) return 0;
   if (interface.if_index == 0) interface.if_index = ordinary_sort << sort_shift | interface.iod;
   const im_iod_t iod = interface.iod;
   table.by_name[interface.name] = iod;
   table.by_if_index[interface.if_index] = iod;
-  const bool up = interface.up;
+  const bool up = interface.up, addressed = interface.address != 0;
   table.by_iod[iod] = std::move(interface);
   post_event(iod, &Module::interface_create);
+  if (addressed) post_event(iod, &Module::process_address_change);
   if (up) post_state(iod, true);
   return iod;
 }
@@ -79,6 +105,10 @@ im_iod_t im_add(Interface interface) {
 void im_remove(im_iod_t iod) {
   const auto found = table.by_iod.find(iod);
   if (found == table.by_iod.end()) return;
+  if (!found->second.mvpn_tunnel) {
+    table.former[found->second.name] = iod;
+    table.kept.insert(iod);
+  }
   table.by_name.erase(found->second.name);
   table.by_if_index.erase(found->second.if_index);
   table.by_iod.erase(found);

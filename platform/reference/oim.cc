@@ -414,6 +414,7 @@ bool write_through(const std::string &path, const std::string &text) {
 // Written beside the file and renamed, so that a crash, also of the machine, leaves the old or the new one.
 void save() {
   state.save_posted = false;
+  if (state.file.empty()) return;  // it was switched off meanwhile
   json all = json::array();
   for (const auto &[if_index, tunnel] : state.tunnels) all.push_back(to_json(tunnel));
   const std::string fresh = state.file + ".new";

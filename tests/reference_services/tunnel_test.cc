@@ -193,6 +193,13 @@ TEST_F(TunnelFileTest, DatabaseOutlivesThePlatform) {
   EXPECT_FALSE(red.up) << "nobody serves it";
   EXPECT_EQ(red.destination, address("239.1.1.1"));
   EXPECT_EQ(l3vm_if_get_context_id(iod), 7u) << "the VRF came after its tunnel";
+  // A change that is not written when the file is switched off is written nowhere.
+  const std::filesystem::path stray = std::filesystem::current_path() / ".new";
+  std::filesystem::remove(stray);
+  ref::create_orphan_tunnel(8);
+  ASSERT_TRUE(ref::oim_use_file(""));
+  ref::settle();
+  EXPECT_FALSE(std::filesystem::exists(stray));
 }
 
 TEST_F(TunnelFileTest, BadFilesAreRefusedAndLeftAlone) {
@@ -245,6 +252,26 @@ TEST_F(TunnelTest, InterfaceEventsOnlyForChangesAndOnlyWhileEnabled) {
   EXPECT_EQ(told, (std::vector<std::string>{"eth0 address", "eth0 down"}));
   EXPECT_EQ(ref::find_interface("eth0"), nullptr);
   EXPECT_EQ(ref::create_interface("eth1", VRF_CONTEXT_ID_DEFAULT, 0, true), 0u) << "taken";
+}
+
+// What a VRF remembers of its tunnel's source is the ordinal.
+TEST_F(TunnelTest, AnInterfaceThatComesBackIsTheOneThatWas) {
+  const im_iod_t lan = ref::create_interface("lan", VRF_CONTEXT_ID_DEFAULT, address("10.1.0.1"), true);
+  ref::settle();
+  ref::delete_interface("lan");
+  ref::settle();
+  EXPECT_NE(ref::create_interface("other", VRF_CONTEXT_ID_DEFAULT, 0, false), lan);
+  ref::settle();
+  told.clear();
+  EXPECT_EQ(ref::create_interface("lan", VRF_CONTEXT_ID_DEFAULT, address("10.1.0.2"), true), lan);
+  ref::settle();
+  EXPECT_EQ(told, (std::vector<std::string>{"lan created", "lan address", "lan up"}));
+  // Names that come and go use no number up.
+  for (int i = 0; i < 0x10000; i++) {
+    const std::string name = "if" + std::to_string(i);
+    ASSERT_NE(ref::create_interface(name, VRF_CONTEXT_ID_DEFAULT, 0, false), 0u) << name;
+    ref::delete_interface(name);
+  }
 }
 
 TEST_F(TunnelTest, OverlayIfIndexesAreComputedFromTableIds) {
