@@ -2,7 +2,8 @@
 // module.
 //
 // A route is held by the client, who installs it with 92-byte entries, or by somebody else (a receiver in the core, the
-// host's customer routes), or by both; it goes when nobody holds it. Several of the client's VRFs may own one route: the
+// host's customer routes), or by both; it goes when nobody holds it. Several of the client's VRFs may own one route, each
+// with its own tunnel; what counts is what the latest of them installed, and when that one goes what another did. The
 // first entry of a deletion takes one owner away, the second one, which names no owner, drops the client's hold when no
 // owner is left. Each VRF's groups keep their routes in a tree by source, as clients walk them.
 //
@@ -90,9 +91,9 @@ struct Route {
   mrib_route shown{};    // what clients read
   bool foreign = false;  // held by somebody else than the client
   im_iod_t foreign_mti = 0;
-  bool installed = false;     // held by the client
-  MribRoute client;           // as it installed it
-  std::set<uint32_t> owners;  // VRFs of the client that want it
+  bool installed = false;                // held by the client
+  MribRoute client;                      // as it installed it
+  std::map<uint32_t, MribRoute> owners;  // VRFs of the client that want it, and what they installed
 };
 
 using EncapKey = std::pair<vrf_context_id_t, uint16_t>;
@@ -234,7 +235,7 @@ MribRoute decode_entry(const uint8_t *entry, uint32_t xid) {
 void install(const RouteKey &key, MribRoute decoded) {
   Route &route = route_at(key);
   route.installed = true;
-  route.owners.insert(decoded.owner);
+  route.owners[decoded.owner] = decoded;
   route.client = std::move(decoded);
   settle_route(key);
 }
@@ -242,10 +243,12 @@ void install(const RouteKey &key, MribRoute decoded) {
 void uninstall(const RouteKey &key, uint32_t owner) {
   Route *route = find_route(key);
   if (route == nullptr || !route->installed) return;
-  if (owner != 0)
+  if (owner != 0) {
     route->owners.erase(owner);
-  else if (route->owners.empty())
+    if (route->client.owner == owner && !route->owners.empty()) route->client = route->owners.begin()->second;
+  } else if (route->owners.empty()) {
     route->installed = false;
+  }
   settle_route(key);
 }
 

@@ -102,6 +102,23 @@ TEST_F(MribTest, RouteStaysWhileAnyOwnerWantsIt) {
   EXPECT_EQ(ref::mrib_routes().size(), 1u);
 }
 
+TEST_F(MribTest, RouteOfTwoOwnersIsTheRemainingOnes) {
+  const im_iod_t red = ref::create_interface("red", VRF_CONTEXT_ID_DEFAULT, 0, true);
+  const im_iod_t blue = ref::create_interface("blue", VRF_CONTEXT_ID_DEFAULT, 0, true);
+  const mvpn_mdt_route_addrs addrs = star_g("239.1.1.1");
+  const auto holder = [&] {
+    const std::vector<ref::MribRoute> routes = ref::mrib_routes();
+    const mrib_route *shown = mrib_get_route_by_addr(1, &addrs);
+    return routes.size() == 1 && shown != nullptr && shown->mti_iod == routes[0].mti_iod ? routes[0].owner : 0;
+  };
+  update({{true, 0, g_, 7, red}, {true, 0, g_, 8, blue}});
+  EXPECT_EQ(holder(), 8u);
+  update({{false, 0, g_, 8}, {false, 0, g_, 0}});
+  EXPECT_EQ(holder(), 7u);
+  update({{true, 0, g_, 8, blue}, {false, 0, g_, 7}, {false, 0, g_, 0}});
+  EXPECT_EQ(holder(), 8u);
+}
+
 TEST_F(MribTest, GroupsAreWalkedBySource) {
   update({{true, 0, g_, 7, 42}, {true, address("10.0.0.9"), g_, 7}});
   ref::mrib_add_route(VRF_CONTEXT_ID_DEFAULT, sg("2.0.0.1", "239.1.1.1"), 0);
