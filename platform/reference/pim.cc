@@ -42,6 +42,7 @@ struct Process {
   std::map<im_iod_t, std::unique_ptr<pim_iftype>> interfaces;
   std::vector<GroupRange> ssm{{0xE8000000, 8}};  // 232.0.0.0/8
   std::vector<GroupRange> bidir;
+  std::map<std::pair<ip_addr_t, im_iod_t>, ip_addr_t> df_winners;
   PimCounters counters;
   uint8_t timer_set = 0;
 };
@@ -181,6 +182,13 @@ void add_bidir_range(ip_addr_t prefix, uint32_t length) { add_range(process.bidi
 void remove_ssm_range(ip_addr_t prefix, uint32_t length) { remove_range(process.ssm, prefix, length); }
 void remove_bidir_range(ip_addr_t prefix, uint32_t length) { remove_range(process.bidir, prefix, length); }
 
+void set_df_winner(ip_addr_t rp, im_iod_t iif, ip_addr_t winner) {
+  if (winner != 0)
+    process.df_winners[{rp, iif}] = winner;
+  else
+    process.df_winners.erase({rp, iif});
+}
+
 void set_feature_configured(bool configured) { pim_mvpn_feature_configured = configured ? 1 : 0; }
 
 }  // namespace ref
@@ -312,8 +320,10 @@ void pim_delete_oif_from_all_routes(pim_cibtype *pcib, im_iod_t iod, uint32_t) {
 int pim_is_ssm_group(vrf_context_id_t, ip_addr_t group) { return ref::in_ranges(ref::process.ssm, group) ? 1 : 0; }
 int pim_is_bidir_group(vrf_context_id_t, ip_addr_t group) { return ref::in_ranges(ref::process.bidir, group) ? 1 : 0; }
 
-// Nobody holds designated-forwarder elections here.
-ip_addr_t pim_get_df_winner(ip_addr_t, im_iod_t) { return 0; }
+ip_addr_t pim_get_df_winner(ip_addr_t rp, im_iod_t iif) {
+  const auto found = ref::process.df_winners.find({rp, iif});
+  return found == ref::process.df_winners.end() ? 0 : found->second;
+}
 
 void pim_mrib_wakeup_txlist_worker_thread() { ref::process.counters.host_worker_wakeups++; }
 

@@ -197,6 +197,9 @@ void add_bidir_range(ip_addr_t prefix, uint32_t length);
 void remove_ssm_range(ip_addr_t prefix, uint32_t length);
 void remove_bidir_range(ip_addr_t prefix, uint32_t length);
 
+// The designated forwarder of a Bidir rendezvous point on an interface; 0: there is none. Nobody holds elections here.
+void set_df_winner(ip_addr_t rp, im_iod_t iif, ip_addr_t winner);
+
 // ---------------------------------------------------------------------------------------------------- tunnel manager
 
 struct Tunnel {

@@ -207,6 +207,19 @@ TEST_F(Receive, PrunesMayBeIgnoredDeletionsNot) {
   EXPECT_EQ(flags(), 0u) << "a VRF without MVPN has nothing to do with it";
 }
 
+// The neighbour that a Bidir route is forwarded to is the designated forwarder of its incoming interface.
+TEST_F(Receive, BidirRouteFollowsTheDesignatedForwarder) {
+  mvpn_cibtype *mvpn = start_red();
+  pim_route *croute = receiver("172.16.7.1", "225.0.0.1");
+  const ip_addr_t rp = addr("10.9.9.9"), before = croute->rpf_neighbor;
+  croute->bidirectional = 1;
+  ref::set_df_winner(rp, croute->iif, addr("10.9.9.1"));
+  for (const auto &[point, neighbour] : {std::pair{addr("10.9.9.8"), before}, std::pair{rp, addr("10.9.9.1")}}) {
+    mvpn_process_rpf_lookup(mvpn->pcib, &croute->addrs, croute, point, 0, 0);
+    EXPECT_EQ(croute->rpf_neighbor, neighbour);
+  }
+}
+
 // ---------------------------------------------------------------------------------------- records and their core route
 
 // The mode of a data group changes between two notifications, so the second one leads to another core route.
