@@ -134,6 +134,8 @@ TEST_F(CliTest, ArgumentsAreReadWholeOrNotAtAll) {
       EXPECT_EQ(integer == 99, !c.integer) << c.text;
       EXPECT_EQ(addr == 99u, !c.address) << c.text;
       EXPECT_EQ(prefix == 99u && length == 99u, !c.prefix) << c.text;
+      EXPECT_NE(cli_is_set(command, "<x>"), 0) << c.text;
+      EXPECT_EQ(cli_is_set(command, "<y>"), 0) << c.text;
       return 0;
     });
   }
