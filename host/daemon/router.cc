@@ -181,9 +181,12 @@ bool Router::start_module(std::vector<ConfigError> *refused) {
     stop_module();
     return false;
   }
-  if (!commands_registered_) module_.init_cli();
+  const bool again = commands_registered_;
+  if (!again) module_.init_cli();
   commands_registered_ = true;
   replay_all(refused);
+  // A module that was stopped knows the update source of then, and asks for none when it starts anew.
+  if (again) follow_update_source();
   return true;
 }
 

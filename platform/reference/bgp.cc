@@ -1,6 +1,8 @@
 // BGP library: route distinguishers, the update source, and the MDT SAFI entries of this PE and of the others.
 //
-// What the module advertises arrives as local-update messages (bgp_receive); what other PEs advertise is given to it in
+// What the module advertises arrives as local-update messages (bgp_receive). A VRF has one entry at most: a newer one
+// takes its place, and a withdrawal takes away what is there. An entry goes with the route distinguisher that it was
+// advertised under, and with its VRF: a module that has left the VRF by then does not tell. What other PEs advertise is given to the module in
 // remote updates of at most 100 entries. A request of the module for the whole set is answered with every remote entry,
 // closed by an end-of-RIB mark: an entry that withdraws nothing. Everything goes through the transport's queue.
 //
@@ -50,7 +52,8 @@ struct ConnectorAttribute {
 struct State {
   std::map<std::string, Rd, std::less<>> rds;  // by VRF name
   std::string update_source;
-  std::set<EntryKey> local, remote;
+  std::map<std::string, EntryKey, std::less<>> local;  // by VRF name
+  std::set<EntryKey> remote;
   std::function<void(const MdtSafi &, bool)> sink;
   std::vector<std::unique_ptr<ConnectorAttribute>> attributes;
 };
@@ -120,16 +123,29 @@ void answer_request() {
   bgp_end_of_rib();
 }
 
+void withdraw_local(std::string_view vrf_name) {
+  const auto found = state.local.find(vrf_name);
+  if (found == state.local.end()) return;
+  const MdtSafi withdrawn = entry_of(found->second);
+  state.local.erase(found);
+  if (state.sink) state.sink(withdrawn, false);
+}
+
+void advertise_local(const MdtSafi &entry) {
+  const auto found = state.local.find(entry.vrf_name);
+  if (found != state.local.end() && found->second != key_of(entry)) withdraw_local(entry.vrf_name);
+  state.local[entry.vrf_name] = key_of(entry);
+  if (state.sink) state.sink(entry, true);
+}
+
 void take_local_entry(const uint8_t *from) {
   if (from[BGP_MDT_SAFI_ENTRY_EOR] != 0) return answer_request();
   if (from[BGP_MDT_SAFI_ENTRY_END_OF_LOCAL] != 0) return;
   const MdtSafi entry = decode_entry(from);
-  const bool add = from[BGP_MDT_SAFI_ENTRY_ADD] != 0;
-  if (add)
-    state.local.insert(key_of(entry));
-  else if (state.local.erase(key_of(entry)) == 0)
-    return;
-  if (state.sink) state.sink(entry, add);
+  if (from[BGP_MDT_SAFI_ENTRY_ADD] != 0)
+    advertise_local(entry);
+  else
+    withdraw_local(entry.vrf_name);
 }
 
 // ---------------------------------------------------------------------------------------------- route distinguishers
@@ -198,7 +214,15 @@ void bgp_receive(const SentMessage &message) {
     take_local_entry(&message.payload[BGP_MDT_SAFI_COUNT_SIZE + i * BGP_MDT_SAFI_ENTRY_SIZE]);
 }
 
+void bgp_drop_vrf(std::string_view vrf_name) {
+  withdraw_local(vrf_name);
+  if (const auto found = state.rds.find(vrf_name); found != state.rds.end()) state.rds.erase(found);
+}
+
 void bgp_set_rd(std::string_view vrf_name, const uint8_t *rd, bool notify) {
+  const auto advertised = state.local.find(vrf_name);
+  if (advertised != state.local.end() && (rd == nullptr || advertised->second.rd != rd_of(rd)))
+    withdraw_local(vrf_name);
   if (rd != nullptr)
     state.rds[std::string(vrf_name)] = rd_of(rd);
   else if (const auto found = state.rds.find(vrf_name); found != state.rds.end())
@@ -240,7 +264,11 @@ std::optional<std::vector<uint8_t>> bgp_parse_rd(std::string_view text) {
   return rd;
 }
 
-std::vector<MdtSafi> bgp_local_entries() { return entries_of(state.local); }
+std::vector<MdtSafi> bgp_local_entries() {
+  std::vector<MdtSafi> all;
+  for (const auto &[vrf_name, key] : state.local) all.push_back(entry_of(key));
+  return all;
+}
 std::vector<MdtSafi> bgp_remote_entries() { return entries_of(state.remote); }
 
 void bgp_add_remote(const std::vector<MdtSafi> &entries) {
@@ -263,10 +291,7 @@ void bgp_end_of_rib() {
 void bgp_request_local() { deliver(MTS_OPC_MVPN_BGP_MDT_SAFI_LOCAL_REQUEST, nullptr, 0); }
 
 void bgp_forget_local() {
-  const std::vector<MdtSafi> withdrawn = bgp_local_entries();
-  state.local.clear();
-  if (!state.sink) return;
-  for (const MdtSafi &entry : withdrawn) state.sink(entry, false);
+  while (!state.local.empty()) withdraw_local(std::string(state.local.begin()->first));
 }
 
 void set_bgp_local_sink(std::function<void(const MdtSafi &, bool)> sink) { state.sink = std::move(sink); }

@@ -72,6 +72,7 @@ bool delete_vrf(std::string_view name) {
   croute_drop_all(pcib);
   delete_interfaces_of(context_id);
   mrib_drop_context(context_id);
+  bgp_drop_vrf(name);
   pim_drop_context(pcib);
   tables.erase(vrfs.at(context_id).table_id);
   vrfs.erase(context_id);

@@ -103,6 +103,7 @@ void mrib_hold_route(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &ad
 void mrib_release_route(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &addrs);
 // Drops a VRF's routes of both sorts and its encapsulations.
 void mrib_drop_context(vrf_context_id_t context_id);
+void bgp_drop_vrf(std::string_view vrf_name);
 
 // -------------------------------------------------------------------------------------------------------------- BGP
 

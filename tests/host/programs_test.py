@@ -308,6 +308,29 @@ class ProgramsTest(unittest.TestCase):
         self.assertEqual(daemon.show("running-config"), running)
         daemon.wait_for("tunnels", r"blue +10\.0\.0\.1 +239\.1\.1\.2 +1400 +up +up")
 
+    def test_sources_and_route_distinguishers_are_followed_when_they_come_and_go(self):
+        daemon = self.start_example()
+        text = self.config.read_text()
+        # The interface that tunnels start from goes and comes back.
+        for line in ["no interface loopback0", "interface loopback0 ip address 10.0.0.5"]:
+            self.assertEqual(daemon.run("configure " + line).returncode, 0)
+        for vrf in ("red", "blue"):
+            daemon.wait_for("tunnels", rf"{vrf} +10\.0\.0\.5 +\S+ +\d+ +up +up")
+        # A source that is named before it exists.
+        for line in ["vrf red mdt source loopback9", "interface loopback9 ip address 10.0.0.9"]:
+            self.assertEqual(daemon.run("configure " + line).returncode, 0)
+        daemon.wait_for("tunnels", r"red +10\.0\.0\.9 +\S+ +\d+ +up +up")
+        # Another update source while nobody listens.
+        for line in ["no feature mvpn", "bgp update-source loopback9", "feature mvpn"]:
+            self.assertEqual(daemon.run("configure " + line).returncode, 0)
+        daemon.wait_for("tunnels", r"blue +10\.0\.0\.9 +\S+ +\d+ +up +up")
+        # The module leaves a VRF in the turn in which its route distinguisher changes.
+        self.config.write_text(text.replace("rd 65000:1\n", "rd 65000:7\n").replace("  mdt default 239.1.1.1\n", ""))
+        daemon.process.send_signal(signal.SIGHUP)
+        daemon.wait_for_log("was read again")
+        daemon.wait_for("mvpn internal state", "MVPN VRF Count: 1")
+        daemon.wait_for_absence("bgp mdt", "red")
+
     def test_the_feature_goes_and_comes_back(self):
         daemon = self.start_example()
         self.assertEqual(daemon.run("configure vrf red mroute 192.168.1.7 232.1.1.7 iif red-lan rpf 192.168.1.1 oif mvpn").returncode, 0)

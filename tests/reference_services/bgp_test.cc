@@ -109,6 +109,32 @@ TEST_F(BgpTest, ModuleAdvertisesAndWithdraws) {
   EXPECT_EQ(changes, (Texts{"-" + safi.vrf_name + " 0:1"}));
 }
 
+TEST_F(BgpTest, AVrfHasOneEntryAndNoneWithoutItsRouteDistinguisher) {
+  Texts changes;
+  ref::set_bgp_local_sink([&changes](const ref::MdtSafi &safi, bool add) {
+    changes.push_back((add ? "+" : "-") + std::string(mvpn_bgp_print_rd(safi.rd)));
+  });
+  ref::create_vrf("red", 7, 7);
+  ref::MdtSafi first = entry(1), second = entry(1);
+  first.vrf_name = second.vrf_name = "red";
+  second.rd[7] = 2;
+  ref::bgp_set_rd("red", first.rd, false);
+  send_local(first, 1);
+  send_local(second, 1);
+  EXPECT_EQ(std::exchange(changes, {}), (Texts{"+0:1", "-0:1", "+0:2"}));
+  send_local(first, 0);
+  EXPECT_EQ(std::exchange(changes, {}), (Texts{"-0:2"}));
+  // A module that left the VRF before it heard of the change withdraws nothing.
+  send_local(first, 1);
+  ref::bgp_set_rd("red", first.rd, true);
+  ref::bgp_set_rd("red", second.rd, true);
+  EXPECT_EQ(std::exchange(changes, {}), (Texts{"+0:1", "-0:1"}));
+  send_local(second, 1);
+  ASSERT_TRUE(ref::delete_vrf("red"));
+  EXPECT_EQ(std::exchange(changes, {}), (Texts{"+0:2", "-0:2"}));
+  EXPECT_TRUE(ref::bgp_local_entries().empty());
+}
+
 TEST_F(BgpTest, CountBeyondThePayloadIsClipped) {
   std::vector<uint8_t> payload(BGP_MDT_SAFI_COUNT_SIZE + BGP_MDT_SAFI_ENTRY_SIZE);
   put_at(payload, 0, uint16_t{0xFFFF});
