@@ -195,18 +195,23 @@ std::optional<Notification> decode_update(View body, const UpdateContext &contex
 // Path attributes without MP_REACH_NLRI and MP_UNREACH_NLRI, in the order of their types.
 void encode_attributes(const Attributes &attributes, const UpdateContext &context, Octets &out);
 
-// One UPDATE under construction: attributes once, then as many NLRI as the largest message takes.
+// One UPDATE under construction: as many NLRI as the largest message takes, and the attributes of all of them.
 class UpdateBuilder {
  public:
-  // `attributes` as encode_attributes wrote them.
-  UpdateBuilder(Octets &out, size_t largest, View attributes, Ipv4 next_hop);  // announces
-  UpdateBuilder(Octets &out, size_t largest);                                  // withdraws
-  bool add(const Nlri &nlri);                                                  // false: full, nothing added
-  void finish();                                                               // writes the lengths; required
+  // Announces. `attributes` as encode_attributes wrote them; they are read when the message is finished.
+  UpdateBuilder(Octets &out, size_t largest, View attributes, Ipv4 next_hop);
+  UpdateBuilder(Octets &out, size_t largest);  // withdraws
+  size_t room() const { return room_; }        // NLRI that still go in; 0 at first: the attributes alone are too long
+  bool add(const Nlri &nlri);                  // false: full, nothing added
+  void finish();                               // writes the lengths; required
 
  private:
+  void put_multiprotocol(uint8_t type);
+  void limit_room(size_t largest);
+
   Octets &out_;
-  size_t largest_, start_, attributes_start_, value_start_;
+  View attributes_;
+  size_t start_, value_ = 0, room_ = 0;
 };
 
 void encode_end_of_rib(const Family &family, Octets &out);
