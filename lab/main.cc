@@ -15,7 +15,9 @@ int main(int argc, char **argv) {
   lab::Options options;
   options.binaries = std::filesystem::path(argv[0]).parent_path().string();
   options.project = ".";
+  options.prefix = "mlab";
   bool keep = false;
+  bool real = false;
   app.add_option("SCENARIO", file, "scenario file")->required()->check(CLI::ExistingFile);
   app.add_option("--bin", options.binaries, "folder of the programs")->capture_default_str();
   app.add_option("--project", options.project, "folder that configuration files are relative to")
@@ -23,6 +25,8 @@ int main(int argc, char **argv) {
   app.add_option("--work", options.work,
                  "folder for stores, sockets, captures and logs, which stays; default: a new one");
   app.add_option("--clock-scale", options.clock_scale, "platform seconds per second, in place of the scenario's");
+  app.add_flag("--real", real, "play a scenario that has a network: root makes namespaces for it, and removes them");
+  app.add_option("--prefix", options.prefix, "what the namespaces' names begin with")->capture_default_str();
   app.add_flag("--keep", keep, "keep the new folder even when everything held");
   try {
     app.parse(argc, argv);
@@ -30,13 +34,18 @@ int main(int argc, char **argv) {
     return app.exit(error) == 0 ? 0 : kUsage;
   }
   try {
+    lab::note_signals();
+    const lab::Scenario scenario = lab::read_scenario(file);
+    if (real != scenario.network.has_value())
+      throw std::runtime_error(file + (real ? " has no network: it is played without --real"
+                                            : " has a network: --real lets it make namespaces"));
     const bool own_folder = options.work.empty();
     if (own_folder) {
       char name[] = "/tmp/mvpn-lab-XXXXXX";
       if (mkdtemp(name) == nullptr) throw std::runtime_error("no folder for stores and logs can be made");
       options.work = name;
     }
-    const lab::Scenario scenario = lab::read_scenario(file);
+    std::filesystem::permissions(options.work, std::filesystem::perms(0755));  // routing daemons are not root
     lab::Report report;
     const bool held = lab::Runner(scenario, options, &report).play();
     if (held && own_folder && !keep)

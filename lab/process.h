@@ -11,22 +11,38 @@
 
 namespace lab {
 
-// A program that runs until it is stopped. Its output goes to a file. Destroying it kills it.
+struct Launch {
+  std::vector<std::string> command;
+  std::string log_file;                // gets the output, at its end; a piped program's standard error only
+  std::string network_namespace = {};  // path of its file; empty: the lab's own
+  bool piped = false;                  // requests and answers go through write_line and read_line
+};
+
+// A program that runs until it is stopped. Destroying it kills it.
 class Process {
  public:
-  Process(const std::vector<std::string> &command, const std::string &log_file);
+  explicit Process(const Launch &launch);
   ~Process();
-  Process(Process &&other);
+  Process(Process &&other) noexcept;
   Process &operator=(Process &&) = delete;
 
   void signal(int number);
   // Exit status once it has ended (128 + signal number when a signal ended it); nothing when it still runs then.
   std::optional<int> wait(std::chrono::milliseconds limit);
   bool running();
+  pid_t pid() const { return pid_; }
+
+  // A piped program's standard input and output, a line each. Throw std::runtime_error when it has ended or takes longer
+  // than the limit.
+  void write_line(const std::string &line);
+  std::string read_line(std::chrono::milliseconds limit);
 
  private:
   pid_t pid_ = -1;
   std::optional<int> status_;
+  int input_ = -1;  // a piped program's
+  int output_ = -1;
+  std::string unread_;
 };
 
 struct Result {
@@ -34,8 +50,14 @@ struct Result {
   std::string output;  // standard output and error together
 };
 
-// Runs a program to its end, for at most limit.
-Result run(const std::vector<std::string> &command, std::chrono::milliseconds limit);
+// Runs a program to its end, for at most limit, in a network namespace when one is given.
+Result run(const std::vector<std::string> &command, std::chrono::milliseconds limit,
+           const std::string &network_namespace = {});
+
+// Sleeps. Every wait of the lab, run and read_line included, throws std::runtime_error once SIGINT or SIGTERM has come,
+// so that what the lab has built is taken down on the way out.
+void pause_for(std::chrono::duration<double> time);
+void note_signals();
 
 }  // namespace lab
 

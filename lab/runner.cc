@@ -1,11 +1,12 @@
 #include "lab/runner.h"
 
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 
 namespace lab {
@@ -61,6 +62,10 @@ std::string telling_line(const std::string &text, const std::string &pattern) {
   return first.empty() ? "(nothing)" : first;
 }
 
+Clock::time_point after(double seconds) {
+  return Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
+
 }  // namespace
 
 Runner::Runner(const Scenario &scenario, Options options, Report *report)
@@ -73,56 +78,114 @@ Runner::Runner(const Scenario &scenario, Options options, Report *report)
 
 bool Runner::play() {
   report_->line(scenario_.name);
+  if (scenario_.network) {
+    real_.emplace(*scenario_.network,
+                  RealLab::Settings{options_.binaries, options_.project, options_.work, options_.prefix});
+    report_->line("the network stands, in namespaces whose names begin with " + options_.prefix + "-");
+  }
   start_reflector();
   for (const Step &step : scenario_.steps) play(step);
-  for (auto &[pe, daemon] : daemons_) stop(pe);
+  for (auto &[pe, daemon] : daemons_) stop_control(pe);
   return report_->finish();
 }
 
 void Runner::play(const Step &step) {
+  using Kind = Step::Kind;
   switch (step.kind) {
-    case Step::Kind::say:
+    case Kind::say:
       return report_->heading(step.text);
-    case Step::Kind::start:
-      return start(step.text, step.stateful);
-    case Step::Kind::stop:
-      return stop(step.text);
-    case Step::Kind::kill:
-      return kill(step.text);
-    case Step::Kind::command:
+    case Kind::start:
+      return start(step);
+    case Kind::stop:
+      return stop(step);
+    case Kind::kill:
+      return kill(step);
+    case Kind::command:
       return command(step);
-    case Step::Kind::expect:
+    case Kind::expect:
       return expect(step);
-    case Step::Kind::wait:
+    case Kind::wait:
       return wait(step.seconds);
+    default:
+      return play_on_network(step);
   }
 }
 
-void Runner::start_reflector() {
-  if (scenario_.reflector.empty()) return;
-  reflector_.emplace(std::vector<std::string>{options_.binaries + "/mdt-reflector", "--listen", scenario_.reflector},
-                     options_.work + "/reflector.log");
-  report_->line("mdt-reflector started on " + scenario_.reflector);
+void Runner::play_on_network(const Step &step) {
+  using Kind = Step::Kind;
+  TrafficControl &traffic = real_->traffic();
+  switch (step.kind) {
+    case Kind::mark:
+      report_->heading(step.text);
+      return traffic.mark();
+    case Kind::rate:
+      report_->line(step.flow + ": " + std::to_string(static_cast<int>(step.rate)) + " packets a second");
+      return traffic.set_rate(scenario_.network->flow(step.flow), step.rate);
+    case Kind::join:
+      report_->line(step.flow + ": a receiver joins behind " + step.pe);
+      return traffic.join(scenario_.network->flow(step.flow), step.pe);
+    case Kind::leave:
+      report_->line(step.flow + ": the receiver behind " + step.pe + " leaves");
+      return traffic.leave(scenario_.network->flow(step.flow), step.pe);
+    case Kind::arrive:
+      return arrive(step);
+    case Kind::judge:
+      return judge(step);
+    case Kind::carried:
+      return carried(step);
+    case Kind::set_link:
+      report_->line(step.pe + ": the core link goes " + (step.present ? "up" : "down"));
+      return real_->stage().set_link(step.pe, step.present);
+    case Kind::impair:
+      return impair(step);
+    default:
+      return set_vrf(step);
+  }
 }
 
-void Runner::start(const std::string &pe, bool stateful) {
-  std::vector<std::string> command{options_.binaries + "/pimhostd",
-                                   "--config",
-                                   options_.project + "/" + scenario_.configs.at(pe),
-                                   "--control",
-                                   socket_of(pe),
-                                   "--store",
-                                   options_.work + "/" + pe + ".store",
-                                   "--capture",
-                                   options_.work + "/" + pe + ".pcap",
-                                   "--clock-scale",
-                                   std::to_string(scale_)};
-  if (stateful) command.insert(command.end(), {"--restart", "stateful"});
+// ----------------------------------------------------------------------------------------------------------- processes
+
+void Runner::start_reflector() {
+  const std::string address = scenario_.network ? std::string(kReflectorAddress) + ":1790" : scenario_.reflector;
+  if (address.empty() || (scenario_.network && scenario_.network->wired)) return;
+  Launch launch{.command = {options_.binaries + "/mdt-reflector", "--listen", address},
+                .log_file = options_.work + "/reflector.log"};
+  if (real_) launch.network_namespace = real_->namespace_path(scenario_.network->core_namespaces().front());
+  reflector_.emplace(launch);
+  report_->line("mdt-reflector started on " + address);
+}
+
+// The file that a PE is started with; one that the scenario or the network makes is written first.
+std::string Runner::configuration_of(const std::string &pe) {
+  if (real_) return real_->write_configuration(pe, std::string(kReflectorAddress) + ":1790");
+  const PeConfig &config = scenario_.configs.at(pe);
+  if (!config.file.empty()) return options_.project + "/" + config.file;
+  const std::string file = options_.work + "/" + pe + ".conf";
+  std::ofstream out(file);
+  for (const std::string &line : config.lines) out << line << '\n';
+  return file;
+}
+
+void Runner::start(const Step &step) {
+  if (real_) real_->start_forwarder(step.pe);
+  if (step.forwarder) return report_->line(step.pe + ": mvpn-forwarder started");
+  start_control(step.pe, step.stateful);
+}
+
+void Runner::start_control(const std::string &pe, bool stateful) {
+  const std::string file = configuration_of(pe);
+  Launch launch{.command = {options_.binaries + "/pimhostd", "--config", file, "--control", socket_of(pe), "--store",
+                            options_.work + "/" + pe + ".store", "--clock-scale", std::to_string(scale_)},
+                .log_file = options_.work + "/" + pe + ".log"};
+  if (real_)
+    launch.network_namespace = real_->namespace_path(pe);
+  else
+    launch.command.insert(launch.command.end(), {"--capture", options_.work + "/" + pe + ".pcap"});
+  if (stateful) launch.command.insert(launch.command.end(), {"--restart", "stateful"});
   std::filesystem::create_directories(options_.work + "/" + pe + ".store");
   daemons_.erase(pe);
-  daemons_.emplace(pe, Process(command, options_.work + "/" + pe + ".log"));
-  report_->line(pe + (stateful ? ": pimhostd restarted statefully on " : ": pimhostd started on ") +
-                scenario_.configs.at(pe));
+  daemons_.emplace(pe, Process(launch));
+  report_->line(pe + (stateful ? ": pimhostd restarted statefully on " : ": pimhostd started on ") + file);
   wait_for_daemon(pe);
 }
 
@@ -131,11 +194,18 @@ void Runner::wait_for_daemon(const std::string &pe) {
   while (pimctl(pe, "show clock").status != 0) {
     if (!daemons_.at(pe).running() || Clock::now() > limit)
       throw std::runtime_error(pe + " does not answer; see " + options_.work + "/" + pe + ".log");
-    std::this_thread::sleep_for(20ms);
+    pause_for(20ms);
   }
 }
 
-void Runner::stop(const std::string &pe) {
+void Runner::stop(const Step &step) {
+  if (!step.forwarder) return stop_control(step.pe);
+  const std::optional<int> status = real_->stop_forwarder(step.pe, SIGTERM);
+  report_->expectation(step.pe + ": the forwarder stops in order",
+                       status ? "exit status " + std::to_string(*status) : "it still runs", status == 0);
+}
+
+void Runner::stop_control(const std::string &pe) {
   Process &daemon = daemons_.at(pe);
   if (!daemon.running()) return;
   daemon.signal(SIGTERM);
@@ -144,11 +214,17 @@ void Runner::stop(const std::string &pe) {
                        status == 0);
 }
 
-void Runner::kill(const std::string &pe) {
-  daemons_.at(pe).signal(SIGKILL);
-  daemons_.at(pe).wait(5s);
-  report_->line(pe + ": killed with SIGKILL");
+void Runner::kill(const Step &step) {
+  if (step.forwarder) {
+    real_->stop_forwarder(step.pe, SIGKILL);
+  } else {
+    daemons_.at(step.pe).signal(SIGKILL);
+    daemons_.at(step.pe).wait(5s);
+  }
+  report_->line(step.pe + (step.forwarder ? ": the forwarder is killed with SIGKILL" : ": killed with SIGKILL"));
 }
+
+// ---------------------------------------------------------------------------------------------- commands and their texts
 
 Result Runner::pimctl(const std::string &pe, const std::string &command) {
   std::vector<std::string> words{options_.binaries + "/pimctl", "--control", socket_of(pe)};
@@ -156,39 +232,101 @@ Result Runner::pimctl(const std::string &pe, const std::string &command) {
   return run(words, 20s);
 }
 
+Result Runner::ask(const Step &step, const std::string &command) {
+  return step.place.empty() ? pimctl(step.pe, command) : real_->stage().shell(step.place, command);
+}
+
 void Runner::command(const Step &step) {
+  const std::string where = step.place.empty() ? step.pe : step.place;
   for (const std::string &line : step.commands) {
-    report_->line(step.pe + "> " + line);
-    const Result result = pimctl(step.pe, line);
+    report_->line(where + "> " + line);
+    const Result result = ask(step, line);
     if (step.print || result.status != 0) report_->block(result.output);
     if (result.status != 0)
-      report_->expectation(step.pe + ": " + line, "exit status " + std::to_string(result.status), false);
+      report_->expectation(where + ": " + line, "exit status " + std::to_string(result.status), false);
   }
 }
 
 void Runner::expect(const Step &step) {
-  const Clock::time_point limit =
-      Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(step.seconds));
+  const std::string where = step.place.empty() ? step.pe : step.place;
+  const Clock::time_point limit = after(step.seconds);
   for (;;) {
-    const Result result = pimctl(step.pe, step.commands.front());
+    const Result result = ask(step, step.commands.front());
     const size_t matches = result.status == 0 ? count_matches(result.output, step.pattern) : 0;
     const bool holds = result.status == 0 &&
                        (step.times >= 0 ? matches == static_cast<size_t>(step.times) : (matches > 0) != step.absent);
     if (holds || Clock::now() > limit) {
       if (!holds || step.print) report_->block(result.output);
       const std::string line = telling_line(result.output, step.pattern);
-      report_->expectation(step.pe + ": " + step.text, step.absent && holds ? "it is gone" : line, holds);
+      report_->expectation(where + ": " + step.text, step.absent && holds ? "it is gone" : line, holds);
       return;
     }
-    report_->progress(step.pe + ": " + step.text);
-    std::this_thread::sleep_for(100ms);
+    report_->progress(where + ": " + step.text);
+    pause_for(100ms);
   }
 }
 
 void Runner::wait(double platform_seconds) {
   report_->progress(std::to_string(static_cast<int>(platform_seconds)) + " s of platform time");
-  std::this_thread::sleep_for(std::chrono::duration<double>(platform_seconds / scale_));
+  pause_for(std::chrono::duration<double>(platform_seconds / scale_));
   report_->progress_done();
+}
+
+// ------------------------------------------------------------------------------------------------------------- packets
+
+void Runner::arrive(const Step &step) {
+  const NetworkFlow &flow = scenario_.network->flow(step.flow);
+  const std::string what = step.flow + " at " + step.pe + ": " + step.text;
+  const Clock::time_point start = Clock::now();
+  const Clock::time_point limit = after(step.seconds);
+  const uint64_t before = real_->traffic().sent(flow);
+  for (;;) {
+    const uint64_t number = real_->traffic().arrived(flow, step.pe);
+    if (number > before || Clock::now() > limit) {
+      char text[80];
+      std::snprintf(text, sizeof text, "packet %llu, after %.1f s", static_cast<unsigned long long>(number),
+                    std::chrono::duration<double>(Clock::now() - start).count());
+      report_->expectation(what, number > before ? text : "no packet came", number > before);
+      return;
+    }
+    report_->progress(what);
+    pause_for(50ms);
+  }
+}
+
+void Runner::judge(const Step &step) {
+  const FlowResult result = real_->traffic().judge(scenario_.network->flow(step.flow), step.pe);
+  const bool holds = result.sent > 0 && result.lost <= step.lost.value_or(UINT64_MAX) &&
+                     result.duplicates <= step.duplicates.value_or(UINT64_MAX);
+  report_->expectation(step.flow + " at " + step.pe + ": " + step.text, result.text(), holds);
+}
+
+void Runner::carried(const Step &step) {
+  const Clock::time_point limit = after(step.packets ? 0 : step.seconds);
+  for (;;) {
+    const uint64_t packets = real_->traffic().carried(step.pe, step.groups, step.from_pe);
+    const bool holds = step.packets ? packets == *step.packets : packets >= step.at_least;
+    if (holds || Clock::now() > limit) {
+      report_->expectation("core link of " + step.pe + ": " + step.text,
+                           std::to_string(packets) + " packets to " + step.groups, holds);
+      return;
+    }
+    pause_for(100ms);
+  }
+}
+
+void Runner::set_vrf(const Step &step) {
+  if (step.present)
+    real_->stage().add_vrf(step.pe, step.vrf);
+  else
+    real_->stage().remove_vrf(step.pe, step.vrf);
+  report_->line(step.pe + ": the namespace of " + step.vrf + (step.present ? " is there again" : " is gone"));
+}
+
+void Runner::impair(const Step &step) {
+  real_->stage().impair(step.pe, step.text);
+  report_->line(step.pe + ": the core link has " +
+                (step.text.empty() ? "no impairment any more" : "netem " + step.text));
 }
 
 }  // namespace lab

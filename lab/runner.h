@@ -8,6 +8,7 @@
 #include <string>
 
 #include "lab/process.h"
+#include "lab/real_lab.h"
 #include "lab/report.h"
 #include "lab/scenario.h"
 
@@ -18,6 +19,7 @@ struct Options {
   std::string project;     // folder that configuration files are relative to
   std::string work;        // folder for stores, sockets and logs
   double clock_scale = 0;  // 0: the scenario's
+  std::string prefix;      // of namespaces
 };
 
 class Runner {
@@ -29,22 +31,32 @@ class Runner {
 
  private:
   void play(const Step &step);
+  void play_on_network(const Step &step);
   void start_reflector();
-  void start(const std::string &pe, bool stateful);
-  void stop(const std::string &pe);
-  void kill(const std::string &pe);
+  void start(const Step &step);
+  void start_control(const std::string &pe, bool stateful);
+  std::string configuration_of(const std::string &pe);
+  void stop(const Step &step);
+  void stop_control(const std::string &pe);
+  void kill(const Step &step);
   void command(const Step &step);
   void expect(const Step &step);
+  void arrive(const Step &step);
+  void judge(const Step &step);
+  void carried(const Step &step);
+  void set_vrf(const Step &step);
+  void impair(const Step &step);
   void wait(double platform_seconds);
+  Result ask(const Step &step, const std::string &command);
   Result pimctl(const std::string &pe, const std::string &command);
   void wait_for_daemon(const std::string &pe);
-  void expectation(const Step &step, const std::string &happened, bool holds);
   std::string socket_of(const std::string &pe) const { return options_.work + "/" + pe + ".sock"; }
 
   const Scenario &scenario_;
   Options options_;
   Report *report_;
   double scale_;
+  std::optional<RealLab> real_;  // before the processes that run in its namespaces
   std::map<std::string, Process> daemons_;
   std::optional<Process> reflector_;
 };

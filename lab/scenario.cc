@@ -1,6 +1,7 @@
 #include "lab/scenario.h"
 
 #include <fstream>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <set>
@@ -9,13 +10,10 @@
 namespace lab {
 namespace {
 
-using nlohmann::json;
+using json = nlohmann::ordered_json;
 
-std::string pe_of(const Scenario &scenario, const json &value) {
-  const auto name = value.get<std::string>();
-  if (!scenario.configs.contains(name)) throw std::runtime_error("there is no PE '" + name + "'");
-  return name;
-}
+constexpr double kPatience = 10;        // seconds, for a text
+constexpr double kPacketPatience = 30;  // for packets: a querier and PIM neighbours come before them
 
 void read_commands(const json &value, Step *step) {
   if (value.is_array())
@@ -31,45 +29,169 @@ void read_expectation(const json &object, Step *step) {
   step->pattern = object.at("matches").get<std::string>();
   step->absent = object.value("absent", false);
   step->times = object.value("times", -1);
-  step->seconds = object.value("within", 10.0);
+  step->seconds = object.value("within", kPatience);
   (void)std::regex(step->pattern);
 }
 
-void refuse_unknown_words(const json &object) {
-  static const std::set<std::string> known{"say",    "wait",  "on",     "command", "print",   "expect", "matches",
-                                           "absent", "times", "within", "start",   "restart", "stop",   "kill"};
-  for (const auto &[word, value] : object.items())
-    if (!known.contains(word)) throw std::runtime_error("'" + word + "' is not known here");
+void read_commanding(const json &object, Step *step) {
+  step->kind = Step::Kind::command;
+  if (object.contains("on")) step->pe = object["on"].get<std::string>();
+  if (object.contains("in")) step->place = object["in"].get<std::string>();
+  read_commands(object.at("command"), step);
+  step->print = object.value("print", false);
+  if (object.contains("expect")) read_expectation(object, step);
+}
+
+void read_process(const json &object, const char *key, Step::Kind kind, Step *step) {
+  step->kind = kind;
+  step->pe = object[key].get<std::string>();
+  step->stateful = object.value("restart", std::string()) == "stateful";
+  const std::string part = object.value("part", std::string("control"));
+  if (part != "control" && part != "forwarder") throw std::runtime_error("a part is control or forwarder");
+  step->forwarder = part == "forwarder";
+}
+
+std::optional<uint64_t> number_in(const json &object, const char *key) {
+  return object.contains(key) ? std::optional(object[key].get<uint64_t>()) : std::nullopt;
+}
+
+void read_flow(const json &object, Step *step) {
+  step->flow = object["flow"].get<std::string>();
+  if (object.contains("rate")) {
+    step->kind = Step::Kind::rate;
+    step->rate = object["rate"].get<double>();
+    return;
+  }
+  for (const auto &[key, kind] : {std::pair{"join", Step::Kind::join}, {"leave", Step::Kind::leave}}) {
+    if (!object.contains(key)) continue;
+    step->kind = kind;
+    step->pe = object[key].get<std::string>();
+    return;
+  }
+  step->pe = object.at("at").get<std::string>();
+  step->text = object.at("expect").get<std::string>();
+  step->seconds = object.value("within", kPacketPatience);
+  step->lost = number_in(object, "lost");
+  step->duplicates = number_in(object, "duplicates");
+  step->kind = step->lost || step->duplicates ? Step::Kind::judge : Step::Kind::arrive;
+}
+
+bool present(const json &object, const char *yes, const char *no) {
+  const auto word = object.at("set").get<std::string>();
+  if (word != yes && word != no) throw std::runtime_error(std::string("it can be set ") + yes + " or " + no);
+  return word == yes;
+}
+
+void read_link(const json &object, Step *step) {
+  step->pe = object["link"].get<std::string>();
+  if (object.contains("set")) {
+    step->kind = Step::Kind::set_link;
+    step->present = present(object, "up", "down");
+  } else if (object.contains("netem")) {
+    step->kind = Step::Kind::impair;
+    step->text = object["netem"].get<std::string>();
+  } else {
+    step->kind = Step::Kind::carried;
+    step->text = object.at("expect").get<std::string>();
+    step->groups = object.at("groups").get<std::string>();
+    step->packets = number_in(object, "packets");
+    step->at_least = object.value("at_least", 1);
+    step->from_pe = object.value("from", false);
+    step->seconds = object.value("within", kPatience);
+  }
+}
+
+void read_vrf(const json &object, Step *step) {
+  step->kind = Step::Kind::set_vrf;
+  step->vrf = object["vrf"].get<std::string>();
+  step->pe = object.at("of").get<std::string>();
+  step->present = present(object, "present", "absent");
+}
+
+void read_text(const json &object, const char *key, Step::Kind kind, Step *step) {
+  step->kind = kind;
+  step->text = object[key].get<std::string>();
+}
+
+void read_wait(const json &object, Step *step) {
+  step->kind = Step::Kind::wait;
+  step->seconds = object["wait"].get<double>();
+}
+
+// A form of a step: the key that tells it, what may stand beside it, whether it needs a network, and who reads it.
+struct Form {
+  const char *key;
+  std::set<std::string> beside;
+  bool network;
+  std::function<void(const json &, Step *)> read;
+};
+
+const std::vector<Form> &forms() {
+  using Kind = Step::Kind;
+  static const std::set<std::string> expectation{"command", "print", "expect", "matches", "absent", "times", "within"};
+  static const std::vector<Form> all{
+      {"say", {}, false, [](const json &o, Step *s) { read_text(o, "say", Kind::say, s); }},
+      {"wait", {}, false, read_wait},
+      {"start", {"restart", "part"}, false, [](const json &o, Step *s) { read_process(o, "start", Kind::start, s); }},
+      {"stop", {"part"}, false, [](const json &o, Step *s) { read_process(o, "stop", Kind::stop, s); }},
+      {"kill", {"part"}, false, [](const json &o, Step *s) { read_process(o, "kill", Kind::kill, s); }},
+      {"on", expectation, false, read_commanding},
+      {"in", expectation, true, read_commanding},
+      {"mark", {}, true, [](const json &o, Step *s) { read_text(o, "mark", Kind::mark, s); }},
+      {"flow", {"rate", "join", "leave", "at", "expect", "within", "lost", "duplicates"}, true, read_flow},
+      {"link", {"set", "netem", "expect", "groups", "packets", "at_least", "from", "within"}, true, read_link},
+      {"vrf", {"of", "set"}, true, read_vrf},
+  };
+  return all;
 }
 
 Step read_step(const Scenario &scenario, const json &object) {
-  refuse_unknown_words(object);
-  Step step;
-  if (object.contains("say")) {
-    step.text = object["say"].get<std::string>();
-  } else if (object.contains("wait")) {
-    step.kind = Step::Kind::wait;
-    step.seconds = object["wait"].get<double>();
-  } else if (object.contains("on")) {
-    step.kind = Step::Kind::command;
-    step.pe = pe_of(scenario, object["on"]);
-    read_commands(object.at("command"), &step);
-    step.print = object.value("print", false);
-    if (object.contains("expect")) read_expectation(object, &step);
-  } else if (object.contains("start")) {
-    step.kind = Step::Kind::start;
-    step.text = pe_of(scenario, object["start"]);
-    step.stateful = object.value("restart", std::string()) == "stateful";
-  } else if (object.contains("stop")) {
-    step.kind = Step::Kind::stop;
-    step.text = pe_of(scenario, object["stop"]);
-  } else if (object.contains("kill")) {
-    step.kind = Step::Kind::kill;
-    step.text = pe_of(scenario, object["kill"]);
-  } else {
-    throw std::runtime_error("a step that does nothing");
+  for (const Form &form : forms()) {
+    if (!object.contains(form.key)) continue;
+    for (const auto &[word, value] : object.items())
+      if (word != form.key && word != "why" && !form.beside.contains(word))
+        throw std::runtime_error("'" + word + "' is not known here");
+    if (!scenario.network && (form.network || object.contains("part")))
+      throw std::runtime_error(std::string("'") + form.key + "' needs a network");
+    Step step;
+    form.read(object, &step);
+    return step;
   }
-  return step;
+  throw std::runtime_error("a step that does nothing");
+}
+
+// The step for each flow and each PE that it stands for.
+std::vector<Step> expanded(const Scenario &scenario, const Step &step) {
+  std::vector<Step> flows;
+  if (step.flow == "*") {
+    for (const NetworkFlow &flow : scenario.network->flows) flows.emplace_back(step).flow = flow.name;
+  } else {
+    flows.push_back(step);
+  }
+  std::vector<Step> result;
+  for (const Step &item : flows) {
+    std::vector<std::string> pes{item.pe};
+    if (item.pe == "all" && !item.flow.empty()) {
+      pes = scenario.network->flow(item.flow).to;
+    } else if (item.pe == "all") {
+      pes.clear();
+      for (const auto &[name, config] : scenario.configs) pes.push_back(name);
+    }
+    for (const std::string &pe : pes) result.emplace_back(item).pe = pe;
+  }
+  return result;
+}
+
+void check_names(const Scenario &scenario, const Step &step) {
+  if (!step.pe.empty() && !scenario.configs.contains(step.pe))
+    throw std::runtime_error("there is no PE '" + step.pe + "'");
+  if (!step.flow.empty()) {
+    const NetworkFlow &flow = scenario.network->flow(step.flow);
+    if (!step.pe.empty() && !scenario.network->has(step.pe, flow.vrf))
+      throw std::runtime_error(step.pe + " has no VRF " + flow.vrf);
+  }
+  if (!step.place.empty()) scenario.network->namespace_of(step.place);
+  if (!step.vrf.empty()) scenario.network->namespace_of(step.pe + "/" + step.vrf);
 }
 
 // What went wrong, without the library's own mark in front.
@@ -80,13 +202,35 @@ std::string reason(const std::exception &error) {
 }
 
 void read_steps(const json &steps, Scenario *scenario) {
-  for (const json &step : steps) {
+  int number = 0;
+  for (const json &object : steps) {
+    ++number;
     try {
-      scenario->steps.push_back(read_step(*scenario, step));
+      for (const Step &step : expanded(*scenario, read_step(*scenario, object))) {
+        check_names(*scenario, step);
+        scenario->steps.push_back(step);
+      }
     } catch (const std::exception &error) {
-      const std::string number = std::to_string(scenario->steps.size() + 1);
-      throw std::runtime_error("step " + number + ", " + step.dump() + ": " + reason(error));
+      throw std::runtime_error("step " + std::to_string(number) + ", " + object.dump() + ": " + reason(error));
     }
+  }
+}
+
+void read_setting(const json &file, Scenario *scenario) {
+  if (file.contains("network")) {
+    if (file.contains("pes") || file.contains("reflector"))
+      throw std::runtime_error("a network has PEs and a reflector of its own");
+    scenario->network = read_network(file["network"]);
+    for (const NetworkPe &pe : scenario->network->pes) scenario->configs[pe.name] = {};
+    return;
+  }
+  scenario->reflector = file.value("reflector", std::string());
+  for (const auto &[name, pe] : file.at("pes").items()) {
+    const json &config = pe.at("config");
+    if (config.is_array())
+      scenario->configs[name].lines = config.get<std::vector<std::string>>();
+    else
+      scenario->configs[name].file = config.get<std::string>();
   }
 }
 
@@ -100,8 +244,7 @@ Scenario read_scenario(const std::string &path) {
     Scenario scenario;
     scenario.name = file.at("name").get<std::string>();
     scenario.clock_scale = file.value("clock_scale", 1.0);
-    scenario.reflector = file.value("reflector", std::string());
-    for (const auto &[name, pe] : file.at("pes").items()) scenario.configs[name] = pe.at("config").get<std::string>();
+    read_setting(file, &scenario);
     read_steps(file.at("steps"), &scenario);
     return scenario;
   } catch (const std::exception &error) {

@@ -3,12 +3,14 @@
 //   {
 //     "name": "…",                       one line for people
 //     "clock_scale": 60,                 platform seconds per second, optional (1)
-//     "pes": {"pe1": {"config": "examples/pe1.conf"}},   relative to the scenario's project root
+//     "pes": {"pe1": {"config": "examples/pe1.conf"}},   relative to the scenario's project root, or the lines: ["…", …]
 //     "reflector": "127.0.0.1:1790",     optional: runs mdt-reflector there
+//     "network": { … },                  in place of "pes" and "reflector": namespaces and packets (network.h)
 //     "steps": [ … ]
 //   }
 //
-// A step is an object with one of these keys; "why" may stand beside any of them.
+// A step is an object with one of these keys; "why" may stand beside any of them. "all" in place of a PE is every PE, one
+// after the other; with a flow, every PE that it goes to. "*" in place of a flow is every flow.
 //   "say": "text"                                     prints a heading
 //   "start": "pe1", "restart": "stateful"             starts a PE (stateful: optional)
 //   "stop": "pe1"                                     SIGTERM, waits; the exit status must be 0
@@ -19,34 +21,91 @@
 //                                                     does not match), at most `within` real seconds; the last output
 //                                                     is what happened. "times": n matches exactly n times.
 //   "wait": 3                                         platform seconds
+//
+// With a network:
+//   "start", "stop", "kill": "pe1", "part": "forwarder"   the forwarder instead of the control plane, which is started
+//                                                     with its PE the first time
+//   "in": "pe1/red", "command": …, "expect": …        as "on", but a shell command in a namespace: core, p1, pe1, pe1/red,
+//                                                     pe1/red/host; "$VTYSH -c '…'" asks its routing daemons
+//   "mark": "text"                                    a heading; what follows judges what is sent from here on
+//   "flow": "video", "rate": 200                      packets a second; the first rate starts the flow
+//   "flow": "video", "join": "pe2"                    (or "leave") a receiver behind the PE
+//   "flow": "video", "at": "pe2", "expect": "…"       waits for a packet that is sent from now on ("within")
+//   "flow": "video", "at": "pe2", "expect": "…", "lost": 0, "duplicates": 0
+//                                                     at most so many since the mark, whichever of the two are given
+//   "link": "pe2", "groups": "239.1.8.0/24", "packets": 0, "expect": "…"
+//                                                     GRE packets since the mark over the PE's core link to it
+//                                                     ("from": true: from it); or "at_least": n, within so many seconds
+//   "link": "pe2", "set": "down" or "up"              the core link
+//   "link": "pe2", "netem": "delay 20ms loss 1%"      impairs it, both ways; "" ends that
+//   "vrf": "red", "of": "pe1", "set": "absent" or "present"   the VRF's namespace goes with all that is in it, or comes
 #ifndef LAB_SCENARIO_H
 #define LAB_SCENARIO_H
 
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "lab/network.h"
 
 namespace lab {
 
 struct Step {
-  enum class Kind { say, start, stop, kill, command, expect, wait };
+  enum class Kind {
+    say,
+    start,
+    stop,
+    kill,
+    command,
+    expect,
+    wait,
+    mark,
+    rate,
+    join,
+    leave,
+    arrive,
+    judge,
+    carried,
+    set_link,
+    impair,
+    set_vrf
+  };
   Kind kind = Kind::say;
-  std::string text;                   // say: heading; expect: what is expected; start, stop, kill: PE
-  std::string pe;                     // command, expect
+  std::string text;  // say, mark: heading; whoever expects: what; impair: netem's arguments
+  std::string pe;
+  std::string place;  // command, expect: a namespace in place of pimctl
+  std::string flow;
+  std::string vrf;
+  std::string groups;                 // carried: prefix
   std::vector<std::string> commands;  // command: run in order; expect: one
   std::string pattern;                // expect
   bool absent = false;                // expect: the pattern must not match
   int times = -1;                     // expect: exact number of matches; -1: at least one
   bool print = false;                 // command: show the output
   bool stateful = false;              // start
-  double seconds = 0;                 // expect: limit in real seconds; wait: platform seconds
+  bool forwarder = false;             // start, stop, kill
+  bool from_pe = false;               // carried
+  bool present = false;               // set_link: up; set_vrf: present
+  double seconds = 0;                 // whoever expects: limit in real seconds; wait: platform seconds
+  double rate = 0;
+  std::optional<uint64_t> lost;        // judge: most
+  std::optional<uint64_t> duplicates;  // judge: most
+  std::optional<uint64_t> packets;     // carried: exactly
+  uint64_t at_least = 0;               // carried, unless packets is given
+};
+
+struct PeConfig {
+  std::string file;  // relative to the project; empty: the lines
+  std::vector<std::string> lines;
 };
 
 struct Scenario {
   std::string name;
   double clock_scale = 1;
-  std::map<std::string, std::string> configs;  // PE name -> configuration file
-  std::string reflector;                       // empty: none
+  std::map<std::string, PeConfig> configs;  // by PE
+  std::string reflector;                    // empty: none
+  std::optional<Network> network;           // real packets
   std::vector<Step> steps;
 };
 

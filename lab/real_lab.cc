@@ -1,0 +1,62 @@
+#include "lab/real_lab.h"
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+namespace lab {
+namespace {
+
+using namespace std::chrono_literals;
+
+// The stage is complete before anything else is made on it.
+Stage &built(Stage &stage) {
+  stage.build();
+  return stage;
+}
+
+}  // namespace
+
+RealLab::RealLab(const Network &network, const Settings &settings)
+    : settings_(settings),
+      stage_(network, settings.prefix, settings.project, settings.work),
+      traffic_(built(stage_), settings.binaries + "/mvpn-traffic", settings.work) {}
+
+std::string RealLab::write_configuration(const std::string &pe, const std::string &reflector) const {
+  const std::string file = settings_.work + "/" + pe + ".conf";
+  std::ofstream(file) << stage_.configuration(pe, socket_of(pe), reflector);
+  return file;
+}
+
+bool RealLab::forwarder_runs(const std::string &pe) {
+  const auto found = forwarders_.find(pe);
+  return found != forwarders_.end() && found->second.running();
+}
+
+void RealLab::start_forwarder(const std::string &pe) {
+  if (forwarder_runs(pe)) return;
+  forwarders_.erase(pe);
+  std::filesystem::remove(socket_of(pe));
+  Process &process =
+      forwarders_
+          .emplace(pe, Process(Launch{.command = {settings_.binaries + "/mvpn-forwarder", "--control", socket_of(pe)},
+                                      .log_file = settings_.work + "/" + pe + ".forwarder.log",
+                                      .network_namespace = namespace_path(pe)}))
+          .first->second;
+  for (int i = 0; i < 500; ++i) {
+    if (std::filesystem::exists(socket_of(pe))) return;
+    if (!process.running()) break;
+    pause_for(20ms);
+  }
+  throw std::runtime_error(pe + ": the forwarder does not start; see " + settings_.work + "/" + pe + ".forwarder.log");
+}
+
+std::optional<int> RealLab::stop_forwarder(const std::string &pe, int signal) {
+  const auto found = forwarders_.find(pe);
+  if (found == forwarders_.end()) throw std::runtime_error(pe + " has no forwarder");
+  found->second.signal(signal);
+  return found->second.wait(10s);
+}
+
+}  // namespace lab
