@@ -33,6 +33,7 @@ struct Table {
   std::map<if_index_t, im_iod_t> by_if_index;
   std::map<std::string, im_iod_t, std::less<>> former;  // ordinals of ordinary interfaces that are gone
   std::set<im_iod_t> kept;                              // the same ordinals
+  std::set<im_iod_t> leaving;                           // interfaces that go when the module has been told
   im_iod_t last_iod = 0;
   bool events = false;
 };
@@ -105,6 +106,7 @@ im_iod_t im_add(Interface interface) {
 void im_remove(im_iod_t iod) {
   const auto found = table.by_iod.find(iod);
   if (found == table.by_iod.end()) return;
+  table.leaving.erase(iod);
   if (!found->second.mvpn_tunnel) {
     table.former[found->second.name] = iod;
     table.kept.insert(iod);
@@ -141,11 +143,16 @@ bool delete_interface(std::string_view name) {
   const im_iod_t iod = interface->iod;
   const bool announced = interface->up && table.events;
   im_set_state(iod, false);
-  // The module is told of the last change while the interface can still be looked up.
-  if (announced)
-    post([iod] { im_remove(iod); });
-  else
+  if (!announced) {
     im_remove(iod);
+    return true;
+  }
+  // The module is told of the last change while the interface can still be looked up. Its VRF may take it along before
+  // that, and another one have its ordinal then.
+  table.leaving.insert(iod);
+  post([iod] {
+    if (table.leaving.contains(iod)) im_remove(iod);
+  });
   return true;
 }
 

@@ -266,6 +266,15 @@ TEST_F(TunnelTest, AnInterfaceThatComesBackIsTheOneThatWas) {
   EXPECT_EQ(ref::create_interface("lan", VRF_CONTEXT_ID_DEFAULT, address("10.1.0.2"), true), lan);
   ref::settle();
   EXPECT_EQ(told, (std::vector<std::string>{"lan created", "lan address", "lan up"}));
+  // A VRF that goes takes along what was about to go; what then comes in its place stays.
+  ref::create_vrf("red", 7, 7);
+  const im_iod_t port = ref::create_interface("port", 7, 0, true);
+  ref::settle();
+  ref::delete_interface("port");
+  ASSERT_TRUE(ref::delete_vrf("red"));
+  EXPECT_EQ(ref::create_interface("port", VRF_CONTEXT_ID_DEFAULT, 0, true), port);
+  ref::settle();
+  EXPECT_NE(ref::find_interface("port"), nullptr);
   // Names that come and go use no number up.
   for (int i = 0; i < 0x10000; i++) {
     const std::string name = "if" + std::to_string(i);
