@@ -1,6 +1,7 @@
 // mdt-reflector: the MDT SAFI route reflector as a program.
 #include <CLI/CLI.hpp>
 #include <boost/asio/signal_set.hpp>
+#include <csignal>
 #include <iostream>
 
 #include "reflector/reflector.h"
@@ -24,6 +25,8 @@ constexpr int kUsage = 2;  // exit status
 }  // namespace
 
 int main(int argc, char **argv) {
+  // Neither a log whose reader has gone nor a signal that means nothing here is a reason to end.
+  for (const int number : {SIGPIPE, SIGUSR1, SIGUSR2}) std::signal(number, SIG_IGN);
   CLI::App app{"Reflects the MDT SAFI entries of each PE to all others."};
   std::string listen = "127.0.0.1:1790";
   bool quiet = false;

@@ -213,6 +213,10 @@ Config Config::read(const std::string &text, std::vector<ConfigError> *errors) {
     reader.number++;
     reader.read(text.substr(at, end - at));
     at = end + 1;
+    if (errors->size() >= kMaxErrors && at < text.size()) {
+      reader.fail("so much is wrong that the rest is not read");
+      break;
+    }
   }
   return std::move(reader.config);
 }

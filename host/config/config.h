@@ -66,7 +66,9 @@ class Config {
  public:
   using Blocks = std::map<BlockId, std::shared_ptr<const Block>>;
 
-  // Reads a file's text. Errors are appended, in line order; what is wrong is left out.
+  // Reads a file's text. Errors are appended, in line order; what is wrong is left out. Behind kMaxErrors of them it is
+  // read no further.
+  static constexpr size_t kMaxErrors = 1000;
   static Config read(const std::string &text, std::vector<ConfigError> *errors);
 
   // Why a statement cannot be applied to a block: it removes a line that is not there, or that says something else than

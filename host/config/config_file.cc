@@ -6,36 +6,34 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 
 namespace host {
-namespace {
 
-// The reason why it cannot be read; empty when it was.
-std::string read_text(const std::string &path, std::string *text) {
+ConfigText read_config_text(const std::string &path) {
   struct stat status {};
   const bool exists = stat(path.c_str(), &status) == 0;
-  if (exists && S_ISDIR(status.st_mode)) return std::strerror(EISDIR);
+  if (exists && S_ISDIR(status.st_mode)) return {"", std::strerror(EISDIR)};
   // Reading a pipe could hold up the daemon, and gives its text once only.
-  if (exists && !S_ISREG(status.st_mode)) return "it is no regular file";
+  if (exists && !S_ISREG(status.st_mode)) return {"", "it is no regular file"};
   std::ifstream in(path, std::ios::binary);
-  if (!in) return std::strerror(errno);
-  std::ostringstream read;
-  if (in.peek() != std::ifstream::traits_type::eof()) read << in.rdbuf();
-  if (in.bad() || !read) return std::strerror(EIO);
-  *text = read.str();
-  return "";
+  if (!in) return {"", std::strerror(errno)};
+  constexpr size_t kPart = 65536;
+  std::string text;
+  while (in && text.size() <= kMaxConfigFile) {
+    const size_t before = text.size();
+    text.resize(before + kPart);
+    in.read(text.data() + before, kPart);
+    text.resize(before + static_cast<size_t>(in.gcount()));
+  }
+  if (in.bad()) return {"", std::strerror(EIO)};
+  if (text.size() > kMaxConfigFile)
+    return {"", "it is longer than " + std::to_string(kMaxConfigFile >> 20) + " MB, which no configuration is"};
+  return {std::move(text), ""};
 }
 
-}  // namespace
-
-ConfigFile read_config_file(const std::string &path) {
+ConfigFile parse_config(const std::string &text) {
   ConfigFile file;
-  if (std::string reason = read_text(path, &file.text); !reason.empty()) {
-    file.errors.push_back({0, std::move(reason)});
-    return file;
-  }
-  file.config = Config::read(file.text, &file.errors);
+  file.config = Config::read(text, &file.errors);
   for (ConfigError &error : file.config.check()) file.errors.push_back(std::move(error));
   std::stable_sort(file.errors.begin(), file.errors.end(),
                    [](const ConfigError &a, const ConfigError &b) { return a.line < b.line; });
@@ -43,8 +41,21 @@ ConfigFile read_config_file(const std::string &path) {
   return file;
 }
 
+ConfigFile read_config_file(const std::string &path) {
+  const ConfigText read = read_config_text(path);
+  return read.reason.empty() ? parse_config(read.text) : ConfigFile{{}, {{0, read.reason}}};
+}
+
 std::string described(const std::string &file, const ConfigError &error) {
   return file + ":" + (error.line > 0 ? std::to_string(error.line) + ":" : "") + " " + error.reason;
+}
+
+std::vector<std::string> described(const std::string &file, const std::vector<ConfigError> &errors) {
+  std::vector<std::string> lines;
+  const size_t told = std::min(errors.size(), kMaxErrorsTold);
+  for (size_t i = 0; i < told; i++) lines.push_back(described(file, errors[i]));
+  if (told < errors.size()) lines.push_back(file + ": and " + std::to_string(errors.size() - told) + " more");
+  return lines;
 }
 
 }  // namespace host

@@ -64,7 +64,7 @@ Daemon::Daemon(DaemonOptions options, Config config)
           work();
         },
         [this](const std::string &text) { log(text); });
-  for (const ConfigError &error : router_->start(std::move(config))) log(described(options_.config_file, error));
+  for (const std::string &line : described(options_.config_file, router_->start(std::move(config)))) log(line);
   loop_.set_turn_end([this] { router_->settle(); });
   watch_signals();
   log("serving on " + options_.control_path);
@@ -117,38 +117,38 @@ void Daemon::watch_signals() {
   });
 }
 
-// A file with an error changes nothing. The lines that only the module can judge are tried in another process, which
-// takes its time while this one goes on.
+// A file with an error changes nothing. It is read and tried in another process, which takes its time while this one
+// goes on, however long the file is and whatever is wrong in it.
 void Daemon::reload() {
   if (check_) {
     reload_again_ = true;
     return;
   }
   notify_service_manager("RELOADING=1");
-  ConfigFile file = read_config_file(options_.config_file);
-  std::vector<std::string> messages;
-  for (const ConfigError &error : file.errors) messages.push_back(described(options_.config_file, error));
-  if (!messages.empty()) return end_reload(messages, "the configuration stays as it is");
+  const ConfigText file = read_config_text(options_.config_file);
+  if (!file.reason.empty())
+    return end_reload({described(options_.config_file, ConfigError{0, file.reason})},
+                      "the configuration stays as it is");
   try {
-    check_ =
-        std::make_unique<ConfigCheck>(loop_.io(), options_.config_file, options_.module,
-                                      [this, file](const ConfigCheck::Result &result) { finish_reload(file, result); });
+    check_ = std::make_unique<ConfigCheck>(
+        loop_.io(), options_.config_file, options_.module,
+        [this, text = file.text](const ConfigCheck::Result &result) { finish_reload(text, result); });
   } catch (const std::runtime_error &error) {
     end_reload({std::string("the configuration cannot be checked: ") + error.what()},
                "the configuration stays as it is");
   }
 }
 
-void Daemon::finish_reload(ConfigFile file, const ConfigCheck::Result &check) {
+void Daemon::finish_reload(const std::string &text, const ConfigCheck::Result &check) {
   check_.reset();
   // What was checked must be what was read.
-  if (std::exchange(reload_again_, false) || read_config_file(options_.config_file).text != file.text) return reload();
+  if (std::exchange(reload_again_, false) || read_config_text(options_.config_file).text != text) return reload();
   if (!check.passed) return end_reload(check.problems, "the configuration stays as it is");
-  std::vector<std::string> messages;
-  {
+  ConfigFile file = parse_config(text);
+  std::vector<std::string> messages = described(options_.config_file, file.errors);
+  if (messages.empty()) {
     Loop::Turn turn(loop_);
-    for (const ConfigError &error : router_->replace(std::move(file.config)))
-      messages.push_back(described(options_.config_file, error));
+    messages = described(options_.config_file, router_->replace(std::move(file.config)));
   }
   end_reload(messages, messages.empty() ? "the configuration was read again" : "the former configuration is restored");
 }
@@ -189,6 +189,7 @@ void Daemon::log(const std::string &text) {
     syslog(LOG_NOTICE, "%s", text.c_str());
   else
     std::cerr << "pimhostd: " << text << (text.ends_with('\n') ? "" : "\n");
+  std::cerr.clear();  // what could not be written is lost, and what follows may be written
 }
 
 }  // namespace host

@@ -1,6 +1,7 @@
 // pimhostd's command line.
 #include <CLI/CLI.hpp>
 #include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -26,9 +27,14 @@ std::string check_agentx_address(const std::string &address) {
   return known ? "" : address + " is neither unix:PATH nor tcp:HOST:PORT";
 }
 
-// Everything that is wrong with a file, on standard error.
+// Neither a log whose reader has gone nor a signal that means nothing here is a reason to end.
+void ignore_signals() {
+  for (const int number : {SIGPIPE, SIGUSR1, SIGUSR2}) std::signal(number, SIG_IGN);
+}
+
+// What is wrong with a file, on standard error.
 int report(const std::string &file, const std::vector<host::ConfigError> &errors) {
-  for (const host::ConfigError &error : errors) std::cerr << "pimhostd: " << host::described(file, error) << '\n';
+  for (const std::string &line : host::described(file, errors)) std::cerr << "pimhostd: " << line << '\n';
   return errors.empty() ? 0 : kFailed;
 }
 
@@ -44,6 +50,7 @@ int run(host::DaemonOptions options, bool check_only) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  ignore_signals();
   CLI::App app{"Runs the multicast-VPN module on a configuration file."};
   host::DaemonOptions options;
   options.control_path = host::kDefaultControlPath;

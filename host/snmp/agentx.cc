@@ -26,7 +26,6 @@
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <stdexcept>
 #include <utility>
@@ -180,7 +179,6 @@ AgentX::Impl::~Impl() {
 // The daemon's configuration says everything: no files of the library are read or written, no MIB modules loaded.
 void AgentX::Impl::set_options() {
   setenv("MIBS", "", 1);
-  std::signal(SIGPIPE, SIG_IGN);  // the library writes to a master that may just have gone
   for (const int option :
        {NETSNMP_DS_LIB_DONT_READ_CONFIGS, NETSNMP_DS_LIB_DONT_PERSIST_STATE, NETSNMP_DS_LIB_DISABLE_PERSISTENT_LOAD,
         NETSNMP_DS_LIB_DISABLE_PERSISTENT_SAVE, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG})

@@ -61,15 +61,15 @@ def schema_faults(value, schema, root, path=""):
 
 
 class Daemon:
-    def __init__(self, folder, config, *options, env=None):
+    def __init__(self, folder, config, *options, env=None, log=None):
         self.socket = str(folder / "s")
         self.log = folder / "log"
         module = os.environ.get("PIMHOSTD_MODULE")
         command = [BIN / "pimhostd", "--config", config, "--control", self.socket, *options]
         command += ["--module", module] if module else []
-        with self.log.open("a") as log:
+        with self.log.open("a") as file:
             sanitizer = {"LSAN_OPTIONS": f"suppressions={HERE}/lsan.supp:print_suppressions=0"}
-            self.process = subprocess.Popen(command, stderr=log, env={**sanitizer, **os.environ, **(env or {})})
+            self.process = subprocess.Popen(command, stderr=log or file, env={**sanitizer, **os.environ, **(env or {})})
         wait_until(lambda: self.process.poll() is not None or self.run("show clock").returncode == 0, "the daemon answers")
         if self.process.poll() is not None:
             raise AssertionError(self.log.read_text())
@@ -112,10 +112,10 @@ class ProgramsTest(unittest.TestCase):
         self.folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="ph")))
         self.config = self.folder / "router.conf"
 
-    def start(self, config=None, *options, env=None):
+    def start(self, config=None, *options, env=None, log=None):
         if config is not None:
             self.config.write_text(config)
-        daemon = Daemon(self.folder, self.config, *options, env=env)
+        daemon = Daemon(self.folder, self.config, *options, env=env, log=log)
         self.stack.callback(daemon.kill)
         return daemon
 
@@ -135,6 +135,7 @@ class ProgramsTest(unittest.TestCase):
         return result.returncode, result.stderr
 
     def test_check_config_names_file_line_and_reason(self):
+        first_errors = "".join(f"{{}}:{n}: the line is incomplete; expected NAME\npimhostd: " for n in range(1, 21))
         for text, problems in [
             ("hostname a\nvrf red\n  mdt data 239.1.0.0/33\n", "{}:3: '239.1.0.0/33' has a mask length over 32"),
             # Only the module knows these.
@@ -143,6 +144,10 @@ class ProgramsTest(unittest.TestCase):
              "pimhostd: {}:5: VRF b: mdt default 239.1.1.1: The MDT-default group overlaps with VRF a"),
             ("", "{}: the file holds no line of configuration"),
             ("! nothing but a comment\n", "{}: the file holds no line of configuration"),
+            # Files that are no configurations are not told line by line, nor read to their end.
+            ("vrf\n" * 30, first_errors + "{}: and 10 more"),
+            ("vrf\n" * 1000000, first_errors + "{}: and 981 more"),
+            ("!" * (16 * 2**20 + 1), "{}: it is longer than 16 MB, which no configuration is"),
         ]:
             self.config.write_text(text)
             expected = (1, "pimhostd: " + problems.replace("{}", str(self.config)) + "\n")
@@ -392,6 +397,22 @@ class ProgramsTest(unittest.TestCase):
                          ("192.168.1.5", 0, False, [{"name": "mvpn"}]))
         self.assertEqual(daemon.show("tunnels | include blue | count"), "1\n")
         self.assertEqual(daemon.run("show tunnels | sort").returncode, 2)
+
+    def test_signals_and_a_log_that_nobody_reads_end_nothing(self):
+        daemon = self.start("hostname a\n", log=subprocess.PIPE)
+        daemon.process.stderr.close()
+        for number in (signal.SIGUSR1, signal.SIGUSR2, signal.SIGHUP, signal.SIGHUP):
+            daemon.process.send_signal(number)
+            self.assertEqual(daemon.run("show clock").returncode, 0)
+        self.assertEqual(daemon.stop(), 0)
+
+    def test_a_bad_file_of_any_size_does_not_hold_up_the_daemon(self):
+        daemon = self.start("hostname a\n")
+        self.config.write_text("x\n" * 2000000)
+        daemon.process.send_signal(signal.SIGHUP)
+        daemon.wait_for_log("stays as it is")
+        self.assertIn(f"{self.config}: and 981 more", daemon.log.read_text())
+        self.assertLess(daemon.log.read_text().count("\n"), 30)
 
     def test_readiness_is_announced(self):
         path = str(self.folder / "notify")
