@@ -9,7 +9,7 @@ set_target_properties(pimhostd PROPERTIES
   INSTALL_RPATH "\$ORIGIN/../${CMAKE_INSTALL_LIBDIR}"
   BUILD_WITH_INSTALL_RPATH ON)
 
-install(TARGETS pimhostd pimctl mdt-reflector mvpn-lab mvpn-traffic RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS pimhostd mvpn-forwarder pimctl mdt-reflector mvpn-lab mvpn-traffic RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS mvpn LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
 file(GLOB contract_headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/platform/*.h)

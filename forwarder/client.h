@@ -1,0 +1,108 @@
+// The control plane's end of the forwarder's socket.
+//
+// The client keeps everything that the control plane wants, so that a forwarder that is started late, or anew, is told
+// all of it. The other way round, a forwarder outlives control planes: when a connection begins it says what it holds.
+// What this control plane does not want of that is swept at once, or, in a recovery, when the recovery ends: until then
+// a control plane that was started anew does not know yet what it will want, and does not take back what it is going to
+// ask for. A flow that is held on a data MDT does not go to the default MDT, and a tunnel that is up does not go down.
+//
+// Not a thread of its own: the owner waits for descriptor() and calls on_ready(). Callbacks come from there and from
+// fetch().
+#ifndef FORWARDER_CLIENT_H
+#define FORWARDER_CLIENT_H
+
+#include <forwarder/protocol.pb.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <span>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "forwarder/descriptor.h"
+#include "forwarder/framing.h"
+
+namespace forwarder {
+
+struct Counters {
+  std::vector<protocol::VrfCounters> vrfs;
+  std::vector<protocol::FlowCounters> flows;
+  std::vector<protocol::RouteBytes> routes;
+  std::vector<protocol::CoreCounters> core;
+  std::vector<protocol::DropCounter> drops;
+  std::vector<protocol::Event> events;
+};
+
+class Client {
+ public:
+  struct Callbacks {
+    std::function<void(const protocol::Interface &)> interface;
+    std::function<void(const protocol::TunnelState &)> tunnel_state;
+    std::function<void(const protocol::CustomerRoute &)> customer_route;
+    std::function<void(const protocol::Datagram &)> datagram;
+    std::function<void(const std::string &)> log;
+    std::function<void()> connected, disconnected;
+  };
+
+  // path: of the forwarder's socket. name: of this control plane, for the forwarder's log.
+  Client(std::string path, std::string name, Callbacks callbacks);
+
+  // Tries to connect; true when there is a connection. While there is none the owner tries again from time to time.
+  bool connect();
+  int descriptor() const { return socket_.get(); }  // -1: none
+  bool wants_to_write() const { return framing_.unsent(); }
+  void on_ready();
+
+  // Between these two, what the forwarder holds stays. Ending it sweeps.
+  void begin_recovery() { recovering_ = true; }
+  void end_recovery();
+  bool recovering() const { return recovering_; }
+
+  void set(const protocol::Settings &settings);
+  void put(const protocol::Item &item);
+  void remove(const protocol::Item &item);  // its key counts
+  bool send(const std::string &vrf, std::span<const uint8_t> datagram);
+
+  // Asks for all counters and waits for them; nothing when they do not come in time, which ends the connection.
+  std::optional<Counters> fetch(std::chrono::milliseconds timeout);
+
+  // Items that the forwarder held when this connection began.
+  size_t held() const { return held_.size(); }
+
+ private:
+  using Key = std::tuple<int, std::string, uint32_t, uint32_t>;  // kind, VRF, numbers; VRFs come before what is in them
+  using Items = std::map<Key, protocol::Item>;
+
+  static Key key_of(const protocol::Item &item);
+  bool steps_back(const Key &key, const protocol::Item &item) const;
+  void transmit(const protocol::Request &request);
+  void transmit_put(const protocol::Item &item);
+  void sweep();
+  void replay();
+  void flush();
+  void read();
+  void handle(const protocol::Report &report);
+  void greeted(const protocol::Welcome &welcome);
+  bool count(const protocol::Report &report);
+  void disconnect(const std::string &reason);
+
+  std::string path_, name_;
+  Callbacks callbacks_;
+  Descriptor socket_;
+  Framing framing_;
+  bool ready_ = false;  // the forwarder has said what it holds
+  bool recovering_ = false;
+  bool failing_ = false;  // the last attempt to connect failed
+  protocol::Settings settings_;
+  Items wanted_, held_;
+  Counters counters_;
+  uint64_t token_ = 0, answered_ = 0;
+};
+
+}  // namespace forwarder
+
+#endif  // FORWARDER_CLIENT_H

@@ -1,0 +1,113 @@
+// The forwarder in the core's namespace: where core packets leave and arrive, and what it has joined.
+//
+// Packets leave through raw sockets whose headers are ours, a batch at a time, on the interface that has their source:
+// one socket for each such interface. They arrive on one raw socket that joins nothing: a socket without memberships is
+// given everything that the namespace takes in, so a packet arrives once, and the kernel does not search lists of
+// memberships for each. The memberships stand on sockets of their own, which receive nothing. What other programs of the
+// namespace have joined arrives as well and is dropped as unknown.
+//
+// A single source is joined on the interface that the route to it leads to; any source on every interface of the core
+// but the loopback. Both follow the routes and the interfaces.
+#ifndef FORWARDER_CORE_SITE_H
+#define FORWARDER_CORE_SITE_H
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "forwarder/descriptor.h"
+#include "forwarder/kernel_view.h"
+#include "forwarder/memberships.h"
+#include "forwarder/poller.h"
+#include "forwarder/state.h"
+
+namespace forwarder {
+
+constexpr size_t kBatch = 64;  // packets of a system call
+
+class CoreSite {
+ public:
+  struct Callbacks {
+    KernelView::Callbacks view;  // ways_changed is the site's own
+    std::function<void(Vrf &, std::span<const uint8_t>)> arrived;
+    std::function<void(const std::string &)> event;
+  };
+
+  // The process is in the core's namespace. Throws std::runtime_error when a socket cannot be opened.
+  CoreSite(Poller &poller, State &state, Callbacks callbacks);
+  ~CoreSite();
+
+  KernelView &view() { return *view_; }
+  void tick();
+
+  // The interface that core packets leave by; empty: the one that has their source.
+  void set_interface(const std::string &name);
+
+  // A core route came or went.
+  void follow(const CoreKey &key, bool present);
+  // Where a core route is joined; nothing: not at all. Empty name: on every interface of the core.
+  struct Joined {
+    std::string interface;
+    bool joined = false;
+  };
+  Joined joined(const CoreKey &key) const;
+
+  // Room for a packet of the batch: kOuterSize bytes for the outer header, then kCustomerMax. Then queue() it, or take
+  // the room again. queue sends the batch when it is full; flush what is in it.
+  uint8_t *room() { return buffers_.get() + queued_ * kRoom; }
+  void queue(Vrf &vrf, Encapsulation &encapsulation, size_t customer_size);
+  void flush();
+
+ private:
+  static constexpr size_t kRoom = kOuterSize + kCustomerMax;
+
+  void open_receiver();
+  void receive();
+  int sender_for(uint32_t source);
+  void send_failed(size_t at, int error);
+  void send_in_parts(size_t at);
+  void forget_senders();
+
+  std::set<int> interfaces_for(const CoreKey &key) const;
+  void refresh_memberships();
+  void apply(const std::vector<MembershipPlan::Step> &steps);
+  bool set_membership(const MembershipPlan::Step &step);
+
+  Poller &poller_;
+  State &state_;
+  Callbacks callbacks_;
+  std::unique_ptr<KernelView> view_;
+  bool ways_changed_ = false;
+  std::string interface_;
+
+  Descriptor receiver_;
+  std::unique_ptr<uint8_t[]> arrivals_;
+
+  std::map<int, Descriptor> senders_;  // by interface; 0: by the route to the group
+  std::map<uint32_t, int> sender_of_;  // by source
+  uint32_t last_source_ = 0;
+  int last_sender_ = -1;
+  std::unique_ptr<uint8_t[]> buffers_;
+  std::array<mmsghdr, kBatch> messages_{};
+  std::array<iovec, kBatch> parts_{};
+  std::array<sockaddr_in, kBatch> destinations_{};
+  std::array<Vrf *, kBatch> vrfs_{};
+  size_t queued_ = 0;
+  int sender_ = -1;
+
+  MembershipPlan plan_;
+  std::vector<Descriptor> members_;
+  std::map<std::pair<uint32_t, uint32_t>, std::set<int>> joined_;  // interfaces wished, by group and source
+  std::set<MembershipPlan::Step> failed_;                          // joins that the kernel refused; tried again
+};
+
+}  // namespace forwarder
+
+#endif  // FORWARDER_CORE_SITE_H
