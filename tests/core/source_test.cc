@@ -96,6 +96,24 @@ TEST_F(Source, ANewUpdateSourceLeavesConfiguredSourcesAlone) {
   EXPECT_EQ(ref::find_tunnel(red->mti_ifindex)->source, addr("10.0.0.2"));
 }
 
+// A name must not keep the end of a longer one before it; without a name of its own the VRF has BGP's source again.
+TEST_F(Source, AConfiguredSourceIsReplacedByAShorterNameAndByNone) {
+  start();
+  ref::create_interface("loopback100", VRF_CONTEXT_ID_DEFAULT, addr("10.0.0.100"), true);
+  ref::create_interface("lo", VRF_CONTEXT_ID_DEFAULT, addr("10.0.0.2"), true);
+  mvpn_cibtype *red = bring_up("red", 2, "239.1.1.1");
+  for (const auto &[name, address] : {std::pair("loopback100", "10.0.0.100"), std::pair("lo", "10.0.0.2")}) {
+    ASSERT_EQ(command("mdt_source_cmd", "red", {{"<interface>", name}}), 0);
+    ref::settle();
+    EXPECT_EQ(red->mdt_source_addr, addr(address)) << name;
+    EXPECT_EQ(red->mti_status, MVPN_MTI_UP);
+  }
+  ASSERT_EQ(command("mdt_source_cmd", "red", {}, true), 0);
+  ref::settle();
+  EXPECT_EQ(red->mdt_source_addr, addr("10.0.0.1"));
+  EXPECT_EQ(ref::find_tunnel(red->mti_ifindex)->source, addr("10.0.0.1"));
+}
+
 TEST_F(Source, ASourceInterfaceThatGoesDownTakesItsVrfsDownAndBack) {
   start();
   mvpn_cibtype *red = bring_up("red", 2, "239.1.1.1");

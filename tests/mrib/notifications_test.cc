@@ -67,6 +67,37 @@ TEST_F(Notifications, AJoinWithoutASharedTreeAddsNothing) {
   EXPECT_EQ(sources(mvpn), Texts{"10.0.0.1 1"});
 }
 
+// Ordinal 0 stands for no tunnel, in the MRIB's route as in a VRF whose tunnel has not been made.
+TEST_F(Notifications, AJoinWithoutATunnelIsNobodysEvenWhileAVrfHasNone) {
+  start();
+  bring_up("red", 2, "239.1.1.1");
+  ref::set_oim_answers(false);
+  add_vrf("blue", 3);
+  mvpn_cibtype *blue = configure("blue", "239.1.1.2");
+  command("mdt_enforce_bgp_mdt_safi_cmd", "blue", {}, true);
+  ASSERT_EQ(blue->mti_iod, 0u);
+  ref::mrib_add_route(VRF_CONTEXT_ID_DEFAULT, route_addrs("*", "239.1.1.2"), 0);
+  ref::mrib_add_route(VRF_CONTEXT_ID_DEFAULT, route_addrs("10.0.0.9", "239.1.1.2"), 0);
+  ref::mrib_notify_join(VRF_CONTEXT_ID_DEFAULT, route_addrs("10.0.0.9", "239.1.1.2"));
+  ref::settle();
+  EXPECT_EQ(sources(blue), Texts{});
+  ref::set_oim_answers(true);
+  ref::settle();
+}
+
+// The end of enforcement learns the sources that the core has had all along.
+TEST_F(Notifications, TheEndOfEnforcementTakesTheSourcesOfTheCore) {
+  start();
+  mvpn_cibtype *mvpn = bring_up("red", 2, "239.1.1.1");
+  ref::mrib_add_route(VRF_CONTEXT_ID_DEFAULT, route_addrs("10.0.0.9", "239.1.1.1"), 0);
+  ref::settle();
+  ASSERT_EQ(sources(mvpn), Texts{"10.0.0.1 1"});
+  command("mdt_enforce_bgp_mdt_safi_cmd", "red", {}, true);
+  ref::settle();
+  const Texts found = sources(mvpn);
+  EXPECT_NE(std::find(found.begin(), found.end(), "10.0.0.9 2"), found.end());
+}
+
 TEST_F(Notifications, ADeletedRouteIsInstalledAgain) {
   start();
   bring_up("red", 2, "239.1.1.1");

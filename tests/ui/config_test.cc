@@ -55,7 +55,10 @@ using Texts = std::vector<std::string>;
 
 TEST_F(Config, HandlersAreRegisteredInOrder) {
   ASSERT_EQ(mvpn_init(), 1);
+  trace::start();
   mvpn_init_cli();
+  for (const std::string &call : trace::calls_of({"cli_register_cmd"}))
+    EXPECT_TRUE(call.ends_with(",0)")) << call << ": the last argument is reserved";
   const Texts expected = {"mdt_default_cmd",
                           "mdt_source_cmd",
                           "mdt_data_cmd",
