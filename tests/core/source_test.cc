@@ -66,6 +66,45 @@ TEST_F(Source, TheSameAddressOnAnotherInterfaceChangesNoTunnel) {
   EXPECT_TRUE(ref::oim_requests().empty());
 }
 
+// The group is exchanged while the source is away: the tunnel goes, and the VRF waits for its source without one.
+TEST_F(Source, AVrfWithoutTunnelGetsOneWhenItsSourceReturns) {
+  const struct {
+    const char *name;
+    std::function<void()> lose, give_back;
+  } cases[] = {
+      {"interface", [] { ref::set_interface_state("loopback0", false); },
+       [] { ref::set_interface_state("loopback0", true); }},
+      {"address", [] { ref::set_interface_address("loopback0", 0); },
+       [] { ref::set_interface_address("loopback0", addr("10.0.0.5")); }},
+  };
+  start();
+  add_vrf("red", 2);
+  for (const auto &c : cases)
+    for (const bool removed : {false, true}) {
+      SCOPED_TRACE(std::string(c.name) + (removed ? ", group removed meanwhile" : ""));
+      ASSERT_EQ(configure("red", "239.1.1.1")->mti_status, MVPN_MTI_UP);
+      c.lose();
+      ref::settle();
+      command("mdt_default_cmd", "red", {}, true);
+      configure("red", "239.1.1.2");
+      ASSERT_NE(context("red"), nullptr);
+      ASSERT_EQ(context("red")->mti_status, MVPN_MTI_DELETED);
+      if (removed) {
+        command("mdt_default_cmd", "red", {}, true);
+        EXPECT_EQ(context("red"), nullptr) << "nothing is outstanding";
+      }
+      ref::clear_oim_requests();
+      c.give_back();
+      ref::settle();
+      if (removed) continue;
+      EXPECT_EQ(operations().front(), "create");
+      EXPECT_EQ(context("red")->mti_status, MVPN_MTI_UP);
+      command("mdt_default_cmd", "red", {}, true);
+      ref::settle();
+      EXPECT_EQ(context("red"), nullptr);
+    }
+}
+
 TEST_F(Source, AnAddressChangeRebuildsTunnelAdvertisementAndRoutes) {
   start();
   ref::add_ssm_range(addr("239.0.0.0"), 8);

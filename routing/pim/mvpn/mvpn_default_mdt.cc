@@ -280,6 +280,10 @@ void mvpn_start_destroy_default_mdt(mvpn_cibtype *mvpn) {
     case MVPN_MTI_NONE:
       mvpn_finish_destroy_default_mdt(mvpn);
       break;
+    case MVPN_MTI_DELETED:
+      // The tunnel has gone already, in a VRF that was configured again and not ready then.
+      if (mvpn->mti_ifindex == 0) mvpn_finish_destroy_default_mdt(mvpn);
+      break;
     case MVPN_MTI_CREATED:
     case MVPN_MTI_DOWN:
       mvpn_oim_tunnel_delete(mvpn);
@@ -347,6 +351,10 @@ static void follow_new_address(mvpn_cibtype *mvpn) {
     case MVPN_MTI_CREATED:
     case MVPN_MTI_DOWN:
       bring_up_when_ready(mvpn);
+      break;
+    case MVPN_MTI_DELETED:
+      // It was configured again while its tunnel went, and had no source then: nothing else asks for another tunnel.
+      if (mvpn->mti_ifindex == 0 && mvpn_is_default_mdt_ready(mvpn) != 0) mvpn_setup_default_mdt(mvpn);
       break;
     case MVPN_MTI_UP_PENDING:
       mvpn_oim_tunnel_update_source(mvpn);

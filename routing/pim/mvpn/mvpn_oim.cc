@@ -456,7 +456,13 @@ static void source_changed_state(mvpn_cibtype *mvpn, im_iod_t iod, int up) {
   mvpn->mdt_source_context = l3vm_if_get_context_id(iod);
   mvpn->mdt_group_mode = mvpn_get_group_mode(mvpn->mdt_source_context, mvpn->mdt_default_group);
   if (up != 0) {
-    if (mvpn_is_default_mdt_ready(mvpn) != 0) mvpn_oim_bringup_tunnel(mvpn);
+    if (mvpn_is_default_mdt_ready(mvpn) == 0) return;
+    // Without a tunnel there is nothing to bring up: it is set up, as for a VRF that was configured just now.
+    if (mvpn->mti_ifindex != 0) {
+      mvpn_oim_bringup_tunnel(mvpn);
+    } else {
+      mvpn_setup_default_mdt(mvpn);
+    }
   } else if (mvpn->mti_status == MVPN_MTI_UP) {
     mvpn_oim_bringdown_tunnel(mvpn);
   }
