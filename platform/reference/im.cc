@@ -114,6 +114,7 @@ void im_remove(im_iod_t iod) {
   table.by_name.erase(found->second.name);
   table.by_if_index.erase(found->second.if_index);
   table.by_iod.erase(found);
+  pim_interface_gone(iod);
 }
 
 Interface *im_find(im_iod_t iod) {

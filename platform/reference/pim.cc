@@ -177,6 +177,10 @@ void set_pcib_usable(std::string_view name, bool usable) {
   if (Context *context = context_of(name)) context->usable = usable;
 }
 
+void pim_interface_gone(im_iod_t iod) {
+  if (pim_iftype *record = record_of(iod)) stop_hellos(*record);
+}
+
 void add_ssm_range(ip_addr_t prefix, uint32_t length) { add_range(process.ssm, prefix, length); }
 void add_bidir_range(ip_addr_t prefix, uint32_t length) { add_range(process.bidir, prefix, length); }
 void remove_ssm_range(ip_addr_t prefix, uint32_t length) { remove_range(process.ssm, prefix, length); }

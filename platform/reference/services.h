@@ -67,6 +67,8 @@ pim_cibtype *pim_adopt_context(std::string_view name, vrf_context_id_t context_i
 void pim_drop_context(pim_cibtype *pcib);
 pim_cibtype *pim_find(std::string_view name);
 PimCounters &pim_count();
+// An interface has gone: no hellos leave it any more. Its PIM record stays, since the module may still know it.
+void pim_interface_gone(im_iod_t iod);
 
 // --------------------------------------------------------------------------------------------------------- tunnels
 
