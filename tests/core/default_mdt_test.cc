@@ -369,6 +369,49 @@ TEST_F(DefaultMdt, AVrfThatVanishesInAnyYieldOfItsTeardownIsSafe) {
   }
 }
 
+// Its successor, which has the address of the context that is being taken apart, is not taken apart with it.
+TEST_F(DefaultMdt, AVrfThatIsConfiguredAnewInAnyYieldOfATeardownStaysWhole) {
+  start();
+  add_vrf("red", 2);
+  bool replaced = true;
+  unsigned yields = 0;
+  for (unsigned at = 1; replaced; at++) {
+    SCOPED_TRACE(at);
+    mvpn_cibtype *red = configure("red", "239.1.1.1");
+    ASSERT_EQ(red->mti_status, MVPN_MTI_UP);
+    ref::set_mrib_acks(false);
+    for (uint32_t i = 0; i < 250; i++)
+      mvpn_mdt_add_route_resources(red, MVPN_MDT_ROUTE_REMOTE_DATA, addr("10.1.0.0") + i, 1, addr("239.7.7.7"), 0);
+    replaced = false;
+    trace::on_yield([&](unsigned n) {
+      if (n != at) return false;
+      replaced = true;
+      trace::on_yield(nullptr);
+      ref::set_mrib_acks(true);
+      const if_index_t tunnel = red->mti_ifindex;
+      command("mdt_default_cmd", "red", {}, true);
+      oim_response(MTS_OPC_OIM_IF_DELETE_RESPONSE, {{tunnel, 0, 0}});
+      ref::settle();
+      EXPECT_EQ(context("red"), nullptr);
+      EXPECT_EQ(configure("red", "239.1.1.2"), red) << "the slab gives the same address";
+      return true;
+    });
+    mvpn_default_tunnel_down(red, 0);
+    trace::on_yield(nullptr);
+    ref::set_mrib_acks(true);
+    if (replaced) {
+      EXPECT_EQ(red->mti_status, MVPN_MTI_UP);
+      EXPECT_EQ(red->mdt_route_count, 1u);
+      EXPECT_EQ(red->mdt_encap_group[MVPN_ENCAP_INDEX_DEFAULT], addr("239.1.1.2"));
+      yields = at;
+    }
+    command("mdt_default_cmd", "red", {}, true);
+    ref::settle();
+    ASSERT_EQ(context("red"), nullptr);
+  }
+  EXPECT_GT(yields, 0u) << "the teardown must yield";
+}
+
 TEST_F(DefaultMdt, AThousandVrfsComeUpAndGoDown) {
   constexpr uint32_t kVrfs = 1000;
   start();

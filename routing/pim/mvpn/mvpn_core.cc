@@ -18,7 +18,8 @@
 //   - mvpn_mvrf_count is the number of contexts in the indexes.
 //
 // Yields. Whoever lets other work run may find the VRF deleted, or deleted and configured anew, afterwards; VRFs are
-// therefore remembered by name and looked up again (mvpn_vrf_handle, mvpn_may_sched_yield).
+// therefore remembered by name and looked up again (mvpn_vrf_handle, mvpn_may_sched_yield). A successor may lie where
+// its predecessor lay: what must not go on in it compares serial numbers, not addresses.
 #include "routing/pim/mvpn/mvpn_core.h"
 
 #include <algorithm>
@@ -331,6 +332,11 @@ mvpn_cibtype *mvpn_vrf_handle::get() const {
   return name_.text()[0] != '\0' ? mvpn_get_context(name_.text()) : nullptr;
 }
 
+bool mvpn_vrf_handle::same() const {
+  const mvpn_cibtype *mvpn = get();
+  return mvpn != nullptr && mvpn->serial == serial_;
+}
+
 mvpn_cibtype *mvpn_may_sched_yield(mvpn_cibtype *mvpn) {
   const mvpn_vrf_handle vrf(mvpn);
   if (tsp_sched_may_yield() == 0) return mvpn;
@@ -351,11 +357,14 @@ static pim_cibtype *find_or_create_pcib(const char *vrf_name) {
   return pcib;
 }
 
+static uint64_t last_serial;
+
 // A zeroed context that knows its VRF and stands in the indexes; null after a report.
 static mvpn_cibtype *allocate_context(pim_cibtype *pcib) {
   auto *mvpn = static_cast<mvpn_cibtype *>(slab_calloc(mvpn_slabs[MVPN_SLAB_CIBTYPE]));
   if (mvpn != nullptr) {
     mvpn->pcib = pcib;
+    mvpn->serial = ++last_serial;
     if (add_to_indexes(mvpn) != 0) return mvpn;
     slab_free(mvpn_slabs[MVPN_SLAB_CIBTYPE], mvpn);
   }

@@ -53,16 +53,17 @@ class mvpn_vrf_name {
   char text_[VRF_NAME_MAX + 1] = {};
 };
 
-// mvpn_vrf_handle remembers a VRF across yields: get() gives its context of now, same() whether it is the remembered.
+// Remembers a VRF across yields: get() gives the context that it has now, same() tells whether that is the remembered
+// one. Contexts are compared by their serial numbers: the address of one that was freed is given to the next.
 class mvpn_vrf_handle {
  public:
-  explicit mvpn_vrf_handle(mvpn_cibtype *mvpn) : mvpn_(mvpn), name_(mvpn) {}
+  explicit mvpn_vrf_handle(const mvpn_cibtype *mvpn) : name_(mvpn), serial_(mvpn != nullptr ? mvpn->serial : 0) {}
   mvpn_cibtype *get() const;  // null when the VRF or its context went away
-  bool same() const { return get() == mvpn_ && mvpn_ != nullptr; }
+  bool same() const;
 
  private:
-  mvpn_cibtype *mvpn_;
   mvpn_vrf_name name_;
+  uint64_t serial_;  // 0: no context
 };
 
 // Contexts: creation with defaults (by PIM context, or by VRF name when pcib is null), defaults.

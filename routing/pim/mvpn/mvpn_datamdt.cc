@@ -346,7 +346,8 @@ void mvpn_destroy_all_data_mdt_send_join_info(mvpn_cibtype *mvpn) {
   if (mvpn->pcib == nullptr) return;
   const pim_write_guard pim_lock;
   // A context that took this one's place in a yield keeps its records.
-  for_each_customer_route(mvpn, [mvpn](const mvpn_cibtype *now, const mvpn_mdt_route_addrs &, pim_route *croute) {
-    if (now == mvpn) mvpn_destroy_data_mdt_send_join_info(croute);
+  const uint64_t serial = mvpn->serial;
+  for_each_customer_route(mvpn, [serial](const mvpn_cibtype *now, const mvpn_mdt_route_addrs &, pim_route *croute) {
+    if (now->serial == serial) mvpn_destroy_data_mdt_send_join_info(croute);
   });
 }

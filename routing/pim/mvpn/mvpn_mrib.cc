@@ -332,7 +332,9 @@ static bool drop_route(mvpn_cibtype *mvpn, const mvpn_vrf_handle &vrf, mvpn_mdt_
   mvpn_mdt_free_route_resources(route);
   if (may_yield && !vrf.same()) return false;
   *dropped += 1;
-  return *dropped % frees_per_yield != 0 || mvpn_may_sched_yield(mvpn) == mvpn;
+  if (*dropped % frees_per_yield != 0) return true;
+  mvpn_may_sched_yield(mvpn);
+  return vrf.same();
 }
 
 static void schedule_deletion(mvpn_mdt_route *route, uint8_t teardown) {
@@ -514,12 +516,16 @@ static void repopulate_route(mvpn_mdt_route *route, const mvpn_mdt_route_addrs *
 }
 
 static void repopulate_vrf(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *filter, uint32_t route_type) {
+  const mvpn_vrf_handle vrf(mvpn);
   uint32_t visited = 0;
   mvpn_mdt_route *route = first_candidate(mvpn, filter);
   while (route != nullptr) {
     const ip_addr_t source = route->source, group = route->group;
     repopulate_route(route, filter, route_type);
-    if (++visited % visits_per_yield == 0 && mvpn_may_sched_yield(mvpn) != mvpn) return;
+    if (++visited % visits_per_yield == 0) {
+      mvpn_may_sched_yield(mvpn);
+      if (!vrf.same()) return;
+    }
     route = next_candidate(mvpn, filter, source, group);
   }
 }
