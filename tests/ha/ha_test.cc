@@ -280,6 +280,37 @@ TEST_F(HighAvailability, FlowsKeepTheirChoicesOverARestart) {
   EXPECT_EQ(active_flow("172.16.9.1", groups[1])->send_join_info->encap_index, 3) << "the lowest free one";
 }
 
+// The flows come back in another order than they were switched first.
+TEST_F(HighAvailability, FlowsKeepTheirChoicesOverAFlapOfTheTunnel) {
+  start_red();
+  range("239.2.0.0/24");
+  open_recovery();
+  pim_route *first = active_flow("192.168.1.10", "232.1.1.1");
+  pim_route *second = active_flow("192.168.1.10", "232.1.1.2");
+  const Texts before = stored();
+  ASSERT_EQ(before.size(), 2u);
+  ref::set_interface_state("loopback0", false);
+  ref::settle();
+  EXPECT_EQ(first->send_join_info, nullptr);
+  EXPECT_EQ(stored(), before);
+  ref::set_interface_state("loopback0", true);
+  ref::settle();
+  check(second);
+  check(first);
+  EXPECT_EQ(stored(), before);
+  EXPECT_EQ(second->send_join_info->encap_index, 3u);
+  // After the period a choice goes with its flow, whether or not the flow has made it again.
+  mvpn_ha_recovery_stop();
+  ref::set_interface_state("loopback0", false);
+  ref::settle();
+  ref::set_interface_state("loopback0", true);
+  ref::settle();
+  check(second);
+  remove("192.168.1.10", "232.1.1.1");
+  remove("192.168.1.10", "232.1.1.2");
+  EXPECT_EQ(stored(), Texts{});
+}
+
 TEST_F(HighAvailability, StoredChoicesAreAnnouncedUnconditionally) {
   mvpn_cibtype *mvpn = start_red();
   const auto announced = [] {

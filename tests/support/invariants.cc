@@ -129,7 +129,8 @@ class VrfCheck {
   std::map<std::pair<const mvpn_data_mdt_range *, ip_addr_t>, uint32_t> flows_;
 };
 
-// Every persisted choice of a live VRF is that of a flow with the same index and group, outside a recovery period.
+// Every persisted choice of a live VRF is that of a flow with the same index and group, outside a recovery period; also
+// that of a flow which its tunnel has left, and which has made no other choice since.
 void check_store(std::vector<std::string> *wrong) {
   if (mvpn_ha_recovery_timer != nullptr) return;
   for (const auto &[key, value] : ref::pss_records()) {
@@ -144,6 +145,9 @@ void check_store(std::vector<std::string> *wrong) {
     }
     mvpn_mdt_route_addrs addrs = mvpn_ha_addrs_of_encap_key(key.data());
     const pim_route *croute = pim_get_route_from_pt(pcib, &addrs);
+    const bool on_data_mdt =
+        croute != nullptr && croute->send_join_info != nullptr && croute->send_join_info->mdt_route != nullptr;
+    if (croute != nullptr && !on_data_mdt && pcib->mvpn->unclaimed_choices != 0) continue;
     if (croute == nullptr || croute->send_join_info == nullptr ||
         croute->send_join_info->encap_index != stored.encap_index || croute->send_join_info->group != stored.mdt_group)
       wrong->push_back(std::string(pcib->vrf_name) + ": a stored choice is that of no flow");

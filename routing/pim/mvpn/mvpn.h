@@ -172,6 +172,7 @@ struct mvpn_cibtype {
   mvpn_last_change_t last_change_code;
   // Own bookkeeping behind the fields above.
   uint64_t serial;                            // 1.., never given twice: tells a context from one that took its place
+  uint8_t unclaimed_choices;                  // 1: flows may have a persisted choice and no data MDT
   uint32_t data_mdt_join_capacity;            // bytes allocated at data_mdt_join_pkt; 0 = none
   uint32_t data_mdt_recv_count;               // records in data_mdt_recv_cache
   uint32_t data_mdt_recv_mapped;              // of these, records that refer to a core route

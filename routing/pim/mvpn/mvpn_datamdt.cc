@@ -4,7 +4,8 @@
 // Records: a VRF's ranges form a list that is searched from its head; each counts the flows on its first 1024 groups. A
 // customer route that was looked at carries a send record. While the flow is on a data MDT the record names its range,
 // its core route, its group and its index, and it holds one count of the group, one place among the core route's
-// referers and one persisted choice. These come and go together: take_group, give_back_group.
+// referers and one persisted choice. These come and go together: take_group, give_back_group. Only when the record goes
+// with its tunnel does the choice stay in the store, until the flow makes another or goes itself (unclaimed_choices).
 //
 // Invariants: a send record has a core route if and only if its customer route is among that route's referers; no record
 // names a range that is not in the list; an index is handed out only with its entry in the VRF's encapsulation table.
@@ -134,11 +135,9 @@ bool take_fresh(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, mvpn_data_m
   return true;
 }
 
-// Takes one flow off a group's count and forgets its persisted choice; true when other flows still use the group. The
-// choice goes also when the count is 0 already: a teardown that tells the MRIB clears all counts before the flows end.
-bool drop_count(mvpn_cibtype *mvpn, mvpn_data_mdt_range *range, ip_addr_t group, const mvpn_mdt_route_addrs *key,
-                const mvpn_mdt_route *route) {
-  mvpn_ha_delete_encap_info(mvpn, key);
+// Takes one flow off a group's count, which a teardown that tells the MRIB has cleared before; true when other flows
+// still use the group.
+bool drop_count(mvpn_data_mdt_range *range, ip_addr_t group, const mvpn_mdt_route *route) {
   const uint32_t slot = mvpn_data_mdt_pool_slot(range, group);
   if (slot == MVPN_DATA_MDT_POOL_GROUPS) return route != nullptr && mvpn_mdt_mroute_has_referer(route) != 0;
   if (range->group_refcount[slot] != 0) range->group_refcount[slot]--;
@@ -154,13 +153,16 @@ void trace_last_flow(mvpn_cibtype *mvpn, const mvpn_mdt_route *route) {
 }
 
 // Gives back what the record of a flow holds, without a word to the MRIB: for records that go away with their tunnel.
+// The persisted choice stays: a tunnel that flaps in the recovery period must not cost the flow its former group.
 void drop_flow(pim_route *croute) {
   mvpn_data_mdt_send_join_info *record = croute->send_join_info;
   mvpn_mdt_route *route = record->mdt_route;
   if (route == nullptr) return;
   mvpn_mdt_mroute_delink_referer(route, croute);
   record->mdt_route = nullptr;
-  if (record->config != nullptr) drop_count(route->mvpn, record->config, record->group, &croute->addrs, route);
+  if (record->config == nullptr) return;
+  drop_count(record->config, record->group, route);
+  route->mvpn->unclaimed_choices = 1;
 }
 
 // Whether the source of a flow lies on this PE's side.
@@ -199,7 +201,8 @@ void mvpn_give_back_data_mdt_group(mvpn_cibtype *mvpn, mvpn_data_mdt_range *rang
                                    const mvpn_mdt_route_addrs *key, mvpn_mdt_route *route, int wakeup,
                                    mvpn_release_trace trace) {
   // 2. Other flows keep the group.
-  if (drop_count(mvpn, range, group, key, route)) return;
+  mvpn_ha_delete_encap_info(mvpn, key);
+  if (drop_count(range, group, route)) return;
   // 3.
   mvpn_delete_mdt_encap_info(mvpn, group);
   // 4.

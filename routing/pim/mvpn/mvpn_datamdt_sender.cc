@@ -15,6 +15,7 @@
 #include "routing/pim/mvpn/mvpn_datamdt_pool.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
 #include "routing/pim/mvpn/mvpn_mrib.h"
 
 namespace {
@@ -267,6 +268,8 @@ void mvpn_data_mdt_unmap_receiver_from_local_source(mvpn_cibtype *mvpn, pim_rout
       MVPN_DEBUG(vrf->pcib, "Unmapping receiver from local source for (%s, %s)", ip_print_addr(route->source),
                  ip_print_addr(route->group));
     });
+  // Nobody is going to claim the choice that a teardown left of this flow, unless a recovery period is open.
+  if (mvpn->unclaimed_choices != 0 && mvpn_ha_recovery_timer == nullptr) mvpn_ha_delete_encap_info(mvpn, key);
   // 3.
   if (mvpn_switchover_entry *entry = mvpn_get_entry_from_switchover_cache(mvpn, croute))
     mvpn_delete_entry_from_switchover_cache(mvpn, entry);
