@@ -174,12 +174,31 @@ TEST_F(Switchover, ACacheEntryThatCannotBeMadeLeavesTheFlowPending) {
   mvpn_process_data_mdt_switchover_expiry(mvpn);
   EXPECT_EQ(croute->send_join_info->state, PENDING) << "announced, not finished";
   check_invariants();
+  check(croute);
+  EXPECT_NE(mvpn_get_entry_from_switchover_cache(mvpn, croute), nullptr) << "the next check makes it";
+  mvpn_process_data_mdt_switchover_expiry(mvpn);
+  EXPECT_EQ(croute->send_join_info->state, ACTIVE);
   // The key is the address alone, whatever lies behind it.
   mvpn_mdt_route_addrs padded = key;
   padded.padding[0] = padded.padding[1] = 0xAA;
   mvpn_switchover_entry *entry = mvpn_add_entry_to_switchover_cache(mvpn, &padded, croute);
   ASSERT_NE(entry, nullptr);
   EXPECT_EQ(mvpn_get_entry_from_switchover_cache(mvpn, croute), entry);
+}
+
+// A change of the reverse path withdraws the flow from the receiving side, and its switchover entry with it.
+TEST_F(Switchover, AFlowThatMovesDuringItsSwitchoverIsSwitchedAllTheSame) {
+  mvpn_cibtype *mvpn = start_red();
+  range("239.2.0.0/24");
+  pim_route *croute = flow("172.16.9.1", "225.0.0.1");
+  check(croute);
+  ref::CustomerRoute moved = flow_of("172.16.9.1", "225.0.0.1");
+  moved.rpf_neighbor = addr("172.16.0.3");
+  ASSERT_EQ(set(moved), croute);
+  ASSERT_EQ(mvpn_get_entry_from_switchover_cache(mvpn, croute), nullptr);
+  check(croute);
+  mvpn_process_data_mdt_switchover_expiry(mvpn);
+  EXPECT_EQ(croute->send_join_info->state, ACTIVE);
 }
 
 TEST_F(Switchover, OneOfThreeFlowsLeavesTheGroupToTheOthers) {

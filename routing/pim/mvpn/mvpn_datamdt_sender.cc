@@ -65,6 +65,10 @@ bool check_state(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route 
       }
       return false;
     case MVPN_DATA_MDT_STATE_SWITCHOVER_PENDING:
+      // A withdrawal has dropped its entry, or none could be stored: without one nothing would end the switchover.
+      if (mvpn_get_entry_from_switchover_cache(mvpn, croute) == nullptr) {
+        mvpn_add_entry_to_switchover_cache(mvpn, key, croute);
+      }
       return false;
     case MVPN_DATA_MDT_STATE_ACTIVE:
       if (over) return false;
