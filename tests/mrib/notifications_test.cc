@@ -158,6 +158,17 @@ TEST_F(Notifications, AClearDropsSilentlyAndRebuilds) {
   EXPECT_EQ(sources(mvpn), (Texts{"10.0.0.1 1", "10.0.0.9 2"}));
 }
 
+TEST_F(Notifications, AClearRebuildsNothingForAVrfWhoseGroupIsGone) {
+  start();
+  mvpn_cibtype *mvpn = bring_up("red", 2, "239.1.1.1");
+  ref::set_oim_answers(false);
+  command("mdt_default_cmd", "red", {}, true);
+  ref::mrib_notify_clear(VRF_CONTEXT_ID_DEFAULT, mvpn_mdt_route_addrs{}, false, false);
+  ref::settle();
+  EXPECT_EQ(sources(mvpn), Texts{});
+  ref::set_oim_answers(true);
+}
+
 TEST_F(Notifications, AVrfThatVanishesWhileItsRoutesAreClearedIsLeftAlone) {
   start();
   mvpn_cibtype *mvpn = bring_up("red", 2, "239.1.1.1");

@@ -479,9 +479,9 @@ static void clear_and_rebuild(mvpn_cibtype *mvpn, const notify_entry &cleared) {
   const int dropped =
       mvpn_mrib_clear_mdt_routes(mvpn, &cleared.addrs, 0, 0, cleared.only_shared, cleared.only_source, 0, 0);
   if (!vrf.same()) return;
-  // 2, 3.
+  // 2, 3. A VRF whose group is gone already has no default MDT to rebuild.
   refresh_group_mode(mvpn);
-  if (dropped == 0) return;
+  if (dropped == 0 || mvpn->mdt_default_group == 0) return;
   mvpn_repopulate_default_mdt_route_from_local_cache(mvpn);
   if (vrf.same()) mvpn_repopulate_default_mdt_routes_from_bgp_cache(mvpn);
 }
