@@ -212,7 +212,7 @@ uint64_t refused_announcements() {
   pim_cib_iterator iterator;
   for (const pim_cibtype *pcib = pim_get_first_cib_by_name(&iterator); pcib != nullptr;
        pcib = pim_get_next_cib_by_name(&iterator))
-    if (pcib->mvpn != nullptr) refused += pcib->mvpn->data_mdt_recv_refused;
+    if (pcib->mvpn != nullptr) refused += pcib->mvpn->data_mdt_recv_refused.count;
   return refused;
 }
 

@@ -383,15 +383,26 @@ TEST_F(Receive, TheCacheIsBounded) {
   EXPECT_NE(hear("172.16.7.1", "225.0.0.1", "239.7.0.1"), nullptr);
   EXPECT_NE(hear("172.16.7.1", "225.0.0.2", "239.7.0.2"), nullptr);
   EXPECT_EQ(hear("172.16.7.1", "225.0.0.3", "239.7.0.3"), nullptr);
-  EXPECT_EQ(mvpn->data_mdt_recv_refused, 1u);
+  EXPECT_EQ(mvpn->data_mdt_recv_refused.count, 1u);
   EXPECT_EQ(hear("172.16.7.1", "225.0.0.1", "239.7.0.1")->join_count, 2u) << "known ones go on";
   const auto *replaced = hear("172.16.7.1", "225.0.0.2", "239.7.0.9");
   ASSERT_NE(replaced, nullptr);
   EXPECT_EQ(dotted(replaced->p_grp), "239.7.0.9");
   expire_all();
   EXPECT_NE(hear("172.16.7.1", "225.0.0.3", "239.7.0.3"), nullptr);
-  EXPECT_EQ(mvpn->data_mdt_recv_refused, 1u);
+  EXPECT_EQ(mvpn->data_mdt_recv_refused.count, 1u);
   mvpn_data_mdt_recv_cache_limit = limit;
+}
+
+TEST_F(Receive, OnlyMulticastGroupsAreJoined) {
+  mvpn_cibtype *mvpn = start_red();
+  receiver("172.16.7.1", "225.0.0.1");
+  for (const char *group : {"10.1.2.3", "0.0.0.0", "223.255.255.255", "240.0.0.0"})
+    EXPECT_EQ(hear("172.16.7.1", "225.0.0.1", group), nullptr) << group;
+  EXPECT_EQ(mvpn->data_mdt_recv_invalid.count, 4u);
+  EXPECT_EQ(core_routes(mvpn), Texts{"10.0.0.1 239.1.1.1 1"});
+  for (const char *group : {"224.0.0.0", "239.255.255.255"})
+    EXPECT_NE(hear("172.16.7.1", "225.0.0.1", group), nullptr) << group;
 }
 
 TEST_F(Receive, DestroyingALongCacheStopsWhenTheVrfGoes) {

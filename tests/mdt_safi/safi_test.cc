@@ -365,4 +365,16 @@ TEST_F(Safi, AHundredThousandStrangersDoNotSlowAVrfDown) {
   EXPECT_EQ(mvpn->mdt_route_count, 1u);
 }
 
+TEST_F(Safi, OnlyMulticastGroupsAreTakenFromRemotePes) {
+  start();
+  const auto entry = [](const char *group) {
+    return std::vector<ref::MdtSafi>{{addr("10.0.0.9"), {0, 0, 0, 1, 0, 0, 0, 9}, addr(group), {}}};
+  };
+  remote_update(entry("10.1.1.1"), true);
+  remote_update(entry("240.1.1.1"), true);
+  EXPECT_EQ(mvpn_bgp_mdt_safi_db.count, 0u);
+  remote_update(entry("232.1.1.1"), true);
+  EXPECT_EQ(mvpn_bgp_mdt_safi_db.count, 1u);
+}
+
 }  // namespace

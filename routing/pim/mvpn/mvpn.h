@@ -119,7 +119,16 @@ constexpr uint32_t MVPN_ENCAP_INDEX_DEFAULT = 1;             // default MDT
 constexpr uint32_t MVPN_ENCAP_INDEX_FIRST_DATA = 2;          // first index of a data MDT
 constexpr uint32_t MVPN_DATA_MDT_POOL_GROUPS = 1024;         // groups that a range can hand out
 
+// Whether an address is in 224.0.0.0/4.
+constexpr bool mvpn_is_multicast(ip_addr_t address) { return address >> 28 == 0xE; }
+
 // --------------------------------------------------------------------------------------------------------- records
+
+// What arrived from outside and was refused: it may arrive at any rate, so it is counted and seldom said.
+struct mvpn_refusals {
+  uint32_t count;        // so far
+  zeph_timestamp noted;  // monotonic: when that was last said; 0 = never
+};
 
 // A range of data-MDT groups of a VRF. Tracked buffer, zero-filled.
 struct mvpn_data_mdt_range {
@@ -171,13 +180,13 @@ struct mvpn_cibtype {
   zeph_timestamp last_change_time;       // monotonic
   mvpn_last_change_t last_change_code;
   // Own bookkeeping behind the fields above.
-  uint64_t serial;                            // 1.., never given twice: tells a context from one that took its place
-  uint8_t unclaimed_choices;                  // 1: flows may have a persisted choice and no data MDT
-  uint32_t data_mdt_join_capacity;            // bytes allocated at data_mdt_join_pkt; 0 = none
-  uint32_t data_mdt_recv_count;               // records in data_mdt_recv_cache
-  uint32_t data_mdt_recv_mapped;              // of these, records that refer to a core route
-  uint32_t data_mdt_recv_refused;             // announcements dropped because the cache was full
-  zeph_timestamp data_mdt_recv_refusal_time;  // monotonic: when that was last said; 0 = never
+  uint64_t serial;                      // 1.., never given twice: tells a context from one that took its place
+  uint8_t unclaimed_choices;            // 1: flows may have a persisted choice and no data MDT
+  uint32_t data_mdt_join_capacity;      // bytes allocated at data_mdt_join_pkt; 0 = none
+  uint32_t data_mdt_recv_count;         // records in data_mdt_recv_cache
+  uint32_t data_mdt_recv_mapped;        // of these, records that refer to a core route
+  mvpn_refusals data_mdt_recv_refused;  // announcements dropped because the cache was full
+  mvpn_refusals data_mdt_recv_invalid;  // announcements dropped because their data group is no multicast group
 };
 
 // Core route of a VRF. Slab object; freed by mvpn_mdt_free_route_resources only.

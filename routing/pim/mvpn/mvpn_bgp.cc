@@ -47,8 +47,20 @@ static mvpn_cibtype *context_of_group(ip_addr_t group) {
 
 static bool is_tunnel_up(const mvpn_cibtype *mvpn) { return mvpn != nullptr && mvpn->mti_status == MVPN_MTI_UP; }
 
+// A PE may have no group, which harms nobody; what is no multicast group cannot be a default MDT.
+static bool is_refused(const mvpn_bgp_mdt_safi_key &key) {
+  if (key.mdt_grp == 0 || mvpn_is_multicast(key.mdt_grp)) return false;
+  static mvpn_refusals refused;
+  if (mvpn_note_refusal(&refused)) {
+    syslog_log(4, "MDT SAFI entry of %s refused: %s is no multicast group; %u refused so far",
+               ip_print_addr(key.mdt_src), ip_print_addr(key.mdt_grp), refused.count);
+  }
+  return true;
+}
+
 // An advertised entry. 0: it is new and could not be stored.
 static int advertise_entry(const mvpn_bgp_mdt_safi_key &key, mvpn_cibtype *mvpn) {
+  if (is_refused(key)) return 0;
   // 1. Known: the stored group stays.
   if (mvpn_bgp_get_mdt_safi_entry(&key) != nullptr) {
     SAFI_DEBUG("Received MDT SAFI message from BGP:RD %s, src = %s, grp = %s already exists", key);

@@ -33,7 +33,6 @@ constexpr uint32_t kGroupBits = 32;
 constexpr uint32_t kGroupSourceBits = 64;
 constexpr uint32_t kKeyBits = MVPN_RECV_KEY_BYTES * 8;
 constexpr uint64_t kNanosecondsPerSecond = 1000000000;
-constexpr uint64_t kSecondsBetweenRefusals = 60;
 
 using Record = mvpn_data_mdt_recv_join_info;
 
@@ -104,16 +103,17 @@ bool join_route(mvpn_cibtype *mvpn, Record *record, mvpn_mdt_route *route) {
   return true;
 }
 
-// Says that a VRF's cache is full, at most once a minute.
-void note_refusal(mvpn_cibtype *mvpn) {
-  zeph_timestamp &last = mvpn->data_mdt_recv_refusal_time;
-  mvpn->data_mdt_recv_refused++;
-  zeph_timestamp now{};
-  zeph_sys_mclock_get(&now);
-  if (last.seconds != 0 && now.seconds - last.seconds < kSecondsBetweenRefusals) return;
-  last = now;
+void note_full_cache(mvpn_cibtype *mvpn) {
+  if (!mvpn_note_refusal(&mvpn->data_mdt_recv_refused)) return;
   syslog_log(4, "VRF %s: an announced data MDT is dropped, %u are kept already; %u dropped so far",
-             mvpn->pcib->vrf_name, mvpn->data_mdt_recv_count, mvpn->data_mdt_recv_refused);
+             mvpn->pcib->vrf_name, mvpn->data_mdt_recv_count, mvpn->data_mdt_recv_refused.count);
+}
+
+// What is no multicast group would be installed as a core route all the same.
+void note_invalid_group(mvpn_cibtype *mvpn, ip_addr_t group, ip_addr_t peer) {
+  if (!mvpn_note_refusal(&mvpn->data_mdt_recv_invalid)) return;
+  syslog_log(4, "VRF %s: PE %s announces %s, which is no multicast group; %u dropped so far", mvpn->pcib->vrf_name,
+             ip_print_addr(peer), ip_print_addr(group), mvpn->data_mdt_recv_invalid.count);
 }
 
 bool is_tunnel(im_iod_t iod) { return ksink_im_is_mvpn_tunnel(iod) != 0; }
@@ -153,6 +153,10 @@ void mvpn_build_data_mdt_recv_join_info_pt_key(ip_addr_t c_src, ip_addr_t c_grp,
 
 void mvpn_add_data_mdt_recv_join_info(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_addr_t c_grp, ip_addr_t p_src,
                                       ip_addr_t p_grp) {
+  if (!mvpn_is_multicast(p_grp)) {
+    note_invalid_group(mvpn, p_grp, p_src);
+    return;
+  }
   // 1. Only the PE towards the source is believed.
   if (c_src != 0) {
     const mvpn_mdt_route_addrs addrs = s_g_addrs(c_src, c_grp);
@@ -187,7 +191,7 @@ Record *mvpn_get_data_mdt_recv_join_info(mvpn_cibtype *mvpn, ip_addr_t c_src, ip
 Record *mvpn_create_data_mdt_recv_join_info(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_addr_t c_grp, ip_addr_t p_src,
                                             ip_addr_t p_grp) {
   if (mvpn->data_mdt_recv_count >= mvpn_data_mdt_recv_cache_limit) {
-    note_refusal(mvpn);
+    note_full_cache(mvpn);
     return nullptr;
   }
   auto *record = static_cast<Record *>(slab_calloc(mvpn_slabs[MVPN_SLAB_RECV_JOIN_INFO]));

@@ -91,6 +91,18 @@ void mvpn_report_texts(const syslog_descriptor &descriptor, uint32_t count, cons
   if (descriptor.wants_traceback != 0) syslog_traceback(&descriptor);
 }
 
+// ----------------------------------------------------------------------------------------------------------- refusals
+
+bool mvpn_note_refusal(mvpn_refusals *refusals) {
+  constexpr uint64_t seconds_between_messages = 60;
+  refusals->count++;
+  zeph_timestamp now{};
+  zeph_sys_mclock_get(&now);
+  if (refusals->noted.seconds != 0 && now.seconds - refusals->noted.seconds < seconds_between_messages) return false;
+  refusals->noted = now;
+  return true;
+}
+
 // --------------------------------------------------------------------------------------------------- tracked buffers
 
 void *mvpn_tracked_alloc(mtrack_type type, size_t size, size_t reported_size, const char *file, int line,

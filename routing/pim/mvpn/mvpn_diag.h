@@ -55,6 +55,9 @@ class mvpn_report_text {
   char digits_[24];
 };
 
+// Counts something that was refused. True when it is to be said: at most once a minute.
+bool mvpn_note_refusal(mvpn_refusals *refusals);
+
 // Reports an error: a descriptor and its arguments, texts or numbers.
 template <typename... Arguments>
 void mvpn_report(const syslog_descriptor &descriptor, const Arguments &...arguments) {

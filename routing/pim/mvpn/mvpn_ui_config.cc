@@ -301,7 +301,7 @@ static bool check_range_arguments(cli_command *command, const mvpn_cibtype *mvpn
     cli_cmd_printf(command, "Policy name too long. Maximum length is %d\n", static_cast<int>(longest_name));
     return false;
   }
-  if (wanted.prefix >> 28 != 0xE || wanted.length > MROUTE_HOST_LEN) {
+  if (!mvpn_is_multicast(wanted.prefix) || wanted.length > MROUTE_HOST_LEN) {
     cli_cmd_printf(command, "Invalid group range\n");
     return false;
   }
