@@ -1,5 +1,6 @@
 // Configuration commands: their checks and messages, interactive and replayed, and the end of the replay.
 #include <cstring>
+#include <set>
 
 #include "routing/pim/mvpn/mvpn_core.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"
@@ -325,6 +326,39 @@ TEST_F(Config, EnforcementAndSharedTreesDependOnEachOther) {
   EXPECT_EQ(command("mdt_asm_use_shared_tree_cmd", "red", {}, false, false), 0);
   EXPECT_TRUE(ref::oim_requests().empty()) << "a replayed command leaves the tunnel alone";
   command("mdt_asm_use_shared_tree_cmd", "red", {}, true, false);
+}
+
+// In each mode: a VRF that came up without enforcement has, once it enforces, the routes of one that came up with it.
+TEST_F(Config, EnforcementOnAVrfThatIsUpInstallsWhatABringUpInstalls) {
+  const auto routes = [] {
+    std::set<std::pair<ip_addr_t, ip_addr_t>> out;
+    for (const ref::MribRoute &route : ref::mrib_routes()) out.insert({route.addrs.source, route.addrs.group});
+    return out;
+  };
+  start();
+  add_vrf("red", 2);
+  ref::add_ssm_range(addr("239.2.0.0"), 16);
+  ref::add_bidir_range(addr("239.3.0.0"), 16);
+  for (const char *group : {"239.1.1.1", "239.2.1.1", "239.3.1.1"}) {
+    SCOPED_TRACE(group);
+    remote_update({{addr("10.0.0.9"), {0, 0, 0, 1, 0, 0, 0, 9}, addr(group), {}}}, true);
+    command("mdt_default_cmd", "red", {{"<mdt-default>", group}}, false, false);
+    command("mdt_enforce_bgp_mdt_safi_cmd", "red", {}, true);
+    mvpn_cli_vrf_done(pim_get_cib_by_context_name("red"));
+    ref::settle();
+    ASSERT_EQ(context("red")->mti_status, MVPN_MTI_UP);
+    command("mdt_enforce_bgp_mdt_safi_cmd", "red");
+    ref::settle();
+    const auto enforced = routes();
+    mvpn_default_tunnel_down(context("red"), 0);
+    ref::settle();
+    ASSERT_EQ(context("red")->mti_status, MVPN_MTI_UP);
+    EXPECT_EQ(enforced, routes());
+    EXPECT_FALSE(enforced.empty());
+    command("mdt_default_cmd", "red", {}, true);
+    ref::settle();
+    remote_update({{addr("10.0.0.9"), {0, 0, 0, 1, 0, 0, 0, 9}, addr(group), {}}}, false);
+  }
 }
 
 TEST_F(Config, ReplayedCommandsOnlyRecord) {

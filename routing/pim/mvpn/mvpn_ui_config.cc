@@ -574,15 +574,22 @@ static int stop_enforcing(cli_command *command, mvpn_cibtype *mvpn) {
   return CLI_RESULT_OK;
 }
 
+// Begins enforcement. The (*,G) route, by which PEs that BGP does not know are heard, goes first; then comes what a
+// bring-up under enforcement installs, which may be the same route in a bidirectional group.
+static void start_enforcing(mvpn_cibtype *mvpn) {
+  const bool up = mvpn->mti_status == MVPN_MTI_UP;
+  if (up) mvpn_mdt_delete_route_resources(mvpn, 0, mvpn->mdt_default_group, 1);
+  mvpn->enforce_bgp_mdt_safi = 1;
+  if (!up) return;
+  mvpn_repopulate_default_mdt_route_from_local_cache(mvpn);
+  mvpn_repopulate_default_mdt_routes_from_bgp_cache(mvpn);
+}
+
 int mdt_enforce_bgp_mdt_safi_cmd(cli_command *command) {
   mvpn_cibtype *mvpn = context_to_change(command);
   if (mvpn == nullptr) return CLI_RESULT_OK;
   if (cli_noed(command)) return stop_enforcing(command, mvpn);
-  if (mvpn->enforce_bgp_mdt_safi == 0) {
-    // The (*,G) route, by which PEs that BGP does not know are heard, goes first.
-    if (mvpn->mti_status == MVPN_MTI_UP) mvpn_mdt_delete_route_resources(mvpn, 0, mvpn->mdt_default_group, 1);
-    mvpn->enforce_bgp_mdt_safi = 1;
-  }
+  if (mvpn->enforce_bgp_mdt_safi == 0) start_enforcing(mvpn);
   return CLI_RESULT_OK;
 }
 
