@@ -1,6 +1,7 @@
 // The receiving side: the receive cache, core routes that are joined for it, and ageing.
 #include <sched.h>
 
+#include "platform/im.h"
 #include "tests/support/data_mdt_test.h"
 
 using namespace std::chrono_literals;
@@ -217,6 +218,39 @@ TEST_F(Receive, BidirRouteFollowsTheDesignatedForwarder) {
   for (const auto &[point, neighbour] : {std::pair{addr("10.9.9.8"), before}, std::pair{rp, addr("10.9.9.1")}}) {
     mvpn_process_rpf_lookup(mvpn->pcib, &croute->addrs, croute, point, 0, 0);
     EXPECT_EQ(croute->rpf_neighbor, neighbour);
+  }
+}
+
+// The remote data MDTs that a flow has joined are left with it, wherever its source lies when it goes.
+TEST_F(Receive, ADeletedFlowLeavesNoDataMdtJoined) {
+  mvpn_cibtype *mvpn = start_red();
+  range("239.2.0.0/24");
+  const struct {
+    const char *name;
+    std::function<pim_route *()> make;
+    std::function<void(pim_route *)> change;
+  } cases[] = {
+      {"sent on a data MDT", [this] { return active_flow("172.16.7.1", "225.0.0.1"); }, [](pim_route *) {}},
+      {"sent, then mapped anew", [this] { return active_flow("172.16.7.1", "225.0.0.1"); },
+       [this](pim_route *) {
+         no_range("239.2.0.0/24");
+         range("239.2.0.0/24");
+       }},
+      {"source moved to this side", [this] { return receiver("172.16.7.1", "225.0.0.1"); },
+       [](pim_route *croute) { croute->iif = im_get_if_by_name("ethernet1"); }},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.name);
+    pim_route *croute = c.make();
+    const auto *join = hear("172.16.7.1", "225.0.0.1", "239.7.0.1", dotted(croute->rpf_neighbor));
+    ASSERT_NE(join, nullptr);
+    ASSERT_NE(join->mdt_route, nullptr);
+    c.change(croute);
+    remove("172.16.7.1", "225.0.0.1");
+    for (const mvpn_mdt_route *route = mvpn_mdt_mroute_first(mvpn); route != nullptr;
+         route = mvpn_mdt_mroute_after(mvpn, route->source, route->group))
+      EXPECT_NE(route->route_type, MVPN_MDT_ROUTE_REMOTE_DATA);
+    mvpn_destroy_data_mdt_recv_cache(mvpn, 0);
   }
 }
 

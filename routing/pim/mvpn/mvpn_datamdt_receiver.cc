@@ -125,10 +125,18 @@ bool has_oif_off_the_tunnels(const pim_route *croute) {
   return false;
 }
 
-// Prune and deletion: only routes that may be fed through the MVPN hold announcements.
-void withdraw_if_remote(pim_cibtype *pcib, const mvpn_mdt_route_addrs *key, pim_route *croute) {
-  if (is_tunnel(croute->iif) || croute->bidirectional != 0)
-    mvpn_data_mdt_unmap_receiver_from_remote_source(pcib->mvpn, croute, key);
+bool is_fed_through_mvpn(const pim_route *croute) { return is_tunnel(croute->iif) || croute->bidirectional != 0; }
+
+// Whether an announcement is installed for a customer route.
+bool is_installed_for(mvpn_cibtype *mvpn, const pim_route *croute, const mvpn_mdt_route_addrs *key) {
+  bool installed = false;
+  for_each_under(mvpn, key->source, key->group, mvpn_get_recv_join_info_mask_len(croute->is_star_g),
+                 [&](const Record *record) {
+                   if (mvpn_match_remote_data_mdt(key, record) == 0) return false;
+                   installed = mvpn_mdt_join_refers_croute(record, croute) != 0;
+                   return !installed;
+                 });
+  return installed;
 }
 
 // Uninstalls an announcement for one kind of customer route when that route still exists.
@@ -438,12 +446,16 @@ void mvpn_process_mrib_join_notify(pim_cibtype *pcib, const mvpn_mdt_route_addrs
 
 void mvpn_process_mrib_prune_notify(pim_cibtype *pcib, const mvpn_mdt_route_addrs *key, pim_route *croute) {
   if (pcib->mvpn == nullptr || pcib->ignore_mrib_prunes != 0) return;
-  withdraw_if_remote(pcib, key, croute);
+  if (is_fed_through_mvpn(croute)) mvpn_data_mdt_unmap_receiver_from_remote_source(pcib->mvpn, croute, key);
 }
 
 void mvpn_process_pim_route_delete(pim_cibtype *pcib, const mvpn_mdt_route_addrs *key, pim_route *croute) {
-  if (pcib->mvpn == nullptr) return;
-  withdraw_if_remote(pcib, key, croute);
+  mvpn_cibtype *mvpn = pcib->mvpn;
+  if (mvpn == nullptr) return;
+  // A flow that was sent on a data MDT, or whose source has moved to this side, may hold announcements as well.
+  if (is_fed_through_mvpn(croute) || is_installed_for(mvpn, croute, key)) {
+    mvpn_data_mdt_unmap_receiver_from_remote_source(mvpn, croute, key);
+  }
 }
 
 void mvpn_process_mrib_rpf_notify(pim_cibtype *pcib, const mvpn_mdt_route_addrs *key, pim_route *croute, int up) {
