@@ -60,6 +60,10 @@ TEST_F(Context, LookupsTakeTheFirstOfTheirOrder) {
   EXPECT_EQ(mvpn_get_context_by_mti_iod(55), b);
   EXPECT_EQ(mvpn_get_context_by_id(3), a);
   EXPECT_EQ(mvpn_get_context("b"), b);
+  b->pcib->context_id = VRF_CONTEXT_ID_NONE;
+  EXPECT_EQ(mvpn_get_context_by_mti_iod(55), a)
+      << "a VRF that the VRF manager does not know yet is not found by its id";
+  b->pcib->context_id = 2;
   mvpn_set_mdt_default_group(a, 0);
   mvpn_set_mti_ifindex(a, 0);
   mvpn_set_mti_iod(b, 0);

@@ -457,12 +457,16 @@ mvpn_cibtype *mvpn_get_context_by_id(vrf_context_id_t context_id) {
 mvpn_cibtype *mvpn_get_context_by_mti(if_index_t if_index) { return contexts_by_mti.first(if_index); }
 
 // Context ids are compared now: a VRF gets its id when the VRF manager learns of it, which may be after its context.
+// One without an id cannot be found by it.
 mvpn_cibtype *mvpn_get_context_by_mti_iod(im_iod_t iod) {
-  const auto [first, last] = contexts_by_mti_iod.equal(iod);
-  const auto lowest = std::min_element(first, last, [](const mvpn_cibtype *a, const mvpn_cibtype *b) {
-    return a->pcib->context_id < b->pcib->context_id;
-  });
-  return lowest != last ? *lowest : nullptr;
+  mvpn_cibtype *lowest = nullptr;
+  auto [next, end] = contexts_by_mti_iod.equal(iod);
+  for (; next != end; ++next) {
+    const vrf_context_id_t id = (*next)->pcib->context_id;
+    if (id == VRF_CONTEXT_ID_NONE) continue;
+    if (lowest == nullptr || id < lowest->pcib->context_id) lowest = *next;
+  }
+  return lowest;
 }
 
 mvpn_cibtype *mvpn_get_context_by_mdt_group(ip_addr_t group) { return contexts_by_mdt_group.first(group); }
