@@ -152,6 +152,10 @@ TEST_F(Lifecycle, EachFailingStepReportsItself) {
       {"pt_attr_create", 1, "PIM_API_FAILED", {"pt_attr_create()", "mvpn_init_mrib()"}},
       {"txlist_create", 1, "PIM_TXLIST_CREATE", {"txlist"}},
       {"mrib_register", 1, "PIM_API_FAILED", {"MRIB (register)", "mvpn_init_mrib()"}},
+      {"mtrack_alloc",
+       2,
+       "PIM_MALLOC",
+       {std::to_string(sizeof(mrib_update_buffer)), "mvpn_preallocate_mrib_buffers"}},  // not one buffer
       {"tcp_setup", 1, "PIM_API_INIT", {"TCP"}},
       {"quillon_socket", 1, "PIM_SOCKET", {"mvpn_udp", "Too many open files"}},
       {"quillon_setsockopt", 1, "PIM_SETSOCKOPT", {"mvpn_udp - IP_HDRINCL", "Protocol not available"}},

@@ -212,10 +212,11 @@ static int start_worker() {
   return 0;
 }
 
-// 5, 6. Fewer buffers than wanted slow the worker down and do not end the start.
+// 5, 6. Fewer buffers than wanted slow the worker down and do not end the start; without any it could never send.
 static int prepare_worker() {
   if (init_worker_signal() == 0) return 0;
   mvpn_preallocate_mrib_buffers();
+  if (rqueue_count(&mvpn_mrib_info->free_buffers) == 0) return 0;
   return start_worker();
 }
 
