@@ -1,0 +1,764 @@
+#include "tests/simulation/steps.h"
+
+#include <algorithm>
+#include <array>
+#include <functional>
+#include <random>
+#include <sstream>
+
+#include "platform/l3vm.h"
+#include "platform/pim.h"
+#include "tests/support/platform_trace.h"
+
+namespace simulation {
+namespace {
+
+using namespace std::chrono_literals;
+
+// ---------------------------------------------------------------------------------------------------------- drawing
+
+using Pool = std::vector<std::string>;
+
+const Pool vrfs = {"v1", "v1", "v2", "v2", "v3"};
+const Pool default_groups = {"239.1.0.1", "239.1.0.1", "239.1.0.2", "239.1.0.3", "232.1.0.1",
+                             "232.1.0.2", "239.9.0.1", "239.9.0.2", "239.2.0.7"};
+const Pool ranges = {"239.2.0.0/24", "239.2.1.0/30", "239.2.2.0/31", "232.2.0.0/28",
+                     "239.9.8.0/30", "239.2.0.0/16", "239.0.0.0/8",  "239.2.3.4/32"};
+const Pool thresholds = {"0", "0", "1", "100", "500"};
+const Pool rates = {"0", "1", "50", "99", "100", "101", "400", "600", "1000"};
+const Pool sources = {"192.168.1.1", "192.168.1.2", "192.168.1.3", "192.168.1.4"};
+const Pool far_sources = {"192.168.9.1", "192.168.9.2", "192.168.1.1"};
+const Pool groups = {"232.8.0.1", "232.8.0.2", "239.8.0.1", "239.8.0.2"};
+const Pool data_groups = {"239.7.0.1", "239.7.0.2", "239.7.0.3", "232.7.0.1", "239.9.7.1"};
+const Pool pes = {"10.9.0.1", "10.9.0.2", "10.9.0.3"};
+const Pool core = {"core0", "core0", "core1", "core2"};
+const Pool failing = {"slab_calloc",
+                      "pt_add",
+                      "ravl_insert",
+                      "renqueue_data",
+                      "active_timer_create",
+                      "active_timer_start",
+                      "zeph_sys_mclock_get",
+                      "mts_send",
+                      "mtrack_alloc",
+                      "mrib_mts_update_route",
+                      "mrib_update_mdt_encap_info",
+                      "oim_if_info_list_add_new_if",
+                      "oim_if_info_list_add_new_param_tlv",
+                      "l3vm_get_context_info",
+                      "ksink_im_get_ifindex_frm_iod",
+                      "if_index_overlay_cli_init",
+                      "bgp_get_rd",
+                      "pim_get_iftype",
+                      "m_get_prio",
+                      "m_copyback",
+                      "rpm_policy_bind",
+                      "rpm_policy_unbind",
+                      "quillon_pthread_create",
+                      "pt_attr_create"};
+const Pool failing_store = {"ksink_pss_update", "ksink_pss_delete", "ksink_pss_delete_range"};
+
+class Random {
+ public:
+  explicit Random(uint64_t seed) : generator_(seed) {}
+  size_t below(size_t n) { return generator_() % n; }
+  bool chance(unsigned percent) { return below(100) < percent; }
+  std::string of(const Pool &pool) { return pool[below(pool.size())]; }
+  std::string number(size_t first, size_t last) { return std::to_string(first + below(last - first + 1)); }
+
+ private:
+  std::mt19937_64 generator_;
+};
+
+// A word of a kind's pattern: one of a pool, or a number between two.
+struct Draw {
+  const Pool *pool = nullptr;
+  size_t first = 0, last = 0;
+  Draw(const Pool &all) : pool(&all) {}                                  // NOLINT(google-explicit-constructor)
+  Draw(std::pair<size_t, size_t> r) : first(r.first), last(r.second) {}  // NOLINT(google-explicit-constructor)
+  std::string operator()(Random &random) const {
+    return pool != nullptr ? random.of(*pool) : random.number(first, last);
+  }
+};
+
+std::pair<size_t, size_t> number(size_t first, size_t last) { return {first, last}; }
+
+using Play = void (*)(World &, const Words &);
+
+// A kind of step. Weights are relative; faults are drawn in every third seed only, so that the others can be held to
+// more. Words beyond the kind are there when `play` is called.
+struct Kind {
+  const char *name;
+  unsigned weight;
+  std::vector<Draw> words;
+  Play play;
+  bool fault = false;
+};
+
+// -------------------------------------------------------------------------------------------------- what is played
+
+uint32_t value(const std::string &word) { return static_cast<uint32_t>(std::stoul(word)); }
+
+mvpn_mdt_route_addrs addrs(const std::string &source, const std::string &group) {
+  mvpn_mdt_route_addrs out{};
+  out.source = source == "*" ? 0 : address(source);
+  out.source_len = source == "*" ? MROUTE_ANY_SOURCE_LEN : MROUTE_HOST_LEN;
+  out.group = address(group);
+  out.group_len = MROUTE_HOST_LEN;
+  return out;
+}
+
+// The VRF's route, or a new one.
+ref::CustomerRoute route_of(const std::string &vrf, const std::string &source, const std::string &group) {
+  const mvpn_mdt_route_addrs wanted = addrs(source, group);
+  for (const ref::CustomerRoute &route : ref::customer_routes(vrf))
+    if (route.addrs.source == wanted.source && route.addrs.group == wanted.group) return route;
+  ref::CustomerRoute route;
+  route.addrs = wanted;
+  return route;
+}
+
+bool has_route(const std::string &vrf, const std::string &source, const std::string &group) {
+  const ref::CustomerRoute route = route_of(vrf, source, group);
+  return !route.iif.empty() || !route.oifs.empty();
+}
+
+void flow(const std::string &vrf, const std::string &source, const std::string &group, uint32_t kbps, bool bidir) {
+  ref::CustomerRoute route;
+  route.addrs = addrs(source, group);
+  route.iif = vrf + "-site";
+  route.rpf_neighbor = address("172.16.0.200");
+  route.rate_kbps = kbps;
+  route.to_mvpn = true;
+  route.bidirectional = bidir;
+  ref::set_customer_route(vrf, route);
+}
+
+void receiver(const std::string &vrf, const std::string &source, const std::string &group, const std::string &pe) {
+  ref::CustomerRoute route;
+  route.addrs = addrs(source, group);
+  route.iif = "mvpn";
+  route.rpf_neighbor = address(pe);
+  route.oifs = {vrf + "-site"};
+  ref::set_customer_route(vrf, route);
+}
+
+// A change of an existing route.
+template <typename Change>
+void change_route(const std::string &vrf, const std::string &source, const std::string &group, Change change) {
+  if (!has_route(vrf, source, group)) return;
+  ref::CustomerRoute route = route_of(vrf, source, group);
+  change(route);
+  ref::set_customer_route(vrf, route);
+}
+
+ref::MdtSafi remote_entry(const std::string &pe, const std::string &group, unsigned rd) {
+  ref::MdtSafi entry;
+  entry.source = address(pe);
+  const auto bytes = ref::bgp_parse_rd("65001:" + std::to_string((entry.source & 255) + rd));
+  std::copy(bytes->begin(), bytes->end(), entry.rd);
+  entry.group = address(group);
+  return entry;
+}
+
+// A PE's entries under its first RD: it takes part in one group at a time.
+void join_group(const std::string &pe, const std::string &group) {
+  for (const ref::MdtSafi &entry : ref::bgp_remote_entries())
+    if (entry.source == address(pe) && entry.group != address(group)) ref::bgp_withdraw_remote({entry});
+  ref::bgp_add_remote({remote_entry(pe, group, 0)});
+}
+
+void leave_group(const std::string &pe) {
+  for (const ref::MdtSafi &entry : ref::bgp_remote_entries())
+    if (entry.source == address(pe)) ref::bgp_withdraw_remote({entry});
+}
+
+std::string tunnel_of(const std::string &vrf) {
+  for (const ref::Tunnel &tunnel : ref::tunnels())
+    if (tunnel.vrf_name == vrf) return "mti" + std::to_string(tunnel.if_index & 0xFFFFFF);
+  return "";
+}
+
+void hostile_datagram(World &world, const std::string &vrf, uint32_t seed) {
+  std::mt19937 bytes(seed);
+  std::vector<uint8_t> datagram(20 + bytes() % 80);
+  for (uint8_t &byte : datagram) byte = static_cast<uint8_t>(bytes());
+  datagram[0] = static_cast<uint8_t>(0x40 | bytes() % 16);
+  if (datagram.size() > 60 && seed % 2 == 0) {  // one whose entries are read
+    datagram[0] = 0x45;
+    for (const size_t at : {size_t{28}, size_t{44}}) {
+      datagram[at] = 1;
+      datagram[at + 1] = 0;
+      datagram[at + 2] = 16;
+    }
+  }
+  world.hear(vrf, datagram);
+}
+
+void hostile_message(uint32_t seed) {
+  std::mt19937 random(seed);
+  const std::array<uint32_t, 8> opcodes = {
+      MTS_OPC_MVPN_BGP_MDT_SAFI_REMOTE_UPDATE, MTS_OPC_MVPN_BGP_RD_NOTIFY,
+      MTS_OPC_MVPN_BGP_UPDATE_SOURCE_NOTIFY,   MTS_OPC_OIM_IF_CREATE_RESPONSE,
+      MTS_OPC_OIM_IF_DELETE_RESPONSE,          MTS_OPC_OIM_IF_PARAM_UPDATE_RESPONSE,
+      MTS_OPC_MVPN_BGP_MDT_SAFI_LOCAL_REQUEST, 62467};
+  std::vector<uint8_t> payload(random() % 50);  // too short for what it claims
+  for (uint8_t &byte : payload) byte = static_cast<uint8_t>(random() % 3 == 0 ? random() : 0);
+  ref::deliver(opcodes[random() % opcodes.size()], payload.data(), payload.size());
+}
+
+void core_route_freed(const std::string &group) {
+  for (const ref::MribRoute &route : ref::mrib_routes()) {
+    if (route.addrs.group >> 8 != address(group) >> 8) continue;
+    pim_core_route freed{};
+    freed.addrs = route.addrs;
+    freed.marker_a = 1;
+    mvpn_free_dependent_route_resources(pim_default_cib, &freed);
+    return;
+  }
+}
+
+// Choices that a restart must not move: those of flows that were on their data MDT and have not changed since.
+void crash_and_compare(World &world) {
+  const bool comparable = !world.faulty;
+  const auto before = world.stored_choices();
+  world.crash();
+  ref::settle();
+  ref::advance(130s);
+  if (!comparable || !world.running()) return;
+  const auto after = world.stored_choices();
+  for (const auto &[flow, choice] : before) {
+    const auto found = after.find(flow);
+    if (found != after.end() && found->second != choice)
+      world.fail("a flow of " + std::get<0>(flow) + " has another data MDT after the restart");
+  }
+}
+
+// ------------------------------------------------------------------------------------------------------- the kinds
+
+#define PLAY [](World & world, const Words &w)
+#define PLAY_HERE [](World &, const Words &w)
+#define PLAY_ALONE [](World &, const Words &)
+
+const std::vector<Kind> &kinds() {
+  static const std::vector<Kind> all = {// The machine's VRFs.
+                                        {"vrf_add", 6, {vrfs}, PLAY{world.add_vrf(w[1]);
+}
+}  // namespace
+, {"vrf_delete", 2, {vrfs}, PLAY{world.delete_vrf(w[1]);
+}  // namespace simulation
+}
+, {"vrf_down", 1, {vrfs}, PLAY{world.set_vrf_state(w[1], false);
+}
+}
+, {"vrf_up", 1, {vrfs}, PLAY{world.set_vrf_state(w[1], true);
+}
+}
+,
+    // Commands.
+    {"default", 14, {vrfs, default_groups}, PLAY{world.set_default(w[1], w[2]);
+}
+}
+, {"no_default", 4, {vrfs}, PLAY{world.no_default(w[1]);
+}
+}
+, {"default_flap", 3, {vrfs, default_groups}, PLAY{world.no_default(w[1]);
+world.set_default(w[1], w[2]);
+}
+}
+, {"source", 4, {vrfs, core}, PLAY{world.set_source(w[1], w[2]);
+}
+}
+, {"no_source", 2, {vrfs}, PLAY{world.set_source(w[1], "");
+}
+}
+, {"range", 10, {vrfs, ranges, thresholds}, PLAY{world.set_range(w[1], {w[2], value(w[3]), false, ""});
+}
+}
+, {"range_immediate", 4, {vrfs, ranges}, PLAY{world.set_range(w[1], {w[2], 0, true, ""});
+}
+}
+, {"range_policy", 3, {vrfs, ranges, thresholds}, PLAY{world.set_range(w[1], {w[2], value(w[3]), false, "odd"});
+}
+}
+, {"range_no_flow", 1, {vrfs, ranges}, PLAY{world.set_range(w[1], {w[2], 0, true, "none"});
+}
+}
+, {"no_range", 4, {vrfs, ranges}, PLAY{world.no_range(w[1], w[2]);
+}
+}
+, {"mtu", 2, {vrfs, number(90, 1500)}, PLAY{world.set_number(w[1], "mdt_mtu_cmd", "<mtu-value>", &Config::mtu, w[2]);
+}
+}
+, {"no_mtu", 1, {vrfs}, PLAY{world.set_number(w[1], "mdt_mtu_cmd", "", &Config::mtu, "");
+}
+}
+, {"hello", 1, {vrfs, number(1000, 20000)},
+   PLAY{world.set_number(w[1], "mdt_pim_hello_interval_cmd", "<interval>", &Config::hello, w[2]);
+}
+}
+, {"no_hello", 1, {vrfs}, PLAY{world.set_number(w[1], "mdt_pim_hello_interval_cmd", "", &Config::hello, "");
+}
+}
+, {"jp", 1, {vrfs, number(1, 3)},
+   PLAY{world.set_number(w[1], "mdt_pim_jp_interval_cmd", "<interval>", &Config::jp, std::to_string(60 * value(w[2])));
+}
+}
+, {"no_jp", 1, {vrfs}, PLAY{world.set_number(w[1], "mdt_pim_jp_interval_cmd", "", &Config::jp, "");
+}
+}
+, {"bidir", 2, {vrfs, number(0, 1)},
+   PLAY{world.set_flag(w[1], "mdt_data_bidir_enable_cmd", &Config::bidir, w[2] == "1");
+}
+}
+, {"inhibit", 1, {vrfs, number(0, 1)},
+   PLAY{world.set_flag(w[1], "mdt_data_inhibit_reuse_cmd", &Config::inhibit, w[2] == "1");
+}
+}
+, {"shared_tree", 2, {vrfs, number(0, 1)},
+   PLAY{world.set_flag(w[1], "mdt_asm_use_shared_tree_cmd", &Config::shared_tree, w[2] == "1");
+}
+}
+, {"enforce", 3, {vrfs, number(0, 1)}, PLAY{if (Vrf *vrf = world.vrf(w[1])) vrf->enforce_toggled = true;
+world.set_flag(w[1], "mdt_enforce_bgp_mdt_safi_cmd", &Config::enforce, w[2] == "1");
+}
+}
+, {"bad_range", 1, {vrfs, number(0, 3)},
+   PLAY{constexpr const char * bad[] = {"10.1.0.0/16", "239.2.0.1/24", "224.0.0.0/4", "0.0.0.0/0"};
+world.set_range(w[1], {bad[value(w[2])], 1, false, ""});
+}
+}
+, {"views", 2, {vrfs}, PLAY{world.all_commands_without_effect(w[1]);
+}
+}
+, {"views_of_all", 1, {}, [](World &world, const Words &) { world.all_commands_without_effect(""); }},
+    {"unusable", 1, {vrfs}, PLAY_HERE{ref::set_pcib_usable(w[1], false);
+}
+, true
+}
+,
+    // Flows of the sites.
+    {"flow", 16, {vrfs, sources, groups, rates}, PLAY_HERE{flow(w[1], w[2], w[3], value(w[4]), false);
+}
+}
+, {"flow_of_group", 2, {vrfs, groups, rates}, PLAY_HERE{flow(w[1], "*", w[2], value(w[3]), false);
+}
+}
+, {"flow_bidir", 3, {vrfs, groups, rates}, PLAY_HERE{flow(w[1], "*", w[2], value(w[3]), true);
+}
+}
+, {"rate", 10, {vrfs, sources, groups, rates}, PLAY_HERE{ref::set_customer_rate(w[1], addrs(w[2], w[3]), value(w[4]));
+}
+}
+, {"flow_stays", 2, {vrfs, sources, groups},
+   PLAY_HERE{change_route(w[1], w[2], w[3], [](ref::CustomerRoute &route) { route.to_mvpn = false; });
+}
+}
+, {"flow_moves", 4, {vrfs, sources, groups, number(201, 204)},
+   PLAY_HERE{change_route(w[1], w[2], w[3],
+                          [&w](ref::CustomerRoute &route) { route.rpf_neighbor = address("172.16.0." + w[4]); });
+}
+}
+, {"route_delete", 6, {vrfs, sources, groups}, PLAY_HERE{ref::delete_customer_route(w[1], addrs(w[2], w[3]));
+}
+}
+, {"route_of_group_delete", 3, {vrfs, groups}, PLAY_HERE{ref::delete_customer_route(w[1], addrs("*", w[2]));
+}
+}
+,
+    // Receivers at the sites.
+    {"receiver", 8, {vrfs, far_sources, groups, pes}, PLAY_HERE{receiver(w[1], w[2], w[3], w[4]);
+}
+}
+, {"receiver_of_group", 4, {vrfs, groups, pes}, PLAY_HERE{receiver(w[1], "*", w[2], w[3]);
+}
+}
+, {"receiver_leaves", 3, {vrfs, far_sources, groups},
+   PLAY_HERE{change_route(w[1], w[2], w[3], [](ref::CustomerRoute &route) { route.oifs.clear(); });
+}
+}
+, {"receiver_delete", 3, {vrfs, far_sources, groups}, PLAY_HERE{ref::delete_customer_route(w[1], addrs(w[2], w[3]));
+}
+}
+, {"policy", 1, {sources}, PLAY{world.set_policy({address(w[1])});
+}
+}
+,
+    // Announcements of other PEs.
+    {"announce", 8, {vrfs, far_sources, groups, pes, data_groups},
+     PLAY{world.announce({w[1], address(w[2]), address(w[3]), address(w[4]), address(w[5])});
+}
+}
+, {"announce_group", 3, {vrfs, groups, pes, data_groups},
+   PLAY{world.announce({w[1], 0, address(w[2]), address(w[3]), address(w[4])});
+}
+}
+, {"announce_own", 2, {vrfs, sources, groups, data_groups},
+   PLAY{world.announce({w[1], address(w[2]), address(w[3]), address("172.16.0.200"), address(w[4])});
+}
+}
+, {"announce_no_group", 1, {vrfs, far_sources, groups, pes, number(0, 1)},
+   PLAY{world.announce({w[1], address(w[2]), address(w[3]), address(w[4]), w[5] == "0" ? 0 : address("10.1.2.3")});
+}
+}
+, {"announce_many", 1, {vrfs, pes},
+   PLAY{for (uint32_t i = 0; i < 40; i++) world.announce(
+       {w[1], address("192.168.9.1"), address("232.8.1.0") + i, address(w[2]), address("239.7.1.0") + i});
+}
+}
+, {"datagram_hostile", 2, {vrfs, number(0, 9999)}, PLAY{hostile_datagram(world, w[1], value(w[2]));
+}
+}
+,
+    // BGP.
+    {"bgp_add", 8, {pes, default_groups}, PLAY_HERE{join_group(w[1], w[2]);
+}
+}
+, {"bgp_withdraw", 3, {pes}, PLAY_HERE{leave_group(w[1]);
+}
+}
+, {"bgp_many", 1, {default_groups, number(1, 150)},
+   PLAY_HERE{for (uint32_t i = 0; i < value(w[2]); i++) join_group("10.8.0." + std::to_string(i), w[1]);
+}
+}
+, {"bgp_many_withdraw", 1, {}, PLAY_ALONE{std::vector<ref::MdtSafi> entries;
+for (const ref::MdtSafi &entry : ref::bgp_remote_entries())
+  if (entry.source >> 8 == address("10.8.0.0") >> 8) entries.push_back(entry);
+ref::bgp_withdraw_remote(entries);
+}
+}
+, {"bgp_second_rd", 1, {pes, default_groups}, PLAY{world.ambiguous_pes.insert(address(w[1]));
+ref::bgp_add_remote({remote_entry(w[1], w[2], 100)});
+}
+}
+, {"bgp_request_local", 1, {}, PLAY_ALONE{ref::bgp_request_local();
+}
+}
+, {"bgp_end_of_rib", 1, {}, PLAY_ALONE{ref::bgp_end_of_rib();
+}
+}
+, {"message_hostile", 2, {number(0, 9999)}, PLAY_HERE{hostile_message(value(w[1]));
+}
+, true
+}
+, {"rd", 3, {vrfs, number(1, 3)}, PLAY{world.set_rd(w[1], "65000:" + w[2] + "00" + w[1].substr(1));
+}
+}
+, {"rd_again", 1, {vrfs}, PLAY{if (const Vrf *vrf = world.vrf(w[1])) world.set_rd(w[1], vrf->rd);
+}
+}
+, {"no_rd", 1, {vrfs}, PLAY{world.set_rd(w[1], "");
+}
+}
+, {"update_source", 2, {core}, PLAY{world.set_update_source(w[1]);
+}
+}
+, {"no_update_source", 1, {}, [](World &world, const Words &) { world.set_update_source(""); }},
+    // Interfaces of the core.
+    {"interface_down", 4, {core}, PLAY_HERE{ref::set_interface_state(w[1], false);
+}
+}
+, {"interface_up", 5, {core}, PLAY_HERE{ref::set_interface_state(w[1], true);
+}
+}
+, {"interface_flap", 3, {core}, PLAY_HERE{ref::set_interface_state(w[1], false);
+ref::set_interface_state(w[1], true);
+}
+}
+, {"interface_address", 3, {core}, PLAY{ref::set_interface_address(w[1], address("10.0.0.0") + world.next_address++);
+}
+}
+, {"interface_no_address", 1, {core}, PLAY_HERE{ref::set_interface_address(w[1], 0);
+}
+}
+, {"interface_remove", 1, {core}, PLAY{world.interface_removed = true;
+ref::delete_interface(w[1]);
+}
+, true
+}
+, {"interface_add", 1, {core}, PLAY{if (ref::create_interface(w[1], VRF_CONTEXT_ID_DEFAULT, 0, false) == 0) return;
+ref::set_interface_address(w[1], address("10.0.0.0") + world.next_address++);
+ref::set_interface_state(w[1], true);
+}
+, true
+}
+,
+    // Tunnel manager.
+    {"tunnel_answers", 6, {number(0, 1)}, PLAY{world.answers_late = true;
+ref::set_oim_answers(w[1] == "1");
+}
+}
+, {"tunnel_answers_lost", 2, {number(1, 3)}, PLAY{world.lose_answers(value(w[1]));
+}
+, true
+}
+, {"tunnel_answer_unasked", 3, {vrfs, number(0, 2), number(0, 1)},
+   PLAY{world.spurious_answer(w[1], MTS_OPC_OIM_IF_CREATE_RESPONSE + value(w[2]), w[3] == "1");
+}
+, true
+}
+, {"tunnel_flap", 3, {vrfs}, PLAY{const std::string name = tunnel_of(w[1]);
+const ref::Interface *tunnel = ref::find_interface(std::string_view(name));
+if (tunnel == nullptr || !tunnel->up) return;
+world.tunnel_flapped = true;
+ref::set_interface_state(name, false);
+ref::set_interface_state(name, true);
+}
+}
+, {"tunnel_down", 2, {vrfs}, PLAY_HERE{ref::set_interface_state(tunnel_of(w[1]), false);
+}
+}
+, {"orphan", 1, {number(40, 42)}, PLAY_HERE{ref::create_orphan_tunnel(value(w[1]));
+}
+}
+,
+    // Multicast RIB.
+    {"mrib_acks", 5, {number(0, 1)}, PLAY_HERE{ref::set_mrib_acks(w[1] == "1");
+}
+}
+, {"mrib_refuses", 2, {number(1, 3)}, PLAY_HERE{ref::mrib_refuse_updates(value(w[1]));
+}
+}
+, {"mrib_refuses_encaps", 1, {number(1, 3)}, PLAY_HERE{ref::mrib_refuse_encaps(value(w[1]));
+}
+, true
+}
+, {"core_join", 3, {default_groups, pes}, PLAY{world.joined_sources.insert(address(w[2]));
+ref::mrib_add_route(VRF_CONTEXT_ID_DEFAULT, addrs(w[2], w[1]), 0);
+}
+}
+, {"core_leave", 1, {default_groups, pes}, PLAY_HERE{ref::mrib_delete_route(VRF_CONTEXT_ID_DEFAULT, addrs(w[2], w[1]));
+}
+}
+, {"core_deleted", 2, {default_groups, pes},
+   PLAY_HERE{ref::mrib_notify_delete(VRF_CONTEXT_ID_DEFAULT, addrs(w[2], w[1]));
+}
+}
+, {"core_cleared", 1, {default_groups, number(0, 1)}, PLAY{world.cleared = true;
+mvpn_mdt_route_addrs filter = addrs("*", w[1]);
+filter.group_len = w[2] == "1" ? 8 : 32;
+ref::mrib_notify_clear(VRF_CONTEXT_ID_DEFAULT, filter, false, false);
+}
+}
+, {"mrib_asks_again", 2, {number(0, 4)},
+   PLAY_HERE{ref::mrib_request_repopulate(VRF_CONTEXT_ID_DEFAULT, nullptr, value(w[1]));
+}
+}
+, {"mrib_initializing", 2, {vrfs, number(0, 1)},
+   PLAY{if (const Vrf *vrf = world.vrf(w[1])) ref::set_mrib_initializing(vrf->context_id, w[2] == "1");
+}
+}
+, {"core_route_freed", 1, {data_groups}, PLAY_HERE{core_route_freed(w[1]);
+}
+}
+,
+    // Failures of platform calls.
+    {"fail_any", 5, {number(1, 60)}, PLAY_HERE{trace::fail_any(value(w[1]));
+}
+, true
+}
+, {"fail", 5, {failing, number(1, 4), number(1, 3)}, PLAY_HERE{trace::fail(w[1], value(w[2]), value(w[3]));
+}
+, true
+}
+, {"fail_store", 2, {failing_store, number(1, 3)}, PLAY_HERE{trace::fail(w[1], value(w[2]));
+}
+, true
+}
+,
+    // The module's life.
+    {"start", 1, {}, [](World &world, const Words &) { world.start(); }},
+    {"stop", 1, {number(0, 1)}, PLAY{world.stop(w[1] == "1");
+}
+, true
+}
+,
+    {"feature_off_on",
+     1,
+     {},
+     [](World &world, const Words &) {
+       if (!world.running()) return;
+       world.stop(false);
+       world.start();
+     }},
+    {"crash", 1, {}, [](World &world, const Words &) { crash_and_compare(world); }},
+    {"cli_done",
+     1,
+     {},
+     [](World &world, const Words &) {
+       if (world.running()) mvpn_cli_done();
+     }},
+    // Time.
+    {"settle", 1, {}, PLAY_ALONE{}},
+    {"seconds", 5, {number(1, 40)}, PLAY_HERE{ref::advance(std::chrono::seconds(value(w[1])));
+}
+}
+, {"minutes", 8, {number(1, 3)}, PLAY_HERE{ref::advance(std::chrono::seconds(60 * value(w[1]) + 4));
+}
+}
+, {"statistics", 3, {}, PLAY_ALONE{ref::statistics_pass();
+}
+}
+,
+}
+;
+return all;
+}
+
+const Kind *kind_of(const std::string &name) {
+  for (const Kind &kind : kinds())
+    if (name == kind.name) return &kind;
+  return nullptr;
+}
+
+// Kinds that cannot be played inside a call of the module: they end it, or move the clock that the call stands on.
+bool is_for_the_top(const std::string &kind) {
+  static const std::set<std::string> top = {"start", "stop", "feature_off_on", "crash", "seconds", "minutes"};
+  return top.contains(kind);
+}
+
+Words draw_words(Random &random, bool faults) {
+  unsigned total = 0;
+  for (const Kind &kind : kinds())
+    if (faults || !kind.fault) total += kind.weight;
+  size_t at = random.below(total);
+  for (const Kind &kind : kinds()) {
+    if (kind.fault && !faults) continue;
+    if (at >= kind.weight) {
+      at -= kind.weight;
+      continue;
+    }
+    Words words{kind.name};
+    for (const Draw &word : kind.words) words.push_back(word(random));
+    return words;
+  }
+  return {"settle"};
+}
+
+// "in_yield N STEP ; STEP": the steps run when the module gives way.
+Step draw_step(Random &random, bool faults) {
+  Step step;
+  step.settles = !random.chance(25);
+  if (!random.chance(4)) {
+    step.words = draw_words(random, faults);
+    return step;
+  }
+  step.words = {"in_yield", random.number(1, 3)};
+  for (size_t left = 1 + random.below(2); left > 0; left--) {
+    Words inner = draw_words(random, faults);
+    if (is_for_the_top(inner[0])) continue;
+    if (step.words.size() > 2) step.words.push_back(";");
+    step.words.insert(step.words.end(), inner.begin(), inner.end());
+  }
+  return step;
+}
+
+// What comes first, since little happens without it.
+void draw_beginning(Random &random, std::vector<Step> &steps) {
+  const bool replayed = random.chance(20);  // the configuration is there before the module
+  if (!replayed) steps.push_back({true, {"start"}});
+  for (const char *vrf : {"v1", "v2"}) {
+    steps.push_back({true, {"vrf_add", vrf}});
+    steps.push_back({true, {"default", vrf, random.of(default_groups)}});
+    if (random.chance(70)) steps.push_back({true, {"range", vrf, random.of(ranges), random.of(thresholds)}});
+  }
+  if (replayed) steps.push_back({true, {"start"}});
+}
+
+bool play_words(World &world, const Words &words) {
+  const Kind *kind = kind_of(words[0]);
+  if (kind == nullptr || words.size() != kind->words.size() + 1) return false;
+  if (kind->fault) world.faulty = true;
+  kind->play(world, words);
+  return true;
+}
+
+std::vector<Words> inner_steps(const Words &words) {
+  std::vector<Words> all(1);
+  for (size_t i = 2; i < words.size(); i++) {
+    if (words[i] == ";")
+      all.emplace_back();
+    else
+      all.back().push_back(words[i]);
+  }
+  std::erase_if(all, [](const Words &one) { return one.empty(); });
+  return all;
+}
+
+bool is_known(const Words &words) {
+  if (words[0] == "in_yield") {
+    const auto inner = inner_steps(words);
+    return words.size() >= 2 && std::all_of(inner.begin(), inner.end(), is_known);
+  }
+  const Kind *kind = kind_of(words[0]);
+  return kind != nullptr && words.size() == kind->words.size() + 1;
+}
+
+}  // namespace
+
+size_t kinds_of_steps() { return kinds().size() + 1; }
+
+Script draw(uint64_t seed) {
+  Random random(seed);
+  Script script;
+  script.scheduler = seed;
+  const bool faults = seed % 3 == 0;
+  draw_beginning(random, script.steps);
+  for (size_t left = 15 + random.below(45); left > 0; left--) script.steps.push_back(draw_step(random, faults));
+  return script;
+}
+
+void play(World &world, const Step &step) {
+  if (step.words[0] == "in_yield") {
+    world.in_yield(value(step.words[1]), [&world, inner = inner_steps(step.words)] {
+      for (const Words &words : inner) play_words(world, words);
+    });
+  } else {
+    play_words(world, step.words);
+  }
+  world.under_way = true;
+  if (!step.settles) return;
+  ref::settle();
+  world.under_way = false;
+  check_settled(world);
+}
+
+std::string print(const Script &script) {
+  std::string text = "scheduler " + std::to_string(script.scheduler) + "\n";
+  for (const Step &step : script.steps) {
+    if (!step.settles) text += "+ ";
+    for (size_t i = 0; i < step.words.size(); i++) text += (i == 0 ? "" : " ") + step.words[i];
+    text += "\n";
+  }
+  return text;
+}
+
+std::optional<Script> parse(const std::string &text, std::string *problem) {
+  Script script;
+  std::istringstream lines(text);
+  unsigned number = 0;
+  for (std::string line; std::getline(lines, line);) {
+    number++;
+    std::istringstream in(line.substr(0, line.find('#')));
+    Step step;
+    for (std::string word; in >> word;) {
+      if (word == "+" && step.words.empty())
+        step.settles = false;
+      else
+        step.words.push_back(word);
+    }
+    if (step.words.empty()) continue;
+    if (step.words[0] == "scheduler" && step.words.size() == 2) {
+      script.scheduler = std::stoull(step.words[1]);
+      continue;
+    }
+    if (!is_known(step.words)) {
+      *problem = "line " + std::to_string(number) + ": no such step: " + line;
+      return std::nullopt;
+    }
+    script.steps.push_back(step);
+  }
+  return script;
+}
+
+}  // namespace simulation
