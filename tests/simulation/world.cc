@@ -143,6 +143,8 @@ void World::crash() {
     if (!interface->mvpn_tunnel) interfaces.push_back(*interface);
   std::map<std::string, std::vector<ref::CustomerRoute>> routes;
   for (const auto &[name, vrf] : vrfs_) routes[name] = ref::customer_routes(name);
+  for (const auto &[name, vrf] : vrfs_)
+    if (vrf.config.group == 0) unclaimed.insert(name);
   trace::on_yield(nullptr);
   if (contexts_survived) start();
   stop(false);
