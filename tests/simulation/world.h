@@ -140,10 +140,12 @@ class World {
   bool interface_removed = false;            // one that came back has another ordinal
   bool under_way = false;                    // what earlier steps asked for may not have been done yet
   std::set<std::string> rd_changed_unready;  // VRFs whose RD changed while they were not up and ready
-  bool contexts_survived = false;            // the module was stopped for a process that then lived on
-  std::set<ip_addr_t> ambiguous_pes;         // PEs that advertised one group under two RDs
-  std::set<ip_addr_t> joined_sources;        // that somebody else in the core ever joined
-  unsigned next_address = 1;                 // every address is given out once
+  // VRFs that had no default group any more when the process died: nobody claims, or sweeps, what is stored for them.
+  std::set<std::string> unclaimed;
+  bool contexts_survived = false;      // the module was stopped for a process that then lived on
+  std::set<ip_addr_t> ambiguous_pes;   // PEs that advertised one group under two RDs
+  std::set<ip_addr_t> joined_sources;  // that somebody else in the core ever joined
+  unsigned next_address = 1;           // every address is given out once
 
  private:
   void boot();
