@@ -9,6 +9,42 @@
 // Exit status.
 constexpr int kUsage = 2;
 
+namespace {
+
+lab::Scenario scenario_in(const std::string &file, bool real) {
+  lab::Scenario scenario = lab::read_scenario(file);
+  if (real != scenario.network.has_value())
+    throw std::runtime_error(file + (real ? " has no network: it is played without --real"
+                                          : " has a network: --real lets it make namespaces"));
+  return scenario;
+}
+
+bool play(const std::string &file, lab::Options options, bool real, bool keep, const std::string &pages) {
+  const lab::Scenario scenario = scenario_in(file, real);
+  const bool own_folder = options.work.empty();
+  if (own_folder) {
+    char name[] = "/tmp/mvpn-lab-XXXXXX";
+    if (mkdtemp(name) == nullptr) throw std::runtime_error("no folder for stores and logs can be made");
+    options.work = name;
+    std::filesystem::permissions(options.work, std::filesystem::perms(0755));  // routing daemons are not root
+  }
+  lab::Report report(scenario.name);
+  bool held = false;
+  {
+    lab::Runner runner(scenario, options, &report);
+    held = runner.play();
+    if (!pages.empty()) lab::write_pages(report, runner.findings(), options.project, pages);
+  }
+  if (!pages.empty()) std::cout << "the report is " << pages << "/report.html\n";
+  if (held && own_folder && !keep)
+    std::filesystem::remove_all(options.work);
+  else
+    std::cout << "logs, stores and captures are in " << options.work << '\n';
+  return held;
+}
+
+}  // namespace
+
 int main(int argc, char **argv) {
   CLI::App app{"Plays a scenario with several PEs and tells whether what was expected happened."};
   std::string file;
@@ -18,6 +54,7 @@ int main(int argc, char **argv) {
   options.prefix = "mlab";
   bool keep = false;
   bool real = false;
+  std::string pages;
   app.add_option("SCENARIO", file, "scenario file")->required()->check(CLI::ExistingFile);
   app.add_option("--bin", options.binaries, "folder of the programs")->capture_default_str();
   app.add_option("--project", options.project, "folder that configuration files are relative to")
@@ -27,6 +64,7 @@ int main(int argc, char **argv) {
   app.add_option("--clock-scale", options.clock_scale, "platform seconds per second, in place of the scenario's");
   app.add_flag("--real", real, "play a scenario that has a network: root makes namespaces for it, and removes them");
   app.add_option("--prefix", options.prefix, "what the namespaces' names begin with")->capture_default_str();
+  app.add_option("--report", pages, "folder to write report.html and junit.xml to");
   app.add_flag("--keep", keep, "keep the new folder even when everything held");
   try {
     app.parse(argc, argv);
@@ -35,24 +73,7 @@ int main(int argc, char **argv) {
   }
   try {
     lab::note_signals();
-    const lab::Scenario scenario = lab::read_scenario(file);
-    if (real != scenario.network.has_value())
-      throw std::runtime_error(file + (real ? " has no network: it is played without --real"
-                                            : " has a network: --real lets it make namespaces"));
-    const bool own_folder = options.work.empty();
-    if (own_folder) {
-      char name[] = "/tmp/mvpn-lab-XXXXXX";
-      if (mkdtemp(name) == nullptr) throw std::runtime_error("no folder for stores and logs can be made");
-      options.work = name;
-    }
-    std::filesystem::permissions(options.work, std::filesystem::perms(0755));  // routing daemons are not root
-    lab::Report report;
-    const bool held = lab::Runner(scenario, options, &report).play();
-    if (held && own_folder && !keep)
-      std::filesystem::remove_all(options.work);
-    else
-      std::cout << "logs, stores and captures are in " << options.work << '\n';
-    return held ? 0 : 1;
+    return play(file, options, real, keep, pages) ? 0 : 1;
   } catch (const std::exception &error) {
     std::cerr << "mvpn-lab: " << error.what() << '\n';
     return 1;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -78,6 +79,16 @@ Runner::Runner(const Scenario &scenario, Options options, Report *report)
 
 bool Runner::play() {
   report_->line(scenario_.name);
+  findings_.network = scenario_.network;
+  try {
+    play_steps();
+  } catch (const std::exception &error) {
+    report_->broken(error.what());
+  }
+  return report_->finish();
+}
+
+void Runner::play_steps() {
   if (scenario_.network) {
     real_.emplace(*scenario_.network,
                   RealLab::Settings{options_.binaries, options_.project, options_.work, options_.prefix});
@@ -85,8 +96,24 @@ bool Runner::play() {
   }
   start_reflector();
   for (const Step &step : scenario_.steps) play(step);
+  for (auto &[pe, daemon] : daemons_) collect_events(pe);
+  if (real_) findings_.flows = real_->traffic().history();
   for (auto &[pe, daemon] : daemons_) stop_control(pe);
-  return report_->finish();
+}
+
+// What the PE has noted since it was started, on the run's own clock.
+void Runner::collect_events(const std::string &pe) {
+  if (!daemons_.at(pe).running()) return;
+  const Result clock = pimctl(pe, "show clock | json");
+  const double now = report_->seconds();
+  const Result events = pimctl(pe, "show events last 1000 | json");
+  if (clock.status != 0 || events.status != 0) return;
+  const nlohmann::json time = nlohmann::json::parse(clock.output).at("clock").at(0);
+  for (const nlohmann::json &event : nlohmann::json::parse(events.output).value("event", nlohmann::json::array())) {
+    const double ago =
+        (time.at("seconds").get<double>() - event.at("time").get<double>()) / time.at("scale").get<double>();
+    findings_.events.push_back({now - ago, pe, event.at("text").get<std::string>()});
+  }
 }
 
 void Runner::play(const Step &step) {
@@ -119,13 +146,13 @@ void Runner::play_on_network(const Step &step) {
       report_->heading(step.text);
       return traffic.mark();
     case Kind::rate:
-      report_->line(step.flow + ": " + std::to_string(static_cast<int>(step.rate)) + " packets a second");
+      report_->action(step.flow + ": " + std::to_string(static_cast<int>(step.rate)) + " packets a second");
       return traffic.set_rate(scenario_.network->flow(step.flow), step.rate);
     case Kind::join:
-      report_->line(step.flow + ": a receiver joins behind " + step.pe);
+      report_->action(step.flow + ": a receiver joins behind " + step.pe);
       return traffic.join(scenario_.network->flow(step.flow), step.pe);
     case Kind::leave:
-      report_->line(step.flow + ": the receiver behind " + step.pe + " leaves");
+      report_->action(step.flow + ": the receiver behind " + step.pe + " leaves");
       return traffic.leave(scenario_.network->flow(step.flow), step.pe);
     case Kind::arrive:
       return arrive(step);
@@ -134,7 +161,7 @@ void Runner::play_on_network(const Step &step) {
     case Kind::carried:
       return carried(step);
     case Kind::set_link:
-      report_->line(step.pe + ": the core link goes " + (step.present ? "up" : "down"));
+      report_->action(step.pe + ": the core link goes " + (step.present ? "up" : "down"));
       return real_->stage().set_link(step.pe, step.present);
     case Kind::impair:
       return impair(step);
@@ -168,7 +195,7 @@ std::string Runner::configuration_of(const std::string &pe) {
 
 void Runner::start(const Step &step) {
   if (real_) real_->start_forwarder(step.pe);
-  if (step.forwarder) return report_->line(step.pe + ": mvpn-forwarder started");
+  if (step.forwarder) return report_->action(step.pe + ": mvpn-forwarder started");
   start_control(step.pe, step.stateful);
 }
 
@@ -185,7 +212,7 @@ void Runner::start_control(const std::string &pe, bool stateful) {
   std::filesystem::create_directories(options_.work + "/" + pe + ".store");
   daemons_.erase(pe);
   daemons_.emplace(pe, Process(launch));
-  report_->line(pe + (stateful ? ": pimhostd restarted statefully on " : ": pimhostd started on ") + file);
+  report_->action(pe + (stateful ? ": pimhostd restarted statefully on " : ": pimhostd started on ") + file);
   wait_for_daemon(pe);
 }
 
@@ -218,10 +245,11 @@ void Runner::kill(const Step &step) {
   if (step.forwarder) {
     real_->stop_forwarder(step.pe, SIGKILL);
   } else {
+    collect_events(step.pe);  // they go with it
     daemons_.at(step.pe).signal(SIGKILL);
     daemons_.at(step.pe).wait(5s);
   }
-  report_->line(step.pe + (step.forwarder ? ": the forwarder is killed with SIGKILL" : ": killed with SIGKILL"));
+  report_->action(step.pe + (step.forwarder ? ": the forwarder is killed with SIGKILL" : ": killed with SIGKILL"));
 }
 
 // ---------------------------------------------------------------------------------------------- commands and their texts
@@ -320,13 +348,13 @@ void Runner::set_vrf(const Step &step) {
     real_->stage().add_vrf(step.pe, step.vrf);
   else
     real_->stage().remove_vrf(step.pe, step.vrf);
-  report_->line(step.pe + ": the namespace of " + step.vrf + (step.present ? " is there again" : " is gone"));
+  report_->action(step.pe + ": the namespace of " + step.vrf + (step.present ? " is there again" : " is gone"));
 }
 
 void Runner::impair(const Step &step) {
   real_->stage().impair(step.pe, step.text);
-  report_->line(step.pe + ": the core link has " +
-                (step.text.empty() ? "no impairment any more" : "netem " + step.text));
+  report_->action(step.pe + ": the core link has " +
+                  (step.text.empty() ? "no impairment any more" : "netem " + step.text));
 }
 
 }  // namespace lab

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "lab/pages.h"
 #include "lab/process.h"
 #include "lab/real_lab.h"
 #include "lab/report.h"
@@ -26,10 +27,16 @@ class Runner {
  public:
   Runner(const Scenario &scenario, Options options, Report *report);
 
-  // Plays every step; true when everything expected happened.
+  // Plays every step; true when everything expected happened. What keeps a step from being played ends the run and
+  // counts as an expectation that failed.
   bool play();
 
+  // What the run found out, complete once play has returned.
+  const Findings &findings() const { return findings_; }
+
  private:
+  void play_steps();
+  void collect_events(const std::string &pe);
   void play(const Step &step);
   void play_on_network(const Step &step);
   void start_reflector();
@@ -59,6 +66,7 @@ class Runner {
   std::optional<RealLab> real_;  // before the processes that run in its namespaces
   std::map<std::string, Process> daemons_;
   std::optional<Process> reflector_;
+  Findings findings_;
 };
 
 }  // namespace lab

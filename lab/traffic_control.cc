@@ -33,6 +33,11 @@ uint64_t shared(const json &left, const json &right) {
   return count;
 }
 
+int64_t now_tenths() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count() / 100;
+}
+
 std::string key_of(const json &item) {
   return item.at("interface").get<std::string>() + " " + item.at("direction").get<std::string>() + " " +
          item.at("group").get<std::string>() + " " + std::to_string(item.at("flow").get<uint32_t>());
@@ -113,11 +118,14 @@ void TrafficControl::join(const NetworkFlow &flow, const std::string &pe) {
   request["do"] = "join";
   request["interface"] = "eth0";
   ask(host(pe, flow), request);
-  joined_[flow.name].insert(pe);
+  json &spans = joined_[flow.name][pe];
+  if (spans.is_null()) spans = json::array();
+  spans.push_back({now_tenths(), INT64_MAX});
 }
 
 void TrafficControl::leave(const NetworkFlow &flow, const std::string &pe) {
   ask(host(pe, flow), {{"do", "leave"}, {"flow", flow.number}});
+  joined_.at(flow.name).at(pe).back().at(1) = now_tenths();
 }
 
 uint64_t TrafficControl::sent(const NetworkFlow &flow) {
@@ -198,7 +206,7 @@ json TrafficControl::history() {
   for (const NetworkFlow &flow : stage_.network().flows) {
     if (!started_.contains(flow.name)) continue;
     json received = json::object();
-    for (const std::string &pe : joined_[flow.name])
+    for (const auto &[pe, spans] : joined_[flow.name])
       received[pe] = ask(host(pe, flow), {{"do", "received-series"}, {"flow", flow.number}}).at("series");
     result.push_back({{"flow", flow.name},
                       {"vrf", flow.vrf},
@@ -206,6 +214,7 @@ json TrafficControl::history() {
                       {"group", flow.group},
                       {"sent", ask(host(flow.from, flow), {{"do", "sent-series"}, {"flow", flow.number}}).at("series")},
                       {"received", received},
+                      {"joined", joined_[flow.name]},
                       {"groups", groups_of(flow, "series")}});
   }
   return result;

@@ -54,8 +54,8 @@ class TrafficControl {
   // GRE packets since the mark over a PE's core link to it (or from it), whose group lies in the prefix A.B.C.D/LENGTH.
   uint64_t carried(const std::string &pe, const std::string &groups, bool from_pe);
 
-  // What the report draws: [{flow, pe, sent, received: {PE: series}, groups: {group: series}}], times in tenths of a
-  // second of CLOCK_REALTIME.
+  // What the report draws: [{flow, vrf, from, group, sent: series, received: {PE: series}, groups: {core group: series},
+  // joined: {PE: [[first, last], …]}}]; a series is [[tenth of a second of CLOCK_REALTIME, packets], …].
   nlohmann::json history();
 
  private:
@@ -69,11 +69,11 @@ class TrafficControl {
   const Stage &stage_;
   std::string program_;
   std::string work_;
-  std::map<std::string, Process> agents_;                // by namespace
-  std::set<std::string> started_;                        // flows
-  std::map<std::string, std::set<std::string>> joined_;  // by flow: PEs that joined it at any time
-  std::map<std::string, uint64_t> marked_;               // by flow: its last packet at the mark
-  std::map<std::string, uint64_t> marked_carried_;       // by link, direction and group: packets at the mark
+  std::map<std::string, Process> agents_;                      // by namespace
+  std::set<std::string> started_;                              // flows
+  std::map<std::string, std::map<std::string, json>> joined_;  // by flow and PE: spans of time, as in history
+  std::map<std::string, uint64_t> marked_;                     // by flow: its last packet at the mark
+  std::map<std::string, uint64_t> marked_carried_;             // by link, direction and group: packets at the mark
 };
 
 // Whether an address lies in a prefix. Throws std::runtime_error when one of them is wrong.
