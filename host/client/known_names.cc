@@ -39,8 +39,7 @@ const std::vector<std::string> &KnownNames::of(NameKind kind) {
 std::vector<std::string> KnownNames::fetch(NameKind kind) const {
   const std::string header = kind == NameKind::vrf ? "vrf" : "interface";
   try {
-    ControlClient client(path_);
-    client.set_deadline(std::chrono::steady_clock::now() + kPatience);
+    ControlClient client(path_, kPatience);
     return names_behind(header + " ", client.text_of("show running-config | include " + header));
   } catch (const std::runtime_error &) {
     return {};  // the next command says why

@@ -3,12 +3,15 @@
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <clocale>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <string>
 #include <vector>
 
+#include "host/client/interrupt.h"
 #include "host/client/line_editor.h"
 #include "host/client/pager.h"
 #include "host/client/session.h"
@@ -22,7 +25,7 @@ exit leaves a mode or the session, end leaves the configuration.
 
 Behind a view: | include TEXT, | count, | json, | xml, | no-more
 
-Exit status: 0 done, 1 failed, 2 not understood, 3 pimhostd cannot be reached
+Exit status: 0 done, 1 failed, 2 not understood, 3 pimhostd cannot be reached, 4 it does not answer in time
 
 Examples:
   pimctl show mvpn mdt vrf red
@@ -31,14 +34,30 @@ Examples:
   pimctl configure vrf red mdt default 239.1.1.1
 )";
 
-uint32_t run_once(host::ControlClient &&client, host::OutputFormat format, const std::string &line) {
+uint32_t execute(host::ControlClient &client, host::OutputFormat format, const std::string &line) {
   return client.execute(format, line, [](host::FrameType type, std::string_view part) {
-    if (type == host::FrameType::error) {
-      host::print_error(part);
-      return true;
-    }
-    return host::write_output(part);
+    if (type != host::FrameType::error) return host::write_output(part);
+    host::print_error(part);
+    return true;
   });
+}
+
+// Ctrl-C ends the program as it would otherwise, but for a word about the line.
+uint32_t run_once(host::ControlClient &&client, host::OutputFormat format, const std::string &line) {
+  try {
+    const host::InterruptGuard guard;
+    return execute(client, format, line);
+  } catch (const std::runtime_error &error) {
+    if (!host::InterruptGuard::interrupted()) return host::tell_lost(error, line);
+  }
+  host::print_error(host::note_of_abandoned(line));
+  std::raise(SIGINT);
+  return host::kStatusFailed;
+}
+
+// Lines are read as the terminal writes them; the editor drops what it takes for no characters.
+void use_locale() {
+  if (std::setlocale(LC_CTYPE, "") == nullptr || MB_CUR_MAX == 1) std::setlocale(LC_CTYPE, "C.UTF-8");
 }
 
 // The exit status of a command or session whose output may not have been written. A reader that has gone, as behind
@@ -102,9 +121,13 @@ int main(int argc, char **argv) {
   CLI::App app{"Commands of pimhostd"};
   app.footer(kFooter);
   std::string path = host::kDefaultControlPath;
+  double timeout = 10;
   bool json = false, xml = false, syntax = false;
   std::vector<std::string> words;
   app.add_option("--control", path, "control socket of pimhostd")->capture_default_str();
+  app.add_option("--timeout", timeout, "seconds that pimhostd may be silent; 0: any time")
+      ->check(CLI::Range(0.0, 86400.0))
+      ->capture_default_str();
   auto *as_json = app.add_flag("--json", json, "structured output of views, as JSON");
   app.add_flag("--xml", xml, "structured output of views, as XML")->excludes(as_json);
   app.add_flag("--syntax", syntax, "")->group("");  // hidden: the tables of the command reference
@@ -122,11 +145,15 @@ int main(int argc, char **argv) {
                                     : xml ? host::OutputFormat::xml
                                           : host::OutputFormat::text;
   std::signal(SIGPIPE, SIG_IGN);
+  use_locale();
+  const host::ControlClient::Timeout silence(static_cast<int64_t>(timeout * 1000));
   try {
-    if (!words.empty()) return finish(run_once(host::ControlClient(path), format, host::join_words(words)));
+    if (!words.empty()) return finish(run_once(host::ControlClient(path, silence), format, host::join_words(words)));
     const bool terminal = isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
-    host::Session session(path, format, terminal);
+    host::Session session(path, format, terminal, silence);
     return finish(terminal ? run_session(session) : run_lines(session));
+  } catch (const host::NoAnswer &error) {
+    return static_cast<int>(host::tell_lost(error, ""));
   } catch (const std::exception &error) {
     host::print_error(std::string("pimctl: ") + error.what() + "\n");
     return static_cast<int>(host::kStatusUnreachable);

@@ -3,36 +3,17 @@
 // closed, be it by the daemon's end or by an operator who quit a listing.
 #include "host/client/session.h"
 
-#include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
 
+#include "host/client/interrupt.h"
 #include "host/client/pager.h"
 
 namespace host {
 namespace {
-
-volatile sig_atomic_t interrupted = 0;
-
-// Ctrl-C ends the command that is running, and not the session: reads return early.
-class InterruptGuard {
- public:
-  InterruptGuard() {
-    interrupted = 0;
-    struct sigaction action {};
-    action.sa_handler = [](int) { interrupted = 1; };
-    sigaction(SIGINT, &action, &former_);
-  }
-  ~InterruptGuard() { sigaction(SIGINT, &former_, nullptr); }
-  InterruptGuard(const InterruptGuard &) = delete;
-  InterruptGuard &operator=(const InterruptGuard &) = delete;
-
- private:
-  struct sigaction former_ {};
-};
 
 bool is_word_of(Mode mode, const std::string &word) { return !candidates(mode, {word}).empty(); }
 
@@ -53,8 +34,22 @@ void print_error(std::string_view text) {
   if (colour) std::fputs("\033[0m", stderr);
 }
 
-Session::Session(std::string path, OutputFormat format, bool paging)
-    : path_(std::move(path)), format_(format), paging_(paging), names_(path_) {}
+uint32_t tell_lost(const std::runtime_error &error, std::string_view line) {
+  print_error(std::string("pimctl: ") + error.what() + "\n");
+  if (dynamic_cast<const NoAnswer *>(&error) == nullptr) return kStatusUnreachable;
+  print_error(note_of_abandoned(line));
+  return kStatusNoAnswer;
+}
+
+Session::Session(std::string path, OutputFormat format, bool paging, ControlClient::Timeout timeout)
+    : path_(std::move(path)), format_(format), paging_(paging), timeout_(timeout), names_(path_) {}
+
+// The daemon closes a connection that is idle for long.
+ControlClient &Session::connected() {
+  if (client_ && !client_->open()) client_.reset();
+  if (!client_) client_ = std::make_unique<ControlClient>(path_, timeout_);
+  return *client_;
+}
 
 // A line whose first word the block does not know belongs to the modes around it, as in a configuration file.
 Session::Target Session::target_of(const std::vector<std::string> &words) const {
@@ -132,32 +127,30 @@ void Session::enter(const Target &target, const Match &match) {
 
 uint32_t Session::send(std::string_view line, bool paging) {
   const InterruptGuard guard;
-  Pager pager(paging, interrupted);
+  Pager pager(paging, InterruptGuard::flag());
   bool quit = false;
   try {
-    if (!client_) client_ = std::make_unique<ControlClient>(path_);
-    const uint32_t status = client_->execute(format_, line, [&](FrameType type, std::string_view part) {
+    const uint32_t status = connected().execute(format_, line, [&](FrameType type, std::string_view part) {
       if (type == FrameType::error)
         print_error(part);
       else
         quit = !pager.show(part);
-      return !quit && interrupted == 0;
+      return !quit && !InterruptGuard::interrupted();
     });
-    if (quit || interrupted != 0) client_.reset();
+    if (quit || InterruptGuard::interrupted()) client_.reset();
     return write_error() == 0 ? status : kStatusFailed;
   } catch (const std::runtime_error &error) {
     client_.reset();
-    if (interrupted != 0) return kStatusFailed;
-    print_error(std::string("pimctl: ") + error.what() + "\n");
-    return kStatusUnreachable;
+    if (!InterruptGuard::interrupted()) return tell_lost(error, line);
+    print_error(note_of_abandoned(line));
+    return kStatusFailed;
   }
 }
 
 void Session::read_hostname() {
   std::string answer;
   try {
-    if (!client_) client_ = std::make_unique<ControlClient>(path_);
-    answer = client_->text_of("show running-config | include hostname");
+    answer = connected().text_of("show running-config | include hostname");
   } catch (const std::runtime_error &) {
     client_.reset();  // the next command says why
   }

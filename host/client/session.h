@@ -6,6 +6,7 @@
 #define HOST_SESSION_H
 
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,13 +17,15 @@
 
 namespace host {
 
-// Exit status of the program when the daemon cannot be reached; the other statuses are those of commands.
+// Exit statuses of the program when the daemon cannot be reached, or does not answer in time; the others are those of
+// commands.
 constexpr uint32_t kStatusUnreachable = 3;
+constexpr uint32_t kStatusNoAnswer = 4;
 
 class Session {
  public:
   // paging: views stop at each page.
-  Session(std::string path, OutputFormat format, bool paging);
+  Session(std::string path, OutputFormat format, bool paging, ControlClient::Timeout timeout);
 
   // Runs a line: output to standard output, reasons to standard error. Returns the exit status.
   uint32_t run(std::string_view text);
@@ -39,6 +42,7 @@ class Session {
     std::string before;              // what the daemon gets in front of the line
     std::vector<std::string> words;  // the line
   };
+  ControlClient &connected();
   Target target_of(const std::vector<std::string> &words) const;
   void leave_block();
   bool moves(const std::vector<std::string> &words);
@@ -50,6 +54,7 @@ class Session {
   std::string path_;
   OutputFormat format_;
   bool paging_;
+  ControlClient::Timeout timeout_;
   std::unique_ptr<ControlClient> client_;
   KnownNames names_;
   Mode mode_ = Mode::exec;
@@ -57,6 +62,9 @@ class Session {
   std::string hostname_;
   bool ended_ = false;
 };
+
+// Says why there is no answer to a line; the program's exit status for it.
+uint32_t tell_lost(const std::runtime_error &error, std::string_view line);
 
 // Prints why something failed, in colour on a terminal that shows colours.
 void print_error(std::string_view text);

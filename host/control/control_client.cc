@@ -4,27 +4,48 @@
 
 #include <array>
 #include <boost/asio/write.hpp>
-#include <stdexcept>
+#include <cerrno>
+#include <thread>
 
 namespace host {
 
 namespace asio = boost::asio;
 
-ControlClient::ControlClient(const std::string &path) : socket_(io_) {
-  boost::system::error_code error;
+// The queue of a daemon that accepts nobody may be full: the connection is tried again for a while.
+ControlClient::ControlClient(const std::string &path, Timeout timeout) : timeout_(timeout), socket_(io_) {
   if (path.size() >= sizeof(sockaddr_un::sun_path)) throw std::runtime_error(path + ": the path is too long");
+  const auto limit = std::chrono::steady_clock::now() + timeout;
+  while (!connect(path)) {
+    if (timeout.count() > 0 && std::chrono::steady_clock::now() >= limit)
+      throw NoAnswer("pimhostd takes no connection at " + path);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+}
+
+// False when it is to be tried again.
+bool ControlClient::connect(const std::string &path) {
+  boost::system::error_code error;
+  socket_ = asio::local::stream_protocol::socket(io_, asio::local::stream_protocol());
+  socket_.native_non_blocking(true);
   socket_.connect(asio::local::stream_protocol::endpoint(path), error);
+  if (error == asio::error::no_buffer_space) return false;  // what a full queue is told as
   if (error) throw std::runtime_error("pimhostd cannot be reached at " + path + ": " + error.message());
+  socket_.native_non_blocking(false);
+  return true;
+}
+
+bool ControlClient::open() const {
+  pollfd readable{const_cast<asio::local::stream_protocol::socket &>(socket_).native_handle(), POLLIN, 0};
+  return poll(&readable, 1, 0) == 0;
 }
 
 void ControlClient::read(void *bytes, size_t size) {
+  const int wait = timeout_.count() > 0 ? static_cast<int>(timeout_.count()) : -1;
   for (size_t done = 0; done < size;) {
-    if (deadline_) {
-      const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline_ - std::chrono::steady_clock::now());
-      pollfd readable{socket_.native_handle(), POLLIN, 0};
-      if (left.count() <= 0 || poll(&readable, 1, static_cast<int>(left.count())) <= 0)
-        throw std::runtime_error("pimhostd does not answer");
-    }
+    pollfd readable{socket_.native_handle(), POLLIN, 0};
+    const int ready = poll(&readable, 1, wait);
+    if (ready < 0) throw boost::system::system_error(errno, boost::system::system_category());
+    if (ready == 0) throw NoAnswer("pimhostd does not answer within " + std::to_string(timeout_.count() / 1000) + " s");
     done += socket_.read_some(asio::buffer(static_cast<char *>(bytes) + done, size - done));
   }
 }

@@ -6,7 +6,7 @@
 #include <boost/asio/local/stream_protocol.hpp>
 #include <chrono>
 #include <functional>
-#include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -14,27 +14,38 @@
 
 namespace host {
 
+// The daemon is there and says nothing.
+class NoAnswer : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
 class ControlClient {
  public:
+  using Timeout = std::chrono::milliseconds;
+
   // Takes a part of an answer; false ends the command, in the daemon, too. The connection is then of no more use.
   using Take = std::function<bool(FrameType type, std::string_view part)>;
 
-  // Throws std::runtime_error with the path and the reason.
-  explicit ControlClient(const std::string &path);
+  // timeout: how long the daemon may be silent, here and in execute(); 0: for ever. Throws std::runtime_error with the
+  // path and the reason, NoAnswer when the daemon takes no connection in time.
+  ControlClient(const std::string &path, Timeout timeout);
 
-  // Commands whose answer has not come in full by then are lost. Without it they may take any time.
-  void set_deadline(std::chrono::steady_clock::time_point deadline) { deadline_ = deadline; }
+  // Whether the connection can still be used: nothing comes from the daemon between commands but its end.
+  bool open() const;
 
-  // Runs a command line; its exit status. Throws std::runtime_error when the connection is lost.
+  // Runs a command line; its exit status. Throws std::runtime_error when the connection is lost, NoAnswer when nothing
+  // comes in time.
   uint32_t execute(OutputFormat format, std::string_view line, const Take &take);
 
   // What a command prints as text, cut behind the first megabyte. Throws as execute().
   std::string text_of(std::string_view line);
 
  private:
+  bool connect(const std::string &path);
   void read(void *bytes, size_t size);
 
-  std::optional<std::chrono::steady_clock::time_point> deadline_;
+  Timeout timeout_;
   boost::asio::io_context io_;
   boost::asio::local::stream_protocol::socket socket_;
 };

@@ -1,5 +1,9 @@
 // A connection always reads: the end of the client's side ends its command. A request that arrives while one is running
 // waits for it, and nothing more is read meanwhile.
+//
+// Connections are few, so that clients which hold theirs without using it must not keep others out. A request has to
+// come whole soon after its first byte; a connection without a command ends after a while, and earlier when another
+// client needs its place. Only a client that finds every place taken by a running command is turned away, with a reason.
 #include "host/control/control_server.h"
 
 #include <sys/stat.h>
@@ -8,7 +12,10 @@
 #include <array>
 #include <boost/asio/post.hpp>
 #include <boost/asio/read.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
+#include <chrono>
+#include <cstring>
 #include <optional>
 #include <stdexcept>
 
@@ -17,23 +24,46 @@ namespace host {
 namespace asio = boost::asio;
 using asio::local::stream_protocol;
 using boost::system::error_code;
+using std::chrono::steady_clock;
+
+namespace {
+
+constexpr std::chrono::seconds kLongestIdle{300};
+constexpr std::chrono::seconds kLongestRequest{10};     // from its first byte to its last
+constexpr std::chrono::milliseconds kAcceptPause{500};  // when no connection can be taken, as without descriptors
+
+std::string refusal(const std::string &reason) {
+  return encode_frames(FrameType::error, reason + "\n") + encode_end(kStatusFailed);
+}
+
+}  // namespace
 
 class ControlConnection : public std::enable_shared_from_this<ControlConnection> {
  public:
   ControlConnection(ControlServer &server, stream_protocol::socket socket)
-      : server_(server), socket_(std::move(socket)) {}
+      : server_(server), socket_(std::move(socket)), timer_(socket_.get_executor()) {}
 
   void read_request();
+  // Ends the connection, with a reason that the client reads when it asks for something.
+  void refuse(const std::string &reason);
   void close();
 
+  bool idle() const { return !channel_ && !waiting_; }
+  steady_clock::time_point idle_since() const { return idle_since_; }
+
  private:
+  void limit(steady_clock::duration time, const char *reason);
+  void read_header();
   void read_body(size_t size);
   void take_request();
   void start();
   void send();
+  void become_idle();
 
   ControlServer &server_;
   stream_protocol::socket socket_;
+  asio::steady_timer timer_;  // while a request is awaited or read
+  steady_clock::time_point idle_since_ = steady_clock::now();
   std::array<uint8_t, kFrameHeaderSize> header_{};
   std::string body_;
   std::optional<ControlServer::Request> waiting_;
@@ -42,7 +72,24 @@ class ControlConnection : public std::enable_shared_from_this<ControlConnection>
   bool closed_ = false;
 };
 
+void ControlConnection::limit(steady_clock::duration time, const char *reason) {
+  timer_.expires_after(time);
+  timer_.async_wait([self = shared_from_this(), reason](const error_code &error) {
+    if (!error && self->idle()) self->refuse(reason);
+  });
+}
+
+// The first byte may take its time, the rest may not. While a command runs nothing is awaited.
 void ControlConnection::read_request() {
+  if (idle()) limit(kLongestIdle, "the connection was idle and has been closed");
+  socket_.async_wait(stream_protocol::socket::wait_read, [self = shared_from_this()](const error_code &error) {
+    if (error) return self->close();
+    if (self->idle()) self->limit(kLongestRequest, "the request did not come whole in time");
+    self->read_header();
+  });
+}
+
+void ControlConnection::read_header() {
   asio::async_read(socket_, asio::buffer(header_), [self = shared_from_this()](const error_code &error, size_t) {
     FrameHeader header;
     if (error || !decode_header(self->header_.data(), kMaxRequest + 1, &header) || header.type != FrameType::request ||
@@ -62,6 +109,7 @@ void ControlConnection::read_body(size_t size) {
 }
 
 void ControlConnection::take_request() {
+  timer_.cancel();
   waiting_ = ControlServer::Request{static_cast<OutputFormat>(body_.front()), body_.substr(1)};
   if (!channel_) start();
 }
@@ -88,17 +136,33 @@ void ControlConnection::send() {
     self->out_.clear();
     if (self->channel_->ended()) {
       self->channel_.reset();
-      if (self->waiting_) self->start();
+      self->become_idle();
     } else {
       self->send();
     }
   });
 }
 
+// A request that came meanwhile is next; else a wait for one is already under way.
+void ControlConnection::become_idle() {
+  if (waiting_) return start();
+  idle_since_ = steady_clock::now();
+  limit(kLongestIdle, "the connection was idle and has been closed");
+}
+
+// What fits into the socket at once: a client that reads nothing is not waited for.
+void ControlConnection::refuse(const std::string &reason) {
+  error_code ignored;
+  socket_.non_blocking(true, ignored);
+  socket_.write_some(asio::buffer(refusal(reason)), ignored);
+  close();
+}
+
 void ControlConnection::close() {
   if (closed_) return;
   closed_ = true;
   if (channel_) channel_->abandon();
+  timer_.cancel();
   error_code ignored;
   socket_.close(ignored);
   server_.connections_.erase(shared_from_this());
@@ -111,17 +175,26 @@ void free_path(asio::io_context &io, const std::string &path) {
   struct stat status {};
   if (lstat(path.c_str(), &status) != 0) return;
   if (!S_ISSOCK(status.st_mode)) throw std::runtime_error(path + " is there and is not a socket");
-  stream_protocol::socket probe(io);
+  stream_protocol::socket probe(io, stream_protocol());
+  // A process that has been stopped takes no connections, and holds the path all the same: its queue may be full.
+  probe.non_blocking(true);
   error_code error;
   probe.connect(stream_protocol::endpoint(path), error);
-  if (!error) throw std::runtime_error(path + ": another process listens there");
+  const bool queue_full = error == asio::error::no_buffer_space;
+  if (!error || queue_full) throw std::runtime_error(path + ": another process listens there");
   unlink(path.c_str());
+}
+
+std::optional<SocketFile> file_at(const std::string &path) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0) return std::nullopt;
+  return SocketFile{status.st_dev, status.st_ino};
 }
 
 }  // namespace
 
 ControlServer::ControlServer(asio::io_context &io, const std::string &path, Execute execute)
-    : io_(io), path_(path), execute_(std::move(execute)), acceptor_(io) {
+    : io_(io), path_(path), execute_(std::move(execute)), acceptor_(io), accept_timer_(io) {
   free_path(io, path);
   try {
     const stream_protocol::endpoint endpoint(path);
@@ -131,6 +204,7 @@ ControlServer::ControlServer(asio::io_context &io, const std::string &path, Exec
     acceptor_.bind(endpoint, error);
     umask(former);
     if (error) throw boost::system::system_error(error);
+    file_ = file_at(path);
     acceptor_.listen();
   } catch (const boost::system::system_error &error) {
     throw std::runtime_error(path + ": " + error.code().message());
@@ -143,20 +217,46 @@ ControlServer::~ControlServer() { close(); }
 void ControlServer::accept() {
   acceptor_.async_accept([this](const error_code &error, stream_protocol::socket socket) {
     if (error == asio::error::operation_aborted) return;
-    if (!error && connections_.size() < kMaxClients) {
-      const auto connection = std::make_shared<ControlConnection>(*this, std::move(socket));
-      connections_.insert(connection);
-      connection->read_request();
-    }
+    if (error) return accept_later();
+    add(std::move(socket));
     accept();
   });
+}
+
+// The client goes on waiting in the queue meanwhile, which would wake the acceptor at once and for ever.
+void ControlServer::accept_later() {
+  accept_timer_.expires_after(kAcceptPause);
+  accept_timer_.async_wait([this](const error_code &error) {
+    if (!error) accept();
+  });
+}
+
+void ControlServer::add(stream_protocol::socket socket) {
+  const auto connection = std::make_shared<ControlConnection>(*this, std::move(socket));
+  connections_.insert(connection);
+  if (connections_.size() > kMaxClients) make_room(connection);
+  if (connections_.contains(connection)) connection->read_request();
+}
+
+void ControlServer::make_room(const std::shared_ptr<ControlConnection> &newest) {
+  std::shared_ptr<ControlConnection> longest;
+  for (const auto &connection : connections_)
+    if (connection != newest && connection->idle() && (!longest || connection->idle_since() < longest->idle_since()))
+      longest = connection;
+  const std::string many = std::to_string(kMaxClients) + " clients are connected";
+  if (longest)
+    longest->refuse(many + "; this connection was idle and has made room");
+  else
+    newest->refuse(many + " and wait for their commands; try again later");
 }
 
 void ControlServer::close() {
   if (!acceptor_.is_open()) return;
   error_code ignored;
   acceptor_.close(ignored);
-  unlink(path_.c_str());
+  accept_timer_.cancel();
+  // Another daemon may have taken the path over meanwhile.
+  if (file_ && file_at(path_) == file_) unlink(path_.c_str());
   for (const auto connections = connections_; const auto &connection : connections) connection->close();
 }
 

@@ -2,10 +2,14 @@
 #ifndef HOST_CONTROL_SERVER_H
 #define HOST_CONTROL_SERVER_H
 
+#include <sys/types.h>
+
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -16,6 +20,13 @@ namespace host {
 
 class ControlConnection;
 
+// A file as such, whatever its path.
+struct SocketFile {
+  dev_t device;
+  ino_t inode;
+  bool operator==(const SocketFile &) const = default;
+};
+
 class ControlServer {
  public:
   struct Request {
@@ -25,6 +36,7 @@ class ControlServer {
   // Runs a command; ends the channel when it is done, now or later, from any thread.
   using Execute = std::function<void(const Request &request, const std::shared_ptr<OutputChannel> &channel)>;
 
+  // With so many the client that has been idle the longest makes room for another one.
   static constexpr size_t kMaxClients = 64;
 
   // Takes over a socket file that no process listens on. Throws std::runtime_error when the path cannot be used.
@@ -37,11 +49,16 @@ class ControlServer {
  private:
   friend class ControlConnection;
   void accept();
+  void accept_later();
+  void add(boost::asio::local::stream_protocol::socket socket);
+  void make_room(const std::shared_ptr<ControlConnection> &newest);
 
   boost::asio::io_context &io_;
   std::string path_;
+  std::optional<SocketFile> file_;  // that this server made at the path
   Execute execute_;
   boost::asio::local::stream_protocol::acceptor acceptor_;
+  boost::asio::steady_timer accept_timer_;
   std::set<std::shared_ptr<ControlConnection>> connections_;
 };
 

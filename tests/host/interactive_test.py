@@ -181,6 +181,24 @@ class InteractiveTest(unittest.TestCase):
         terminal.type("do show running-config | include mtu\n")
         self.assertNotIn("1300", terminal.expect("red)# "))
 
+    def test_a_line_that_was_sent_before_an_interrupt_may_still_apply(self):
+        daemon = self.start()
+        terminal = self.open(daemon)
+        daemon.process.send_signal(signal.SIGSTOP)
+        terminal.type("configure vrf red mdt mtu 1300\n")
+        terminal.expect("1300\n")
+        time.sleep(0.2)  # the line is on its way
+        terminal.type("\x03")
+        terminal.expect("the line had been sent already and may still be carried out\n")
+        daemon.process.send_signal(signal.SIGCONT)
+        terminal.expect("pe1> ")
+        wait_until(lambda: "mdt mtu 1300" in daemon.show("running-config"), "the line is carried out")
+
+    def test_what_is_typed_is_what_is_read(self):
+        terminal = self.open(self.start())
+        terminal.type("configure vrf r\u00f8d rd 65000:9\n")
+        terminal.expect("'r\\xc3\\xb8d' is not a name")
+
     def test_the_configuration_can_be_pasted(self):
         daemon = self.start()
         before = daemon.show("running-config")

@@ -128,7 +128,8 @@ class ProgramsTest(unittest.TestCase):
     def end_at_once(self, *options):
         """The status and the errors of a daemon that does not start."""
         module = os.environ.get("PIMHOSTD_MODULE")
-        command = [BIN / "pimhostd", "--control", self.folder / "other", *options, *(["--module", module] if module else [])]
+        control = [] if "--control" in options else ["--control", self.folder / "other"]
+        command = [BIN / "pimhostd", *control, *options, *(["--module", module] if module else [])]
         sanitizer = {"LSAN_OPTIONS": f"suppressions={HERE}/lsan.supp:print_suppressions=0"}
         result = subprocess.run(command, capture_output=True, text=True, timeout=LIMIT, env={**sanitizer, **os.environ})
         self.assertEqual(result.stdout, "")
@@ -463,6 +464,47 @@ class ProgramsTest(unittest.TestCase):
             except ConnectionResetError:
                 pass
         self.assertEqual(daemon.run("show clock").returncode, 0)
+
+    def test_clients_that_are_idle_make_room(self):
+        daemon = self.start("hostname a\n")
+        idle = [self.connect(daemon) for _ in range(70)]
+        self.assertEqual(daemon.run("show clock").returncode, 0)
+        received = b"".join(iter(lambda: idle[0].recv(4096), b""))
+        self.assertIn(b"64 clients are connected; this connection was idle and has made room\n", received)
+        self.assertTrue(received.endswith(struct.pack(">IBI", 5, 4, 1)))
+        self.assertEqual(daemon.run("show clock").returncode, 0)
+
+    def test_the_control_socket_stays_with_whom_it_belongs_to(self):
+        first = self.start("hostname first\n")
+        first.process.send_signal(signal.SIGSTOP)
+        self.assertEqual(self.end_at_once("--config", self.config, "--control", first.socket),
+                         (1, f"pimhostd: {first.socket}: another process listens there\n"))
+        os.unlink(first.socket)
+        second = self.start("hostname second\n")
+        first.process.send_signal(signal.SIGCONT)
+        self.assertEqual(first.stop(), 0)
+        self.assertEqual(second.show("running-config | include hostname"), "hostname second\n")
+
+    def test_a_daemon_that_says_nothing_is_not_waited_for(self):
+        daemon = self.start("hostname a\n")
+        daemon.process.send_signal(signal.SIGSTOP)
+        silent = "pimctl: pimhostd does not answer within 1 s\n"
+        for line, text in [("show clock", silent),
+                           ("configure hostname b", silent + "the line had been sent already and may still be carried out\n")]:
+            result = daemon.run(line, "--timeout", "1")
+            self.assertEqual((result.returncode, result.stderr), (4, text))
+        # The queue of connections is full.
+        queued = []
+        with contextlib.suppress(BlockingIOError):
+            while len(queued) < 10000:
+                queued.append(self.stack.enter_context(socket.socket(socket.AF_UNIX)))
+                queued[-1].setblocking(False)
+                queued[-1].connect(daemon.socket)
+        result = daemon.run("show clock", "--timeout", "0.2")
+        self.assertEqual((result.returncode, result.stderr), (4, f"pimctl: pimhostd takes no connection at {daemon.socket}\n"))
+        self.assertEqual(self.end_at_once("--config", self.config, "--control", daemon.socket)[0], 1)
+        daemon.process.send_signal(signal.SIGCONT)
+        wait_until(lambda: daemon.run("show clock").returncode == 0, "the daemon goes on")
 
     def test_a_client_that_does_not_read_holds_up_nobody(self):
         routes = "".join(f"  mroute 10.0.{i // 200}.{i % 200 + 1} 232.1.1.1\n" for i in range(20000))

@@ -1,0 +1,29 @@
+#include "host/client/interrupt.h"
+
+#include "host/control/pipeline.h"
+
+namespace host {
+namespace {
+
+volatile sig_atomic_t interrupts = 0;
+
+}  // namespace
+
+InterruptGuard::InterruptGuard() {
+  interrupts = 0;
+  struct sigaction action {};
+  action.sa_handler = [](int) { interrupts = 1; };
+  sigaction(SIGINT, &action, &former_);
+}
+
+InterruptGuard::~InterruptGuard() { sigaction(SIGINT, &former_, nullptr); }
+
+const volatile sig_atomic_t &InterruptGuard::flag() { return interrupts; }
+
+std::string_view note_of_abandoned(std::string_view line) {
+  const Match match = match_line(Mode::exec, read_pipeline(split_words(line)).command, true);
+  if (match.error || is_view(match.statements.front())) return "";
+  return "the line had been sent already and may still be carried out\n";
+}
+
+}  // namespace host
