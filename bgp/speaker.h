@@ -54,21 +54,21 @@ struct MaximumPrefix {
 struct NeighborConfig {
   Ipv4 address = 0;
   AsNumber remote_as = 0;  // equal to the local AS: internal
-  std::string description;
+  std::string description{};
   uint16_t port = 179;
   Ipv4 local_address = 0;
-  std::string password;
+  std::string password{};
   uint8_t ttl_security = 0;     // as in PeerOptions
   uint16_t hold_time = 90;      // seconds offered; 0 (no keepalives) or 3 to 65535
   uint16_t connect_retry = 30;  // seconds, 1 to 65535
   bool passive = false;         // wait for the neighbour's connection
   bool shutdown = false;
-  std::string shutdown_message;   // RFC 9003, UTF-8, at most 255 octets; cut there
-  bool reflector_client = false;  // this speaker reflects routes for it (internal neighbours)
+  std::string shutdown_message{};  // RFC 9003, UTF-8, at most 255 octets; cut there
+  bool reflector_client = false;   // this speaker reflects routes for it (internal neighbours)
   // Offers IPv4 unicast as well, for neighbours that end a session without a family in common. None is sent, what comes
   // is counted and dropped.
   bool ipv4_unicast = false;
-  MaximumPrefix maximum_prefix;
+  MaximumPrefix maximum_prefix{};
   bool operator==(const NeighborConfig &) const = default;
 };
 
@@ -77,7 +77,6 @@ struct BestChange {
   Nlri nlri;             // of a route that is gone: the last one reported
   bool present = false;  // false: there is no route any more
   bool local = false;    // originated here
-  bool stale = false;    // kept for a neighbour that restarts
   Ipv4 next_hop = 0;
   Ipv4 neighbor = 0;  // it came from; 0: originated here
 };
@@ -96,6 +95,13 @@ class Observer {
   virtual void end_of_rib(Ipv4 neighbor) { (void)neighbor; }  // the neighbour has sent all it had
   virtual void selection_begins() {}                          // the deferral of a restart is over
   virtual void log(LogLevel, std::string_view line) { (void)line; }
+
+  // What a next hop costs, for selection; nothing: it cannot be reached, and paths with it are not used. Asked at any
+  // time, so it must be quick and call nothing here. Speaker::next_hops_changed has everything asked again.
+  virtual std::optional<uint32_t> next_hop_cost(Ipv4 next_hop) {
+    (void)next_hop;
+    return 0;
+  }
 };
 inline constexpr size_t kBestBatch = 1024;
 
@@ -203,6 +209,8 @@ class Speaker {
   // Routes of this PE. The same key replaces. With a next hop of 0 each session's own address is sent.
   void originate(const Nlri &nlri, Ipv4 next_hop, const Attributes *more = nullptr);
   bool withdraw(const RouteKey &key);  // false: was not originated here
+
+  void next_hops_changed();  // selects anew, in turns
 
   // False: no such neighbour, or (soft_in) it cannot be asked.
   bool clear(Ipv4 neighbor, ClearKind kind, const std::string &message = {});

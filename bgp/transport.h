@@ -21,7 +21,7 @@ using ConnectionId = uint64_t;  // given out by the speaker, never used twice
 struct PeerOptions {
   uint16_t port = 179;       // of the neighbour, to connect to
   Ipv4 local_address = 0;    // to bind to; 0: the system's choice
-  std::string password;      // TCP MD5 signatures (RFC 2385), at most 80 octets; empty: none
+  std::string password{};    // TCP MD5 signatures (RFC 2385), at most 80 octets; empty: none
   uint8_t ttl_security = 0;  // RFC 5082: 0 off; n: send with 255, accept from 256 - n upwards only (1: on the link)
   bool operator==(const PeerOptions &) const = default;
 };

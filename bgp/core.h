@@ -1,0 +1,73 @@
+// What all parts of one speaker share: configuration, the outside, timers, tables, and what is to be told to the observer.
+//
+// Events are kept until the end of a turn: an observer may then change neighbours and routes without pulling the ground
+// from under the work that caused the event.
+#ifndef BGP_CORE_H
+#define BGP_CORE_H
+
+#include <deque>
+#include <memory>
+#include <random>
+#include <unordered_map>
+#include <utility>
+
+#include "bgp/route_groups.h"
+#include "bgp/speaker.h"
+#include "bgp/table.h"
+#include "bgp/timer.h"
+
+namespace bgp {
+
+class Session;
+
+struct Event {
+  enum class Kind : uint8_t { log, session, end_of_rib, selection } kind = Kind::log;
+  LogLevel level = LogLevel::info;
+  Ipv4 neighbor = 0;
+  State from = State::idle, to = State::idle;
+  std::string text;
+  uint64_t position = 0;  // end_of_rib: not before the observer has read the changes so far
+};
+
+struct Core {
+  Core(const SpeakerConfig &c, Transport &t, Clock &k, Observer &o)
+      : config(c),
+        transport(t),
+        clock(k),
+        observer(o),
+        table(
+            attributes, [&o](Ipv4 next_hop) { return o.next_hop_cost(next_hop); }, c.seed),
+        news(table),
+        random(c.seed + 1) {
+    timers.set_now(clock.now());
+  }
+  Core(const Core &) = delete;
+  Core &operator=(const Core &) = delete;
+
+  SpeakerConfig config;
+  Transport &transport;
+  Clock &clock;
+  Observer &observer;
+  TimerQueue timers;
+  AttributeTable attributes;
+  Table table;
+  ChangeReader news;  // the observer's
+  RouteGroups groups;
+  std::deque<Event> events;
+  std::minstd_rand random;
+  bool stopped = false;
+  ConnectionId last_connection = 0;
+  std::unordered_map<ConnectionId, Session *> sessions;
+  std::vector<Session *> readable;                  // in the order of their turns
+  std::vector<std::unique_ptr<Session>> graveyard;  // closed, and perhaps still on the call stack
+  Octets input;                                     // scratch of whichever session reads
+
+  Ipv4 cluster_id() const { return config.cluster_id != 0 ? config.cluster_id : config.router_id; }
+  void log(LogLevel level, std::string text);
+  // RFC 4271, section 10: three quarters of it to all of it.
+  Duration jitter(Duration whole);
+};
+
+}  // namespace bgp
+
+#endif  // BGP_CORE_H

@@ -1,0 +1,190 @@
+// Routes and paths: the Adj-RIB-In of every neighbour and the Loc-RIB in one.
+//
+// A route is a key; a path is what one source, a neighbour or this speaker itself, says about it. A route's paths hang on
+// it with the best in front; a source's paths hang on the source, so that what a lost neighbour said is found without
+// walking the table. With a hundred thousand routes each octet counts: a route takes 32 and a path 28, both in pools.
+//
+// Changes are kept as a log of route numbers. Whoever wants to know of them, each neighbour's output and the observer,
+// reads the log at its own pace with a ChangeReader; a route that changes again moves to the end, so that a slow reader
+// finds each route once, in its latest state, and costs the others nothing but the log. What every reader has passed is
+// forgotten; a route without paths lives until then, because its withdrawal must still be told.
+//
+// What a source said is dated by a generation, a number that the source raises when its session is lost. That makes all
+// its paths stale in one step; a sweep in bounded turns removes those that were not said again.
+#ifndef BGP_TABLE_H
+#define BGP_TABLE_H
+
+#include <deque>
+#include <functional>
+
+#include "bgp/attribute_table.h"
+#include "bgp/pool.h"
+#include "bgp/types.h"
+
+namespace bgp {
+
+using RouteId = uint32_t;   // 0: none
+using PathId = uint32_t;    // 0: none
+using SourceId = uint16_t;  // kLocal: this speaker
+inline constexpr SourceId kLocal = 0;
+
+struct Route {
+  RouteKey key;
+  Ipv4 group = 0;         // of the best path; of the last one when there is none any more
+  RouteId next = 0;       // in the bucket
+  PathId paths = 0;       // the best first, when one is selected
+  uint32_t change = 0;    // low 32 bits of its place in the log
+  bool changed = false;   // it has a place there
+  bool selected = false;  // its first path is the best
+};
+
+struct Path {
+  PathId next = 0;  // of the same route
+  RouteId route = 0;
+  AttributeId attributes = 0;
+  PathId before = 0, after = 0;  // of the same source
+  Ipv4 group = 0;
+  SourceId source = 0;
+  uint8_t generation = 0;
+};
+
+// Where paths come from, as selection sees it.
+struct Source {
+  Ipv4 address = 0;  // 0: this speaker
+  Ipv4 router_id = 0;
+  bool internal = true;
+  bool client = false;  // of this reflector
+  bool in_use = false;
+  uint8_t generation = 0;
+  PathId first = 0, last = 0;
+  uint32_t paths = 0;     // all
+  uint32_t fresh = 0;     // of the present generation
+  PathId sweep = 0;       // where a sweep goes on
+  uint8_t sweep_age = 0;  // paths this many generations old, or older, are removed; 0: no sweep
+};
+
+// What a next hop costs; nothing: it cannot be reached.
+using NextHopCost = std::function<std::optional<uint32_t>(Ipv4 next_hop)>;
+
+class ChangeReader;
+
+class Table {
+ public:
+  Table(AttributeTable &attributes, NextHopCost cost, uint64_t seed);
+  Table(const Table &) = delete;
+  Table &operator=(const Table &) = delete;
+
+  // ---- sources
+  std::optional<SourceId> add_source(Ipv4 address);  // nothing: 65,535 are in use
+  void remove_source(SourceId id);                   // its paths go by and by
+  Source &source(SourceId id) { return sources_[id]; }
+  const Source &source(SourceId id) const { return sources_[id]; }
+  void start_generation(SourceId id);
+  // Begins to remove paths that are `age` generations old or older.
+  void start_sweep(SourceId id, uint8_t age);
+  bool sweeping() const { return !sweeping_.empty(); }
+  void sweep(size_t most);  // paths looked at
+
+  // ---- paths
+  void update(SourceId source, const Nlri &nlri, AttributeId attributes);  // takes a reference of its own
+  bool withdraw(SourceId source, const RouteKey &key);                     // false: there was none
+
+  // ---- selection
+  void defer_selection() { deferred_ = true; }
+  bool deferred() const { return deferred_; }
+  void start_selection();  // of every route, in turns: after a deferral, or when next hops have changed
+  bool selecting() const { return select_at_ != 0; }
+  void select(size_t most);  // routes looked at
+  PathId best(const Route &route) const { return route.selected ? route.paths : 0; }
+
+  // ---- look-ups
+  RouteId find(const RouteKey &key) const;  // 0: none
+  const Route &route(RouteId id) const { return routes_[id]; }
+  const Path &path(PathId id) const { return paths_[id]; }
+  PathId path_of(const Route &route, SourceId source) const;
+  bool stale(const Path &path) const { return path.generation != sources_[path.source].generation; }
+  RouteId end() const { return routes_.end(); }
+  const AttributeTable &attributes() const { return attributes_; }
+  AttributeTable &attributes() { return attributes_; }
+  const NextHopCost &cost() const { return cost_; }
+
+  size_t routes() const { return routes_.used(); }
+  size_t paths() const { return paths_.used(); }
+  size_t octets() const;
+
+  // Forgets what every reader has passed.
+  void trim();
+
+ private:
+  friend class ChangeReader;
+  uint32_t hash(const RouteKey &key) const;
+  size_t bucket(uint32_t hash) const;
+  void split_bucket();
+  RouteId find_or_add(const RouteKey &key);
+  void remove_route(RouteId id);
+  void link_to_source(PathId id);
+  void unlink_from_source(PathId id);
+  void remove_path(PathId id);
+  void reselect(RouteId id, PathId touched);
+  void bring_to_front(Route &route, PathId id);
+  void note_change(RouteId id);
+  bool is_latest(uint64_t position) const;
+  void forget(uint64_t position);
+  void compact();
+
+  AttributeTable &attributes_;
+  NextHopCost cost_;
+  uint64_t seed_;
+  Pool<Route> routes_;
+  Pool<Path> paths_;
+  // Linear hashing: one bucket is split for each route that comes beyond one a bucket, so that no insertion pays for all.
+  std::vector<RouteId> buckets_;
+  size_t level_, split_ = 0;
+  std::vector<Source> sources_;
+  std::vector<SourceId> sweeping_;
+  bool deferred_ = false;
+  RouteId select_at_ = 0;  // 0: nothing to do
+
+  std::deque<RouteId> log_;
+  uint64_t log_start_ = 0;  // position of log_[0]
+  std::vector<ChangeReader *> readers_;
+};
+
+// One reader of the changes, with the set of routes that it has passed on to whomever it reads for.
+class ChangeReader {
+ public:
+  explicit ChangeReader(Table &table);  // at the end of the log
+  ~ChangeReader();
+  ChangeReader(const ChangeReader &) = delete;
+  ChangeReader &operator=(const ChangeReader &) = delete;
+
+  void start_walk();  // over all routes; changes of routes that the walk still comes to are left to it
+  bool walking() const { return walk_ < walk_end_; }
+  bool behind() const;  // there is something to read
+  uint64_t position() const { return position_; }
+  uint64_t log_end() const { return table_.log_start_ + table_.log_.size(); }
+
+  // The next route to look at; 0: none.
+  RouteId next();
+
+  bool told(RouteId id) const { return id / 64 < told_.size() && (told_[id / 64] >> (id % 64) & 1) != 0; }
+  void set_told(RouteId id, bool told);
+  uint32_t told_count() const { return count_; }
+  size_t octets() const { return told_.capacity() * sizeof(uint64_t); }
+
+ private:
+  friend class Table;
+  RouteId next_change();
+  RouteId next_of_walk();
+
+  Table &table_;
+  uint64_t position_;
+  RouteId walk_ = 0, walk_end_ = 0;
+  bool walk_turn_ = false;
+  std::vector<uint64_t> told_;
+  uint32_t count_ = 0;
+};
+
+}  // namespace bgp
+
+#endif  // BGP_TABLE_H
