@@ -128,6 +128,41 @@ TEST_F(Config, CommandsDoNothingWhileTheModuleIsNotUpOrTheVrfHasNoContext) {
   ref::set_pcib_usable("red", true);
 }
 
+// What cannot be read is no default: the setting stays, and the group that is not named is not removed.
+TEST_F(Config, ArgumentsThatCannotBeReadAreRefused) {
+  start();
+  mvpn_cibtype *red = bring_up("red", 2, "239.1.1.1");
+  ref::create_interface("loopback1", VRF_CONTEXT_ID_DEFAULT, addr("10.0.0.2"), true);
+  run("mdt_source_cmd", "red", {{"<interface>", "loopback1"}});
+  run("mdt_mtu_cmd", "red", {{"<mtu-value>", "1400"}});
+  run("mdt_pim_hello_interval_cmd", "red", {{"<interval>", "10000"}});
+  run("mdt_pim_jp_interval_cmd", "red", {{"<interval>", "120"}});
+  const struct {
+    const char *handler;
+    Arguments arguments;
+    bool no_form;
+    const char *refused;
+  } cases[] = {
+      {"mdt_default_cmd", {{"<mdt-default>", "239.1.1"}}, true, "<mdt-default>"},
+      {"mdt_default_cmd", {{"<mdt-default>", "239.1.1.256"}}, false, "<mdt-default>"},
+      {"mdt_source_cmd", {{"<interface>", std::string(IF_NAME_SIZE, 'x')}}, false, "<interface>"},
+      {"mdt_data_cmd", {{"<prefix>", "239.2.0.0/33"}}, false, "<prefix>"},
+      {"mdt_data_cmd", {{"<prefix>", "239.2.0.0/24"}, {"threshold", ""}, {"<value>", "many"}}, false, "<value>"},
+      {"mdt_mtu_cmd", {{"<mtu-value>", "4294967296"}}, false, "<mtu-value>"},
+      {"mdt_pim_hello_interval_cmd", {{"<interval>", "10s"}}, false, "<interval>"},
+      {"mdt_pim_jp_interval_cmd", {{"<interval>", "-60"}}, false, "<interval>"},
+  };
+  for (const auto &c : cases)
+    EXPECT_EQ(run(c.handler, "red", c.arguments, c.no_form), std::string("-500: Invalid value for ") + c.refused + "\n")
+        << c.handler;
+  EXPECT_EQ(red->mdt_default_group, addr("239.1.1.1"));
+  EXPECT_STREQ(red->mdt_source_ifname, "loopback1");
+  EXPECT_EQ(ranges(red).size(), 0u);
+  EXPECT_EQ(red->mdt_mtu, 1400u);
+  EXPECT_EQ(red->pim_hello_interval, 10000u);
+  EXPECT_EQ(red->pim_jp_interval, 120u);
+}
+
 TEST_F(Config, DefaultGroupsAreChecked) {
   start();
   add_vrf("red", 2);

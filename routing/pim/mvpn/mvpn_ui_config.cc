@@ -106,11 +106,18 @@ static mvpn_cibtype *context_to_change(cli_command *command, bool even_unusable 
   return even_unusable || pim_is_pcib_usable(mvpn->pcib) ? mvpn : nullptr;
 }
 
-// Value of a number argument; the default in the "no" form or when it is absent.
-static uint32_t number_or_default(cli_command *command, const char *name, uint32_t default_value) {
-  uint32_t value = default_value;
-  if (!cli_noed(command)) cli_get_uinteger(command, name, &value);
-  return value;
+// Whether an argument that its reader did not give was typed all the same: malformed, or too long. The operator is told;
+// what was meant is not known, so that the default may not be taken for it.
+static bool is_unreadable(cli_command *command, const char *name) {
+  if (!cli_is_set(command, name)) return false;
+  cli_cmd_printf(command, "Invalid value for %s\n", name);
+  return true;
+}
+
+// Value of a number argument; the default in the "no" form or when it is absent. False when it cannot be read.
+static bool number_or_default(cli_command *command, const char *name, uint32_t default_value, uint32_t *out) {
+  *out = default_value;
+  return cli_noed(command) || cli_get_uinteger(command, name, out) || !is_unreadable(command, name);
 }
 
 // ---------------------------------------------------------------------------------------------------------- overlaps
@@ -183,8 +190,11 @@ static int remove_default_group(cli_command *command, const pim_cibtype *pcib) {
     cli_cmd_printf(command, "No default mdt group configured\n");
     return CLI_RESULT_REJECTED;
   }
-  ip_addr_t group = 0;
-  if (cli_get_ipaddr(command, "<mdt-default>", &group) && group != mvpn->mdt_default_group) {
+  ip_addr_t group = mvpn->mdt_default_group;
+  if (!cli_get_ipaddr(command, "<mdt-default>", &group) && is_unreadable(command, "<mdt-default>")) {
+    return CLI_RESULT_REJECTED;
+  }
+  if (group != mvpn->mdt_default_group) {
     cli_cmd_printf(command, "The group address does not match the configured default mdt group address\n");
     return CLI_RESULT_REJECTED;
   }
@@ -195,7 +205,9 @@ static int remove_default_group(cli_command *command, const pim_cibtype *pcib) {
 static int set_default_group(cli_command *command, mvpn_cibtype *mvpn) {
   // 4. The group cannot be exchanged.
   ip_addr_t group = 0;
-  cli_get_ipaddr(command, "<mdt-default>", &group);
+  if (!cli_get_ipaddr(command, "<mdt-default>", &group) && is_unreadable(command, "<mdt-default>")) {
+    return CLI_RESULT_REJECTED;
+  }
   if (group == mvpn->mdt_default_group) return CLI_RESULT_OK;
   if (mvpn->mdt_default_group != 0) {
     cli_cmd_printf(command, "Cannot change the default mdt group address. Must deconfigure first\n");
@@ -234,7 +246,10 @@ int mdt_source_cmd(cli_command *command) {
   if (mvpn == nullptr) return CLI_RESULT_OK;
   // 1. The "no" form goes back to BGP's update source.
   const char *name = "";
-  if (!cli_noed(command)) cli_get_interface(command, "<interface>", &name);
+  if (!cli_noed(command) && !cli_get_interface(command, "<interface>", &name) &&
+      is_unreadable(command, "<interface>")) {
+    return CLI_RESULT_REJECTED;
+  }
   // 2. Nothing changes.
   if (std::strncmp(name, mvpn->mdt_source_ifname, IF_NAME_SIZE) == 0) return CLI_RESULT_OK;
   std::memset(mvpn->mdt_source_ifname, 0, IF_NAME_SIZE);
@@ -285,10 +300,16 @@ struct range_position {
 
 }  // namespace
 
-// False: the prefix is absent.
+// False: the prefix is absent, or an argument cannot be read.
 static bool read_range_arguments(cli_command *command, range_arguments *out) {
-  if (!cli_get_ipprefix(command, "<prefix>", &out->prefix, &out->length)) return false;
-  if (cli_is_set(command, "threshold")) cli_get_uinteger(command, "<value>", &out->threshold);
+  if (!cli_get_ipprefix(command, "<prefix>", &out->prefix, &out->length)) {
+    is_unreadable(command, "<prefix>");
+    return false;
+  }
+  if (cli_is_set(command, "threshold") && !cli_get_uinteger(command, "<value>", &out->threshold) &&
+      is_unreadable(command, "<value>")) {
+    return false;
+  }
   out->immediate_switch = cli_is_set(command, "immediate-switch") ? 1 : 0;
   if (cli_is_set(command, "route-map")) cli_get_string(command, "<policy-name>", &out->policy);
   return true;
@@ -492,7 +513,8 @@ int mdt_mtu_cmd(cli_command *command) {
   mvpn = vrf.get();
   if (mvpn == nullptr) return CLI_RESULT_OK;
   // 2, 3. Nothing changes.
-  const uint32_t mtu = number_or_default(command, "<mtu-value>", MVPN_MDT_MTU_DEFAULT);
+  uint32_t mtu = 0;
+  if (!number_or_default(command, "<mtu-value>", MVPN_MDT_MTU_DEFAULT, &mtu)) return CLI_RESULT_REJECTED;
   if (mtu == mvpn->mdt_mtu) return CLI_RESULT_OK;
   mvpn->mdt_mtu = mtu;
   // 4. The tunnel follows.
@@ -516,7 +538,8 @@ static void apply_hello_interval(cli_command *command, pim_iftype *interface, ui
 int mdt_pim_hello_interval_cmd(cli_command *command) {
   mvpn_cibtype *mvpn = context_to_change(command);
   if (mvpn == nullptr) return CLI_RESULT_OK;
-  const uint32_t interval = number_or_default(command, "<interval>", MVPN_PIM_HELLO_INTERVAL_DEFAULT);
+  uint32_t interval = 0;
+  if (!number_or_default(command, "<interval>", MVPN_PIM_HELLO_INTERVAL_DEFAULT, &interval)) return CLI_RESULT_REJECTED;
   if (interval == mvpn->pim_hello_interval) return CLI_RESULT_OK;
   mvpn->pim_hello_interval = interval;
   if (mvpn_mti_has_pim_interface(mvpn)) apply_hello_interval(command, mvpn->mti_pim_if, interval);
@@ -533,7 +556,9 @@ int mdt_pim_jp_interval_cmd(cli_command *command) {
   uint32_t interval = mvpn->pim_jp_interval;
   if (cli_noed(command)) {
     interval = MVPN_PIM_JP_INTERVAL_DEFAULT;
-  } else if (cli_get_uinteger(command, "<interval>", &interval) && interval % MVPN_PIM_JP_INTERVAL_DEFAULT != 0) {
+  } else if (!cli_get_uinteger(command, "<interval>", &interval)) {
+    if (is_unreadable(command, "<interval>")) return CLI_RESULT_REJECTED;
+  } else if (interval % MVPN_PIM_JP_INTERVAL_DEFAULT != 0) {
     cli_cmd_printf(command, "Join Prune interval should be in multiple of %d sec\n",
                    static_cast<int>(MVPN_PIM_JP_INTERVAL_DEFAULT));
     return CLI_RESULT_REJECTED;
