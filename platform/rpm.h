@@ -35,7 +35,8 @@ struct rpm_mroute_match {
 uint32_t rpm_get_max_name_length(void);
 
 /* Binds a user to a policy, which may be defined later: (RPM_CLIENT_MVPN, name, binding). Non-zero on success; then
- * binding->policy_handle is set. */
+ * binding->policy_handle is set. Neither name nor binding is kept by anything that outlives unbind, whatever unbind
+ * answers: the user frees both after it. */
 int rpm_policy_bind(uint32_t client, const char *name, struct rpm_binding *binding);
 int rpm_policy_unbind(uint32_t policy_handle);
 

@@ -120,6 +120,27 @@ TEST_F(Source, AnAddressChangeRebuildsTunnelAdvertisementAndRoutes) {
   EXPECT_EQ(ref::mrib_routes()[0].addrs.source, addr("10.0.0.77"));
 }
 
+// A stop that keeps the configuration: the module asks for nothing while it is stopped. Its next start finds the tunnel
+// down and the address changed.
+TEST_F(Source, AnAddressThatChangesDuringAStopIsFollowedByTheNextStart) {
+  start();
+  mvpn_cibtype *red = bring_up("red", 2, "239.1.1.1");
+  mvpn_deinit(1);
+  ASSERT_TRUE(ref::wait_for_threads());
+  ref::clear_oim_requests();
+  ref::set_interface_address("loopback0", addr("10.0.0.77"));
+  ref::settle();
+  mvpn_process_address_change(red->mdt_source_iod);
+  EXPECT_TRUE(ref::oim_requests().empty());
+  EXPECT_EQ(red->mti_status, MVPN_MTI_UP);
+  ASSERT_EQ(mvpn_init(), 1);
+  ref::settle();
+  EXPECT_EQ(red->mti_status, MVPN_MTI_UP);
+  EXPECT_EQ(ref::find_tunnel(red->mti_ifindex)->source, addr("10.0.0.77"));
+  ASSERT_EQ(ref::bgp_local_entries().size(), 1u);
+  EXPECT_EQ(ref::bgp_local_entries()[0].source, addr("10.0.0.77"));
+}
+
 TEST_F(Source, ANewUpdateSourceLeavesConfiguredSourcesAlone) {
   start();
   ref::create_interface("loopback1", VRF_CONTEXT_ID_DEFAULT, addr("10.0.0.2"), true);

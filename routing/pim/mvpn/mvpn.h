@@ -95,6 +95,7 @@ enum mvpn_txlist_elem_kind_t : uint8_t {
   MVPN_TXLIST_MEMBER_WORKER = 1,
   MVPN_TXLIST_ELEM_ROUTE = 2,
   MVPN_TXLIST_ELEM_CONTEXT = 3,
+  MVPN_TXLIST_ELEM_WITHDRAWAL = 4,
 };
 
 // Kinds of records that depend on a core route; the tag of its referers.
@@ -304,7 +305,8 @@ int mvpn_cli_vrf_done(pim_cibtype *pcib);
 int mvpn_cli_done(void);
 
 // MRIB: acknowledgement (xid at MRIB_ACK_XID_OFFSET), notification, cleared routes (count entries of
-// MRIB_NOTIFY_ENTRY_SIZE bytes), request to send routes again (filter null: all; route_type 0: every type). Yield.
+// MRIB_NOTIFY_ENTRY_SIZE bytes, the caller's and unchanged until the call returns), request to send routes again (filter
+// null: all; route_type 0: every type). Yield.
 void mvpn_process_mrib_mts_update_route_ack(const void *message);
 void mvpn_process_mrib_mdt_notify(const void *message);
 void mvpn_process_clear_route_notify(pim_cibtype *pcib, const void *entries, uint32_t count);

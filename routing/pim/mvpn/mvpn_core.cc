@@ -29,6 +29,7 @@
 #include <new>
 #include <set>
 
+#include "platform/im.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
@@ -47,6 +48,9 @@ uint32_t mvpn_mvrf_count;
 mts_queue *mvpn_mts_q;
 mts_queue *mvpn_mrib_mts_q;
 uint8_t mvpn_at_set_heap;
+static bool stopped;  // since the last start
+
+bool mvpn_has_stopped() { return stopped; }
 
 // Display strings are indexed by value: each list counts up from 0.
 #define ENUM_TEXT(name, value, text) text,
@@ -231,6 +235,19 @@ int mvpn_init_mts() {
   return 1;
 }
 
+// A VRF that a stop left in place: its source may have another address, and its tunnel, which the tunnel manager keeps down
+// while nobody serves it, needs to come up again.
+static void follow_missed_events(mvpn_cibtype *mvpn) {
+  const bool tunnel_went =
+      mvpn->mti_status == MVPN_MTI_UP && mvpn->mti_iod != 0 && ksink_im_is_if_up(mvpn->mti_iod) == 0;
+  if (tunnel_went) {
+    mvpn_update_mdt_source_info(mvpn, mvpn->mdt_source_iod);
+    mvpn_interface_status(mvpn->mti_iod, 0);
+  } else if (mvpn->mdt_source_iod != 0) {
+    mvpn_process_mdt_source_change(mvpn, mvpn->mdt_source_iod);
+  }
+}
+
 // 12. Makes the queue known to the debug service; failing that the module runs all the same.
 static int register_queue_for_debugging() {
   const int rc = sdwrap_dbg_init_register_mts_q(mvpn_mts_q);
@@ -248,6 +265,7 @@ int mvpn_init(void) {
   mvpn_mts_q = pim_mts_q;
   mvpn_mrib_mts_q = pim_mrib_mts_q;
   mvpn_functionality_status = MVPN_FUNCTIONALITY_UP_PENDING;
+  stopped = false;
   take_over_contexts();
   // 3, 4.
   if (mvpn_init_slabs() == 0 || mvpn_init_timers() == 0) return 0;
@@ -258,6 +276,12 @@ int mvpn_init(void) {
   if (mvpn_init_mrib() == 0 || mvpn_init_data_mdt() == 0) return 0;
   // 11.
   mvpn_functionality_status = MVPN_FUNCTIONALITY_UP;
+  if (mvpn_mvrf_count != 0) {
+    mvpn_for_each_context([](mvpn_cibtype *mvpn) {
+      follow_missed_events(mvpn);
+      return true;
+    });
+  }
   return register_queue_for_debugging();
 }
 
@@ -296,6 +320,7 @@ void mvpn_deinit(int deregister) {
   // 1, 2.
   if (mvpn_functionality_status == MVPN_FUNCTIONALITY_DOWN) return;
   mvpn_functionality_status = MVPN_FUNCTIONALITY_DOWN_PENDING;
+  stopped = true;
   // 3. The feature is being removed.
   if (!is_feature_configured()) {
     mvpn_for_each_context([](mvpn_cibtype *mvpn) {

@@ -31,6 +31,9 @@ inline bool mvpn_is_stopping() { return mvpn_functionality_status == MVPN_FUNCTI
 // Up, or starting (also after a start that failed).
 inline bool mvpn_is_running() { return mvpn_functionality_status > MVPN_FUNCTIONALITY_DOWN_PENDING; }
 
+// Stopped or stopping. Unlike the status, false before the first start.
+bool mvpn_has_stopped();
+
 int mvpn_init_slabs();
 int mvpn_deinit_slabs();
 int mvpn_init_timers();
