@@ -378,6 +378,47 @@ TEST_F(Switchover, ACustomerRouteMayGoBetweenTheTeardownAndTheWorker) {
 }
 
 // Each platform call on the way of a flow fails once.
+// A Bidir flow does not need the tunnel to be moved. What it left in the MRIB goes with the VRF, also while the MRIB has
+// no room for it.
+TEST_F(Switchover, WhatWasMovedWhileTheVrfWasDownIsWithdrawnWithTheVrf) {
+  for (const bool congested : {false, true}) {
+    SCOPED_TRACE(congested ? "congested" : "not congested");
+    if (mvpn_functionality_status == MVPN_FUNCTIONALITY_DOWN)
+      start_red();
+    else
+      configure("red", "239.1.1.1");
+    command("mdt_data_bidir_enable_cmd", "red");
+    range("239.2.0.0/24");
+    ref::set_interface_state("loopback0", false);
+    ref::settle();
+    ref::CustomerRoute wanted = flow_of("172.16.9.1", "225.0.0.1");
+    wanted.bidirectional = true;
+    pim_route *croute = set(wanted);
+    check(croute);
+    mvpn_process_data_mdt_switchover_expiry(context("red"));
+    ref::settle();
+    ASSERT_TRUE(mrib_holds("10.0.0.1", "239.2.0.0"));
+    if (congested) {
+      ref::set_mrib_acks(false);
+      for (uint32_t i = 0; i < 5 * MVPN_MRIB_BUFFER_ENTRIES; i++)
+        mvpn_mdt_add_route_resources(context("red"), MVPN_MDT_ROUTE_REMOTE_DATA, addr("10.1.0.0") + i, 1,
+                                     addr("239.7.7.7"), 1);
+      ref::settle();
+    }
+    command("mdt_default_cmd", "red", {}, true);
+    ref::settle();
+    EXPECT_EQ(context("red"), nullptr);
+    ref::set_mrib_acks(true);
+    ref::settle();
+    EXPECT_TRUE(ref::mrib_routes().empty());
+    EXPECT_TRUE(ref::mrib_encaps().empty());
+    EXPECT_EQ(rqueue_count(&mvpn_mrib_info->withdrawals), 0u);
+    remove("172.16.9.1", "225.0.0.1");
+    ref::set_interface_state("loopback0", true);
+    ref::settle();
+  }
+}
+
 TEST_F(Switchover, NoSingleFailureLeavesRecordsAtOdds) {
   mvpn_cibtype *mvpn = start_red();
   range("239.2.0.0/30", "0", true);

@@ -21,7 +21,9 @@
 //     another context or none.
 //
 // All of it runs on the main thread and, when a VRF comes up again after a teardown, on the MRIB worker.
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "platform/im.h"
 #include "platform/ip.h"
@@ -296,12 +298,28 @@ void mvpn_start_destroy_default_mdt(mvpn_cibtype *mvpn) {
   }
 }
 
-// Frees what still hangs on a context whose end came before its teardown was through; the MRIB is told nothing. False
-// when the context is no longer to be freed: it went away, or was configured anew, in a yield.
+// Core routes and encapsulations. While the module runs they are withdrawn from the MRIB: a flow may have been moved in a
+// VRF that was down.
+static bool drop_leftovers_in_mrib(const mvpn_vrf_handle &vrf, mvpn_cibtype *mvpn) {
+  if (mvpn_is_stopping() || mvpn_mrib_info == nullptr) {
+    mvpn_mrib_clear_mdt_routes(mvpn, nullptr, 0, 0, 0, 0, 1, 0);
+    return vrf.same();
+  }
+  mvpn_mrib_withdraw_mdt_routes(mvpn);
+  if (!vrf.same()) return false;
+  const auto &groups = mvpn->mdt_encap_group;
+  const auto in_use = [](ip_addr_t group) { return group != 0; };
+  if (std::any_of(std::begin(groups), std::end(groups), in_use)) mvpn_delete_all_mdt_encap_info(mvpn, 1);
+  return true;
+}
+
+// Frees what still hangs on a context whose end came before its teardown was through. False when the context is no longer
+// to be freed: it went away, or was configured anew, in a yield.
 static bool drop_leftovers(mvpn_cibtype *mvpn) {
   const mvpn_vrf_handle vrf(mvpn);
   const ip_addr_t group = mvpn->mdt_default_group;
-  if (!drop_announcements_and_routes(vrf, mvpn, 0) || !drop_sender_state(vrf, mvpn)) return false;
+  mvpn_destroy_data_mdt_recv_cache(mvpn, 0);
+  if (!vrf.same() || !drop_leftovers_in_mrib(vrf, mvpn) || !drop_sender_state(vrf, mvpn)) return false;
   if (mvpn->mdt_default_group != group) return false;
   mvpn_free_data_mdt_ranges(mvpn);
   return true;
@@ -398,6 +416,8 @@ void mvpn_process_bgp_update_source_change(im_iod_t iod) {
 
 void mvpn_process_address_change(im_iod_t iod) {
   MVPN_DEBUG(pim_null_pcib, "Received Address change notification for Interface %s\n", ksink_im_get_if_name(iod));
+  // Nobody would answer the requests of a module that has stopped. It follows the address at its next start.
+  if (mvpn_has_stopped()) return;
   mvpn_for_each_context([iod](mvpn_cibtype *mvpn) {
     if (mvpn->mdt_source_iod != iod) return true;
     MVPN_DEBUG(pim_null_pcib, "IP: Update MTI source for %s\n", mvpn->pcib->vrf_name);

@@ -56,11 +56,16 @@ struct route_key {
 
 }  // namespace
 
-// Attributes of the route trees. Trees outlive the interface to the MRIB when the process stops without losing its
-// configuration; the platform gives the same attributes again for the same size of key.
+// Attributes of the route trees, made once: trees outlive the interface to the MRIB when the process stops without losing
+// its configuration.
 static pt_attr *tree_attributes() {
-  if (mvpn_mrib_info != nullptr && mvpn_mrib_info->route_tree_attr != nullptr) return mvpn_mrib_info->route_tree_attr;
-  return pt_attr_create(0, 1, route_key_bytes);
+  static pt_attr *attributes;
+  if (mvpn_mrib_info != nullptr && mvpn_mrib_info->route_tree_attr != nullptr) {
+    attributes = mvpn_mrib_info->route_tree_attr;
+  } else if (attributes == nullptr) {
+    attributes = pt_attr_create(0, 1, route_key_bytes);
+  }
+  return attributes;
 }
 
 static mvpn_mdt_route *route_of(const pt_node *node) {
@@ -485,4 +490,14 @@ uint32_t mvpn_delete_remote_mdt_routes(const mvpn_mdt_route *route, uint8_t *ent
              ip_print_addr(route->group));
   entry_traits traits;
   return remote_traits(route, &traits) ? write_delete_entries(route, traits, entry) : 0;
+}
+
+// ---------------------------------------------------------------------------------------------------------- withdrawal
+
+void mvpn_mdt_withdraw_route(mvpn_mdt_route *route) {
+  route->teardown = 1;
+  uint8_t entries[2 * MRIB_UPDATE_ENTRY_SIZE];
+  const uint32_t written = mvpn_is_local_route(route) ? mvpn_delete_local_mdt_routes(route, entries)
+                                                      : mvpn_delete_remote_mdt_routes(route, entries);
+  if (written == 2) mvpn_mrib_queue_withdrawal(entries);
 }

@@ -78,6 +78,24 @@ void mvpn_mrib_queue_context(mvpn_cibtype *mvpn) {
   mvpn_mrib_wakeup_worker_thread();
 }
 
+void mvpn_mrib_queue_withdrawal(const uint8_t *entries) {
+  if (!has_txlist()) return;
+  constexpr size_t size = sizeof(mvpn_mrib_withdrawal);
+  auto *withdrawal = static_cast<mvpn_mrib_withdrawal *>(
+      mvpn_tracked_alloc(MTRACK_MVPN_GENERAL, size, size, source_file, __LINE__, "mvpn_mrib_queue_withdrawal"));
+  if (withdrawal == nullptr) return;
+  std::memcpy(withdrawal->entries, entries, sizeof withdrawal->entries);
+  txlist_init_element(&withdrawal->txlist_elem, MVPN_TXLIST_ELEM_WITHDRAWAL);
+  renqueue(&mvpn_mrib_info->withdrawals, withdrawal);
+  queue_element(&withdrawal->txlist_elem);
+}
+
+void mvpn_mrib_end_withdrawal(mvpn_mrib_withdrawal *withdrawal) {
+  unqueue_element(&withdrawal->txlist_elem);
+  runqueue(&mvpn_mrib_info->withdrawals, withdrawal);
+  mtrack_free(withdrawal);
+}
+
 void mvpn_mrib_unqueue_context(mvpn_cibtype *mvpn) { unqueue_element(&mvpn->mrib_txlist_elem); }
 
 // What waited for the worker when the interface was last stopped, or was scheduled since.
@@ -91,8 +109,8 @@ static void queue_waiting_work(mvpn_cibtype *mvpn) {
 
 // -------------------------------------------------------------------------------------------------------------- start
 
-static void free_buffers_of(rqueue *buffers) {
-  while (void *buffer = rdequeue(buffers)) mtrack_free(buffer);
+static void free_items_of(rqueue *items) {
+  while (void *item = rdequeue(items)) mtrack_free(item);
 }
 
 // Gives back what the worker works with. The worker does not run.
@@ -103,8 +121,9 @@ static void release_list_and_buffers() {
     mvpn_mrib_info->txlist = nullptr;
   }
   mvpn_mrib_info->work_pending = 0;
-  free_buffers_of(&mvpn_mrib_info->free_buffers);
-  free_buffers_of(&mvpn_mrib_info->sent_buffers);
+  free_items_of(&mvpn_mrib_info->free_buffers);
+  free_items_of(&mvpn_mrib_info->sent_buffers);
+  free_items_of(&mvpn_mrib_info->withdrawals);
 }
 
 static void release_info() {
@@ -124,6 +143,7 @@ static int allocate_info() {
   mvpn_mrib_info->xid = first_xid;
   rqueue_init(&mvpn_mrib_info->free_buffers, RQUEUE_LINKING, 0);
   rqueue_init(&mvpn_mrib_info->sent_buffers, RQUEUE_LINKING, 0);
+  rqueue_init(&mvpn_mrib_info->withdrawals, RQUEUE_LINKING, 0);
   return 1;
 }
 
@@ -146,6 +166,7 @@ static int create_txlist() {
   txlist_register_kind(list, MVPN_TXLIST_MEMBER_WORKER, offsetof(mvpn_mrib_info_t, worker_marker));
   txlist_register_kind(list, MVPN_TXLIST_ELEM_ROUTE, offsetof(mvpn_mdt_route, txlist_elem));
   txlist_register_kind(list, MVPN_TXLIST_ELEM_CONTEXT, offsetof(mvpn_cibtype, mrib_txlist_elem));
+  txlist_register_kind(list, MVPN_TXLIST_ELEM_WITHDRAWAL, offsetof(mvpn_mrib_withdrawal, txlist_elem));
   txlist_init_member(&mvpn_mrib_info->worker_marker, MVPN_TXLIST_MEMBER_WORKER);
   txlist_insert_member_at_head(list, &mvpn_mrib_info->worker_marker);
   return 1;
@@ -322,6 +343,13 @@ struct route_selection {
   }
 };
 
+// What becomes of the routes that a walk selects and the MRIB holds.
+enum class disposal {
+  forget,    // freed, without a word to the MRIB
+  schedule,  // deleted by the worker, which frees them
+  withdraw,  // freed now, withdrawn from the MRIB afterwards
+};
+
 constexpr uint32_t frees_per_yield = 100;
 constexpr uint32_t visits_per_yield = 250;
 
@@ -344,12 +372,11 @@ static void schedule_deletion(mvpn_mdt_route *route, uint8_t teardown) {
   mvpn_mdt_route_schedule(route, teardown, 0);
 }
 
-int mvpn_mrib_clear_mdt_routes(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *filter, uint32_t route_type,
-                               uint32_t mode, int only_shared, int only_source, uint8_t teardown, int send) {
-  const route_selection selection{filter, route_type, mode, only_shared, only_source};
+// 1: a route was dropped or scheduled, or the VRF went away.
+static int clear_routes(mvpn_cibtype *mvpn, const route_selection &selection, uint8_t teardown, disposal how) {
   const mvpn_vrf_handle vrf(mvpn);
   uint32_t scheduled = 0, dropped = 0;
-  mvpn_mdt_route *route = first_candidate(mvpn, filter);
+  mvpn_mdt_route *route = first_candidate(mvpn, selection.filter);
   while (route != nullptr) {
     const ip_addr_t source = route->source, group = route->group;
     MVPN_DEBUG(mvpn->pcib,
@@ -357,20 +384,32 @@ int mvpn_mrib_clear_mdt_routes(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *f
                static_cast<int>(route->route_type), static_cast<int>(route->mode), ip_print_addr(source),
                ip_print_addr(group), static_cast<int>(route->in_mrib));
     if (selection.selects(route)) {
-      if (route->in_mrib != 0 && send != 0) {
+      if (route->in_mrib != 0 && how == disposal::schedule) {
         schedule_deletion(route, teardown);
         scheduled += 1;
-      } else if (!drop_route(mvpn, vrf, route, &dropped)) {
-        return 1;
+      } else {
+        if (route->in_mrib != 0 && how == disposal::withdraw) mvpn_mdt_withdraw_route(route);
+        if (!drop_route(mvpn, vrf, route, &dropped)) return 1;
       }
     }
-    route = next_candidate(mvpn, filter, source, group);
-  }
-  if (send != 0) {
-    MVPN_DEBUG(mvpn->pcib, "Waking up worker thread inside mvpn_mrib_clear_mdt_routes");
-    mvpn_mrib_wakeup_worker_thread();
+    route = next_candidate(mvpn, selection.filter, source, group);
   }
   return scheduled + dropped != 0;
+}
+
+int mvpn_mrib_clear_mdt_routes(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *filter, uint32_t route_type,
+                               uint32_t mode, int only_shared, int only_source, uint8_t teardown, int send) {
+  const mvpn_vrf_handle vrf(mvpn);
+  const int cleared = clear_routes(mvpn, {filter, route_type, mode, only_shared, only_source}, teardown,
+                                   send != 0 ? disposal::schedule : disposal::forget);
+  if (send == 0 || !vrf.same()) return cleared;
+  MVPN_DEBUG(mvpn->pcib, "Waking up worker thread inside mvpn_mrib_clear_mdt_routes");
+  mvpn_mrib_wakeup_worker_thread();
+  return cleared;
+}
+
+void mvpn_mrib_withdraw_mdt_routes(mvpn_cibtype *mvpn) {
+  if (clear_routes(mvpn, {}, 1, disposal::withdraw) != 0) mvpn_mrib_wakeup_worker_thread();
 }
 
 // ------------------------------------------------------------------------------------------------------ notifications
@@ -534,6 +573,12 @@ static void repopulate_vrf(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *filte
 void mvpn_mrib_repopulate_mdt_routes(vrf_context_id_t context_id, const mvpn_mdt_route_addrs *filter,
                                      uint32_t route_type) {
   if (!mvpn_is_up()) return;
+  // The walk yields, and the MRIB's record need not outlive that.
+  mvpn_mdt_route_addrs own_filter{};
+  if (filter != nullptr) {
+    own_filter = *filter;
+    filter = &own_filter;
+  }
   MVPN_DEBUG(pim_null_pcib, "Received repopulate request from mrib for context: %s for addrs: %s route_type = %u",
              l3vm_get_context_name(context_id), filter != nullptr ? mrib_print_addrs(filter) : "all", route_type);
   mvpn_for_each_context_by_id([context_id, filter, route_type](mvpn_cibtype *mvpn) {

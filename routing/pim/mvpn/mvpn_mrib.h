@@ -17,6 +17,13 @@ struct mrib_update_buffer {
   uint8_t area[MVPN_MRIB_BUFFER_AREA];  // header and entries, as they are handed to the MRIB
 };
 
+// What is left of a route whose VRF was freed while the MRIB held it: the entries of its deletion. Tracked buffer.
+struct mvpn_mrib_withdrawal {
+  mvpn_mrib_withdrawal *next;  // queue link: first word
+  txlist_element txlist_elem;  // on the transmit list until the entries are written
+  uint8_t entries[2 * MRIB_UPDATE_ENTRY_SIZE];
+};
+
 // State of the interface to the MRIB. Tracked buffer; exists from mvpn_init_mrib to mvpn_deinit_mrib.
 struct mvpn_mrib_info_t {
   mrib_client_handle *mrib_client;  // passed to every MRIB call
@@ -28,6 +35,7 @@ struct mvpn_mrib_info_t {
   rqueue sent_buffers;              // linking queue: sent, not acknowledged
   txlist_member worker_marker;      // how far the worker has come
   uint32_t work_pending;            // 1: the list holds something that the worker has not met
+  rqueue withdrawals;               // linking queue: every mvpn_mrib_withdrawal
 };
 extern mvpn_mrib_info_t *mvpn_mrib_info;   // null while the interface does not exist
 extern pthread_t mvpn_mrib_worker_thread;  // 0 = not running
@@ -77,6 +85,10 @@ void mvpn_mrib_reset_buffer(mrib_update_buffer *buffer);  // makes it empty and 
 void mvpn_mrib_queue_context(mvpn_cibtype *mvpn);
 // Puts a route at the tail of the transmit list; does not wake the worker.
 void mvpn_mrib_queue_route(mvpn_mdt_route *route);
+// Queues the two entries of a deletion, which outlive their route and its VRF; does not wake the worker. Ends a
+// withdrawal whose entries are written.
+void mvpn_mrib_queue_withdrawal(const uint8_t *entries);
+void mvpn_mrib_end_withdrawal(mvpn_mrib_withdrawal *withdrawal);
 // Take a VRF's own element, a route off the transmit list; nothing when it is not there.
 void mvpn_mrib_unqueue_context(mvpn_cibtype *mvpn);
 void mvpn_mrib_unqueue_route(mvpn_mdt_route *route);
@@ -119,6 +131,13 @@ int mvpn_mdt_delete_route_resources(mvpn_cibtype *mvpn, ip_addr_t source, ip_add
 void mvpn_mdt_route_schedule(mvpn_mdt_route *route, uint8_t teardown, int add);
 void mvpn_mdt_add_all_sg_route_resources(mvpn_cibtype *mvpn, ip_addr_t group);
 
+// Whether this PE sources a route of this type.
+inline bool mvpn_is_local_route(const mvpn_mdt_route *route) {
+  return route->route_type == MVPN_MDT_ROUTE_LOCAL_DEFAULT || route->route_type == MVPN_MDT_ROUTE_LOCAL_DATA;
+}
+// Has the MRIB forget a route that is going to be freed with its VRF.
+void mvpn_mdt_withdraw_route(mvpn_mdt_route *route);
+
 // Entry builders; result: entries written at `entry`.
 uint32_t mvpn_add_local_mdt_routes(const mvpn_mdt_route *route, uint8_t *entry);
 uint32_t mvpn_add_remote_mdt_routes(const mvpn_mdt_route *route, uint8_t *entry);
@@ -137,6 +156,9 @@ void mvpn_process_mrib_mdt_delete_notify(const uint8_t *entry);
 // Result: 1 when any was, or when the VRF went away during the walk: callers find the context again. Yields.
 int mvpn_mrib_clear_mdt_routes(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *filter, uint32_t route_type,
                                uint32_t mode, int only_shared, int only_source, uint8_t teardown, int send);
+
+// Drops all routes of a VRF that is to be freed; those that the MRIB holds are withdrawn from it afterwards. Yields.
+void mvpn_mrib_withdraw_mdt_routes(mvpn_cibtype *mvpn);
 
 // Has RPF recomputed for the VRF's routes.
 void mvpn_mrib_trigger_rpf_lookup(mvpn_cibtype *mvpn);

@@ -10,6 +10,9 @@
 // the worker gets there it has the tunnel brought up again or deleted. The deletions are in a buffer by then, which
 // need not have left: VRFs that go down together share messages.
 //
+// A VRF that is freed while the MRIB still holds routes of it leaves their deletions behind, already written out: they
+// stand on the list for themselves, since neither the routes nor the VRF exist when the worker gets there.
+//
 // Place in the list. Routes stay on the list after they were sent, so a marker of the worker's own keeps apart what it
 // has met from what it has not; a walk begins there. While a walk runs the cursor names the object met last, and the
 // marker may lag behind it. Whenever other work may run the marker takes the cursor's place, because any object but
@@ -109,14 +112,10 @@ void mvpn_process_mrib_mts_update_route_ack(const void *message) {
 
 // ------------------------------------------------------------------------------------------------------------ filling
 
-static bool is_local_type(const mvpn_mdt_route *route) {
-  return route->route_type == MVPN_MDT_ROUTE_LOCAL_DEFAULT || route->route_type == MVPN_MDT_ROUTE_LOCAL_DATA;
-}
-
 // Writes the entries of an addition; their number.
 static uint32_t write_add(mvpn_mdt_route *route, uint8_t *entry) {
   const uint32_t written =
-      is_local_type(route) ? mvpn_add_local_mdt_routes(route, entry) : mvpn_add_remote_mdt_routes(route, entry);
+      mvpn_is_local_route(route) ? mvpn_add_local_mdt_routes(route, entry) : mvpn_add_remote_mdt_routes(route, entry);
   route->pending = MVPN_MDT_ROUTE_NOT_PENDING;
   route->in_mrib = 1;
   route->teardown = 0;
@@ -126,8 +125,8 @@ static uint32_t write_add(mvpn_mdt_route *route, uint8_t *entry) {
 // Writes the entries of a deletion and ends the route; their number. The route left the list either way: one that is
 // not in its table cannot be freed, and left on the list it would be met for ever.
 static uint32_t write_delete(mvpn_mdt_route *route, uint8_t *entry) {
-  const uint32_t written =
-      is_local_type(route) ? mvpn_delete_local_mdt_routes(route, entry) : mvpn_delete_remote_mdt_routes(route, entry);
+  const uint32_t written = mvpn_is_local_route(route) ? mvpn_delete_local_mdt_routes(route, entry)
+                                                      : mvpn_delete_remote_mdt_routes(route, entry);
   if (mvpn_mdt_free_route_resources(route) == 0) {
     route->pending = MVPN_MDT_ROUTE_NOT_PENDING;
     mvpn_mrib_unqueue_route(route);
@@ -135,28 +134,35 @@ static uint32_t write_delete(mvpn_mdt_route *route, uint8_t *entry) {
   return written;
 }
 
-int mvpn_mrib_fill_mroute_update(mvpn_mdt_route *route, mrib_update_buffer **current, int is_add, int *freed) {
-  // 1.
-  *freed = 0;
+// The buffer being filled, or the next free one; null: all are on their way.
+static mrib_update_buffer *buffer_to_fill(mrib_update_buffer **current) {
   if (*current == nullptr) *current = head_of(mvpn_mrib_info->free_buffers);
+  return *current;
+}
+
+// Counts what was written. A buffer without room for any route leaves now; 0: the MRIB refused it.
+static int count_entries(mrib_update_buffer **current, uint32_t written) {
   mrib_update_buffer *buffer = *current;
+  buffer->count += written;
+  buffer->write_pos += size_t{written} * MRIB_UPDATE_ENTRY_SIZE;
+  if (has_room(buffer, 2)) return 1;
+  *current = nullptr;
+  return send_and_file(buffer);
+}
+
+// An addition takes one entry, a deletion two.
+int mvpn_mrib_fill_mroute_update(mvpn_mdt_route *route, mrib_update_buffer **current, int is_add, int *freed) {
+  *freed = 0;
+  mrib_update_buffer *buffer = buffer_to_fill(current);
   if (buffer == nullptr) return 0;
-  // 2. An addition takes one entry, a deletion two.
   if (!has_room(buffer, is_add != 0 ? 1 : 2)) {
     MVPN_DEBUG(route->mvpn->pcib, "MRIB: %s-update, buffer 0x%p is FULL", is_add != 0 ? "add" : "delete",
                static_cast<void *>(buffer));
     return 0;
   }
-  // 3.
   const uint32_t written = is_add != 0 ? write_add(route, buffer->write_pos) : write_delete(route, buffer->write_pos);
   *freed = is_add == 0;
-  // 4.
-  buffer->count += written;
-  buffer->write_pos += size_t{written} * MRIB_UPDATE_ENTRY_SIZE;
-  // 5. A buffer without room for any route leaves now.
-  if (has_room(buffer, 2)) return 1;
-  *current = nullptr;
-  return send_and_file(buffer);
+  return count_entries(current, written);
 }
 
 // --------------------------------------------------------------------------------------------------------------- walk
@@ -198,6 +204,18 @@ static walk_step take_route(txlist_walk &walk, txlist_obj *node) {
   return result != 0 ? walk_step::go_on : walk_step::stop;
 }
 
+static walk_step take_withdrawal(txlist_walk &walk, txlist_obj *node) {
+  mrib_update_buffer *buffer = buffer_to_fill(&walk.current);
+  if (buffer == nullptr || !has_room(buffer, 2)) {
+    walk.cursor = node;
+    return walk_step::stop;
+  }
+  auto *withdrawal = static_cast<mvpn_mrib_withdrawal *>(txlist_obj_to_ptr(walk.list, node));
+  std::memcpy(buffer->write_pos, withdrawal->entries, sizeof withdrawal->entries);
+  mvpn_mrib_end_withdrawal(withdrawal);
+  return count_entries(&walk.current, 2) != 0 ? walk_step::go_on : walk_step::stop;
+}
+
 // A VRF whose route deletions are written: its tunnel comes up again, goes for good, or stays down.
 static void finish_teardown(mvpn_cibtype *mvpn) {
   // While the module stops its VRFs are taken apart at once, and the tunnel manager is told nothing.
@@ -224,6 +242,8 @@ static walk_step take_element(txlist_walk &walk, txlist_obj *node) {
       hold_place(walk);
       finish_teardown(static_cast<mvpn_cibtype *>(txlist_obj_to_ptr(walk.list, node)));
       return walk_step::go_on;
+    case MVPN_TXLIST_ELEM_WITHDRAWAL:
+      return take_withdrawal(walk, node);
     default:
       MVPN_DEBUG(pim_null_pcib, "Bogus MRIB txlist element %d", static_cast<int>(kind));
       walk.cursor = node;
