@@ -8,6 +8,7 @@
 
 // Exit status.
 constexpr int kUsage = 2;
+constexpr int kSkipped = 77;
 
 namespace {
 
@@ -54,6 +55,7 @@ int main(int argc, char **argv) {
   options.prefix = "mlab";
   bool keep = false;
   bool real = false;
+  bool skip = false;
   std::string pages;
   app.add_option("SCENARIO", file, "scenario file")->required()->check(CLI::ExistingFile);
   app.add_option("--bin", options.binaries, "folder of the programs")->capture_default_str();
@@ -63,6 +65,8 @@ int main(int argc, char **argv) {
                  "folder for stores, sockets, captures and logs, which stays; default: a new one");
   app.add_option("--clock-scale", options.clock_scale, "platform seconds per second, in place of the scenario's");
   app.add_flag("--real", real, "play a scenario that has a network: root makes namespaces for it, and removes them");
+  app.add_flag("--skip-without", skip,
+               "with --real: exit status 77 when namespaces or routing daemons are not to be had");
   app.add_option("--prefix", options.prefix, "what the namespaces' names begin with")->capture_default_str();
   app.add_option("--report", pages, "folder to write report.html and junit.xml to");
   app.add_flag("--keep", keep, "keep the new folder even when everything held");
@@ -72,6 +76,11 @@ int main(int argc, char **argv) {
     return app.exit(error) == 0 ? 0 : kUsage;
   }
   try {
+    const std::string lacking = real && skip ? lab::why_not_real() : std::string();
+    if (!lacking.empty()) {
+      std::cout << "skipped: " << lacking << '\n';
+      return kSkipped;
+    }
     lab::note_signals();
     return play(file, options, real, keep, pages) ? 0 : 1;
   } catch (const std::exception &error) {

@@ -18,6 +18,11 @@ Stage &built(Stage &stage) {
 
 }  // namespace
 
+std::string why_not_real() {
+  const std::string reason = why_no_namespaces();
+  return reason.empty() ? why_no_daemons() : reason;
+}
+
 RealLab::RealLab(const Network &network, const Settings &settings)
     : settings_(settings),
       stage_(network, settings.prefix, settings.project, settings.work),

@@ -11,6 +11,9 @@
 
 namespace lab {
 
+// Why a real scenario cannot be played here; empty when it can.
+std::string why_not_real();
+
 class RealLab {
  public:
   struct Settings {

@@ -164,6 +164,7 @@ void Runner::play_on_network(const Step &step) {
       report_->action(step.pe + ": the core link goes " + (step.present ? "up" : "down"));
       return real_->stage().set_link(step.pe, step.present);
     case Kind::impair:
+    case Kind::lose:
       return impair(step);
     default:
       return set_vrf(step);
@@ -352,9 +353,13 @@ void Runner::set_vrf(const Step &step) {
 }
 
 void Runner::impair(const Step &step) {
-  real_->stage().impair(step.pe, step.text);
-  report_->action(step.pe + ": the core link has " +
-                  (step.text.empty() ? "no impairment any more" : "netem " + step.text));
+  if (step.kind == Step::Kind::lose) {
+    real_->stage().lose(step.pe, step.rate);
+    report_->action(step.pe + ": the core link loses " + std::to_string(step.rate).substr(0, 4) + " % of the packets");
+  } else {
+    real_->stage().impair(step.pe, step.text);
+    report_->action(step.pe + ": netem of the core link: " + (step.text.empty() ? "none" : step.text));
+  }
 }
 
 }  // namespace lab

@@ -90,6 +90,10 @@ void read_link(const json &object, Step *step) {
   } else if (object.contains("netem")) {
     step->kind = Step::Kind::impair;
     step->text = object["netem"].get<std::string>();
+  } else if (object.contains("lose")) {
+    step->kind = Step::Kind::lose;
+    step->rate = object["lose"].get<double>();
+    if (step->rate < 0 || step->rate > 100) throw std::runtime_error("a link loses 0 to 100 percent");
   } else {
     step->kind = Step::Kind::carried;
     step->text = object.at("expect").get<std::string>();
@@ -139,7 +143,7 @@ const std::vector<Form> &forms() {
       {"in", expectation, true, read_commanding},
       {"mark", {}, true, [](const json &o, Step *s) { read_text(o, "mark", Kind::mark, s); }},
       {"flow", {"rate", "join", "leave", "at", "expect", "within", "lost", "duplicates"}, true, read_flow},
-      {"link", {"set", "netem", "expect", "groups", "packets", "at_least", "from", "within"}, true, read_link},
+      {"link", {"set", "netem", "lose", "expect", "groups", "packets", "at_least", "from", "within"}, true, read_link},
       {"vrf", {"of", "set"}, true, read_vrf},
   };
   return all;

@@ -37,7 +37,9 @@
 //                                                     GRE packets since the mark over the PE's core link to it
 //                                                     ("from": true: from it); or "at_least": n, within so many seconds
 //   "link": "pe2", "set": "down" or "up"              the core link
-//   "link": "pe2", "netem": "delay 20ms loss 1%"      impairs it, both ways; "" ends that
+//   "link": "pe2", "lose": 2.5                        percent of the packets, at random, both ways; 0 ends that
+//   "link": "pe2", "netem": "delay 20ms"              impairs it with tc's netem, both ways; "" ends that. Not every
+//                                                     kernel has it
 //   "vrf": "red", "of": "pe1", "set": "absent" or "present"   the VRF's namespace goes with all that is in it, or comes
 #ifndef LAB_SCENARIO_H
 #define LAB_SCENARIO_H
@@ -69,6 +71,7 @@ struct Step {
     carried,
     set_link,
     impair,
+    lose,
     set_vrf
   };
   Kind kind = Kind::say;
@@ -77,18 +80,18 @@ struct Step {
   std::string place;  // command, expect: a namespace in place of pimctl
   std::string flow;
   std::string vrf;
-  std::string groups;                 // carried: prefix
-  std::vector<std::string> commands;  // command: run in order; expect: one
-  std::string pattern;                // expect
-  bool absent = false;                // expect: the pattern must not match
-  int times = -1;                     // expect: exact number of matches; -1: at least one
-  bool print = false;                 // command: show the output
-  bool stateful = false;              // start
-  bool forwarder = false;             // start, stop, kill
-  bool from_pe = false;               // carried
-  bool present = false;               // set_link: up; set_vrf: present
-  double seconds = 0;                 // whoever expects: limit in real seconds; wait: platform seconds
-  double rate = 0;
+  std::string groups;                  // carried: prefix
+  std::vector<std::string> commands;   // command: run in order; expect: one
+  std::string pattern;                 // expect
+  bool absent = false;                 // expect: the pattern must not match
+  int times = -1;                      // expect: exact number of matches; -1: at least one
+  bool print = false;                  // command: show the output
+  bool stateful = false;               // start
+  bool forwarder = false;              // start, stop, kill
+  bool from_pe = false;                // carried
+  bool present = false;                // set_link: up; set_vrf: present
+  double seconds = 0;                  // whoever expects: limit in real seconds; wait: platform seconds
+  double rate = 0;                     // rate: packets a second; lose: percent
   std::optional<uint64_t> lost;        // judge: most
   std::optional<uint64_t> duplicates;  // judge: most
   std::optional<uint64_t> packets;     // carried: exactly

@@ -188,13 +188,30 @@ void Stage::set_link(const std::string &pe, bool up) {
   namespaces_.ip(core, {"link set " + pe + (up ? " up" : " down")});
 }
 
+std::array<std::pair<std::string, std::string>, 2> Stage::link_ends(const std::string &pe) const {
+  return {{{network_.core_namespace(network_.pe(pe)), pe}, {pe, "core"}}};
+}
+
+void Stage::in_or_throw(const std::string &place, const std::string &command) const {
+  const Result result = namespaces_.in(place, {"sh", "-c", command});
+  if (result.status != 0) throw std::runtime_error(place + ": " + command + ": " + result.output);
+}
+
 void Stage::impair(const std::string &pe, const std::string &netem) {
-  const std::pair<std::string, std::string> ends[] = {{network_.core_namespace(network_.pe(pe)), pe}, {pe, "core"}};
-  for (const auto &[place, interface] : ends) {
-    const std::string command = netem.empty() ? "tc qdisc del dev " + interface + " root"
-                                              : "tc qdisc replace dev " + interface + " root netem " + netem;
-    const Result result = namespaces_.in(place, {"sh", "-c", command});
-    if (result.status != 0) throw std::runtime_error(place + ": " + command + ": " + result.output);
+  for (const auto &[place, interface] : link_ends(pe))
+    in_or_throw(place, netem.empty() ? "tc qdisc del dev " + interface + " root"
+                                     : "tc qdisc replace dev " + interface + " root netem " + netem);
+}
+
+// Where a packet comes in, behind whoever captures there: the capture of the core shows what was on the wire.
+void Stage::lose(const std::string &pe, double percent) {
+  for (const auto &[place, interface] : link_ends(pe)) {
+    const std::string table = "netdev lose-" + interface;
+    in_or_throw(place, "nft 'add table " + table + "; delete table " + table + "'");
+    if (percent <= 0) continue;
+    in_or_throw(place, "nft 'add table " + table + "; add chain " + table + " in { type filter hook ingress device " +
+                           interface + " priority 0; }; add rule " + table + " in numgen random mod 10000 < " +
+                           std::to_string(static_cast<int>(percent * 100)) + " drop'");
   }
 }
 

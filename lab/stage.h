@@ -8,8 +8,10 @@
 #ifndef LAB_STAGE_H
 #define LAB_STAGE_H
 
+#include <array>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "lab/namespaces.h"
@@ -29,9 +31,10 @@ class Stage {
   void add_vrf(const std::string &pe, const std::string &vrf);
   void remove_vrf(const std::string &pe, const std::string &vrf);
   void set_link(const std::string &pe, bool up);
-  // Arguments of tc's netem for both directions of the PE's core link; empty: no impairment any more. Throws
-  // std::runtime_error when this kernel has no netem.
+  // Both directions of the PE's core link: netem's arguments, for kernels that have it, and packets that are dropped at
+  // random, in percent. Nothing and 0: the link is as it was. Throw std::runtime_error.
   void impair(const std::string &pe, const std::string &netem);
+  void lose(const std::string &pe, double percent);
 
   // The text of a PE's configuration file.
   std::string configuration(const std::string &pe, const std::string &forwarder_socket,
@@ -44,6 +47,8 @@ class Stage {
   const Namespaces &namespaces() const { return namespaces_; }
 
  private:
+  std::array<std::pair<std::string, std::string>, 2> link_ends(const std::string &pe) const;  // namespace, interface
+  void in_or_throw(const std::string &place, const std::string &command) const;
   void build_bridge();
   void build_routers();
   void add_router(const std::string &name, const std::string &other);

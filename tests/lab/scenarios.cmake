@@ -1,0 +1,13 @@
+# Scenarios of the lab. Those with real packets need the right to make network namespaces and the routing daemons of
+# `scripts/setup lab`; without them they are counted as skipped. One at a time: they share names, and they measure.
+set(SCENARIOS ${PROJECT_SOURCE_DIR}/lab/scenarios)
+foreach(name default-mdt story)
+  add_test(NAME lab_${name} COMMAND mvpn-lab ${SCENARIOS}/${name}.json WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
+  set_tests_properties(lab_${name} PROPERTIES LABELS programs TIMEOUT 300)
+endforeach()
+foreach(name wired)
+  add_test(NAME real_${name} COMMAND mvpn-lab --real --skip-without ${SCENARIOS}/real/${name}.json
+    WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
+  set_tests_properties(real_${name} PROPERTIES
+    LABELS real TIMEOUT 900 SKIP_RETURN_CODE 77 RESOURCE_LOCK network_namespaces RUN_SERIAL TRUE)
+endforeach()
