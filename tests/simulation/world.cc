@@ -145,7 +145,7 @@ void World::crash() {
   for (const auto &[name, vrf] : vrfs_) routes[name] = ref::customer_routes(name);
   for (const auto &[name, vrf] : vrfs_)
     if (vrf.config.group == 0) unclaimed.insert(name);
-  trace::on_yield(nullptr);
+  trace::reset();
   if (contexts_survived) start();
   stop(false);
   boot();
