@@ -45,10 +45,10 @@ const mvpn_data_mdt_send_join_info *record_of(const Vrf &vrf, const ref::Custome
 
 bool on_data_mdt(const mvpn_data_mdt_send_join_info *record) { return record != nullptr && record->encap_index >= 2; }
 
-bool a_tunnel_went_down() {
+bool a_tunnel_went_down(const World &world) {
   const auto &requests = ref::oim_requests();
-  return std::any_of(requests.begin(), requests.end(),
-                     [](const auto &request) { return request.operation == "bringdown"; });
+  return world.tunnel_fell || std::any_of(requests.begin(), requests.end(),
+                                          [](const auto &request) { return request.operation == "bringdown"; });
 }
 
 // ------------------------------------------------------------------------------------------- the state of the network
@@ -274,13 +274,13 @@ class Expectation {
 
   // A flow whose tunnel went down keeps its choice in the store until it chooses again or is deleted, which may be never
   // when its sources have moved away or its rate has fallen meanwhile.
-  static bool keeps_choice(const FlowKey &flow) {
+  bool keeps_choice(const FlowKey &flow) const {
     const auto &[name, source, group] = flow;
     const auto routes = ref::customer_routes(name);
     const bool exists = std::any_of(routes.begin(), routes.end(), [&](const ref::CustomerRoute &route) {
       return route.addrs.source == source && route.addrs.group == group;
     });
-    return exists && a_tunnel_went_down();
+    return exists && a_tunnel_went_down(world_);
   }
 
   void compare_store() {
@@ -354,12 +354,6 @@ void make_well(World &world) {
     ref::set_interface_state(name, true);
   }
   if (world.update_source().empty()) world.set_update_source("core0");
-  // An interface that was removed and comes back has another ordinal, which nobody looks up again by itself.
-  if (world.interface_removed) {
-    const std::string source = world.update_source();
-    world.set_update_source("");
-    world.set_update_source(source);
-  }
   for (auto &[name, vrf] : world.vrfs()) {
     world.set_vrf_state(name, true);
     if (vrf.rd.empty()) world.set_rd(name, "65000:" + std::to_string(vrf.context_id));
@@ -383,7 +377,7 @@ void flap_sources(World &world, bool all) {
   for (const auto &[name, vrf] : world.vrfs()) any = any || vrf.state_changed;
   // A bring-up that is asked for before the creation has been answered goes without the tunnel's parameters, because
   // there is no interface yet that they could be given to.
-  any = any || bring_up_overtook() || world.answers_late || world.tunnel_flapped;
+  any = any || bring_up_overtook() || world.answers_late || world.idle_tunnel;
   // A tunnel that comes up while its VRF is not ready is taken as it is when the VRF is: with the source and the group
   // that it had. Hence twice.
   for (int times = any ? 2 : 0; times > 0; times--)
@@ -452,11 +446,57 @@ void check_nothing_is_left(World &world) {
 
 }  // namespace
 
+namespace {
+
+// What must hold at any time, whatever is under way.
+void check_core_groups(World &world) {
+  for (const ref::MribRoute &route : ref::mrib_routes())
+    if (route.addrs.group >> 28 != 14) world.fail("a core route is for " + dotted(route.addrs.group));
+}
+
+// An announcement is joined for a customer route.
+void check_joined(World &world, const Vrf &vrf, const mvpn_cibtype &mvpn) {
+  std::set<std::pair<ip_addr_t, ip_addr_t>> routes;
+  for (const ref::CustomerRoute &route : ref::customer_routes(vrf.name))
+    routes.insert({route.addrs.source, route.addrs.group});
+  for (pt_node *node = pt_get_first_node(mvpn.data_mdt_recv_cache, nullptr, 0); node != nullptr;
+       node = pt_get_next_node(mvpn.data_mdt_recv_cache, pt_node_key(node), 0)) {
+    const auto *join = static_cast<const mvpn_data_mdt_recv_join_info *>(pt_node_data(node));
+    if (join->mdt_route != nullptr && !routes.contains({join->c_src, join->c_grp}) &&
+        !routes.contains({0, join->c_grp}))
+      world.fail(vrf.name + " has joined " + dotted(join->p_grp) + " for nobody");
+  }
+}
+
+void check_remembered(World &world, const Vrf &vrf) {
+  for (const ref::CustomerRoute &route : ref::customer_routes(vrf.name)) {
+    const auto former = world.remembered.find({vrf.name, route.addrs.source, route.addrs.group});
+    const auto *record = record_of(vrf, route);
+    if (former == world.remembered.end() || !on_data_mdt(record)) continue;
+    if (former->second != Choice{record->encap_index, record->group})
+      world.fail(vrf.name + " has a flow with another choice than before the restart");
+  }
+}
+
+}  // namespace
+
 void check_settled(World &world) {
   // A choice outlives its flow where the store refused to delete it, and see World::unclaimed.
   const bool leftovers = world.faulty || !world.unclaimed.empty();
   for (const std::string &wrong : invariant_violations())
     if (!leftovers || wrong.find("stored choice") == std::string::npos) world.fail(wrong);
+  check_core_groups(world);
+  if (!world.running() && !ref::oim_requests().empty()) world.fail("a module that has been stopped makes requests");
+  for (const ref::Tunnel &tunnel : ref::tunnels()) {
+    const Vrf *vrf = world.vrf(tunnel.vrf_name);
+    world.idle_tunnel = world.idle_tunnel || (tunnel.up && vrf != nullptr && !is_up(*vrf));
+  }
+  for (const auto &[name, vrf] : world.vrfs()) {
+    const pim_cibtype *pcib = pim_get_cib_by_context_name(name.c_str());
+    if (pcib == nullptr || pcib->mvpn == nullptr || !world.running()) continue;
+    check_joined(world, vrf, *pcib->mvpn);
+    if (world.recovers() && !world.faulty) check_remembered(world, vrf);
+  }
 }
 
 void check_end(World &world) {

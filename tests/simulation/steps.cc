@@ -92,7 +92,7 @@ struct Kind {
   unsigned weight;
   std::vector<Draw> words;
   Play play;
-  bool fault = false;
+  bool fault;
 };
 
 // -------------------------------------------------------------------------------------------------- what is played
@@ -155,7 +155,7 @@ void change_route(const std::string &vrf, const std::string &source, const std::
 ref::MdtSafi remote_entry(const std::string &pe, const std::string &group, unsigned rd) {
   ref::MdtSafi entry;
   entry.source = address(pe);
-  const auto bytes = ref::bgp_parse_rd("65001:" + std::to_string((entry.source & 255) + rd));
+  const auto bytes = ref::bgp_parse_rd("65001:" + std::to_string((entry.source & 0xFFFF) + rd * 0x10000));
   std::copy(bytes->begin(), bytes->end(), entry.rd);
   entry.group = address(group);
   return entry;
@@ -166,6 +166,16 @@ void join_group(const std::string &pe, const std::string &group) {
   for (const ref::MdtSafi &entry : ref::bgp_remote_entries())
     if (entry.source == address(pe) && entry.group != address(group)) ref::bgp_withdraw_remote({entry});
   ref::bgp_add_remote({remote_entry(pe, group, 0)});
+}
+
+// PEs of a network of their own, so many that they fill several update buffers.
+void join_many(const std::string &group, uint32_t count) {
+  std::vector<ref::MdtSafi> left, joined;
+  for (const ref::MdtSafi &entry : ref::bgp_remote_entries())
+    if (entry.source >> 16 == address("10.8.0.0") >> 16 && entry.group != address(group)) left.push_back(entry);
+  ref::bgp_withdraw_remote(left);
+  for (uint32_t i = 0; i < count; i++) joined.push_back(remote_entry(dotted(address("10.8.0.0") + i), group, 0));
+  ref::bgp_add_remote(joined);
 }
 
 void leave_group(const std::string &pe) {
@@ -218,391 +228,293 @@ void core_route_freed(const std::string &group) {
   }
 }
 
-// Choices that a restart must not move: those of flows that were on their data MDT and have not changed since.
-void crash_and_compare(World &world) {
-  const bool comparable = !world.faulty;
-  const auto before = world.stored_choices();
-  world.crash();
-  ref::settle();
-  ref::advance(130s);
-  if (!comparable || !world.running()) return;
-  const auto after = world.stored_choices();
-  for (const auto &[flow, choice] : before) {
-    const auto found = after.find(flow);
-    if (found != after.end() && found->second != choice)
-      world.fail("a flow of " + std::get<0>(flow) + " has another data MDT after the restart");
-  }
-}
-
 // ------------------------------------------------------------------------------------------------------- the kinds
 
-#define PLAY [](World & world, const Words &w)
-#define PLAY_HERE [](World &, const Words &w)
-#define PLAY_ALONE [](World &, const Words &)
+class Kinds {
+ public:
+  void add(const char *name, unsigned weight, std::vector<Draw> words, Play play) {
+    all.push_back({name, weight, std::move(words), play, false});
+  }
+  void fault(const char *name, unsigned weight, std::vector<Draw> words, Play play) {
+    all.push_back({name, weight, std::move(words), play, true});
+  }
+  std::vector<Kind> all;
+};
+
+// The machine's VRFs.
+void add_vrfs(Kinds &all) {
+  all.add("vrf_add", 6, {vrfs}, [](World &world, const Words &w) { world.add_vrf(w[1]); });
+  all.add("vrf_delete", 2, {vrfs}, [](World &world, const Words &w) { world.delete_vrf(w[1]); });
+  all.add("vrf_down", 1, {vrfs}, [](World &world, const Words &w) { world.set_vrf_state(w[1], false); });
+  all.add("vrf_up", 1, {vrfs}, [](World &world, const Words &w) { world.set_vrf_state(w[1], true); });
+}
+
+// Commands.
+void add_commands(Kinds &all) {
+  all.add("default", 14, {vrfs, default_groups}, [](World &world, const Words &w) { world.set_default(w[1], w[2]); });
+  all.add("no_default", 4, {vrfs}, [](World &world, const Words &w) { world.no_default(w[1]); });
+  all.add("default_flap", 3, {vrfs, default_groups}, [](World &world, const Words &w) {
+    world.no_default(w[1]);
+    world.set_default(w[1], w[2]);
+  });
+  all.add("source", 4, {vrfs, core}, [](World &world, const Words &w) { world.set_source(w[1], w[2]); });
+  all.add("no_source", 2, {vrfs}, [](World &world, const Words &w) { world.set_source(w[1], ""); });
+  all.add("range", 10, {vrfs, ranges, thresholds}, [](World &world, const Words &w) {
+    world.set_range(w[1], {w[2], value(w[3]), false, ""});
+  });
+  all.add("range_immediate", 4, {vrfs, ranges}, [](World &world, const Words &w) {
+    world.set_range(w[1], {w[2], 0, true, ""});
+  });
+  all.add("range_policy", 3, {vrfs, ranges, thresholds}, [](World &world, const Words &w) {
+    world.set_range(w[1], {w[2], value(w[3]), false, "odd"});
+  });
+  all.add("range_no_flow", 1, {vrfs, ranges}, [](World &world, const Words &w) {
+    world.set_range(w[1], {w[2], 0, true, "none"});
+  });
+  all.add("no_range", 4, {vrfs, ranges}, [](World &world, const Words &w) { world.no_range(w[1], w[2]); });
+}
+
+void add_settings(Kinds &all) {
+  all.add("mtu", 2, {vrfs, number(90, 1500)}, [](World &world, const Words &w) {
+    world.set_number(w[1], "mdt_mtu_cmd", "<mtu-value>", &Config::mtu, w[2]);
+  });
+  all.add("no_mtu", 1, {vrfs},
+          [](World &world, const Words &w) { world.set_number(w[1], "mdt_mtu_cmd", "", &Config::mtu, ""); });
+  all.add("hello", 1, {vrfs, number(1000, 20000)}, [](World &world, const Words &w) {
+    world.set_number(w[1], "mdt_pim_hello_interval_cmd", "<interval>", &Config::hello, w[2]);
+  });
+  all.add("no_hello", 1, {vrfs}, [](World &world, const Words &w) {
+    world.set_number(w[1], "mdt_pim_hello_interval_cmd", "", &Config::hello, "");
+  });
+  all.add("jp", 1, {vrfs, number(1, 3)}, [](World &world, const Words &w) {
+    world.set_number(w[1], "mdt_pim_jp_interval_cmd", "<interval>", &Config::jp, std::to_string(60 * value(w[2])));
+  });
+  all.add("no_jp", 1, {vrfs},
+          [](World &world, const Words &w) { world.set_number(w[1], "mdt_pim_jp_interval_cmd", "", &Config::jp, ""); });
+  all.add("bidir", 2, {vrfs, number(0, 1)}, [](World &world, const Words &w) {
+    world.set_flag(w[1], "mdt_data_bidir_enable_cmd", &Config::bidir, w[2] == "1");
+  });
+  all.add("inhibit", 1, {vrfs, number(0, 1)}, [](World &world, const Words &w) {
+    world.set_flag(w[1], "mdt_data_inhibit_reuse_cmd", &Config::inhibit, w[2] == "1");
+  });
+  all.add("shared_tree", 2, {vrfs, number(0, 1)}, [](World &world, const Words &w) {
+    world.set_flag(w[1], "mdt_asm_use_shared_tree_cmd", &Config::shared_tree, w[2] == "1");
+  });
+  all.add("enforce", 3, {vrfs, number(0, 1)}, [](World &world, const Words &w) {
+    if (Vrf *vrf = world.vrf(w[1])) vrf->enforce_toggled = true;
+    world.set_flag(w[1], "mdt_enforce_bgp_mdt_safi_cmd", &Config::enforce, w[2] == "1");
+  });
+  all.add("bad_range", 1, {vrfs, number(0, 3)}, [](World &world, const Words &w) {
+    constexpr const char *bad[] = {"10.1.0.0/16", "239.2.0.1/24", "224.0.0.0/4", "0.0.0.0/0"};
+    world.set_range(w[1], {bad[value(w[2])], 1, false, ""});
+  });
+  all.add("views", 2, {vrfs}, [](World &world, const Words &w) { world.all_commands_without_effect(w[1]); });
+  all.add("views_of_all", 1, {}, [](World &world, const Words &) { world.all_commands_without_effect(""); });
+  all.fault("unusable", 1, {vrfs}, [](World &, const Words &w) { ref::set_pcib_usable(w[1], false); });
+}
+
+// Flows of the sites.
+void add_flows(Kinds &all) {
+  all.add("flow", 16, {vrfs, sources, groups, rates},
+          [](World &, const Words &w) { flow(w[1], w[2], w[3], value(w[4]), false); });
+  all.add("flow_of_group", 2, {vrfs, groups, rates},
+          [](World &, const Words &w) { flow(w[1], "*", w[2], value(w[3]), false); });
+  all.add("flow_bidir", 3, {vrfs, groups, rates},
+          [](World &, const Words &w) { flow(w[1], "*", w[2], value(w[3]), true); });
+  all.add("rate", 10, {vrfs, sources, groups, rates},
+          [](World &, const Words &w) { ref::set_customer_rate(w[1], addrs(w[2], w[3]), value(w[4])); });
+  all.add("flow_stays", 2, {vrfs, sources, groups}, [](World &, const Words &w) {
+    change_route(w[1], w[2], w[3], [](ref::CustomerRoute &route) { route.to_mvpn = false; });
+  });
+  all.add("flow_moves", 4, {vrfs, sources, groups, number(201, 204)}, [](World &, const Words &w) {
+    change_route(w[1], w[2], w[3],
+                 [&w](ref::CustomerRoute &route) { route.rpf_neighbor = address("172.16.0." + w[4]); });
+  });
+  all.add("route_delete", 6, {vrfs, sources, groups},
+          [](World &, const Words &w) { ref::delete_customer_route(w[1], addrs(w[2], w[3])); });
+  all.add("route_of_group_delete", 3, {vrfs, groups},
+          [](World &, const Words &w) { ref::delete_customer_route(w[1], addrs("*", w[2])); });
+}
+
+// Receivers at the sites.
+void add_receivers(Kinds &all) {
+  all.add("receiver", 8, {vrfs, far_sources, groups, pes},
+          [](World &, const Words &w) { receiver(w[1], w[2], w[3], w[4]); });
+  all.add("receiver_of_group", 4, {vrfs, groups, pes},
+          [](World &, const Words &w) { receiver(w[1], "*", w[2], w[3]); });
+  all.add("receiver_leaves", 3, {vrfs, far_sources, groups}, [](World &, const Words &w) {
+    change_route(w[1], w[2], w[3], [](ref::CustomerRoute &route) { route.oifs.clear(); });
+  });
+  all.add("receiver_delete", 3, {vrfs, far_sources, groups},
+          [](World &, const Words &w) { ref::delete_customer_route(w[1], addrs(w[2], w[3])); });
+  all.add("policy", 1, {sources}, [](World &world, const Words &w) { world.set_policy({address(w[1])}); });
+}
+
+// Announcements of other PEs.
+void add_announcements(Kinds &all) {
+  all.add("announce", 8, {vrfs, far_sources, groups, pes, data_groups}, [](World &world, const Words &w) {
+    world.announce({w[1], address(w[2]), address(w[3]), address(w[4]), address(w[5])});
+  });
+  all.add("announce_group", 3, {vrfs, groups, pes, data_groups}, [](World &world, const Words &w) {
+    world.announce({w[1], 0, address(w[2]), address(w[3]), address(w[4])});
+  });
+  all.add("announce_own", 2, {vrfs, sources, groups, data_groups}, [](World &world, const Words &w) {
+    world.announce({w[1], address(w[2]), address(w[3]), address("172.16.0.200"), address(w[4])});
+  });
+  all.add("announce_no_group", 1, {vrfs, far_sources, groups, pes, number(0, 1)}, [](World &world, const Words &w) {
+    world.announce({w[1], address(w[2]), address(w[3]), address(w[4]), w[5] == "0" ? 0 : address("10.1.2.3")});
+  });
+  all.add("announce_many", 1, {vrfs, pes}, [](World &world, const Words &w) {
+    for (uint32_t i = 0; i < 40; i++)
+      world.announce({w[1], address("192.168.9.1"), address("232.8.1.0") + i, address(w[2]), address("239.7.1.0") + i});
+  });
+  all.add("datagram_hostile", 2, {vrfs, number(0, 9999)},
+          [](World &world, const Words &w) { hostile_datagram(world, w[1], value(w[2])); });
+}
+
+// BGP.
+void add_bgp(Kinds &all) {
+  all.add("bgp_add", 8, {pes, default_groups}, [](World &, const Words &w) { join_group(w[1], w[2]); });
+  all.add("bgp_withdraw", 3, {pes}, [](World &, const Words &w) { leave_group(w[1]); });
+  all.add("bgp_many", 1, {default_groups, number(1, 400)},
+          [](World &, const Words &w) { join_many(w[1], value(w[2])); });
+  all.add("bgp_many_withdraw", 1, {}, [](World &, const Words &) {
+    std::vector<ref::MdtSafi> entries;
+    for (const ref::MdtSafi &entry : ref::bgp_remote_entries())
+      if (entry.source >> 16 == address("10.8.0.0") >> 16) entries.push_back(entry);
+    ref::bgp_withdraw_remote(entries);
+  });
+  all.add("bgp_second_rd", 1, {pes, default_groups}, [](World &world, const Words &w) {
+    world.ambiguous_pes.insert(address(w[1]));
+    ref::bgp_add_remote({remote_entry(w[1], w[2], 1)});
+  });
+  all.add("bgp_request_local", 1, {}, [](World &, const Words &) { ref::bgp_request_local(); });
+  all.add("bgp_end_of_rib", 1, {}, [](World &, const Words &) { ref::bgp_end_of_rib(); });
+  all.fault("message_hostile", 2, {number(0, 9999)}, [](World &, const Words &w) { hostile_message(value(w[1])); });
+  all.add("rd", 3, {vrfs, number(1, 3)},
+          [](World &world, const Words &w) { world.set_rd(w[1], "65000:" + w[2] + "00" + w[1].substr(1)); });
+  all.add("rd_again", 1, {vrfs}, [](World &world, const Words &w) {
+    if (const Vrf *vrf = world.vrf(w[1])) world.set_rd(w[1], vrf->rd);
+  });
+  all.add("no_rd", 1, {vrfs}, [](World &world, const Words &w) { world.set_rd(w[1], ""); });
+  all.add("update_source", 2, {core}, [](World &world, const Words &w) { world.set_update_source(w[1]); });
+  all.add("no_update_source", 1, {}, [](World &world, const Words &) { world.set_update_source(""); });
+}
+
+// Interfaces of the core.
+void add_interfaces(Kinds &all) {
+  all.add("interface_down", 4, {core}, [](World &, const Words &w) { ref::set_interface_state(w[1], false); });
+  all.add("interface_up", 5, {core}, [](World &, const Words &w) { ref::set_interface_state(w[1], true); });
+  all.add("interface_flap", 3, {core}, [](World &, const Words &w) {
+    ref::set_interface_state(w[1], false);
+    ref::set_interface_state(w[1], true);
+  });
+  all.add("interface_address", 3, {core}, [](World &world, const Words &w) {
+    ref::set_interface_address(w[1], address("10.0.0.0") + world.next_address++);
+  });
+  all.add("interface_no_address", 1, {core}, [](World &, const Words &w) { ref::set_interface_address(w[1], 0); });
+  all.add("interface_remove", 1, {core}, [](World &, const Words &w) { ref::delete_interface(w[1]); });
+  all.add("interface_add", 1, {core}, [](World &world, const Words &w) {
+    if (ref::create_interface(w[1], VRF_CONTEXT_ID_DEFAULT, 0, false) == 0) return;
+    ref::set_interface_address(w[1], address("10.0.0.0") + world.next_address++);
+    ref::set_interface_state(w[1], true);
+  });
+}
+
+// Tunnel manager.
+void add_tunnels(Kinds &all) {
+  all.add("tunnel_answers", 6, {number(0, 1)}, [](World &world, const Words &w) {
+    world.answers_late = true;
+    ref::set_oim_answers(w[1] == "1");
+  });
+  all.fault("tunnel_answers_lost", 2, {number(1, 3)},
+            [](World &world, const Words &w) { world.lose_answers(value(w[1])); });
+  all.fault("tunnel_answer_unasked", 3, {vrfs, number(0, 2), number(0, 1)}, [](World &world, const Words &w) {
+    world.spurious_answer(w[1], MTS_OPC_OIM_IF_CREATE_RESPONSE + value(w[2]), w[3] == "1");
+  });
+  all.add("tunnel_flap", 3, {vrfs}, [](World &world, const Words &w) {
+    world.tunnel_fell = true;
+    const std::string name = tunnel_of(w[1]);
+    const ref::Interface *tunnel = ref::find_interface(std::string_view(name));
+    if (tunnel == nullptr || !tunnel->up) return;
+    ref::set_interface_state(name, false);
+    ref::set_interface_state(name, true);
+  });
+  all.add("tunnel_down", 2, {vrfs}, [](World &, const Words &w) { ref::set_interface_state(tunnel_of(w[1]), false); });
+  all.add("orphan", 1, {number(40, 42)}, [](World &, const Words &w) { ref::create_orphan_tunnel(value(w[1])); });
+}
+
+// Multicast RIB.
+void add_mrib(Kinds &all) {
+  all.add("mrib_acks", 5, {number(0, 1)}, [](World &, const Words &w) { ref::set_mrib_acks(w[1] == "1"); });
+  all.add("mrib_refuses", 2, {number(1, 3)}, [](World &, const Words &w) { ref::mrib_refuse_updates(value(w[1])); });
+  all.fault("mrib_refuses_encaps", 1, {number(1, 3)},
+            [](World &, const Words &w) { ref::mrib_refuse_encaps(value(w[1])); });
+  all.add("core_join", 3, {default_groups, pes}, [](World &world, const Words &w) {
+    world.joined_sources.insert(address(w[2]));
+    ref::mrib_add_route(VRF_CONTEXT_ID_DEFAULT, addrs(w[2], w[1]), 0);
+  });
+  all.add("core_leave", 1, {default_groups, pes},
+          [](World &, const Words &w) { ref::mrib_delete_route(VRF_CONTEXT_ID_DEFAULT, addrs(w[2], w[1])); });
+  all.add("core_deleted", 2, {default_groups, pes},
+          [](World &, const Words &w) { ref::mrib_notify_delete(VRF_CONTEXT_ID_DEFAULT, addrs(w[2], w[1])); });
+  all.add("core_cleared", 1, {default_groups, number(0, 1)}, [](World &world, const Words &w) {
+    world.cleared = true;
+    mvpn_mdt_route_addrs filter = addrs("*", w[1]);
+    filter.group_len = w[2] == "1" ? 8 : 32;
+    ref::mrib_notify_clear(VRF_CONTEXT_ID_DEFAULT, filter, false, false);
+  });
+  all.add("mrib_asks_again", 2, {number(0, 4)},
+          [](World &, const Words &w) { ref::mrib_request_repopulate(VRF_CONTEXT_ID_DEFAULT, nullptr, value(w[1])); });
+  all.add("mrib_initializing", 2, {vrfs, number(0, 1)}, [](World &world, const Words &w) {
+    if (const Vrf *vrf = world.vrf(w[1])) ref::set_mrib_initializing(vrf->context_id, w[2] == "1");
+  });
+  all.add("core_route_freed", 1, {data_groups}, [](World &, const Words &w) { core_route_freed(w[1]); });
+}
+
+// Failures of platform calls.
+void add_failures(Kinds &all) {
+  all.fault("fail_any", 5, {number(1, 60)}, [](World &, const Words &w) { trace::fail_any(value(w[1])); });
+  all.fault("fail", 5, {failing, number(1, 4), number(1, 3)},
+            [](World &, const Words &w) { trace::fail(w[1], value(w[2]), value(w[3])); });
+  all.fault("fail_store", 2, {failing_store, number(1, 3)},
+            [](World &, const Words &w) { trace::fail(w[1], value(w[2])); });
+}
+
+// The module's life.
+void add_life(Kinds &all) {
+  all.add("start", 1, {}, [](World &world, const Words &) { world.start(); });
+  all.fault("stop", 1, {number(0, 1)}, [](World &world, const Words &w) { world.stop(w[1] == "1"); });
+  all.add("feature_off_on", 1, {}, [](World &world, const Words &) {
+    if (!world.running()) return;
+    world.stop(false);
+    world.start();
+  });
+  all.add("crash", 1, {}, [](World &world, const Words &) { world.crash(); });
+  all.add("cli_done", 1, {}, [](World &world, const Words &) {
+    if (world.running()) mvpn_cli_done();
+  });
+}
+
+// Time.
+void add_time(Kinds &all) {
+  all.add("settle", 1, {}, [](World &, const Words &) {});
+  all.add("seconds", 5, {number(1, 40)},
+          [](World &, const Words &w) { ref::advance(std::chrono::seconds(value(w[1]))); });
+  all.add("minutes", 8, {number(1, 3)},
+          [](World &, const Words &w) { ref::advance(std::chrono::seconds(60 * value(w[1]) + 4)); });
+  all.add("statistics", 3, {}, [](World &, const Words &) { ref::statistics_pass(); });
+}
 
 const std::vector<Kind> &kinds() {
-  static const std::vector<Kind> all = {// The machine's VRFs.
-                                        {"vrf_add", 6, {vrfs}, PLAY{world.add_vrf(w[1]);
-}
-}  // namespace
-, {"vrf_delete", 2, {vrfs}, PLAY{world.delete_vrf(w[1]);
-}  // namespace simulation
-}
-, {"vrf_down", 1, {vrfs}, PLAY{world.set_vrf_state(w[1], false);
-}
-}
-, {"vrf_up", 1, {vrfs}, PLAY{world.set_vrf_state(w[1], true);
-}
-}
-,
-    // Commands.
-    {"default", 14, {vrfs, default_groups}, PLAY{world.set_default(w[1], w[2]);
-}
-}
-, {"no_default", 4, {vrfs}, PLAY{world.no_default(w[1]);
-}
-}
-, {"default_flap", 3, {vrfs, default_groups}, PLAY{world.no_default(w[1]);
-world.set_default(w[1], w[2]);
-}
-}
-, {"source", 4, {vrfs, core}, PLAY{world.set_source(w[1], w[2]);
-}
-}
-, {"no_source", 2, {vrfs}, PLAY{world.set_source(w[1], "");
-}
-}
-, {"range", 10, {vrfs, ranges, thresholds}, PLAY{world.set_range(w[1], {w[2], value(w[3]), false, ""});
-}
-}
-, {"range_immediate", 4, {vrfs, ranges}, PLAY{world.set_range(w[1], {w[2], 0, true, ""});
-}
-}
-, {"range_policy", 3, {vrfs, ranges, thresholds}, PLAY{world.set_range(w[1], {w[2], value(w[3]), false, "odd"});
-}
-}
-, {"range_no_flow", 1, {vrfs, ranges}, PLAY{world.set_range(w[1], {w[2], 0, true, "none"});
-}
-}
-, {"no_range", 4, {vrfs, ranges}, PLAY{world.no_range(w[1], w[2]);
-}
-}
-, {"mtu", 2, {vrfs, number(90, 1500)}, PLAY{world.set_number(w[1], "mdt_mtu_cmd", "<mtu-value>", &Config::mtu, w[2]);
-}
-}
-, {"no_mtu", 1, {vrfs}, PLAY{world.set_number(w[1], "mdt_mtu_cmd", "", &Config::mtu, "");
-}
-}
-, {"hello", 1, {vrfs, number(1000, 20000)},
-   PLAY{world.set_number(w[1], "mdt_pim_hello_interval_cmd", "<interval>", &Config::hello, w[2]);
-}
-}
-, {"no_hello", 1, {vrfs}, PLAY{world.set_number(w[1], "mdt_pim_hello_interval_cmd", "", &Config::hello, "");
-}
-}
-, {"jp", 1, {vrfs, number(1, 3)},
-   PLAY{world.set_number(w[1], "mdt_pim_jp_interval_cmd", "<interval>", &Config::jp, std::to_string(60 * value(w[2])));
-}
-}
-, {"no_jp", 1, {vrfs}, PLAY{world.set_number(w[1], "mdt_pim_jp_interval_cmd", "", &Config::jp, "");
-}
-}
-, {"bidir", 2, {vrfs, number(0, 1)},
-   PLAY{world.set_flag(w[1], "mdt_data_bidir_enable_cmd", &Config::bidir, w[2] == "1");
-}
-}
-, {"inhibit", 1, {vrfs, number(0, 1)},
-   PLAY{world.set_flag(w[1], "mdt_data_inhibit_reuse_cmd", &Config::inhibit, w[2] == "1");
-}
-}
-, {"shared_tree", 2, {vrfs, number(0, 1)},
-   PLAY{world.set_flag(w[1], "mdt_asm_use_shared_tree_cmd", &Config::shared_tree, w[2] == "1");
-}
-}
-, {"enforce", 3, {vrfs, number(0, 1)}, PLAY{if (Vrf *vrf = world.vrf(w[1])) vrf->enforce_toggled = true;
-world.set_flag(w[1], "mdt_enforce_bgp_mdt_safi_cmd", &Config::enforce, w[2] == "1");
-}
-}
-, {"bad_range", 1, {vrfs, number(0, 3)},
-   PLAY{constexpr const char * bad[] = {"10.1.0.0/16", "239.2.0.1/24", "224.0.0.0/4", "0.0.0.0/0"};
-world.set_range(w[1], {bad[value(w[2])], 1, false, ""});
-}
-}
-, {"views", 2, {vrfs}, PLAY{world.all_commands_without_effect(w[1]);
-}
-}
-, {"views_of_all", 1, {}, [](World &world, const Words &) { world.all_commands_without_effect(""); }},
-    {"unusable", 1, {vrfs}, PLAY_HERE{ref::set_pcib_usable(w[1], false);
-}
-, true
-}
-,
-    // Flows of the sites.
-    {"flow", 16, {vrfs, sources, groups, rates}, PLAY_HERE{flow(w[1], w[2], w[3], value(w[4]), false);
-}
-}
-, {"flow_of_group", 2, {vrfs, groups, rates}, PLAY_HERE{flow(w[1], "*", w[2], value(w[3]), false);
-}
-}
-, {"flow_bidir", 3, {vrfs, groups, rates}, PLAY_HERE{flow(w[1], "*", w[2], value(w[3]), true);
-}
-}
-, {"rate", 10, {vrfs, sources, groups, rates}, PLAY_HERE{ref::set_customer_rate(w[1], addrs(w[2], w[3]), value(w[4]));
-}
-}
-, {"flow_stays", 2, {vrfs, sources, groups},
-   PLAY_HERE{change_route(w[1], w[2], w[3], [](ref::CustomerRoute &route) { route.to_mvpn = false; });
-}
-}
-, {"flow_moves", 4, {vrfs, sources, groups, number(201, 204)},
-   PLAY_HERE{change_route(w[1], w[2], w[3],
-                          [&w](ref::CustomerRoute &route) { route.rpf_neighbor = address("172.16.0." + w[4]); });
-}
-}
-, {"route_delete", 6, {vrfs, sources, groups}, PLAY_HERE{ref::delete_customer_route(w[1], addrs(w[2], w[3]));
-}
-}
-, {"route_of_group_delete", 3, {vrfs, groups}, PLAY_HERE{ref::delete_customer_route(w[1], addrs("*", w[2]));
-}
-}
-,
-    // Receivers at the sites.
-    {"receiver", 8, {vrfs, far_sources, groups, pes}, PLAY_HERE{receiver(w[1], w[2], w[3], w[4]);
-}
-}
-, {"receiver_of_group", 4, {vrfs, groups, pes}, PLAY_HERE{receiver(w[1], "*", w[2], w[3]);
-}
-}
-, {"receiver_leaves", 3, {vrfs, far_sources, groups},
-   PLAY_HERE{change_route(w[1], w[2], w[3], [](ref::CustomerRoute &route) { route.oifs.clear(); });
-}
-}
-, {"receiver_delete", 3, {vrfs, far_sources, groups}, PLAY_HERE{ref::delete_customer_route(w[1], addrs(w[2], w[3]));
-}
-}
-, {"policy", 1, {sources}, PLAY{world.set_policy({address(w[1])});
-}
-}
-,
-    // Announcements of other PEs.
-    {"announce", 8, {vrfs, far_sources, groups, pes, data_groups},
-     PLAY{world.announce({w[1], address(w[2]), address(w[3]), address(w[4]), address(w[5])});
-}
-}
-, {"announce_group", 3, {vrfs, groups, pes, data_groups},
-   PLAY{world.announce({w[1], 0, address(w[2]), address(w[3]), address(w[4])});
-}
-}
-, {"announce_own", 2, {vrfs, sources, groups, data_groups},
-   PLAY{world.announce({w[1], address(w[2]), address(w[3]), address("172.16.0.200"), address(w[4])});
-}
-}
-, {"announce_no_group", 1, {vrfs, far_sources, groups, pes, number(0, 1)},
-   PLAY{world.announce({w[1], address(w[2]), address(w[3]), address(w[4]), w[5] == "0" ? 0 : address("10.1.2.3")});
-}
-}
-, {"announce_many", 1, {vrfs, pes},
-   PLAY{for (uint32_t i = 0; i < 40; i++) world.announce(
-       {w[1], address("192.168.9.1"), address("232.8.1.0") + i, address(w[2]), address("239.7.1.0") + i});
-}
-}
-, {"datagram_hostile", 2, {vrfs, number(0, 9999)}, PLAY{hostile_datagram(world, w[1], value(w[2]));
-}
-}
-,
-    // BGP.
-    {"bgp_add", 8, {pes, default_groups}, PLAY_HERE{join_group(w[1], w[2]);
-}
-}
-, {"bgp_withdraw", 3, {pes}, PLAY_HERE{leave_group(w[1]);
-}
-}
-, {"bgp_many", 1, {default_groups, number(1, 150)},
-   PLAY_HERE{for (uint32_t i = 0; i < value(w[2]); i++) join_group("10.8.0." + std::to_string(i), w[1]);
-}
-}
-, {"bgp_many_withdraw", 1, {}, PLAY_ALONE{std::vector<ref::MdtSafi> entries;
-for (const ref::MdtSafi &entry : ref::bgp_remote_entries())
-  if (entry.source >> 8 == address("10.8.0.0") >> 8) entries.push_back(entry);
-ref::bgp_withdraw_remote(entries);
-}
-}
-, {"bgp_second_rd", 1, {pes, default_groups}, PLAY{world.ambiguous_pes.insert(address(w[1]));
-ref::bgp_add_remote({remote_entry(w[1], w[2], 100)});
-}
-}
-, {"bgp_request_local", 1, {}, PLAY_ALONE{ref::bgp_request_local();
-}
-}
-, {"bgp_end_of_rib", 1, {}, PLAY_ALONE{ref::bgp_end_of_rib();
-}
-}
-, {"message_hostile", 2, {number(0, 9999)}, PLAY_HERE{hostile_message(value(w[1]));
-}
-, true
-}
-, {"rd", 3, {vrfs, number(1, 3)}, PLAY{world.set_rd(w[1], "65000:" + w[2] + "00" + w[1].substr(1));
-}
-}
-, {"rd_again", 1, {vrfs}, PLAY{if (const Vrf *vrf = world.vrf(w[1])) world.set_rd(w[1], vrf->rd);
-}
-}
-, {"no_rd", 1, {vrfs}, PLAY{world.set_rd(w[1], "");
-}
-}
-, {"update_source", 2, {core}, PLAY{world.set_update_source(w[1]);
-}
-}
-, {"no_update_source", 1, {}, [](World &world, const Words &) { world.set_update_source(""); }},
-    // Interfaces of the core.
-    {"interface_down", 4, {core}, PLAY_HERE{ref::set_interface_state(w[1], false);
-}
-}
-, {"interface_up", 5, {core}, PLAY_HERE{ref::set_interface_state(w[1], true);
-}
-}
-, {"interface_flap", 3, {core}, PLAY_HERE{ref::set_interface_state(w[1], false);
-ref::set_interface_state(w[1], true);
-}
-}
-, {"interface_address", 3, {core}, PLAY{ref::set_interface_address(w[1], address("10.0.0.0") + world.next_address++);
-}
-}
-, {"interface_no_address", 1, {core}, PLAY_HERE{ref::set_interface_address(w[1], 0);
-}
-}
-, {"interface_remove", 1, {core}, PLAY{world.interface_removed = true;
-ref::delete_interface(w[1]);
-}
-, true
-}
-, {"interface_add", 1, {core}, PLAY{if (ref::create_interface(w[1], VRF_CONTEXT_ID_DEFAULT, 0, false) == 0) return;
-ref::set_interface_address(w[1], address("10.0.0.0") + world.next_address++);
-ref::set_interface_state(w[1], true);
-}
-, true
-}
-,
-    // Tunnel manager.
-    {"tunnel_answers", 6, {number(0, 1)}, PLAY{world.answers_late = true;
-ref::set_oim_answers(w[1] == "1");
-}
-}
-, {"tunnel_answers_lost", 2, {number(1, 3)}, PLAY{world.lose_answers(value(w[1]));
-}
-, true
-}
-, {"tunnel_answer_unasked", 3, {vrfs, number(0, 2), number(0, 1)},
-   PLAY{world.spurious_answer(w[1], MTS_OPC_OIM_IF_CREATE_RESPONSE + value(w[2]), w[3] == "1");
-}
-, true
-}
-, {"tunnel_flap", 3, {vrfs}, PLAY{const std::string name = tunnel_of(w[1]);
-const ref::Interface *tunnel = ref::find_interface(std::string_view(name));
-if (tunnel == nullptr || !tunnel->up) return;
-world.tunnel_flapped = true;
-ref::set_interface_state(name, false);
-ref::set_interface_state(name, true);
-}
-}
-, {"tunnel_down", 2, {vrfs}, PLAY_HERE{ref::set_interface_state(tunnel_of(w[1]), false);
-}
-}
-, {"orphan", 1, {number(40, 42)}, PLAY_HERE{ref::create_orphan_tunnel(value(w[1]));
-}
-}
-,
-    // Multicast RIB.
-    {"mrib_acks", 5, {number(0, 1)}, PLAY_HERE{ref::set_mrib_acks(w[1] == "1");
-}
-}
-, {"mrib_refuses", 2, {number(1, 3)}, PLAY_HERE{ref::mrib_refuse_updates(value(w[1]));
-}
-}
-, {"mrib_refuses_encaps", 1, {number(1, 3)}, PLAY_HERE{ref::mrib_refuse_encaps(value(w[1]));
-}
-, true
-}
-, {"core_join", 3, {default_groups, pes}, PLAY{world.joined_sources.insert(address(w[2]));
-ref::mrib_add_route(VRF_CONTEXT_ID_DEFAULT, addrs(w[2], w[1]), 0);
-}
-}
-, {"core_leave", 1, {default_groups, pes}, PLAY_HERE{ref::mrib_delete_route(VRF_CONTEXT_ID_DEFAULT, addrs(w[2], w[1]));
-}
-}
-, {"core_deleted", 2, {default_groups, pes},
-   PLAY_HERE{ref::mrib_notify_delete(VRF_CONTEXT_ID_DEFAULT, addrs(w[2], w[1]));
-}
-}
-, {"core_cleared", 1, {default_groups, number(0, 1)}, PLAY{world.cleared = true;
-mvpn_mdt_route_addrs filter = addrs("*", w[1]);
-filter.group_len = w[2] == "1" ? 8 : 32;
-ref::mrib_notify_clear(VRF_CONTEXT_ID_DEFAULT, filter, false, false);
-}
-}
-, {"mrib_asks_again", 2, {number(0, 4)},
-   PLAY_HERE{ref::mrib_request_repopulate(VRF_CONTEXT_ID_DEFAULT, nullptr, value(w[1]));
-}
-}
-, {"mrib_initializing", 2, {vrfs, number(0, 1)},
-   PLAY{if (const Vrf *vrf = world.vrf(w[1])) ref::set_mrib_initializing(vrf->context_id, w[2] == "1");
-}
-}
-, {"core_route_freed", 1, {data_groups}, PLAY_HERE{core_route_freed(w[1]);
-}
-}
-,
-    // Failures of platform calls.
-    {"fail_any", 5, {number(1, 60)}, PLAY_HERE{trace::fail_any(value(w[1]));
-}
-, true
-}
-, {"fail", 5, {failing, number(1, 4), number(1, 3)}, PLAY_HERE{trace::fail(w[1], value(w[2]), value(w[3]));
-}
-, true
-}
-, {"fail_store", 2, {failing_store, number(1, 3)}, PLAY_HERE{trace::fail(w[1], value(w[2]));
-}
-, true
-}
-,
-    // The module's life.
-    {"start", 1, {}, [](World &world, const Words &) { world.start(); }},
-    {"stop", 1, {number(0, 1)}, PLAY{world.stop(w[1] == "1");
-}
-, true
-}
-,
-    {"feature_off_on",
-     1,
-     {},
-     [](World &world, const Words &) {
-       if (!world.running()) return;
-       world.stop(false);
-       world.start();
-     }},
-    {"crash", 1, {}, [](World &world, const Words &) { crash_and_compare(world); }},
-    {"cli_done",
-     1,
-     {},
-     [](World &world, const Words &) {
-       if (world.running()) mvpn_cli_done();
-     }},
-    // Time.
-    {"settle", 1, {}, PLAY_ALONE{}},
-    {"seconds", 5, {number(1, 40)}, PLAY_HERE{ref::advance(std::chrono::seconds(value(w[1])));
-}
-}
-, {"minutes", 8, {number(1, 3)}, PLAY_HERE{ref::advance(std::chrono::seconds(60 * value(w[1]) + 4));
-}
-}
-, {"statistics", 3, {}, PLAY_ALONE{ref::statistics_pass();
-}
-}
-,
-}
-;
-return all;
+  static const Kinds made = [] {
+    Kinds all;
+    for (const auto add : {add_vrfs, add_commands, add_settings, add_flows, add_receivers, add_announcements, add_bgp,
+                           add_interfaces, add_tunnels, add_mrib, add_failures, add_life, add_time})
+      add(all);
+    return all;
+  }();
+  return made.all;
 }
 
 const Kind *kind_of(const std::string &name) {
@@ -665,10 +577,19 @@ void draw_beginning(Random &random, std::vector<Step> &steps) {
   if (replayed) steps.push_back({true, {"start"}});
 }
 
+// Kinds after which a flow must still get the choice that it had before a restart.
+bool leaves_choices(const std::string &kind) {
+  static const std::set<std::string> leave = {
+      "settle",      "seconds",     "minutes",        "statistics", "views",   "interface_down", "interface_up",
+      "tunnel_flap", "tunnel_down", "tunnel_answers", "mrib_acks",  "bgp_add", "announce"};
+  return leave.contains(kind);
+}
+
 bool play_words(World &world, const Words &words) {
   const Kind *kind = kind_of(words[0]);
   if (kind == nullptr || words.size() != kind->words.size() + 1) return false;
   if (kind->fault) world.faulty = true;
+  if (!leaves_choices(words[0])) world.remembered.clear();
   kind->play(world, words);
   return true;
 }

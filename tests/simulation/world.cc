@@ -129,6 +129,7 @@ void World::stop(bool feature_stays) {
   mvpn_deinit(1);
   running_ = false;
   if (!ref::wait_for_threads()) fail("a thread of the module does not end");
+  ref::clear_oim_requests();
   contexts_survived = feature_stays;
   if (!feature_stays) ref::bgp_forget_local();
 }
@@ -146,6 +147,7 @@ void World::crash() {
   for (const auto &[name, vrf] : vrfs_)
     if (vrf.config.group == 0) unclaimed.insert(name);
   trace::reset();
+  remembered = stored_choices();
   if (contexts_survived) start();
   stop(false);
   boot();
@@ -163,6 +165,7 @@ void World::crash() {
     ksink_pss_update(pim_ha_handle, key.data(), static_cast<uint32_t>(key.size()), value.data(),
                      static_cast<uint32_t>(value.size()));
   ref::set_stateful_restart(true);
+  crash_time_ = ref::now();
   if (was_running) start();
   for (const auto &[name, all] : routes)
     for (const ref::CustomerRoute &route : all) ref::set_customer_route(name, route);

@@ -6,6 +6,7 @@
 #ifndef TESTS_SIMULATION_WORLD_H
 #define TESTS_SIMULATION_WORLD_H
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -84,6 +85,8 @@ class World {
   // The process dies and starts anew: all that survives is the store, the tunnels and what the neighbours know.
   void crash();
   bool running() const { return running_; }
+  // A flow gets its former choice for so long after a crash.
+  bool recovers() const { return ref::now() < crash_time_ + std::chrono::seconds(240); }
 
   // VRFs with their interface towards the sites (NAME-site) and one RD each.
   void add_vrf(const std::string &name);
@@ -134,12 +137,14 @@ class World {
 
   // Faults that platform and neighbours cannot make good: afterwards some VRFs may need an operator.
   bool faulty = false;
-  bool cleared = false;       // routes were cleared
-  bool answers_late = false;  // the tunnel manager kept its answers back
-  bool tunnel_flapped = false;
-  bool interface_removed = false;            // one that came back has another ordinal
+  bool cleared = false;                      // routes were cleared
+  bool answers_late = false;                 // the tunnel manager kept its answers back
+  bool tunnel_fell = false;                  // a tunnel went down without having been asked to
+  bool idle_tunnel = false;                  // a tunnel was up while its VRF was not
   bool under_way = false;                    // what earlier steps asked for may not have been done yet
   std::set<std::string> rd_changed_unready;  // VRFs whose RD changed while they were not up and ready
+  // Choices that were stored when the process died last, for flows that have not been touched since.
+  std::map<FlowKey, Choice> remembered;
   // VRFs that had no default group any more when the process died: nobody claims, or sweeps, what is stored for them.
   std::set<std::string> unclaimed;
   bool contexts_survived = false;      // the module was stopped for a process that then lived on
@@ -158,6 +163,7 @@ class World {
   std::string update_source_ = "core0";
   std::set<ip_addr_t> permitted_;
   bool running_ = false;
+  std::chrono::nanoseconds crash_time_{-std::chrono::hours(1)};
   unsigned answers_to_lose_ = 0;
   friend int process_msg_unless_lost(mts_message *message);
   std::vector<std::string> failures_;
