@@ -322,6 +322,7 @@ ChangeReader::ChangeReader(Table &table) : table_(table), position_(table.log_st
 ChangeReader::~ChangeReader() { std::erase(table_.readers_, this); }
 
 void ChangeReader::start_walk() {
+  if (count_ == 0) position_ = log_end();  // nothing to take back: the walk tells it all
   walk_ = 1;
   walk_end_ = table_.end();
 }
