@@ -8,8 +8,14 @@
 #include <fstream>
 
 namespace host {
+namespace {
 
-ConfigText read_config_text(const std::string &path) {
+struct ConfigText {
+  std::string text;
+  std::string reason;  // why it cannot be read; empty when it was
+};
+
+ConfigText read_text(const std::string &path) {
   struct stat status {};
   const bool exists = stat(path.c_str(), &status) == 0;
   if (exists && S_ISDIR(status.st_mode)) return {"", std::strerror(EISDIR)};
@@ -31,9 +37,13 @@ ConfigText read_config_text(const std::string &path) {
   return {std::move(text), ""};
 }
 
-ConfigFile parse_config(const std::string &text) {
+}  // namespace
+
+ConfigFile read_config_file(const std::string &path) {
+  const ConfigText read = read_text(path);
+  if (!read.reason.empty()) return {{}, {{0, read.reason}}};
   ConfigFile file;
-  file.config = Config::read(text, &file.errors);
+  file.config = Config::read(read.text, &file.errors);
   for (ConfigError &error : file.config.check()) file.errors.push_back(std::move(error));
   std::stable_sort(file.errors.begin(), file.errors.end(),
                    [](const ConfigError &a, const ConfigError &b) { return a.line < b.line; });
@@ -41,9 +51,10 @@ ConfigFile parse_config(const std::string &text) {
   return file;
 }
 
-ConfigFile read_config_file(const std::string &path) {
-  const ConfigText read = read_config_text(path);
-  return read.reason.empty() ? parse_config(read.text) : ConfigFile{{}, {{0, read.reason}}};
+FileStamp stamp_of(const std::string &path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return {};
+  return {status.st_dev, status.st_ino, status.st_size, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
 }
 
 std::string described(const std::string &file, const ConfigError &error) {

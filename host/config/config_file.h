@@ -5,6 +5,9 @@
 #ifndef HOST_CONFIG_FILE_H
 #define HOST_CONFIG_FILE_H
 
+#include <sys/types.h>
+
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -15,20 +18,24 @@ namespace host {
 constexpr size_t kMaxConfigFile = 16u << 20;  // bytes; some hundred thousand lines
 constexpr size_t kMaxErrorsTold = 20;
 
-struct ConfigText {
-  std::string text;
-  std::string reason;  // why it cannot be read; empty when it was
-};
-ConfigText read_config_text(const std::string &path);
-
 struct ConfigFile {
   Config config;
   std::vector<ConfigError> errors;  // in line order; of line 0 when the file cannot be read
 };
 
-// Reads and checks a text, a file. A file without any line is an error: it is what is left when writing it failed.
-ConfigFile parse_config(const std::string &text);
+// Reads and checks a file. One without any line is an error: it is what is left when writing it failed.
 ConfigFile read_config_file(const std::string &path);
+
+// What tells whether a file has been changed or replaced. All zero for a file that is not there.
+struct FileStamp {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;           // bytes
+  int64_t seconds = 0;      // of its last change, since 1970
+  int64_t nanoseconds = 0;  // 0..999999999
+  bool operator==(const FileStamp &) const = default;
+};
+FileStamp stamp_of(const std::string &path);
 
 // FILE:LINE: REASON
 std::string described(const std::string &file, const ConfigError &error);

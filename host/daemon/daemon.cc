@@ -125,26 +125,23 @@ void Daemon::reload() {
     return;
   }
   notify_service_manager("RELOADING=1");
-  const ConfigText file = read_config_text(options_.config_file);
-  if (!file.reason.empty())
-    return end_reload({described(options_.config_file, ConfigError{0, file.reason})},
-                      "the configuration stays as it is");
   try {
-    check_ = std::make_unique<ConfigCheck>(
-        loop_.io(), options_.config_file, options_.module,
-        [this, text = file.text](const ConfigCheck::Result &result) { finish_reload(text, result); });
+    check_ = std::make_unique<ConfigCheck>(loop_.io(), options_.config_file, options_.module,
+                                           [this, stamp = stamp_of(options_.config_file)](
+                                               const ConfigCheck::Result &result) { finish_reload(stamp, result); });
   } catch (const std::runtime_error &error) {
     end_reload({std::string("the configuration cannot be checked: ") + error.what()},
                "the configuration stays as it is");
   }
 }
 
-void Daemon::finish_reload(const std::string &text, const ConfigCheck::Result &check) {
+void Daemon::finish_reload(const FileStamp &checked, const ConfigCheck::Result &check) {
   check_.reset();
+  ConfigFile file;
+  if (check.passed) file = read_config_file(options_.config_file);
   // What was checked must be what was read.
-  if (std::exchange(reload_again_, false) || read_config_text(options_.config_file).text != text) return reload();
+  if (std::exchange(reload_again_, false) || stamp_of(options_.config_file) != checked) return reload();
   if (!check.passed) return end_reload(check.problems, "the configuration stays as it is");
-  ConfigFile file = parse_config(text);
   std::vector<std::string> messages = described(options_.config_file, file.errors);
   if (messages.empty()) {
     Loop::Turn turn(loop_);

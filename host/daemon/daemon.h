@@ -45,7 +45,7 @@ class Daemon {
   void check_capture() const;
   void watch_signals();
   void reload();
-  void finish_reload(const std::string &text, const ConfigCheck::Result &check);
+  void finish_reload(const FileStamp &checked, const ConfigCheck::Result &check);
   void end_reload(const std::vector<std::string> &messages, const std::string &outcome);
   void stop();
   void end_views();

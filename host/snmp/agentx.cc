@@ -8,10 +8,12 @@
 // Turns. After each piece of work the library says which descriptors and which time it waits for, and both are waited
 // for anew (arm). The descriptors are duplicated for that: the library closes its own whenever it likes, and a number
 // may come to stand for another connection. The duplicates live until the next arm, which follows every piece of work.
-// Nothing of the library holds the scheduling locks, except a table or scalar while it is collected.
 //
-// Bounds. The library waits for the master's answers, so a master that is alive but does not answer holds up the event
-// loop: kAnswerSeconds at most for each attempt, and attempts are far apart. Collecting a table has its own bounds.
+// Threads. The library waits for the master's answers: a master that is alive and does not answer holds it up for
+// kAnswerSeconds at every request of an attempt, a minute in all, and one that takes no connection for longer. So the
+// library, its objects and the event loop that drives it belong to a thread of their own (Worker). The main thread does
+// for it what needs the scheduling locks (Main): it collects a table in slices, between which the main loop goes on. The
+// end does not wait for a master that hangs. The thread then keeps what it uses and finds the main thread closed.
 //
 // Failures. A master that goes away closes the connection; the library drops the session and tries again at intervals,
 // as it does when there was none at the start, and registers everything anew. Its messages go to the log.
@@ -23,11 +25,17 @@
 #include <net-snmp/library/large_fd_set.h>
 #include <unistd.h>
 
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
+#include <condition_variable>
+#include <csignal>
 #include <cstdlib>
+#include <mutex>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -40,6 +48,8 @@ namespace {
 constexpr int kCacheSeconds = 2;
 constexpr int kAnswerSeconds = 1;
 constexpr const char *kAgentName = "pimhostd";
+constexpr std::chrono::milliseconds kSlice{5};            // of the main loop's time, for collecting
+constexpr std::chrono::milliseconds kPatienceAtEnd{500};  // with a library that waits for its master
 
 using Oid = std::vector<oid>;
 
@@ -99,9 +109,62 @@ void empty_container(netsnmp_container *rows) { CONTAINER_CLEAR(rows, free_row, 
 
 }  // namespace
 
+// The main thread, as the agent's thread sees it.
+class AgentX::Main {
+ public:
+  Main(boost::asio::io_context &io, InTurn in_turn, Log log)
+      : io_(io), in_turn_(std::move(in_turn)), log_(std::move(log)) {}
+
+  // On the main thread: nothing is run from now on.
+  void close() {
+    const std::lock_guard lock(mutex_);
+    closed_ = true;
+    changed_.notify_all();
+  }
+
+  // On the agent's thread. Runs work on the main thread, with the scheduling locks, and waits for it; false when the
+  // main thread wants nothing to do with it any more.
+  static bool run(const std::shared_ptr<Main> &main, const std::function<void()> &work) {
+    bool done = false;  // under the lock
+    std::unique_lock lock(main->mutex_);
+    if (main->closed_) return false;
+    boost::asio::post(main->io_, [main, &work, &done] {
+      // Closing happens on this thread too, so that work and done outlive this.
+      if (main->closed()) return;
+      main->in_turn_(work);
+      const std::lock_guard again(main->mutex_);
+      done = true;
+      main->changed_.notify_all();
+    });
+    main->changed_.wait(lock, [&] { return done || main->closed_; });
+    return done;
+  }
+
+  static void log(const std::shared_ptr<Main> &main, const std::string &text) {
+    const std::lock_guard lock(main->mutex_);
+    if (main->closed_) return;
+    boost::asio::post(main->io_, [main, text] {
+      if (!main->closed()) main->log_(text);
+    });
+  }
+
+ private:
+  bool closed() {
+    const std::lock_guard lock(mutex_);
+    return closed_;
+  }
+
+  boost::asio::io_context &io_;
+  InTurn in_turn_;
+  Log log_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool closed_ = false;
+};
+
 class AgentX::Impl {
  public:
-  Impl(boost::asio::io_context &io, std::string address, InTurn in_turn, Log log, Options options);
+  Impl(boost::asio::io_context &io, std::string address, std::shared_ptr<Main> main, Options options);
   ~Impl();
 
  private:
@@ -143,8 +206,7 @@ class AgentX::Impl {
   boost::asio::io_context &io_;
   boost::asio::steady_timer timer_;
   std::string address_;
-  InTurn in_turn_;
-  Log log_;
+  std::shared_ptr<Main> main_;
   std::vector<std::unique_ptr<ServedTable>> tables_;
   std::vector<std::unique_ptr<ServedScalar>> scalars_;
   std::vector<std::unique_ptr<Descriptor>> watched_;
@@ -152,10 +214,8 @@ class AgentX::Impl {
   std::shared_ptr<uint64_t> generation_ = std::make_shared<uint64_t>(0);
 };
 
-AgentX::Impl::Impl(boost::asio::io_context &io, std::string address, InTurn in_turn, Log log, Options options)
-    : io_(io), timer_(io), address_(std::move(address)), in_turn_(std::move(in_turn)), log_(std::move(log)) {
-  static bool started = false;
-  if (std::exchange(started, true)) throw std::runtime_error("the SNMP agent library starts once in a process");
+AgentX::Impl::Impl(boost::asio::io_context &io, std::string address, std::shared_ptr<Main> main, Options options)
+    : io_(io), timer_(io), address_(std::move(address)), main_(std::move(main)) {
   set_options();
   start_library(options);
   arm();
@@ -211,7 +271,7 @@ int AgentX::Impl::take_message(int, int, void *server, void *own) {
   // A failure to connect often comes without the reason that its text makes room for.
   while (!text.empty() && std::strchr("\n: ", text.back()) != nullptr) text.pop_back();
   if (text.find("Failed to connect") != std::string::npos) text += "; it is tried again";
-  if (message->priority <= LOG_INFO && !text.empty()) static_cast<Impl *>(own)->log_("SNMP: " + text);
+  if (message->priority <= LOG_INFO && !text.empty()) Main::log(static_cast<Impl *>(own)->main_, "SNMP: " + text);
   return SNMP_ERR_NOERROR;
 }
 
@@ -265,11 +325,13 @@ void AgentX::Impl::unload(netsnmp_cache *cache, void *) {
 }
 
 void AgentX::Impl::fill(const ServedTable &served) {
-  Collection collection;
-  in_turn_([&] { collection = collect(*served.table); });
+  Collector collector(*served.table);
+  for (bool more = true; more;)
+    if (!Main::run(main_, [&] { more = collector.run_for(kSlice); })) return;
+  Collection collection = collector.take();
   if (!collection.complete)
-    log_(std::string("SNMP: ") + served.table->name +
-         " has more rows than are served: " + std::to_string(collection.rows.size()));
+    Main::log(main_, std::string("SNMP: ") + served.table->name +
+                         " has more rows than are served: " + std::to_string(collection.rows.size()));
   empty_container(served.rows);
   for (Row &row : collection.rows) {
     auto added = std::make_unique<ServedRow>();
@@ -310,7 +372,7 @@ int AgentX::Impl::answer_scalar(netsnmp_mib_handler *handler, netsnmp_handler_re
                                 netsnmp_agent_request_info *info, netsnmp_request_info *requests) {
   const auto *served = static_cast<const ServedScalar *>(handler->myvoid);
   std::optional<std::string> text;
-  served->impl->in_turn_([&] { text = read_scalar(*served->scalar); });
+  Main::run(served->impl->main_, [&] { text = read_scalar(*served->scalar); });
   for (netsnmp_request_info *request = requests; request != nullptr; request = request->next)
     if (!text || !set_value(request->requestvb, served->scalar->syntax, *text))
       netsnmp_set_request_error(info, request, SNMP_NOSUCHINSTANCE);
@@ -370,11 +432,72 @@ void AgentX::Impl::work(int ready_fd) {
   arm();
 }
 
-AgentX::AgentX(boost::asio::io_context &io, std::string address, InTurn in_turn, Log log)
-    : AgentX(io, std::move(address), std::move(in_turn), std::move(log), Options{}) {}
+// ----------------------------------------------------------------------------------------------------------- thread
 
-AgentX::AgentX(boost::asio::io_context &io, std::string address, InTurn in_turn, Log log, Options options)
-    : impl_(std::make_unique<Impl>(io, std::move(address), std::move(in_turn), std::move(log), options)) {}
+// The thread owns what it uses, so that it may outlive this object; what both use is shared.
+class AgentX::Worker {
+ public:
+  Worker(boost::asio::io_context &main, std::string address, InTurn in_turn, Log log, Options options);
+  ~Worker();
+
+ private:
+  struct Shared {
+    std::shared_ptr<Main> main;
+    boost::asio::io_context io{1};
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool ended = false;
+  };
+  static void run(const std::shared_ptr<Shared> &shared, const std::string &address, Options options);
+  static void serve(Shared &shared, const std::string &address, Options options);
+
+  std::shared_ptr<Shared> shared_ = std::make_shared<Shared>();
+  std::thread thread_;
+};
+
+// Signals are the main thread's.
+AgentX::Worker::Worker(boost::asio::io_context &main, std::string address, InTurn in_turn, Log log, Options options) {
+  static bool started = false;
+  if (std::exchange(started, true)) throw std::runtime_error("the SNMP agent library starts once in a process");
+  shared_->main = std::make_shared<Main>(main, std::move(in_turn), std::move(log));
+  sigset_t all, former;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &former);
+  thread_ = std::thread(run, shared_, std::move(address), options);
+  pthread_sigmask(SIG_SETMASK, &former, nullptr);
+}
+
+AgentX::Worker::~Worker() {
+  shared_->main->close();
+  shared_->io.stop();
+  std::unique_lock lock(shared_->mutex);
+  const bool ended = shared_->changed.wait_for(lock, kPatienceAtEnd, [this] { return shared_->ended; });
+  lock.unlock();
+  ended ? thread_.join() : thread_.detach();
+}
+
+void AgentX::Worker::run(const std::shared_ptr<Shared> &shared, const std::string &address, Options options) {
+  try {
+    serve(*shared, address, options);
+  } catch (const std::exception &error) {
+    Main::log(shared->main, std::string("SNMP: ") + error.what());
+  }
+  const std::lock_guard lock(shared->mutex);
+  shared->ended = true;
+  shared->changed.notify_all();
+}
+
+void AgentX::Worker::serve(Shared &shared, const std::string &address, Options options) {
+  const auto work = boost::asio::make_work_guard(shared.io);
+  Impl impl(shared.io, address, shared.main, options);
+  shared.io.run();
+}
+
+AgentX::AgentX(boost::asio::io_context &main, std::string address, InTurn in_turn, Log log)
+    : AgentX(main, std::move(address), std::move(in_turn), std::move(log), Options{}) {}
+
+AgentX::AgentX(boost::asio::io_context &main, std::string address, InTurn in_turn, Log log, Options options)
+    : worker_(std::make_unique<Worker>(main, std::move(address), std::move(in_turn), std::move(log), options)) {}
 
 AgentX::~AgentX() = default;
 

@@ -1,4 +1,7 @@
 // AgentX subagent: serves the MVPN objects to network managers through a master agent.
+//
+// It works on a thread of its own: the agent library waits for the master wherever it likes to, and a master that hangs
+// must not hold up the main loop. Only what it asks of the module runs there, in short parts.
 #ifndef HOST_SNMP_AGENTX_H
 #define HOST_SNMP_AGENTX_H
 
@@ -18,18 +21,22 @@ class AgentX {
     int retry_seconds = 10;  // between attempts to reach a master that is away, and between checks of one that is there
   };
 
-  // address: of the master, as "unix:/run/agentx.sock" or "tcp:127.0.0.1:705". in_turn runs a function on this thread
-  // with the scheduling locks, before it returns. Serves from the event loop, which runs on the thread that constructs;
+  // main: the event loop of the thread that constructs; log and in_turn are called from it. in_turn runs a function with
+  // the scheduling locks, before it returns. address: of the master, as "unix:/run/agentx.sock" or "tcp:127.0.0.1:705";
   // a master that is away is tried again for ever.
-  AgentX(boost::asio::io_context &io, std::string address, InTurn in_turn, Log log);
-  AgentX(boost::asio::io_context &io, std::string address, InTurn in_turn, Log log, Options options);
+  AgentX(boost::asio::io_context &main, std::string address, InTurn in_turn, Log log);
+  AgentX(boost::asio::io_context &main, std::string address, InTurn in_turn, Log log, Options options);
+  // Withdraws the objects from the master, unless it hangs: then the thread is left to itself, which does nothing more,
+  // and the process should end.
   ~AgentX();
   AgentX(const AgentX &) = delete;
   AgentX &operator=(const AgentX &) = delete;
 
  private:
   class Impl;
-  std::unique_ptr<Impl> impl_;
+  class Main;
+  class Worker;
+  std::unique_ptr<Worker> worker_;
 };
 
 }  // namespace host::snmp

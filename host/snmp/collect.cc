@@ -23,6 +23,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <deque>
 #include <set>
 #include <tuple>
 
@@ -117,23 +118,27 @@ Arguments index_arguments(const Table &table, const Values &values) {
   return arguments;
 }
 
-class Collector {
- public:
-  Collector(const Table &table, const Limits &limits)
-      : table_(table), limits_(limits), deadline_(std::chrono::steady_clock::now() + limits.time) {}
+}  // namespace
 
-  Collection collect();
+// What is left to ask stands in lists: walks by their first question, listings by their VRF, rows that a listing named.
+// The names of the VRFs, which most tables begin with, are a walk of their own.
+class Collector::Impl {
+ public:
+  Impl(const Table &table, const Limits &limits);
+
+  bool step();
+  Collection take();
 
  private:
   std::optional<Row> ask(const Table &table, Arguments arguments, bool getnext) const;
   std::optional<Row> row_after(const Row &row) const;
   std::optional<Row> route_after(const Row &row) const;
+  bool nothing_left() const;
   bool may_go_on();
   bool add(Row row);
-  void walk(Arguments start);
-  void walk_routes();
-  void get_listed(const std::string &vrf);
-  std::vector<std::string> vrf_names();
+  void take_name();
+  void plan(const std::string &vrf);
+  void list(const std::string &vrf);
   Arguments pair_arguments(const std::string &vrf, const AddressPair &pair) const;
 
   const Table &table_;
@@ -141,9 +146,51 @@ class Collector {
   std::chrono::steady_clock::time_point deadline_;
   std::set<std::vector<uint32_t>> seen_;
   Collection collection_;
+  // What is asked next, in this order.
+  std::optional<Row> row_;                                 // of a walk, not added yet
+  std::deque<std::pair<std::string, AddressPair>> pairs_;  // VRF; rows to get
+  std::deque<Arguments> walks_;                            // first questions
+  std::deque<std::string> listings_;                       // VRFs; empty: not of one
+  std::optional<Arguments> next_name_;                     // question for the next VRF
+  std::set<std::string> names_;
 };
 
-std::optional<Row> Collector::ask(const Table &table, Arguments arguments, bool getnext) const {
+Collector::Impl::Impl(const Table &table, const Limits &limits)
+    : table_(table), limits_(limits), deadline_(std::chrono::steady_clock::now() + limits.time) {
+  if (table.walk == Walk::whole || table.walk == Walk::routes) walks_.push_back({});
+  if (table.walk == Walk::listed && !table.listing->per_vrf)
+    listings_.push_back("");
+  else if (table.walk != Walk::whole)
+    next_name_ = Arguments();
+}
+
+bool Collector::Impl::nothing_left() const {
+  return !row_ && pairs_.empty() && walks_.empty() && listings_.empty() && !next_name_;
+}
+
+// One question, about; false when there is none left.
+bool Collector::Impl::step() {
+  if (nothing_left() || !may_go_on()) return false;
+  if (row_) {
+    const Row row = *std::exchange(row_, std::nullopt);
+    if (add(row)) row_ = row_after(row);
+  } else if (!pairs_.empty()) {
+    const auto [vrf, pair] = std::move(pairs_.front());
+    pairs_.pop_front();
+    if (auto row = ask(table_, pair_arguments(vrf, pair), false)) add(std::move(*row));
+  } else if (!walks_.empty()) {
+    row_ = ask(table_, std::move(walks_.front()), true);
+    walks_.pop_front();
+  } else if (!listings_.empty()) {
+    list(listings_.front());
+    listings_.pop_front();
+  } else {
+    take_name();
+  }
+  return true;
+}
+
+std::optional<Row> Collector::Impl::ask(const Table &table, Arguments arguments, bool getnext) const {
   Row row;
   row.values = run(table.handler, std::move(arguments), getnext);
   auto index = to_index(table, row.values);
@@ -152,25 +199,25 @@ std::optional<Row> Collector::ask(const Table &table, Arguments arguments, bool 
   return row;
 }
 
-bool Collector::may_go_on() {
+bool Collector::Impl::may_go_on() {
   if (collection_.rows.size() >= limits_.rows || std::chrono::steady_clock::now() >= deadline_)
     collection_.complete = false;
   return collection_.complete;
 }
 
 // False for an index that is there already.
-bool Collector::add(Row row) {
+bool Collector::Impl::add(Row row) {
   const bool added = seen_.insert(row.index).second;
   if (added) collection_.rows.push_back(std::move(row));
   return added;
 }
 
-std::optional<Row> Collector::row_after(const Row &row) const {
+std::optional<Row> Collector::Impl::row_after(const Row &row) const {
   return table_.walk == Walk::routes ? route_after(row) : ask(table_, index_arguments(table_, row.values), true);
 }
 
 // Of two routes, the one that the VRF's tree has first; a route of the VRF itself before one of a later VRF.
-bool nearer(const Values &a, const Values &b, const std::string &vrf) {
+static bool nearer(const Values &a, const Values &b, const std::string &vrf) {
   const auto place = [&vrf](const Values &values) {
     const std::string *name = find_value(values, CLI_ELEMENT_MIB_MROUTE_VRF);
     const std::string *source = find_value(values, CLI_ELEMENT_MIB_MROUTE_SOURCE);
@@ -180,7 +227,7 @@ bool nearer(const Values &a, const Values &b, const std::string &vrf) {
   return place(a) < place(b);
 }
 
-std::optional<Row> Collector::route_after(const Row &row) const {
+std::optional<Row> Collector::Impl::route_after(const Row &row) const {
   std::optional<Row> nearest;
   for (const char *direction : kDirections) {
     Values index = row.values;
@@ -193,38 +240,29 @@ std::optional<Row> Collector::route_after(const Row &row) const {
   return nearest;
 }
 
-void Collector::walk(Arguments start) {
-  if (!may_go_on()) return;
-  std::optional<Row> row = ask(table_, std::move(start), true);
-  while (row && add(*row) && may_go_on()) row = row_after(*row);
-}
-
-void Collector::walk_routes() {
-  walk({});
-  for (const std::string &vrf : vrf_names())
-    walk({{argument_name(CLI_ELEMENT_MIB_MROUTE_VRF), vrf},
-          {argument_name(CLI_ELEMENT_MIB_MROUTE_GROUP), kLastAddress},
-          {argument_name(CLI_ELEMENT_MIB_MROUTE_SOURCE), kLastAddress}});
-}
-
-std::vector<std::string> Collector::vrf_names() {
+void Collector::Impl::take_name() {
   const Table &vrfs = default_mdt_table();
-  std::vector<std::string> names;
-  std::set<std::string> seen;
-  std::optional<Row> row = ask(vrfs, {}, true);
-  while (row) {
-    const std::string &name = *find_value(row->values, CLI_ELEMENT_MIB_DEFAULT_VRF);
-    if (!seen.insert(name).second) break;
-    if (names.size() == limits_.rows) collection_.complete = false;
-    if (!may_go_on()) break;
-    names.push_back(name);
-    row = ask(vrfs, index_arguments(vrfs, row->values), true);
-  }
-  return names;
+  const std::optional<Row> row = ask(vrfs, *std::exchange(next_name_, std::nullopt), true);
+  if (!row) return;
+  const std::string &name = *find_value(row->values, CLI_ELEMENT_MIB_DEFAULT_VRF);
+  if (!names_.insert(name).second) return;
+  if (names_.size() > limits_.rows) collection_.complete = false;
+  plan(name);
+  next_name_ = index_arguments(vrfs, row->values);
+}
+
+// What is asked of a VRF.
+void Collector::Impl::plan(const std::string &vrf) {
+  if (table_.walk == Walk::per_vrf) walks_.push_back({{argument_name(table_.index.front().element), vrf}});
+  if (table_.walk == Walk::listed) listings_.push_back(vrf);
+  if (table_.walk == Walk::routes)
+    walks_.push_back({{argument_name(CLI_ELEMENT_MIB_MROUTE_VRF), vrf},
+                      {argument_name(CLI_ELEMENT_MIB_MROUTE_GROUP), kLastAddress},
+                      {argument_name(CLI_ELEMENT_MIB_MROUTE_SOURCE), kLastAddress}});
 }
 
 // Index arguments of a row that a listing shows: the table's first address is the group, its second the source.
-Arguments Collector::pair_arguments(const std::string &vrf, const AddressPair &pair) const {
+Arguments Collector::Impl::pair_arguments(const std::string &vrf, const AddressPair &pair) const {
   Arguments arguments;
   bool group_done = false;
   for (const Column &part : table_.index) {
@@ -236,43 +274,32 @@ Arguments Collector::pair_arguments(const std::string &vrf, const AddressPair &p
   return arguments;
 }
 
-// vrf: empty for a listing that is not of a VRF.
-void Collector::get_listed(const std::string &vrf) {
-  if (!may_go_on()) return;
+void Collector::Impl::list(const std::string &vrf) {
   ref::CliInvocation invocation;
   invocation.handler = table_.listing->handler;
   invocation.vrf_name = vrf;
   invocation.interactive = false;
   PairSink sink(*table_.listing, limits_.rows - collection_.rows.size());
   ref::cli_invoke(invocation, sink);
-  for (const AddressPair &pair : sink.pairs) {
-    if (auto row = ask(table_, pair_arguments(vrf, pair), false)) add(std::move(*row));
-    if (!may_go_on()) return;
-  }
+  for (AddressPair &pair : sink.pairs) pairs_.emplace_back(vrf, std::move(pair));
 }
 
-Collection Collector::collect() {
-  switch (table_.walk) {
-    case Walk::whole:
-      walk({});
-      break;
-    case Walk::per_vrf:
-      for (const std::string &vrf : vrf_names()) walk({{argument_name(table_.index.front().element), vrf}});
-      break;
-    case Walk::routes:
-      walk_routes();
-      break;
-    case Walk::listed:
-      for (const std::string &vrf : table_.listing->per_vrf ? vrf_names() : std::vector<std::string>{""})
-        get_listed(vrf);
-      break;
-  }
+Collection Collector::Impl::take() {
   std::sort(collection_.rows.begin(), collection_.rows.end(),
             [](const Row &a, const Row &b) { return a.index < b.index; });
   return std::move(collection_);
 }
 
-}  // namespace
+Collector::Collector(const Table &table, const Limits &limits) : impl_(std::make_unique<Impl>(table, limits)) {}
+Collector::~Collector() = default;
+Collection Collector::take() { return impl_->take(); }
+
+bool Collector::run_for(std::chrono::steady_clock::duration slice) {
+  const auto end = std::chrono::steady_clock::now() + slice;
+  while (impl_->step())
+    if (std::chrono::steady_clock::now() >= end) return true;
+  return false;
+}
 
 const std::string *find_value(const Values &values, int element) {
   for (const auto &[its_element, text] : values)
@@ -303,7 +330,12 @@ std::optional<std::vector<uint32_t>> to_index(const Table &table, const Values &
   return index;
 }
 
-Collection collect(const Table &table, const Limits &limits) { return Collector(table, limits).collect(); }
+Collection collect(const Table &table, const Limits &limits) {
+  Collector collector(table, limits);
+  while (collector.run_for(limits.time)) {
+  }
+  return collector.take();
+}
 
 std::optional<std::string> read_scalar(const Scalar &scalar) {
   const Values values = run(scalar.handler, {}, false);

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -32,7 +33,26 @@ struct Collection {
   bool complete = true;   // no limit was met
 };
 
-// On the main thread, with the scheduling locks. Ends whatever the handlers answer.
+// Collects a table question by question, so that a long one can be taken in parts. On the main thread, with the
+// scheduling locks; between the parts anything may change. Ends whatever the handlers answer.
+class Collector {
+ public:
+  explicit Collector(const Table &table, const Limits &limits = {});
+  ~Collector();
+  Collector(const Collector &) = delete;
+  Collector &operator=(const Collector &) = delete;
+
+  // Asks on for about so long; false when there is nothing left to ask.
+  bool run_for(std::chrono::steady_clock::duration slice);
+  // What was collected; once, at the end.
+  Collection take();
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// The same at once.
 Collection collect(const Table &table, const Limits &limits = {});
 
 // The value of a scalar; nothing when its handler prints none.

@@ -465,6 +465,28 @@ class ProgramsTest(unittest.TestCase):
                 pass
         self.assertEqual(daemon.run("show clock").returncode, 0)
 
+    def test_a_hung_agentx_master_holds_up_nobody(self):
+        with socket.socket(socket.AF_UNIX) as master:
+            master.bind(str(self.folder / "x"))
+            master.listen()
+            master.settimeout(LIMIT)
+            daemon = self.start("hostname a\n", "--agentx", f"unix:{self.folder}/x")
+            # The agent waits for the master's answer for a second and closes the connection then. On a busy machine an
+            # answer to an operator may take as long, though nobody held it up.
+            for _ in range(10):
+                connection, _ = master.accept()
+                self.assertEqual(len(connection.recv(20, socket.MSG_WAITALL)), 20)
+                self.assertEqual(daemon.run("show clock").returncode, 0)
+                connection.setblocking(False)
+                with contextlib.suppress(BlockingIOError):
+                    while connection.recv(65536):
+                        pass
+                    continue
+                break
+            else:
+                self.fail("no answer while the master was waited for")
+            self.assertEqual(daemon.stop(), 0)
+
     def test_clients_that_are_idle_make_room(self):
         daemon = self.start("hostname a\n")
         idle = [self.connect(daemon) for _ in range(70)]

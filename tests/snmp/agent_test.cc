@@ -1,6 +1,6 @@
 // The module's tables as a network manager reads them: module, agent, Debian's master agent, Debian's tools.
 //
-// The event loop of the agent runs on the test's thread while a tool does.
+// What the agent asks of the module runs on the test's thread while a tool does.
 #include <arpa/inet.h>
 
 #include <boost/asio/io_context.hpp>
