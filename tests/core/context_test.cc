@@ -136,6 +136,37 @@ TEST_F(Context, TheDebugFileGetsEveryMessageAndANewline) {
   EXPECT_EQ(line.substr(blank), " PIM: Evaluating it if orphan\n\n");
 }
 
+// The debug output: a message of a VRF passes by the VRF's name or "all", a message of none always, and is kept as well.
+TEST_F(Context, DebugOutputIsFilteredByVrf) {
+  start();
+  pim_cibtype *red = add_vrf("red", 2);
+  const struct {
+    uint32_t flag;
+    const char *filter;
+    const char *expected;
+  } cases[] = {
+      {0, "all", ""},
+      {PIM_DEBUG_MVPN, "all", "pim: (red-base) one 1\npim: two\n"},
+      {PIM_DEBUG_MVPN, "red", "pim: (red-base) one 1\npim: two\n"},
+      {PIM_DEBUG_MVPN, "blue", "pim: two\n"},
+      {PIM_DEBUG_MVPN, "", "pim: two\n"},
+      {~uint32_t{PIM_DEBUG_MVPN}, "all", ""},
+  };
+  ref::set_log_sink(ref::LogSink::standard_error);
+  for (const auto &c : cases) {
+    SCOPED_TRACE(std::string(c.filter) + " " + std::to_string(c.flag));
+    pim_debug_flag = c.flag;
+    std::snprintf(pim_dfilter_vrf_name, sizeof pim_dfilter_vrf_name, "%s", c.filter);
+    ref::clear_history();
+    ::testing::internal::CaptureStderr();
+    MVPN_DEBUG(red, "one %d", 1);
+    MVPN_DEBUG(nullptr, "two");
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), c.expected);
+    EXPECT_EQ(ref::history().size(), *c.expected != '\0' ? 1u : 0u);
+  }
+  pim_debug_flag = 0;
+}
+
 // Which opcodes are the module's in which status, and what they say.
 TEST_F(Context, DispatchTakesTheModulesOpcodesWhileItRuns) {
   start();

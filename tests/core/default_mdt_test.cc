@@ -1,5 +1,6 @@
 // A VRF's default MDT from its configuration to Up and back: order of platform calls, readiness, teardown.
 #include <cstring>
+#include <functional>
 
 #include "platform/l3vm.h"
 #include "routing/pim/mvpn/mvpn_core.h"
@@ -160,6 +161,47 @@ TEST_F(DefaultMdt, ReadinessNamesTheFirstConditionThatFails) {
     EXPECT_EQ(debug_texts(), std::vector<std::string>{c.message});
     c.mend();
     EXPECT_EQ(mvpn_is_default_mdt_ready(red), 1);
+  }
+}
+
+// The default group may be removed while any answer is outstanding: tunnel and context go once what was asked for is done.
+TEST_F(DefaultMdt, TheGroupMayGoInEveryStatus) {
+  const auto settle = [] { ref::settle(); };
+  const auto unanswered = [] { ref::set_oim_answers(false); };
+  const auto source_down = [] { ref::set_interface_state("loopback0", false); };
+  const auto source_up = [] { ref::set_interface_state("loopback0", true); };
+  const auto no_rd = [] { ref::bgp_set_rd("red", nullptr, false); };
+  using Steps = std::vector<std::function<void()>>;
+  const struct {
+    mvpn_mti_status_t status;
+    Steps before, after;  // the group's configuration
+  } cases[] = {
+      {MVPN_MTI_CREATE_PENDING, {unanswered}, {settle}},
+      {MVPN_MTI_CREATED, {no_rd}, {settle}},
+      {MVPN_MTI_DOWN_PENDING, {}, {unanswered, source_down, settle}},
+      {MVPN_MTI_DOWN, {}, {source_down, settle}},
+      {MVPN_MTI_UP_PENDING, {}, {source_down, settle, unanswered, source_up, settle}},
+      {MVPN_MTI_UP, {}, {settle}},
+  };
+  start();
+  for (const auto &c : cases) {
+    SCOPED_TRACE(mvpn_mti_status_str[c.status]);
+    add_vrf("red", 2);
+    for (const auto &step : c.before) step();
+    mvpn_cibtype *red = configure("red", "239.1.1.1");
+    for (const auto &step : c.after) step();
+    ASSERT_EQ(red->mti_status, c.status) << mvpn_mti_status_str[red->mti_status];
+    EXPECT_EQ(command("mdt_default_cmd", "red", {}, true), 0) << printed;
+    ref::settle();
+    ref::set_oim_answers(true);
+    ref::set_interface_state("loopback0", true);
+    ref::settle();
+    EXPECT_EQ(context("red"), nullptr);
+    EXPECT_TRUE(ref::tunnels().empty());
+    EXPECT_TRUE(ref::mrib_routes().empty());
+    EXPECT_TRUE(ref::bgp_local_entries().empty());
+    ASSERT_TRUE(ref::delete_vrf("red"));
+    ref::settle();
   }
 }
 

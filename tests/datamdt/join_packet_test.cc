@@ -362,6 +362,11 @@ TEST_F(JoinReceiver, JoinsAreTakenFromAWorkingTunnelOnly) {
 }
 
 TEST_F(JoinReceiver, TheSocketIsSetUpOnceAndForEveryVrf) {
+  ASSERT_EQ(mvpn_init(), 1);
+  ASSERT_EQ(ref::socket_options().size(), 3u);
+  EXPECT_EQ(ref::socket_options()[2].value, (std::vector<uint8_t>{1, 0, 0, 0}));
+  mvpn_deinit(1);
+  ASSERT_TRUE(ref::wait_for_threads());
   trace::fail("quillon_setsockopt", 3);  // the last option is a wish
   ASSERT_EQ(mvpn_init(), 1);
   const auto options = ref::socket_options();

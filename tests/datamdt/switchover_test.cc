@@ -176,7 +176,9 @@ TEST_F(Switchover, ACacheEntryThatCannotBeMadeLeavesTheFlowPending) {
   check_invariants();
   check(croute);
   EXPECT_NE(mvpn_get_entry_from_switchover_cache(mvpn, croute), nullptr) << "the next check makes it";
+  trace::start();
   mvpn_process_data_mdt_switchover_expiry(mvpn);
+  EXPECT_EQ(trace::calls_of({"pim_add_route"}), Texts{"pim_add_route(0,0,0,0,0,0)"}) << "the arguments are reserved";
   EXPECT_EQ(croute->send_join_info->state, ACTIVE);
   // The key is the address alone, whatever lies behind it.
   mvpn_mdt_route_addrs padded = key;

@@ -359,7 +359,7 @@ NOTED(int, pim_is_bidir_group, (vrf_context_id_t context_id, ip_addr_t group), (
 NOTED(void, pim_add_route,
       (pim_cibtype * pcib, pim_route *route, uint32_t r1, uint32_t r2, uint32_t r3, uint32_t r4, uint32_t r5,
        uint32_t r6),
-      (pcib, route, r1, r2, r3, r4, r5, r6), ())
+      (pcib, route, r1, r2, r3, r4, r5, r6), (r1, r2, r3, r4, r5, r6))
 NOTED(void, tsp_lock_acquire_wrlock, (tsp_lock * lock), (lock), ())
 NOTED(void, pim_release_wrlock, (), (), ())
 NOTED(void, pim_mrib_wakeup_txlist_worker_thread, (), (), ())

@@ -329,6 +329,10 @@ TEST_F(Config, IntervalsReachTheInterfaceWhileItExists) {
   EXPECT_EQ(red->pim_jp_interval, 60u);
   EXPECT_EQ(run("mdt_pim_hello_interval_cmd", "red", {{"<interval>", "1500"}}),
             "0: Hello interval rounded up to 2 seconds\n");
+  const uint64_t hellos = ref::pim_counters().hellos_sent;
+  EXPECT_EQ(run("mdt_pim_hello_interval_cmd", "red", {{"<interval>", "20000"}}), "0: ");
+  ref::advance(std::chrono::milliseconds(1));
+  EXPECT_GT(ref::pim_counters().hellos_sent, hellos) << "neighbours learn the new interval at once";
   EXPECT_EQ(run("mdt_pim_hello_interval_cmd", "red", {}, true), "0: ");
   EXPECT_EQ(red->pim_hello_interval, 30000u);
 }
