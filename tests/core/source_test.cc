@@ -56,6 +56,23 @@ TEST_F(Source, AnAddressChangeActsByStatus) {
   ref::set_oim_answers(true);
 }
 
+TEST_F(Source, AnAddressChangeBringsUpNothingThatIsNotReady) {
+  start();
+  mvpn_cibtype *red = bring_up("red", 2, "239.1.1.1");
+  ref::set_interface_state("loopback0", false);
+  ref::settle();
+  for (const auto status : {MVPN_MTI_CREATED, MVPN_MTI_DOWN}) {
+    red->mti_status = status;
+    red->bgp_rd_set = 0;
+    ref::clear_oim_requests();
+    ref::set_interface_address("loopback0", addr("10.0.0.10") + status);
+    mvpn_process_address_change(red->mdt_source_iod);
+    EXPECT_EQ(operations(), std::vector<std::string>{});
+    EXPECT_EQ(red->mti_status, status);
+  }
+  red->bgp_rd_set = 1;
+}
+
 TEST_F(Source, TheSameAddressOnAnotherInterfaceChangesNoTunnel) {
   start();
   const im_iod_t other = ref::create_interface("loopback1", VRF_CONTEXT_ID_DEFAULT, addr("10.0.0.1"), true);

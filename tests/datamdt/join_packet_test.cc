@@ -361,6 +361,35 @@ TEST_F(JoinReceiver, JoinsAreTakenFromAWorkingTunnelOnly) {
   EXPECT_EQ(debug_count("MDT Join: Peer = 10.0.0.9 Header length = 28 Actual data = 16"), 1u);
 }
 
+// The thread ends on an error once its handle is cleared; that is worth a report unless the module stops.
+TEST_F(JoinReceiver, AReceiveErrorAtTheEndIsReportedUnlessTheModuleStops) {
+  for (const auto status : {MVPN_FUNCTIONALITY_UP, MVPN_FUNCTIONALITY_DOWN_PENDING}) {
+    SCOPED_TRACE(mvpn_functionality_status_str[status]);
+    start_red();
+    ref::clear_reports();
+    const pthread_t thread = std::exchange(mvpn_udp_thread, pthread_t{});
+    const int socket = std::exchange(mvpn_udp_sid, -1);
+    mvpn_functionality_status = status;
+    arrive(context("red")->mti_iod, datagram(5, {}));
+    tsp_before_yield();
+    pthread_join(thread, nullptr);
+    tsp_after_yield();
+    EXPECT_EQ(ref::reports().size(), status == MVPN_FUNCTIONALITY_UP ? 1u : 0u);
+    if (!ref::reports().empty()) {
+      EXPECT_EQ(ref::reports()[0].name, "PIM_UDP_READ");
+    }
+    mvpn_functionality_status = MVPN_FUNCTIONALITY_UP;
+    mvpn_udp_sid = socket;
+    ref::set_feature_configured(false);
+    mvpn_deinit(1);
+    ASSERT_TRUE(ref::wait_for_threads());
+    ref::set_feature_configured(true);
+    ref::delete_vrf("red");
+    ref::delete_interface("ethernet1");
+    ref::settle();
+  }
+}
+
 TEST_F(JoinReceiver, TheSocketIsSetUpOnceAndForEveryVrf) {
   ASSERT_EQ(mvpn_init(), 1);
   ASSERT_EQ(ref::socket_options().size(), 3u);

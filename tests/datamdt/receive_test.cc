@@ -344,6 +344,41 @@ TEST_F(Receive, AnnouncementsEndWithTheirCoreRoute) {
   check_invariants();
 }
 
+// The route goes with referers that it does not list; announcements come and go in the yields of the search for them.
+TEST_F(Receive, UnlistedAnnouncementsAreFoundWhileTheCacheChanges) {
+  mvpn_cibtype *mvpn = start_red();
+  receiver("*", "225.0.0.1");
+  const auto announce = [mvpn](uint32_t from, uint32_t to) {
+    for (uint32_t i = from; i < to; i++)
+      mvpn_add_data_mdt_recv_join_info(mvpn, addr("172.16.0.0") + i, addr("225.0.0.1"), addr(remote_pe),
+                                       addr("239.7.0.1"));
+  };
+  announce(1000, 3500);
+  mvpn_mdt_route *route = mvpn_mdt_mroute_lookup(mvpn, addr(remote_pe), addr("239.7.0.1"));
+  ASSERT_NE(route, nullptr);
+  ASSERT_EQ(mvpn_mdt_mroute_has_referer(route), 2500u);
+  mvpn_mdt_mroute_delink_all_referers(route);
+  at_yield(1, [&] {
+    // The record that the walk stands on, one behind it, one before it; and new ones at both ends.
+    for (const uint32_t gone : {1000u, 1999u, 2000u, 2001u, 3499u})
+      mvpn_destroy_data_mdt_recv_join_info(
+          mvpn, mvpn_get_data_mdt_recv_join_info(mvpn, addr("172.16.0.0") + gone, addr("225.0.0.1"), addr(remote_pe)));
+    announce(900, 910);
+    announce(4000, 4010);
+  });
+  ASSERT_EQ(mvpn_mdt_free_route_resources(route), 1);
+  trace::on_yield(nullptr);
+  uint32_t left = 0;
+  for (pt_node *node = pt_get_first_node(mvpn->data_mdt_recv_cache, nullptr, 0); node != nullptr;
+       node = pt_get_next_node(mvpn->data_mdt_recv_cache, pt_node_key(node), 0)) {
+    const auto *join = static_cast<const mvpn_data_mdt_recv_join_info *>(pt_node_data(node));
+    EXPECT_NE(join->mdt_route, route);
+    left += join->mdt_route == nullptr ? 1 : 0;
+  }
+  EXPECT_EQ(left, 2495u);
+  check_invariants();
+}
+
 TEST_F(Receive, ARecordWhoseCustomerRouteVanishedLeavesNothingBehind) {
   mvpn_cibtype *mvpn = start_red();
   for (const char *source : {"172.16.7.1", "*"}) {

@@ -203,6 +203,33 @@ TEST_F(Switchover, AFlowThatMovesDuringItsSwitchoverIsSwitchedAllTheSame) {
   EXPECT_EQ(croute->send_join_info->state, ACTIVE);
 }
 
+TEST_F(Switchover, AFlowWithoutARangeHasNothingToGoBackFrom) {
+  mvpn_cibtype *mvpn = start_red();
+  pim_route *croute = flow("172.16.9.1", "225.0.0.1");
+  check(croute);
+  ASSERT_EQ(croute->send_join_info->config, nullptr);
+  mvpn_set_encap_index_for_customer_route(mvpn, croute, 7);
+  mvpn_finish_switchback_from_data_mdt(mvpn, &croute->addrs, croute);
+  EXPECT_EQ(croute->send_join_info->encap_index, 7u) << "the host's choice stays";
+}
+
+TEST_F(Switchover, AFlowThatIsPendingAtTheTeardownIsNotSwitchedAfterIt) {
+  mvpn_cibtype *mvpn = start_red();
+  range("239.2.0.0/24");
+  pim_route *croute = flow("172.16.9.1", "225.0.0.1");
+  check(croute);
+  ASSERT_EQ(croute->send_join_info->state, PENDING);
+  mvpn_default_tunnel_down(mvpn, 0);
+  EXPECT_EQ(mvpn_get_entry_from_switchover_cache(mvpn, croute), nullptr);
+  trace::start();
+  mvpn_process_data_mdt_switchover_expiry(mvpn);
+  EXPECT_EQ(trace::count("pim_add_route"), 0u);
+  ref::settle();
+  ASSERT_EQ(mvpn->mti_status, MVPN_MTI_UP);
+  EXPECT_FALSE(mrib_holds("10.0.0.1", "239.2.0.0"));
+  EXPECT_EQ(data_encaps(), 0u);
+}
+
 TEST_F(Switchover, OneOfThreeFlowsLeavesTheGroupToTheOthers) {
   mvpn_cibtype *mvpn = start_red();
   range("239.2.0.0/32");

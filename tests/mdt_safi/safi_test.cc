@@ -4,6 +4,7 @@
 #include "routing/pim/mvpn/mvpn_core.h"
 #include "routing/pim/mvpn/mvpn_mdt_safi.h"
 #include "routing/pim/mvpn/mvpn_mrib.h"
+#include "tests/support/failing_new.h"
 #include "tests/support/module_test.h"
 
 namespace {
@@ -298,6 +299,44 @@ TEST_F(Safi, AFirstRouteDistinguisherStartsTheVrf) {
   rd_notify("red", true, rd("65000:5"));
   EXPECT_EQ(mvpn->mti_status, MVPN_MTI_UP);
   EXPECT_EQ(sent_sizes(), (Sizes{58, 58})) << "the notification's, the bring-up's";
+}
+
+// The VRF's source is down: its route distinguisher changes and goes without a word, and the last one is advertised.
+TEST_F(Safi, ARouteDistinguisherOfAVrfThatIsNotReadyIsOnlyRecorded) {
+  start();
+  end_replay();
+  mvpn_cibtype *mvpn = bring_up("red", 2, "239.1.1.1");
+  ref::set_interface_state("loopback0", false);
+  ref::settle();
+  ref::clear_sent_messages();
+  ref::clear_oim_requests();
+  rd_notify("red", true, rd("65000:77"));
+  EXPECT_EQ(std::memcmp(mvpn->bgp_rd, rd("65000:77").data(), sizeof mvpn->bgp_rd), 0);
+  rd_notify("red", true, rd("65000:77"));
+  rd_notify("red", false, rd("65000:77"));
+  EXPECT_EQ(mvpn->bgp_rd_set, 0);
+  rd_notify("red", false, rd("65000:77"));
+  rd_notify("red", true, rd("65000:78"));
+  EXPECT_EQ(sent_sizes(), Sizes{});
+  EXPECT_TRUE(ref::oim_requests().empty());
+  ref::set_interface_state("loopback0", true);
+  ref::settle();
+  ASSERT_EQ(ref::bgp_local_entries().size(), 1u);
+  EXPECT_EQ(std::memcmp(ref::bgp_local_entries()[0].rd, rd("65000:78").data(), 8), 0);
+}
+
+TEST_F(Safi, AnEntryThatItsIndexHasNoRoomForIsNotStored) {
+  start();
+  const mvpn_bgp_mdt_safi_key key{addr("10.0.0.9"), {1}, addr("239.1.1.1")};
+  const size_t objects = ref::memory_use().slab_objects;
+  trace::on_call("ravl_insert", [] { trace::fail_new(1); });
+  EXPECT_EQ(mvpn_bgp_create_mdt_safi_entry(&key), nullptr);
+  trace::reset();
+  trace::fail_new(0);
+  EXPECT_EQ(mvpn_bgp_mdt_safi_db.count, 0u);
+  EXPECT_EQ(mvpn_bgp_mdt_safi_of_group_after(key.mdt_grp, nullptr), nullptr);
+  EXPECT_EQ(ref::memory_use().slab_objects, objects);
+  EXPECT_NE(mvpn_bgp_create_mdt_safi_entry(&key), nullptr);
 }
 
 TEST_F(Safi, NotificationsWithUnterminatedNamesAreBounded) {

@@ -1,0 +1,196 @@
+// The end of a VRF: its default group is removed in every status, and it goes, or is configured anew, in the middle of its
+// own end.
+#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "tests/support/failing_new.h"
+#include "tests/support/module_test.h"
+
+namespace {
+
+class Removal : public ModuleTest {
+ protected:
+  // Nothing of any VRF is left, in the module or on the platform.
+  static void expect_nothing_left() {
+    EXPECT_EQ(mvpn_mvrf_count, 0u);
+    EXPECT_TRUE(ref::tunnels().empty());
+    EXPECT_TRUE(ref::mrib_routes().empty());
+    EXPECT_TRUE(ref::mrib_encaps().empty());
+    EXPECT_TRUE(ref::bgp_local_entries().empty());
+  }
+  static void source(bool up) { ref::set_interface_state("loopback0", up); }
+  // Routes that were never sent: freeing each hundredth yields.
+  static void add_unsent_routes(mvpn_cibtype *mvpn) {
+    ref::set_mrib_acks(false);
+    for (uint32_t i = 0; i < 250; i++)
+      mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_REMOTE_DATA, addr("10.1.0.0") + i, 1, addr("239.7.7.7"), 0);
+  }
+};
+
+// What is outstanding when the group goes is answered afterwards; however it went, nothing stays behind.
+TEST_F(Removal, EveryStatusLeadsToTheEnd) {
+  const struct {
+    mvpn_mti_status_t status;
+    std::function<void()> lead;
+  } cases[] = {
+      {MVPN_MTI_NONE,
+       [this] {
+         command("mdt_default_cmd", "red", {{"<mdt-default>", "239.1.1.1"}}, false, false);
+       }},
+      {MVPN_MTI_CREATE_PENDING,
+       [this] {
+         ref::set_oim_answers(false);
+         configure("red", "239.1.1.1");
+       }},
+      {MVPN_MTI_CREATED,
+       [this] {
+         source(false);
+         configure("red", "239.1.1.1");
+       }},
+      {MVPN_MTI_UP_PENDING,
+       [this] {
+         source(false);
+         configure("red", "239.1.1.1");
+         ref::set_oim_answers(false);
+         source(true);
+         ref::settle();
+       }},
+      {MVPN_MTI_UP, [this] { configure("red", "239.1.1.1"); }},
+      {MVPN_MTI_DOWN_PENDING,
+       [this] {
+         configure("red", "239.1.1.1");
+         ref::set_oim_answers(false);
+         source(false);
+         ref::settle();
+       }},
+      {MVPN_MTI_DOWN_IN_PROGRESS,
+       [this] {
+         configure("red", "239.1.1.1");
+         mvpn_default_tunnel_down(context("red"), 0);
+       }},
+      {MVPN_MTI_DOWN,
+       [this] {
+         configure("red", "239.1.1.1");
+         source(false);
+         ref::settle();
+       }},
+      {MVPN_MTI_DELETE_PENDING,
+       [this] {
+         configure("red", "239.1.1.1");
+         source(false);
+         ref::settle();
+         ref::set_oim_answers(false);
+         command("mdt_default_cmd", "red", {}, true);
+         configure("red", "239.1.1.2");
+       }},
+      {MVPN_MTI_DELETED,
+       [this] {
+         configure("red", "239.1.1.1");
+         source(false);
+         ref::settle();
+         command("mdt_default_cmd", "red", {}, true);
+         configure("red", "239.1.1.2");
+       }},
+  };
+  start();
+  add_vrf("red", 2);
+  for (const auto &c : cases) {
+    SCOPED_TRACE(mvpn_mti_status_str[c.status]);
+    c.lead();
+    ASSERT_EQ(context("red")->mti_status, c.status) << mvpn_mti_status_str[context("red")->mti_status];
+    EXPECT_EQ(command("mdt_default_cmd", "red", {}, true), CLI_RESULT_OK) << printed;
+    ref::set_oim_answers(true);
+    source(true);
+    ref::settle();
+    expect_nothing_left();
+    ASSERT_EQ(context("red"), nullptr);
+  }
+}
+
+// The last step yields while it drops what was left; in each of these yields the VRF's tunnel is reported deleted once
+// more, which ends the VRF, or the VRF gets a group again, which keeps it.
+TEST_F(Removal, AVrfMayGoOrComeBackDuringItsLastStep) {
+  start();
+  add_vrf("red", 2);
+  for (const bool comes_back : {false, true}) {
+    unsigned yields = 0;
+    bool interrupted = true;
+    for (unsigned at = 1; interrupted; at++) {
+      SCOPED_TRACE((comes_back ? "comes back, yield " : "goes, yield ") + std::to_string(at));
+      configure("red", "239.1.1.1");
+      mvpn_cibtype *red = context("red");
+      add_unsent_routes(red);
+      interrupted = false;
+      trace::on_yield([&](unsigned n) {
+        if (n != at) return false;
+        trace::on_yield(nullptr);
+        interrupted = true;
+        if (comes_back) {
+          command("mdt_default_cmd", "red", {{"<mdt-default>", "239.1.1.2"}});
+        } else {
+          mvpn_finish_destroy_default_mdt(context("red"));
+        }
+        return true;
+      });
+      mvpn_set_mdt_default_group(red, 0);
+      mvpn_finish_destroy_default_mdt(red);
+      trace::on_yield(nullptr);
+      ref::set_mrib_acks(true);
+      EXPECT_EQ(context("red") != nullptr, comes_back && interrupted);
+      if (interrupted) yields = at;
+      if (context("red") != nullptr) command("mdt_default_cmd", "red", {}, true);
+      ref::settle();
+      if (context("red") != nullptr) mvpn_finish_destroy_default_mdt(context("red"));
+      ref::settle();
+      ASSERT_EQ(context("red"), nullptr);
+    }
+    EXPECT_GT(yields, 0u);
+  }
+}
+
+TEST_F(Removal, AContextThatNoIndexHasRoomForIsNotMade) {
+  start();
+  add_vrf("red", 2);
+  mvpn_finish_destroy_default_mdt(mvpn_create_context(nullptr, "red"));  // the slab has its object from now on
+  for (unsigned index = 1; index <= 4; index++) {
+    trace::fail_new(index);
+    EXPECT_EQ(mvpn_create_context(nullptr, "red"), nullptr) << index;
+    trace::fail_new(0);
+    EXPECT_EQ(mvpn_get_context_by_mdt_group(0), nullptr);
+    EXPECT_EQ(mvpn_get_context_by_mti(0), nullptr);
+    EXPECT_EQ(mvpn_mvrf_count, 0u);
+  }
+  EXPECT_NE(mvpn_create_context(nullptr, "red"), nullptr);
+}
+
+// A stop that keeps the configuration: the VRF that went meanwhile is forgotten, with its group and its ranges.
+TEST_F(Removal, AStartTakesOverTheVrfsThatAreStillThere) {
+  start();
+  bring_up("red", 2, "239.1.1.1");
+  add_vrf("blue", 3);
+  command("mdt_default_cmd", "blue", {{"<mdt-default>", "239.1.1.2"}}, false, false);
+  for (const auto &[vrf, prefix] : {std::pair{"red", "239.2.0.0/24"}, std::pair{"blue", "239.3.0.0/24"}})
+    EXPECT_EQ(command("mdt_data_cmd", vrf, {{"<prefix>", prefix}}), 0) << printed;
+  ref::settle();
+  mvpn_deinit(1);
+  ASSERT_TRUE(ref::wait_for_threads());
+  mvpn_cibtype *blue = context("blue");
+  blue->pcib->mvpn = nullptr;
+  ASSERT_TRUE(ref::delete_vrf("blue"));
+  ASSERT_EQ(mvpn_init(), 1);
+  ref::settle();
+  EXPECT_EQ(mvpn_mvrf_count, 1u);
+  EXPECT_EQ(mvpn_get_context_by_mdt_group(addr("239.1.1.1")), context("red"));
+  EXPECT_EQ(mvpn_get_context_by_mti(context("red")->mti_ifindex), context("red"));
+  EXPECT_EQ(mvpn_get_context_by_mdt_group(addr("239.1.1.2")), nullptr);
+  add_vrf("green", 4);
+  EXPECT_EQ(command("mdt_default_cmd", "green", {{"<mdt-default>", "239.2.0.7"}}), CLI_RESULT_REJECTED);
+  EXPECT_EQ(printed, "The MDT-default group overlaps with VRF red\n");
+  EXPECT_EQ(command("mdt_default_cmd", "green", {{"<mdt-default>", "239.3.0.7"}}), 0) << printed;
+  // What the VRF left behind is nobody's any more.
+  active_timer_cancel(blue->switchover_timer);
+  mtrack_free(blue->data_mdt_config);
+  slab_free(nullptr, blue);
+}
+
+}  // namespace
