@@ -33,11 +33,20 @@ struct Child {
   int out = -1;
 };
 
+// The step and what the module said about it, for whoever looks into a finding.
+void trace_step(const Step &step) {
+  std::fprintf(stderr, "-- %s", print({0, {step}}).substr(std::strlen("scheduler 0\n")).c_str());
+  for (const ref::Event &event : ref::history()) std::fprintf(stderr, "   %s\n", event.text.c_str());
+  ref::clear_history();
+}
+
 // What a child has found goes to its parent as lines; the first is the finding that the seed is known by.
 [[noreturn]] void run_child(const Script &script, int out) {
   alarm(time_limit);
   const int nowhere = open("/dev/null", O_WRONLY);
   dup2(nowhere, STDOUT_FILENO);  // warnings of memory that ran out
+  const bool tracing = std::getenv("SIMULATION_TRACE") != nullptr;
+  if (tracing) pim_glb_trace_buffers[MVPN_TRACE_SLOT] = 1;
   World world(script.scheduler);
   ref::start_statistics();
   size_t played = 0;
@@ -50,6 +59,7 @@ struct Child {
   }
   const bool early = !world.failures().empty();
   if (!early) check_end(world);
+  if (tracing) trace_step({true, {"end"}});
   std::string text;
   for (const std::string &failure : world.failures()) text += failure + "\n";
   if (early) text += "  after step " + std::to_string(played) + "\n";

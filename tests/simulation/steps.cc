@@ -440,7 +440,10 @@ void add_tunnels(Kinds &all) {
     ref::set_interface_state(name, false);
     ref::set_interface_state(name, true);
   });
-  all.add("tunnel_down", 2, {vrfs}, [](World &, const Words &w) { ref::set_interface_state(tunnel_of(w[1]), false); });
+  all.add("tunnel_down", 2, {vrfs}, [](World &world, const Words &w) {
+    world.tunnel_fell = true;
+    ref::set_interface_state(tunnel_of(w[1]), false);
+  });
   all.add("orphan", 1, {number(40, 42)}, [](World &, const Words &w) { ref::create_orphan_tunnel(value(w[1])); });
 }
 

@@ -292,7 +292,8 @@ void World::set_range(const std::string &vrf_name, const Range &range) {
 void World::no_range(const std::string &vrf_name, const std::string &prefix) {
   Vrf *vrf = this->vrf(vrf_name);
   if (vrf == nullptr) return;
-  command(vrf_name, "mdt_data_cmd", {{"<prefix>", prefix}}, true);
+  // Refused while the range holds the VRF's default group; one whose route-map cannot be unbound has gone all the same.
+  if (!command(vrf_name, "mdt_data_cmd", {{"<prefix>", prefix}}, true) && !faulty) return;
   std::erase_if(vrf->config.ranges, [&](const Range &other) { return other.prefix == prefix; });
 }
 
