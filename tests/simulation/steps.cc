@@ -410,6 +410,7 @@ void add_interfaces(Kinds &all) {
     ref::set_interface_state(w[1], true);
   });
   all.add("interface_address", 3, {core}, [](World &world, const Words &w) {
+    world.address_overtaken = world.address_overtaken || world.rd_in_flight;
     ref::set_interface_address(w[1], address("10.0.0.0") + world.next_address++);
   });
   all.add("interface_no_address", 1, {core}, [](World &, const Words &w) { ref::set_interface_address(w[1], 0); });
@@ -643,7 +644,7 @@ void play(World &world, const Step &step) {
   world.under_way = true;
   if (!step.settles) return;
   ref::settle();
-  world.under_way = false;
+  world.under_way = world.rd_in_flight = false;
   check_settled(world);
 }
 

@@ -271,7 +271,14 @@ bool World::command(const std::string &vrf_name, const std::string &handler,
 
 void World::set_default(const std::string &vrf_name, const std::string &group) {
   Vrf *vrf = this->vrf(vrf_name);
-  if (vrf == nullptr || !command(vrf_name, "mdt_default_cmd", {{"<mdt-default>", group}})) return;
+  if (vrf == nullptr) return;
+  const pim_cibtype *pcib = pim_get_cib_by_context_name(vrf_name.c_str());
+  const bool bringing_up = pcib->mvpn != nullptr && pcib->mvpn->mti_status == MVPN_MTI_UP_PENDING;
+  if (!command(vrf_name, "mdt_default_cmd", {{"<mdt-default>", group}})) {
+    if (vrf->config.group == 0) refused_defaults.insert(vrf_name);
+    return;
+  }
+  group_changed_in_bring_up = group_changed_in_bring_up || bringing_up;
   if (vrf->config.group != 0) return;  // one that is there must be taken off first; also where nobody says so
   vrf->config.group = address(group);
 }
@@ -285,8 +292,12 @@ void World::set_range(const std::string &vrf_name, const Range &range) {
   Vrf *vrf = this->vrf(vrf_name);
   if (vrf == nullptr || !command(vrf_name, "mdt_data_cmd", range_arguments(range))) return;
   auto &ranges = vrf->config.ranges;
-  std::erase_if(ranges, [&](const Range &other) { return other.prefix == range.prefix; });
-  ranges.push_back(range);
+  const auto same =
+      std::find_if(ranges.begin(), ranges.end(), [&](const Range &r) { return r.prefix == range.prefix; });
+  if (same == ranges.end())
+    ranges.push_back(range);
+  else
+    *same = range;
 }
 
 void World::no_range(const std::string &vrf_name, const std::string &prefix) {
@@ -343,6 +354,7 @@ void World::set_rd(const std::string &vrf_name, const std::string &rd) {
   const bool ready = is_up(*vrf) && vrf->up && source != nullptr && source->up && source->address != 0 && !under_way;
   if (rd != vrf->rd && !ready) rd_changed_unready.insert(vrf_name);
   vrf->rd = rd;
+  rd_in_flight = true;
   const auto bytes = ref::bgp_parse_rd(rd);
   ref::bgp_set_rd(vrf_name, bytes ? bytes->data() : nullptr, true);
 }

@@ -139,6 +139,10 @@ class World {
   bool faulty = false;
   bool cleared = false;                      // routes were cleared
   bool answers_late = false;                 // the tunnel manager kept its answers back
+  bool group_changed_in_bring_up = false;    // the tunnel had been asked for with the former one
+  bool rd_in_flight = false;                 // its notice has not been read yet
+  bool address_overtaken = false;            // by the notice of an RD
+  std::set<std::string> refused_defaults;    // VRFs without a group that were refused one
   bool tunnel_fell = false;                  // a tunnel went down without having been asked to
   bool idle_tunnel = false;                  // a tunnel was up while its VRF was not
   bool under_way = false;                    // what earlier steps asked for may not have been done yet
