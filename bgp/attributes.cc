@@ -13,7 +13,6 @@ constexpr uint8_t kWellKnown = flag_transitive;
 constexpr uint8_t kOptional = flag_optional;
 constexpr uint8_t kOptionalTransitive = flag_optional | flag_transitive;
 constexpr uint8_t kClassBits = flag_optional | flag_transitive;
-constexpr size_t kSegmentMax = 255;
 
 using Parsed = std::optional<UpdateError>;  // nothing: well
 constexpr Parsed kWell = std::nullopt;

@@ -11,6 +11,7 @@ using std::chrono::seconds;
 
 constexpr uint16_t kLargeHoldTime = 240;  // seconds to wait for an OPEN (RFC 4271, 8.2.2)
 constexpr uint16_t kSendHoldTime = 90;    // where no hold time is agreed
+constexpr size_t kOutputKept = 4096;      // octets of an empty buffer: there may be thousands of sessions
 
 }  // namespace
 
@@ -62,21 +63,21 @@ void Session::note_readable() {
   core_.readable.push_back(this);
 }
 
-bool Session::read(size_t budget) {
+size_t Session::read(size_t budget) {
   queued_ = false;
-  if (stage_ == Stage::closed || stage_ == Stage::connecting) return false;
+  if (stage_ == Stage::closed || stage_ == Stage::connecting) return 0;
   Octets &buffer = core_.input;
   if (buffer.size() < leftover_.size() + budget) buffer.resize(leftover_.size() + budget);
   std::copy(leftover_.begin(), leftover_.end(), buffer.begin());
   const Received received = core_.transport.receive(id_, {buffer.data() + leftover_.size(), budget});
   if (received.status == Received::Status::closed) lost("the neighbor closed the connection");
-  if (received.status != Received::Status::data) return false;
+  if (received.status != Received::Status::data) return 0;
   peer_.in().octets += received.bytes;
   const View octets(buffer.data(), leftover_.size() + std::min(received.bytes, budget));
   const size_t used = work_through(octets);
-  if (stage_ == Stage::closed) return false;
+  if (stage_ == Stage::closed) return 0;
   leftover_.assign(octets.begin() + static_cast<ptrdiff_t>(used), octets.end());
-  return true;
+  return received.bytes;
 }
 
 size_t Session::work_through(View octets) {
@@ -130,6 +131,7 @@ void Session::flush() {
   send_hold_.stop();
   out_.clear();
   out_start_ = 0;
+  if (out_.capacity() > kOutputKept) Octets().swap(out_);
 }
 
 void Session::writable() {

@@ -49,8 +49,8 @@ class Session {
   void lost(std::string_view words);  // broken, or never connected
   void writable();
   void note_readable();
-  // Reads and works through at most `budget` octets; true: there may be more.
-  bool read(size_t budget);
+  // Reads and works through at most `budget` octets and returns how many; 0: there are no more for now.
+  size_t read(size_t budget);
 
   // ---- from the peer
   Octets &output() { return out_; }  // complete messages may be appended; flush() sends them

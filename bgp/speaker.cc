@@ -13,6 +13,7 @@ namespace {
 
 constexpr size_t kInputOfSession = 16 * 1024;  // octets a turn
 constexpr size_t kInputOfTurn = 32 * 1024;
+constexpr size_t kCallCost = 128;       // octets that a call of the transport is worth
 constexpr size_t kRoutesOfPeer = 1024;  // looked at for output, a turn
 constexpr size_t kRoutesOfTurn = 4096;
 constexpr size_t kTableOfTurn = 2048;  // swept, selected
@@ -102,6 +103,7 @@ bool Speaker::Impl::remove_neighbor(Ipv4 address) {
 }
 
 void Speaker::Impl::stop(StopKind kind, const std::string &message) {
+  core.timers.set_now(core.clock.now());
   core.stopped = true;
   for (const auto &[address, peer] : peers_) {
     if (kind == StopKind::restart)
@@ -205,12 +207,14 @@ void Speaker::Impl::wake() {
 }
 
 void Speaker::Impl::read_input() {
-  size_t left = core.readable.size();
-  for (size_t octets = 0; left > 0 && octets < kInputOfTurn; left--, octets += kInputOfSession) {
+  size_t octets = 0;
+  for (size_t left = core.readable.size(); left > 0 && octets < kInputOfTurn; left--) {
     if (core.readable.empty()) return;  // sessions that ended take others with them
     Session *session = core.readable.front();
     core.readable.erase(core.readable.begin());
-    if (session->read(kInputOfSession)) session->note_readable();
+    const size_t read = session->read(kInputOfSession);
+    if (read > 0) session->note_readable();
+    octets += read + kCallCost;
   }
 }
 

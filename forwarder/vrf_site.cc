@@ -106,6 +106,7 @@ void VrfSite::tick() {
 
 void VrfSite::repeat() const {
   if (view_ != nullptr) view_->repeat();
+  callbacks_.tunnel_state(told_up_);
 }
 
 // ------------------------------------------------------------------------------------------------------------- device
