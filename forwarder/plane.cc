@@ -106,10 +106,7 @@ VrfSite::Callbacks Plane::callbacks_of(const Vrf &vrf) {
   callbacks.view = seen_by(vrf.name);
   callbacks.event = [this](const std::string &text) { event(text); };
   callbacks.tunnel_state = [this, name = vrf.name](bool up) {
-    Report message;
-    message.mutable_tunnel_state()->set_vrf(name);
-    message.mutable_tunnel_state()->set_up(up);
-    report(message);
+    report_tunnel(name, up);
     event("VRF " + name + ": tunnel " + (up ? "up" : "down"));
   };
   callbacks.datagram = [this, name = vrf.name](std::span<const uint8_t> bytes) {
@@ -119,6 +116,13 @@ VrfSite::Callbacks Plane::callbacks_of(const Vrf &vrf) {
     report(message);
   };
   return callbacks;
+}
+
+void Plane::report_tunnel(const std::string &vrf, bool up) {
+  Report message;
+  message.mutable_tunnel_state()->set_vrf(vrf);
+  message.mutable_tunnel_state()->set_up(up);
+  report(message);
 }
 
 KernelView::Callbacks Plane::seen_by(const std::string &vrf) {
@@ -317,7 +321,10 @@ void Plane::report_held() {
 
 void Plane::report_seen() {
   core_->view().repeat();
-  for (const auto &[name, site] : sites_) site->repeat();
+  for (const auto &[name, site] : sites_) {
+    site->repeat();
+    report_tunnel(name, site->tunnel_up());
+  }
 }
 
 // ------------------------------------------------------------------------------------------------------------ requests
@@ -343,8 +350,10 @@ std::string Plane::put(const protocol::Item &item) {
     }
     case protocol::Item::kTunnel: {
       const protocol::Tunnel &tunnel = item.tunnel();
-      return state_.put_tunnel(tunnel.vrf(),
-                               {tunnel.device(), tunnel.source(), tunnel.destination(), tunnel.mtu(), tunnel.up()});
+      const std::string reason = state_.put_tunnel(
+          tunnel.vrf(), {tunnel.device(), tunnel.source(), tunnel.destination(), tunnel.mtu(), tunnel.up()});
+      if (reason.empty()) report_tunnel(tunnel.vrf(), sites_.at(tunnel.vrf())->tunnel_up());
+      return reason;
     }
     case protocol::Item::kEncapsulation: {
       const protocol::Encapsulation &wanted = item.encapsulation();

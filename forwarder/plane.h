@@ -67,6 +67,7 @@ class Plane {
   void greet(const protocol::Hello &hello);
   void report_held();
   void report_seen();
+  void report_tunnel(const std::string &vrf, bool up);
   void set(const protocol::Settings &settings);
   std::string put(const protocol::Item &item);
   void remove(const protocol::Item &item);

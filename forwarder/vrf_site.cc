@@ -106,7 +106,6 @@ void VrfSite::tick() {
 
 void VrfSite::repeat() const {
   if (view_ != nullptr) view_->repeat();
-  callbacks_.tunnel_state(told_up_);
 }
 
 // ------------------------------------------------------------------------------------------------------------- device

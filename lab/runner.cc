@@ -63,6 +63,17 @@ std::string telling_line(const std::string &text, const std::string &pattern) {
   return first.empty() ? "(nothing)" : first;
 }
 
+// The text of a log behind a position.
+std::string log_from(const std::string &file, uintmax_t position) {
+  std::ifstream in(file);
+  in.seekg(static_cast<std::streamoff>(position));
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+constexpr int kNotUnderstood = 2;  // exit status of pimctl
+
 Clock::time_point after(double seconds) {
   return Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
 }
@@ -88,7 +99,20 @@ bool Runner::play() {
   return report_->finish();
 }
 
+// Before anything is built: a scenario that cannot be played to its end should say so at once.
+void Runner::check_files() const {
+  const auto need = [](const std::string &file) {
+    if (!std::filesystem::exists(file)) throw std::runtime_error("there is no " + file);
+  };
+  for (const char *program : {"/pimhostd", "/pimctl"}) need(options_.binaries + program);
+  if (!scenario_.reflector.empty()) need(options_.binaries + "/mdt-reflector");
+  if (scenario_.network) return;
+  for (const auto &[pe, config] : scenario_.configs)
+    if (!config.file.empty()) need(options_.project + "/" + config.file);
+}
+
 void Runner::play_steps() {
+  check_files();
   if (scenario_.network) {
     real_.emplace(*scenario_.network,
                   RealLab::Settings{options_.binaries, options_.project, options_.work, options_.prefix});
@@ -180,6 +204,7 @@ void Runner::start_reflector() {
                 .log_file = options_.work + "/reflector.log"};
   if (real_) launch.network_namespace = real_->namespace_path(scenario_.network->core_namespaces().front());
   reflector_.emplace(launch);
+  wait_for_word(*reflector_, launch.log_file, 0, "listening on");
   report_->line("mdt-reflector started on " + address);
 }
 
@@ -212,16 +237,24 @@ void Runner::start_control(const std::string &pe, bool stateful) {
   if (stateful) launch.command.insert(launch.command.end(), {"--restart", "stateful"});
   std::filesystem::create_directories(options_.work + "/" + pe + ".store");
   daemons_.erase(pe);
+  std::error_code none;
+  const uintmax_t written = std::filesystem::file_size(launch.log_file, none);
   daemons_.emplace(pe, Process(launch));
+  wait_for_word(daemons_.at(pe), launch.log_file, none ? 0 : written, "serving on");
   report_->action(pe + (stateful ? ": pimhostd restarted statefully on " : ": pimhostd started on ") + file);
-  wait_for_daemon(pe);
 }
 
-void Runner::wait_for_daemon(const std::string &pe) {
+// Until a program says in its log, behind what stood there before, that it serves: a program that could not take its
+// address ends, and whoever answers there is a stranger.
+void Runner::wait_for_word(Process &program, const std::string &log, uintmax_t from, const std::string &word) {
   const Clock::time_point limit = Clock::now() + 15s;
-  while (pimctl(pe, "show clock").status != 0) {
-    if (!daemons_.at(pe).running() || Clock::now() > limit)
-      throw std::runtime_error(pe + " does not answer; see " + options_.work + "/" + pe + ".log");
+  for (;;) {
+    const bool runs = program.running();  // before the log is read: its last words are in it
+    const std::string text = log_from(log, from);
+    if (runs && text.find(word) != std::string::npos) return;
+    if (!runs || Clock::now() > limit)
+      throw std::runtime_error(std::string(runs ? "it does not say that it serves" : "it has ended") + "; " + log +
+                               ": " + telling_line(text, word));
     pause_for(20ms);
   }
 }
@@ -284,7 +317,9 @@ void Runner::expect(const Step &step) {
     const size_t matches = result.status == 0 ? count_matches(result.output, step.pattern) : 0;
     const bool holds = result.status == 0 &&
                        (step.times >= 0 ? matches == static_cast<size_t>(step.times) : (matches > 0) != step.absent);
-    if (holds || Clock::now() > limit) {
+    // A command with a mistake in it will not be understood later either.
+    const bool mistaken = step.place.empty() && result.status == kNotUnderstood;
+    if (holds || mistaken || Clock::now() > limit) {
       if (!holds || step.print) report_->block(result.output);
       const std::string line = telling_line(result.output, step.pattern);
       report_->expectation(where + ": " + step.text, step.absent && holds ? "it is gone" : line, holds);

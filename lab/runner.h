@@ -2,6 +2,7 @@
 #ifndef LAB_RUNNER_H
 #define LAB_RUNNER_H
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
@@ -56,7 +57,8 @@ class Runner {
   void wait(double platform_seconds);
   Result ask(const Step &step, const std::string &command);
   Result pimctl(const std::string &pe, const std::string &command);
-  void wait_for_daemon(const std::string &pe);
+  void check_files() const;
+  static void wait_for_word(Process &program, const std::string &log, uintmax_t from, const std::string &word);
   std::string socket_of(const std::string &pe) const { return options_.work + "/" + pe + ".sock"; }
 
   const Scenario &scenario_;

@@ -110,6 +110,7 @@ void print_all_syntax() {
   print_syntax("configure", host::Mode::global);
   print_syntax("configure pim", host::Mode::pim);
   print_syntax("configure core", host::Mode::core);
+  print_syntax("configure forwarding kernel", host::Mode::forwarding);
   print_syntax("configure interface INTERFACE", host::Mode::interface);
   print_syntax("configure vrf NAME", host::Mode::vrf);
   print_syntax("configure bgp", host::Mode::bgp);

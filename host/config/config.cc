@@ -14,12 +14,16 @@ struct Header {
   std::string_view text;
 };
 constexpr Header kHeaders[] = {
-    {Mode::pim, "pim"}, {Mode::core, "core"}, {Mode::interface, "interface"}, {Mode::vrf, "vrf"}, {Mode::bgp, "bgp"}};
+    {Mode::pim, "pim"}, {Mode::core, "core"}, {Mode::forwarding, "forwarding kernel"}, {Mode::interface, "interface"},
+    {Mode::vrf, "vrf"}, {Mode::bgp, "bgp"}};
 
 bool is_named(Mode mode) { return mode == Mode::interface || mode == Mode::vrf; }
 
 // An unnamed block without lines means the same as none.
-bool is_void(const BlockId &id, const Block &block) { return !is_named(id.mode) && block.lines().empty(); }
+// Blocks that say nothing when they are empty.
+bool is_void(const BlockId &id, const Block &block) {
+  return !is_named(id.mode) && id.mode != Mode::forwarding && block.lines().empty();
+}
 
 // ---------------------------------------------------------------------------------------------------------- reading
 

@@ -46,6 +46,7 @@ Daemon::Daemon(DaemonOptions options, Config config)
   Router::Options router_options;
   router_options.clock_scale = options_.clock_scale;
   router_options.capture = options_.capture;
+  router_options.recovering = options_.stateful_restart;
   router_options.log = [this](const std::string &text) { log(text); };
   router_.emplace(loop_, module, std::move(router_options));
   engine_.emplace(*router_);

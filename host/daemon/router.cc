@@ -136,6 +136,8 @@ Router::Router(Loop &loop, const LoadedModule &module, Options options)
       module_(module),
       options_(std::move(options)),
       links_(loop, options_.capture, options_.log),
+      forwarding_(std::make_unique<Forwarding>(
+          loop, options_.log, [this](const std::string &name) { follow_interface(name); }, options_.recovering)),
       default_mtu_(pim_mtu),
       default_announcement_limit_(*module.recv_cache_limit) {}
 
@@ -154,7 +156,10 @@ std::vector<ConfigError> Router::start(Config config) {
   for (const LineChange &change : changes)
     if (change.block.mode == Mode::vrf && change.after != nullptr && change.after->statement.command == Command::mroute)
       set_route(change.block.name, change.after->statement.key);
-  if (!options_.offline) links_.follow(running_);
+  if (!options_.offline) {
+    links_.follow(running_);
+    forwarding_->follow(running_);
+  }
   ref::start_statistics();
   return refused;
 }
@@ -162,6 +167,7 @@ std::vector<ConfigError> Router::start(Config config) {
 void Router::stop() {
   links_.close();
   stop_module();
+  forwarding_->close();
 }
 
 bool Router::follow_feature(std::vector<ConfigError> *refused) {
@@ -301,8 +307,9 @@ std::vector<ConfigError> Router::change_to(Config wanted) {
   withdraw(changes, &rejections);
   build(before, changes);
   if (!follow_feature(&errors)) errors.push_back({0, "the module does not start; see the log"});
+  if (!options_.offline) forwarding_->follow(running_);
   command_vrfs(changes, &rejections);
-  links_.follow(running_);
+  if (!options_.offline) links_.follow(running_);
   for (const Rejection &rejection : rejections) {
     put_back(before, rejection);
     errors.push_back(error_of(rejection));
@@ -508,8 +515,14 @@ void Router::follow_interface(const std::string &name) {
   const pim_cibtype *pcib = vrf == nullptr ? pim_default_cib : pim_get_cib_by_context_name(vrf->c_str());
   const bool vrf_ready = pcib != nullptr && (vrf == nullptr || is_there(*vrf));
   const std::string *text = block->value(Command::ip_address, "address");
-  const ip_addr_t address = text == nullptr ? 0 : address_value(*text);
-  const bool up = block->find(Command::shutdown) == nullptr && !links_down_.contains(name);
+  ip_addr_t address = text == nullptr ? 0 : address_value(*text);
+  bool up = block->find(Command::shutdown) == nullptr && !links_down_.contains(name);
+  if (forwarding_->active()) {
+    // The kernel's address; the line chooses among several.
+    const Forwarding::Seen seen = forwarding_->seen(name);
+    if (std::ranges::count(seen.addresses, address) == 0) address = seen.addresses.empty() ? 0 : seen.addresses.front();
+    up = up && seen.up;
+  }
   const ref::Interface *interface = ref::find_interface(std::string_view(name));
   if (interface != nullptr && vrf_ready && interface->context_id == pcib->context_id) {
     ref::set_interface_address(name, address);
@@ -599,6 +612,7 @@ void Router::bring_in(const std::string &vrf) {
 bool Router::is_there(const std::string &vrf) const { return !leaving_.contains(vrf) && !waiting_.contains(vrf); }
 
 void Router::settle() {
+  forwarding_->settle();
   if (!leaving_.empty()) finish_leaving();
   for (const std::string &name : std::set<std::string>(interfaces_)) follow_interface(name);
   for (const auto &[vrf, key] : std::set<std::pair<std::string, std::string>>(routes_)) set_route(vrf, key);

@@ -4,12 +4,14 @@
 #define HOST_ROUTER_H
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "host/config/config.h"
+#include "host/daemon/forwarding.h"
 #include "host/daemon/links.h"
 #include "host/daemon/loop.h"
 #include "host/daemon/module_loader.h"
@@ -27,7 +29,8 @@ class Router {
   struct Options {
     std::optional<double> clock_scale;  // overrides the configuration's
     std::string capture;
-    bool offline = false;  // for a check of the configuration: without links to other PEs
+    bool recovering = false;  // started anew for a router that goes on
+    bool offline = false;     // for a check of the configuration: without links to other PEs
     std::function<void(const std::string &)> log;
   };
 
@@ -47,6 +50,7 @@ class Router {
   const Config &running() const { return running_; }
   const Links &links() const { return links_; }
   Links &links() { return links_; }
+  Forwarding &forwarding() const { return *forwarding_; }
   const LoadedModule &module() const { return module_; }
 
   // State of a link that is not configured: the interface stays down until it is set up again. False: no such interface.
@@ -94,6 +98,7 @@ class Router {
   LoadedModule module_;
   Options options_;
   Links links_;
+  std::unique_ptr<Forwarding> forwarding_;
   Config running_;
   bool module_runs_ = false;
   bool commands_registered_ = false;

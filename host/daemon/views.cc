@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <map>
 
+#include "host/daemon/forwarding_views.h"
 #include "platform/im.h"
 #include "platform/ip.h"
 #include "routing/pim/mvpn/mvpn.h"
@@ -279,6 +280,8 @@ bool show_view(const ViewInput &input, Listing &listing) {
       {Command::show_mrib_encaps, show_mrib_encaps},
       {Command::show_core_groups, show_core_groups},
       {Command::show_customer_routes, show_customer_routes},
+      {Command::show_forwarding, show_forwarding},
+      {Command::show_forwarding_events, show_forwarding_events},
       {Command::show_events, show_events},
       {Command::show_counters, show_counters},
       {Command::show_running_config, show_running_config},

@@ -137,6 +137,10 @@ std::vector<Word> global_words() {
                      })}),
       keyword("pim", "PIM of the core").runs(Command::pim_block).opens(Mode::pim),
       keyword("core", "Links that carry core packets").runs(Command::core_block).opens(Mode::core),
+      keyword("forwarding", "What carries customers' packets; nothing does, unless it is said here")
+          .then({keyword("kernel", "The kernel's network namespaces, by way of mvpn-forwarder")
+                     .runs(Command::forwarding_block)
+                     .opens(Mode::forwarding)}),
       keyword("interface", "Interfaces")
           .then(
               {interface_name("name", "Name of the interface").runs(Command::interface_block).opens(Mode::interface)}),
@@ -179,6 +183,27 @@ std::vector<Word> core_words() {
           .then({argument(ValueType::endpoint, "ADDRESS:PORT", "endpoint", "Where it receives")
                      .identifies()
                      .runs(Command::peer)}),
+  };
+}
+
+std::vector<Word> forwarding_words() {
+  const auto outer = [](std::string word, std::string help, Command command, std::vector<Word> values) {
+    return keyword(std::move(word), std::move(help)).undone(command).then(std::move(values));
+  };
+  return {
+      keyword("socket", "Where the forwarder listens; /run/mvpn-forwarder.sock unless set")
+          .then({argument(ValueType::path, "PATH", "path", "Unix socket").runs(Command::forwarder_socket)})
+          .undone(Command::forwarder_socket),
+      keyword("core-interface", "Where core packets leave; none: the interface that has their source")
+          .then({interface_name("name", "Interface of the core").runs(Command::core_interface)})
+          .undone(Command::core_interface),
+      outer("ttl", "Time to live of core packets; 64 unless set", Command::outer_ttl,
+            {number("ttl", "Hops", 1, 255).runs(Command::outer_ttl)}),
+      outer("tos", "Type of service of core packets; the customer's unless set", Command::outer_tos,
+            {number("tos", "Octet; its last two bits are the customer's", 0, 255).runs(Command::outer_tos)}),
+      outer("dont-fragment", "Whether core routers may cut core packets; as the customer says unless set",
+            Command::outer_df,
+            {flag("set", "They may not").runs(Command::outer_df), flag("clear", "They may").runs(Command::outer_df)}),
   };
 }
 
@@ -270,6 +295,9 @@ std::vector<Word> vrf_words() {
       keyword("rd", "Route distinguisher")
           .then({argument(ValueType::rd, "RD", "rd", "AS:NUMBER or A.B.C.D:NUMBER").runs(Command::rd)})
           .undone(Command::rd),
+      keyword("netns", "Network namespace of the VRF; the one of its name unless set")
+          .then({argument(ValueType::path, "NAME", "name", "Name, as of ip netns, or path").runs(Command::netns)})
+          .undone(Command::netns),
       mdt_words(),
       mroute_words(),
   };
@@ -340,6 +368,9 @@ Word show_words() {
                      view("encaps", "Encapsulations of the VRFs", Command::show_mrib_encaps)}),
           keyword("core", "The core").then({view("groups", "Provider groups in use", Command::show_core_groups)}),
           view("customer-routes", "Customer routes", Command::show_customer_routes).with({vrf_option()}),
+          view("forwarding", "What the forwarder carries", Command::show_forwarding)
+              .with({vrf_option()})
+              .then({view("events", "What happened to the forwarder", Command::show_forwarding_events)}),
           view("events", "Event history and error reports of the module", Command::show_events)
               .with({keyword("last", "Only the latest").then({number("last", "How many", 1, 10000)})}),
           view("counters", "Counters", Command::show_counters),
@@ -400,8 +431,8 @@ std::vector<Word> exec_words() {
 }  // namespace
 
 const std::vector<Word> &root_of(Mode mode) {
-  static const std::vector<Word> roots[] = {exec_words(),      global_words(), pim_words(), core_words(),
-                                            interface_words(), vrf_words(),    bgp_words()};
+  static const std::vector<Word> roots[] = {exec_words(),       global_words(),    pim_words(), core_words(),
+                                            forwarding_words(), interface_words(), vrf_words(), bgp_words()};
   return roots[static_cast<size_t>(mode)];
 }
 

@@ -15,7 +15,7 @@
 namespace host {
 
 // Where a line stands. The configuration modes after `global` are blocks.
-enum class Mode { exec, global, pim, core, interface, vrf, bgp };
+enum class Mode { exec, global, pim, core, forwarding, interface, vrf, bgp };
 
 // What a complete line does.
 enum class Command {
@@ -46,6 +46,13 @@ enum class Command {
   core_block,
   carrier,
   peer,
+  forwarding_block,
+  forwarder_socket,
+  core_interface,
+  outer_ttl,
+  outer_tos,
+  outer_df,
+  netns,
   // operation
   configure,
   show_module,
@@ -56,6 +63,8 @@ enum class Command {
   show_mrib_encaps,
   show_core_groups,
   show_customer_routes,
+  show_forwarding,
+  show_forwarding_events,
   show_events,
   show_counters,
   show_running_config,

@@ -12,6 +12,7 @@ namespace {
 
 constexpr size_t kNameMax = 32;
 constexpr size_t kInterfaceMax = 39;
+constexpr size_t kPathMax = 107;  // of a Unix socket
 constexpr size_t kPolicyMax = 255;
 
 std::optional<uint64_t> read_number(std::string_view word) {
@@ -143,6 +144,8 @@ std::optional<std::string> check_value(ValueType type, NumberRange range, std::s
       return check_rd(word, reason);
     case ValueType::endpoint:
       return check_endpoint(word, reason);
+    case ValueType::path:
+      return check_text(kPathMax, word, reason);
     case ValueType::policy:
       return check_text(kPolicyMax, word, reason);
   }

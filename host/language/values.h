@@ -21,6 +21,7 @@ enum class ValueType {
   interface,  // up to 39 characters, no blanks
   rd,         // route distinguisher: AS:NUMBER or A.B.C.D:NUMBER
   endpoint,   // A.B.C.D:PORT
+  path,       // name or path of a file, up to 107 characters, no blanks
   policy,     // name of a route-map; its length is the policy manager's to judge
 };
 

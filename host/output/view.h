@@ -179,9 +179,69 @@ inline constexpr Column kClockColumns[] = {
 };
 inline constexpr View kClock = {"clock", "The platform's clock. `show clock`", kClockColumns};
 
+inline constexpr Column kForwarderColumns[] = {
+    {4200, "socket", CLI_TYPE_STRING, "Where the forwarder listens.", "Forwarder", 34},
+    {4201, "connected", CLI_TYPE_BOOLEAN, "Whether there is a connection.", "Connected", 11},
+    {4202, "recovering", CLI_TYPE_BOOLEAN, "Whether what it held before is kept until the recovery ends.",
+     "Recovering"},
+};
+inline constexpr View kForwarder = {"forwarder", "The forwarding plane, when one is configured. `show forwarding`",
+                                    kForwarderColumns};
+inline constexpr Column kForwardingVrfColumns[] = {
+    {4300, "vrf", CLI_TYPE_STRING, "VRF.", "VRF", 16},
+    {4301, "namespace", CLI_TYPE_BOOLEAN, "Whether its namespace is there.", "Namespace", 11},
+    {4302, "tunnel-up", CLI_TYPE_BOOLEAN, "Whether its tunnel is up.", "Tunnel", 8},
+    {4303, "sent-packets", CLI_TYPE_NUMBER, "Customer datagrams encapsulated.", "Sent", 14},
+    {4304, "sent-bytes", CLI_TYPE_NUMBER, "Their bytes.", "Bytes", 16},
+    {4305, "received-packets", CLI_TYPE_NUMBER, "Customer datagrams decapsulated.", "Received", 14},
+    {4306, "received-bytes", CLI_TYPE_NUMBER, "Their bytes.", "Bytes", 16},
+    {4307, "unlisted-packets", CLI_TYPE_NUMBER, "Sent on the default MDT without being of a flow below.", "Unlisted"},
+};
+inline constexpr View kForwardingVrfs = {"forwarding-vrf", "A VRF in the forwarder. `show forwarding [vrf NAME]`",
+                                         kForwardingVrfColumns, "VRFs"};
+inline constexpr Column kFlowColumns[] = {
+    {4400, "vrf", CLI_TYPE_STRING, "VRF of the flow.", "VRF", 16},
+    {4401, "source", CLI_TYPE_SOURCE, "Customer source.", "Source", 17},
+    {4402, "group", CLI_TYPE_ADDRESS, "Customer group.", "Group", 17},
+    {4403, "index", CLI_TYPE_NUMBER, "Encapsulation index in force; 1: the default MDT.", "Index", 7},
+    {4404, "core-group", CLI_TYPE_ADDRESS, "Provider group that carries it; left out when none does.", "Core group",
+     17},
+    {4405, "packets", CLI_TYPE_NUMBER, "Datagrams sent into the tunnel.", "Packets", 14},
+    {4406, "bytes", CLI_TYPE_NUMBER, "Their bytes.", "Bytes", 16},
+    {4407, "rate-kbps", CLI_TYPE_NUMBER, "kbit/s over the last two seconds.", "kbps"},
+};
+inline constexpr View kFlows = {"flow", "A flow that this PE sends into the core. `show forwarding [vrf NAME]`",
+                                kFlowColumns, "Flows"};
+inline constexpr Column kMembershipColumns[] = {
+    {4500, "source", CLI_TYPE_SOURCE, "Core source.", "Source", 17},
+    {4501, "group", CLI_TYPE_ADDRESS, "Core group.", "Group", 17},
+    {4502, "vrf", CLI_TYPE_STRING, "VRF that takes its packets.", "VRF", 16},
+    {4503, "joined", CLI_TYPE_BOOLEAN, "Whether the kernel has joined it.", "Joined", 8},
+    {4504, "interface", CLI_TYPE_INTERFACE, "Where; left out: nowhere, or everywhere for any source.", "Interface", 16},
+    {4505, "packets", CLI_TYPE_NUMBER, "Packets taken.", "Packets", 14},
+    {4506, "bytes", CLI_TYPE_NUMBER, "Bytes of the customer datagrams in them.", "Bytes"},
+};
+inline constexpr View kMemberships = {"core-membership", "A membership of the core. `show forwarding [vrf NAME]`",
+                                      kMembershipColumns, "Core memberships"};
+inline constexpr Column kDropColumns[] = {
+    {4600, "reason", CLI_TYPE_STRING, "Why the packets were dropped.", "Reason", 20},
+    {4601, "vrf", CLI_TYPE_STRING, "VRF; left out: packets of the core that are of none.", "VRF", 16},
+    {4602, "packets", CLI_TYPE_NUMBER, "How many.", "Packets"},
+};
+inline constexpr View kDrops = {"drop", "Packets dropped for one reason. `show forwarding [vrf NAME]`", kDropColumns,
+                                "Drops"};
+inline constexpr Column kForwardingEventColumns[] = {
+    {4700, "time", CLI_TYPE_STRING, "When it happened, UTC, as in RFC 3339.", "Time", 26},
+    {4701, "text", CLI_TYPE_STRING, "What happened.", "Event"},
+};
+inline constexpr View kForwardingEvents = {"forwarding-event", "An event of the forwarder. `show forwarding events`",
+                                           kForwardingEventColumns};
+
 // Every view, by number; the items of lists follow the view that they belong to.
-inline constexpr const View *kViews[] = {&kInterfaces, &kTunnels, &kReflector, &kBgp,      &kRoutes, &kEncaps, &kGroups,
-                                         &kCustomers,  &kEvents,  &kErrors,    &kCounters, &kConfig, &kClock};
+inline constexpr const View *kViews[] = {
+    &kInterfaces,     &kTunnels, &kReflector,   &kBgp,      &kRoutes,          &kEncaps, &kGroups,
+    &kCustomers,      &kEvents,  &kErrors,      &kCounters, &kConfig,          &kClock,  &kForwarder,
+    &kForwardingVrfs, &kFlows,   &kMemberships, &kDrops,    &kForwardingEvents};
 
 }  // namespace output
 

@@ -21,6 +21,7 @@
 
 #include "platform/im.h"
 #include "platform/pim.h"
+#include "platform/reference/forwarding_plane.h"
 #include "platform/reference/internal.h"
 #include "platform/reference/services.h"
 #include "platform/reference/wire.h"
@@ -88,6 +89,17 @@ Record *find_record(std::string_view vrf_name, const mvpn_mdt_route_addrs &addrs
 Record *find_live(std::string_view vrf_name, mvpn_mdt_route_addrs addrs) {
   Record *record = normalise(addrs) ? find_record(vrf_name, addrs) : nullptr;
   return record != nullptr && !record->doomed ? record : nullptr;
+}
+
+// The forwarding plane looks at the flow again: whether it goes into the tunnel, and under which index. installed: the
+// module has asked for the route to be installed again.
+void tell_plane(const std::string &vrf_name, const mvpn_mdt_route_addrs &addrs, bool installed = false) {
+  ForwardingPlane *plane = forwarding_plane();
+  const Record *record = plane == nullptr ? nullptr : find_record(vrf_name, addrs);
+  if (record == nullptr) return;
+  const im_iod_t tunnel = oim_working_tunnel(vrf_name);
+  plane->customer_route_changed(vrf_name, record->route, tunnel != 0 && bitfield_test(&record->route.oifs, tunnel) != 0,
+                                installed);
 }
 
 // Calls `call` with VRF, address and route when both still exist.
@@ -162,6 +174,7 @@ void post_change(const std::string &vrf_name, const mvpn_mdt_route_addrs &addrs,
     if (change.rpf_down) tell_rpf(vrf_name, addrs, false);
     if (change.rpf_up) tell_rpf(vrf_name, addrs, true);
     if (change.mapped) tell_mapped(vrf_name, addrs);
+    tell_plane(vrf_name, addrs);
   });
 }
 
@@ -187,6 +200,7 @@ void free_record(pim_cibtype *pcib, const mvpn_mdt_route_addrs &addrs) {
   Records &records = routes.by_vrf[pcib->vrf_name];
   const auto found = records.find(key);
   if (found == records.end()) return;
+  if (ForwardingPlane *plane = forwarding_plane()) plane->customer_route_deleted(pcib->vrf_name, addrs);
   pt_delete(pt_attr_create(0, 1, PIM_ROUTE_KEY_BYTES), &pcib->route_tree, key.data(), key_bits);
   mrib_release_route(pcib->context_id, found->second->route.addrs);
   routes.by_address.erase(&found->second->route);
@@ -246,6 +260,7 @@ void check_routes(const std::string &vrf_name) {
     normalise(addrs);
     // The check may yield: the route is not touched after it.
     module().stats_check(pcib->mvpn, &addrs, static_cast<pim_route *>(pt_node_data(node)));
+    tell_plane(vrf_name, addrs);
   }
 }
 
@@ -294,6 +309,11 @@ void croute_reset() {
   routes.statistics_run = run + 1;
 }
 
+void croute_tell_plane() {
+  for (const auto &[vrf_name, records] : routes.by_vrf)
+    for (const auto &[key, record] : records) tell_plane(vrf_name, record->route.addrs);
+}
+
 void croute_recompute_rpf(vrf_context_id_t context_id) {
   const pim_cibtype *pcib = pim_get_cib_by_context_id(context_id);
   if (pcib == nullptr) return;
@@ -331,12 +351,18 @@ void croute_attach_tunnel(pim_cibtype *pcib) {
     if (!record->wanted.to_mvpn) continue;
     // Also of a route that kept the tunnel: a module that was stopped and started anew knows nothing of it.
     set_oif(*record, tunnel);
-    post([vrf_name, addrs = record->route.addrs] { tell_mapped(vrf_name, addrs); });
+    post([vrf_name, addrs = record->route.addrs] {
+      tell_mapped(vrf_name, addrs);
+      tell_plane(vrf_name, addrs);
+    });
   }
 }
 
 void croute_detach_oif(pim_cibtype *pcib, im_iod_t iod) {
-  for (const auto &[key, record] : routes.by_vrf[pcib->vrf_name]) clear_oif(*record, iod);
+  for (const auto &[key, record] : routes.by_vrf[pcib->vrf_name]) {
+    clear_oif(*record, iod);
+    tell_plane(pcib->vrf_name, record->route.addrs);
+  }
 }
 
 void croute_drop_all(pim_cibtype *pcib) {
@@ -395,6 +421,7 @@ std::vector<CustomerRoute> customer_routes(std::string_view vrf_name) {
 }
 
 void statistics_pass() {
+  if (ForwardingPlane *plane = forwarding_plane()) plane->count_customer_bytes();
   for (const std::string &name : vrf_names()) check_vrf(name);
 }
 
@@ -421,8 +448,9 @@ void pim_get_addrs_from_pt_key(const uint8_t *key, mvpn_mdt_route_addrs *addrs) 
   addrs->source_len = key[ref::key_source_len];
 }
 
-void pim_add_route(pim_cibtype *, pim_route *, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t) {
+void pim_add_route(pim_cibtype *pcib, pim_route *route, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t) {
   ref::pim_count().routes_reinstalled++;
+  ref::tell_plane(pcib->vrf_name, route->addrs, true);
 }
 
 uint64_t pim_data_bytes_in_last_minute(const pim_route *route) {

@@ -19,6 +19,7 @@
 
 #include "platform/ip.h"
 #include "platform/pim.h"
+#include "platform/reference/forwarding_plane.h"
 #include "platform/reference/internal.h"
 #include "platform/reference/services.h"
 #include "platform/reference/text.h"
@@ -94,6 +95,7 @@ struct Route {
   bool installed = false;                // held by the client
   MribRoute client;                      // as it installed it
   std::map<uint32_t, MribRoute> owners;  // VRFs of the client that want it, and what they installed
+  bool forwarded = false;                // a forwarding plane was told of it
 };
 
 using EncapKey = std::pair<vrf_context_id_t, uint16_t>;
@@ -185,16 +187,33 @@ Route &route_at(const RouteKey &key) {
   return *route;
 }
 
-// Brings what clients see up to date, or drops a route that nobody holds.
+void tell_plane(Route &route) {
+  ForwardingPlane *plane = forwarding_plane();
+  if (plane == nullptr || (!route.installed && !route.forwarded)) return;
+  plane->core_route_changed(route.client, route.installed);
+  route.forwarded = route.installed;
+}
+
+// Brings what clients and the forwarding plane see up to date, or drops a route that nobody holds.
 void settle_route(const RouteKey &key) {
   const auto found = state.routes.find(key);
   Route &route = *found->second;
+  tell_plane(route);
   if (route.installed || route.foreign) {
     route.shown.mti_iod = route.installed && route.client.mti_iod != 0 ? route.client.mti_iod : route.foreign_mti;
     return;
   }
   unlink(key);
   state.routes.erase(found);
+}
+
+template <typename Matches>
+void erase_encaps(Matches matches) {
+  std::erase_if(state.encaps, [&matches](const auto &item) {
+    if (!matches(item.first)) return false;
+    if (ForwardingPlane *plane = forwarding_plane()) plane->encap_changed(item.second, false);
+    return true;
+  });
 }
 
 void drop_installed() {
@@ -207,7 +226,7 @@ void drop_installed() {
     route.owners.clear();
     settle_route(key);
   }
-  state.encaps.clear();
+  erase_encaps([](const EncapKey &) { return true; });
 }
 
 // ---------------------------------------------------------------------------------------------------------- updates
@@ -346,8 +365,14 @@ void mrib_drop_context(vrf_context_id_t context_id) {
     state.routes.at(key)->foreign = state.routes.at(key)->installed = false;
     settle_route(key);
   }
-  std::erase_if(state.encaps, [context_id](const auto &item) { return item.first.first == context_id; });
+  erase_encaps([context_id](const EncapKey &key) { return key.first == context_id; });
   state.initializing.erase(context_id);
+}
+
+void mrib_tell_plane() {
+  for (const auto &[key, route] : state.routes) tell_plane(*route);
+  if (ForwardingPlane *plane = forwarding_plane())
+    for (const auto &[key, encap] : state.encaps) plane->encap_changed(encap, true);
 }
 
 std::vector<MribRoute> mrib_routes() {
@@ -478,13 +503,15 @@ int mrib_update_mdt_encap_info(mrib_client_handle *client, const void *record, u
   encap.source = ref::wire::load_host<uint32_t>(bytes + ref::encap_source);
   encap.mti_iod = ref::wire::load_host<uint32_t>(bytes + ref::encap_mti_iod);
   encap.source_iod = ref::wire::load_host<uint32_t>(bytes + ref::encap_source_iod);
-  auto &encaps = ref::state.encaps;
-  if (bytes[ref::encap_add] != 0)
-    encaps[{encap.context_id, encap.index}] = encap;
-  else if (encap.index != 0)
-    encaps.erase({encap.context_id, encap.index});
-  else  // index 0 stands for all of the VRF
-    encaps.erase(encaps.lower_bound({encap.context_id, 0}), encaps.upper_bound({encap.context_id, 0xFFFF}));
+  if (bytes[ref::encap_add] != 0) {
+    ref::state.encaps[{encap.context_id, encap.index}] = encap;
+    if (ref::ForwardingPlane *plane = ref::forwarding_plane()) plane->encap_changed(encap, true);
+    return 1;
+  }
+  // Index 0 stands for all of the VRF.
+  ref::erase_encaps([&encap](const ref::EncapKey &key) {
+    return key.first == encap.context_id && (encap.index == 0 || key.second == encap.index);
+  });
   return 1;
 }
 

@@ -26,10 +26,12 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 
 #include "platform/im.h"
 #include "platform/ip.h"
 #include "platform/pim.h"
+#include "platform/reference/forwarding_plane.h"
 #include "platform/reference/internal.h"
 #include "platform/reference/parse.h"
 #include "platform/reference/services.h"
@@ -70,6 +72,7 @@ struct State {
   bool work_posted = false;
   std::string file;
   bool save_posted = false;
+  std::set<if_index_t> wanted_up;  // with a forwarding plane: what clients have brought up
 };
 State state;
 
@@ -172,6 +175,11 @@ void index(const Tunnel &tunnel) {
   state.by_destination.emplace(tunnel.destination, tunnel.if_index);
 }
 
+void tell_plane(const Tunnel &tunnel) {
+  if (ForwardingPlane *plane = forwarding_plane())
+    plane->tunnel_changed(tunnel, state.wanted_up.contains(tunnel.if_index));
+}
+
 void unindex(const Tunnel &tunnel) {
   const auto vrf = state.by_vrf.find(tunnel.vrf_name);
   if (vrf != state.by_vrf.end() && vrf->second == tunnel.if_index) state.by_vrf.erase(vrf);
@@ -190,6 +198,7 @@ void store(const Tunnel &tunnel) {
     const vrf_context_id_t context_id = l3vm_find(tunnel.vrf_name);
     if (context_id != VRF_CONTEXT_ID_NONE) interface->context_id = context_id;
   }
+  tell_plane(tunnel);
   changed();
 }
 
@@ -242,6 +251,8 @@ uint32_t remove(const OimRequest &request, im_iod_t *iod) {
   const auto existing = state.tunnels.find(request.if_index);
   if (existing == state.tunnels.end()) return 0;
   *iod = existing->second.iod;
+  if (ForwardingPlane *plane = forwarding_plane()) plane->tunnel_deleted(existing->second);
+  state.wanted_up.erase(request.if_index);
   im_remove(existing->second.iod);
   unindex(existing->second);
   state.tunnels.erase(existing);
@@ -255,7 +266,13 @@ void set_up(if_index_t if_index, bool up) {
   const Tunnel &tunnel = existing->second;
   const bool usable = tunnel.admin_up != 0 && tunnel.source != 0 && tunnel.destination != 0;
   if (up && (!usable || !state.registered)) return;
-  im_set_state(tunnel.iod, up);
+  if (up)
+    state.wanted_up.insert(if_index);
+  else
+    state.wanted_up.erase(if_index);
+  tell_plane(tunnel);
+  // A forwarding plane answers when the tunnel is up there.
+  if (!up || forwarding_plane() == nullptr) im_set_state(tunnel.iod, up);
 }
 
 // --------------------------------------------------------------------------------------------------------- requests
@@ -473,6 +490,16 @@ if_index_t create_orphan_tunnel(uint32_t table_id) {
   return !state.tunnels.contains(tunnel.if_index) && add_tunnel(tunnel) ? tunnel.if_index : 0;
 }
 
+void report_tunnel_state(std::string_view vrf_name, bool up) {
+  const auto found = state.by_vrf.find(vrf_name);
+  if (found == state.by_vrf.end() || (up && !state.wanted_up.contains(found->second))) return;
+  im_set_state(state.tunnels.at(found->second).iod, up);
+}
+
+void oim_tell_plane() {
+  for (const auto &[if_index, tunnel] : state.tunnels) tell_plane(tunnel);
+}
+
 void set_oim_answers(bool on) {
   state.answers = on;
   if (!on || state.waiting.empty() || state.work_posted) return;
@@ -507,7 +534,7 @@ int oim_register(mts_queue *) {
 
 void oim_deregister() {
   ref::state.registered = false;
-  for (const auto &[if_index, tunnel] : ref::state.tunnels) ref::im_set_state(tunnel.iod, false);
+  for (const auto &[if_index, tunnel] : ref::state.tunnels) ref::set_up(if_index, false);
 }
 
 uint32_t oim_if_info_list_get_size(uint32_t interfaces, uint32_t parameters, uint32_t longest_value) {

@@ -13,6 +13,7 @@
 
 #include "platform/im.h"
 #include "platform/ip.h"
+#include "platform/reference/forwarding_plane.h"
 #include "platform/reference/services.h"
 #include "platform/reference/wire.h"
 
@@ -85,6 +86,7 @@ int send_through_tunnel(vrf_context_id_t context_id, std::vector<uint8_t> datagr
   const CorePacket packet{tunnel->source, tunnel->destination, std::move(datagram)};
   remember(state.sent, packet);
   const WithoutCancellation guard;
+  if (ForwardingPlane *plane = forwarding_plane()) return plane->send(*tunnel, packet.datagram) ? 0 : ENETDOWN;
   if (state.carrier != nullptr) state.carrier->send(packet);
   return 0;
 }
@@ -110,6 +112,12 @@ void receive_core_packet(const CorePacket &packet) {
   const Interface *interface = find_interface(iod);
   if (interface == nullptr || find_tunnel(interface->if_index)->source == packet.provider_source) return;
   if (is_for_socket(packet.datagram)) socket_deliver(iod, packet.datagram.data(), packet.datagram.size());
+}
+
+void receive_tunnel_datagram(std::string_view vrf_name, std::span<const uint8_t> datagram) {
+  const im_iod_t iod = oim_working_tunnel(vrf_name);
+  if (iod != 0 && is_for_socket({datagram.begin(), datagram.end()}))
+    socket_deliver(iod, datagram.data(), datagram.size());
 }
 
 void inject_datagram(im_iod_t iod, const void *datagram, size_t size) {

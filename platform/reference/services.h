@@ -107,6 +107,13 @@ void mrib_release_route(vrf_context_id_t context_id, const mvpn_mdt_route_addrs 
 void mrib_drop_context(vrf_context_id_t context_id);
 void bgp_drop_vrf(std::string_view vrf_name);
 
+// ------------------------------------------------------------------------------------------------ forwarding plane
+
+// Tell a new forwarding plane what there is.
+void oim_tell_plane();
+void mrib_tell_plane();
+void croute_tell_plane();
+
 // -------------------------------------------------------------------------------------------------------------- BGP
 
 // Takes what the module sent to BGP; other messages are ignored.

@@ -444,6 +444,27 @@ class ProgramsTest(unittest.TestCase):
             found = command_examples.answer_like(expected, BIN, daemon.socket, command, LIMIT)
             self.assertEqual(command_examples.stable(found), command_examples.stable(expected), command)
 
+    def test_the_lab_says_at_once_what_it_cannot_play(self):
+        show = {"on": "pe1", "expect": "x", "command": "show clock", "matches": "Scale"}
+        wrong = {"on": "pe1", "expect": "x", "command": "show clcok", "matches": "Scale", "within": 3600}
+        here = {"pes": {"pe1": {"config": "router.conf"}}, "steps": [{"start": "pe1"}, show]}
+        self.config.write_text("hostname a\n")
+        with socket.socket() as stranger:
+            stranger.bind(("127.0.0.1", 0))
+            stranger.listen()
+            address = f"127.0.0.1:{stranger.getsockname()[1]}"
+            for scenario, status, reason in [
+                (here, 0, "2 of 2 expectations held"),
+                (here | {"reflector": address}, 1, "Address already in use"),
+                (here | {"pes": {"pe1": {"config": "nowhere.conf"}}}, 1, "there is no "),
+                (here | {"steps": [{"start": "pe1"}, wrong]}, 1, "'clcok' is not known here"),
+            ]:
+                file = self.folder / "scenario.json"
+                file.write_text(json.dumps({"name": "a"} | scenario))
+                result = subprocess.run([BIN / "mvpn-lab", file, "--work", self.folder / "work", "--project", self.folder],
+                                        capture_output=True, text=True, timeout=LIMIT)
+                self.assertEqual((result.returncode, reason in result.stdout), (status, True), result.stdout + result.stderr)
+
     # ------------------------------------------------------------------------------------------- the control socket
 
     def connect(self, daemon):

@@ -1,0 +1,20 @@
+#include "platform/reference/forwarding_plane.h"
+
+#include "platform/reference/services.h"
+
+namespace ref {
+namespace {
+ForwardingPlane *in_use = nullptr;
+}
+
+ForwardingPlane *forwarding_plane() { return in_use; }
+
+void use_forwarding_plane(ForwardingPlane *plane) {
+  in_use = plane;
+  if (plane == nullptr) return;
+  oim_tell_plane();
+  mrib_tell_plane();
+  croute_tell_plane();
+}
+
+}  // namespace ref

@@ -1,0 +1,369 @@
+#!/usr/bin/env python3
+"""Two PEs with real packets: control and forwarding planes, in namespaces that this test makes and removes.
+
+A customer's source behind PE 1 sends numbered datagrams to a receiver behind PE 2. The VRFs' multicast routes are set by
+hand, as a routing daemon would set them. Skipped (exit status 77) where namespaces cannot be made.
+
+    pe_test.py FOLDER_OF_THE_PROGRAMS
+"""
+
+import ctypes
+import json
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+PROGRAMS = pathlib.Path(sys.argv[1])
+PREFIX = f"mvpn-{os.getpid()}-"
+GROUP, SOURCE, PORT = "232.1.1.1", "192.168.1.10", 5000
+CLONE_NEWNET = 0x40000000
+LIBC = ctypes.CDLL(None, use_errno=True)
+SCALE = 20
+
+CONFIG = """
+hostname {name}
+clock scale {scale}
+pim
+  ssm range 239.1.0.0/16
+forwarding kernel
+  socket {folder}/{name}.fwd
+interface core0
+vrf red
+  netns {prefix}{name}red
+  table-id 2
+  rd 65000:1
+  mdt default 239.1.1.1
+  mdt data 239.1.8.0/24 threshold 100
+bgp
+  update-source core0
+  reflector 127.0.0.1:{port}
+"""
+
+
+def ip(*words):
+    return subprocess.run(["ip", *words], stderr=subprocess.DEVNULL, check=False).returncode == 0
+
+
+def possible():
+    if os.geteuid() != 0 or not os.path.exists("/dev/net/tun"):
+        return False
+    name = PREFIX + "try"
+    able = ip("netns", "add", name) and ip("-n", name, "link", "add", "try0", "type", "veth", "peer", "name", "try1")
+    ip("netns", "del", name)
+    return able
+
+
+def inside(room, work):
+    """What `work` returns, called on a thread in a namespace."""
+    result = []
+
+    def body():
+        with open(f"/run/netns/{PREFIX}{room}") as file:
+            if LIBC.setns(file.fileno(), CLONE_NEWNET) != 0:
+                raise OSError(ctypes.get_errno(), f"cannot enter {room}")
+        result.append(work())
+
+    thread = threading.Thread(target=body)
+    thread.start()
+    thread.join()
+    return result[0]
+
+
+def eventually(holds, seconds=20):
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        value = holds()
+        if value:
+            return value
+        time.sleep(0.05)
+    return holds()
+
+
+class MulticastRoutes:
+    """A namespace's multicast routes, while this lives."""
+
+    INIT, ADD_VIF, ADD_MFC, DEL_MFC = 200, 202, 204, 205
+
+    def __init__(self, room, devices):
+        def open_socket():
+            sock = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_IGMP)
+            sock.setsockopt(socket.IPPROTO_IP, self.INIT, 1)
+            for number, device in enumerate(devices):
+                vif = struct.pack("HBBIiI", number, 8, 1, 0, socket.if_nametoindex(device), 0)
+                sock.setsockopt(socket.IPPROTO_IP, self.ADD_VIF, vif)
+            return sock
+
+        self.socket = inside(room, open_socket)
+
+    def add(self, incoming, outgoing):
+        ttls = bytearray(32)
+        ttls[outgoing] = 1
+        route = struct.pack("4s4sH32sxxIIIi", socket.inet_aton(SOURCE), socket.inet_aton(GROUP), incoming, bytes(ttls),
+                            0, 0, 0, 0)
+        self.socket.setsockopt(socket.IPPROTO_IP, self.ADD_MFC, route)
+
+    def close(self):
+        self.socket.close()
+
+
+class Traffic:
+    """Numbered datagrams from one namespace to another, until stop()."""
+
+    def __init__(self, sender, receiver, rate):
+        self.numbers = []
+        self.sent = 0
+        self.running = True
+        self.out = inside(sender, self.open_sender)
+        self.into = inside(receiver, self.open_receiver)
+        self.threads = [threading.Thread(target=self.send, args=(rate,)), threading.Thread(target=self.receive)]
+        for thread in self.threads:
+            thread.start()
+
+    @staticmethod
+    def open_sender():
+        sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_TTL, 16)
+        return sock
+
+    @staticmethod
+    def open_receiver():
+        sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        sock.setsockopt(socket.SOL_SOCKET, 33, 8 << 20)  # SO_RCVBUFFORCE
+        sock.bind(("", PORT))
+        request = struct.pack("4s4si", socket.inet_aton(GROUP), bytes(4), socket.if_nametoindex("eth0"))
+        sock.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, request)
+        sock.settimeout(0.2)
+        return sock
+
+    def send(self, rate):
+        begin = time.monotonic()
+        while self.running:
+            while self.sent < (time.monotonic() - begin) * rate:
+                self.out.sendto(struct.pack(">I", self.sent) + bytes(196), (GROUP, PORT))
+                self.sent += 1
+            time.sleep(0.002)
+
+    def receive(self):
+        while self.running or self.numbers[-1:] != [self.sent - 1]:
+            try:
+                self.numbers.append(struct.unpack(">I", self.into.recv(2048)[:4])[0])
+            except TimeoutError:
+                if not self.running:
+                    return
+
+    def stop(self):
+        self.running = False
+        for thread in self.threads:
+            thread.join()
+        self.out.close()
+        self.into.close()
+
+
+class Pe:
+    def __init__(self, name, folder, port):
+        self.name, self.folder = name, folder
+        self.config = f"{folder}/{name}.conf"
+        pathlib.Path(self.config).write_text(
+            CONFIG.format(name=name, folder=folder, port=port, prefix=PREFIX, scale=SCALE))
+        self.log = open(f"{folder}/{name}.log", "w")
+        self.forwarder = self.control = None
+
+    def start_forwarder(self):
+        self.forwarder = subprocess.Popen(
+            [PROGRAMS / "mvpn-forwarder", "--control", f"{self.folder}/{self.name}.fwd", "--core-netns",
+             PREFIX + self.name], stderr=self.log)
+
+    def start_control(self, *options):
+        self.control = subprocess.Popen(
+            [PROGRAMS / "pimhostd", "--config", self.config, "--control", f"{self.folder}/{self.name}.ctl", "--store",
+             f"{self.folder}/{self.name}.store", *options], stderr=self.log)
+
+    def ask(self, *words):
+        done = subprocess.run([PROGRAMS / "pimctl", "--control", f"{self.folder}/{self.name}.ctl", *words],
+                              capture_output=True, text=True, check=False)
+        return done.stdout
+
+    def ask_json(self, words):
+        try:
+            return json.loads(self.ask(words + " | json"))
+        except json.JSONDecodeError:
+            return {}
+
+    def stop(self):
+        for process in (self.control, self.forwarder):
+            if process is not None and process.poll() is None:
+                process.terminate()
+                try:
+                    process.wait(10)
+                except subprocess.TimeoutExpired:
+                    process.kill()
+                    process.wait()
+        self.log.close()
+
+    def is_up(self):
+        return "MTI(mti2) Up\n" in self.ask("show", "mvpn", "mdt")
+
+    def flow(self):
+        """Index and core group of the customer's flow, as the forwarder has it."""
+        text = self.ask("show", "forwarding")
+        for line in text.splitlines():
+            words = line.split()
+            if words[:3] == ["red", SOURCE, GROUP]:
+                return words[3], words[4]
+        return None
+
+
+class TwoPes(unittest.TestCase):
+    def setUp(self):
+        self.routes, self.traffic = [], None
+        self.addCleanup(self.remove_rooms)
+        self.folder = tempfile.mkdtemp(prefix="mvpn-pe-")
+        self.addCleanup(shutil.rmtree, self.folder)
+        for room in ("pe1", "pe2", "pe1red", "pe2red", "source", "receiver"):
+            self.assertTrue(ip("netns", "add", PREFIX + room))
+            ip("-n", PREFIX + room, "link", "set", "lo", "up")
+        self.wire("pe1", "core0", "10.0.0.1/24", "pe2", "core0", "10.0.0.2/24")
+        self.wire("pe1red", "c1", "192.168.1.1/24", "source", "eth0", "192.168.1.10/24")
+        self.wire("pe2red", "c1", "192.168.2.1/24", "receiver", "eth0", "192.168.2.10/24")
+        ip("-n", PREFIX + "source", "route", "add", "default", "via", "192.168.1.1")
+        with socket.socket() as sock:
+            sock.bind(("127.0.0.1", 0))
+            port = sock.getsockname()[1]
+        self.reflector = subprocess.Popen([PROGRAMS / "mdt-reflector", "--listen", f"127.0.0.1:{port}"],
+                                          stderr=subprocess.DEVNULL)
+        self.addCleanup(self.reflector.wait)
+        self.addCleanup(self.reflector.terminate)
+        self.pes = [Pe("pe1", self.folder, port), Pe("pe2", self.folder, port)]
+        for pe in self.pes:
+            self.addCleanup(pe.stop)
+            pe.start_forwarder()
+            pe.start_control()
+        for pe in self.pes:
+            self.assertTrue(eventually(pe.is_up), pe.ask("show", "mvpn", "mdt"))
+            self.assertTrue(eventually(lambda pe=pe: "10.0.0." in pe.ask("show", "mrib", "routes")))
+        self.set_routes("pe1red", ["c1", "mti2"], 0, 1)
+        self.set_routes("pe2red", ["c1", "mti2"], 1, 0)
+
+    def remove_rooms(self):
+        if self.traffic is not None:
+            self.traffic.stop()
+        for routes in self.routes:
+            routes.close()
+        for room in ("pe1", "pe2", "pe1red", "pe2red", "source", "receiver"):
+            ip("netns", "del", PREFIX + room)
+
+    @staticmethod
+    def wire(room, device, address, other, other_device, other_address):
+        ip("-n", PREFIX + room, "link", "add", device, "type", "veth", "peer", "name", other_device, "netns",
+           PREFIX + other)
+        for name, end, own in ((room, device, address), (other, other_device, other_address)):
+            ip("-n", PREFIX + name, "addr", "add", own, "dev", end)
+            ip("-n", PREFIX + name, "link", "set", end, "up")
+
+    def set_routes(self, room, devices, incoming, outgoing):
+        if room == "pe2red":
+            ip("-n", PREFIX + room, "route", "replace", "192.168.1.0/24", "via", "10.0.0.1", "dev", "mti2", "onlink")
+        routes = MulticastRoutes(room, devices)
+        routes.add(incoming, outgoing)
+        self.routes.append(routes)
+
+    def start_traffic(self):
+        self.traffic = Traffic("source", "receiver", 1000)
+        self.assertTrue(eventually(lambda: len(self.traffic.numbers) > 10))
+
+    def switch_over(self):
+        self.assertTrue(eventually(lambda: self.pes[0].flow() == ("2", "239.1.8.0")),
+                        self.pes[0].ask("show", "forwarding"))
+
+    def expect_everything_once(self):
+        self.assertTrue(eventually(lambda: len(self.traffic.numbers) > 1000))
+        self.traffic.stop()
+        numbers, sent = self.traffic.numbers, self.traffic.sent
+        self.traffic = None
+        self.assertEqual(numbers, list(range(numbers[0], sent)), "lost, repeated or out of order")
+        self.assertLess(numbers[0], 100)
+
+    def test_switchover_and_switchback_lose_nothing(self):
+        self.start_traffic()
+        self.switch_over()
+        self.assertIn("239.1.8.0", self.pes[1].ask("show", "forwarding"))
+        self.pes[0].ask("configure", "vrf", "red", "no mdt data 239.1.8.0/24")
+        self.assertTrue(eventually(lambda: self.pes[0].flow() == ("1", "239.1.1.1")),
+                        self.pes[0].ask("show", "forwarding"))
+        self.expect_everything_once()
+
+    def test_a_killed_control_plane_costs_no_packet_and_its_successor_keeps_the_flow(self):
+        self.start_traffic()
+        self.switch_over()
+        pe = self.pes[0]
+        pe.control.send_signal(signal.SIGKILL)
+        pe.control.wait()
+        time.sleep(1)
+        pe.start_control("--restart", "stateful")
+        seen = set()
+        end = time.monotonic() + 240 / SCALE + 3  # until the recovery is over
+        while time.monotonic() < end:
+            seen.add(pe.flow())
+            time.sleep(0.1)
+        self.assertLessEqual(seen, {None, ("2", "239.1.8.0")})
+        self.assertEqual(pe.flow(), ("2", "239.1.8.0"))
+        self.assertIn("swept", pe.ask("show", "forwarding", "events"))
+        self.expect_everything_once()
+
+    def test_a_vrf_whose_namespace_is_made_anew_is_followed(self):
+        self.start_traffic()
+        self.routes.pop().close()
+        ip("netns", "del", PREFIX + "pe2red")
+        self.assertTrue(eventually(lambda: not self.pes[1].is_up()), self.pes[1].ask("show", "mvpn", "mdt"))
+        ip("netns", "add", PREFIX + "pe2red")
+        ip("-n", PREFIX + "receiver", "link", "del", "eth0")
+        self.wire("pe2red", "c1", "192.168.2.1/24", "receiver", "eth0", "192.168.2.10/24")
+        self.assertTrue(eventually(self.pes[1].is_up), self.pes[1].ask("show", "mvpn", "mdt"))
+        self.set_routes("pe2red", ["c1", "mti2"], 1, 0)
+        self.traffic.stop()
+        self.traffic = None
+        self.start_traffic()
+        self.expect_everything_once()
+
+    def test_a_vrf_that_is_removed_and_added_carries_again(self):
+        self.start_traffic()
+        pe = self.pes[0]
+        text = pathlib.Path(pe.config).read_text()
+        begin, end = text.index("vrf red"), text.index("bgp")
+        pathlib.Path(pe.config).write_text(text[:begin] + text[end:])
+        pe.control.send_signal(signal.SIGHUP)
+        gone = lambda: "mti2" not in subprocess.run(["ip", "-n", PREFIX + "pe1red", "link"], capture_output=True,
+                                                    text=True, check=False).stdout
+        self.assertTrue(eventually(gone), pe.ask("show", "forwarding"))
+        pathlib.Path(pe.config).write_text(text)
+        pe.control.send_signal(signal.SIGHUP)
+        self.assertTrue(eventually(pe.is_up), pe.ask("show", "mvpn", "mdt"))
+        self.routes.pop(0).close()
+        self.set_routes("pe1red", ["c1", "mti2"], 0, 1)
+        before = len(self.traffic.numbers)
+        self.assertTrue(eventually(lambda: len(self.traffic.numbers) > before + 100))
+        self.traffic.stop()
+        self.traffic = None
+
+    def test_views_are_documents(self):
+        self.start_traffic()
+        self.switch_over()
+        for words in ("show forwarding", "show forwarding vrf red", "show forwarding events", "show customer-routes"):
+            self.assertNotEqual(self.pes[0].ask_json(words), {}, words)
+        self.assertIn("<", self.pes[0].ask("show forwarding | xml"))
+
+
+if __name__ == "__main__":
+    if not possible():
+        print("skipped: namespaces cannot be made here")
+        sys.exit(77)
+    unittest.main(argv=[sys.argv[0], *sys.argv[2:]])
