@@ -83,7 +83,7 @@ void AdjRibOut::mark_refresh(RefreshKind kind, Octets &out) {
 }
 
 void AdjRibOut::finish_walk(Octets &out) {
-  if (reader_.walking() || mark_ == Mark::none) return;
+  if (reader_.walking() || !mark_due()) return;
   if (mark_ == Mark::refresh) {
     mark_refresh(RefreshKind::end, out);
   } else {

@@ -25,7 +25,9 @@ class AdjRibOut {
   void start();
   // Everything once more, between the marks of RFC 7313 where both sides know them.
   void refresh(bool enhanced);
-  bool pending() const { return started_ && (reader_.behind() || mark_ != Mark::none); }
+  bool pending() const { return started_ && (reader_.behind() || mark_due() || begin_refresh_); }
+  // Whether the end-of-RIB mark waits, though everything that is known has been sent.
+  void hold_end_of_rib(bool hold) { held_ = hold; }
   // Appends the messages for at most `most` routes. `groups` is scratch.
   Written run(size_t most, RouteGroups &groups, Octets &out);
 
@@ -38,6 +40,7 @@ class AdjRibOut {
  private:
   enum class Mark : uint8_t { none, end_of_rib, refresh };  // due when the walk is over
 
+  bool mark_due() const { return mark_ == Mark::refresh || (mark_ == Mark::end_of_rib && !held_); }
   void gather(size_t most, RouteGroups &groups);
   void announce(const RouteGroup &group, Octets &out);
   void withdraw(Octets &out);
@@ -48,7 +51,7 @@ class AdjRibOut {
   ExportTarget target_;
   ChangeReader reader_;
   Mark mark_ = Mark::none;
-  bool started_ = false, end_of_rib_sent_ = false, begin_refresh_ = false;
+  bool started_ = false, end_of_rib_sent_ = false, begin_refresh_ = false, held_ = false;
   uint64_t too_long_ = 0;
   std::vector<Nlri> withdrawn_;  // of the batch
   Attributes attributes_;        // scratch

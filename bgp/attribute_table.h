@@ -50,7 +50,7 @@ class AttributeTable {
   AttributeId add(const Attributes &attributes, uint32_t hash);
   void grow();
 
-  Pool<AttributeSet> sets_;
+  Pool<AttributeSet, 64> sets_;
   std::vector<AttributeId> buckets_;
   Octets scratch_;
   size_t octets_ = 0;

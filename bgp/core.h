@@ -56,6 +56,7 @@ struct Core {
   std::deque<Event> events;
   std::minstd_rand random;
   bool stopped = false;
+  bool local_awaited = false;  // the end-of-RIB marks wait for this speaker's own routes
   ConnectionId last_connection = 0;
   std::unordered_map<ConnectionId, Session *> sessions;
   std::vector<Session *> readable;                  // in the order of their turns

@@ -19,6 +19,7 @@ class Speaker::Impl {
   void originate(const Nlri &nlri, Ipv4 next_hop, const Attributes *more);
   bool withdraw(const RouteKey &key);
   bool clear(Ipv4 neighbor, ClearKind kind, const std::string &message);
+  void local_complete();
   void next_hops_changed();
 
   std::optional<ConnectionId> accepted(Ipv4 remote, Ipv4 local);
@@ -56,6 +57,7 @@ class Speaker::Impl {
   void take_told();
   void read_input();
   void end_deferral();
+  void deferral_expired();
   void select();
   void tell_changes();
   void write_output();

@@ -315,7 +315,12 @@ void Peer::start_output() {
         core_.table, ExportTarget{source_, internal(), config_.reflector_client, established_->four_octet_as(),
                                   core_.config.local_as, core_.cluster_id(), established_->local_address(),
                                   established_->largest()});
+  adj_rib_out_->hold_end_of_rib(core_.local_awaited);
   if (!core_.table.deferred() && !core_.table.selecting()) adj_rib_out_->start();
+}
+
+void Peer::release_end_of_rib() {
+  if (adj_rib_out_ != nullptr) adj_rib_out_->hold_end_of_rib(false);
 }
 
 bool Peer::output_pending() const {

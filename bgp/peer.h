@@ -48,7 +48,8 @@ class Peer {
   std::optional<Notification> receive_refresh(View message);
 
   // ---- routes out
-  void start_output();           // selection has begun
+  void start_output();  // selection has begun
+  void release_end_of_rib();
   bool output_pending() const;   // and the socket takes it
   void run_output(size_t most);  // only when some is pending; looks at so many routes, at most
 

@@ -10,7 +10,7 @@
 
 namespace bgp {
 
-template <class T>
+template <class T, uint32_t kChunk = 1024>
 class Pool {
  public:
   T &operator[](uint32_t id) { return chunks_[id / kChunk][id % kChunk]; }
@@ -40,7 +40,6 @@ class Pool {
   size_t octets() const { return chunks_.size() * kChunk * sizeof(T); }
 
  private:
-  static constexpr uint32_t kChunk = 1024;
   std::vector<std::unique_ptr<T[]>> chunks_;
   uint32_t end_ = 1, free_ = 0;
   size_t used_ = 0;

@@ -51,11 +51,9 @@ std::string Speaker::check(const NeighborConfig &config) {
 // -------------------------------------------------------------------------------------------------------- configuration
 
 Speaker::Impl::Impl(const SpeakerConfig &config, Transport &transport, Clock &clock, Observer &observer)
-    : core(config, transport, clock, observer), deferral_(core.timers, [this] {
-        core.log(LogLevel::warning, "not every neighbor has sent its routes in the deferral time");
-        end_deferral();
-      }) {
+    : core(config, transport, clock, observer), deferral_(core.timers, [this] { deferral_expired(); }) {
   if (!config.restarting) return;
+  core.local_awaited = config.await_local;
   core.table.defer_selection();
   deferral_.start(std::chrono::seconds(config.deferral_time));
   wake();
@@ -146,6 +144,12 @@ bool Speaker::Impl::clear(Ipv4 neighbor, ClearKind kind, const std::string &mess
   return false;
 }
 
+void Speaker::Impl::local_complete() {
+  core.local_awaited = false;
+  for (const auto &[address, peer] : peers_) peer->release_end_of_rib();
+  wake();
+}
+
 void Speaker::Impl::next_hops_changed() {
   if (!core.table.deferred()) core.table.start_selection();
   wake();
@@ -218,9 +222,14 @@ void Speaker::Impl::read_input() {
   }
 }
 
+void Speaker::Impl::deferral_expired() {
+  if (core.table.deferred()) core.log(LogLevel::warning, "not every neighbor has sent its routes in the deferral time");
+  end_deferral();
+  local_complete();
+}
+
 void Speaker::Impl::end_deferral() {
   if (!core.table.deferred()) return;
-  deferral_.stop();
   core.table.start_selection();
   core.events.push_back({Event::Kind::selection, LogLevel::info, 0, State::idle, State::idle, {}, 0});
 }
@@ -336,6 +345,7 @@ bool Speaker::withdraw(const RouteKey &key) { return impl_->withdraw(key); }
 bool Speaker::clear(Ipv4 neighbor, ClearKind kind, const std::string &message) {
   return impl_->clear(neighbor, kind, message);
 }
+void Speaker::local_complete() { impl_->local_complete(); }
 void Speaker::next_hops_changed() { impl_->next_hops_changed(); }
 
 std::optional<ConnectionId> Speaker::accepted(Ipv4 remote, Ipv4 local) { return impl_->accepted(remote, local); }

@@ -41,6 +41,9 @@ struct SpeakerConfig {
   uint16_t deferral_time = 360;  // seconds selection waits for end-of-RIB marks when restarting
   bool restarting = false;       // this process starts anew with its forwarding state preserved: the OPEN says so,
                                  // nothing is selected or sent before the neighbours' end-of-RIB marks
+  // With restarting: the end-of-RIB marks to the neighbors also wait for Speaker::local_complete, at most for the deferral
+  // time, because a neighbor forgets with the mark what it has not heard again.
+  bool await_local = false;
 };
 
 struct MaximumPrefix {
@@ -209,6 +212,7 @@ class Speaker {
   // Routes of this PE. The same key replaces. With a next hop of 0 each session's own address is sent.
   void originate(const Nlri &nlri, Ipv4 next_hop, const Attributes *more = nullptr);
   bool withdraw(const RouteKey &key);  // false: was not originated here
+  void local_complete();               // what was originated before the restart is originated again (await_local)
 
   void next_hops_changed();  // selects anew, in turns
 

@@ -215,6 +215,31 @@ TEST_F(Restart, SelectionWaitsForNobodyInParticular) {
   EXPECT_EQ(node->best.size(), 1U);
 }
 
+// The speaker's own routes come some time after its start; the neighbours must not forget them with the mark.
+TEST_F(Restart, TheMarkWaitsForOwnRoutes) {
+  start({.deferral_time = 40, .restarting = true, .await_local = true});
+  come_up();
+  them.announce({kOne}, attributes_of(kThem));
+  them.end_of_rib();
+  EXPECT_EQ(node->best.size(), 1U);
+  EXPECT_EQ(them.heard(), "OPEN, KEEPALIVE");
+  (*node)->originate(kTwo, kUs);
+  network.settle();
+  EXPECT_EQ(them.heard(), "UPDATE +1");
+  (*node)->local_complete();
+  network.settle();
+  EXPECT_EQ(them.heard(), "EOR");
+  // Nobody says that they are complete: the deferral time is long enough.
+  start({.deferral_time = 40, .restarting = true, .await_local = true});
+  come_up();
+  them.end_of_rib();
+  them.heard();
+  network.advance(seconds(39));
+  EXPECT_EQ(them.heard().find("EOR"), std::string::npos);
+  network.advance(seconds(1));
+  EXPECT_EQ(them.heard(), "EOR");
+}
+
 // A PE that is killed and comes back with its forwarding: nobody behind the reflector notices.
 TEST_F(Restart, EndToEndThroughAReflector) {
   world::Node &reflector = network.node(address(100), {.local_as = 65000, .router_id = address(100)});
