@@ -116,7 +116,6 @@ class Expectation {
     adverts_.insert({vrf.name, source->address, vrf.rd, vrf.config.group});
     expect_default_routes(vrf, source->address);
     std::set<ip_addr_t> groups{vrf.config.group};
-    if (vrf.config.bidir) loose_.insert(loose_.end(), vrf.config.ranges.begin(), vrf.config.ranges.end());
     for (const ref::CustomerRoute &route : ref::customer_routes(vrf.name))
       if (expect_flow(vrf, route)) {
         const ip_addr_t group = record_of(vrf, route)->group;
@@ -154,8 +153,7 @@ class Expectation {
       // The encapsulations of a VRF that the VRF manager reports down are left to the RIB, which drops them with the
       // VRF; this one does not.
       if (vrf.state_changed) continue;
-      // A bidirectional flow can be moved while its VRF is down, with the source that the VRF had.
-      if (encap.source != source && !vrf.config.bidir) problem(vrf, "encapsulates from " + dotted(encap.source));
+      if (encap.source != source) problem(vrf, "encapsulates from " + dotted(encap.source));
       if (!groups.contains(encap.group)) problem(vrf, "encapsulates for nobody in " + dotted(encap.group));
     }
     for (const ip_addr_t group : groups)
@@ -266,14 +264,8 @@ class Expectation {
     // Clearing routes drops the module's records of what the RIB has dropped by itself; this one keeps it.
     if (world_.cleared) return;
     for (const CoreRoute &route : held)
-      if (!routes_.contains(route) && !allowed_.contains(route) && !any_source_.contains(route.second) &&
-          !is_loose(route.second))
+      if (!routes_.contains(route) && !allowed_.contains(route) && !any_source_.contains(route.second))
         problems_.push_back("the RIB has " + text(route) + " for nobody");
-  }
-
-  // Routes of bidirectional flows that were moved while their VRF was down have the source that the VRF had then.
-  bool is_loose(ip_addr_t group) const {
-    return std::any_of(loose_.begin(), loose_.end(), [group](const Range &range) { return range.holds(group); });
   }
 
   static std::string text(const CoreRoute &route) {
@@ -336,7 +328,6 @@ class Expectation {
   Problems problems_;
   std::set<CoreRoute> routes_, allowed_;
   std::set<ip_addr_t> any_source_;
-  std::vector<Range> loose_;
   std::map<FlowKey, Choice> choices_;
   std::multiset<std::tuple<std::string, ip_addr_t, std::string, ip_addr_t>> adverts_;
 };
@@ -389,6 +380,8 @@ void flap_sources(World &world, bool all) {
   any = any || bring_up_overtook() || world.answers_late || world.idle_tunnel;
   // The tunnel that comes up goes to the former group; nobody asks for another one before the next bring-up.
   any = any || world.group_changed_in_bring_up;
+  // A flow can be moved while its VRF is down, bidirectional ones above all: its route has the source that the VRF had.
+  any = any || world.moved_while_down;
   // The notice of an RD reads the source's address too; the notice of the address then finds nothing changed.
   any = any || world.address_overtaken;
   // A tunnel that comes up while its VRF is not ready is taken as it is when the VRF is: with the source and the group
@@ -400,12 +393,13 @@ void flap_sources(World &world, bool all) {
     }
 }
 
-// A VRF that was refused a group while an earlier life's tunnel was there keeps a context that only a group ends.
-void end_refused(World &world) {
-  for (const std::string &name : world.refused_defaults) {
-    const Vrf *vrf = world.vrf(name);
-    if (vrf == nullptr || vrf->config.group != 0) continue;
-    world.set_default(name, "239.240.0." + std::to_string(vrf->context_id));
+// A context without a group, which only another group ends: of a VRF that was refused one while an earlier life's tunnel
+// was there, and of one whose deletion could not be asked for.
+void end_contexts_without_group(World &world) {
+  for (const auto &[name, vrf] : world.vrfs()) {
+    if (vrf.config.group != 0 || status_of(vrf) == "no context") continue;
+    if (!world.faulty && !world.refused_defaults.contains(name)) continue;
+    world.set_default(name, "239.240.0." + std::to_string(vrf.context_id));
     ref::settle();
     world.no_default(name);
     ref::settle();
@@ -494,6 +488,14 @@ void check_joined(World &world, const Vrf &vrf, const mvpn_cibtype &mvpn) {
   }
 }
 
+// A VRF that is up encapsulates, unless the RIB was not told.
+void check_default_encap(World &world, const Vrf &vrf) {
+  if (!is_up(vrf) || world.calls_failed || world.contexts_survived) return;
+  for (const ref::MribEncap &encap : ref::mrib_encaps())
+    if (encap.context_id == vrf.context_id && encap.index == 1) return;
+  world.fail(vrf.name + " is Up and does not encapsulate");
+}
+
 // Ranges with route-maps may stand in another order after the restart.
 void check_remembered(World &world, const Vrf &vrf) {
   for (const Range &range : vrf.config.ranges)
@@ -523,7 +525,10 @@ void check_settled(World &world) {
   for (const auto &[name, vrf] : world.vrfs()) {
     const pim_cibtype *pcib = pim_get_cib_by_context_name(name.c_str());
     if (pcib == nullptr || pcib->mvpn == nullptr || !world.running()) continue;
+    for (const ref::CustomerRoute &route : ref::customer_routes(name))
+      if (!is_up(vrf) && on_data_mdt(record_of(vrf, route))) world.moved_while_down = true;
     check_joined(world, vrf, *pcib->mvpn);
+    check_default_encap(world, vrf);
     if (world.recovers() && !world.faulty) check_remembered(world, vrf);
   }
 }
@@ -531,14 +536,14 @@ void check_settled(World &world) {
 void check_end(World &world) {
   make_well(world);
   flap_sources(world, world.faulty);
-  end_refused(world);
+  end_contexts_without_group(world);
   Problems problems = problems_in_time(world);
   if (world.faulty && !problems.empty()) {
     configure_anew(world);
     problems = problems_in_time(world);
   }
   // A request stays outstanding when its answer is lost, or cannot be understood: no answer has a time limit.
-  if (world.faulty && !problems.empty()) {
+  if (world.requests_left_open && !problems.empty()) {
     world.stop(false);
     world.start();
     ref::settle();

@@ -53,9 +53,8 @@ void trace_step(const Step &step) {
   for (const Step &step : script.steps) {
     if (!world.failures().empty()) break;
     played++;
-    if (std::getenv("SIMULATION_TRACE") != nullptr)
-      std::fprintf(stderr, "-- %s", print({0, {step}}).substr(12).c_str());
     play(world, step);
+    if (tracing) trace_step(step);
   }
   const bool early = !world.failures().empty();
   if (!early) check_end(world);

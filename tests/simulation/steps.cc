@@ -589,10 +589,19 @@ bool leaves_choices(const std::string &kind) {
   return leave.contains(kind);
 }
 
+// Kinds after which the module may wait for ever for an answer that it has missed.
+bool leaves_requests_open(const Words &words) {
+  static const std::set<std::string> open = {"tunnel_answers_lost", "tunnel_answer_unasked", "message_hostile", "stop",
+                                             "fail_any"};
+  return open.contains(words[0]) || (words[0] == "fail" && words[1] == "ksink_im_get_ifindex_frm_iod");
+}
+
 bool play_words(World &world, const Words &words) {
   const Kind *kind = kind_of(words[0]);
   if (kind == nullptr || words.size() != kind->words.size() + 1) return false;
   if (kind->fault) world.faulty = true;
+  if (words[0].starts_with("fail") || words[0] == "mrib_refuses_encaps") world.calls_failed = true;
+  if (leaves_requests_open(words)) world.requests_left_open = true;
   if (!leaves_choices(words[0])) world.remembered.clear();
   kind->play(world, words);
   return true;
@@ -636,7 +645,10 @@ Script draw(uint64_t seed) {
 void play(World &world, const Step &step) {
   if (step.words[0] == "in_yield") {
     world.in_yield(value(step.words[1]), [&world, inner = inner_steps(step.words)] {
-      for (const Words &words : inner) play_words(world, words);
+      for (const Words &words : inner) {
+        play_words(world, words);
+        ref::settle();
+      }
     });
   } else {
     play_words(world, step.words);

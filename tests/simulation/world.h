@@ -137,6 +137,9 @@ class World {
 
   // Faults that platform and neighbours cannot make good: afterwards some VRFs may need an operator.
   bool faulty = false;
+  bool moved_while_down = false;             // a flow, onto a data MDT
+  bool calls_failed = false;                 // platform calls
+  bool requests_left_open = false;           // answers may have been missed
   bool cleared = false;                      // routes were cleared
   bool answers_late = false;                 // the tunnel manager kept its answers back
   bool group_changed_in_bring_up = false;    // the tunnel had been asked for with the former one
