@@ -28,6 +28,63 @@ enum {
   MRIB_NOTIFY_ENTRY_SIZE = 88,     /* bytes of a notification entry */
 };
 
+/* The three formats that client and MRIB exchange, by byte offset. Numbers have 4 bytes unless their line says another
+ * size, are in host byte order, and lie at any alignment; bytes that no line names are 0. Addresses are ip_addr_t,
+ * interfaces im_iod_t with 0 for none. */
+
+/* Header of an update-route buffer, as the MRIB writes it. */
+enum {
+  MRIB_UPDATE_LENGTH = 0, /* of header and entries, in bytes */
+  MRIB_UPDATE_COUNT = 4,  /* of entries */
+  MRIB_UPDATE_XID = MRIB_ACK_XID_OFFSET,
+};
+
+/* Update-route entry. A deletion is two entries: one takes the owner's claim away; the second one, which carries context,
+ * addresses, lengths and the teardown mark only, gives the route up when no owner is left. */
+enum mrib_update_entry {
+  MRIB_ENTRY_CONTEXT_ID = 0, /* vrf_context_id_t of the core */
+  MRIB_ENTRY_SOURCE = 4,     /* 0 for (*,G) */
+  MRIB_ENTRY_GROUP = 8,
+  MRIB_ENTRY_SOURCE_LEN = 12,      /* 1 byte: 32, or MROUTE_ANY_SOURCE_LEN for (*,G) */
+  MRIB_ENTRY_GROUP_LEN = 13,       /* 1 byte: 32 */
+  MRIB_ENTRY_RPF_ADDR = 16,        /* RPF neighbour */
+  MRIB_ENTRY_RPF_ADDR_SET = 24,    /* 1 when it is set */
+  MRIB_ENTRY_ADD_OWNER = 28,       /* handle of the owning VRF, its context id, on adds */
+  MRIB_ENTRY_OWNER = 32,           /* the same on first entries; 0 in the second one of a deletion */
+  MRIB_ENTRY_MDT_SOURCE_IOD = 36,  /* interface of the MDT source */
+  MRIB_ENTRY_MTI_IOD = 40,         /* tunnel interface of the owner */
+  MRIB_ENTRY_ASM_SHARED_TREE = 60, /* 1 byte: 1 = joined on the shared tree */
+  MRIB_ENTRY_ADD = 62,             /* 1 byte: 1 add, 0 delete */
+  MRIB_ENTRY_LOCAL = 70,           /* 1 byte: 1 = this PE is the source */
+  MRIB_ENTRY_LAST_HOP = 71,        /* 1 byte: 1 = this PE receives */
+  MRIB_ENTRY_MTI_IOD_SET = 72,     /* 1 byte: 1 = the tunnel interface counts */
+  MRIB_ENTRY_TEARDOWN = 83,        /* 1 byte: 1 in the second entry of a deletion */
+  MRIB_ENTRY_END = MRIB_UPDATE_ENTRY_SIZE,
+};
+
+/* Encapsulation record: the index that stands for a provider group in a customer VRF. */
+enum mrib_encap_record {
+  MRIB_ENCAP_ADD = 36,        /* 1 byte: 1 add, 0 delete */
+  MRIB_ENCAP_CONTEXT_ID = 40, /* vrf_context_id_t of the customer VRF */
+  MRIB_ENCAP_MTI_IOD = 48,    /* tunnel interface */
+  MRIB_ENCAP_INDEX = 52,      /* 2 bytes; in a deletion 0 stands for every index of the VRF */
+  MRIB_ENCAP_GROUP = 56,      /* provider group */
+  MRIB_ENCAP_SOURCE = 60,     /* MDT source */
+  MRIB_ENCAP_SOURCE_IOD = 64, /* its interface */
+};
+
+/* Notification entry. */
+enum mrib_notify_entry {
+  MRIB_NOTIFY_ENTRY_CONTEXT_ID = 0,
+  MRIB_NOTIFY_ENTRY_EVENT = 4, /* 1 byte, enum mrib_notify_event */
+  MRIB_NOTIFY_ENTRY_SOURCE = 8,
+  MRIB_NOTIFY_ENTRY_GROUP = 12,
+  MRIB_NOTIFY_ENTRY_SOURCE_LEN = 16,  /* 1 byte */
+  MRIB_NOTIFY_ENTRY_GROUP_LEN = 17,   /* 1 byte */
+  MRIB_NOTIFY_ENTRY_ONLY_SOURCE = 56, /* 1 byte: 1 = a clear of (S,G) routes only */
+  MRIB_NOTIFY_ENTRY_ONLY_SHARED = 57, /* 1 byte: 1 = a clear of (*,G) routes only */
+};
+
 /* Events of a notification entry. */
 enum mrib_notify_event {
   MRIB_NOTIFY_JOIN = 0x01,

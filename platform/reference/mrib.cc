@@ -39,48 +39,6 @@ struct mrib_context {
 namespace ref {
 namespace {
 
-// Byte offsets in an update-route entry.
-enum EntryOffset {
-  entry_context_id = 0,
-  entry_source = 4,
-  entry_group = 8,
-  entry_source_len = 12,
-  entry_group_len = 13,
-  entry_rpf_addr = 16,
-  entry_rpf_addr_set = 24,
-  entry_owner = 32,
-  entry_mdt_source_iod = 36,
-  entry_mti_iod = 40,
-  entry_asm_shared_tree = 60,
-  entry_add = 62,
-  entry_local = 70,
-  entry_last_hop = 71,
-  entry_mti_iod_set = 72,
-};
-// Byte offsets in an update's header, as this MRIB writes it.
-enum HeaderOffset { header_length = 0, header_count = 4, header_xid = MRIB_ACK_XID_OFFSET };
-// Byte offsets in an encapsulation record.
-enum EncapOffset {
-  encap_add = 36,
-  encap_context_id = 40,
-  encap_mti_iod = 48,
-  encap_index = 52,
-  encap_group = 56,
-  encap_source = 60,
-  encap_source_iod = 64,
-};
-// Byte offsets in a notification entry.
-enum NotifyOffset {
-  notify_context_id = 0,
-  notify_event = 4,
-  notify_source = 8,
-  notify_group = 12,
-  notify_source_len = 16,
-  notify_group_len = 17,
-  notify_sg_only = 56,
-  notify_star_g_only = 57,
-};
-
 struct RouteKey {
   vrf_context_id_t context_id;
   ip_addr_t group, source;
@@ -233,19 +191,19 @@ void drop_installed() {
 
 MribRoute decode_entry(const uint8_t *entry, uint32_t xid) {
   MribRoute route;
-  route.context_id = wire::load_host<uint32_t>(entry + entry_context_id);
-  route.addrs.source = wire::load_host<uint32_t>(entry + entry_source);
-  route.addrs.group = wire::load_host<uint32_t>(entry + entry_group);
-  route.addrs.source_len = entry[entry_source_len];
-  route.addrs.group_len = entry[entry_group_len];
-  route.owner = wire::load_host<uint32_t>(entry + entry_owner);
-  route.mdt_source_iod = wire::load_host<uint32_t>(entry + entry_mdt_source_iod);
-  if (entry[entry_mti_iod_set] != 0) route.mti_iod = wire::load_host<uint32_t>(entry + entry_mti_iod);
-  if (wire::load_host<uint32_t>(entry + entry_rpf_addr_set) != 0)
-    route.rpf_addr = wire::load_host<uint32_t>(entry + entry_rpf_addr);
-  route.local = entry[entry_local] != 0;
-  route.last_hop = entry[entry_last_hop] != 0;
-  route.asm_shared_tree = entry[entry_asm_shared_tree] != 0;
+  route.context_id = wire::load_host<uint32_t>(entry + MRIB_ENTRY_CONTEXT_ID);
+  route.addrs.source = wire::load_host<uint32_t>(entry + MRIB_ENTRY_SOURCE);
+  route.addrs.group = wire::load_host<uint32_t>(entry + MRIB_ENTRY_GROUP);
+  route.addrs.source_len = entry[MRIB_ENTRY_SOURCE_LEN];
+  route.addrs.group_len = entry[MRIB_ENTRY_GROUP_LEN];
+  route.owner = wire::load_host<uint32_t>(entry + MRIB_ENTRY_OWNER);
+  route.mdt_source_iod = wire::load_host<uint32_t>(entry + MRIB_ENTRY_MDT_SOURCE_IOD);
+  if (entry[MRIB_ENTRY_MTI_IOD_SET] != 0) route.mti_iod = wire::load_host<uint32_t>(entry + MRIB_ENTRY_MTI_IOD);
+  if (wire::load_host<uint32_t>(entry + MRIB_ENTRY_RPF_ADDR_SET) != 0)
+    route.rpf_addr = wire::load_host<uint32_t>(entry + MRIB_ENTRY_RPF_ADDR);
+  route.local = entry[MRIB_ENTRY_LOCAL] != 0;
+  route.last_hop = entry[MRIB_ENTRY_LAST_HOP] != 0;
+  route.asm_shared_tree = entry[MRIB_ENTRY_ASM_SHARED_TREE] != 0;
   route.entry.assign(entry, entry + MRIB_UPDATE_ENTRY_SIZE);
   route.xid = xid;
   return route;
@@ -275,7 +233,7 @@ void apply_entry(const uint8_t *entry, uint32_t xid) {
   MribRoute decoded = decode_entry(entry, xid);
   if (!is_route(decoded.addrs)) return;
   const RouteKey key = key_of(decoded.context_id, decoded.addrs);
-  if (entry[entry_add] != 0)
+  if (entry[MRIB_ENTRY_ADD] != 0)
     install(key, std::move(decoded));
   else
     uninstall(key, decoded.owner);
@@ -310,12 +268,12 @@ mrib_client_handle *register_client(const char *name) {
 
 std::vector<uint8_t> notify_entry(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &addrs, uint8_t event) {
   std::vector<uint8_t> entry(MRIB_NOTIFY_ENTRY_SIZE);
-  wire::store_host(&entry[notify_context_id], context_id);
-  entry[notify_event] = event;
-  wire::store_host(&entry[notify_source], addrs.source);
-  wire::store_host(&entry[notify_group], addrs.group);
-  entry[notify_source_len] = addrs.source_len;
-  entry[notify_group_len] = addrs.group_len;
+  wire::store_host(&entry[MRIB_NOTIFY_ENTRY_CONTEXT_ID], context_id);
+  entry[MRIB_NOTIFY_ENTRY_EVENT] = event;
+  wire::store_host(&entry[MRIB_NOTIFY_ENTRY_SOURCE], addrs.source);
+  wire::store_host(&entry[MRIB_NOTIFY_ENTRY_GROUP], addrs.group);
+  entry[MRIB_NOTIFY_ENTRY_SOURCE_LEN] = addrs.source_len;
+  entry[MRIB_NOTIFY_ENTRY_GROUP_LEN] = addrs.group_len;
   return entry;
 }
 
@@ -427,8 +385,8 @@ void mrib_notify_delete(vrf_context_id_t context_id, const mvpn_mdt_route_addrs 
 
 void mrib_notify_clear(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &addrs, bool sg_only, bool star_g_only) {
   std::vector<uint8_t> entry = notify_entry(context_id, addrs, MRIB_NOTIFY_CLEAR);
-  entry[notify_sg_only] = sg_only ? 1 : 0;
-  entry[notify_star_g_only] = star_g_only ? 1 : 0;
+  entry[MRIB_NOTIFY_ENTRY_ONLY_SOURCE] = sg_only ? 1 : 0;
+  entry[MRIB_NOTIFY_ENTRY_ONLY_SHARED] = star_g_only ? 1 : 0;
   post([context_id, entry = std::move(entry)] {
     pim_cibtype *pcib = pim_get_cib_by_context_id(context_id);
     if (pcib != nullptr && module().clear_route_notify != nullptr) module().clear_route_notify(pcib, entry.data(), 1);
@@ -481,9 +439,9 @@ int mrib_mts_update_route(mrib_client_handle *client, uint32_t operation, void *
   if (client == nullptr || client->registration == 0 || operation != 1 || length != expected) return 1;
   if (ref::take_refusal(ref::state.refuse_updates)) return 1;
   auto *bytes = static_cast<uint8_t *>(buffer);
-  ref::wire::store_host(bytes + ref::header_length, length);
-  ref::wire::store_host(bytes + ref::header_count, count);
-  ref::wire::store_host(bytes + ref::header_xid, xid);
+  ref::wire::store_host(bytes + MRIB_UPDATE_LENGTH, length);
+  ref::wire::store_host(bytes + MRIB_UPDATE_COUNT, count);
+  ref::wire::store_host(bytes + MRIB_UPDATE_XID, xid);
   const uint8_t *entries = bytes + MRIB_UPDATE_HEADER_SIZE, *end = bytes + length;
   for (uint32_t i = 0; i < count; i++) ref::apply_entry(entries + size_t{i} * MRIB_UPDATE_ENTRY_SIZE, xid);
   ref::state.updates_total++;
@@ -497,13 +455,13 @@ int mrib_update_mdt_encap_info(mrib_client_handle *client, const void *record, u
   if (ref::take_refusal(ref::state.refuse_encaps)) return 0;
   const auto *bytes = static_cast<const uint8_t *>(record);
   ref::MribEncap encap{};
-  encap.context_id = ref::wire::load_host<uint32_t>(bytes + ref::encap_context_id);
-  encap.index = ref::wire::load_host<uint16_t>(bytes + ref::encap_index);
-  encap.group = ref::wire::load_host<uint32_t>(bytes + ref::encap_group);
-  encap.source = ref::wire::load_host<uint32_t>(bytes + ref::encap_source);
-  encap.mti_iod = ref::wire::load_host<uint32_t>(bytes + ref::encap_mti_iod);
-  encap.source_iod = ref::wire::load_host<uint32_t>(bytes + ref::encap_source_iod);
-  if (bytes[ref::encap_add] != 0) {
+  encap.context_id = ref::wire::load_host<uint32_t>(bytes + MRIB_ENCAP_CONTEXT_ID);
+  encap.index = ref::wire::load_host<uint16_t>(bytes + MRIB_ENCAP_INDEX);
+  encap.group = ref::wire::load_host<uint32_t>(bytes + MRIB_ENCAP_GROUP);
+  encap.source = ref::wire::load_host<uint32_t>(bytes + MRIB_ENCAP_SOURCE);
+  encap.mti_iod = ref::wire::load_host<uint32_t>(bytes + MRIB_ENCAP_MTI_IOD);
+  encap.source_iod = ref::wire::load_host<uint32_t>(bytes + MRIB_ENCAP_SOURCE_IOD);
+  if (bytes[MRIB_ENCAP_ADD] != 0) {
     ref::state.encaps[{encap.context_id, encap.index}] = encap;
     if (ref::ForwardingPlane *plane = ref::forwarding_plane()) plane->encap_changed(encap, true);
     return 1;

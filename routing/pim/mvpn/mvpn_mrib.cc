@@ -416,18 +416,6 @@ void mvpn_mrib_withdraw_mdt_routes(mvpn_cibtype *mvpn) {
 
 namespace {
 
-// Byte offsets in a notification entry.
-enum notify_entry_offset : uint32_t {
-  NOTIFY_CONTEXT_ID = 0,
-  NOTIFY_EVENT = 4,
-  NOTIFY_SOURCE = 8,
-  NOTIFY_GROUP = 12,
-  NOTIFY_SOURCE_LEN = 16,
-  NOTIFY_GROUP_LEN = 17,
-  NOTIFY_ONLY_SOURCE = 56,
-  NOTIFY_ONLY_SHARED = 57,
-};
-
 struct notify_entry {
   vrf_context_id_t context_id;
   uint8_t event;
@@ -441,14 +429,14 @@ struct notify_entry {
 // The address record ends two bytes before a mvpn_mdt_route_addrs does; those are another field's.
 static notify_entry decode_notify_entry(const uint8_t *entry) {
   notify_entry out{};
-  out.context_id = load_host<uint32_t>(entry + NOTIFY_CONTEXT_ID);
-  out.event = entry[NOTIFY_EVENT];
-  out.addrs.source = load_host<uint32_t>(entry + NOTIFY_SOURCE);
-  out.addrs.group = load_host<uint32_t>(entry + NOTIFY_GROUP);
-  out.addrs.source_len = entry[NOTIFY_SOURCE_LEN];
-  out.addrs.group_len = entry[NOTIFY_GROUP_LEN];
-  out.only_source = entry[NOTIFY_ONLY_SOURCE];
-  out.only_shared = entry[NOTIFY_ONLY_SHARED];
+  out.context_id = load_host<uint32_t>(entry + MRIB_NOTIFY_ENTRY_CONTEXT_ID);
+  out.event = entry[MRIB_NOTIFY_ENTRY_EVENT];
+  out.addrs.source = load_host<uint32_t>(entry + MRIB_NOTIFY_ENTRY_SOURCE);
+  out.addrs.group = load_host<uint32_t>(entry + MRIB_NOTIFY_ENTRY_GROUP);
+  out.addrs.source_len = entry[MRIB_NOTIFY_ENTRY_SOURCE_LEN];
+  out.addrs.group_len = entry[MRIB_NOTIFY_ENTRY_GROUP_LEN];
+  out.only_source = entry[MRIB_NOTIFY_ENTRY_ONLY_SOURCE];
+  out.only_shared = entry[MRIB_NOTIFY_ENTRY_ONLY_SHARED];
   return out;
 }
 
@@ -497,7 +485,7 @@ void mvpn_process_mrib_mdt_notify(const void *message) {
   if (count == 0) return;
   const uint8_t *entry = bytes + MRIB_NOTIFY_ENTRIES_OFFSET;
   for (uint32_t i = 0; i < count; i++, entry += MRIB_NOTIFY_ENTRY_SIZE) {
-    const uint8_t event = entry[NOTIFY_EVENT];
+    const uint8_t event = entry[MRIB_NOTIFY_ENTRY_EVENT];
     if ((event & MRIB_NOTIFY_JOIN) != 0) mvpn_process_mrib_mdt_join_notify(entry);
     if ((event & MRIB_NOTIFY_DELETE) != 0) mvpn_process_mrib_mdt_delete_notify(entry);
   }
@@ -604,17 +592,6 @@ void mvpn_mrib_trigger_rpf_lookup(mvpn_cibtype *mvpn) {
 
 namespace {
 
-// Byte offsets in an encapsulation record; host byte order, bytes not named are 0.
-enum mrib_encap_record_offset : uint32_t {
-  ENCAP_ADD = 36,         // 1 byte: 1 add, 0 delete
-  ENCAP_CONTEXT_ID = 40,  // customer VRF
-  ENCAP_MTI_IOD = 48,
-  ENCAP_INDEX = 52,  // 2 bytes; in a deletion 0 stands for every index of the VRF
-  ENCAP_GROUP = 56,
-  ENCAP_SOURCE = 60,
-  ENCAP_SOURCE_IOD = 64,
-};
-
 // Texts of the reports about one operation on encapsulations.
 struct encap_operation {
   const char *function;    // report of the allocator
@@ -640,7 +617,7 @@ static encap_record allocate_encap_record(const mvpn_cibtype *mvpn, const encap_
   if (record == nullptr) {
     mvpn_report(msg_error_PIM_MALLOC, operation.allocation);
   } else {
-    store_host<uint32_t>(record.get() + ENCAP_CONTEXT_ID, mvpn->pcib->context_id);
+    store_host<uint32_t>(record.get() + MRIB_ENCAP_CONTEXT_ID, mvpn->pcib->context_id);
   }
   return record;
 }
@@ -658,12 +635,12 @@ int mvpn_mrib_update_one_mdt_encap_info(mvpn_cibtype *mvpn, uint32_t encap_index
   const encap_record record = allocate_encap_record(mvpn, update_one);
   if (record == nullptr) return 0;
   uint8_t *bytes = record.get();
-  bytes[ENCAP_ADD] = add != 0 ? 1 : 0;
-  store_host<uint32_t>(bytes + ENCAP_MTI_IOD, mvpn->mti_iod);
-  store_host<uint16_t>(bytes + ENCAP_INDEX, static_cast<uint16_t>(encap_index));
-  store_host<uint32_t>(bytes + ENCAP_GROUP, mvpn->mdt_encap_group[encap_index]);
-  store_host<uint32_t>(bytes + ENCAP_SOURCE, mvpn->mdt_source_addr);
-  store_host<uint32_t>(bytes + ENCAP_SOURCE_IOD, mvpn->mdt_source_iod);
+  bytes[MRIB_ENCAP_ADD] = add != 0 ? 1 : 0;
+  store_host<uint32_t>(bytes + MRIB_ENCAP_MTI_IOD, mvpn->mti_iod);
+  store_host<uint16_t>(bytes + MRIB_ENCAP_INDEX, static_cast<uint16_t>(encap_index));
+  store_host<uint32_t>(bytes + MRIB_ENCAP_GROUP, mvpn->mdt_encap_group[encap_index]);
+  store_host<uint32_t>(bytes + MRIB_ENCAP_SOURCE, mvpn->mdt_source_addr);
+  store_host<uint32_t>(bytes + MRIB_ENCAP_SOURCE_IOD, mvpn->mdt_source_iod);
   return send_encap_record(record, update_one);
 }
 

@@ -42,28 +42,6 @@ extern pthread_t mvpn_mrib_worker_thread;  // 0 = not running
 extern pthread_mutex_t mvpn_mrib_worker_mutex;
 extern pthread_cond_t mvpn_mrib_worker_cond;
 
-// A route entry of an update buffer, by byte offset; 4-byte fields in host byte order.
-enum mrib_update_entry : uint32_t {
-  MRIB_ENTRY_CONTEXT_ID = 0,
-  MRIB_ENTRY_SOURCE = 4,
-  MRIB_ENTRY_GROUP = 8,
-  MRIB_ENTRY_SOURCE_LEN = 12,  // 1 byte: 32, or 255 for (*,G)
-  MRIB_ENTRY_GROUP_LEN = 13,   // 1 byte: 32
-  MRIB_ENTRY_RPF_ADDR = 16,
-  MRIB_ENTRY_RPF_ADDR_SET = 24,  // 1 when RPF_ADDR is set
-  MRIB_ENTRY_ADD_OWNER = 28,     // handle of the owning VRF on adds
-  MRIB_ENTRY_OWNER = 32,         // handle of the owning VRF on first entries
-  MRIB_ENTRY_MDT_SOURCE_IOD = 36,
-  MRIB_ENTRY_MTI_IOD = 40,
-  MRIB_ENTRY_ASM_SHARED_TREE = 60,  // 1 byte
-  MRIB_ENTRY_ADD = 62,              // 1 byte: 1 add, 0 delete
-  MRIB_ENTRY_LOCAL = 70,            // 1 byte
-  MRIB_ENTRY_LAST_HOP = 71,         // 1 byte
-  MRIB_ENTRY_MTI_IOD_SET = 72,      // 1 byte
-  MRIB_ENTRY_TEARDOWN = 83,         // 1 byte
-  MRIB_ENTRY_END = MRIB_UPDATE_ENTRY_SIZE,
-};
-
 // Start and stop of the interface; deinit: 0 when the deregistration failed.
 int mvpn_init_mrib();
 int mvpn_deinit_mrib(int deregister);
