@@ -172,8 +172,17 @@ void Stage::write_vrf_daemons(const NetworkPe &pe, const NetworkVrf &vrf, const 
 }
 
 void Stage::add_vrf(const std::string &pe, const std::string &vrf) {
-  connect_vrf(network_.pe(pe), pe + "-" + vrf);
-  start_daemons({pe + "-" + vrf});
+  const std::string place = pe + "-" + vrf;
+  connect_vrf(network_.pe(pe), place);
+  // A forwarder that serves the VRF makes its tunnel at once. An interface that gets its address just while zebra reads
+  // what is there is not told to pimd: the daemons start when the tunnel stands, or when there will be none yet.
+  const std::string tunnel = network_.vrf(vrf).tunnel();
+  for (int i = 0; i < 20; ++i) {
+    const Result result = namespaces_.in(place, {"ip", "-o", "address", "show", "dev", tunnel, "up"});
+    if (result.status == 0 && result.output.find("inet ") != std::string::npos) break;
+    pause_for(100ms);
+  }
+  start_daemons({place});
 }
 
 void Stage::remove_vrf(const std::string &pe, const std::string &vrf) {
@@ -255,7 +264,10 @@ void Stage::start_daemons(const std::vector<std::string> &places) {
   for (const char *daemon : {"zebra", "staticd", "pimd"}) {
     for (const std::string &place : places) {
       const std::string folder = daemon_folder(place);
-      if (daemon == std::string("zebra")) write_daemon_file(place, daemon, "");
+      if (daemon == std::string("zebra")) {
+        write_daemon_file(place, daemon, "");
+        std::filesystem::remove(folder + "/zserv.api");  // a former zebra's: it would be taken for the new one's
+      }
       daemons_[place].emplace_back(
           Launch{.command = {kDaemonFolder + daemon, "-f", folder + "/" + daemon + ".conf", "-i",
                              folder + "/" + daemon + ".pid", "-z", folder + "/zserv.api", "--vty_socket", folder, "-P",
