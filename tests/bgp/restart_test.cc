@@ -146,12 +146,14 @@ TEST_F(Restart, RoutesThatWereStaleBeforeTheSecondRestartGo) {
 TEST_F(Restart, TheMarkComesAfterTheRoutesBeforeIt) {
   start();
   come_up();
-  std::vector<Nlri> routes;
-  for (uint32_t vrf = 0; vrf < 3000; vrf++) routes.push_back(route(vrf, address(50)));
-  for (size_t i = 0; i < routes.size(); i += 1000)
-    them.announce({routes.begin() + static_cast<ptrdiff_t>(i), routes.begin() + static_cast<ptrdiff_t>(i + 1000)},
-                  attributes_of(kThem));
-  them.end_of_rib();
+  bgp::Octets octets, attributes;  // all in one piece, and more than the observer is told in a turn
+  bgp::encode_attributes(attributes_of(kThem), {}, attributes);
+  bgp::UpdateBuilder builder(octets, bgp::kExtendedMessageMax, attributes, kThem);
+  for (uint32_t vrf = 0; vrf < 3000; vrf++) builder.add(route(vrf, address(50)));
+  builder.finish();
+  bgp::encode_end_of_rib(bgp::kMdt, octets);
+  them.send(octets);
+  EXPECT_EQ(node->best.size(), 3000U);
   ASSERT_FALSE(node->events.empty());
   EXPECT_EQ(node->events.back(), "end of rib 10.0.0.2");
   EXPECT_EQ(std::count(node->events.begin(), node->events.end(), "end of rib 10.0.0.2"), 1);
