@@ -84,6 +84,7 @@ MdtSafi entry_of(const EntryKey &key) {
 
 std::vector<MdtSafi> entries_of(const std::set<EntryKey> &keys) {
   std::vector<MdtSafi> all;
+  all.reserve(keys.size());
   for (const EntryKey &key : keys) all.push_back(entry_of(key));
   return all;
 }

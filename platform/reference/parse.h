@@ -25,7 +25,7 @@ inline std::optional<ip_addr_t> parse_address(std::string_view text) {
   ip_addr_t address = 0;
   for (int octet = 0; octet < 4; octet++) {
     const size_t end = octet < 3 ? text.find('.') : text.size();
-    if (end == text.npos || end > 3) return std::nullopt;
+    if (end > 3) return std::nullopt;
     const auto value = parse_number(text.substr(0, end), 255);
     if (!value) return std::nullopt;
     address = address << 8 | static_cast<ip_addr_t>(*value);

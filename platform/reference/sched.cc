@@ -373,7 +373,7 @@ int quillon_pthread_create(pthread_t *handle, const pthread_attr_t *attributes, 
   if (error != 0)
     drop_member(&start->member);
   else
-    start.release();
+    (void)start.release();  // the thread's now
   return error;
 }
 

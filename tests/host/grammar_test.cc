@@ -103,7 +103,8 @@ void check_paths(const std::vector<Word> &words, Mode mode, std::vector<std::str
 }
 
 TEST(GrammarTest, EveryKeywordIsReachable) {
-  for (const Mode mode : {Mode::exec, Mode::global, Mode::pim, Mode::core, Mode::forwarding, Mode::interface, Mode::vrf, Mode::bgp})
+  for (const Mode mode :
+       {Mode::exec, Mode::global, Mode::pim, Mode::core, Mode::forwarding, Mode::interface, Mode::vrf, Mode::bgp})
     check_paths(root_of(mode), mode, {});
 }
 

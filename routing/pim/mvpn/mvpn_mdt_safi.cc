@@ -80,6 +80,7 @@ static int index_insert(Index &index, mvpn_bgp_mdt_safi *entry, const char *func
     index.insert(entry);
     return 1;
   } catch (const std::bad_alloc &) {
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): an index holds pointers
     mvpn_report(msg_error_PIM_MALLOC, sizeof(typename Index::value_type), function);
     return 0;
   }

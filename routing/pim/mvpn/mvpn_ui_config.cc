@@ -378,7 +378,7 @@ static bool bind_policy(const mvpn_cibtype *mvpn, mvpn_data_mdt_range *range, tr
     policy.policy_handle = 0;
     return false;
   }
-  name.release();
+  (void)name.release();
   return true;
 }
 
