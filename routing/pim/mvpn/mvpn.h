@@ -4,10 +4,16 @@
 // Results, unless a declaration says otherwise: 1 (or a pointer) for success, 0 (or null) for failure. Addresses are in
 // host byte order. Every entry point is called under the host's scheduling locks (thread.h); those marked "yields" may
 // let other threads run, after which no record that the caller held is certain to exist.
+//
+// The header is read by C++20 and by C11. C11 cannot say how wide an enumeration is, so there an enumeration's name stands
+// for its number, and constants are enumerators.
 #ifndef MVPN_H
 #define MVPN_H
 
+#include <assert.h>
 #include <pthread.h>
+#include <stddef.h>
+#include <stdint.h>
 
 #include "platform/bgp.h"
 #include "platform/cli.h"
@@ -23,6 +29,39 @@
 #include "platform/txlist.h"
 #include "platform/types.h"
 
+#ifdef __cplusplus
+#define MVPN_ENUM(name, number) enum name : number
+#define MVPN_CONSTANT(name, value) constexpr uint32_t name = value
+#else
+#define MVPN_ENUM(name, number) \
+  typedef number name;          \
+  enum
+#define MVPN_CONSTANT(name, value) enum { name = value }
+// clang-format off
+typedef struct mvpn_mdt_route_addrs mvpn_mdt_route_addrs;
+typedef struct pim_cibtype pim_cibtype;
+typedef struct pim_core_route pim_core_route;
+typedef struct pim_iftype pim_iftype;
+typedef struct pim_route pim_route;
+typedef struct ravl_node ravl_node;
+typedef struct ravl_tree ravl_tree;
+typedef struct rpm_binding rpm_binding;
+typedef struct rqueue rqueue;
+typedef struct txlist_element txlist_element;
+typedef struct zeph_timestamp zeph_timestamp;
+typedef struct mvpn_bgp_mdt_safi mvpn_bgp_mdt_safi;
+typedef struct mvpn_bgp_mdt_safi_key mvpn_bgp_mdt_safi_key;
+typedef struct mvpn_cibtype mvpn_cibtype;
+typedef struct mvpn_data_mdt_range mvpn_data_mdt_range;
+typedef struct mvpn_data_mdt_recv_join_info mvpn_data_mdt_recv_join_info;
+typedef struct mvpn_data_mdt_send_join_info mvpn_data_mdt_send_join_info;
+typedef struct mvpn_ha_encap_info_t mvpn_ha_encap_info_t;
+typedef struct mvpn_mdt_route mvpn_mdt_route;
+typedef struct mvpn_refusals mvpn_refusals;
+typedef struct mvpn_switchover_entry mvpn_switchover_entry;
+// clang-format on
+#endif
+
 #define MVPN_ENUM_CONSTANT(name, value, text) name = value,
 
 // ---------------------------------------------------------------------------------------------------- enumerations
@@ -33,7 +72,7 @@
   X(MVPN_FUNCTIONALITY_DOWN_PENDING, 1, "Down Pending") /* stopping: BGP, MRIB are told nothing */   \
   X(MVPN_FUNCTIONALITY_UP, 2, "Up")                     /* every sub-initialisation has succeeded */ \
   X(MVPN_FUNCTIONALITY_UP_PENDING, 3, "Up Pending")     /* starting, or a start that failed */
-enum mvpn_functionality_status_t : uint32_t { MVPN_FUNCTIONALITY_STATUS_LIST(MVPN_ENUM_CONSTANT) };
+MVPN_ENUM(mvpn_functionality_status_t, uint32_t){MVPN_FUNCTIONALITY_STATUS_LIST(MVPN_ENUM_CONSTANT)};
 
 // Status of a VRF's multicast tunnel interface (MTI).
 #define MVPN_MTI_STATUS_LIST(X)                                                                     \
@@ -47,10 +86,10 @@ enum mvpn_functionality_status_t : uint32_t { MVPN_FUNCTIONALITY_STATUS_LIST(MVP
   X(MVPN_MTI_DELETED, 7, "Deleted")                   /* delete response arrived */                 \
   X(MVPN_MTI_UP_PENDING, 8, "Up Pending")             /* bring-up request sent */                   \
   X(MVPN_MTI_UP, 9, "Up")                             /* PIM runs on the interface */
-enum mvpn_mti_status_t : uint32_t { MVPN_MTI_STATUS_LIST(MVPN_ENUM_CONSTANT) };
+MVPN_ENUM(mvpn_mti_status_t, uint32_t){MVPN_MTI_STATUS_LIST(MVPN_ENUM_CONSTANT)};
 
 // Statuses in which the MTI exists as a PIM interface, as a bit mask over mvpn_mti_status_t.
-constexpr uint32_t MVPN_MTI_PIM_INTERFACE_STATUSES = 0x378;
+MVPN_CONSTANT(MVPN_MTI_PIM_INTERFACE_STATUSES, 0x378);
 
 // PIM mode of a group.
 #define MVPN_MDT_GROUP_MODE_LIST(X)        \
@@ -58,70 +97,69 @@ constexpr uint32_t MVPN_MTI_PIM_INTERFACE_STATUSES = 0x378;
   X(MVPN_MDT_GROUP_MODE_SSM, 1, "SSM")     \
   X(MVPN_MDT_GROUP_MODE_BIDIR, 2, "Bidir") \
   X(MVPN_MDT_GROUP_MODE_ASM, 3, "ASM")
-enum mvpn_mdt_group_mode_t : uint32_t { MVPN_MDT_GROUP_MODE_LIST(MVPN_ENUM_CONSTANT) };
+MVPN_ENUM(mvpn_mdt_group_mode_t, uint32_t){MVPN_MDT_GROUP_MODE_LIST(MVPN_ENUM_CONSTANT)};
 
 // What a core route carries. Types 1 and 3 are local, 2 and 4 remote; 0 means "any" in filters.
-enum mvpn_mdt_route_type_t : uint32_t {
-  MVPN_MDT_ROUTE_LOCAL_DEFAULT = 1,   // default MDT, sourced by this PE
-  MVPN_MDT_ROUTE_REMOTE_DEFAULT = 2,  // default MDT, sourced by a remote PE
-  MVPN_MDT_ROUTE_LOCAL_DATA = 3,      // data MDT, sourced by this PE
-  MVPN_MDT_ROUTE_REMOTE_DATA = 4,     // data MDT of a remote PE, joined by this one
+MVPN_ENUM(mvpn_mdt_route_type_t, uint32_t){
+    MVPN_MDT_ROUTE_LOCAL_DEFAULT = 1,   // default MDT, sourced by this PE
+    MVPN_MDT_ROUTE_REMOTE_DEFAULT = 2,  // default MDT, sourced by a remote PE
+    MVPN_MDT_ROUTE_LOCAL_DATA = 3,      // data MDT, sourced by this PE
+    MVPN_MDT_ROUTE_REMOTE_DATA = 4,     // data MDT of a remote PE, joined by this one
 };
 
 // What the MRIB worker still has to do for a core route.
-enum mvpn_mdt_route_pending_t : uint8_t {
-  MVPN_MDT_ROUTE_NOT_PENDING = 0,
-  MVPN_MDT_ROUTE_ADD_PENDING = 1,
-  MVPN_MDT_ROUTE_DELETE_PENDING = 2,  // freed once its delete entries are written
+MVPN_ENUM(mvpn_mdt_route_pending_t, uint8_t){
+    MVPN_MDT_ROUTE_NOT_PENDING = 0, MVPN_MDT_ROUTE_ADD_PENDING = 1,
+    MVPN_MDT_ROUTE_DELETE_PENDING = 2,  // freed once its delete entries are written
 };
 
 // State of a customer flow on the sending side.
-enum mvpn_data_mdt_state_t : uint32_t {
-  MVPN_DATA_MDT_STATE_DEFAULT = 0,             // on the default MDT
-  MVPN_DATA_MDT_STATE_SWITCHOVER_PENDING = 1,  // announced, not yet switched
-  MVPN_DATA_MDT_STATE_ACTIVE = 2,              // on its data MDT
-  MVPN_DATA_MDT_STATE_SWITCHBACK_PENDING = 3,  // one check below the threshold
+MVPN_ENUM(mvpn_data_mdt_state_t, uint32_t){
+    MVPN_DATA_MDT_STATE_DEFAULT = 0,             // on the default MDT
+    MVPN_DATA_MDT_STATE_SWITCHOVER_PENDING = 1,  // announced, not yet switched
+    MVPN_DATA_MDT_STATE_ACTIVE = 2,              // on its data MDT
+    MVPN_DATA_MDT_STATE_SWITCHBACK_PENDING = 3,  // one check below the threshold
 };
 
 // Kind of the last operational change of a VRF, as SNMP reports it.
-enum mvpn_last_change_t : uint32_t {
-  MVPN_LAST_CHANGE_CREATED = 1,
-  MVPN_LAST_CHANGE_DEFAULT_MDT = 3,
-  MVPN_LAST_CHANGE_DATA_MDT = 4,
+MVPN_ENUM(mvpn_last_change_t, uint32_t){
+    MVPN_LAST_CHANGE_CREATED = 1,
+    MVPN_LAST_CHANGE_DEFAULT_MDT = 3,
+    MVPN_LAST_CHANGE_DATA_MDT = 4,
 };
 
 // Kinds of objects on the MRIB transmit list.
-enum mvpn_txlist_elem_kind_t : uint8_t {
-  MVPN_TXLIST_MEMBER_WORKER = 1,
-  MVPN_TXLIST_ELEM_ROUTE = 2,
-  MVPN_TXLIST_ELEM_CONTEXT = 3,
-  MVPN_TXLIST_ELEM_WITHDRAWAL = 4,
+MVPN_ENUM(mvpn_txlist_elem_kind_t, uint8_t){
+    MVPN_TXLIST_MEMBER_WORKER = 1,
+    MVPN_TXLIST_ELEM_ROUTE = 2,
+    MVPN_TXLIST_ELEM_CONTEXT = 3,
+    MVPN_TXLIST_ELEM_WITHDRAWAL = 4,
 };
 
 // Kinds of records that depend on a core route; the tag of its referers.
-enum mvpn_referer_kind_t : uint32_t {
-  MVPN_REFERER_CUSTOMER_ROUTE = 1,  // pim_route mapped onto the local source
-  MVPN_REFERER_RECV_JOIN = 2,       // mvpn_data_mdt_recv_join_info
+MVPN_ENUM(mvpn_referer_kind_t, uint32_t){
+    MVPN_REFERER_CUSTOMER_ROUTE = 1,  // pim_route mapped onto the local source
+    MVPN_REFERER_RECV_JOIN = 2,       // mvpn_data_mdt_recv_join_info
 };
 
 // Croute kinds that a received announcement is installed for.
-enum mvpn_recv_join_flag_t : uint32_t {
-  MVPN_RECV_JOIN_MAPPED_SG = 1,
-  MVPN_RECV_JOIN_MAPPED_STARG = 2,
+MVPN_ENUM(mvpn_recv_join_flag_t, uint32_t){
+    MVPN_RECV_JOIN_MAPPED_SG = 1,
+    MVPN_RECV_JOIN_MAPPED_STARG = 2,
 };
 
-constexpr uint32_t MVPN_MDT_MTU_DEFAULT = 1376;              // bytes
-constexpr uint32_t MVPN_PIM_HELLO_INTERVAL_DEFAULT = 30000;  // milliseconds
-constexpr uint32_t MVPN_PIM_JP_INTERVAL_DEFAULT = 60;        // seconds; also the unit of configured intervals
-constexpr uint32_t MVPN_DATA_MDT_TIMEOUT_DEFAULT = 180;      // seconds
-constexpr uint32_t MVPN_ENCAP_INDEXES = 1024;                // entries of the encapsulation table
-constexpr uint32_t MVPN_ENCAP_INDEX_NONE = 0;                // not sent into the MVPN
-constexpr uint32_t MVPN_ENCAP_INDEX_DEFAULT = 1;             // default MDT
-constexpr uint32_t MVPN_ENCAP_INDEX_FIRST_DATA = 2;          // first index of a data MDT
-constexpr uint32_t MVPN_DATA_MDT_POOL_GROUPS = 1024;         // groups that a range can hand out
+MVPN_CONSTANT(MVPN_MDT_MTU_DEFAULT, 1376);              // bytes
+MVPN_CONSTANT(MVPN_PIM_HELLO_INTERVAL_DEFAULT, 30000);  // milliseconds
+MVPN_CONSTANT(MVPN_PIM_JP_INTERVAL_DEFAULT, 60);        // seconds; also the unit of configured intervals
+MVPN_CONSTANT(MVPN_DATA_MDT_TIMEOUT_DEFAULT, 180);      // seconds
+MVPN_CONSTANT(MVPN_ENCAP_INDEXES, 1024);                // entries of the encapsulation table
+MVPN_CONSTANT(MVPN_ENCAP_INDEX_NONE, 0);                // not sent into the MVPN
+MVPN_CONSTANT(MVPN_ENCAP_INDEX_DEFAULT, 1);             // default MDT
+MVPN_CONSTANT(MVPN_ENCAP_INDEX_FIRST_DATA, 2);          // first index of a data MDT
+MVPN_CONSTANT(MVPN_DATA_MDT_POOL_GROUPS, 1024);         // groups that a range can hand out
 
 // Whether an address is in 224.0.0.0/4.
-constexpr bool mvpn_is_multicast(ip_addr_t address) { return address >> 28 == 0xE; }
+static inline int mvpn_is_multicast(ip_addr_t address) { return address >> 28 == 0xE; }
 
 // --------------------------------------------------------------------------------------------------------- records
 
@@ -215,7 +253,7 @@ struct mvpn_bgp_mdt_safi_key {
   ip_addr_t mdt_grp;                         // default MDT group
 };
 static_assert(sizeof(mvpn_bgp_mdt_safi_key) == 16);
-constexpr uint32_t MVPN_MDT_SAFI_TREE_KEY_SIZE = 12;
+MVPN_CONSTANT(MVPN_MDT_SAFI_TREE_KEY_SIZE, 12);
 
 // Entry of the MDT SAFI database. Slab object.
 struct mvpn_bgp_mdt_safi {
@@ -270,7 +308,9 @@ static_assert(sizeof(mvpn_ha_encap_info_t) == 8);
 // --------------------------------------------------------------------------------------------------------- exported
 
 #pragma GCC visibility push(default)
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // Event-history enable words, set by the host; word MVPN_TRACE_SLOT enables the module's.
 enum { PIM_TRACE_BUFFERS = 34, MVPN_TRACE_SLOT = 27 };
@@ -358,7 +398,9 @@ mvpn_cibtype *mvpn_bgp_get_context_by_connector_attribute(void *first, void *att
 // Mode of a group in a VRF; never None.
 mvpn_mdt_group_mode_t mvpn_get_group_mode(vrf_context_id_t context_id, ip_addr_t group);
 
+#ifdef __cplusplus
 }  // extern "C"
+#endif
 #pragma GCC visibility pop
 
 #endif  // MVPN_H
