@@ -54,7 +54,7 @@ CoreSite::CoreSite(Poller &poller, State &state, Callbacks callbacks)
       state_(state),
       callbacks_(std::move(callbacks)),
       arrivals_(std::make_unique<uint8_t[]>(kBatch * kArrivalMax)),
-      buffers_(std::make_unique<uint8_t[]>(kBatch * kRoom)),
+      buffer_(std::make_unique<uint8_t[]>(kRoom)),
       plan_(kMembershipsASocket) {
   raise_limit("igmp_max_memberships", 4096);
   raise_limit("igmp_max_msf", 4096);
@@ -64,6 +64,7 @@ CoreSite::CoreSite(Poller &poller, State &state, Callbacks callbacks)
     messages_[i].msg_hdr.msg_iovlen = 1;
     messages_[i].msg_hdr.msg_name = &destinations_[i];
     messages_[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
+    destinations_[i] = address_of(0);
   }
   KernelView::Callbacks seen = callbacks_.view;
   seen.ways_changed = [this] { ways_changed_ = true; };
@@ -125,20 +126,15 @@ int CoreSite::sender_for(uint32_t source) {
   return last_sender_ = sender_of_[source] = sender.get();
 }
 
-void CoreSite::queue(Vrf &vrf, Encapsulation &encapsulation, size_t customer_size) {
+void CoreSite::queue(Vrf &vrf, Encapsulation &encapsulation, std::span<uint8_t> datagram) {
   const int sender = sender_for(encapsulation.source);
-  uint8_t *packet = room();
-  if (sender != sender_ && queued_ != 0) {
-    flush();
-    std::copy(packet + kOuterSize, packet + kOuterSize + customer_size, room() + kOuterSize);
-    packet = room();
-  }
+  if (sender != sender_ || queued_ == kBatch) flush();
   sender_ = sender;
-  encapsulation.header.write(packet, packet + kOuterSize, customer_size, encapsulation.identification++);
-  parts_[queued_] = {packet, kOuterSize + customer_size};
-  destinations_[queued_] = address_of(encapsulation.group);
-  vrfs_[queued_] = &vrf;
-  if (++queued_ == kBatch) flush();
+  uint8_t *packet = datagram.data() - kOuterSize;
+  encapsulation.header.write(packet, datagram.data(), datagram.size(), encapsulation.identification++);
+  parts_[queued_] = {packet, kOuterSize + datagram.size()};
+  destinations_[queued_].sin_addr.s_addr = htonl(encapsulation.group);
+  vrfs_[queued_++] = &vrf;
 }
 
 void CoreSite::flush() {

@@ -59,15 +59,16 @@ class CoreSite {
   };
   Joined joined(const CoreKey &key) const;
 
-  // Room for a packet of the batch: kOuterSize bytes for the outer header, then kCustomerMax. Then queue() it, or take
-  // the room again. queue sends the batch when it is full; flush what is in it.
-  uint8_t *room() { return buffers_.get() + queued_ * kRoom; }
-  void queue(Vrf &vrf, Encapsulation &encapsulation, size_t customer_size);
+  // Room for the packets of a batch. Each has kOuterSize bytes in front of it for the outer header, then at most
+  // kCustomerMax. They stand close together: packets that are pages apart would push each other out of the cache.
+  uint8_t *room() { return buffer_.get(); }
+  static constexpr size_t kRoom = kBatch * 2048 + kOuterSize + kCustomerMax;
+
+  // Adds a customer datagram in the room to what flush() sends.
+  void queue(Vrf &vrf, Encapsulation &encapsulation, std::span<uint8_t> datagram);
   void flush();
 
  private:
-  static constexpr size_t kRoom = kOuterSize + kCustomerMax;
-
   void open_receiver();
   void receive();
   int sender_for(uint32_t source);
@@ -94,7 +95,7 @@ class CoreSite {
   std::map<uint32_t, int> sender_of_;  // by source
   uint32_t last_source_ = 0;
   int last_sender_ = -1;
-  std::unique_ptr<uint8_t[]> buffers_;
+  std::unique_ptr<uint8_t[]> buffer_;
   std::array<mmsghdr, kBatch> messages_{};
   std::array<iovec, kBatch> parts_{};
   std::array<sockaddr_in, kBatch> destinations_{};

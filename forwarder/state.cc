@@ -199,6 +199,11 @@ size_t State::sweep() {
 
 // ------------------------------------------------------------------------------------------------------------ packets
 
+void State::prefetch(const Vrf &vrf, std::span<const uint8_t> datagram) {
+  Customer customer;
+  if (!inspect_customer(datagram, &customer)) vrf.flows.prefetch(customer.source, customer.group);
+}
+
 Encapsulation *State::choose(Vrf &vrf, std::span<const uint8_t> datagram) {
   Customer customer;
   if (const auto reason = inspect_customer(datagram, &customer)) return drop(vrf.drops, *reason);

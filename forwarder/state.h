@@ -120,6 +120,8 @@ class State {
   DropCounters &drops() { return drops_; }  // in the core
   size_t flows() const { return flow_count_; }
 
+  // Brings what choose() will need on its way into the cache.
+  static void prefetch(const Vrf &vrf, std::span<const uint8_t> datagram);
   // A customer datagram from a VRF: the encapsulation to send it with, and what to count it under. Null: dropped, and
   // counted.
   Encapsulation *choose(Vrf &vrf, std::span<const uint8_t> datagram);

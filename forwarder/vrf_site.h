@@ -62,6 +62,8 @@ class VrfSite {
   void set_up_device();
   void open_socket();
   void encapsulate();
+  bool encapsulate_batch();
+  void fail_device();
   void take_datagrams();
   void tell_tunnel();
   void fail(const std::string &what);
