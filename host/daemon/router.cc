@@ -132,8 +132,7 @@ ref::CustomerRoute customer_route(const Statement &statement) {
 }
 
 Router::Router(Loop &loop, const LoadedModule &module, Options options)
-    : loop_(loop),
-      module_(module),
+    : module_(module),
       options_(std::move(options)),
       links_(loop, options_.capture, options_.log),
       forwarding_(std::make_unique<Forwarding>(

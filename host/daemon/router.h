@@ -94,7 +94,6 @@ class Router {
   void set_route(const std::string &vrf, const std::string &key);
   Outcome run_handler(const std::string &vrf, const Statement &statement, bool no_form, bool interactive);
 
-  Loop &loop_;
   LoadedModule module_;
   Options options_;
   Links links_;
