@@ -353,6 +353,12 @@ void make_well(World &world) {
       ref::set_interface_address(name, address("10.0.0.0") + world.next_address++);
     ref::set_interface_state(name, true);
   }
+  // An entry that found no memory is not asked for again: BGP's session starts anew.
+  if (world.calls_failed) {
+    const auto remote = ref::bgp_remote_entries();
+    ref::bgp_withdraw_remote(remote);
+    ref::bgp_add_remote(remote);
+  }
   if (world.update_source().empty()) world.set_update_source("core0");
   for (auto &[name, vrf] : world.vrfs()) {
     world.set_vrf_state(name, true);

@@ -25,12 +25,14 @@ const Pool default_groups = {"239.1.0.1", "239.1.0.1", "239.1.0.2", "239.1.0.3",
 const Pool ranges = {"239.2.0.0/24", "239.2.1.0/30", "239.2.2.0/31", "232.2.0.0/28",
                      "239.9.8.0/30", "239.2.0.0/16", "239.0.0.0/8",  "239.2.3.4/32"};
 const Pool thresholds = {"0", "0", "1", "100", "500"};
+const Pool mtus = {"90", "100", "124", "1400", "1500"};  // the least have room for three announcements
 const Pool rates = {"0", "1", "50", "99", "100", "101", "400", "600", "1000"};
 const Pool sources = {"192.168.1.1", "192.168.1.2", "192.168.1.3", "192.168.1.4"};
 const Pool far_sources = {"192.168.9.1", "192.168.9.2", "192.168.1.1"};
 const Pool groups = {"232.8.0.1", "232.8.0.2", "239.8.0.1", "239.8.0.2"};
 const Pool data_groups = {"239.7.0.1", "239.7.0.2", "239.7.0.3", "232.7.0.1", "239.9.7.1"};
-const Pool pes = {"10.9.0.1", "10.9.0.2", "10.9.0.3"};
+const Pool pes = {"10.9.0.1", "10.9.0.1", "10.9.0.2", "10.9.0.3"};
+const Pool heard_groups = {"232.8.0.1", "232.8.0.1", "239.8.0.1"};
 const Pool core = {"core0", "core0", "core1", "core2"};
 const Pool failing = {"slab_calloc",
                       "pt_add",
@@ -134,8 +136,10 @@ void flow(const std::string &vrf, const std::string &source, const std::string &
   ref::set_customer_route(vrf, route);
 }
 
-void receiver(const std::string &vrf, const std::string &source, const std::string &group, const std::string &pe) {
+void receiver(const std::string &vrf, const std::string &source, const std::string &group, const std::string &pe,
+              bool bidir = false) {
   ref::CustomerRoute route;
+  route.bidirectional = bidir;
   route.addrs = addrs(source, group);
   route.iif = "mvpn";
   route.rpf_neighbor = address(pe);
@@ -150,6 +154,26 @@ void change_route(const std::string &vrf, const std::string &source, const std::
   ref::CustomerRoute route = route_of(vrf, source, group);
   change(route);
   ref::set_customer_route(vrf, route);
+}
+
+// Below every threshold for one check, and back.
+void let_dip(const std::string &vrf, const std::string &source, const std::string &group) {
+  if (!has_route(vrf, source, group)) return;
+  const uint64_t rate = route_of(vrf, source, group).rate_kbps;
+  ref::set_customer_rate(vrf, addrs(source, group), 0);
+  ref::statistics_pass();
+  ref::settle();
+  ref::set_customer_rate(vrf, addrs(source, group), rate);
+  ref::statistics_pass();
+}
+
+// The host's news about a bidirectional route: before and after are the two bits of `change`.
+void look_up_rpf(World &world, const std::string &vrf, const std::string &group, uint32_t change) {
+  pim_cibtype *pcib = pim_get_cib_by_context_name(vrf.c_str());
+  const mvpn_mdt_route_addrs key = addrs("*", group);
+  pim_route *route = pcib == nullptr ? nullptr : pim_get_route_from_pt(pcib, &key);
+  if (route == nullptr || !world.running()) return;
+  mvpn_process_rpf_lookup(pcib, &key, route, address("172.16.0.1"), change & 1, change >> 1);
 }
 
 ref::MdtSafi remote_entry(const std::string &pe, const std::string &group, unsigned rd) {
@@ -275,7 +299,7 @@ void add_commands(Kinds &all) {
 }
 
 void add_settings(Kinds &all) {
-  all.add("mtu", 2, {vrfs, number(90, 1500)}, [](World &world, const Words &w) {
+  all.add("mtu", 3, {vrfs, mtus}, [](World &world, const Words &w) {
     world.set_number(w[1], "mdt_mtu_cmd", "<mtu-value>", &Config::mtu, w[2]);
   });
   all.add("no_mtu", 1, {vrfs},
@@ -323,6 +347,13 @@ void add_flows(Kinds &all) {
           [](World &, const Words &w) { flow(w[1], "*", w[2], value(w[3]), true); });
   all.add("rate", 10, {vrfs, sources, groups, rates},
           [](World &, const Words &w) { ref::set_customer_rate(w[1], addrs(w[2], w[3]), value(w[4])); });
+  all.add("flows_many", 2, {vrfs, number(2, 25), rates}, [](World &, const Words &w) {
+    for (uint32_t i = 0; i < value(w[2]); i++)
+      flow(w[1], dotted(address("192.168.2.1") + i), "232.8.2.1", value(w[3]), false);
+  });
+  all.add("flow_dips", 3, {vrfs, sources, groups}, [](World &, const Words &w) { let_dip(w[1], w[2], w[3]); });
+  all.add("rpf_lookup", 2, {vrfs, groups, number(0, 3)},
+          [](World &world, const Words &w) { look_up_rpf(world, w[1], w[2], value(w[3])); });
   all.add("flow_stays", 2, {vrfs, sources, groups}, [](World &, const Words &w) {
     change_route(w[1], w[2], w[3], [](ref::CustomerRoute &route) { route.to_mvpn = false; });
   });
@@ -338,35 +369,45 @@ void add_flows(Kinds &all) {
 
 // Receivers at the sites.
 void add_receivers(Kinds &all) {
-  all.add("receiver", 8, {vrfs, far_sources, groups, pes},
+  all.add("receiver", 8, {vrfs, far_sources, heard_groups, pes},
           [](World &, const Words &w) { receiver(w[1], w[2], w[3], w[4]); });
-  all.add("receiver_of_group", 4, {vrfs, groups, pes},
+  all.add("receiver_of_group", 4, {vrfs, heard_groups, pes},
           [](World &, const Words &w) { receiver(w[1], "*", w[2], w[3]); });
-  all.add("receiver_leaves", 3, {vrfs, far_sources, groups}, [](World &, const Words &w) {
+  all.add("receiver_bidir", 2, {vrfs, heard_groups, pes},
+          [](World &, const Words &w) { receiver(w[1], "*", w[2], w[3], true); });
+  all.add("receiver_leaves", 3, {vrfs, far_sources, heard_groups}, [](World &, const Words &w) {
     change_route(w[1], w[2], w[3], [](ref::CustomerRoute &route) { route.oifs.clear(); });
   });
-  all.add("receiver_delete", 3, {vrfs, far_sources, groups},
+  all.add("receiver_delete", 3, {vrfs, far_sources, heard_groups},
           [](World &, const Words &w) { ref::delete_customer_route(w[1], addrs(w[2], w[3])); });
   all.add("policy", 1, {sources}, [](World &world, const Words &w) { world.set_policy({address(w[1])}); });
 }
 
 // Announcements of other PEs.
 void add_announcements(Kinds &all) {
-  all.add("announce", 8, {vrfs, far_sources, groups, pes, data_groups}, [](World &world, const Words &w) {
+  all.add("announce", 8, {vrfs, far_sources, heard_groups, pes, data_groups}, [](World &world, const Words &w) {
     world.announce({w[1], address(w[2]), address(w[3]), address(w[4]), address(w[5])});
   });
-  all.add("announce_group", 3, {vrfs, groups, pes, data_groups}, [](World &world, const Words &w) {
+  all.add("announce_group", 3, {vrfs, heard_groups, pes, data_groups}, [](World &world, const Words &w) {
     world.announce({w[1], 0, address(w[2]), address(w[3]), address(w[4])});
   });
-  all.add("announce_own", 2, {vrfs, sources, groups, data_groups}, [](World &world, const Words &w) {
+  all.add("announce_own", 2, {vrfs, sources, heard_groups, data_groups}, [](World &world, const Words &w) {
     world.announce({w[1], address(w[2]), address(w[3]), address("172.16.0.200"), address(w[4])});
   });
-  all.add("announce_no_group", 1, {vrfs, far_sources, groups, pes, number(0, 1)}, [](World &world, const Words &w) {
-    world.announce({w[1], address(w[2]), address(w[3]), address(w[4]), w[5] == "0" ? 0 : address("10.1.2.3")});
-  });
-  all.add("announce_many", 1, {vrfs, pes}, [](World &world, const Words &w) {
-    for (uint32_t i = 0; i < 40; i++)
+  all.add("announce_no_group", 1, {vrfs, far_sources, heard_groups, pes, number(0, 1)},
+          [](World &world, const Words &w) {
+            world.announce({w[1], address(w[2]), address(w[3]), address(w[4]), w[5] == "0" ? 0 : address("10.1.2.3")});
+          });
+  all.add("announce_many", 1, {vrfs, pes, number(1, 1200)}, [](World &world, const Words &w) {
+    for (uint32_t i = 0; i < value(w[3]); i++)
       world.announce({w[1], address("192.168.9.1"), address("232.8.1.0") + i, address(w[2]), address("239.7.1.0") + i});
+  });
+  all.add("announcement_limit", 1, {number(1, 50)},
+          [](World &, const Words &w) { mvpn_data_mdt_recv_cache_limit = value(w[1]); });
+  all.add("announce_stored", 1, {vrfs}, [](World &world, const Words &w) {
+    const pim_cibtype *pcib = pim_get_cib_by_context_name(w[1].c_str());
+    if (world.running() && pcib != nullptr && pcib->mvpn != nullptr)
+      mvpn_unconditional_announce_data_mdt_join(pcib->mvpn);
   });
   all.add("datagram_hostile", 2, {vrfs, number(0, 9999)},
           [](World &world, const Words &w) { hostile_datagram(world, w[1], value(w[2])); });
@@ -391,6 +432,13 @@ void add_bgp(Kinds &all) {
   all.add("bgp_request_local", 1, {}, [](World &, const Words &) { ref::bgp_request_local(); });
   all.add("bgp_end_of_rib", 1, {}, [](World &, const Words &) { ref::bgp_end_of_rib(); });
   all.fault("message_hostile", 2, {number(0, 9999)}, [](World &, const Words &w) { hostile_message(value(w[1])); });
+  all.add("bgp_connector", 1, {pes}, [](World &world, const Words &w) {
+    const ref::MdtSafi entry = remote_entry(w[1], "239.1.0.1", 0);
+    ip_addr_t source = 0;
+    if (world.running())
+      mvpn_bgp_get_context_by_connector_attribute(nullptr, ref::bgp_make_connector_attribute(entry.rd, entry.source),
+                                                  &source);
+  });
   all.add("rd", 3, {vrfs, number(1, 3)},
           [](World &world, const Words &w) { world.set_rd(w[1], "65000:" + w[2] + "00" + w[1].substr(1)); });
   all.add("rd_again", 1, {vrfs}, [](World &world, const Words &w) {

@@ -19,6 +19,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
+const uint32_t announcement_limit = mvpn_data_mdt_recv_cache_limit;  // as the module has it
+
 World *current = nullptr;  // of the tap below
 
 class Nowhere : public ref::CliSink {
@@ -193,8 +195,10 @@ void World::replay_vrf(const std::string &name) {
   Vrf *vrf = this->vrf(name);
   if (vrf == nullptr || !running_) return;
   Config &config = vrf->config;
-  if (config.group != 0 && !command(name, "mdt_default_cmd", {{"<mdt-default>", dotted(config.group)}}, false, false))
+  if (config.group != 0 && !command(name, "mdt_default_cmd", {{"<mdt-default>", dotted(config.group)}}, false, false)) {
     config.group = 0;
+    refused_defaults.insert(name);
+  }
   if (!config.enforce) command(name, "mdt_enforce_bgp_mdt_safi_cmd", {}, true, false);
   if (config.shared_tree) config.shared_tree = command(name, "mdt_asm_use_shared_tree_cmd", {}, false, false);
   if (!config.source.empty()) command(name, "mdt_source_cmd", {{"<interface>", config.source}}, false, false);
@@ -433,6 +437,7 @@ void World::in_yield(unsigned n, std::function<void()> steps) {
 void World::cease_faults() {
   trace::reset();
   answers_to_lose_ = 0;
+  mvpn_data_mdt_recv_cache_limit = announcement_limit;
   ref::set_oim_answers(true);
   ref::mrib_refuse_updates(0);
   ref::mrib_refuse_encaps(0);
