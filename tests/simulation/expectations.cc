@@ -405,7 +405,7 @@ void end_contexts_without_group(World &world) {
   for (const auto &[name, vrf] : world.vrfs()) {
     if (vrf.config.group != 0 || status_of(vrf) == "no context") continue;
     if (!world.faulty && !world.refused_defaults.contains(name)) continue;
-    world.set_default(name, "239.240.0." + std::to_string(vrf.context_id));
+    world.set_default(name, "225.1.0." + std::to_string(vrf.context_id));
     ref::settle();
     world.no_default(name);
     ref::settle();

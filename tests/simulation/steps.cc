@@ -334,7 +334,10 @@ void add_settings(Kinds &all) {
   });
   all.add("views", 2, {vrfs}, [](World &world, const Words &w) { world.all_commands_without_effect(w[1]); });
   all.add("views_of_all", 1, {}, [](World &world, const Words &) { world.all_commands_without_effect(""); });
-  all.fault("unusable", 1, {vrfs}, [](World &, const Words &w) { ref::set_pcib_usable(w[1], false); });
+  all.fault("unusable", 1, {vrfs}, [](World &world, const Words &w) {
+    world.unusable.insert(w[1]);
+    ref::set_pcib_usable(w[1], false);
+  });
 }
 
 // Flows of the sites.

@@ -270,7 +270,10 @@ bool World::command(const std::string &vrf_name, const std::string &handler,
   invocation.no_form = no_form;
   invocation.interactive = interactive;
   Nowhere nowhere;
-  return ref::cli_invoke(invocation, nowhere) == 0;
+  const bool accepted = ref::cli_invoke(invocation, nowhere) == 0;
+  // Where PIM's context cannot be used, commands do nothing and say nothing; these two still take away.
+  const bool takes_away = no_form && (handler == "mdt_default_cmd" || handler == "mdt_data_cmd");
+  return accepted && (takes_away || !unusable.contains(vrf_name));
 }
 
 void World::set_default(const std::string &vrf_name, const std::string &group) {
@@ -437,6 +440,7 @@ void World::in_yield(unsigned n, std::function<void()> steps) {
 void World::cease_faults() {
   trace::reset();
   answers_to_lose_ = 0;
+  unusable.clear();
   mvpn_data_mdt_recv_cache_limit = announcement_limit;
   ref::set_oim_answers(true);
   ref::mrib_refuse_updates(0);
