@@ -307,7 +307,7 @@ void Table::compact() {
 }
 
 size_t Table::octets() const {
-  size_t octets = routes_.octets() + paths_.octets() + buckets_.capacity() * sizeof(RouteId) +
+  size_t octets = routes_.octets() + paths_.octets() + buckets_.size() * sizeof(RouteId) +
                   log_.size() * sizeof(RouteId) + sources_.capacity() * sizeof(Source);
   for (const ChangeReader *reader : readers_) octets += reader->octets();
   return octets + attributes_.octets();

@@ -138,7 +138,7 @@ class Table {
   Pool<Route> routes_;
   Pool<Path> paths_;
   // Linear hashing: one bucket is split for each route that comes beyond one a bucket, so that no insertion pays for all.
-  std::vector<RouteId> buckets_;
+  std::deque<RouteId> buckets_;  // grows without being copied
   size_t level_, split_ = 0;
   std::vector<Source> sources_;
   std::vector<SourceId> sweeping_;
