@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "host/snmp/tables.h"
 #include "platform/ip.h"
 
 namespace host {
@@ -189,10 +190,21 @@ bool Router::start_module(std::vector<ConfigError> *refused) {
   const bool again = commands_registered_;
   if (!again) module_.init_cli();
   commands_registered_ = true;
+  if (!again) check_handlers();
   replay_all(refused);
   // A module that was stopped knows the update source of then, and asks for none when it starts anew.
   if (again) follow_update_source();
   return true;
+}
+
+// A command or an SNMP object whose handler has another name would fail when somebody needs it.
+void Router::check_handlers() const {
+  const std::vector<std::string> names = ref::cli_registered();
+  const std::set<std::string> registered(names.begin(), names.end());
+  std::set<std::string> wanted = handlers_of_lines();
+  wanted.merge(snmp::handlers_of_objects());
+  for (const std::string &name : wanted)
+    if (!registered.contains(name)) throw std::runtime_error("the module has registered no handler " + name);
 }
 
 void Router::stop_module() {

@@ -75,6 +75,7 @@ class Router {
 
   bool follow_feature(std::vector<ConfigError> *refused);
   bool start_module(std::vector<ConfigError> *refused);
+  void check_handlers() const;
   void stop_module();
   void replay_all(std::vector<ConfigError> *refused);
   void replay_vrf(const std::string &vrf);

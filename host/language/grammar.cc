@@ -251,4 +251,21 @@ std::vector<SyntaxLine> syntax_of(Mode mode) {
   return lines;
 }
 
+namespace {
+
+void add_handlers(const Word &word, std::set<std::string> *names) {
+  if (!word.handler.empty()) names->insert(word.handler);
+  for (const auto *behind : {&word.next, &word.options})
+    for (const Word &next : *behind) add_handlers(next, names);
+}
+
+}  // namespace
+
+std::set<std::string> handlers_of_lines() {
+  std::set<std::string> names;
+  for (int mode = 0; mode <= static_cast<int>(kLastMode); mode++)
+    for (const Word &word : root_of(static_cast<Mode>(mode))) add_handlers(word, &names);
+  return names;
+}
+
 }  // namespace host

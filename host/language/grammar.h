@@ -6,6 +6,7 @@
 #define HOST_GRAMMAR_H
 
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,6 +17,7 @@ namespace host {
 
 // Where a line stands. The configuration modes after `global` are blocks.
 enum class Mode { exec, global, pim, core, forwarding, interface, vrf, bgp };
+constexpr Mode kLastMode = Mode::bgp;
 
 // What a complete line does.
 enum class Command {
@@ -164,6 +166,9 @@ struct SyntaxLine {
   std::string help;
 };
 std::vector<SyntaxLine> syntax_of(Mode mode);
+
+// Names of the module's handlers that lines of any mode go to.
+std::set<std::string> handlers_of_lines();
 
 // The words that a line of a mode begins with.
 const std::vector<Word> &root_of(Mode mode);

@@ -157,4 +157,14 @@ std::string_view element_name(int element) {
 
 std::string argument_name(int element) { return "<" + std::string(element_name(element)) + "-in>"; }
 
+std::set<std::string> handlers_of_objects() {
+  std::set<std::string> names;
+  for (const Table &table : tables()) {
+    names.insert(table.handler);
+    if (table.listing) names.insert(table.listing->handler);
+  }
+  for (const Scalar &scalar : scalars()) names.insert(scalar.handler);
+  return names;
+}
+
 }  // namespace host::snmp

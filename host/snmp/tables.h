@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -60,6 +61,9 @@ struct Scalar {
 const std::vector<Table> &tables();
 const std::vector<Scalar> &scalars();
 const Table &default_mdt_table();  // has a row for every VRF
+
+// Names of the module's handlers that tables and scalars are read from.
+std::set<std::string> handlers_of_objects();
 
 // Name of an element in the output schema; empty for none.
 std::string_view element_name(int element);

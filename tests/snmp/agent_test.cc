@@ -9,6 +9,7 @@
 #include <set>
 #include <sstream>
 
+#include "host/language/grammar.h"
 #include "host/snmp/agentx.h"
 #include "host/snmp/tables.h"
 #include "platform/cli_schema.h"
@@ -299,6 +300,16 @@ TEST_F(AgentTest, BgpAnnouncementsBehindAnUnusedOneAreServed) {
   for (const char *vrf : {"blue", "green", "red"})  // our own
     expected.insert(address_parts(context(vrf)->mdt_default_group) + address_parts(addr("10.0.0.1")));
   EXPECT_EQ(walked, expected);
+}
+
+// A name that only one side knows is a command that fails, or one that nobody can give.
+TEST_F(AgentTest, CommandsAndObjectsNameEveryHandlerOfTheModule) {
+  start();
+  std::set<std::string> named = host::handlers_of_lines(), registered;
+  named.merge(host::snmp::handlers_of_objects());
+  for (const std::string &name : ref::cli_registered()) registered.insert(name);
+  named.insert("mvpn_show_mdt_send_history_cmd");  // what `show mvpn mdt send history` does under a name of its own
+  EXPECT_EQ(named, registered);
 }
 
 // The MIB module names what the tables serve, and the tools take it without complaint.
