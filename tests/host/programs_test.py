@@ -429,7 +429,11 @@ class ProgramsTest(unittest.TestCase):
         for page in (HERE.parent.parent / "docs/man").glob("*.scd"):
             with self.subTest(page.name):
                 program = page.name.split(".")[0]
-                help = subprocess.run([BIN / program, "--help"], capture_output=True, text=True, check=True).stdout
+                ask = lambda *words: subprocess.run([BIN / program, *words, "--help"], capture_output=True, text=True,
+                                                    check=True).stdout
+                help = ask()
+                for subcommand in re.findall(r"^  (\w+)", help.partition("\nSubcommands:\n")[2], re.M):
+                    help += ask(subcommand)
                 options = set(re.findall(r"^  (?:-\w,)?(--[\w-]+)", help, re.M))
                 described = "".join(re.findall(r"^\*-.*$", page.read_text(), re.M))
                 self.assertEqual(set(re.findall(r"--[\w-]+", described)), options)
