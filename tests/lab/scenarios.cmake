@@ -11,3 +11,9 @@ foreach(name wired switchover no-receiver kill-control vrf-removed)
   set_tests_properties(real_${name} PROPERTIES
     LABELS real TIMEOUT 900 SKIP_RETURN_CODE 77 RESOURCE_LOCK network_namespaces RUN_SERIAL TRUE)
 endforeach()
+
+# The commands of docs/linux.md.
+add_test(NAME real_walkthrough COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/lab/walkthrough.py
+  ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})
+set_tests_properties(real_walkthrough PROPERTIES
+  LABELS real TIMEOUT 400 SKIP_RETURN_CODE 77 RESOURCE_LOCK network_namespaces RUN_SERIAL TRUE)
