@@ -75,7 +75,7 @@ Forwarding::Forwarding(Loop &loop, Log log, std::function<void(const std::string
       grace_(loop.io()) {}
 
 Forwarding::~Forwarding() {
-  if (client_ != nullptr && socket_.is_open()) socket_.release();
+  unwatch();
   if (ref::forwarding_plane() == this) ref::use_forwarding_plane(nullptr);
 }
 
@@ -100,9 +100,13 @@ void Forwarding::follow(const Config &config) {
 void Forwarding::open(const std::string &path, const std::string &hostname) {
   client_ = std::make_unique<forwarder::Client>(path, hostname, callbacks());
   if (recovering_ && ref::now() - started_ < kRecovery) client_->begin_recovery();
+  follow_interfaces();
+  connect_later();
+}
+
+void Forwarding::follow_interfaces() {
   for (const auto &[id, block] : config_.blocks())
     if (id.mode == Mode::interface) follow_interface_(id.name);
-  connect_later();
 }
 
 void Forwarding::follow_settings(const Block &block) {
@@ -134,16 +138,14 @@ void Forwarding::follow_vrfs(const Config &config) {
 void Forwarding::close() {
   if (client_ == nullptr) return;
   ref::use_forwarding_plane(nullptr);
-  for (const auto &[name, netns] : vrfs_) {
-    client_->remove(vrf_item(name, netns));
-    ref::report_tunnel_state(name, false);
-  }
+  for (const auto &[name, netns] : vrfs_) client_->remove(vrf_item(name, netns));
   retry_.cancel();
   grace_.cancel();
-  if (socket_.is_open()) socket_.release();  // the descriptor is the client's
+  unwatch();
   client_.reset();
   path_.clear();
   for (const auto &[key, interface] : std::exchange(interfaces_, {})) forget_interface(key);
+  follow_interfaces();
   for (const auto &[key, route] : std::exchange(routes_, {}))
     ref::delete_customer_route(std::get<0>(key), addrs_of(std::get<1>(key), std::get<2>(key)));
   vrfs_.clear();
@@ -168,7 +170,7 @@ void Forwarding::settle() {
   for (const RouteKey &key : std::exchange(waiting_routes_, {}))
     if (const auto route = routes_.find(key); route != routes_.end()) apply_route(key, route->second);
   if (client_->recovering() && ref::now() - started_ >= kRecovery) client_->end_recovery();
-  if (connected() && client_->wants_to_write() && !waits_to_write_) watch();
+  if (connected() && client_->wants_to_write()) watch();
 }
 
 // --------------------------------------------------------------------------------------------------------- connection
@@ -190,25 +192,32 @@ void Forwarding::connect_later() {
   retry_.async_wait([attempt](const boost::system::error_code &error) { attempt(error, attempt); });
 }
 
+// One wait of each kind at a time; those of a former connection end without a consequence.
 void Forwarding::watch() {
   using boost::asio::posix::stream_descriptor;
-  const auto ready = [this](const boost::system::error_code &error) {
-    if (error || client_ == nullptr) return;
-    waits_to_write_ = false;
-    on_ready();
+  const auto wait = [this](stream_descriptor::wait_type what, bool &waits) {
+    if (std::exchange(waits, true)) return;
+    socket_.async_wait(what, [this, &waits, connection = connections_](const boost::system::error_code &error) {
+      if (connection != connections_) return;
+      waits = false;
+      if (!error && client_ != nullptr) on_ready();
+    });
   };
-  if (!waits_to_write_ && client_->wants_to_write()) {
-    waits_to_write_ = true;
-    socket_.async_wait(stream_descriptor::wait_write, ready);
-    return;
-  }
-  socket_.async_wait(stream_descriptor::wait_read, ready);
+  wait(stream_descriptor::wait_read, waits_to_read_);
+  if (client_->wants_to_write()) wait(stream_descriptor::wait_write, waits_to_write_);
 }
 
 void Forwarding::on_ready() {
   Loop::Turn turn(loop_);
   client_->on_ready();
   if (connected()) watch();
+}
+
+// The descriptor is the client's.
+void Forwarding::unwatch() {
+  if (socket_.is_open()) socket_.release();
+  connections_++;
+  waits_to_read_ = waits_to_write_ = false;
 }
 
 forwarder::Client::Callbacks Forwarding::callbacks() {
@@ -257,8 +266,7 @@ void Forwarding::drop_what_is_not_told() {
 }
 
 void Forwarding::on_disconnected() {
-  socket_.release();
-  waits_to_write_ = false;
+  unwatch();
   grace_.expires_after(kGrace);
   grace_.async_wait([this](const boost::system::error_code &error) {
     if (error || connected()) return;

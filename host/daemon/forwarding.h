@@ -84,8 +84,10 @@ class Forwarding : private ref::ForwardingPlane {
   void open(const std::string &path, const std::string &hostname);
   void follow_settings(const Block &block);
   void follow_vrfs(const Config &config);
+  void follow_interfaces();
   void connect_later();
   void watch();
+  void unwatch();
   void on_ready();
   forwarder::Client::Callbacks callbacks();
   void on_connected();
@@ -111,7 +113,8 @@ class Forwarding : private ref::ForwardingPlane {
   std::string path_;
   boost::asio::posix::stream_descriptor socket_;
   boost::asio::steady_timer retry_, grace_;
-  bool waits_to_write_ = false;
+  bool waits_to_read_ = false, waits_to_write_ = false;
+  uint64_t connections_ = 0;  // that have ended
 
   Config config_;
   std::map<std::string, std::string> vrfs_;     // that the forwarder has been told of, with their namespaces

@@ -11,7 +11,7 @@ ForwardingPlane *forwarding_plane() { return in_use; }
 
 void use_forwarding_plane(ForwardingPlane *plane) {
   in_use = plane;
-  if (plane == nullptr) return;
+  if (plane == nullptr) return oim_leave_plane();
   oim_tell_plane();
   mrib_tell_plane();
   croute_tell_plane();

@@ -500,6 +500,10 @@ void oim_tell_plane() {
   for (const auto &[if_index, tunnel] : state.tunnels) tell_plane(tunnel);
 }
 
+void oim_leave_plane() {
+  for (const if_index_t if_index : state.wanted_up) im_set_state(state.tunnels.at(if_index).iod, true);
+}
+
 void set_oim_answers(bool on) {
   state.answers = on;
   if (!on || state.waiting.empty() || state.work_posted) return;

@@ -111,6 +111,8 @@ void bgp_drop_vrf(std::string_view vrf_name);
 
 // Tell a new forwarding plane what there is.
 void oim_tell_plane();
+// There is none any more: what was brought up is up.
+void oim_leave_plane();
 void mrib_tell_plane();
 void croute_tell_plane();
 

@@ -354,6 +354,24 @@ class TwoPes(unittest.TestCase):
         self.traffic.stop()
         self.traffic = None
 
+    def test_a_forwarder_that_is_started_anew_and_a_pe_that_leaves_the_kernel_for_a_while(self):
+        pe = self.pes[1]
+        pe.forwarder.kill()
+        pe.forwarder.wait()
+        self.routes.pop().close()
+        pe.start_forwarder()
+        there = lambda: any(line.split()[:3] == ["red", "yes", "yes"] for line in pe.ask("show", "forwarding").split("\n"))
+        self.assertTrue(eventually(there), pe.ask("show", "forwarding"))
+        self.assertTrue(pe.is_up(), "its control plane noticed nothing")
+        pe.ask("configure", "no forwarding kernel")
+        self.assertEqual(pe.ask("show", "forwarding"), "")
+        pe.ask("configure", "forwarding kernel socket " + f"{self.folder}/pe2.fwd")
+        self.assertTrue(eventually(lambda: "core0" in pe.ask("show", "forwarding")), pe.ask("show", "forwarding"))
+        self.assertTrue(eventually(pe.is_up), pe.ask("show", "mvpn", "mdt"))
+        self.set_routes("pe2red", ["c1", "mti2"], 1, 0)
+        self.start_traffic()
+        self.expect_everything_once()
+
     def test_views_are_documents(self):
         self.start_traffic()
         self.switch_over()
