@@ -158,9 +158,6 @@ MVPN_CONSTANT(MVPN_ENCAP_INDEX_DEFAULT, 1);             // default MDT
 MVPN_CONSTANT(MVPN_ENCAP_INDEX_FIRST_DATA, 2);          // first index of a data MDT
 MVPN_CONSTANT(MVPN_DATA_MDT_POOL_GROUPS, 1024);         // groups that a range can hand out
 
-// Whether an address is in 224.0.0.0/4.
-static inline int mvpn_is_multicast(ip_addr_t address) { return address >> 28 == 0xE; }
-
 // --------------------------------------------------------------------------------------------------------- records
 
 // What arrived from outside and was refused: it may arrive at any rate, so it is counted and seldom said.
@@ -288,6 +285,13 @@ struct mvpn_data_mdt_recv_join_info {
   zeph_timestamp last_time;    // monotonic: last heard
   mvpn_mdt_route *mdt_route;   // remote data-MDT route that it refers to; null = none
   uint32_t flags;              // mvpn_recv_join_flag_t
+};
+
+// A flow on a data MDT, as it is announced. Host byte order.
+struct mvpn_data_mdt_join {
+  ip_addr_t c_src;  // customer source; 0 = any
+  ip_addr_t c_grp;  // customer group
+  ip_addr_t p_grp;  // data-MDT group that carries the flow
 };
 
 // Flow waiting for the end of its switchover. Tracked buffer.

@@ -23,15 +23,13 @@
 
 #include "platform/im.h"
 #include "platform/ip.h"
-#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_context.h"
+#include "routing/pim/mvpn/mvpn_default_mdt.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_ha.h"
 #include "routing/pim/mvpn/mvpn_mdt_safi.h"
 #include "routing/pim/mvpn/mvpn_mrib.h"
 #include "routing/pim/mvpn/mvpn_wire.h"
-
-char mvpn_bgp_updatesrc_ifname[BGP_UPDATE_SOURCE_NAME_SIZE + 1];
-im_iod_t mvpn_bgp_updatesrc_iod;
 
 // --------------------------------------------------------------------------------------------------- remote entries
 
@@ -153,17 +151,6 @@ int mvpn_request_remote_mdt_safis() {
   entry[BGP_MDT_SAFI_ENTRY_ADD] = 1;
   entry[BGP_MDT_SAFI_ENTRY_EOR] = 1;
   return mvpn_bgp_mdt_safi_send_local_update(request, sizeof request);
-}
-
-void mvpn_repopulate_default_mdt_routes_from_bgp_cache(mvpn_cibtype *mvpn) {
-  const ip_addr_t group = mvpn->mdt_default_group;
-  const mvpn_bgp_mdt_safi *entry = mvpn_bgp_mdt_safi_of_group_after(group, nullptr);
-  while (entry != nullptr) {
-    const mvpn_bgp_mdt_safi_key key = mvpn_bgp_mdt_safi_key_of(entry);
-    mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_REMOTE_DEFAULT, key.mdt_src, 0, group, 0);
-    entry = mvpn_bgp_mdt_safi_of_group_after(group, &key);
-  }
-  mvpn_mrib_wakeup_worker_thread();
 }
 
 // ------------------------------------------------------------------------------------------------------- connection

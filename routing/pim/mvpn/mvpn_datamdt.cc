@@ -15,7 +15,7 @@
 
 #include "platform/im.h"
 #include "platform/ip.h"
-#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"
 #include "routing/pim/mvpn/mvpn_datamdt_pool.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
@@ -353,4 +353,53 @@ void mvpn_destroy_all_data_mdt_send_join_info(mvpn_cibtype *mvpn) {
   for_each_customer_route(mvpn, [serial](const mvpn_cibtype *now, const mvpn_mdt_route_addrs &, pim_route *croute) {
     if (now->serial == serial) mvpn_destroy_data_mdt_send_join_info(croute);
   });
+}
+
+// -------------------------------------------------------------------------------------------------- switchover cache
+
+// Bytes of a switchover entry as reports show them; the size of the record on a 32-bit platform.
+constexpr size_t kReportedEntrySize = 32;
+
+// A 12-byte cache key whose padding is 0 whatever the caller's holds.
+mvpn_mdt_route_addrs mvpn_unpadded_addrs(const mvpn_mdt_route_addrs &addrs) {
+  mvpn_mdt_route_addrs key{};
+  key.source = addrs.source;
+  key.group = addrs.group;
+  key.source_len = addrs.source_len;
+  key.group_len = addrs.group_len;
+  return key;
+}
+
+mvpn_switchover_entry *mvpn_add_entry_to_switchover_cache(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *,
+                                                          pim_route *croute) {
+  auto *entry = static_cast<mvpn_switchover_entry *>(
+      mvpn_tracked_alloc(MTRACK_MVPN_SWITCHOVER, sizeof(mvpn_switchover_entry), kReportedEntrySize,
+                         "routing/pim/mvpn/mvpn_datamdt", 290, "mvpn_add_entry_to_switchover_cache"));
+  if (entry == nullptr) {
+    mvpn_report(msg_error_PIM_MALLOC, kReportedEntrySize, "mvpn_add_entry_to_switchover_cache()");
+    return nullptr;
+  }
+  entry->addrs = mvpn_unpadded_addrs(croute->addrs);
+  entry->route = croute;
+  if (ravl_insert(&mvpn->switchover_cache, entry) == 0) {
+    mvpn_report(msg_error_PIM_AVL_ERROR, "ravl_insert", "mvpn_add_entry_to_switchover_cache");
+    mtrack_free(entry);
+    return nullptr;
+  }
+  return entry;
+}
+
+mvpn_switchover_entry *mvpn_get_entry_from_switchover_cache(mvpn_cibtype *mvpn, const pim_route *croute) {
+  const mvpn_mdt_route_addrs key = mvpn_unpadded_addrs(croute->addrs);
+  return static_cast<mvpn_switchover_entry *>(ravl_lookup(&mvpn->switchover_cache, &key));
+}
+
+void mvpn_delete_entry_from_switchover_cache(mvpn_cibtype *mvpn, mvpn_switchover_entry *entry) {
+  ravl_delete(&mvpn->switchover_cache, entry);
+  mtrack_free(entry);
+}
+
+void mvpn_delete_all_entries_from_switchover_cache(mvpn_cibtype *mvpn) {
+  while (void *entry = ravl_get_first_node(&mvpn->switchover_cache, 0))
+    mvpn_delete_entry_from_switchover_cache(mvpn, static_cast<mvpn_switchover_entry *>(entry));
 }

@@ -47,6 +47,9 @@ void mvpn_init_data_mdt_send_join_info(mvpn_cibtype *mvpn, pim_route *croute, mv
 void mvpn_destroy_data_mdt_send_join_info(pim_route *croute);
 void mvpn_destroy_all_data_mdt_send_join_info(mvpn_cibtype *mvpn);
 
+// An address with padding 0, whatever the caller's holds: the 12-byte key of the switchover cache.
+mvpn_mdt_route_addrs mvpn_unpadded_addrs(const mvpn_mdt_route_addrs &addrs);
+
 // Switchover cache of a VRF.
 mvpn_switchover_entry *mvpn_add_entry_to_switchover_cache(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key,
                                                           pim_route *croute);
@@ -91,6 +94,8 @@ void mvpn_uninstall_remote_data_mdt(mvpn_cibtype *mvpn, mvpn_data_mdt_recv_join_
 int mvpn_match_remote_data_mdt(const mvpn_mdt_route_addrs *key, const mvpn_data_mdt_recv_join_info *record);
 int mvpn_mdt_join_refers_croute(const mvpn_data_mdt_recv_join_info *record, const pim_route *croute);
 uint32_t mvpn_get_recv_join_info_mask_len(int is_star_g);  // bits of the cache prefix
+// Whether any announcement is installed for a customer route.
+bool mvpn_is_announcement_installed_for(mvpn_cibtype *mvpn, const pim_route *croute, const mvpn_mdt_route_addrs *key);
 void mvpn_mdt_route_cleanup_recv_join_info(mvpn_mdt_route *route);
 
 // Ageing.

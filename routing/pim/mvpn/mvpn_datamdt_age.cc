@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <thread>
 
-#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"

@@ -19,7 +19,7 @@
 #include "platform/ip.h"
 #include "platform/packet.h"
 #include "platform/sockets.h"
-#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
@@ -29,7 +29,6 @@ int mvpn_udp_sid = -1;
 int mvpn_udp_up = 0;
 pthread_t mvpn_udp_thread = 0;
 uint8_t mvpn_recv_data_mdt_join_pkt[MVPN_RECV_JOIN_PACKET_SIZE];
-pt_attr *mvpn_data_mdt_info_pt_attr = nullptr;
 
 namespace {
 

@@ -17,7 +17,7 @@
 
 #include "platform/im.h"
 #include "platform/ip.h"
-#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
@@ -25,6 +25,7 @@
 #include "routing/pim/mvpn/mvpn_wire.h"
 
 uint32_t mvpn_data_mdt_recv_cache_limit = 100000;
+pt_attr *mvpn_data_mdt_info_pt_attr = nullptr;
 
 namespace {
 
@@ -123,20 +124,6 @@ bool has_oif_off_the_tunnels(const pim_route *croute) {
        oif = bitfield_find_next_set(&croute->oifs, static_cast<uint32_t>(oif)))
     if (!is_tunnel(static_cast<im_iod_t>(oif))) return true;
   return false;
-}
-
-bool is_fed_through_mvpn(const pim_route *croute) { return is_tunnel(croute->iif) || croute->bidirectional != 0; }
-
-// Whether an announcement is installed for a customer route.
-bool is_installed_for(mvpn_cibtype *mvpn, const pim_route *croute, const mvpn_mdt_route_addrs *key) {
-  bool installed = false;
-  for_each_under(mvpn, key->source, key->group, mvpn_get_recv_join_info_mask_len(croute->is_star_g),
-                 [&](const Record *record) {
-                   if (mvpn_match_remote_data_mdt(key, record) == 0) return false;
-                   installed = mvpn_mdt_join_refers_croute(record, croute) != 0;
-                   return !installed;
-                 });
-  return installed;
 }
 
 // Uninstalls an announcement for one kind of customer route when that route still exists.
@@ -419,6 +406,17 @@ void mvpn_data_mdt_unmap_receiver_from_remote_source(mvpn_cibtype *mvpn, pim_rou
     mvpn_delete_entry_from_switchover_cache(mvpn, entry);
 }
 
+bool mvpn_is_announcement_installed_for(mvpn_cibtype *mvpn, const pim_route *croute, const mvpn_mdt_route_addrs *key) {
+  bool installed = false;
+  for_each_under(mvpn, key->source, key->group, mvpn_get_recv_join_info_mask_len(croute->is_star_g),
+                 [&](const Record *record) {
+                   if (mvpn_match_remote_data_mdt(key, record) == 0) return false;
+                   installed = mvpn_mdt_join_refers_croute(record, croute) != 0;
+                   return !installed;
+                 });
+  return installed;
+}
+
 void mvpn_mdt_route_cleanup_recv_join_info(mvpn_mdt_route *route) {
   mvpn_cibtype *mvpn = route->mvpn;
   const mvpn_vrf_handle vrf(mvpn);
@@ -433,61 +431,4 @@ void mvpn_mdt_route_cleanup_recv_join_info(mvpn_mdt_route *route) {
     if (++visited % kNodesBetweenYields == 0 && tsp_sched_may_yield() != 0 && !vrf.same()) return;
     node = pt_get_next_node(mvpn->data_mdt_recv_cache, key, 0);
   }
-}
-
-// --------------------------------------------------------------------------------------------------- host entry points
-
-void mvpn_process_mrib_join_notify(pim_cibtype *pcib, const mvpn_mdt_route_addrs *key, pim_route *croute) {
-  if (pcib->mvpn == nullptr) return;
-  MVPN_DEBUG(pcib, "MVPN Processing MRIB join notification");
-  if (mvpn_should_install_remote_data_mdt(croute, pcib->mvpn) != 0)
-    mvpn_data_mdt_map_receiver_to_remote_source(pcib->mvpn, croute, key);
-}
-
-void mvpn_process_mrib_prune_notify(pim_cibtype *pcib, const mvpn_mdt_route_addrs *key, pim_route *croute) {
-  if (pcib->mvpn == nullptr || pcib->ignore_mrib_prunes != 0) return;
-  if (is_fed_through_mvpn(croute)) mvpn_data_mdt_unmap_receiver_from_remote_source(pcib->mvpn, croute, key);
-}
-
-void mvpn_process_pim_route_delete(pim_cibtype *pcib, const mvpn_mdt_route_addrs *key, pim_route *croute) {
-  mvpn_cibtype *mvpn = pcib->mvpn;
-  if (mvpn == nullptr) return;
-  // A flow that was sent on a data MDT, or whose source has moved to this side, may hold announcements as well.
-  if (is_fed_through_mvpn(croute) || is_installed_for(mvpn, croute, key)) {
-    mvpn_data_mdt_unmap_receiver_from_remote_source(mvpn, croute, key);
-  }
-}
-
-void mvpn_process_mrib_rpf_notify(pim_cibtype *pcib, const mvpn_mdt_route_addrs *key, pim_route *croute, int up) {
-  mvpn_cibtype *mvpn = pcib->mvpn;
-  if (mvpn == nullptr) return;
-  if (up != 0)
-    mvpn_data_mdt_map_receiver_to_remote_source(mvpn, croute, key);
-  else
-    mvpn_data_mdt_unmap_receiver_from_remote_source(mvpn, croute, key);
-  if (croute->iif != 0 && croute->iif != mvpn->mti_iod && bitfield_test(&croute->oifs, mvpn->mti_iod) != 0)
-    mvpn_data_mdt_map_receiver_to_local_source(mvpn, key, croute);
-}
-
-void mvpn_process_rpf_lookup(pim_cibtype *pcib, const mvpn_mdt_route_addrs *key, pim_route *croute, ip_addr_t rp,
-                             int before, int after) {
-  mvpn_cibtype *mvpn = pcib->mvpn;
-  if (mvpn == nullptr) return;
-  const mvpn_vrf_handle vrf(mvpn);
-  const mvpn_mdt_route_addrs addrs = *key;
-  const bool fed_by_tunnel = is_tunnel(croute->iif);
-  if (croute->bidirectional != 0 && croute->iif != 0) {
-    const ip_addr_t winner = pim_get_df_winner(rp, croute->iif);
-    if (winner != 0) croute->rpf_neighbor = winner;
-    if (fed_by_tunnel) {
-      mvpn_data_mdt_map_receiver_to_local_source(mvpn, &addrs, croute);
-      // A flow that switches at once is announced, which yields: the VRF and the route may be gone.
-      if (!vrf.same() || pim_get_route_from_pt(pcib, &addrs) != croute) return;
-    }
-  }
-  if (before != 0 && after == 0)
-    mvpn_data_mdt_unmap_receiver_from_remote_source(mvpn, croute, &addrs);
-  else if (after != 0 && before == 0)
-    mvpn_data_mdt_map_receiver_to_remote_source(mvpn, croute, &addrs);
-  if (croute->bidirectional != 0 && fed_by_tunnel) mvpn_data_mdt_map_receiver_to_local_source(mvpn, &addrs, croute);
 }

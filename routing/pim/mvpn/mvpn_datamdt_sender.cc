@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "platform/ip.h"
-#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"
 #include "routing/pim/mvpn/mvpn_datamdt_pool.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
@@ -19,19 +19,6 @@
 #include "routing/pim/mvpn/mvpn_mrib.h"
 
 namespace {
-
-// Bytes of a switchover entry as reports show them; the size of the record on a 32-bit platform.
-constexpr size_t kReportedEntrySize = 32;
-
-// A 12-byte cache key whose padding is 0 whatever the caller's holds.
-mvpn_mdt_route_addrs cache_key(const mvpn_mdt_route_addrs &addrs) {
-  mvpn_mdt_route_addrs key{};
-  key.source = addrs.source;
-  key.group = addrs.group;
-  key.source_len = addrs.source_len;
-  key.group_len = addrs.group_len;
-  return key;
-}
 
 bool is_sent_into_mvpn(const mvpn_cibtype *mvpn, const pim_route *croute) {
   return bitfield_test(&croute->oifs, mvpn->mti_iod) != 0;
@@ -179,40 +166,6 @@ void mvpn_finish_switchover_to_data_mdt(mvpn_cibtype *mvpn, mvpn_switchover_entr
   if (record->encap_index >= MVPN_ENCAP_INDEX_FIRST_DATA) pim_add_route(mvpn->pcib, croute, 0, 0, 0, 0, 0, 0);
 }
 
-mvpn_switchover_entry *mvpn_add_entry_to_switchover_cache(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *,
-                                                          pim_route *croute) {
-  auto *entry = static_cast<mvpn_switchover_entry *>(
-      mvpn_tracked_alloc(MTRACK_MVPN_SWITCHOVER, sizeof(mvpn_switchover_entry), kReportedEntrySize,
-                         "routing/pim/mvpn/mvpn_datamdt", 290, "mvpn_add_entry_to_switchover_cache"));
-  if (entry == nullptr) {
-    mvpn_report(msg_error_PIM_MALLOC, kReportedEntrySize, "mvpn_add_entry_to_switchover_cache()");
-    return nullptr;
-  }
-  entry->addrs = cache_key(croute->addrs);
-  entry->route = croute;
-  if (ravl_insert(&mvpn->switchover_cache, entry) == 0) {
-    mvpn_report(msg_error_PIM_AVL_ERROR, "ravl_insert", "mvpn_add_entry_to_switchover_cache");
-    mtrack_free(entry);
-    return nullptr;
-  }
-  return entry;
-}
-
-mvpn_switchover_entry *mvpn_get_entry_from_switchover_cache(mvpn_cibtype *mvpn, const pim_route *croute) {
-  const mvpn_mdt_route_addrs key = cache_key(croute->addrs);
-  return static_cast<mvpn_switchover_entry *>(ravl_lookup(&mvpn->switchover_cache, &key));
-}
-
-void mvpn_delete_entry_from_switchover_cache(mvpn_cibtype *mvpn, mvpn_switchover_entry *entry) {
-  ravl_delete(&mvpn->switchover_cache, entry);
-  mtrack_free(entry);
-}
-
-void mvpn_delete_all_entries_from_switchover_cache(mvpn_cibtype *mvpn) {
-  while (void *entry = ravl_get_first_node(&mvpn->switchover_cache, 0))
-    mvpn_delete_entry_from_switchover_cache(mvpn, static_cast<mvpn_switchover_entry *>(entry));
-}
-
 // ---------------------------------------------------------------------------------------------------------- switchback
 
 void mvpn_start_switchback_from_data_mdt(mvpn_cibtype *, const mvpn_mdt_route_addrs *, pim_route *croute) {
@@ -235,7 +188,7 @@ void mvpn_data_mdt_map_receiver_to_local_source(mvpn_cibtype *mvpn, const mvpn_m
                                                 pim_route *croute) {
   // 1.
   if (mvpn == nullptr) return;
-  mvpn_mdt_route_addrs working = cache_key(*key);
+  mvpn_mdt_route_addrs working = mvpn_unpadded_addrs(*key);
   if (working.source_len == MROUTE_ANY_SOURCE_LEN) working.source = 0;
   // 2.
   if (croute->send_join_info != nullptr && croute->send_join_info->encap_index != MVPN_ENCAP_INDEX_NONE) {
@@ -278,14 +231,4 @@ void mvpn_data_mdt_unmap_receiver_from_local_source(mvpn_cibtype *mvpn, pim_rout
   if (mvpn_switchover_entry *entry = mvpn_get_entry_from_switchover_cache(mvpn, croute))
     mvpn_delete_entry_from_switchover_cache(mvpn, entry);
   mvpn_destroy_data_mdt_send_join_info(croute);
-}
-
-void mvpn_data_mdt_map_local_source_to_receiver(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key,
-                                                pim_route *croute) {
-  mvpn_data_mdt_map_receiver_to_local_source(mvpn, key, croute);
-}
-
-void mvpn_data_mdt_unmap_local_source_from_receiver(mvpn_cibtype *mvpn, pim_route *croute,
-                                                    const mvpn_mdt_route_addrs *key) {
-  mvpn_data_mdt_unmap_receiver_from_local_source(mvpn, croute, key);
 }

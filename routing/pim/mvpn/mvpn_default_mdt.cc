@@ -1,5 +1,4 @@
-// The default MDT of a VRF: when it may come up, how it comes up, how it is taken apart, and what a change of its
-// source does.
+// The default MDT of a VRF: how it comes up and how it is taken apart. Every change of the MTI status stands here.
 //
 // A VRF's default MDT is a multicast tunnel interface (MTI) whose traffic crosses the core in the default MDT group,
 // sent from the MDT source: the configured interface, else BGP's update source. The tunnel manager owns the interface;
@@ -21,6 +20,8 @@
 //     another context or none.
 //
 // All of it runs on the main thread and, when a VRF comes up again after a teardown, on the MRIB worker.
+#include "routing/pim/mvpn/mvpn_default_mdt.h"
+
 #include <algorithm>
 #include <cstring>
 #include <iterator>
@@ -28,46 +29,91 @@
 #include "platform/im.h"
 #include "platform/ip.h"
 #include "platform/l3vm.h"
-#include "routing/pim/mvpn/mvpn_core.h"
+#include "platform/oim.h"
+#include "routing/pim/mvpn/mvpn_context.h"
+#include "routing/pim/mvpn/mvpn_data_mdt_range.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_ha.h"
 #include "routing/pim/mvpn/mvpn_mdt_safi.h"
 #include "routing/pim/mvpn/mvpn_mrib.h"
 #include "routing/pim/mvpn/mvpn_oim.h"
-#include "routing/pim/mvpn/mvpn_ui.h"
 
-// ---------------------------------------------------------------------------------------------------------- readiness
+// --------------------------------------------------------------------------------------------------------- the tunnel
 
-static bool has_context_id(const mvpn_cibtype *mvpn) {
-  return mvpn->pcib != nullptr && mvpn->pcib->context_id != VRF_CONTEXT_ID_NONE;
+// Whether the interface manager knows an if-index; *iod is then its ordinal.
+static bool is_known_interface(if_index_t if_index, im_iod_t *iod) {
+  return im_get_iod_frm_ifindex(if_index, iod) == 0;
 }
 
-// The first condition that does not hold; null when all do.
-static const char *unmet_condition(const mvpn_cibtype *mvpn) {
-  // 1 to 3. The VRF.
-  if (!has_context_id(mvpn)) return "Context-id doesn't exist";
-  l3vm_context_info info;
-  if (l3vm_get_context_info(mvpn->pcib->context_id, &info) == 0) return "l3vm_get_context_info() failed";
-  if (info.state != L3VM_STATE_UP) return "l3vm state for context is not UP";
-  // 4. Its identity in BGP.
-  if (mvpn->bgp_rd_set == 0) return "BGP RD is not set";
-  // 5 to 7. The source.
-  if (mvpn->mdt_source_iod == 0) return "MDT source iod is unknown";
-  if (im_is_if_up(mvpn->mdt_source_iod) == 0) return "MDT source iod is down";
-  if (mvpn->mdt_source_addr == 0) return "MDT source address doesn't exist";
-  // 8. The group.
-  return mvpn->mdt_default_group == 0 ? "MDT default group is not configured" : nullptr;
+void mvpn_oim_tunnel_create(mvpn_cibtype *mvpn) {
+  if (mvpn == nullptr || mvpn->pcib == nullptr || mvpn->pcib->table_id == 0) return;
+  const uint32_t table_id = mvpn->pcib->table_id;
+  MVPN_DEBUG(mvpn->pcib, "Initiating tunnel create for mvpn (table-id 0x%lx)", static_cast<unsigned long>(table_id));
+  mvpn_set_mti_ifindex(mvpn, 0);
+  if_index_t if_index = 0;
+  if (if_index_overlay_cli_init(&if_index, IF_INDEX_OVERLAY_MVPN, table_id) != 0) {
+    mvpn_report(msg_error_PIM_TUNNEL_CREATE_FAIL, mvpn->pcib->vrf_name);
+    return;
+  }
+  if (pim_oim_initialized == 0) {
+    MVPN_DEBUG(mvpn->pcib, "Havent initialized with OIM yet");
+    return;
+  }
+  im_iod_t iod = 0;
+  if (is_known_interface(if_index, &iod) && iod != 0) {
+    MVPN_DEBUG(mvpn->pcib, "Tunnel interface already exists");
+    mvpn_set_mti_ifindex(mvpn, if_index);
+    mvpn_set_mti_status(mvpn, MVPN_MTI_CREATED, "the tunnel interface exists already");
+    if (mvpn_is_default_mdt_ready(mvpn) != 0) mvpn_oim_bringup_tunnel(mvpn);
+    return;
+  }
+  // The answer finds the VRF by the if-index.
+  if (mvpn_oim_send_create(mvpn, if_index, iod) == 0) return;
+  mvpn_set_mti_status(mvpn, MVPN_MTI_CREATE_PENDING, "create request sent");
+  mvpn_set_mti_ifindex(mvpn, if_index);
 }
 
-int mvpn_is_default_mdt_ready(mvpn_cibtype *mvpn) {
-  const char *condition = unmet_condition(mvpn);
-  if (condition == nullptr) return 1;
-  MVPN_DEBUG(has_context_id(mvpn) ? mvpn->pcib : pim_null_pcib, "%s", condition);
-  return 0;
+void mvpn_oim_bringup_tunnel(mvpn_cibtype *mvpn) {
+  MVPN_DEBUG(mvpn->pcib, "Initiating tunnel bringup with OIM");
+  im_iod_t iod = 0;
+  if (is_known_interface(mvpn->mti_ifindex, &iod)) {
+    if (ksink_im_is_if_up(iod) != 0 && mvpn_is_default_mdt_ready(mvpn) != 0) {
+      MVPN_DEBUG(mvpn->pcib, "Tunnel interface is already up");
+      mvpn_default_tunnel_up(mvpn, iod);
+      return;
+    }
+    if (mvpn_oim_refresh_parameters(mvpn, iod) == 0) return;
+  }
+  MVPN_DEBUG(mvpn->pcib, "Send tunnel bringup request to OIM");
+  oim_send_if_bringup_request(mvpn->mti_ifindex, 0);
+  mvpn_set_mti_status(mvpn, MVPN_MTI_UP_PENDING, "bring-up request sent");
+}
+
+void mvpn_oim_bringdown_tunnel(mvpn_cibtype *mvpn) {
+  MVPN_DEBUG(mvpn->pcib, "Initiating tunnel bringdown with OIM ");
+  oim_send_if_bringdown_request(mvpn->mti_ifindex, 0);
+  mvpn_set_mti_status(mvpn, MVPN_MTI_DOWN_PENDING, "bring-down request sent");
+}
+
+void mvpn_oim_tunnel_delete(mvpn_cibtype *mvpn) {
+  MVPN_DEBUG(mvpn != nullptr ? mvpn->pcib : pim_null_pcib, "Initiating tunnel delete with OIM ");
+  if (mvpn_oim_send_delete(mvpn) != 0) {
+    mvpn_set_mti_status(mvpn, MVPN_MTI_DELETE_PENDING, "delete request sent");
+  }
 }
 
 // -------------------------------------------------------------------------------------------------------------- set-up
+
+int mvpn_update_mdt_source_info(mvpn_cibtype *mvpn, im_iod_t iod) {
+  mvpn_set_mdt_source_iod(mvpn, iod);
+  const ip_addr_t address = ip_get_local_addr(iod);
+  const bool changed = address != mvpn->mdt_source_addr;
+  mvpn->mdt_source_addr = address;
+  mvpn->mdt_source_context = l3vm_if_get_context_id(iod);
+  mvpn->mdt_group_mode = mvpn_get_group_mode(mvpn->mdt_source_context, mvpn->mdt_default_group);
+  return changed ? 1 : 0;
+}
 
 // 2, 3. Without an interface the source's address, VRF and mode stay.
 static void resolve_source(mvpn_cibtype *mvpn) {
@@ -141,6 +187,17 @@ static void advertise_when_ready(mvpn_cibtype *mvpn) {
 void mvpn_repopulate_default_mdt_route_from_local_cache(mvpn_cibtype *mvpn) {
   mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_LOCAL_DEFAULT, mvpn->mdt_source_addr, 0, mvpn->mdt_default_group,
                                0);
+}
+
+void mvpn_repopulate_default_mdt_routes_from_bgp_cache(mvpn_cibtype *mvpn) {
+  const ip_addr_t group = mvpn->mdt_default_group;
+  const mvpn_bgp_mdt_safi *entry = mvpn_bgp_mdt_safi_of_group_after(group, nullptr);
+  while (entry != nullptr) {
+    const mvpn_bgp_mdt_safi_key key = mvpn_bgp_mdt_safi_key_of(entry);
+    mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_REMOTE_DEFAULT, key.mdt_src, 0, group, 0);
+    entry = mvpn_bgp_mdt_safi_of_group_after(group, &key);
+  }
+  mvpn_mrib_wakeup_worker_thread();
 }
 
 // 8 to 11. Encapsulation and core routes of the default group. Remote PEs are those that BGP knows, or, when BGP need
@@ -351,77 +408,58 @@ void mvpn_finish_destroy_default_mdt(mvpn_cibtype *mvpn) {
   mvpn_free_context(mvpn);
 }
 
-// --------------------------------------------------------------------------------------------------------- MDT source
+// ------------------------------------------------------------------------------------- what the tunnel and the worker say
 
-int mvpn_update_mdt_source_info(mvpn_cibtype *mvpn, im_iod_t iod) {
-  mvpn_set_mdt_source_iod(mvpn, iod);
-  const ip_addr_t address = ip_get_local_addr(iod);
-  const bool changed = address != mvpn->mdt_source_addr;
-  mvpn->mdt_source_addr = address;
-  mvpn->mdt_source_context = l3vm_if_get_context_id(iod);
-  mvpn->mdt_group_mode = mvpn_get_group_mode(mvpn->mdt_source_context, mvpn->mdt_default_group);
-  return changed ? 1 : 0;
+void mvpn_default_tunnel_created(mvpn_cibtype *mvpn) {
+  mvpn_set_mti_status(mvpn, MVPN_MTI_CREATED, "create response");
+  if (mvpn_is_default_mdt_ready(mvpn) != 0) {
+    mvpn_oim_bringup_tunnel(mvpn);
+    MVPN_DEBUG(mvpn->pcib, "Sent bringup request for if-index 0x%x", mvpn->mti_ifindex);
+    return;
+  }
+  // Removed from the configuration meanwhile.
+  if (mvpn->mdt_default_group == 0) mvpn_oim_tunnel_delete(mvpn);
 }
 
-// 3. The source has a new address.
-static void follow_new_address(mvpn_cibtype *mvpn) {
-  switch (mvpn->mti_status) {
-    case MVPN_MTI_CREATED:
-    case MVPN_MTI_DOWN:
-      bring_up_when_ready(mvpn);
-      break;
-    case MVPN_MTI_DELETED:
-      // It was configured again while its tunnel went, and had no source then: nothing else asks for another tunnel.
-      if (mvpn->mti_ifindex == 0 && mvpn_is_default_mdt_ready(mvpn) != 0) mvpn_setup_default_mdt(mvpn);
-      break;
-    case MVPN_MTI_UP_PENDING:
-      mvpn_oim_tunnel_update_source(mvpn);
-      break;
-    case MVPN_MTI_UP:
-      // It comes back with the new source.
-      mvpn_oim_bringdown_tunnel(mvpn);
-      break;
-    default:
-      break;
+void mvpn_default_tunnel_deleted(mvpn_cibtype *mvpn) {
+  mvpn_set_mti_status(mvpn, MVPN_MTI_DELETED, "delete response");
+  mvpn_set_mti_ifindex(mvpn, 0);
+  if (mvpn_is_default_mdt_ready(mvpn) != 0) {
+    mvpn_setup_default_mdt(mvpn);
+  } else if (mvpn->mdt_default_group == 0) {
+    mvpn_finish_destroy_default_mdt(mvpn);
   }
 }
 
-// 4. The source has lost its address.
-static void follow_lost_address(mvpn_cibtype *mvpn) {
-  if (mvpn->mti_status == MVPN_MTI_UP_PENDING || mvpn->mti_status == MVPN_MTI_UP) mvpn_oim_bringdown_tunnel(mvpn);
-}
-
-void mvpn_process_mdt_source_change(mvpn_cibtype *mvpn, im_iod_t iod) {
-  // 1.
-  if (mvpn_update_mdt_source_info(mvpn, iod) == 0) return;
-  // 2.
-  MVPN_DEBUG(mvpn->pcib, "MDT Source addr = %s, MTI status = %s", ip_print_addr(mvpn->mdt_source_addr),
-             mvpn_mti_status_str[mvpn->mti_status]);
-  // 3, 4.
-  if (mvpn->mdt_source_addr != 0) {
-    follow_new_address(mvpn);
-  } else {
-    follow_lost_address(mvpn);
+void mvpn_default_tunnel_updated(mvpn_cibtype *mvpn, im_iod_t iod) {
+  if (mvpn->mti_status == MVPN_MTI_UP_PENDING && mvpn_is_default_mdt_ready(mvpn) != 0) {
+    if (ksink_im_is_if_up(iod) != 0) {
+      MVPN_DEBUG(mvpn->pcib, "Setting up the default tunnel");
+      mvpn_default_tunnel_up(mvpn, iod);
+    } else {
+      MVPN_DEBUG(mvpn->pcib, "Sending tunnel bring up request to OIM");
+      oim_send_if_bringup_request(mvpn->mti_ifindex, 0);
+    }
+    return;
+  }
+  if (mvpn->mti_status == MVPN_MTI_DELETE_PENDING && mvpn->mdt_default_group == 0) {
+    MVPN_DEBUG(mvpn->pcib, "Destroying the default tunnel");
+    mvpn_finish_destroy_default_mdt(mvpn);
   }
 }
 
-void mvpn_process_bgp_update_source_change(im_iod_t iod) {
-  mvpn_for_each_context([iod](mvpn_cibtype *mvpn) {
-    if (mvpn->mdt_source_ifname[0] != '\0') return true;
-    MVPN_DEBUG(pim_null_pcib, "BGP: Update MTI source for %s\n", mvpn->pcib->vrf_name);
-    mvpn_process_mdt_source_change(mvpn, iod);
-    return true;
-  });
-}
-
-void mvpn_process_address_change(im_iod_t iod) {
-  MVPN_DEBUG(pim_null_pcib, "Received Address change notification for Interface %s\n", ksink_im_get_if_name(iod));
-  // Nobody would answer the requests of a module that has stopped. It follows the address at its next start.
-  if (mvpn_has_stopped()) return;
-  mvpn_for_each_context([iod](mvpn_cibtype *mvpn) {
-    if (mvpn->mdt_source_iod != iod) return true;
-    MVPN_DEBUG(pim_null_pcib, "IP: Update MTI source for %s\n", mvpn->pcib->vrf_name);
-    mvpn_process_mdt_source_change(mvpn, iod);
-    return true;
-  });
+// A VRF whose route deletions are written: its tunnel comes up again, goes for good, or stays down.
+void mvpn_default_mdt_routes_written(mvpn_cibtype *mvpn) {
+  // While the module stops its VRFs are taken apart at once, and the tunnel manager is told nothing.
+  if (mvpn_is_stopping()) {
+    mvpn_mrib_unqueue_context(mvpn);
+    return;
+  }
+  mvpn_set_mti_status(mvpn, MVPN_MTI_DOWN, "route deletions written");
+  mvpn_mrib_unqueue_context(mvpn);
+  if (mvpn_is_default_mdt_ready(mvpn) != 0) {
+    mvpn_oim_bringup_tunnel(mvpn);
+  } else if (mvpn->mdt_default_group == 0) {
+    mvpn_oim_tunnel_delete(mvpn);
+  }
 }

@@ -16,6 +16,9 @@
 #include <cstdio>
 #include <cstring>
 
+uint32_t pim_glb_trace_buffers[PIM_TRACE_BUFFERS];
+uint32_t pim_mvpn_detail_debug_flag;
+
 // ----------------------------------------------------------------------------------------------------- debug messages
 
 // What an event's text begins with: which VRF, or without one which thread, the message belongs to. Returns its length.

@@ -30,8 +30,7 @@
 #include <vector>
 
 #include "platform/ip.h"
-#include "routing/pim/mvpn/mvpn_core.h"
-#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
 #include "routing/pim/mvpn/mvpn_wire.h"
@@ -336,21 +335,9 @@ void mvpn_ha_recovery_stop() {
   }
 }
 
-// ------------------------------------------------------------------------------------------------------ announcement
+// ---------------------------------------------------------------------------------------------------- stored data MDTs
 
-namespace {
-
-struct announcement {
-  ip_addr_t c_src;
-  ip_addr_t c_grp;
-  ip_addr_t p_grp;
-};
-
-}  // namespace
-
-// Gathers what the store holds for the VRF, before anything yields and moves the store's position. False: the store
-// holds nothing at or after the VRF's prefix.
-static bool gather_announcements(const pim_cibtype *pcib, std::vector<announcement> *out) {
+bool mvpn_ha_stored_data_mdts(const pim_cibtype *pcib, std::vector<mvpn_data_mdt_join> *out) {
   stored_encap stored{};
   if (!first_stored(pcib, &stored)) return false;
   bool more = true;
@@ -359,20 +346,4 @@ static bool gather_announcements(const pim_cibtype *pcib, std::vector<announceme
     if (stored.decoded) out->push_back({addrs.source, addrs.group, stored.info.mdt_group});
   }
   return true;
-}
-
-void mvpn_unconditional_announce_data_mdt_join(mvpn_cibtype *mvpn) {
-  std::vector<announcement> announcements;
-  try {
-    if (!gather_announcements(mvpn->pcib, &announcements)) return;
-  } catch (const std::bad_alloc &) {
-    mvpn_report(msg_error_PIM_MALLOC, announcements.size() * sizeof(announcement), __func__);
-    return;
-  }
-  const mvpn_vrf_handle vrf(mvpn);
-  for (const announcement &a : announcements) {
-    mvpn_fill_one_data_mdt_join(mvpn, a.c_src, a.c_grp, a.p_grp);
-    if (!vrf.same()) return;  // a full packet was sent, and the VRF went away meanwhile
-  }
-  mvpn_send_data_mdt_join_packet(mvpn, 1);
 }

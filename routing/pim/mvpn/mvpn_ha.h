@@ -2,6 +2,8 @@
 #ifndef MVPN_HA_H
 #define MVPN_HA_H
 
+#include <vector>
+
 #include "platform/tlvu.h"
 #include "routing/pim/mvpn/mvpn.h"
 
@@ -64,6 +66,10 @@ int mvpn_ha_recover_mdt_safi_from_pss(mvpn_cibtype *mvpn);
 void mvpn_ha_store_bgp_update_src_if_to_pss(const char *name, uint32_t size);
 void mvpn_ha_remove_bgp_update_src_if_from_pss();
 int mvpn_ha_recover_bgp_update_src_if(char *name);
+
+// Gathers the data MDTs that the store holds for a VRF. False: it holds nothing at or after the VRF's prefix. Throws
+// std::bad_alloc. Everything is read before it returns: a yield could move the store's position.
+bool mvpn_ha_stored_data_mdts(const pim_cibtype *pcib, std::vector<mvpn_data_mdt_join> *out);
 
 // Recovery period.
 int mvpn_ha_recovery_start();

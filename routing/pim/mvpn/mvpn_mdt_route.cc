@@ -27,8 +27,7 @@
 
 #include "platform/im.h"
 #include "platform/ip.h"
-#include "routing/pim/mvpn/mvpn_core.h"
-#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
 #include "routing/pim/mvpn/mvpn_mrib.h"
@@ -134,7 +133,7 @@ int mvpn_mdt_free_route_resources(mvpn_mdt_route *route) {
   mvpn->mdt_route_count -= 1;
   mvpn_mrib_unqueue_route(route);
   mvpn_mdt_dequeue_dependent_routes(route);
-  if (route->unlisted_referers != 0) mvpn_mdt_route_cleanup_recv_join_info(route);
+  if (route->unlisted_referers != 0) mvpn_mdt_referer_hooks.forget_route(route);
   slab_free(mvpn_slabs[MVPN_SLAB_MDT_ROUTE], route);
   return 1;
 }
@@ -166,13 +165,14 @@ void mvpn_mdt_mroute_delink_all_referers(mvpn_mdt_route *route) {
 
 uint32_t mvpn_mdt_mroute_has_referer(const mvpn_mdt_route *route) { return rqueue_count(&route->referers); }
 
+mvpn_referer_hooks mvpn_mdt_referer_hooks;
+
 // The kind that a referer was linked with decides, not the route's type: a local and a remote side may share a route.
 static void release_referer(mvpn_cibtype *mvpn, void *referer, uint32_t kind) {
   if (kind == MVPN_REFERER_CUSTOMER_ROUTE) {
-    auto *croute = static_cast<pim_route *>(referer);
-    mvpn_data_mdt_unmap_receiver_from_local_source(mvpn, croute, &croute->addrs);
+    mvpn_mdt_referer_hooks.release_flow(mvpn, static_cast<pim_route *>(referer));
   } else {
-    mvpn_destroy_data_mdt_recv_join_info(mvpn, static_cast<mvpn_data_mdt_recv_join_info *>(referer));
+    mvpn_mdt_referer_hooks.release_announcement(mvpn, static_cast<mvpn_data_mdt_recv_join_info *>(referer));
   }
 }
 
@@ -196,12 +196,6 @@ void mvpn_free_dependent_route_resources(pim_cibtype *pcib, const pim_core_route
 }
 
 // --------------------------------------------------------------------------------------------------- mode and source
-
-mvpn_mdt_group_mode_t mvpn_get_group_mode(vrf_context_id_t context_id, ip_addr_t group) {
-  if (pim_is_ssm_group(context_id, group) != 0) return MVPN_MDT_GROUP_MODE_SSM;
-  if (pim_is_bidir_group(context_id, group) != 0) return MVPN_MDT_GROUP_MODE_BIDIR;
-  return MVPN_MDT_GROUP_MODE_ASM;
-}
 
 ip_addr_t mvpn_get_mdt_mroute_source_address(mvpn_cibtype *mvpn, ip_addr_t group, ip_addr_t source,
                                              mvpn_mdt_group_mode_t *mode) {

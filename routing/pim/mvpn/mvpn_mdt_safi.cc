@@ -30,7 +30,7 @@
 #include <set>
 
 #include "platform/ip.h"
-#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_ha.h"
 #include "routing/pim/mvpn/mvpn_wire.h"

@@ -9,10 +9,8 @@ constexpr uint32_t MVPN_BGP_LOCAL_UPDATE_SIZE =
     BGP_MDT_SAFI_COUNT_SIZE + MVPN_BGP_LOCAL_UPDATE_ENTRIES * BGP_MDT_SAFI_ENTRY_SIZE;
 constexpr uint32_t MVPN_BGP_ONE_UPDATE_SIZE = BGP_MDT_SAFI_COUNT_SIZE + BGP_MDT_SAFI_ENTRY_SIZE;
 
-extern ravl_tree mvpn_bgp_mdt_safi_db;                                   // by the first 12 bytes of the key
-extern uint8_t mvpn_bgp_local_update_buf[MVPN_BGP_LOCAL_UPDATE_SIZE];    // used while answering one request
-extern char mvpn_bgp_updatesrc_ifname[BGP_UPDATE_SOURCE_NAME_SIZE + 1];  // empty = none known
-extern im_iod_t mvpn_bgp_updatesrc_iod;                                  // 0 = not resolved
+extern ravl_tree mvpn_bgp_mdt_safi_db;                                 // by the first 12 bytes of the key
+extern uint8_t mvpn_bgp_local_update_buf[MVPN_BGP_LOCAL_UPDATE_SIZE];  // used while answering one request
 
 // Connection to BGP.
 int mvpn_init_bgp();
@@ -52,11 +50,10 @@ int mvpn_bgp_mdt_safi_delete_local(const uint8_t *rd, ip_addr_t source, ip_addr_
 void mvpn_bgp_process_local_request(mts_message *msg);
 
 // Remote entries. receive: payload of payload_length bytes, entries beyond it are refused; 1. update: 0 when a new
-// entry could not be stored. request: 0 when it was not sent. repopulate: the routes of the VRF's default group.
+// entry could not be stored. request: 0 when it was not sent.
 int mvpn_bgp_mdt_safi_receive_remote_update(const void *payload, size_t payload_length);
 int mvpn_bgp_update_mdt_safi(mvpn_bgp_mdt_safi_key key, int add, int eor);
 int mvpn_request_remote_mdt_safis();
-void mvpn_repopulate_default_mdt_routes_from_bgp_cache(mvpn_cibtype *mvpn);
 
 // Notifications.
 void mvpn_bgp_process_rd_notify(mts_message *msg);

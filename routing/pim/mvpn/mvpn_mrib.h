@@ -24,6 +24,9 @@ struct mvpn_mrib_withdrawal {
   uint8_t entries[2 * MRIB_UPDATE_ENTRY_SIZE];
 };
 
+// The transaction-id counter begins here: a value that is easily told in captures and dumps.
+constexpr uint32_t MVPN_MRIB_FIRST_XID = 0xaabbccdd;
+
 // State of the interface to the MRIB. Tracked buffer; exists from mvpn_init_mrib to mvpn_deinit_mrib.
 struct mvpn_mrib_info_t {
   mrib_client_handle *mrib_client;  // passed to every MRIB call
@@ -41,6 +44,10 @@ extern mvpn_mrib_info_t *mvpn_mrib_info;   // null while the interface does not 
 extern pthread_t mvpn_mrib_worker_thread;  // 0 = not running
 extern pthread_mutex_t mvpn_mrib_worker_mutex;
 extern pthread_cond_t mvpn_mrib_worker_cond;
+
+// Called by the worker when the routes of a VRF that stood before it on the list are written. Set when the library is
+// loaded.
+extern void (*mvpn_mrib_routes_written_hook)(mvpn_cibtype *mvpn);
 
 // Start and stop of the interface; deinit: 0 when the deregistration failed.
 int mvpn_init_mrib();
@@ -96,6 +103,15 @@ int mvpn_mdt_mroute_link_referer(mvpn_mdt_route *route, mvpn_data_mdt_recv_join_
 void mvpn_mdt_mroute_delink_referer(mvpn_mdt_route *route, void *referer);
 void mvpn_mdt_mroute_delink_all_referers(mvpn_mdt_route *route);
 uint32_t mvpn_mdt_mroute_has_referer(const mvpn_mdt_route *route);
+
+// What the owners of referers do when a core route goes: a flow, an announcement leaves it; records that still point at
+// the route though it does not list them forget it. Set when the library is loaded.
+struct mvpn_referer_hooks {
+  void (*release_flow)(mvpn_cibtype *mvpn, pim_route *croute);
+  void (*release_announcement)(mvpn_cibtype *mvpn, mvpn_data_mdt_recv_join_info *record);
+  void (*forget_route)(mvpn_mdt_route *route);
+};
+extern mvpn_referer_hooks mvpn_mdt_referer_hooks;
 
 // Core source of the route for (source, group); *mode receives the group's mode.
 ip_addr_t mvpn_get_mdt_mroute_source_address(mvpn_cibtype *mvpn, ip_addr_t group, ip_addr_t source,

@@ -33,11 +33,10 @@
 #include <cstring>
 
 #include "platform/ip.h"
-#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
 #include "routing/pim/mvpn/mvpn_mrib.h"
-#include "routing/pim/mvpn/mvpn_oim.h"
 #include "routing/pim/mvpn/mvpn_wire.h"
 
 static_assert(offsetof(mrib_update_buffer, next) == 0, "buffer queues link through the first word");
@@ -216,22 +215,6 @@ static walk_step take_withdrawal(txlist_walk &walk, txlist_obj *node) {
   return count_entries(&walk.current, 2) != 0 ? walk_step::go_on : walk_step::stop;
 }
 
-// A VRF whose route deletions are written: its tunnel comes up again, goes for good, or stays down.
-static void finish_teardown(mvpn_cibtype *mvpn) {
-  // While the module stops its VRFs are taken apart at once, and the tunnel manager is told nothing.
-  if (mvpn_is_stopping()) {
-    mvpn_mrib_unqueue_context(mvpn);
-    return;
-  }
-  mvpn_set_mti_status(mvpn, MVPN_MTI_DOWN, "route deletions written");
-  mvpn_mrib_unqueue_context(mvpn);
-  if (mvpn_is_default_mdt_ready(mvpn) != 0) {
-    mvpn_oim_bringup_tunnel(mvpn);
-  } else if (mvpn->mdt_default_group == 0) {
-    mvpn_oim_tunnel_delete(mvpn);
-  }
-}
-
 // 4.
 static walk_step take_element(txlist_walk &walk, txlist_obj *node) {
   const uint8_t kind = txlist_obj_get_kind(node);
@@ -240,7 +223,7 @@ static walk_step take_element(txlist_walk &walk, txlist_obj *node) {
       return take_route(walk, node);
     case MVPN_TXLIST_ELEM_CONTEXT:
       hold_place(walk);
-      finish_teardown(static_cast<mvpn_cibtype *>(txlist_obj_to_ptr(walk.list, node)));
+      mvpn_mrib_routes_written_hook(static_cast<mvpn_cibtype *>(txlist_obj_to_ptr(walk.list, node)));
       return walk_step::go_on;
     case MVPN_TXLIST_ELEM_WITHDRAWAL:
       return take_withdrawal(walk, node);
@@ -311,13 +294,6 @@ void mvpn_mrib_walk_txlist() {
 int mvpn_mrib_is_work_in_txlist() {
   return mvpn_mrib_info != nullptr && rqueue_count(&mvpn_mrib_info->free_buffers) != 0 &&
          mvpn_mrib_info->work_pending != 0;
-}
-
-void mvpn_mrib_wakeup_worker_thread() {
-  if (mvpn_mrib_info == nullptr || mvpn_mrib_info->txlist == nullptr) return;
-  pthread_mutex_lock(&mvpn_mrib_worker_mutex);
-  pthread_cond_signal(&mvpn_mrib_worker_cond);
-  pthread_mutex_unlock(&mvpn_mrib_worker_mutex);
 }
 
 static void unlock_mutex(void *mutex) { pthread_mutex_unlock(static_cast<pthread_mutex_t *>(mutex)); }

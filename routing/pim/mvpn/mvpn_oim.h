@@ -22,6 +22,11 @@ struct mvpn_oim_params {
 int mvpn_oim_populate_if_list(mvpn_cibtype *mvpn, void *list, uint32_t size, if_index_t if_index,
                               const mvpn_oim_params &params, im_iod_t iod);
 
+// Bare requests; 1 when sent. What they mean for mti_status is the default MDT's.
+int mvpn_oim_send_create(mvpn_cibtype *mvpn, if_index_t if_index, im_iod_t iod);
+int mvpn_oim_refresh_parameters(mvpn_cibtype *mvpn, im_iod_t iod);  // all that the VRF has now, for an existing tunnel
+int mvpn_oim_send_delete(mvpn_cibtype *mvpn);
+
 // Requests; each leaves mti_status as the request wants it.
 void mvpn_oim_tunnel_create(mvpn_cibtype *mvpn);
 void mvpn_oim_bringup_tunnel(mvpn_cibtype *mvpn);

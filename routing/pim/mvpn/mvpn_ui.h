@@ -19,11 +19,6 @@ int mdt_data_inhibit_reuse_cmd(cli_command *command);
 int mdt_asm_use_shared_tree_cmd(cli_command *command);
 int mdt_enforce_bgp_mdt_safi_cmd(cli_command *command);
 
-// Unbinds and frees every range of a VRF that is being destroyed.
-void mvpn_free_data_mdt_ranges(mvpn_cibtype *mvpn);
-// A start after a stop that left contexts in place: forgets the ranges of VRFs that have gone since.
-void mvpn_take_over_data_mdt_ranges();
-
 // Show handlers. mvpn_show_clear_walk_all_vrfs calls the printer for every VRF and prints an empty line after each.
 using mvpn_vrf_printer = int (*)(cli_command *command, mvpn_cibtype *mvpn);
 int mvpn_show_clear_walk_all_vrfs(cli_command *command, mvpn_vrf_printer printer);

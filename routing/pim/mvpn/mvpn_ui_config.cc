@@ -28,8 +28,10 @@
 #include "platform/im.h"
 #include "platform/ip.h"
 #include "platform/oim.h"
-#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_context.h"
+#include "routing/pim/mvpn/mvpn_data_mdt_range.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_default_mdt.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
 #include "routing/pim/mvpn/mvpn_ha.h"
@@ -37,58 +39,6 @@
 #include "routing/pim/mvpn/mvpn_mrib.h"
 #include "routing/pim/mvpn/mvpn_oim.h"
 #include "routing/pim/mvpn/mvpn_ui.h"
-
-uint32_t mvpn_is_cli_done;
-
-// ------------------------------------------------------------------------------------------------------ registration
-
-void mvpn_init_cli() {
-  struct registration {
-    const char *name;
-    cli_handler handler;
-  };
-#define HANDLER(function) \
-  { #function, function }
-  static constexpr registration handlers[] = {
-      HANDLER(mdt_default_cmd),
-      HANDLER(mdt_source_cmd),
-      HANDLER(mdt_data_cmd),
-      HANDLER(mdt_mtu_cmd),
-      HANDLER(mdt_data_bidir_enable_cmd),
-      HANDLER(mdt_pim_hello_interval_cmd),
-      HANDLER(mdt_pim_jp_interval_cmd),
-      HANDLER(mdt_data_inhibit_reuse_cmd),
-      HANDLER(mdt_asm_use_shared_tree_cmd),
-      HANDLER(mdt_enforce_bgp_mdt_safi_cmd),
-      HANDLER(mvpn_show_mdt_cmd),
-      HANDLER(mvpn_show_mdt_route_cmd),
-      HANDLER(mvpn_show_bgp_auto_discovery_cmd),
-      HANDLER(mvpn_show_mdt_bgp_cmd),
-      HANDLER(mvpn_show_mdt_encap_cmd),
-      HANDLER(mvpn_show_mdt_receive_cmd),
-      HANDLER(mvpn_show_mdt_send_cmd),
-      HANDLER(mvpn_show_mdt_send_history_cmd),
-      HANDLER(mvpn_show_internal_mrib_txlist_cmd),
-      HANDLER(mvpn_show_internal_ha_cmd),
-      HANDLER(mvpn_show_internal_state_cmd),
-      HANDLER(mvpn_show_snmp_korva_mvpn_mvrf_number_command),
-      HANDLER(mvpn_show_snmp_korva_mvpn_notification_enable_command),
-      HANDLER(mvpn_show_snmp_korva_mvpn_mdt_default_table_command),
-      HANDLER(mvpn_show_snmp_korva_mvpn_mdt_data_table_command),
-      HANDLER(mvpn_show_snmp_korva_generic_table_command),
-      HANDLER(mvpn_show_snmp_korva_tunnel_table_command),
-      HANDLER(mvpn_show_snmp_korva_mroute_mdt_table_command),
-      HANDLER(mvpn_show_snmp_korva_mdt_jn_send_table_command),
-      HANDLER(mvpn_show_snmp_korva_mdt_jn_rcv_table_command),
-      HANDLER(mvpn_show_snmp_korva_bgp_mdt_update_table_command),
-  };
-#undef HANDLER
-  for (const registration &r : handlers) {
-    if (cli_register_cmd(r.name, r.handler, 0) != 0) {
-      mvpn_report(msg_error_PIM_API_FAILED, "cli_register_cmd()", r.name);
-    }
-  }
-}
 
 // ------------------------------------------------------------------------------------------------- what all share
 
@@ -118,68 +68,6 @@ static bool is_unreadable(cli_command *command, const char *name) {
 static bool number_or_default(cli_command *command, const char *name, uint32_t default_value, uint32_t *out) {
   *out = default_value;
   return cli_noed(command) || cli_get_uinteger(command, name, out) || !is_unreadable(command, name);
-}
-
-// ---------------------------------------------------------------------------------------------------------- overlaps
-
-namespace {
-
-// Ranges of all VRFs by their first address. They do not overlap, so that the only one that can reach an address is the
-// last that begins at or before it.
-struct range_in_use {
-  ip_addr_t last;
-  mvpn_cibtype *owner;
-};
-std::map<ip_addr_t, range_in_use> ranges_in_use;
-
-}  // namespace
-
-static ip_addr_t last_address(ip_addr_t prefix, uint32_t length) { return prefix | ip_wildcard_mask(length); }
-
-// 0: memory ran out, which was reported.
-static int index_range(mvpn_cibtype *mvpn, const mvpn_data_mdt_range *range) {
-  try {
-    ranges_in_use[range->prefix] = {last_address(range->prefix, range->masklen), mvpn};
-    return 1;
-  } catch (const std::bad_alloc &) {
-    mvpn_report(msg_error_PIM_MALLOC, sizeof(range_in_use), "mdt_data_cmd");
-    return 0;
-  }
-}
-
-static void unindex_range(const mvpn_data_mdt_range *range) { ranges_in_use.erase(range->prefix); }
-
-// The entries of ranges that are still there serve again, so that no memory is needed.
-void mvpn_take_over_data_mdt_ranges() {
-  std::map<ip_addr_t, range_in_use> known;
-  known.swap(ranges_in_use);
-  mvpn_for_each_context([&](mvpn_cibtype *mvpn) {
-    for (const mvpn_data_mdt_range *range = mvpn->data_mdt_config; range != nullptr; range = range->next) {
-      auto entry = known.extract(range->prefix);
-      entry.mapped().owner = mvpn;
-      ranges_in_use.insert(std::move(entry));
-    }
-    return true;
-  });
-}
-
-// The first other context, by VRF name, that has a range which touches first..last; null when none has.
-static mvpn_cibtype *find_range_overlap(const mvpn_cibtype *mvpn, ip_addr_t first, ip_addr_t last) {
-  mvpn_cibtype *found = nullptr;
-  auto next = ranges_in_use.upper_bound(first);
-  if (next != ranges_in_use.begin() && std::prev(next)->second.last >= first) --next;
-  for (; next != ranges_in_use.end() && next->first <= last; ++next) {
-    mvpn_cibtype *owner = next->second.owner;
-    if (owner != mvpn) found = mvpn_first_by_name(found, owner);
-  }
-  return found;
-}
-
-// The first other context, by VRF name, whose default group or ranges touch prefix/length; null when none does.
-static mvpn_cibtype *find_overlap(const mvpn_cibtype *mvpn, ip_addr_t prefix, uint32_t length) {
-  const ip_addr_t last = last_address(prefix, length);
-  return mvpn_first_by_name(mvpn_get_other_context_by_mdt_groups(mvpn, prefix, last),
-                            find_range_overlap(mvpn, prefix, last));
 }
 
 // ------------------------------------------------------------------------------------------------------- mdt default
@@ -214,7 +102,7 @@ static int set_default_group(cli_command *command, mvpn_cibtype *mvpn) {
     return CLI_RESULT_REJECTED;
   }
   // 5. Nor shared with another VRF.
-  if (const mvpn_cibtype *other = find_overlap(mvpn, group, MROUTE_HOST_LEN)) {
+  if (const mvpn_cibtype *other = mvpn_find_group_overlap(mvpn, group, MROUTE_HOST_LEN)) {
     cli_cmd_printf(command, "The MDT-default group overlaps with VRF %s\n", other->pcib->vrf_name);
     return CLI_RESULT_REJECTED;
   }
@@ -283,15 +171,6 @@ struct range_arguments {
   const char *policy = nullptr;  // route-map; null = none
 };
 
-struct range_deleter {
-  void operator()(mvpn_data_mdt_range *range) const {
-    mtrack_free(range->policy.policy_name);
-    mtrack_free(range);
-  }
-};
-// A range outside the list, with its policy name.
-using range_ptr = std::unique_ptr<mvpn_data_mdt_range, range_deleter>;
-
 // Where a prefix stands in a VRF's list.
 struct range_position {
   mvpn_data_mdt_range *match = nullptr;     // range of exactly this prefix; null = none
@@ -357,46 +236,12 @@ static bool find_range(cli_command *command, const mvpn_cibtype *mvpn, const ran
   return true;
 }
 
-// A copy of a policy's name; null when memory ran out.
-static tracked_ptr<char> copy_policy_name(const char *name) {
-  const size_t size = std::strlen(name) + 1;
-  tracked_ptr<char> copy(static_cast<char *>(mvpn_tracked_alloc(
-      MTRACK_MVPN_DATA_RANGE, size, size, "routing/pim/mvpn/mvpn_ui_config", __LINE__, "mdt_data_cmd")));
-  if (copy != nullptr) std::memcpy(copy.get(), name, size);
-  return copy;
-}
-
-// Gives a range without a policy one. False: the policy could not be bound, and the range has none.
-static bool bind_policy(const mvpn_cibtype *mvpn, mvpn_data_mdt_range *range, tracked_ptr<char> name) {
-  rpm_binding &policy = range->policy;
-  policy.kind = RPM_BINDING_KIND;
-  policy.client = RPM_CLIENT_MVPN;
-  policy.policy_name = name.get();
-  policy.context_id = mvpn->pcib->context_id;
-  if (rpm_policy_bind(RPM_CLIENT_MVPN, policy.policy_name, &policy) == 0) {
-    policy.policy_name = nullptr;
-    policy.policy_handle = 0;
-    return false;
-  }
-  (void)name.release();
-  return true;
-}
-
-// Ends a range's use of its policy, whatever the route-policy manager says.
-static void drop_policy(mvpn_data_mdt_range *range) {
-  if (range->policy.policy_name == nullptr) return;
-  rpm_policy_unbind(range->policy.policy_handle);
-  mtrack_free(range->policy.policy_name);
-  range->policy.policy_name = nullptr;
-  range->policy.policy_handle = 0;
-}
-
 // Takes a range out of the list, moves its flows off it, frees it.
 static int remove_range(cli_command *command, mvpn_cibtype *mvpn, const range_position &position) {
   if (position.match == nullptr) return CLI_RESULT_OK;
-  const range_ptr range(position.match);
+  const mvpn_data_mdt_range_ptr range(position.match);
   range->deleted = 1;
-  unindex_range(range.get());
+  mvpn_unindex_data_mdt_range(range.get());
   (position.previous != nullptr ? position.previous->next : mvpn->data_mdt_config) = range->next;
   // The pass yields, and leaves out flows that cannot be mapped at present.
   const mvpn_vrf_handle vrf(mvpn);
@@ -416,18 +261,18 @@ static int modify_range(cli_command *command, mvpn_cibtype *mvpn, mvpn_data_mdt_
   const bool same_policy = wanted.policy != nullptr && current != nullptr && std::strcmp(wanted.policy, current) == 0;
   tracked_ptr<char> name;
   if (wanted.policy != nullptr && !same_policy) {
-    name = copy_policy_name(wanted.policy);
+    name = mvpn_copy_policy_name(wanted.policy);
     if (name == nullptr) return CLI_RESULT_NO_MEMORY;
   }
   range->threshold = wanted.threshold;
   range->immediate_switch = wanted.immediate_switch;
   if (same_policy) return CLI_RESULT_OK;
-  drop_policy(range);
+  mvpn_drop_data_mdt_policy(range);
   if (name == nullptr) {
     mvpn_process_data_mdt_config_change(mvpn);
     return CLI_RESULT_OK;
   }
-  if (!bind_policy(mvpn, range, std::move(name))) {
+  if (!mvpn_bind_data_mdt_policy(mvpn, range, std::move(name))) {
     cli_cmd_printf(command, "Unable to bind policy %s\n", wanted.policy);
     return CLI_RESULT_REJECTED;
   }
@@ -448,13 +293,13 @@ static void insert_range(mvpn_cibtype *mvpn, mvpn_data_mdt_range *range, mvpn_da
 // matched.
 static int add_range(cli_command *command, mvpn_cibtype *mvpn, const range_arguments &wanted,
                      mvpn_data_mdt_range *last) {
-  if (const mvpn_cibtype *other = find_overlap(mvpn, wanted.prefix, wanted.length)) {
+  if (const mvpn_cibtype *other = mvpn_find_group_overlap(mvpn, wanted.prefix, wanted.length)) {
     cli_cmd_printf(command, "Error: prefix overlaps with default mdt group or mdt data group prefixes for VRF %s\n",
                    other->pcib->vrf_name);
     return CLI_RESULT_REJECTED;
   }
   constexpr size_t size = sizeof(mvpn_data_mdt_range);
-  range_ptr range(static_cast<mvpn_data_mdt_range *>(mvpn_tracked_alloc(
+  mvpn_data_mdt_range_ptr range(static_cast<mvpn_data_mdt_range *>(mvpn_tracked_alloc(
       MTRACK_MVPN_DATA_RANGE, size, size, "routing/pim/mvpn/mvpn_ui_config", __LINE__, "mdt_data_cmd")));
   if (range == nullptr) return CLI_RESULT_NO_MEMORY;
   range->prefix = wanted.prefix;
@@ -462,15 +307,15 @@ static int add_range(cli_command *command, mvpn_cibtype *mvpn, const range_argum
   range->threshold = wanted.threshold;
   range->immediate_switch = wanted.immediate_switch;
   if (wanted.policy != nullptr) {
-    tracked_ptr<char> name = copy_policy_name(wanted.policy);
+    tracked_ptr<char> name = mvpn_copy_policy_name(wanted.policy);
     if (name == nullptr) return CLI_RESULT_NO_MEMORY;
-    if (!bind_policy(mvpn, range.get(), std::move(name))) {
+    if (!mvpn_bind_data_mdt_policy(mvpn, range.get(), std::move(name))) {
       cli_cmd_printf(command, "Unable to bind policy %s \n", wanted.policy);
       return CLI_RESULT_REJECTED;
     }
   }
-  if (index_range(mvpn, range.get()) == 0) {
-    drop_policy(range.get());
+  if (mvpn_index_data_mdt_range(mvpn, range.get()) == 0) {
+    mvpn_drop_data_mdt_policy(range.get());
     return CLI_RESULT_NO_MEMORY;
   }
   insert_range(mvpn, range.release(), last);
@@ -490,16 +335,6 @@ int mdt_data_cmd(cli_command *command) {
   if (remove) return remove_range(command, mvpn, position);
   if (position.match != nullptr) return modify_range(command, mvpn, position.match, wanted);
   return add_range(command, mvpn, wanted, position.previous);
-}
-
-void mvpn_free_data_mdt_ranges(mvpn_cibtype *mvpn) {
-  if (mvpn->data_mdt_config != nullptr) mvpn_forget_data_mdt_range(mvpn, nullptr);
-  while (mvpn->data_mdt_config != nullptr) {
-    const range_ptr range(mvpn->data_mdt_config);
-    mvpn->data_mdt_config = range->next;
-    unindex_range(range.get());
-    drop_policy(range.get());
-  }
 }
 
 // ----------------------------------------------------------------------------------------------- MTU and intervals
@@ -633,52 +468,4 @@ int mdt_asm_use_shared_tree_cmd(cli_command *command) {
   // The tunnel comes up again under the new mode.
   if (up && cli_is_interactive(command)) mvpn_oim_bringdown_tunnel(mvpn);
   return CLI_RESULT_OK;
-}
-
-// -------------------------------------------------------------------------------------------------- end of replay
-
-int mvpn_cli_vrf_done(pim_cibtype *pcib) {
-  mvpn_cibtype *mvpn = pcib != nullptr ? pcib->mvpn : nullptr;
-  if (mvpn != nullptr && mvpn->mti_status == MVPN_MTI_NONE) mvpn_setup_default_mdt(mvpn);
-  return 1;
-}
-
-// Deletes a tunnel of the manager's database when no VRF owns it.
-static void delete_if_orphan(if_index_t if_index) {
-  MVPN_DEBUG(pim_null_pcib, "Evaluating %s if orphan\n", oim_print_ifname(if_index));
-  const mvpn_cibtype *owner = mvpn_get_context_by_mti(if_index);
-  if (owner == nullptr) {
-    mvpn_oim_orphan_tunnel_delete(if_index);
-    return;
-  }
-  MVPN_DEBUG(pim_null_pcib, "MTI Status Information for VRF %s : MTI(%s) %s\n", owner->pcib->vrf_name,
-             owner->mti_iod != 0 ? ksink_im_get_if_name(owner->mti_iod) : " ", mvpn_mti_status_str[owner->mti_status]);
-}
-
-static void delete_orphan_tunnels() {
-  oim_if_info info{};
-  for (int found = oim_sdb_get_first_if_info(&info); found != 0; found = oim_sdb_get_next_if_info(&info)) {
-    if (im_is_ifindex_mvpn_tunnel(info.if_index)) delete_if_orphan(info.if_index);
-  }
-}
-
-int mvpn_cli_done() {
-  // 1, 2. Equality, since the counters wrap.
-  if (!mvpn_is_up()) return 1;
-  if (pim_cli_requests_sent_count != pim_cli_done_recv_count) return 1;
-  // 3. Set-ups from here on are not deferred any more.
-  MVPN_DEBUG(pim_null_pcib, "CLI done with playing all commands\n");
-  mvpn_is_cli_done = 1;
-  // 4. Default MDTs that the replay left alone.
-  mvpn_for_each_context([](mvpn_cibtype *mvpn) {
-    if (mvpn->mti_status == MVPN_MTI_NONE) mvpn_setup_default_mdt(mvpn);
-    return true;
-  });
-  // 5 to 8. Remote PEs, tunnels of former lives, receivers, and last the choices of former lives.
-  mvpn_request_remote_mdt_safis();
-  delete_orphan_tunnels();
-  MVPN_DEBUG(pim_null_pcib, "Trigger routes from MRIB\n");
-  mrib_trigger_join_notify(pim_mpib);
-  mvpn_ha_recovery_start();
-  return 1;
 }

@@ -8,7 +8,7 @@
 #include <type_traits>
 
 #include "platform/cli_schema.h"
-#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"
 
 // ------------------------------------------------------------------------------------------------------- printing

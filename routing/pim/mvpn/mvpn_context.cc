@@ -1,15 +1,10 @@
-// Module core: start and stop, module-wide state, VRF contexts and how they are found, message dispatch.
+// The per-VRF contexts: their creation and defaults, how they are found, what a yield leaves of them, and the words that
+// every subsystem shares. Everything else in the module stands above this source.
 //
-// Start and stop. mvpn_init builds the module up step by step; a step that fails ends the start and undoes nothing,
-// so that the module is left in Up Pending, where it answers messages already but takes no configuration. mvpn_deinit
-// takes down whatever is there, after a complete start or a partial one: every release tests what it releases. When
-// the multicast-VPN feature is being removed the VRFs are torn down first, silently; when only the process goes away,
-// contexts, tunnels and routes stay for whoever takes over.
-//
-// Contexts. A VRF with a default MDT group has an mvpn_cibtype, which hangs on its PIM context. Messages and events name
-// a VRF by its tunnel's if-index, by its tunnel's ordinal, by its default group or by the interface that is its source.
-// These look-ups are frequent, so they are answered from four indexes; each holds every context, also those whose field
-// is 0. When several contexts share a value they are found in VRF-name order, for ordinals the lowest context id first.
+// A VRF with a default MDT group has an mvpn_cibtype, which hangs on its PIM context. Messages and events name a VRF by
+// its tunnel's if-index, by its tunnel's ordinal, by its default group or by the interface that is its source. These
+// look-ups are frequent, so they are answered from four indexes; each holds every context, also those whose field is 0.
+// When several contexts share a value they are found in VRF-name order, for ordinals the lowest context id first.
 //
 // Invariants.
 //   - A context is in all four indexes or, while it is being created or freed, in none. The setters move it; they
@@ -20,37 +15,30 @@
 // Yields. Whoever lets other work run may find the VRF deleted, or deleted and configured anew, afterwards; VRFs are
 // therefore remembered by name and looked up again (mvpn_vrf_handle, mvpn_may_sched_yield). A successor may lie where
 // its predecessor lay: what must not go on in it compares serial numbers, not addresses.
-#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_context.h"
 
-#include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <initializer_list>
 #include <new>
 #include <set>
 
 #include "platform/im.h"
-#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "platform/l3vm.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
-#include "routing/pim/mvpn/mvpn_ha.h"
-#include "routing/pim/mvpn/mvpn_mdt_safi.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
-#include "routing/pim/mvpn/mvpn_oim.h"
-#include "routing/pim/mvpn/mvpn_ui.h"
 
 // ------------------------------------------------------------------------------------------------------- global state
 
-uint32_t pim_glb_trace_buffers[PIM_TRACE_BUFFERS];
-uint32_t pim_mvpn_detail_debug_flag;
 mvpn_functionality_status_t mvpn_functionality_status = MVPN_FUNCTIONALITY_DOWN;
 uint32_t mvpn_mvrf_count;
 mts_queue *mvpn_mts_q;
 mts_queue *mvpn_mrib_mts_q;
 uint8_t mvpn_at_set_heap;
-static bool stopped;  // since the last start
-
-bool mvpn_has_stopped() { return stopped; }
+bool mvpn_stopped;
+uint32_t mvpn_is_cli_done;
+char mvpn_bgp_updatesrc_ifname[BGP_UPDATE_SOURCE_NAME_SIZE + 1];
+im_iod_t mvpn_bgp_updatesrc_iod;
+void (*mvpn_switchover_timer_hook)(mvpn_cibtype *mvpn);
 
 // Display strings are indexed by value: each list counts up from 0.
 #define ENUM_TEXT(name, value, text) text,
@@ -79,6 +67,41 @@ const mvpn_slab_info_t mvpn_slab_info[MVPN_SLAB_COUNT] = {
     {sizeof(mvpn_data_mdt_recv_join_info), 200, "mvpn_data_mdt_recv_join_info"},
 };
 slab_handle mvpn_slabs[MVPN_SLAB_COUNT];
+
+// ------------------------------------------------------------------------------------------------- slabs and timers
+
+int mvpn_init_slabs() {
+  slab_attr attr;
+  slab_set_attr(&attr, 1, 0);
+  for (uint32_t i = 0; i < MVPN_SLAB_COUNT; i++) {
+    const mvpn_slab_info_t &info = mvpn_slab_info[i];
+    mvpn_slabs[i] = slab_create(info.size, info.count, &attr, info.name);
+    if (mvpn_slabs[i] == nullptr) {
+      mvpn_report(msg_error_PIM_SLAB_CREATE, info.name);
+      return 0;
+    }
+  }
+  return 1;
+}
+
+int mvpn_init_timers() {
+  mvpn_at_set_heap = active_timer_new_set_init(ACTIVE_TIMER_SET_SIZE);
+  if (mvpn_at_set_heap == 0) {
+    mvpn_report(msg_error_PIM_TIMER_SET_INIT, "heap");
+    return 0;
+  }
+  return 1;
+}
+
+int mvpn_deinit_slabs() {
+  for (slab_handle &slab : mvpn_slabs) {
+    if (slab != nullptr) slab_destroy(&slab);
+  }
+  return 1;
+}
+
+// The timers of the set are cancelled by those who made them.
+int mvpn_deinit_timers() { return 1; }
 
 // ------------------------------------------------------------------------------------------------------------ indexes
 
@@ -186,164 +209,13 @@ static int add_to_indexes(mvpn_cibtype *mvpn) {
 }
 
 // A start after a stop that left contexts in place: VRFs may have gone meanwhile.
-static void take_over_contexts() {
+void mvpn_take_over_contexts() {
   if (contexts_by_mti.empty()) return;
   contexts_by_mti.keep_reachable();
   contexts_by_mti_iod.keep_reachable();
   contexts_by_mdt_group.keep_reachable();
   contexts_by_source.keep_reachable();
-  mvpn_take_over_data_mdt_ranges();
   mvpn_mvrf_count = contexts_by_mti.size();
-}
-
-// -------------------------------------------------------------------------------------------------------------- start
-
-int mvpn_init_slabs() {
-  slab_attr attr;
-  slab_set_attr(&attr, 1, 0);
-  for (uint32_t i = 0; i < MVPN_SLAB_COUNT; i++) {
-    const mvpn_slab_info_t &info = mvpn_slab_info[i];
-    mvpn_slabs[i] = slab_create(info.size, info.count, &attr, info.name);
-    if (mvpn_slabs[i] == nullptr) {
-      mvpn_report(msg_error_PIM_SLAB_CREATE, info.name);
-      return 0;
-    }
-  }
-  return 1;
-}
-
-int mvpn_init_timers() {
-  mvpn_at_set_heap = active_timer_new_set_init(ACTIVE_TIMER_SET_SIZE);
-  if (mvpn_at_set_heap == 0) {
-    mvpn_report(msg_error_PIM_TIMER_SET_INIT, "heap");
-    return 0;
-  }
-  return 1;
-}
-
-// Opcodes whose notifications the module wants.
-static constexpr uint32_t notification_opcodes[] = {MTS_OPC_MVPN_BGP_RESERVED, MTS_OPC_MVPN_BGP_RD_NOTIFY,
-                                                    MTS_OPC_MVPN_BGP_UPDATE_SOURCE_NOTIFY};
-
-int mvpn_init_mts() {
-  for (const uint32_t opcode : notification_opcodes) {
-    if (mts_options_set(mvpn_mts_q, opcode, MTS_OPTION_NOTIFY) < 0) {
-      mvpn_report(msg_error_PIM_OPCODE_REG, opcode, std::strerror(errno));
-      return 0;
-    }
-  }
-  return 1;
-}
-
-// A VRF that a stop left in place: its source may have another address, and its tunnel, which the tunnel manager keeps down
-// while nobody serves it, needs to come up again.
-static void follow_missed_events(mvpn_cibtype *mvpn) {
-  const bool tunnel_went =
-      mvpn->mti_status == MVPN_MTI_UP && mvpn->mti_iod != 0 && ksink_im_is_if_up(mvpn->mti_iod) == 0;
-  if (tunnel_went) {
-    mvpn_update_mdt_source_info(mvpn, mvpn->mdt_source_iod);
-    mvpn_interface_status(mvpn->mti_iod, 0);
-  } else if (mvpn->mdt_source_iod != 0) {
-    mvpn_process_mdt_source_change(mvpn, mvpn->mdt_source_iod);
-  }
-}
-
-// 12. Makes the queue known to the debug service; failing that the module runs all the same.
-static int register_queue_for_debugging() {
-  const int rc = sdwrap_dbg_init_register_mts_q(mvpn_mts_q);
-  if (rc != 0) {
-    MVPN_DEBUG(pim_null_pcib, "ERROR: register mvpn_mts_q with sdwrap, rc=0x%x [%s]\n", static_cast<unsigned>(rc),
-               syserr2str(rc));
-    return 0;
-  }
-  MVPN_DEBUG(pim_null_pcib, "MVPN Module initialisation complete");
-  return 1;
-}
-
-int mvpn_init(void) {
-  // 1, 2.
-  mvpn_mts_q = pim_mts_q;
-  mvpn_mrib_mts_q = pim_mrib_mts_q;
-  mvpn_functionality_status = MVPN_FUNCTIONALITY_UP_PENDING;
-  stopped = false;
-  take_over_contexts();
-  // 3, 4.
-  if (mvpn_init_slabs() == 0 || mvpn_init_timers() == 0) return 0;
-  // 5.
-  mvpn_bgp_mdt_safi_init_db();
-  // 6 to 10.
-  if (mvpn_init_oim() == 0 || mvpn_init_bgp() == 0 || mvpn_init_mts() == 0) return 0;
-  if (mvpn_init_mrib() == 0 || mvpn_init_data_mdt() == 0) return 0;
-  // 11.
-  mvpn_functionality_status = MVPN_FUNCTIONALITY_UP;
-  if (mvpn_mvrf_count != 0) {
-    mvpn_for_each_context([](mvpn_cibtype *mvpn) {
-      follow_missed_events(mvpn);
-      return true;
-    });
-  }
-  return register_queue_for_debugging();
-}
-
-// --------------------------------------------------------------------------------------------------------------- stop
-
-int mvpn_deinit_slabs() {
-  for (slab_handle &slab : mvpn_slabs) {
-    if (slab != nullptr) slab_destroy(&slab);
-  }
-  return 1;
-}
-
-// The timers of the set are cancelled by those who made them.
-int mvpn_deinit_timers() { return 1; }
-
-int mvpn_deinit_mts() {
-  int done = 1;
-  for (const uint32_t opcode : notification_opcodes) {
-    const uint32_t options = mts_options_get(mvpn_mts_q, opcode);
-    if (mts_options_set(mvpn_mts_q, opcode, options & 0xFFEF) < 0) done = 0;
-  }
-  return done;
-}
-
-// Ends an open recovery period without its sweep: the records go anyway.
-static void drop_recovery_timer() {
-  if (mvpn_ha_recovery_timer == nullptr) return;
-  active_timer_cancel(mvpn_ha_recovery_timer);
-  mvpn_ha_recovery_timer = nullptr;
-}
-
-static bool is_feature_configured() { return pim_check_feature_configured("mvpn") != 0; }
-
-// The feature test is repeated, since the host's configuration may change while the stop yields.
-void mvpn_deinit(int deregister) {
-  // 1, 2.
-  if (mvpn_functionality_status == MVPN_FUNCTIONALITY_DOWN) return;
-  mvpn_functionality_status = MVPN_FUNCTIONALITY_DOWN_PENDING;
-  stopped = true;
-  // 3. The feature is being removed.
-  if (!is_feature_configured()) {
-    mvpn_for_each_context([](mvpn_cibtype *mvpn) {
-      mvpn_default_tunnel_down(mvpn, 0);
-      return true;
-    });
-  }
-  // 4, 5.
-  mvpn_deinit_mts();
-  mvpn_deinit_mrib(deregister);
-  mvpn_deinit_oim();
-  // 6.
-  if (!is_feature_configured()) mvpn_bgp_mdt_safi_delete_all();
-  // 7.
-  mvpn_deinit_bgp();
-  mvpn_deinit_data_mdt();
-  drop_recovery_timer();
-  mvpn_deinit_timers();
-  mvpn_deinit_slabs();
-  // 8.
-  mvpn_ha_delete_encap_info(nullptr, nullptr);
-  // 9.
-  mvpn_functionality_status = MVPN_FUNCTIONALITY_DOWN;
 }
 
 // ------------------------------------------------------------------------------------------------------------- yields
@@ -417,7 +289,7 @@ mvpn_cibtype *mvpn_create_context(pim_cibtype *pcib, const char *vrf_name) {
 }
 
 static void switchover_timer_expired(void *argument) {
-  mvpn_process_data_mdt_switchover_expiry(static_cast<mvpn_cibtype *>(argument));
+  mvpn_switchover_timer_hook(static_cast<mvpn_cibtype *>(argument));
 }
 
 void mvpn_init_context(mvpn_cibtype *mvpn) {
@@ -518,42 +390,40 @@ mvpn_cibtype *mvpn_next_context_by_source(im_iod_t iod, const char *vrf_name) {
   return contexts_by_source.next(iod, vrf_name);
 }
 
-// ----------------------------------------------------------------------------------------------------------- messages
+// ---------------------------------------------------------------------------------------------------------- readiness
 
-int mvpn_process_msg(mts_message *msg) {
-  if (!mvpn_is_running()) {
-    MVPN_DEBUG(pim_null_pcib, "Ignoring processing of oim/bgp messages");
-    return 0;
-  }
-  switch (mts_opc_get(msg)) {
-    case MTS_OPC_MVPN_BGP_MDT_SAFI_LOCAL_REQUEST:
-      mvpn_bgp_process_local_request(msg);
-      return 1;
-    case MTS_OPC_MVPN_BGP_UPDATE_SOURCE_NOTIFY:
-      mvpn_bgp_process_update_src_notify(msg);
-      return 1;
-    case MTS_OPC_MVPN_BGP_MDT_SAFI_REMOTE_UPDATE:
-      MVPN_DEBUG(pim_null_pcib, "Received MDT SAFI Remote Update msg from BGP");
-      mvpn_bgp_mdt_safi_receive_remote_update(mts_payload_get(msg), mts_payload_length_get(msg));
-      return 1;
-    case MTS_OPC_MVPN_BGP_RD_NOTIFY:
-      mvpn_bgp_process_rd_notify(msg);
-      return 1;
-    case MTS_OPC_OIM_IF_CREATE_RESPONSE:
-      MVPN_DEBUG(pim_null_pcib, "Received OIM If create response message");
-      mvpn_oim_process_create_response(msg);
-      return 1;
-    case MTS_OPC_MVPN_BGP_RESERVED:
-      return 1;
-    case MTS_OPC_OIM_IF_DELETE_RESPONSE:
-      MVPN_DEBUG(pim_null_pcib, "Received OIM If delete response message");
-      mvpn_oim_process_delete_response(msg);
-      return 1;
-    case MTS_OPC_OIM_IF_PARAM_UPDATE_RESPONSE:
-      MVPN_DEBUG(pim_null_pcib, "Received OIM param update response msg");
-      mvpn_oim_process_update_response(msg);
-      return 1;
-    default:
-      return 0;
-  }
+static bool has_context_id(const mvpn_cibtype *mvpn) {
+  return mvpn->pcib != nullptr && mvpn->pcib->context_id != VRF_CONTEXT_ID_NONE;
+}
+
+// The first condition that does not hold; null when all do.
+static const char *unmet_condition(const mvpn_cibtype *mvpn) {
+  // The VRF.
+  if (!has_context_id(mvpn)) return "Context-id doesn't exist";
+  l3vm_context_info info;
+  if (l3vm_get_context_info(mvpn->pcib->context_id, &info) == 0) return "l3vm_get_context_info() failed";
+  if (info.state != L3VM_STATE_UP) return "l3vm state for context is not UP";
+  // Its identity in BGP.
+  if (mvpn->bgp_rd_set == 0) return "BGP RD is not set";
+  // The source.
+  if (mvpn->mdt_source_iod == 0) return "MDT source iod is unknown";
+  if (im_is_if_up(mvpn->mdt_source_iod) == 0) return "MDT source iod is down";
+  if (mvpn->mdt_source_addr == 0) return "MDT source address doesn't exist";
+  // The group.
+  return mvpn->mdt_default_group == 0 ? "MDT default group is not configured" : nullptr;
+}
+
+int mvpn_is_default_mdt_ready(mvpn_cibtype *mvpn) {
+  const char *condition = unmet_condition(mvpn);
+  if (condition == nullptr) return 1;
+  MVPN_DEBUG(has_context_id(mvpn) ? mvpn->pcib : pim_null_pcib, "%s", condition);
+  return 0;
+}
+
+// --------------------------------------------------------------------------------------------------------- group mode
+
+mvpn_mdt_group_mode_t mvpn_get_group_mode(vrf_context_id_t context_id, ip_addr_t group) {
+  if (pim_is_ssm_group(context_id, group) != 0) return MVPN_MDT_GROUP_MODE_SSM;
+  if (pim_is_bidir_group(context_id, group) != 0) return MVPN_MDT_GROUP_MODE_BIDIR;
+  return MVPN_MDT_GROUP_MODE_ASM;
 }
