@@ -502,6 +502,30 @@ void check_default_encap(World &world, const Vrf &vrf) {
   world.fail(vrf.name + " is Up and does not encapsulate");
 }
 
+// The core routes of a default group are there while its VRF is up, and no others; see expect_default_routes and
+// compare_routes for what is left out here.
+void check_default_routes(World &world, const Vrf &vrf) {
+  const Config &config = vrf.config;
+  const bool loose = !config.enforce || config.shared_tree || vrf.enforce_toggled || world.cleared || world.faulty ||
+                     world.acks_late || !world.rd_changed_unready.empty() || !world.ambiguous_pes.empty();
+  if (loose || !is_up(vrf) || mode_of(config.group) == Mode::bidir) return;
+  const ref::Interface *source = world.source_of(vrf);
+  std::set<ip_addr_t> expected, held;
+  if (source != nullptr) expected.insert(source->address);
+  for (const ref::MdtSafi &entry : ref::bgp_remote_entries())
+    if (entry.group == config.group) expected.insert(entry.source);
+  for (const ref::MribRoute &route : ref::mrib_routes())
+    if (route.addrs.group == config.group) held.insert(route.addrs.source);
+  if (held != expected) world.fail(vrf.name + " has not the core routes of its default group");
+}
+
+// A VRF whose tunnel is down is not advertised.
+void check_not_advertised(World &world, const Vrf &vrf) {
+  if (world.faulty || status_of(vrf) != "Down" || world.rd_changed_unready.contains(vrf.name)) return;
+  for (const ref::MdtSafi &entry : ref::bgp_local_entries())
+    if (entry.vrf_name == vrf.name) world.fail(vrf.name + " is advertised while it is down");
+}
+
 // Ranges with route-maps may stand in another order after the restart.
 void check_remembered(World &world, const Vrf &vrf) {
   for (const Range &range : vrf.config.ranges)
@@ -535,6 +559,8 @@ void check_settled(World &world) {
       if (!is_up(vrf) && on_data_mdt(record_of(vrf, route))) world.moved_while_down = true;
     check_joined(world, vrf, *pcib->mvpn);
     check_default_encap(world, vrf);
+    check_default_routes(world, vrf);
+    check_not_advertised(world, vrf);
     if (world.recovers() && !world.faulty) check_remembered(world, vrf);
   }
 }

@@ -87,14 +87,16 @@ std::pair<size_t, size_t> number(size_t first, size_t last) { return {first, las
 
 using Play = void (*)(World &, const Words &);
 
-// A kind of step. Weights are relative; faults are drawn in every third seed only, so that the others can be held to
-// more. Words beyond the kind are there when `play` is called.
+enum class Level { plain, disturbance, fault };
+
+// A kind of step. Weights are relative. Of three seeds one draws plain steps only and can be held to most, one also
+// disturbances, one also faults. Words beyond the kind are there when `play` is called.
 struct Kind {
   const char *name;
   unsigned weight;
   std::vector<Draw> words;
   Play play;
-  bool fault;
+  Level level;
 };
 
 // -------------------------------------------------------------------------------------------------- what is played
@@ -257,10 +259,13 @@ void core_route_freed(const std::string &group) {
 class Kinds {
  public:
   void add(const char *name, unsigned weight, std::vector<Draw> words, Play play) {
-    all.push_back({name, weight, std::move(words), play, false});
+    all.push_back({name, weight, std::move(words), play, Level::plain});
+  }
+  void disturb(const char *name, unsigned weight, std::vector<Draw> words, Play play) {
+    all.push_back({name, weight, std::move(words), play, Level::disturbance});
   }
   void fault(const char *name, unsigned weight, std::vector<Draw> words, Play play) {
-    all.push_back({name, weight, std::move(words), play, true});
+    all.push_back({name, weight, std::move(words), play, Level::fault});
   }
   std::vector<Kind> all;
 };
@@ -475,8 +480,8 @@ void add_interfaces(Kinds &all) {
 
 // Tunnel manager.
 void add_tunnels(Kinds &all) {
-  all.add("tunnel_answers", 6, {number(0, 1)}, [](World &world, const Words &w) {
-    world.answers_late = true;
+  all.disturb("tunnel_answers", 6, {number(0, 1)}, [](World &world, const Words &w) {
+    world.answers_late = world.answers_late || w[1] == "0";
     ref::set_oim_answers(w[1] == "1");
   });
   all.fault("tunnel_answers_lost", 2, {number(1, 3)},
@@ -484,7 +489,7 @@ void add_tunnels(Kinds &all) {
   all.fault("tunnel_answer_unasked", 3, {vrfs, number(0, 2), number(0, 1)}, [](World &world, const Words &w) {
     world.spurious_answer(w[1], MTS_OPC_OIM_IF_CREATE_RESPONSE + value(w[2]), w[3] == "1");
   });
-  all.add("tunnel_flap", 3, {vrfs}, [](World &world, const Words &w) {
+  all.disturb("tunnel_flap", 3, {vrfs}, [](World &world, const Words &w) {
     world.tunnel_fell = true;
     const std::string name = tunnel_of(w[1]);
     const ref::Interface *tunnel = ref::find_interface(std::string_view(name));
@@ -492,7 +497,7 @@ void add_tunnels(Kinds &all) {
     ref::set_interface_state(name, false);
     ref::set_interface_state(name, true);
   });
-  all.add("tunnel_down", 2, {vrfs}, [](World &world, const Words &w) {
+  all.disturb("tunnel_down", 2, {vrfs}, [](World &world, const Words &w) {
     world.tunnel_fell = true;
     ref::set_interface_state(tunnel_of(w[1]), false);
   });
@@ -501,7 +506,10 @@ void add_tunnels(Kinds &all) {
 
 // Multicast RIB.
 void add_mrib(Kinds &all) {
-  all.add("mrib_acks", 5, {number(0, 1)}, [](World &, const Words &w) { ref::set_mrib_acks(w[1] == "1"); });
+  all.disturb("mrib_acks", 5, {number(0, 1)}, [](World &world, const Words &w) {
+    world.acks_late = world.acks_late || w[1] == "0";
+    ref::set_mrib_acks(w[1] == "1");
+  });
   all.add("mrib_refuses", 2, {number(1, 3)}, [](World &, const Words &w) { ref::mrib_refuse_updates(value(w[1])); });
   all.fault("mrib_refuses_encaps", 1, {number(1, 3)},
             [](World &, const Words &w) { ref::mrib_refuse_encaps(value(w[1])); });
@@ -584,13 +592,13 @@ bool is_for_the_top(const std::string &kind) {
   return top.contains(kind);
 }
 
-Words draw_words(Random &random, bool faults) {
+Words draw_words(Random &random, Level level) {
   unsigned total = 0;
   for (const Kind &kind : kinds())
-    if (faults || !kind.fault) total += kind.weight;
+    if (kind.level <= level) total += kind.weight;
   size_t at = random.below(total);
   for (const Kind &kind : kinds()) {
-    if (kind.fault && !faults) continue;
+    if (kind.level > level) continue;
     if (at >= kind.weight) {
       at -= kind.weight;
       continue;
@@ -603,16 +611,16 @@ Words draw_words(Random &random, bool faults) {
 }
 
 // "in_yield N STEP ; STEP": the steps run when the module gives way.
-Step draw_step(Random &random, bool faults) {
+Step draw_step(Random &random, Level level) {
   Step step;
   step.settles = !random.chance(25);
   if (!random.chance(4)) {
-    step.words = draw_words(random, faults);
+    step.words = draw_words(random, level);
     return step;
   }
   step.words = {"in_yield", random.number(1, 3)};
   for (size_t left = 1 + random.below(2); left > 0; left--) {
-    Words inner = draw_words(random, faults);
+    Words inner = draw_words(random, level);
     if (is_for_the_top(inner[0])) continue;
     if (step.words.size() > 2) step.words.push_back(";");
     step.words.insert(step.words.end(), inner.begin(), inner.end());
@@ -650,7 +658,7 @@ bool leaves_requests_open(const Words &words) {
 bool play_words(World &world, const Words &words) {
   const Kind *kind = kind_of(words[0]);
   if (kind == nullptr || words.size() != kind->words.size() + 1) return false;
-  if (kind->fault) world.faulty = true;
+  if (kind->level == Level::fault) world.faulty = true;
   if (words[0].starts_with("fail") || words[0] == "mrib_refuses_encaps") world.calls_failed = true;
   if (leaves_requests_open(words)) world.requests_left_open = true;
   if (!leaves_choices(words[0])) world.remembered.clear();
@@ -687,9 +695,9 @@ Script draw(uint64_t seed) {
   Random random(seed);
   Script script;
   script.scheduler = seed;
-  const bool faults = seed % 3 == 0;
+  const Level level = seed % 3 == 0 ? Level::fault : seed % 3 == 1 ? Level::disturbance : Level::plain;
   draw_beginning(random, script.steps);
-  for (size_t left = 15 + random.below(45); left > 0; left--) script.steps.push_back(draw_step(random, faults));
+  for (size_t left = 15 + random.below(45); left > 0; left--) script.steps.push_back(draw_step(random, level));
   return script;
 }
 

@@ -138,6 +138,7 @@ class World {
   // Faults that platform and neighbours cannot make good: afterwards some VRFs may need an operator.
   bool faulty = false;
   std::set<std::string> unusable;            // VRFs whose PIM context cannot be used
+  bool acks_late = false;                    // the RIB kept acknowledgements back
   bool moved_while_down = false;             // a flow, onto a data MDT
   bool calls_failed = false;                 // platform calls
   bool requests_left_open = false;           // answers may have been missed
