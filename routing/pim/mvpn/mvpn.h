@@ -10,7 +10,9 @@
 #ifndef MVPN_H
 #define MVPN_H
 
+#ifndef __cplusplus
 #include <assert.h>
+#endif
 #include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
