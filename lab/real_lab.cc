@@ -28,9 +28,15 @@ RealLab::RealLab(const Network &network, const Settings &settings)
       stage_(network, settings.prefix, settings.project, settings.work),
       traffic_(built(stage_), settings.binaries + "/mvpn-traffic", settings.work) {}
 
-std::string RealLab::write_configuration(const std::string &pe, const std::string &reflector) const {
+std::string RealLab::write_configuration(const std::string &pe) const {
   const std::string file = settings_.work + "/" + pe + ".conf";
-  std::ofstream(file) << stage_.configuration(pe, socket_of(pe), reflector);
+  std::ofstream(file) << stage_.configuration(pe, socket_of(pe));
+  return file;
+}
+
+std::string RealLab::write_reflector_configuration() const {
+  const std::string file = settings_.work + "/reflector.conf";
+  std::ofstream(file) << stage_.reflector_configuration();
   return file;
 }
 

@@ -31,7 +31,8 @@ class RealLab {
 
   // The namespace that a PE's processes run in, and its configuration file, written anew.
   std::string namespace_path(const std::string &pe) const { return stage_.namespaces().path(pe); }
-  std::string write_configuration(const std::string &pe, const std::string &reflector) const;
+  std::string write_configuration(const std::string &pe) const;
+  std::string write_reflector_configuration() const;
 
   // Starts the PE's forwarder unless it runs, and waits until it listens.
   void start_forwarder(const std::string &pe);

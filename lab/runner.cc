@@ -198,19 +198,20 @@ void Runner::play_on_network(const Step &step) {
 // ----------------------------------------------------------------------------------------------------------- processes
 
 void Runner::start_reflector() {
-  const std::string address = scenario_.network ? std::string(kReflectorAddress) + ":1790" : scenario_.reflector;
-  if (address.empty() || (scenario_.network && scenario_.network->wired)) return;
-  Launch launch{.command = {options_.binaries + "/mdt-reflector", "--listen", address},
+  if (scenario_.reflector.empty() && (!scenario_.network || scenario_.network->wired)) return;
+  const std::string file =
+      real_ ? real_->write_reflector_configuration() : options_.project + "/" + scenario_.reflector;
+  Launch launch{.command = {options_.binaries + "/mdt-reflector", "--config", file, "--control", socket_of(kReflector)},
                 .log_file = options_.work + "/reflector.log"};
   if (real_) launch.network_namespace = real_->namespace_path(scenario_.network->core_namespaces().front());
-  reflector_.emplace(launch);
-  wait_for_word(*reflector_, launch.log_file, 0, "listening on");
-  report_->line("mdt-reflector started on " + address);
+  daemons_.emplace(kReflector, Process(launch));
+  wait_for_word(daemons_.at(kReflector), launch.log_file, 0, "serving on");
+  report_->line("mdt-reflector started on " + file);
 }
 
 // The file that a PE is started with; one that the scenario or the network makes is written first.
 std::string Runner::configuration_of(const std::string &pe) {
-  if (real_) return real_->write_configuration(pe, std::string(kReflectorAddress) + ":1790");
+  if (real_) return real_->write_configuration(pe);
   const PeConfig &config = scenario_.configs.at(pe);
   if (!config.file.empty()) return options_.project + "/" + config.file;
   const std::string file = options_.work + "/" + pe + ".conf";

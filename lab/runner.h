@@ -65,9 +65,8 @@ class Runner {
   Options options_;
   Report *report_;
   double scale_;
-  std::optional<RealLab> real_;  // before the processes that run in its namespaces
-  std::map<std::string, Process> daemons_;
-  std::optional<Process> reflector_;
+  std::optional<RealLab> real_;             // before the processes that run in its namespaces
+  std::map<std::string, Process> daemons_;  // the reflector is one of them
   Findings findings_;
 };
 

@@ -187,7 +187,9 @@ std::vector<Step> expanded(const Scenario &scenario, const Step &step) {
 }
 
 void check_names(const Scenario &scenario, const Step &step) {
-  if (!step.pe.empty() && !scenario.configs.contains(step.pe))
+  const bool asked = step.kind == Step::Kind::command || step.kind == Step::Kind::expect;
+  const bool reflector = asked && step.pe == kReflector && (scenario.network || !scenario.reflector.empty());
+  if (!step.pe.empty() && !reflector && !scenario.configs.contains(step.pe))
     throw std::runtime_error("there is no PE '" + step.pe + "'");
   if (!step.flow.empty()) {
     const NetworkFlow &flow = scenario.network->flow(step.flow);

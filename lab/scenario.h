@@ -4,7 +4,7 @@
 //     "name": "…",                       one line for people
 //     "clock_scale": 60,                 platform seconds per second, optional (1)
 //     "pes": {"pe1": {"config": "examples/pe1.conf"}},   relative to the scenario's project root, or the lines: ["…", …]
-//     "reflector": "127.0.0.1:1790",     optional: runs mdt-reflector there
+//     "reflector": "examples/reflector.conf",   optional: runs mdt-reflector with this configuration
 //     "network": { … },                  in place of "pes" and "reflector": namespaces and packets (network.h)
 //     "steps": [ … ]
 //   }
@@ -15,7 +15,8 @@
 //   "start": "pe1", "restart": "stateful"             starts a PE (stateful: optional)
 //   "stop": "pe1"                                     SIGTERM, waits; the exit status must be 0
 //   "kill": "pe1"                                     SIGKILL
-//   "on": "pe1", "command": "show …" or ["…", …]      runs pimctl; "print": true shows its output
+//   "on": "pe1", "command": "show …" or ["…", …]      runs pimctl; "print": true shows its output; "on": "reflector"
+//                                                     asks the reflector
 //   "on": "pe1", "expect": "…", "command": "show …", "matches": "regex", "within": 10
 //                                                     repeats the command until its output matches ("absent": true:
 //                                                     does not match), at most `within` real seconds; the last output
@@ -98,6 +99,8 @@ struct Step {
   uint64_t at_least = 0;               // carried, unless packets is given
 };
 
+inline constexpr const char *kReflector = "reflector";  // its name among the PEs in steps
+
 struct PeConfig {
   std::string file;  // relative to the project; empty: the lines
   std::vector<std::string> lines;
@@ -107,7 +110,7 @@ struct Scenario {
   std::string name;
   double clock_scale = 1;
   std::map<std::string, PeConfig> configs;  // by PE
-  std::string reflector;                    // empty: none
+  std::string reflector;                    // its configuration file; empty: none, or the network's
   std::optional<Network> network;           // real packets
   std::vector<Step> steps;
 };

@@ -224,8 +224,13 @@ void Stage::lose(const std::string &pe, double percent) {
   }
 }
 
-std::string Stage::configuration(const std::string &pe, const std::string &forwarder_socket,
-                                 const std::string &reflector) const {
+std::string Stage::reflector_configuration() const {
+  json pes = json::array();
+  for (const NetworkPe &pe : network_.pes) pes.push_back({{"PE", pe.name}, {"ADDRESS", network_.core_address(pe)}});
+  return fill_template(template_file("reflector.conf"), {{"REFLECTOR", kReflectorAddress}, {"PES", pes}});
+}
+
+std::string Stage::configuration(const std::string &pe, const std::string &forwarder_socket) const {
   const NetworkPe &of = network_.pe(pe);
   json vrfs = json::array();
   for (const NetworkVrf &vrf : network_.vrfs) {
@@ -243,7 +248,7 @@ std::string Stage::configuration(const std::string &pe, const std::string &forwa
                                                                    {"NUMBER", of.number},
                                                                    {"ADDRESS", network_.core_address(of)},
                                                                    {"SOCKET", forwarder_socket},
-                                                                   {"REFLECTOR", reflector},
+                                                                   {"REFLECTOR", kReflectorAddress},
                                                                    {"VRFS", vrfs},
                                                                    {"LINES", lines_of(of.lines)}});
 }

@@ -36,9 +36,9 @@ class Stage {
   void impair(const std::string &pe, const std::string &netem);
   void lose(const std::string &pe, double percent);
 
-  // The text of a PE's configuration file.
-  std::string configuration(const std::string &pe, const std::string &forwarder_socket,
-                            const std::string &reflector) const;
+  // The texts of configuration files: a PE's, the reflector's.
+  std::string configuration(const std::string &pe, const std::string &forwarder_socket) const;
+  std::string reflector_configuration() const;
 
   // Runs a shell command in a place as scenarios name it. $VTYSH in it asks the daemons of the place.
   Result shell(const std::string &place, const std::string &command) const;

@@ -1,6 +1,5 @@
-// mdt-reflector: the MDT SAFI route reflector as a program.
+// mdt-reflector's command line.
 #include <CLI/CLI.hpp>
-#include <boost/asio/signal_set.hpp>
 #include <csignal>
 #include <iostream>
 
@@ -8,47 +7,43 @@
 
 namespace {
 
-boost::asio::ip::tcp::endpoint parse_endpoint(const std::string &text) {
-  const size_t colon = text.rfind(':');
-  if (colon == std::string::npos) throw CLI::ValidationError("--listen", "'" + text + "' is not ADDRESS:PORT");
-  boost::system::error_code error;
-  const auto address = boost::asio::ip::make_address_v4(text.substr(0, colon), error);
-  const std::string port = text.substr(colon + 1);
-  const bool digits = !port.empty() && port.size() <= 5 && port.find_first_not_of("0123456789") == std::string::npos;
-  if (error || !digits || std::stoul(port) > 65535)
-    throw CLI::ValidationError("--listen", "'" + text + "' is not ADDRESS:PORT");
-  return {address, static_cast<uint16_t>(std::stoul(port))};
-}
+constexpr int kFailed = 1;
+constexpr int kUsage = 2;
 
-constexpr int kUsage = 2;  // exit status
+int run(reflector::Reflector::Options options, bool check_only) {
+  host::ConfigFile file = reflector::read_file(options.config_file);
+  for (const host::ConfigError &error : file.errors)
+    std::cerr << "mdt-reflector: " << host::described(options.config_file, error) << '\n';
+  if (!file.errors.empty()) return kFailed;
+  if (check_only) return 0;
+  reflector::Reflector reflector(std::move(options), std::move(file.config));
+  reflector.run();
+  return 0;
+}
 
 }  // namespace
 
 int main(int argc, char **argv) {
   // Neither a log whose reader has gone nor a signal that means nothing here is a reason to end.
   for (const int number : {SIGPIPE, SIGUSR1, SIGUSR2}) std::signal(number, SIG_IGN);
-  CLI::App app{"Reflects the MDT SAFI entries of each PE to all others."};
-  std::string listen = "127.0.0.1:1790";
-  bool quiet = false;
-  app.add_option("--listen", listen, "ADDRESS:PORT to listen on; port 0 takes a free one")->capture_default_str();
-  app.add_flag("--quiet", quiet, "say nothing about connections and changes");
+  CLI::App app{"Reflects the MDT SAFI routes of BGP neighbours to each other."};
+  reflector::Reflector::Options options;
+  bool check_only = false;
+  std::string log = "stderr";
+  app.add_option("--config", options.config_file, "configuration file")->required();
+  app.add_flag("--check-config", check_only, "read the file and end; exit status 1 when it has errors");
+  app.add_option("--control", options.control_path, "control socket")->capture_default_str();
+  app.add_option("--log", log, "where messages go")->check(CLI::IsMember({"stderr", "syslog"}))->capture_default_str();
   try {
     app.parse(argc, argv);
-    boost::asio::io_context io;
-    boost::asio::ip::tcp::endpoint endpoint = parse_endpoint(listen);
-    safi::Reflector reflector(io, endpoint, [quiet](const std::string &text) {
-      if (!quiet) std::cout << "mdt-reflector: " << text << std::endl;
-    });
-    endpoint.port(reflector.port());
-    std::cout << "mdt-reflector: listening on " << endpoint << std::endl;
-    boost::asio::signal_set signals(io, SIGINT, SIGTERM);
-    signals.async_wait([&io](const boost::system::error_code &, int) { io.stop(); });
-    io.run();
-    return 0;
   } catch (const CLI::ParseError &error) {
     return app.exit(error) == 0 ? 0 : kUsage;
+  }
+  options.log_to_syslog = log == "syslog";
+  try {
+    return run(std::move(options), check_only);
   } catch (const std::exception &error) {
     std::cerr << "mdt-reflector: " << error.what() << '\n';
-    return 1;
+    return kFailed;
   }
 }

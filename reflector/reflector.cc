@@ -1,100 +1,160 @@
+// Everything happens on one thread: sessions, reloads and commands. A listing is put together in one go; what a client
+// reads slowly waits in its channel, which bounds it.
 #include "reflector/reflector.h"
 
-namespace safi {
+#include <syslog.h>
 
-namespace asio = boost::asio;
+#include <iostream>
+#include <sstream>
 
-Reflector::Reflector(asio::io_context &io, const asio::ip::tcp::endpoint &listen, Log log)
-    : acceptor_(io, listen), log_(std::move(log)) {
-  accept();
+#include "host/bgp/bgp_views.h"
+
+namespace reflector {
+
+using host::Command;
+using host::ConfigError;
+using host::Mode;
+
+namespace {
+
+constexpr std::chrono::seconds kFarewell{2};
+
+// Lines that only a router has a use for.
+std::vector<ConfigError> foreign_lines(const host::Config &config) {
+  std::vector<ConfigError> errors;
+  for (const auto &[id, block] : config.blocks()) {
+    if (id.mode != Mode::global && id.mode != Mode::bgp) {
+      errors.push_back({block->number, "mdt-reflector has no such block; it has hostname and bgp"});
+      continue;
+    }
+    for (const auto &[place, line] : block->lines()) {
+      const Command command = line.statement.command;
+      const bool ours = id.mode == Mode::bgp ? command != Command::update_source : command == Command::hostname;
+      if (!ours) errors.push_back({line.number, "mdt-reflector has no '" + shown_text(line.statement) + "'"});
+    }
+  }
+  return errors;
 }
 
-void Reflector::accept() {
-  acceptor_.async_accept([this](const boost::system::error_code &error, asio::ip::tcp::socket socket) {
-    if (error == asio::error::operation_aborted) return;
-    if (!error) add_peer(std::move(socket));
-    accept();
+}  // namespace
+
+host::ConfigFile read_file(const std::string &path) {
+  host::ConfigFile file = host::read_config_file(path);
+  for (ConfigError &error : foreign_lines(file.config)) file.errors.push_back(std::move(error));
+  if (file.errors.empty() && !host::bgp_settings(file.config))
+    file.errors.push_back({0, "there is no local-as: a reflector that speaks to nobody"});
+  return file;
+}
+
+Reflector::Reflector(Options options, host::Config config)
+    : options_(std::move(options)),
+      config_(std::move(config)),
+      bgp_(io_, {.enter = [](const std::function<void()> &work) { work(); },
+                 .log = [this](const std::string &text) { log(text); }}),
+      control_(io_, options_.control_path,
+               [this](const host::ControlServer::Request &request,
+                      const std::shared_ptr<host::OutputChannel> &channel) { execute(request, *channel); }),
+      signals_(io_, SIGINT, SIGTERM, SIGHUP),
+      farewell_(io_) {
+  if (options_.log_to_syslog) openlog("mdt-reflector", LOG_PID, LOG_DAEMON);
+  bgp_.follow(host::bgp_settings(config_));
+  watch_signals();
+  log("serving on " + options_.control_path);
+}
+
+void Reflector::log(const std::string &text) const {
+  if (options_.log_to_syslog)
+    syslog(LOG_NOTICE, "%s", text.c_str());
+  else
+    std::cerr << "mdt-reflector: " << text << std::endl;
+}
+
+void Reflector::watch_signals() {
+  signals_.async_wait([this](const boost::system::error_code &error, int number) {
+    if (error) return;
+    if (number != SIGHUP) return stop();
+    reload();
+    watch_signals();
   });
 }
 
-void Reflector::add_peer(asio::ip::tcp::socket socket) {
-  if (peers_.size() >= kMaxPeers) {
-    log_("a connection is refused: there are " + std::to_string(kMaxPeers) + " already");
-    return;
+// A file with an error changes nothing; neighbours whose lines are the same notice nothing.
+void Reflector::reload() {
+  host::ConfigFile file = read_file(options_.config_file);
+  for (const ConfigError &error : file.errors) log(host::described(options_.config_file, error));
+  if (!file.errors.empty()) return log("the configuration stays as it is");
+  config_ = std::move(file.config);
+  bgp_.follow(host::bgp_settings(config_));
+  log("reloaded " + options_.config_file);
+}
+
+void Reflector::stop() {
+  log("stopping");
+  control_.close();
+  bgp_.stop("");
+  end_when_delivered(std::chrono::steady_clock::now() + kFarewell);
+}
+
+void Reflector::end_when_delivered(std::chrono::steady_clock::time_point limit) {
+  if (bgp_.idle() || std::chrono::steady_clock::now() > limit) return io_.stop();
+  farewell_.expires_after(std::chrono::milliseconds(10));
+  farewell_.async_wait([this, limit](const boost::system::error_code &error) {
+    if (!error) end_when_delivered(limit);
+  });
+}
+
+// --------------------------------------------------------------------------------------------------------- commands
+
+void Reflector::execute(const host::ControlServer::Request &request, host::OutputChannel &channel) {
+  const host::CommandLine line = host::read_command_line(request);
+  if (!line.error.empty()) {
+    channel.error(line.error);
+    return channel.end(host::kStatusSyntax);
   }
-  const uint64_t number = next_number_++;
-  Peer &peer = peers_[number];
-  peer.number = number;
-  peer.connection = std::make_shared<Connection>(
-      std::move(socket),
-      Connection::Handlers{[this, number](const Message &message) { receive(number, message); },
-                           [this, number](const std::string &reason) { drop_peer(number, reason); }});
-  peer.connection->start();
+  const host::Statement &statement = line.match.statements.front();
+  if (is_view(statement)) return channel.end(show(line, channel));
+  const std::string reason = statement.command == Command::clear_bgp_neighbor
+                                 ? bgp_.clear(statement)
+                                 : "mdt-reflector has no such command; it is configured by its file, " +
+                                       options_.config_file + ", and reads it again on SIGHUP";
+  if (!reason.empty()) channel.error(reason + "\n");
+  channel.end(reason.empty() ? host::kStatusDone : host::kStatusFailed);
 }
 
-void Reflector::receive(uint64_t number, const Message &message) {
-  Peer &peer = peers_.at(number);
-  if (const auto *hello = std::get_if<Hello>(&message)) return greet(peer, *hello);
-  if (peer.name.empty()) return peer.connection->close("the first frame is no hello");
-  if (const auto *update = std::get_if<Update>(&message)) take_update(peer, *update);
-}
-
-void Reflector::greet(Peer &peer, const Hello &hello) {
-  if (!peer.name.empty() || hello.name.empty()) return peer.connection->close("unexpected hello");
-  for (auto &[number, other] : peers_)
-    if (other.name == hello.name) {
-      const std::shared_ptr<Connection> older = other.connection;
-      older->close("a PE of this name has connected again");
+uint32_t Reflector::show(const host::CommandLine &line, host::OutputChannel &channel) {
+  const host::Statement &statement = line.match.statements.front();
+  const auto writer = host::writer_for(line.format, line.filters, channel);
+  output::Listing listing(*writer);
+  switch (statement.command) {
+    case Command::show_bgp_summary:
+      host::show_bgp_summary(bgp_, listing);
+      break;
+    case Command::show_bgp_neighbor: {
+      const std::string *address = find_argument(statement, "address");
+      host::show_bgp_neighbors(bgp_, address == nullptr ? 0 : host::address_value(*address), listing);
       break;
     }
-  peer.name = hello.name;
-  log_(peer.name + " is connected");
-  peer.connection->send(Hello{kVersion, "reflector"});
-  std::vector<Change> all;
-  for (const auto &[entry, count] : advertisers_) all.push_back({entry, true});
-  peer.connection->send_changes(all);
-  peer.connection->send(EndOfRib{});
+    case Command::show_bgp_mdt:
+      listing.begin(output::kBgp, find_argument(statement, "detail") != nullptr);
+      host::show_bgp_routes(
+          bgp_, [](const bgp::RouteKey &) { return std::string(); }, listing);
+      break;
+    case Command::show_running_config:
+      show_config(find_argument(statement, "passwords") != nullptr, listing);
+      break;
+    default:
+      channel.error("mdt-reflector has no such view; it has show bgp and show running-config\n");
+      return host::kStatusFailed;
+  }
+  writer->finish();
+  return host::kStatusDone;
 }
 
-void Reflector::take_update(Peer &peer, const Update &update) {
-  std::vector<Change> news;
-  for (const Change &change : update.changes)
-    if (apply(peer, change)) news.push_back(change);
-  if (peer.entries.size() > kMaxEntriesPerPeer) return peer.connection->close("more entries than a PE may have");
-  log_(peer.name + ": " + std::to_string(news.size()) + " changes, " + std::to_string(peer.entries.size()) +
-       " entries");
-  tell_others(peer.number, news);
+void Reflector::show_config(bool passwords, output::Listing &listing) const {
+  listing.begin(output::kConfig);
+  std::istringstream text(config_.print(passwords ? host::Config::Passwords::shown : host::Config::Passwords::hidden));
+  for (std::string line; std::getline(text, line);)
+    if (!listing.row({line})) return;
 }
 
-bool Reflector::apply(Peer &peer, const Change &change) {
-  if (change.add) return peer.entries.insert(change.entry).second && ++advertisers_[change.entry] == 1;
-  if (peer.entries.erase(change.entry) == 0) return false;
-  const auto found = advertisers_.find(change.entry);
-  if (--found->second > 0) return false;
-  advertisers_.erase(found);
-  return true;
-}
-
-void Reflector::drop_peer(uint64_t number, const std::string &reason) {
-  const auto found = peers_.find(number);
-  if (found == peers_.end()) return;
-  const Peer gone = std::move(found->second);
-  peers_.erase(found);
-  log_((gone.name.empty() ? "a connection" : gone.name) + " is gone: " + reason);
-  std::vector<Change> news;
-  Peer withdrawing;
-  withdrawing.entries = gone.entries;
-  for (const Entry &entry : gone.entries)
-    if (const Change change{entry, false}; apply(withdrawing, change)) news.push_back(change);
-  tell_others(number, news);
-}
-
-void Reflector::tell_others(uint64_t number, const std::vector<Change> &changes) {
-  // A send may close a connection and thereby change peers_: collect first.
-  std::vector<std::shared_ptr<Connection>> others;
-  for (const auto &[other, peer] : peers_)
-    if (other != number && !peer.name.empty()) others.push_back(peer.connection);
-  for (const auto &connection : others) connection->send_changes(changes);
-}
-
-}  // namespace safi
+}  // namespace reflector

@@ -1,57 +1,63 @@
-// The route reflector: gives every PE the MDT SAFI entries of all others.
-#ifndef HOST_REFLECTOR_REFLECTOR_H
-#define HOST_REFLECTOR_REFLECTOR_H
+// mdt-reflector: a BGP speaker without a router, which hands MDT SAFI routes from neighbour to neighbour.
+//
+// Its configuration is the part of a router's that concerns it: `hostname` and the `bgp` block. A neighbour that is
+// marked `route-reflector-client` gets the routes of all internal neighbours; without the mark it gets those of clients
+// and of external neighbours.
+#ifndef REFLECTOR_REFLECTOR_H
+#define REFLECTOR_REFLECTOR_H
 
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <functional>
-#include <map>
-#include <memory>
-#include <set>
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <chrono>
 #include <string>
+#include <vector>
 
-#include "reflector/safi_connection.h"
+#include "host/bgp/bgp_service.h"
+#include "host/command/command_line.h"
+#include "host/config/config_file.h"
+#include "host/output/listing.h"
 
-namespace safi {
+namespace reflector {
 
-// A PE is known by the name in its hello; a second connection of a name takes the place of the first. An entry that
-// several PEs advertise is withdrawn when the last of them withdraws it.
+inline constexpr const char *kDefaultControlPath = "/run/mdt-reflector.sock";
+
+// Reads a configuration file and says what is wrong in it, what a reflector cannot do included.
+host::ConfigFile read_file(const std::string &path);
+
 class Reflector {
  public:
-  using Log = std::function<void(const std::string &)>;
-
-  Reflector(boost::asio::io_context &io, const boost::asio::ip::tcp::endpoint &listen, Log log);
-
-  uint16_t port() const { return acceptor_.local_endpoint().port(); }
-
- private:
-  static constexpr size_t kMaxPeers = 256;
-  static constexpr size_t kMaxEntriesPerPeer = 200000;
-
-  struct Peer {
-    uint64_t number = 0;  // tells connections of one name apart
-    std::shared_ptr<Connection> connection;
-    std::string name;  // empty until its hello
-    std::set<Entry> entries;
+  struct Options {
+    std::string config_file;
+    std::string control_path = kDefaultControlPath;
+    bool log_to_syslog = false;
   };
 
-  void accept();
-  void add_peer(boost::asio::ip::tcp::socket socket);
-  void receive(uint64_t number, const Message &message);
-  void greet(Peer &peer, const Hello &hello);
-  void take_update(Peer &peer, const Update &update);
-  // Records one change; true when the other PEs must hear of it.
-  bool apply(Peer &peer, const Change &change);
-  void drop_peer(uint64_t number, const std::string &reason);
-  void tell_others(uint64_t number, const std::vector<Change> &changes);
+  // Starts everything. Throws std::runtime_error with the reason when it cannot.
+  Reflector(Options options, host::Config config);
 
-  boost::asio::ip::tcp::acceptor acceptor_;
-  Log log_;
-  uint64_t next_number_ = 1;
-  std::map<uint64_t, Peer> peers_;
-  std::map<Entry, unsigned> advertisers_;  // how many PEs advertise each entry
+  // Serves until SIGTERM or SIGINT, then takes leave of the neighbours.
+  void run() { io_.run(); }
+
+ private:
+  void watch_signals();
+  void reload();
+  void stop();
+  void end_when_delivered(std::chrono::steady_clock::time_point limit);
+  void execute(const host::ControlServer::Request &request, host::OutputChannel &channel);
+  uint32_t show(const host::CommandLine &line, host::OutputChannel &channel);
+  void show_config(bool passwords, output::Listing &listing) const;
+  void log(const std::string &text) const;
+
+  Options options_;
+  boost::asio::io_context io_;
+  host::Config config_;
+  host::BgpService bgp_;
+  host::ControlServer control_;
+  boost::asio::signal_set signals_;
+  boost::asio::steady_timer farewell_;
 };
 
-}  // namespace safi
+}  // namespace reflector
 
-#endif  // HOST_REFLECTOR_REFLECTOR_H
+#endif  // REFLECTOR_REFLECTOR_H

@@ -6,6 +6,8 @@
 #include <climits>
 #include <set>
 
+#include "host/config/bgp_settings.h"
+
 namespace host {
 namespace {
 
@@ -250,11 +252,11 @@ std::string Config::refusal(const BlockId &id, const Statement &statement) const
   const Block *block = find(id);
   const std::vector<const Line *> lines =
       block == nullptr ? std::vector<const Line *>() : block->matching(statement.key);
-  if (lines.empty()) return "there is no line '" + statement.text + "'";
+  if (lines.empty()) return "there is no line '" + shown_text(statement) + "'";
   for (const Line *line : lines)
     for (const Argument &argument : statement.arguments)
       if (std::ranges::count(line->statement.arguments, argument) == 0)
-        return "there is no line '" + statement.text + "', but '" + line->statement.text + "'";
+        return "there is no line '" + shown_text(statement) + "', but '" + shown_text(line->statement) + "'";
   return "";
 }
 
@@ -308,6 +310,7 @@ std::vector<ConfigError> Config::check() const {
     if (const Line *source = id.mode == Mode::bgp ? block->find(Command::update_source) : nullptr)
       checker.check_core_interface(*source, *find_argument(source->statement, "interface"));
   }
+  for (ConfigError &error : check_bgp(*this)) checker.errors.push_back(std::move(error));
   return std::move(checker.errors);
 }
 
@@ -319,7 +322,7 @@ std::string Config::why_not_in_vrf(const std::string &interface, const std::stri
   return of != nullptr && *of == vrf ? "" : "interface " + interface + " is not in VRF " + vrf;
 }
 
-std::string Config::print() const {
+std::string Config::print(Passwords passwords) const {
   std::string text;
   for (const auto &[id, block] : blocks_) {
     if (is_void(id, *block)) continue;
@@ -328,7 +331,8 @@ std::string Config::print() const {
       if (header.mode == id.mode)
         indent = "  ", text += std::string(header.text) + (id.name.empty() ? "" : " ") + id.name + "\n";
     for (const auto &[place, line] : block->lines())
-      text += indent + (line.statement.no ? "no " : "") + line.statement.text + "\n";
+      text += indent + (line.statement.no ? "no " : "") +
+              (passwords == Passwords::shown ? line.statement.text : shown_text(line.statement)) + "\n";
     text += "!\n";
   }
   return text;

@@ -96,8 +96,9 @@ class Config {
   // Whether there is anything in it.
   bool empty() const { return blocks_.empty(); }
 
-  // The configuration as a file.
-  std::string print() const;
+  // The configuration as a file. Without passwords it loads only when somebody writes them in.
+  enum class Passwords { hidden, shown };
+  std::string print(Passwords passwords = Passwords::hidden) const;
 
   std::string hostname() const;  // "pimhostd" unless set
   bool feature_mvpn() const;

@@ -31,10 +31,12 @@ void make_folder(const std::string &path) {
     throw std::runtime_error("--store: " + path + ": " + std::strerror(ENOTDIR));
 }
 
+constexpr std::chrono::seconds kFarewell{2};
+
 }  // namespace
 
 Daemon::Daemon(DaemonOptions options, Config config)
-    : options_(std::move(options)), signals_(loop_.io(), SIGINT, SIGTERM, SIGHUP) {
+    : options_(std::move(options)), signals_(loop_.io(), SIGINT, SIGTERM, SIGHUP), farewell_(loop_.io()) {
   if (options_.log_to_syslog) openlog("pimhostd", LOG_PID, LOG_DAEMON);
   const LoadedModule module = load_module(options_.module);
   Loop::Turn turn(loop_);
@@ -179,7 +181,16 @@ void Daemon::stop() {
     router_->stop();
     if (!ref::wait_for_threads()) log("a thread of the module has not ended");
   }
-  loop_.stop();
+  end_when_delivered(std::chrono::steady_clock::now() + kFarewell);
+}
+
+// The neighbours have been told that this PE goes: the process stays until they have been reached, though not for long.
+void Daemon::end_when_delivered(std::chrono::steady_clock::time_point limit) {
+  if (router_->links().exchange().bgp().idle() || std::chrono::steady_clock::now() > limit) return loop_.stop();
+  farewell_.expires_after(std::chrono::milliseconds(10));
+  farewell_.async_wait([this, limit](const boost::system::error_code &error) {
+    if (!error) end_when_delivered(limit);
+  });
 }
 
 void Daemon::log(const std::string &text) {

@@ -3,6 +3,8 @@
 #define HOST_DAEMON_H
 
 #include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -48,6 +50,7 @@ class Daemon {
   void finish_reload(const FileStamp &checked, const ConfigCheck::Result &check);
   void end_reload(const std::vector<std::string> &messages, const std::string &outcome);
   void stop();
+  void end_when_delivered(std::chrono::steady_clock::time_point limit);
   void end_views();
   void log(const std::string &text);
 
@@ -58,6 +61,7 @@ class Daemon {
   std::optional<ControlServer> control_;
   std::optional<snmp::AgentX> agentx_;
   boost::asio::signal_set signals_;
+  boost::asio::steady_timer farewell_;
   std::unique_ptr<ConfigCheck> check_;  // while a reload waits for it
   bool reload_again_ = false;           // asked for meanwhile
 };

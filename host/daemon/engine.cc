@@ -93,27 +93,19 @@ Outcome set_remote_pe(const Config &config, const Statement &statement) {
   return {};
 }
 
+Outcome clear_bgp(BgpService &bgp, const Statement &statement) {
+  const std::string reason = bgp.clear(statement);
+  return reason.empty() ? Outcome() : Outcome{false, reason + "\n"};
+}
+
 }  // namespace
 
 Engine::Engine(Router &router) : router_(router) { ref::set_yield_hook(wait_at_yield); }
 
 Engine::~Engine() { ref::set_yield_hook(nullptr); }
 
-Engine::Parsed Engine::parse(const ControlServer::Request &request) const {
-  const std::vector<std::string> words = split_words(request.line);
-  const Pipeline line = read_pipeline(words);
-  Parsed parsed{match_line(Mode::exec, line.command, true), line.filters.format.value_or(request.format), line.filters,
-                ""};
-  const std::optional<SyntaxError> &error = parsed.match.error ? parsed.match.error : line.error;
-  if (error)
-    parsed.error = point_out(words, *error);
-  else if (line.filtered && !is_view(parsed.match.statements.back()))
-    parsed.error = "only views can be filtered\n";
-  return parsed;
-}
-
 void Engine::execute(const ControlServer::Request &request, const std::shared_ptr<OutputChannel> &channel) {
-  Parsed parsed = parse(request);
+  const CommandLine parsed = read_command_line(request);
   if (!parsed.error.empty()) {
     channel->error(parsed.error);
     channel->end(kStatusSyntax);
@@ -156,19 +148,6 @@ void *Engine::view_thread(void *argument) {
   return nullptr;
 }
 
-std::unique_ptr<output::Writer> Engine::writer_of(const ViewRun &run) {
-  const output::ByteSink bytes = [&run](std::string_view text) {
-    run.channel->output(text);
-    return run.channel->wanted();
-  };
-  std::unique_ptr<output::Writer> writer = run.format == OutputFormat::json  ? output::json_writer(bytes)
-                                           : run.format == OutputFormat::xml ? output::xml_writer(bytes)
-                                                                             : output::text_writer(bytes);
-  if (run.filters.count) writer = output::count_lines(std::move(writer));
-  if (run.filters.include) writer = output::include_lines(*run.filters.include, std::move(writer));
-  return writer;
-}
-
 uint32_t Engine::show(const ViewRun &run) {
   const std::string *vrf = find_argument(run.statement, "vrf");
   if (vrf != nullptr && pim_get_cib_by_context_name(vrf->c_str()) == nullptr) {
@@ -176,7 +155,7 @@ uint32_t Engine::show(const ViewRun &run) {
     return kStatusFailed;
   }
   if (run.statement.command == Command::show_module) return show_module(run);
-  const std::unique_ptr<output::Writer> writer = writer_of(run);
+  const std::unique_ptr<output::Writer> writer = writer_for(run.format, run.filters, *run.channel);
   output::Listing listing(*writer);
   show_view({router_, run.statement, counters_}, listing);
   writer->finish();
@@ -184,7 +163,7 @@ uint32_t Engine::show(const ViewRun &run) {
 }
 
 uint32_t Engine::show_module(const ViewRun &run) {
-  const std::unique_ptr<output::Writer> writer = writer_of(run);
+  const std::unique_ptr<output::Writer> writer = writer_for(run.format, run.filters, *run.channel);
   ref::CliInvocation invocation;
   invocation.handler = run.statement.handler;
   for (const Argument &argument : run.statement.arguments) {
@@ -215,6 +194,8 @@ Outcome Engine::operate(const std::vector<Statement> &statements) {
       ref::clear_history();
       ref::clear_reports();
       return {};
+    case Command::clear_bgp_neighbor:
+      return clear_bgp(router_.links().exchange().bgp(), statement);
     case Command::debug_mvpn: {
       const std::string *vrf = find_argument(statement, "vrf");
       if (vrf != nullptr && pim_get_cib_by_context_name(vrf->c_str()) == nullptr) return missing("VRF", *vrf);

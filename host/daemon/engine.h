@@ -10,11 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "host/control/control_server.h"
-#include "host/control/pipeline.h"
+#include "host/command/command_line.h"
 #include "host/daemon/router.h"
 #include "host/daemon/views.h"
-#include "host/output/output.h"
 
 namespace host {
 
@@ -40,18 +38,9 @@ class Engine {
     Filters filters;
     std::shared_ptr<OutputChannel> channel;
   };
-  struct Parsed {
-    Match match;
-    OutputFormat format;
-    Filters filters;
-    std::string error;
-  };
 
-  Parsed parse(const ControlServer::Request &request) const;
   void start_view(std::unique_ptr<ViewRun> run);
   static void *view_thread(void *argument);
-  // Where a view's output goes, in the form and through the filters that the client asked for.
-  static std::unique_ptr<output::Writer> writer_of(const ViewRun &run);
   uint32_t show(const ViewRun &run);
   uint32_t show_module(const ViewRun &run);
   Outcome operate(const std::vector<Statement> &statements);

@@ -1,5 +1,4 @@
-// The carrier belongs to the platform; this side waits for its socket. What the reflector tells goes to the BGP stand-in
-// as remote entries, and what the module advertises comes from there.
+// The carrier belongs to the platform; this side waits for its socket.
 #include "host/daemon/links.h"
 
 #include <algorithm>
@@ -11,63 +10,17 @@ namespace {
 
 namespace asio = boost::asio;
 
-safi::Entry to_entry(const ref::MdtSafi &safi) {
-  safi::Entry entry;
-  entry.source = safi.source;
-  std::copy(std::begin(safi.rd), std::end(safi.rd), entry.rd.begin());
-  entry.group = safi.group;
-  return entry;
-}
-
-ref::MdtSafi from_entry(const safi::Entry &entry) {
-  ref::MdtSafi safi;
-  safi.source = entry.source;
-  std::copy(entry.rd.begin(), entry.rd.end(), safi.rd);
-  safi.group = entry.group;
-  return safi;
-}
-
-// Changes keep their order: an entry that is withdrawn and advertised again ends up advertised.
-void apply(const std::vector<safi::Change> &changes) {
-  for (size_t at = 0; at < changes.size();) {
-    const bool add = changes[at].add;
-    std::vector<ref::MdtSafi> entries;
-    for (; at < changes.size() && changes[at].add == add; at++) entries.push_back(from_entry(changes[at].entry));
-    add ? ref::bgp_add_remote(entries) : ref::bgp_withdraw_remote(entries);
-  }
-}
-
-std::vector<safi::Entry> local_entries() {
-  std::vector<safi::Entry> entries;
-  for (const ref::MdtSafi &safi : ref::bgp_local_entries()) entries.push_back(to_entry(safi));
-  return entries;
-}
-
-// What the reflector knows this PE by: several may be called alike, or not at all.
-std::string name_of(const Config &config) {
-  const Block *bgp = config.find({Mode::bgp, ""});
-  const std::string *source = bgp == nullptr ? nullptr : bgp->value(Command::update_source, "interface");
-  const Block *interface = source == nullptr ? nullptr : config.find({Mode::interface, *source});
-  const std::string *address = interface == nullptr ? nullptr : interface->value(Command::ip_address, "address");
-  return config.hostname() + (address == nullptr ? "" : " " + *address);
-}
-
 constexpr std::chrono::seconds kCarrierRetry{5};
 
 }  // namespace
 
-Links::Links(Loop &loop, std::string capture, Log log)
+Links::Links(Loop &loop, std::string capture, bool restarting, Log log)
     : loop_(loop),
       capture_(std::move(capture)),
       log_(std::move(log)),
       carrier_socket_(loop.io()),
-      carrier_retry_(loop.io()) {
-  ref::set_bgp_local_sink([this](const ref::MdtSafi &safi, bool add) {
-    if (reflector_) reflector_->local_change(to_entry(safi), add);
-  });
-}
-
-Links::~Links() { ref::set_bgp_local_sink(nullptr); }
+      carrier_retry_(loop.io()),
+      exchange_(loop, restarting, log_) {}
 
 void Links::follow(const Config &config) {
   const Block *core = config.find({Mode::core, ""});
@@ -83,13 +36,7 @@ void Links::follow(const Config &config) {
     carrier_wanted_ = wanted;
     open_carrier();
   }
-  const Block *bgp = config.find({Mode::bgp, ""});
-  const std::string *endpoint = bgp == nullptr ? nullptr : bgp->value(Command::reflector, "endpoint");
-  const std::string reflector = endpoint == nullptr ? "" : *endpoint;
-  if (reflector == reflector_wanted_) return;
-  close_reflector();
-  reflector_wanted_ = reflector;
-  if (endpoint != nullptr) open_reflector(reflector, name_of(config));
+  exchange_.follow(config);
 }
 
 void Links::clear_counters() {
@@ -97,7 +44,7 @@ void Links::clear_counters() {
 }
 
 void Links::close() {
-  close_reflector();
+  exchange_.bgp().stop("");
   close_carrier();
 }
 
@@ -152,33 +99,6 @@ void Links::watch_carrier() {
     carrier_->on_readable();
     watch_carrier();
   });
-}
-
-void Links::open_reflector(const std::string &endpoint, const std::string &name) {
-  const EndpointValue value = endpoint_value(endpoint);
-  const asio::ip::tcp::endpoint address(asio::ip::make_address_v4(value.address), value.port);
-  safi::ReflectorLink::Callbacks callbacks;
-  callbacks.local_entries = [this] {
-    Loop::Turn turn(loop_);
-    return local_entries();
-  };
-  callbacks.changes = [this](const std::vector<safi::Change> &changes) {
-    Loop::Turn turn(loop_);
-    apply(changes);
-  };
-  callbacks.end_of_rib = [this] {
-    Loop::Turn turn(loop_);
-    ref::bgp_end_of_rib();
-  };
-  callbacks.log = log_;
-  reflector_ = std::make_unique<safi::ReflectorLink>(loop_.io(), address, name, std::move(callbacks));
-}
-
-void Links::close_reflector() {
-  reflector_wanted_.clear();
-  if (!reflector_) return;
-  reflector_.reset();
-  ref::bgp_withdraw_remote(ref::bgp_remote_entries());
 }
 
 }  // namespace host

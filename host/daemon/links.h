@@ -1,5 +1,4 @@
-// Links to other PEs: the carrier of core packets and the connection to the route reflector, as the configuration wants
-// them.
+// Links to other PEs: the carrier of core packets and the BGP sessions, as the configuration wants them.
 #ifndef HOST_LINKS_H
 #define HOST_LINKS_H
 
@@ -12,8 +11,8 @@
 
 #include "host/config/config.h"
 #include "host/daemon/loop.h"
+#include "host/daemon/mdt_exchange.h"
 #include "platform/reference/carriers.h"
-#include "reflector/reflector_link.h"
 
 namespace host {
 
@@ -21,15 +20,16 @@ class Links {
  public:
   using Log = std::function<void(const std::string &)>;
 
-  // capture: file that receives what the carrier sends and receives; empty: none.
-  Links(Loop &loop, std::string capture, Log log);
-  ~Links();
+  // capture: file that receives what the carrier sends and receives; empty: none. restarting: see BgpService.
+  Links(Loop &loop, std::string capture, bool restarting, Log log);
 
   // Opens, changes and closes links until they are what a configuration says.
   void follow(const Config &config);
+  // The neighbours are told that this PE goes; the loop runs on until bgp().idle().
   void close();
 
-  const safi::ReflectorLink *reflector() const { return reflector_.get(); }
+  MdtExchange &exchange() { return exchange_; }
+  const MdtExchange &exchange() const { return exchange_; }
   const ref::GreUdpCarrier *carrier() const { return carrier_; }
   void clear_counters();
 
@@ -38,8 +38,6 @@ class Links {
   void retry_carrier(const std::string &reason);
   void close_carrier();
   void watch_carrier();
-  void open_reflector(const std::string &endpoint, const std::string &name);
-  void close_reflector();
 
   Loop &loop_;
   std::string capture_;
@@ -49,8 +47,7 @@ class Links {
   bool carrier_failed_ = false;              // the last attempt to open it
   boost::asio::posix::stream_descriptor carrier_socket_;
   boost::asio::steady_timer carrier_retry_;
-  std::string reflector_wanted_;
-  std::unique_ptr<safi::ReflectorLink> reflector_;
+  MdtExchange exchange_;
 };
 
 }  // namespace host

@@ -135,7 +135,7 @@ ref::CustomerRoute customer_route(const Statement &statement) {
 Router::Router(Loop &loop, const LoadedModule &module, Options options)
     : module_(module),
       options_(std::move(options)),
-      links_(loop, options_.capture, options_.log),
+      links_(loop, options_.capture, options_.recovering, options_.log),
       forwarding_(std::make_unique<Forwarding>(
           loop, options_.log, [this](const std::string &name) { follow_interface(name); }, options_.recovering)),
       default_mtu_(pim_mtu),

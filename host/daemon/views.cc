@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <map>
 
+#include "host/bgp/bgp_views.h"
 #include "host/daemon/forwarding_views.h"
 #include "platform/im.h"
 #include "platform/ip.h"
@@ -69,20 +70,35 @@ void show_tunnels(const ViewInput &, Listing &listing) {
   });
 }
 
+const BgpService &bgp_of(const ViewInput &input) { return input.router.links().exchange().bgp(); }
+
+void show_summary(const ViewInput &input, Listing &listing) { show_bgp_summary(bgp_of(input), listing); }
+
+void show_neighbors(const ViewInput &input, Listing &listing) {
+  const std::string *address = find_argument(input.statement, "address");
+  show_bgp_neighbors(bgp_of(input), address == nullptr ? 0 : address_value(*address), listing);
+}
+
+Row entry_row(const ref::MdtSafi &entry, const char *origin) {
+  Row row = {address_text(entry.source), mvpn_bgp_print_rd(entry.rd), address_text(entry.group), origin,
+             entry.vrf_name.empty() ? Cell() : Cell(entry.vrf_name)};
+  row.resize(std::size(output::kBgpColumns));
+  return row;
+}
+
+// BGP's routes; without BGP what the module advertises all the same; and the entries of PEs that exist only here.
 void show_bgp_mdt(const ViewInput &input, Listing &listing) {
-  if (const safi::ReflectorLink *link = input.router.links().reflector()) {
-    listing.begin(output::kReflector);
-    listing.row({link->connected(), link->learnt()});
-  }
-  listing.begin(output::kBgp);
-  const auto row = [](const char *origin) {
-    return [origin](const ref::MdtSafi &safi) -> Row {
-      return {address_text(safi.source), mvpn_bgp_print_rd(safi.rd), address_text(safi.group), origin,
-              safi.vrf_name.empty() ? Cell() : Cell(safi.vrf_name)};
-    };
-  };
-  if (print_rows(listing, ref::bgp_local_entries(), row("local")))
-    print_rows(listing, ref::bgp_remote_entries(), row("remote"));
+  listing.begin(output::kBgp, find_argument(input.statement, "detail") != nullptr);
+  const MdtExchange &exchange = input.router.links().exchange();
+  if (!show_bgp_routes(
+          exchange.bgp(), [&](const bgp::RouteKey &key) { return exchange.vrf_of(key); }, listing))
+    return;
+  if (exchange.bgp().speaker() == nullptr &&
+      !print_rows(listing, ref::bgp_local_entries(), [](const auto &entry) { return entry_row(entry, "local"); }))
+    return;
+  std::vector<ref::MdtSafi> others = ref::bgp_remote_entries();
+  std::erase_if(others, [&](const auto &entry) { return exchange.told(entry); });
+  print_rows(listing, others, [](const auto &entry) { return entry_row(entry, "remote"); });
 }
 
 std::string hex_of(const std::vector<uint8_t> &bytes) {
@@ -253,7 +269,9 @@ void show_counters(const ViewInput &input, Listing &listing) {
 }
 
 void show_running_config(const ViewInput &input, Listing &listing) {
-  const std::string text = input.router.running().print();
+  const bool passwords = find_argument(input.statement, "passwords") != nullptr;
+  const std::string text =
+      input.router.running().print(passwords ? Config::Passwords::shown : Config::Passwords::hidden);
   std::vector<std::string> lines;
   for (size_t at = 0; at < text.size(); at = text.find('\n', at) + 1)
     lines.push_back(text.substr(at, text.find('\n', at) - at));
@@ -275,6 +293,8 @@ bool show_view(const ViewInput &input, Listing &listing) {
   static const std::map<Command, View> views = {
       {Command::show_interfaces, show_interfaces},
       {Command::show_tunnels, show_tunnels},
+      {Command::show_bgp_summary, show_summary},
+      {Command::show_bgp_neighbor, show_neighbors},
       {Command::show_bgp_mdt, show_bgp_mdt},
       {Command::show_mrib_routes, show_mrib_routes},
       {Command::show_mrib_encaps, show_mrib_encaps},

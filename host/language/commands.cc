@@ -303,15 +303,82 @@ std::vector<Word> vrf_words() {
   };
 }
 
+// What a line says of a neighbour. Each setting has a line of its own, which tells the lines of a neighbour apart.
+Build setting(std::string word, std::string help) { return flag(std::move(word), std::move(help)).identifies(); }
+
+Build setting(std::string word, std::string help, uint64_t low, uint64_t high, std::string unit) {
+  return setting(std::move(word), std::move(help))
+      .undone(Command::neighbor)
+      .then({number("value", std::move(unit), low, high).runs(Command::neighbor)});
+}
+
+Build setting(std::string word, std::string help, ValueType type, std::string text, std::string name) {
+  return setting(std::move(word), std::move(help))
+      .undone(Command::neighbor)
+      .then({argument(type, std::move(text), std::move(name), "Value").runs(Command::neighbor)});
+}
+
+Word neighbor_words() {
+  Word limit = number("value", "Routes", 1, kMax32)
+                   .runs(Command::neighbor)
+                   .with({flag("warning-only", "Say so in the log, and keep the session"),
+                          flag("restart", "Try the session again after a while")
+                              .then({number("restart-seconds", "Seconds", 1, 65535)})});
+  return keyword("neighbor", "A BGP neighbour")
+      .then(
+          {argument(ValueType::unicast, "A.B.C.D", "address", "Its address")
+               .identifies()
+               .undone(Command::neighbor)
+               .then({
+                   setting("remote-as", "Its AS; the own one: an internal neighbour", 1, kMax32, "AS number"),
+                   setting("port", "Its TCP port; 179 unless set", 1, 65535, "Port"),
+                   setting("description", "Words for people", ValueType::text, "TEXT", "text"),
+                   setting("password", "Key of TCP MD5 signatures", ValueType::password, "PASSWORD", "secret"),
+                   setting("hold-time", "Silence that ends the session; 90 unless set, 0: never", 0, 65535,
+                           "Seconds, 0 or at least 3"),
+                   setting("connect-retry", "Pause between attempts; 30 unless set", 1, 65535, "Seconds"),
+                   setting("passive", "Waits for the neighbour's connection").runs(Command::neighbor),
+                   setting("ttl-security", "Takes only packets of neighbours that are near", 1, 254,
+                           "Links between the two; 1: none is between them"),
+                   setting("maximum-prefix", "Ends the session when the neighbour sends more routes")
+                       .undone(Command::neighbor)
+                       .then({limit}),
+                   setting("shutdown", "Ends the session and starts no other")
+                       .runs(Command::neighbor)
+                       .then({keyword("message", "Words for the neighbour's operator")
+                                  .then({argument(ValueType::text, "TEXT", "text", "Words").runs(Command::neighbor)})}),
+                   setting("route-reflector-client", "Reflects routes to it and from it").runs(Command::neighbor),
+                   setting("ipv4-unicast", "Offers IPv4 unicast too, for neighbours that want a family in common")
+                       .runs(Command::neighbor),
+               })});
+}
+
 std::vector<Word> bgp_words() {
+  const auto id = [](std::string word, std::string help, Command command) {
+    return keyword(std::move(word), std::move(help))
+        .undone(command)
+        .then({argument(ValueType::unicast, "A.B.C.D", "id", "Identifier").runs(command)});
+  };
   return {
+      keyword("local-as", "AS of this router; BGP speaks when it is set")
+          .undone(Command::local_as)
+          .then({number("as", "AS number", 1, kMax32).runs(Command::local_as)}),
+      id("router-id", "BGP identifier; the address of the update source unless set", Command::router_id),
+      id("cluster-id", "Cluster of a route reflector; the router id unless set", Command::cluster_id),
+      keyword("listen", "Where BGP accepts connections, and the address that it speaks from; 0.0.0.0:179 unless set")
+          .undone(Command::bgp_listen)
+          .then({argument(ValueType::endpoint, "ADDRESS:PORT", "endpoint", "Address and TCP port")
+                     .runs(Command::bgp_listen)}),
       keyword("update-source", "Interface whose address BGP speaks from")
           .then({interface_name("interface", "Interface of the core").runs(Command::update_source)})
           .undone(Command::update_source),
-      keyword("reflector", "Route reflector of MDT SAFI entries")
-          .then(
-              {argument(ValueType::endpoint, "ADDRESS:PORT", "endpoint", "Where it listens").runs(Command::reflector)})
-          .undone(Command::reflector),
+      keyword("graceful-restart", "Routes outlive a restart; on unless it is switched off")
+          .runs(Command::graceful_restart)
+          .by_default(),
+      keyword("restart-time", "How long neighbours keep routes for a restart; 120 unless set")
+          .undone(Command::restart_time)
+          .then({number("seconds", "Seconds", 1, 4095).runs(Command::restart_time)}),
+      neighbor_words(),
   };
 }
 
@@ -362,7 +429,12 @@ Word show_words() {
           show_mvpn_words(),
           view("interfaces", "Interfaces", Command::show_interfaces),
           view("tunnels", "Tunnels, as the tunnel manager holds them", Command::show_tunnels),
-          keyword("bgp", "BGP").then({view("mdt", "MDT SAFI entries, as BGP holds them", Command::show_bgp_mdt)}),
+          keyword("bgp", "BGP")
+              .then({view("summary", "The speaker and its sessions", Command::show_bgp_summary),
+                     view("neighbor", "Everything about neighbours", Command::show_bgp_neighbor)
+                         .then({argument(ValueType::unicast, "A.B.C.D", "address", "One of them")
+                                    .runs(Command::show_bgp_neighbor)}),
+                     view("mdt", "MDT SAFI routes, as BGP holds them", Command::show_bgp_mdt).with({detail_option()})}),
           keyword("mrib", "Multicast routing information base")
               .then({view("routes", "Core routes", Command::show_mrib_routes).with({detail_option()}),
                      view("encaps", "Encapsulations of the VRFs", Command::show_mrib_encaps)}),
@@ -374,7 +446,8 @@ Word show_words() {
           view("events", "Event history and error reports of the module", Command::show_events)
               .with({keyword("last", "Only the latest").then({number("last", "How many", 1, 10000)})}),
           view("counters", "Counters", Command::show_counters),
-          view("running-config", "The configuration, as a file that loads to it", Command::show_running_config),
+          view("running-config", "The configuration as a file, without passwords", Command::show_running_config)
+              .with({flag("passwords", "With them: a file that loads to the same")}),
           view("clock", "The platform's clock", Command::show_clock),
       });
 }
@@ -414,13 +487,26 @@ Word test_words() {
       });
 }
 
+Word clear_bgp_words() {
+  const std::vector<Word> kinds = {
+      keyword("soft", "Without ending the session")
+          .then({flag("in", "Asks for the neighbour's routes again").runs(Command::clear_bgp_neighbor),
+                 flag("out", "Sends it ours again").runs(Command::clear_bgp_neighbor)})};
+  return keyword("bgp", "BGP sessions")
+      .then({keyword("neighbor", "Ends the session and begins another")
+                 .then({argument(ValueType::unicast, "A.B.C.D", "address", "Address of the neighbour")
+                            .runs(Command::clear_bgp_neighbor)
+                            .then(kinds),
+                        flag("all", "Every neighbour").runs(Command::clear_bgp_neighbor).then(kinds)})});
+}
+
 std::vector<Word> exec_words() {
   return {
       show_words(),
       keyword("configure", "Changes the configuration").runs(Command::configure).opens(Mode::global),
       keyword("clear", "Starts records anew")
           .then({keyword("counters", "Counters").runs(Command::clear_counters),
-                 keyword("events", "Event history and error reports").runs(Command::clear_events)}),
+                 keyword("events", "Event history and error reports").runs(Command::clear_events), clear_bgp_words()}),
       keyword("debug", "Debug messages, on the daemon's log")
           .then({keyword("mvpn", "Multicast VPN").runs(Command::debug_mvpn).with({vrf_option(), detail_option()})}),
       keyword("no", "Ends something").then({keyword("debug", "Debug messages").runs(Command::debug_off)}),

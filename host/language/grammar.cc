@@ -98,6 +98,18 @@ Found find_word(const std::vector<const Word *> &words, const std::string &typed
   return found;
 }
 
+bool takes_rest(const Word &word) { return word.kind == Word::Kind::argument && word.type == ValueType::text; }
+
+// The rest of the line as one value; *at then stands at the line's last word.
+Found read_rest(const Word &word, const std::vector<std::string> &words, size_t *at) {
+  Found found;
+  const std::vector<std::string> rest(words.begin() + static_cast<std::ptrdiff_t>(*at), words.end());
+  const auto value = check_value(word.type, word.range, join_words(rest), &found.reason);
+  if (!value) return found;
+  *at = words.size() - 1;
+  return {&word, *value, ""};
+}
+
 void record(Statement &statement, const Word &word, const std::string &value) {
   statement.text += (statement.text.empty() ? "" : " ") + value;
   if (!word.name.empty()) statement.arguments.push_back({word.name, word.kind == Word::Kind::argument ? value : ""});
@@ -139,7 +151,8 @@ Walk walk(Mode mode, const std::vector<std::string> &words, size_t begin, bool a
     result.at++;
   }
   for (; result.at < words.size(); result.at++) {
-    const Found found = find_word(followers(result.position), words[result.at], abbreviations);
+    Found found = find_word(followers(result.position), words[result.at], abbreviations);
+    if (found.word != nullptr && takes_rest(*found.word)) found = read_rest(*found.word, words, &result.at);
     if (found.word == nullptr) {
       const Word *last = deciding_word(result.position);
       // Behind the header of a block the line goes on in the block's mode.
@@ -161,6 +174,12 @@ const std::string *find_argument(const Statement &statement, std::string_view na
   for (const Argument &argument : statement.arguments)
     if (argument.name == name) return &argument.value;
   return nullptr;
+}
+
+std::string shown_text(const Statement &statement) {
+  const std::string *secret = find_argument(statement, "secret");
+  if (secret == nullptr) return statement.text;
+  return statement.text.substr(0, statement.text.size() - secret->size()) + std::string(kHiddenPassword);
 }
 
 std::vector<std::string> split_words(std::string_view line) {

@@ -38,8 +38,14 @@ enum class Command {
   mdt,
   mroute,
   bgp_block,
+  local_as,
+  router_id,
+  cluster_id,
+  bgp_listen,
   update_source,
-  reflector,
+  graceful_restart,
+  restart_time,
+  neighbor,
   pim_block,
   ssm_range,
   bidir_range,
@@ -60,6 +66,8 @@ enum class Command {
   show_module,
   show_interfaces,
   show_tunnels,
+  show_bgp_summary,
+  show_bgp_neighbor,
   show_bgp_mdt,
   show_mrib_routes,
   show_mrib_encaps,
@@ -73,6 +81,7 @@ enum class Command {
   show_clock,
   clear_counters,
   clear_events,
+  clear_bgp_neighbor,
   debug_mvpn,
   debug_off,
   test_interface,
@@ -131,6 +140,10 @@ struct Statement {
 };
 
 const std::string *find_argument(const Statement &statement, std::string_view name);
+
+// The statement's text for listings and messages: with kHiddenPassword in the place of a password, which is the argument
+// "secret" and the last word of its line.
+std::string shown_text(const Statement &statement);
 
 struct SyntaxError {
   size_t word = 0;     // position among the words of the line; their number when the line is incomplete

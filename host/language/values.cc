@@ -14,6 +14,8 @@ constexpr size_t kNameMax = 32;
 constexpr size_t kInterfaceMax = 39;
 constexpr size_t kPathMax = 107;  // of a Unix socket
 constexpr size_t kPolicyMax = 255;
+constexpr size_t kPasswordMax = 80;  // of a TCP signature's key
+constexpr size_t kLineMax = 255;
 
 std::optional<uint64_t> read_number(std::string_view word) {
   uint64_t value = 0;
@@ -94,6 +96,18 @@ Result check_text(size_t limit, std::string_view word, std::string *reason) {
   return std::string(word);
 }
 
+Result check_password(std::string_view word, std::string *reason) {
+  if (word == kHiddenPassword) return refuse(reason, "stands for a password that was not shown; write the password");
+  return check_text(kPasswordMax, word, reason);
+}
+
+Result check_line(std::string_view line, std::string *reason) {
+  if (line.size() > kLineMax) return refuse(reason, "is longer than " + std::to_string(kLineMax) + " characters");
+  const bool printable = std::all_of(line.begin(), line.end(), [](char c) { return c >= ' ' && c < 0x7F; });
+  if (!printable) return refuse(reason, "holds characters that are not ASCII");
+  return std::string(line);
+}
+
 // Two octets of AS number go with four octets of assigned number; four octets of AS number, or an address, with two.
 Result check_rd(std::string_view word, std::string *reason) {
   const size_t colon = word.rfind(':');
@@ -146,6 +160,10 @@ std::optional<std::string> check_value(ValueType type, NumberRange range, std::s
       return check_endpoint(word, reason);
     case ValueType::path:
       return check_text(kPathMax, word, reason);
+    case ValueType::password:
+      return check_password(word, reason);
+    case ValueType::text:
+      return check_line(word, reason);
     case ValueType::policy:
       return check_text(kPolicyMax, word, reason);
   }

@@ -22,6 +22,8 @@ enum class ValueType {
   rd,         // route distinguisher: AS:NUMBER or A.B.C.D:NUMBER
   endpoint,   // A.B.C.D:PORT
   path,       // name or path of a file, up to 107 characters, no blanks
+  password,   // up to 80 characters, no blanks
+  text,       // the rest of the line, up to 255 characters; the last word of a line
   policy,     // name of a route-map; its length is the policy manager's to judge
 };
 
@@ -49,6 +51,10 @@ struct EndpointValue {
 EndpointValue endpoint_value(std::string_view word);
 
 std::string address_text(uint32_t address);
+
+// What listings show in the place of a password. It is no password itself: a listing that is loaded says what is missing
+// instead of setting another password.
+inline constexpr std::string_view kHiddenPassword = "<hidden>";
 
 // Text that came from outside, for messages: bytes that are no printable ASCII characters are written as \xHH.
 std::string printable(std::string_view text);

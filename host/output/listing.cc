@@ -91,8 +91,9 @@ void Listing::begin(const View &view, bool detail) {
   if (view_ != nullptr) sink_.text("\n");
   view_ = &view;
   detail_ = detail;
+  between_sheets_ = false;
   if (view.title != nullptr) sink_.text(std::string(view.title) + "\n");
-  heading();
+  if (!view.sheet) heading();
 }
 
 void Listing::heading() {
@@ -111,7 +112,23 @@ bool Listing::row(const Row &row) {
   return sink_.more();
 }
 
-void Listing::text_of(const Row &row) {
+void Listing::text_of(const Row &row) { view_->sheet ? sheet_of(row) : line_of(row); }
+
+// Values that there are; those behind the first, which names the row, are indented.
+void Listing::sheet_of(const Row &row) {
+  std::string text = between_sheets_ ? "\n" : "";
+  between_sheets_ = true;
+  for (size_t i = 0; i < row.size(); i++) {
+    const Column &column = view_->columns[i];
+    const std::string value =
+        is_list(column) ? list_text(*column.items, row[i]) : std::visit(ToText{column}, row[i].value);
+    if (!is_shown(column) || value == "-") continue;
+    text += std::string(i == 0 ? "" : "  ") + column.title + ": " + value + "\n";
+  }
+  sink_.text(text);
+}
+
+void Listing::line_of(const Row &row) {
   std::string line;
   for (size_t i = 0; i < row.size(); i++) {
     const Column &column = view_->columns[i];

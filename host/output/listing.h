@@ -44,12 +44,15 @@ class Listing {
  private:
   void heading();
   void text_of(const Row &row);
+  void line_of(const Row &row);
+  void sheet_of(const Row &row);
   bool is_shown(const Column &column) const { return detail_ || !column.only_in_detail; }
 
   ref::CliSink &sink_;
   const View *view_ = nullptr;
   bool detail_ = false;
   size_t rows_ = 0;
+  bool between_sheets_ = false;  // an empty line is due before the next
 };
 
 }  // namespace output

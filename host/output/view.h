@@ -31,6 +31,7 @@ struct View {
   const char *description;
   std::span<const Column> columns;  // every row has the first
   const char *title = nullptr;      // in text, above the heading
+  bool sheet = false;               // in text, a line for each value behind its title, instead of a table
 };
 
 // A list's column: in text its items stand behind each other.
@@ -72,21 +73,130 @@ inline constexpr Column kTunnelColumns[] = {
 };
 inline constexpr View kTunnels = {"tunnel", "A tunnel of the tunnel manager. `show tunnels`", kTunnelColumns};
 
-inline constexpr Column kReflectorColumns[] = {
-    {3190, "connected", CLI_TYPE_BOOLEAN, "Whether there is a connection.", "Reflector connected", 21},
-    {3191, "learnt-entries", CLI_TYPE_NUMBER, "Entries learnt over it.", "Entries learnt"},
+inline constexpr Column kBgpSpeakerColumns[] = {
+    {3110, "local-as", CLI_TYPE_NUMBER, "AS of this router.", "Local AS"},
+    {3111, "router-id", CLI_TYPE_ADDRESS, "BGP identifier.", "Router ID"},
+    {3112, "cluster-id", CLI_TYPE_ADDRESS, "Cluster of a route reflector.", "Cluster ID"},
+    {3113, "listening", CLI_TYPE_STRING, "Where connections are accepted, or why they are not.", "Listening"},
+    {3114, "restarting", CLI_TYPE_BOOLEAN, "Whether a restart still waits for the neighbours' routes.", "Restarting"},
+    {3115, "routes", CLI_TYPE_NUMBER, "Routes.", "Routes"},
+    {3116, "paths", CLI_TYPE_NUMBER, "Paths to them: one for each neighbour that sent one.", "Paths"},
+    {3117, "attribute-sets", CLI_TYPE_NUMBER, "Different sets of path attributes.", "Attribute sets"},
+    {3118, "octets", CLI_TYPE_NUMBER, "Memory of tables, attributes and what waits to be sent.", "Octets"},
 };
-inline constexpr View kReflector = {
-    "reflector", "Connection to the route reflector, when one is configured. `show bgp mdt`", kReflectorColumns};
+inline constexpr View kBgpSpeaker = {.record = "bgp-speaker",
+                                     .description = "The BGP speaker. `show bgp summary`",
+                                     .columns = kBgpSpeakerColumns,
+                                     .sheet = true};
+
+inline constexpr Column kBgpSessionColumns[] = {
+    {3120, "neighbour", CLI_TYPE_ADDRESS, "Address of the neighbour.", "Neighbour", 17},
+    {3121, "remote-as", CLI_TYPE_NUMBER, "Its AS.", "AS", 11},
+    {3122, "state", CLI_TYPE_STRING, "Idle, Connect, Active, OpenSent, OpenConfirm or Established.", "State", 13},
+    {3123, "since", CLI_TYPE_DURATION, "Age of the state.", "Since", 12},
+    {3124, "received", CLI_TYPE_NUMBER, "Routes from it.", "Received", 10},
+    {3125, "sent", CLI_TYPE_NUMBER, "Routes to it.", "Sent", 10},
+    {3126, "messages-received", CLI_TYPE_NUMBER, "Messages from it.", "Msgs in", 10},
+    {3127, "messages-sent", CLI_TYPE_NUMBER, "Messages to it.", "Msgs out", 10},
+    {3128, "description", CLI_TYPE_STRING, "What the configuration says of it.", "Description"},
+};
+inline constexpr View kBgpSessions = {"bgp-session", "A neighbour and its session. `show bgp summary`",
+                                      kBgpSessionColumns};
+
+inline constexpr Column kBgpMessageColumns[] = {
+    {3190, "type", CLI_TYPE_STRING, "Type of message."},
+    {3191, "in", CLI_TYPE_NUMBER, "Received."},
+    {3192, "out", CLI_TYPE_NUMBER, "Sent."},
+};
+inline constexpr View kBgpMessages = {"messages", "Messages of one type, since the neighbour is configured.",
+                                      kBgpMessageColumns};
+inline constexpr Column kBgpNeighborColumns[] = {
+    {3140, "address", CLI_TYPE_ADDRESS, "Address of the neighbour.", "BGP neighbour"},
+    {3141, "remote-as", CLI_TYPE_NUMBER, "Its AS.", "AS"},
+    {3142, "session", CLI_TYPE_STRING, "internal or external.", "Session"},
+    {3143, "description", CLI_TYPE_STRING, "What the configuration says of it.", "Description"},
+    {3144, "state", CLI_TYPE_STRING, "Idle, Connect, Active, OpenSent, OpenConfirm or Established.", "State"},
+    {3145, "since", CLI_TYPE_DURATION, "Age of the state.", "Since, seconds ago"},
+    {3146, "reason", CLI_TYPE_STRING, "Why there is no session.", "Reason"},
+    {3147, "established-count", CLI_TYPE_NUMBER, "Sessions so far.", "Sessions so far"},
+    {3148, "router-id", CLI_TYPE_ADDRESS, "Its BGP identifier.", "Router ID"},
+    {3149, "local-address", CLI_TYPE_ADDRESS, "Own address of the session.", "Local address"},
+    {3150, "port", CLI_TYPE_NUMBER, "TCP port that it is connected to at.", "Port"},
+    {3151, "hold-time", CLI_TYPE_NUMBER, "Seconds that both sides agreed on.", "Hold time"},
+    {3152, "keepalive-time", CLI_TYPE_NUMBER, "Seconds.", "Keepalive time"},
+    {3153, "hold-time-offered", CLI_TYPE_NUMBER, "Seconds that the configuration says.", "Hold time offered"},
+    {3154, "password", CLI_TYPE_BOOLEAN, "Whether segments are signed.", "Password"},
+    {3155, "ttl-security", CLI_TYPE_NUMBER, "Links that the neighbour may be away; left out when any.", "TTL security"},
+    {3156, "passive", CLI_TYPE_BOOLEAN, "Whether it is waited for.", "Passive"},
+    {3157, "shutdown", CLI_TYPE_BOOLEAN, "Whether the configuration wants no session.", "Shutdown"},
+    {3158, "route-reflector-client", CLI_TYPE_BOOLEAN, "Whether routes are reflected for it.",
+     "Route reflector client"},
+    {3159, "agreed", CLI_TYPE_STRING, "What both sides can.", "Agreed"},
+    {3160, "capabilities-sent", CLI_TYPE_STRING, "What this side offered.", "Capabilities sent"},
+    {3161, "capabilities-received", CLI_TYPE_STRING, "What the neighbour offered.", "Capabilities received"},
+    {3162, "received", CLI_TYPE_NUMBER, "Routes from it, stale ones included.", "Routes received"},
+    {3163, "stale", CLI_TYPE_NUMBER, "Those that are kept for its restart.", "Stale routes"},
+    {3164, "sent", CLI_TYPE_NUMBER, "Routes to it.", "Routes sent"},
+    {3165, "maximum-prefix", CLI_TYPE_NUMBER, "Routes that it may send.", "Maximum prefix"},
+    {3166, "over-limit", CLI_TYPE_BOOLEAN, "Whether it sent more.", "Over the limit"},
+    {3167, "end-of-rib-received", CLI_TYPE_BOOLEAN, "Whether it has sent all it had.", "End-of-RIB received"},
+    {3168, "end-of-rib-sent", CLI_TYPE_BOOLEAN, "Whether it was sent all there was.", "End-of-RIB sent"},
+    {3169, "restart-left", CLI_TYPE_DURATION, "How long its routes are still kept while it is away.",
+     "Restart time left"},
+    {3170, "refused-loops", CLI_TYPE_NUMBER, "Routes refused for a loop of AS, originator or cluster.",
+     "Refused for loops"},
+    {3171, "taken-as-withdrawn", CLI_TYPE_NUMBER, "Messages with a faulty attribute that withdrew their routes.",
+     "Taken as withdrawn"},
+    {3172, "attributes-discarded", CLI_TYPE_NUMBER, "Faulty attributes that were left out.", "Attributes discarded"},
+    {3173, "unicast-ignored", CLI_TYPE_NUMBER, "IPv4 unicast routes that nobody here wants.", "Unicast ignored"},
+    {3174, "octets-waiting", CLI_TYPE_NUMBER, "Octets that the neighbour has not taken yet.", "Octets waiting"},
+    {3175, "last-error-sent", CLI_TYPE_STRING, "Last NOTIFICATION to it.", "Last error sent"},
+    {3176, "last-error-sent-age", CLI_TYPE_DURATION, "How long ago.", "Seconds ago"},
+    {3177, "last-error-received", CLI_TYPE_STRING, "Last NOTIFICATION from it.", "Last error received"},
+    {3178, "last-error-received-age", CLI_TYPE_DURATION, "How long ago.", "Seconds ago"},
+    list_of(kBgpMessages, "Messages (type:in:out)", 0),
+};
+inline constexpr View kBgpNeighbors = {.record = "bgp-neighbour",
+                                       .description = "A neighbour in full. `show bgp neighbor`",
+                                       .columns = kBgpNeighborColumns,
+                                       .sheet = true};
 
 inline constexpr Column kBgpColumns[] = {
     {3200, "source", CLI_TYPE_ADDRESS, "Address of the PE.", "PE Source", 17},
     {3201, "rd", CLI_TYPE_STRING, "Route distinguisher.", "RD", 22},
     {3202, "group", CLI_TYPE_ADDRESS, "Default MDT group.", "Group", 17},
     {3203, "origin", CLI_TYPE_STRING, "local: this PE advertises it; remote.", "Origin", 8},
-    {3204, "vrf", CLI_TYPE_STRING, "VRF that a local entry comes from.", "VRF"},
+    {3204, "vrf", CLI_TYPE_STRING, "VRF that a local route comes from.", "VRF", 16},
+    {3205, "neighbour", CLI_TYPE_ADDRESS, "Neighbour that a path came from.", "Neighbour", 17},
+    {3206, "best", CLI_TYPE_BOOLEAN, "Whether the path is the one that is used.", "Best", 6},
+    {3207, "stale", CLI_TYPE_BOOLEAN, "Whether it is kept for a neighbour's restart.", "Stale", 7},
+    {3208, "next-hop", CLI_TYPE_ADDRESS, "Next hop.", "Next hop", 17, {}, true},
+    {3209, "as-path", CLI_TYPE_STRING, "AS path; sets in braces.", "AS path", 12, {}, true},
+    {3210, "path-origin", CLI_TYPE_STRING, "igp, egp or incomplete.", "From", 12, {}, true},
+    {3211, "local-preference", CLI_TYPE_NUMBER, "Local preference.", "LocPrf", 8, {}, true},
+    {3212, "med", CLI_TYPE_NUMBER, "Multi-exit discriminator.", "MED", 8, {}, true},
+    {3213, "originator-id", CLI_TYPE_ADDRESS, "Router that brought it into the AS.", "Originator", 17, {}, true},
+    {3214, "cluster-list", CLI_TYPE_STRING, "Reflectors that it passed, the latest first.", "Clusters", 20, {}, true},
+    {3215,
+     "communities",
+     CLI_TYPE_STRING,
+     "Communities, extended and large ones included.",
+     "Communities",
+     20,
+     {},
+     true},
+    {3216,
+     "unknown-attributes",
+     CLI_TYPE_STRING,
+     "Types of attributes that are carried along.",
+     "Unknown",
+     9,
+     {},
+     true},
+    {3217, "why", CLI_TYPE_STRING, "The step that made it the best, or that it lost at.", "Why", 0, {}, true},
 };
-inline constexpr View kBgp = {"bgp-mdt-entry", "An MDT SAFI entry, as BGP holds it. `show bgp mdt`", kBgpColumns};
+inline constexpr View kBgp = {"bgp-mdt-entry", "An MDT SAFI route, one path of it. `show bgp mdt [detail]`",
+                              kBgpColumns};
 
 inline constexpr Column kRouteColumns[] = {
     {3300, "source", CLI_TYPE_SOURCE, "Core source.", "Source", 17},
@@ -239,9 +349,9 @@ inline constexpr View kForwardingEvents = {"forwarding-event", "An event of the 
 
 // Every view, by number; the items of lists follow the view that they belong to.
 inline constexpr const View *kViews[] = {
-    &kInterfaces,     &kTunnels, &kReflector,   &kBgp,      &kRoutes,          &kEncaps, &kGroups,
-    &kCustomers,      &kEvents,  &kErrors,      &kCounters, &kConfig,          &kClock,  &kForwarder,
-    &kForwardingVrfs, &kFlows,   &kMemberships, &kDrops,    &kForwardingEvents};
+    &kInterfaces, &kTunnels,   &kBgpSpeaker,     &kBgpSessions, &kBgpNeighbors, &kBgp,      &kRoutes,
+    &kEncaps,     &kGroups,    &kCustomers,      &kEvents,      &kErrors,       &kCounters, &kConfig,
+    &kClock,      &kForwarder, &kForwardingVrfs, &kFlows,       &kMemberships,  &kDrops,    &kForwardingEvents};
 
 }  // namespace output
 

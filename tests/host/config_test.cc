@@ -1,5 +1,6 @@
 // The configuration as data: what is read, what is refused and how, printing, editing, differences.
 #include "host/config/config.h"
+#include "host/config/bgp_settings.h"
 
 #include <gtest/gtest.h>
 
@@ -64,21 +65,73 @@ vrf red
   mroute 10.1.1.1 232.1.1.1 iif lan rpf 10.1.1.1 oif mvpn rate 100
   mroute * 225.1.1.1 iif mvpn oif lan oif mvpn bidir
 bgp
+  local-as 65000
+  router-id 10.0.0.1
+  listen 127.0.0.1:1790
   update-source loopback0
-  reflector 127.0.0.1:1790
+  no graceful-restart
+  restart-time 30
+  neighbor 10.0.0.9 remote-as 65000
+  neighbor 10.0.0.9 description the reflector  in   the north
+  neighbor 10.0.0.9 password s3cret
+  neighbor 10.0.0.9 hold-time 0
+  neighbor 10.0.0.8 remote-as 4200000000
+  neighbor 10.0.0.8 maximum-prefix 10 warning-only
+  neighbor 10.0.0.8 shutdown message until noon
+  neighbor 10.0.0.8 passive
 )";
 
 TEST(ConfigTest, PrintedConfigurationReadsBackTheSame) {
   const Config config = read_clean(kFull);
   EXPECT_TRUE(config.check().empty());
-  const std::string printed = config.print();
+  const std::string printed = config.print(Config::Passwords::shown);
   const Config again = read_clean(printed);
-  EXPECT_EQ(again.print(), printed);
+  EXPECT_EQ(again.print(Config::Passwords::shown), printed);
   EXPECT_TRUE(difference(config, again).empty());
   // Nothing was lost on the way: as many lines as were written, without the comment and the blocks' ends.
   size_t lines = 0;
   for (const auto &[id, block] : config.blocks()) lines += block->lines().size();
-  EXPECT_EQ(lines, 30u);
+  EXPECT_EQ(lines, 42u);
+}
+
+TEST(ConfigTest, PasswordsAreNotPrintedAndNotTakenForWhatStandsInTheirPlace) {
+  const Config config = read_clean(kFull);
+  const std::string printed = config.print();
+  EXPECT_EQ(printed.find("s3cret"), std::string::npos);
+  EXPECT_NE(printed.find("  neighbor 10.0.0.9 password <hidden>\n"), std::string::npos);
+  std::vector<ConfigError> errors;
+  Config::read(printed, &errors);
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_EQ(errors[0].reason, "'<hidden>' stands for a password that was not shown; write the password");
+  const Statement other =
+      match_line(Mode::bgp, split_words("no neighbor 10.0.0.9 password guess"), false).statements.front();
+  EXPECT_EQ(config.refusal({Mode::bgp, ""}, other),
+            "there is no line 'neighbor 10.0.0.9 password <hidden>', but 'neighbor 10.0.0.9 password <hidden>'");
+}
+
+TEST(ConfigTest, NeighboursBecomeTheSpeakersOwn) {
+  Config config = read_clean(kFull);
+  const std::optional<BgpSettings> settings = bgp_settings(config);
+  ASSERT_TRUE(settings);
+  EXPECT_EQ(settings->speaker.local_as, 65000u);
+  EXPECT_FALSE(settings->speaker.graceful_restart);
+  EXPECT_EQ(settings->speaker.restart_time, 30);
+  ASSERT_EQ(settings->neighbors.size(), 2u);
+  const bgp::NeighborConfig &external = settings->neighbors[0], &reflector = settings->neighbors[1];
+  EXPECT_EQ(external.remote_as, 4200000000u);
+  EXPECT_TRUE(external.shutdown && external.passive && external.maximum_prefix.warning_only);
+  EXPECT_EQ(external.shutdown_message, "until noon");
+  EXPECT_EQ(external.maximum_prefix.limit, 10u);
+  EXPECT_EQ(reflector.description, "the reflector in the north");
+  EXPECT_EQ(reflector.password, "s3cret");
+  EXPECT_EQ(reflector.hold_time, 0);
+  EXPECT_EQ(reflector.local_address, 0x7F000001u);
+  // Without an address to listen on BGP speaks from its update source's.
+  config.edit({Mode::bgp, ""}, match_line(Mode::bgp, {"no", "listen"}, false).statements.front());
+  EXPECT_EQ(bgp_settings(config)->neighbors[0].local_address, 0x0A000001u);
+  // All lines of a neighbour go at once.
+  config.edit({Mode::bgp, ""}, match_line(Mode::bgp, {"no", "neighbor", "10.0.0.8"}, false).statements.front());
+  EXPECT_EQ(bgp_settings(config)->neighbors.size(), 1u);
 }
 
 TEST(ConfigTest, SaysWhatIsWrongAndWhere) {

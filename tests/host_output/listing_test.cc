@@ -100,7 +100,7 @@ TEST(Listings, MakeValidDocumentsWhereverTheyAreCut) {
   size_t rows = 0;
   const auto list = [&rows](Listing &listing) {
     rows = 0;
-    for (const View *view : {&output::kReflector, &output::kCustomers, &output::kGroups}) {
+    for (const View *view : {&output::kBgpSpeaker, &output::kCustomers, &output::kGroups}) {
       listing.begin(*view);
       for (int i = 0; i < 3; i++, rows++)
         if (!listing.row(full_row(*view))) return;
@@ -118,8 +118,12 @@ TEST(Listings, MakeValidDocumentsWhereverTheyAreCut) {
 
 TEST(Listings, PrintAlignedColumns) {
   const auto list = [](Listing &listing) {
-    listing.begin(output::kReflector);
-    listing.row({true, size_t{3}});
+    listing.begin(output::kBgpSpeaker);
+    Row speaker(std::size(output::kBgpSpeakerColumns));
+    speaker[0] = uint32_t{65000};
+    speaker[4] = false;
+    listing.row(speaker);
+    listing.row(speaker);
     listing.begin(output::kCustomers);
     listing.row({"a-vrf-of-16-chars", "*", "225.1.1.1", "eth0", Cell(), std::vector<Row>{{"eth1"}, {"mvpn"}},
                  uint64_t{500}, false, Cell(), Cell()});
@@ -131,8 +135,11 @@ TEST(Listings, PrintAlignedColumns) {
   };
   EXPECT_EQ(
       written(output::text_writer, list),
-      "Reflector connected  Entries learnt\n"
-      "yes                  3\n"
+      "Local AS: 65000\n"
+      "  Restarting: no\n"
+      "\n"
+      "Local AS: 65000\n"
+      "  Restarting: no\n"
       "\n"
       "VRF         Source           Group            IIF         RPF              OIFs            kbps     Bidir  "
       "Encap  Data group\n"

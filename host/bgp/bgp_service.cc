@@ -1,0 +1,159 @@
+#include "host/bgp/bgp_service.h"
+
+#include <algorithm>
+#include <chrono>
+#include <random>
+#include <set>
+#include <utility>
+
+namespace host {
+namespace {
+
+constexpr std::chrono::seconds kListenRetry{5};
+
+bool same(const bgp::SpeakerConfig &a, const bgp::SpeakerConfig &b) {
+  return a.local_as == b.local_as && a.router_id == b.router_id && a.cluster_id == b.cluster_id &&
+         a.graceful_restart == b.graceful_restart && a.restart_time == b.restart_time;
+}
+
+std::string endpoint_text(const BgpSettings &settings) {
+  return address_text(settings.listen_address) + ":" + std::to_string(settings.listen_port);
+}
+
+std::string name_of(bgp::Ipv4 neighbor) { return "BGP: neighbor " + address_text(neighbor); }
+
+}  // namespace
+
+BgpService::BgpService(boost::asio::io_context &io, Callbacks callbacks, bool restarting)
+    : callbacks_(std::move(callbacks)),
+      transport_(io, callbacks_.enter),
+      listen_retry_(io),
+      restarting_(restarting),
+      waiting_(restarting) {}
+
+BgpService::~BgpService() {
+  transport_.attach(nullptr);
+  speaker_.reset();
+}
+
+// --------------------------------------------------------------------------------------------- following a configuration
+
+void BgpService::follow(const std::optional<BgpSettings> &settings) {
+  if (!settings) return end();
+  const std::optional<BgpSettings> former = std::exchange(settings_, settings);
+  if (!speaker_) return begin(*settings);
+  if (!same(former->speaker, settings->speaker)) {
+    bgp::SpeakerConfig config = settings->speaker;
+    config.seed = speaker_->config().seed;
+    speaker_->reconfigure(config);
+  }
+  if (endpoint_text(*former) != endpoint_text(*settings)) listen();
+  if (!waiting_) set_neighbors(*settings);
+}
+
+void BgpService::begin(const BgpSettings &settings) {
+  bgp::SpeakerConfig config = settings.speaker;
+  config.seed = std::random_device()();
+  config.restarting = std::exchange(restarting_, false);
+  bgp::Observer &observer = *this;
+  speaker_ = std::make_unique<bgp::Speaker>(config, transport_, transport_, observer);
+  transport_.attach(speaker_.get());
+  listen();
+  if (callbacks_.began) callbacks_.began();
+  if (!waiting_) set_neighbors(settings);
+}
+
+void BgpService::release() {
+  if (!std::exchange(waiting_, false) || !speaker_) return;
+  set_neighbors(*settings_);
+}
+
+void BgpService::set_neighbors(const BgpSettings &settings) {
+  std::set<bgp::Ipv4> wanted;
+  for (const bgp::NeighborConfig &neighbor : settings.neighbors) wanted.insert(neighbor.address);
+  for (const bgp::Ipv4 neighbor : speaker_->neighbors()) {
+    if (wanted.contains(neighbor)) continue;
+    speaker_->remove_neighbor(neighbor);
+    failures_.erase(neighbor);
+  }
+  for (const bgp::NeighborConfig &neighbor : settings.neighbors)
+    if (const std::string words = speaker_->set_neighbor(neighbor); !words.empty())
+      callbacks_.log(name_of(neighbor.address) + ": " + words);
+}
+
+void BgpService::end() {
+  settings_.reset();
+  if (!speaker_) return;
+  stop("");
+  transport_.attach(nullptr);
+  speaker_.reset();
+  failures_.clear();
+  if (callbacks_.ended) callbacks_.ended();
+}
+
+void BgpService::stop(const std::string &words) {
+  listen_retry_.cancel();
+  transport_.stop_listening();
+  listening_.clear();
+  if (!speaker_) return;
+  speaker_->stop(bgp::StopKind::shutdown, words);
+  speaker_->run();
+}
+
+std::string BgpService::clear(const Statement &statement) {
+  const std::string *address = find_argument(statement, "address");
+  const bgp::ClearKind kind = find_argument(statement, "in") != nullptr    ? bgp::ClearKind::soft_in
+                              : find_argument(statement, "out") != nullptr ? bgp::ClearKind::soft_out
+                                                                           : bgp::ClearKind::hard;
+  std::vector<bgp::Ipv4> neighbors = speaker_ ? speaker_->neighbors() : std::vector<bgp::Ipv4>();
+  if (address != nullptr) std::erase_if(neighbors, [&](bgp::Ipv4 other) { return other != address_value(*address); });
+  if (neighbors.empty())
+    return address == nullptr ? "there is no BGP neighbor" : "there is no BGP neighbor " + *address;
+  std::string failed;
+  for (const bgp::Ipv4 neighbor : neighbors)
+    if (!speaker_->clear(neighbor, kind)) failed += " " + address_text(neighbor);
+  return failed.empty() ? "" : "cannot be asked for its routes now:" + failed;
+}
+
+// The address or the port may be free later, or the right to use it given.
+void BgpService::listen() {
+  const std::string endpoint = endpoint_text(*settings_);
+  const std::string reason = transport_.listen(settings_->listen_address, settings_->listen_port);
+  const std::string result = reason.empty() ? endpoint : endpoint + ": " + reason;
+  if (result != std::exchange(listening_, result))
+    callbacks_.log(reason.empty() ? "BGP listens on " + endpoint
+                                  : "BGP cannot listen on " + result + "; tried again every " +
+                                        std::to_string(kListenRetry.count()) + " seconds");
+  listen_retry_.cancel();
+  if (reason.empty()) return;
+  listen_retry_.expires_after(kListenRetry);
+  listen_retry_.async_wait([this](const boost::system::error_code &error) {
+    if (!error) callbacks_.enter([this] { listen(); });
+  });
+}
+
+// ------------------------------------------------------------------------------------------- what the speaker tells
+
+void BgpService::best_changed(std::span<const bgp::BestChange> changes) {
+  if (callbacks_.best_changed) callbacks_.best_changed(changes);
+}
+
+void BgpService::end_of_rib(bgp::Ipv4 neighbor) {
+  if (callbacks_.end_of_rib) callbacks_.end_of_rib(neighbor);
+}
+
+// The speaker logs sessions that come and go. Why there is none is logged here, when it is not what was said before: a
+// neighbour that is away is tried again and again.
+void BgpService::session_changed(bgp::Ipv4 neighbor, bgp::State from, bgp::State to, std::string_view reason) {
+  if (to == bgp::State::established) failures_.erase(neighbor);
+  if (from == bgp::State::established) failures_[neighbor] = reason;
+  if (reason.empty() || to != bgp::State::idle) return;
+  if (std::exchange(failures_[neighbor], std::string(reason)) != reason)
+    callbacks_.log(name_of(neighbor) + ": no session: " + printable(reason));
+}
+
+void BgpService::log(bgp::LogLevel level, std::string_view line) {
+  if (level != bgp::LogLevel::debug) callbacks_.log("BGP: " + printable(line));
+}
+
+}  // namespace host

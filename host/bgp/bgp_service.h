@@ -1,0 +1,77 @@
+// BGP as a program runs it: a speaker with its sockets, following the configuration.
+#ifndef HOST_BGP_BGP_SERVICE_H
+#define HOST_BGP_BGP_SERVICE_H
+
+#include <boost/asio/steady_timer.hpp>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "bgp/asio/asio_transport.h"
+#include "host/config/bgp_settings.h"
+
+namespace host {
+
+class BgpService final : bgp::Observer {
+ public:
+  struct Callbacks {
+    bgp::AsioTransport::Enter enter;  // around everything that happens from the event loop
+    std::function<void(std::span<const bgp::BestChange>)> best_changed = {};
+    std::function<void(bgp::Ipv4 neighbor)> end_of_rib = {};
+    std::function<void()> began = {};  // there is a speaker, without routes
+    std::function<void()> ended = {};  // there is none any more, nor any of its routes
+    std::function<void(const std::string &)> log;
+  };
+
+  // restarting: the process starts anew and its forwarding state was preserved; until release() the sessions wait, so
+  // that what this router advertises is complete before its neighbours compare it with what they kept.
+  BgpService(boost::asio::io_context &io, Callbacks callbacks, bool restarting = false);
+  ~BgpService();
+
+  // Becomes what a configuration says; nothing: no speaker. Neighbours that stay as they are notice nothing.
+  void follow(const std::optional<BgpSettings> &settings);
+  void release();
+  bool waits() const { return waiting_; }
+
+  // `clear bgp neighbor`. Empty: done; else why not.
+  std::string clear(const Statement &statement);
+
+  // Tells every neighbour that this router goes, with these words. Nothing begins again.
+  void stop(const std::string &words);
+  // What was sent to the neighbours has been delivered.
+  bool idle() const { return transport_.idle(); }
+
+  // Null while there is none.
+  bgp::Speaker *speaker() { return speaker_.get(); }
+  const bgp::Speaker *speaker() const { return speaker_.get(); }
+  // Where connections are accepted, or why they are not.
+  const std::string &listening() const { return listening_; }
+  bgp::Time now() const { return bgp::AsioTransport::time(); }
+
+ private:
+  void best_changed(std::span<const bgp::BestChange> changes) override;
+  void session_changed(bgp::Ipv4 neighbor, bgp::State from, bgp::State to, std::string_view reason) override;
+  void end_of_rib(bgp::Ipv4 neighbor) override;
+  void log(bgp::LogLevel level, std::string_view line) override;
+
+  void begin(const BgpSettings &settings);
+  void end();
+  void listen();
+  void set_neighbors(const BgpSettings &settings);
+
+  Callbacks callbacks_;
+  bgp::AsioTransport transport_;
+  boost::asio::steady_timer listen_retry_;
+  bool restarting_;  // of the first speaker only
+  bool waiting_;
+  std::optional<BgpSettings> settings_;
+  std::string listening_;
+  std::map<bgp::Ipv4, std::string> failures_;  // that were logged last
+  std::unique_ptr<bgp::Speaker> speaker_;
+};
+
+}  // namespace host
+
+#endif  // HOST_BGP_BGP_SERVICE_H

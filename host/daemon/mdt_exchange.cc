@@ -1,0 +1,157 @@
+// BGP's key is distinguisher and source. Two VRFs may share both, and then one route stands for them; when one of them
+// withdraws, the other's entry takes its place.
+//
+// The module keeps the first group that it hears for a key: a change of the group is told as a withdrawal and an entry.
+#include "host/daemon/mdt_exchange.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+namespace host {
+namespace {
+
+bgp::RouteKey key_of(const ref::MdtSafi &entry) {
+  bgp::RouteKey key;
+  std::copy(std::begin(entry.rd), std::end(entry.rd), key.rd.begin());
+  key.source = entry.source;
+  return key;
+}
+
+ref::MdtSafi entry_of(const bgp::RouteKey &key, bgp::Ipv4 group) {
+  ref::MdtSafi entry;
+  std::copy(key.rd.begin(), key.rd.end(), std::begin(entry.rd));
+  entry.source = key.source;
+  entry.group = group;
+  return entry;
+}
+
+// Changes in the order in which they came, handed on in as few calls as that allows.
+class RemoteChanges {
+ public:
+  ~RemoteChanges() { flush(); }
+  void add(ref::MdtSafi entry, bool advertised) {
+    if (advertised != advertised_) flush();
+    advertised_ = advertised;
+    entries_.push_back(std::move(entry));
+  }
+
+ private:
+  void flush() {
+    if (entries_.empty()) return;
+    advertised_ ? ref::bgp_add_remote(entries_) : ref::bgp_withdraw_remote(entries_);
+    entries_.clear();
+  }
+
+  bool advertised_ = true;
+  std::vector<ref::MdtSafi> entries_;
+};
+
+// After this the module has had its time to advertise what it had before a restart.
+constexpr std::chrono::seconds kPatience{30};
+
+}  // namespace
+
+MdtExchange::MdtExchange(Loop &loop, bool restarting, std::function<void(const std::string &)> log)
+    : patience_(loop.io()), bgp_(loop.io(), callbacks(loop, std::move(log)), restarting) {
+  ref::set_bgp_local_sink([this](const ref::MdtSafi &entry, bool add) { local_changed(entry, add); });
+  if (!restarting) return;
+  patience_.expires_after(kPatience);
+  patience_.async_wait([this, &loop](const boost::system::error_code &error) {
+    if (error) return;
+    Loop::Turn turn(loop);
+    release();
+  });
+}
+
+MdtExchange::~MdtExchange() { ref::set_bgp_local_sink(nullptr); }
+
+BgpService::Callbacks MdtExchange::callbacks(Loop &loop, std::function<void(const std::string &)> log) {
+  BgpService::Callbacks callbacks;
+  callbacks.enter = [&loop](const std::function<void()> &work) {
+    Loop::Turn turn(loop);
+    work();
+  };
+  callbacks.best_changed = [this](std::span<const bgp::BestChange> changes) { best_changed(changes); };
+  callbacks.end_of_rib = [](bgp::Ipv4) { ref::bgp_end_of_rib(); };
+  callbacks.began = [this] {
+    for (const auto &[key, vrfs] : local_) originate(key);
+  };
+  callbacks.ended = [this] { forget_remote(); };
+  callbacks.log = std::move(log);
+  return callbacks;
+}
+
+void MdtExchange::follow(const Config &config) {
+  if (bgp_.waits()) await(config);
+  bgp_.follow(bgp_settings(config));
+  if (bgp_.waits() && awaited_.empty()) release();
+}
+
+// ----------------------------------------------------------------------------------------------- the module's routes
+
+std::string MdtExchange::vrf_of(const bgp::RouteKey &key) const {
+  const auto found = local_.find(key);
+  return found == local_.end() ? "" : found->second.begin()->first;
+}
+
+// The route of a key, for the first of the VRFs that share it.
+void MdtExchange::originate(const bgp::RouteKey &key) {
+  bgp_.speaker()->originate({key, local_.at(key).begin()->second}, key.source);
+}
+
+void MdtExchange::local_changed(const ref::MdtSafi &entry, bool add) {
+  const bgp::RouteKey key = key_of(entry);
+  std::map<std::string, bgp::Ipv4> &vrfs = local_[key];
+  add ? void(vrfs[entry.vrf_name] = entry.group) : void(vrfs.erase(entry.vrf_name));
+  const bool gone = vrfs.empty();
+  if (gone) local_.erase(key);
+  if (bgp_.speaker() != nullptr) gone ? void(bgp_.speaker()->withdraw(key)) : originate(key);
+  if (add && awaited_.erase(entry.vrf_name) > 0 && awaited_.empty()) release();
+}
+
+// VRFs that can be expected to come up.
+void MdtExchange::await(const Config &config) {
+  awaited_.clear();
+  if (!config.feature_mvpn()) return;
+  for (const auto &[id, block] : config.blocks())
+    if (id.mode == Mode::vrf && block->find(Command::rd) != nullptr &&
+        block->find(Command::mdt, "mdt_default_cmd") != nullptr)
+      awaited_.insert(id.name);
+  for (const auto &[key, vrfs] : local_)
+    for (const auto &[vrf, group] : vrfs) awaited_.erase(vrf);
+}
+
+void MdtExchange::release() {
+  patience_.cancel();
+  awaited_.clear();
+  bgp_.release();
+}
+
+// ----------------------------------------------------------------------------------------------- the others' routes
+
+void MdtExchange::best_changed(std::span<const bgp::BestChange> changes) {
+  RemoteChanges remote;
+  for (const bgp::BestChange &change : changes) {
+    const bool wanted = change.present && !change.local;
+    const auto found = told_.find(change.nlri.key);
+    if (found != told_.end() && (!wanted || found->second != change.nlri.group)) {
+      remote.add(entry_of(found->first, found->second), false);
+      told_.erase(found);
+    }
+    if (wanted && told_.emplace(change.nlri.key, change.nlri.group).second)
+      remote.add(entry_of(change.nlri.key, change.nlri.group), true);
+  }
+}
+
+void MdtExchange::forget_remote() {
+  RemoteChanges remote;
+  for (const auto &[key, group] : std::exchange(told_, {})) remote.add(entry_of(key, group), false);
+}
+
+bool MdtExchange::told(const ref::MdtSafi &entry) const {
+  const auto found = told_.find(key_of(entry));
+  return found != told_.end() && found->second == entry.group;
+}
+
+}  // namespace host

@@ -1,0 +1,51 @@
+// MDT SAFI routes between the module and BGP: what the module advertises is originated, what is best among the others'
+// routes becomes the module's remote entries.
+#ifndef HOST_DAEMON_MDT_EXCHANGE_H
+#define HOST_DAEMON_MDT_EXCHANGE_H
+
+#include <boost/asio/steady_timer.hpp>
+#include <map>
+#include <set>
+#include <string>
+
+#include "host/bgp/bgp_service.h"
+#include "host/daemon/loop.h"
+#include "platform/reference/reference.h"
+
+namespace host {
+
+class MdtExchange {
+ public:
+  // restarting: see BgpService; the sessions begin when the module has advertised the VRFs of await(), or has had its
+  // time for it.
+  MdtExchange(Loop &loop, bool restarting, std::function<void(const std::string &)> log);
+  ~MdtExchange();
+
+  BgpService &bgp() { return bgp_; }
+  const BgpService &bgp() const { return bgp_; }
+
+  void follow(const Config &config);
+  // VRF that a route of this PE comes from; empty: none.
+  std::string vrf_of(const bgp::RouteKey &key) const;
+  // Whether the module was given an entry by BGP.
+  bool told(const ref::MdtSafi &entry) const;
+
+ private:
+  BgpService::Callbacks callbacks(Loop &loop, std::function<void(const std::string &)> log);
+  void local_changed(const ref::MdtSafi &entry, bool add);
+  void originate(const bgp::RouteKey &key);
+  void best_changed(std::span<const bgp::BestChange> changes);
+  void forget_remote();
+  void await(const Config &config);
+  void release();
+
+  std::map<bgp::RouteKey, std::map<std::string, bgp::Ipv4>> local_;  // what the module advertises: VRFs, their groups
+  std::map<bgp::RouteKey, bgp::Ipv4> told_;  // remote entries that the module was given, with their groups
+  std::set<std::string> awaited_;            // VRFs that the module has not advertised yet, after a restart
+  boost::asio::steady_timer patience_;
+  BgpService bgp_;
+};
+
+}  // namespace host
+
+#endif  // HOST_DAEMON_MDT_EXCHANGE_H
