@@ -45,7 +45,24 @@ vrf red
   mdt data 239.1.8.0/24 threshold 100
 bgp
   update-source core0
-  reflector 127.0.0.1:{port}
+  local-as 65000
+  router-id 10.0.0.{number}
+  listen 127.0.0.{number}:{port}
+  neighbor 127.0.0.9 remote-as 65000
+  neighbor 127.0.0.9 port {port}
+  neighbor 127.0.0.9 connect-retry 1
+"""
+REFLECTOR = """
+bgp
+  local-as 65000
+  router-id 10.0.0.9
+  listen 127.0.0.9:{port}
+  neighbor 127.0.0.1 remote-as 65000
+  neighbor 127.0.0.1 passive
+  neighbor 127.0.0.1 route-reflector-client
+  neighbor 127.0.0.2 remote-as 65000
+  neighbor 127.0.0.2 passive
+  neighbor 127.0.0.2 route-reflector-client
 """
 
 
@@ -173,7 +190,7 @@ class Pe:
         self.name, self.folder = name, folder
         self.config = f"{folder}/{name}.conf"
         pathlib.Path(self.config).write_text(
-            CONFIG.format(name=name, folder=folder, port=port, prefix=PREFIX, scale=SCALE))
+            CONFIG.format(name=name, number=name[-1], folder=folder, port=port, prefix=PREFIX, scale=SCALE))
         self.log = open(f"{folder}/{name}.log", "w")
         self.forwarder = self.control = None
 
@@ -236,10 +253,12 @@ class TwoPes(unittest.TestCase):
         self.wire("pe2red", "c1", "192.168.2.1/24", "receiver", "eth0", "192.168.2.10/24")
         ip("-n", PREFIX + "source", "route", "add", "default", "via", "192.168.1.1")
         with socket.socket() as sock:
-            sock.bind(("127.0.0.1", 0))
+            sock.bind(("127.0.0.9", 0))
             port = sock.getsockname()[1]
-        self.reflector = subprocess.Popen([PROGRAMS / "mdt-reflector", "--listen", f"127.0.0.1:{port}"],
-                                          stderr=subprocess.DEVNULL)
+        config = pathlib.Path(self.folder) / "reflector.conf"
+        config.write_text(REFLECTOR.format(port=port))
+        self.reflector = subprocess.Popen([PROGRAMS / "mdt-reflector", "--config", config, "--control",
+                                           f"{self.folder}/reflector.ctl"], stderr=subprocess.DEVNULL)
         self.addCleanup(self.reflector.wait)
         self.addCleanup(self.reflector.terminate)
         self.pes = [Pe("pe1", self.folder, port), Pe("pe2", self.folder, port)]
