@@ -98,7 +98,7 @@ class RoutersTest(unittest.TestCase):
         pe = self.pes["pe1"]
         self.wait_joined("pe1", "pe2")
         since = pe.neighbour(REFLECTOR)["established-count"]
-        for line in [f"neighbor {PES['pe2']} remote-as 65000", f"neighbor {PES['pe2']} passive", "restart-time 7"]:
+        for line in [f"neighbor {PES['pe2']} remote-as 65000", f"neighbor {PES['pe2']} passive"]:
             self.assertEqual(pe.run("configure bgp " + line).returncode, 0, line)
         self.assertTrue(pe.neighbour(PES["pe2"])["passive"])
         refused = pe.run(f"configure bgp no neighbor {REFLECTOR} password guess")
