@@ -8,8 +8,8 @@
 
 #include "platform/l3vm.h"
 #include "platform/mts.h"
+#include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_ha.h"
-#include "routing/pim/mvpn/mvpn_mdt_safi.h"
 #include "tests/support/linked_module.h"
 #include "tests/support/platform_trace.h"
 
