@@ -59,27 +59,27 @@ static bool is_refused(const mvpn_bgp_mdt_safi_key &key) {
 // An advertised entry. 0: it is new and could not be stored.
 static int advertise_entry(const mvpn_bgp_mdt_safi_key &key, mvpn_cibtype *mvpn) {
   if (is_refused(key)) return 0;
-  // 1. Known: the stored group stays.
+  // Known: the stored group stays.
   if (mvpn_bgp_get_mdt_safi_entry(&key) != nullptr) {
     SAFI_DEBUG("Received MDT SAFI message from BGP:RD %s, src = %s, grp = %s already exists", key);
     return 1;
   }
-  // 2. The PE changed its RD: the core route is the same.
+  // The PE changed its RD: the core route is the same.
   if (mvpn_bgp_mdt_safi *equivalent = mvpn_bgp_get_equivalent_mdt_safi_entry(&key)) {
     SAFI_DEBUG("Equivalent MDT SAFI exists:RD %s, src = %s, grp = %s", *equivalent);
     mvpn_bgp_delete_mdt_safi_entry(equivalent);
     return mvpn_bgp_create_mdt_safi_entry(&key) != nullptr;
   }
-  // 3. New.
+  // New.
   if (mvpn_bgp_create_mdt_safi_entry(&key) == nullptr) return 0;
-  // 4. Nobody uses the group yet.
+  // Nobody uses the group yet.
   if (mvpn == nullptr) {
     SAFI_DEBUG("Caching Remote MDT SAFI entry bgp-rd %s, mdt-src %s, mdt-grp %s\n", key);
     return 1;
   }
-  // 5. The bring-up takes the route from the database.
+  // The bring-up takes the route from the database.
   if (!is_tunnel_up(mvpn)) return 1;
-  // 6. The route.
+  // The route.
   mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_REMOTE_DEFAULT, key.mdt_src, 0, key.mdt_grp, 0);
   mvpn_mrib_trigger_rpf_lookup(mvpn);
   return 1;
@@ -183,7 +183,7 @@ void mvpn_get_bgp_info() {
 // ---------------------------------------------------------------------------------------------------- update source
 
 void mvpn_bgp_resolve_update_src() {
-  // 1. Ask for a name that is not known.
+  // Ask for a name that is not known.
   char *name = mvpn_bgp_updatesrc_ifname;
   if (name[0] == '\0') {
     bgp_mvpn_get_update_source(name, BGP_UPDATE_SOURCE_NAME_SIZE);
@@ -193,12 +193,12 @@ void mvpn_bgp_resolve_update_src() {
       mvpn_ha_recover_bgp_update_src_if(name);
     }
   }
-  // 2. Without one, the ordinal stays.
+  // Without one, the ordinal stays.
   if (name[0] == '\0') {
     MVPN_DEBUG(pim_null_pcib, "BGP Update Source not configured\n");
     return;
   }
-  // 3, 4. The interface may be created later.
+  // The interface may be created later.
   MVPN_DEBUG(pim_null_pcib, "Resolving BGP Update Source %s\n", name);
   mvpn_bgp_updatesrc_iod = im_get_if_by_name(name);
   if (mvpn_bgp_updatesrc_iod == 0) MVPN_DEBUG(pim_null_pcib, "BGP Update Source %s is not created\n", name);
@@ -265,23 +265,23 @@ static void process_same_rd(mvpn_cibtype *mvpn, const rd_notification &notificat
 // Replaces or clears the VRF's RD, with one message of the withdrawal and the advertisement.
 static void process_new_rd(mvpn_cibtype *mvpn, const rd_notification &notification) {
   uint8_t buffer[BGP_MDT_SAFI_COUNT_SIZE + 2 * BGP_MDT_SAFI_ENTRY_SIZE] = {};
-  // 1. The withdrawal goes by the old RD.
+  // The withdrawal goes by the old RD.
   const bool was_ready = mvpn_is_default_mdt_ready(mvpn) != 0;
   if (was_ready) mvpn_bgp_mdt_safi_fill_local_update(buffer, mvpn, 0);
   if (notification.valid != 0) {
-    // 2. The set-up comes before the send.
+    // The set-up comes before the send.
     std::memcpy(mvpn->bgp_rd, notification.rd, sizeof mvpn->bgp_rd);
     mvpn->bgp_rd_set = 1;
     if (!mvpn_is_default_mdt_ready(mvpn)) return;
     mvpn_bgp_mdt_safi_fill_local_update(buffer, mvpn, 1);
     if (mvpn_is_cli_done != 0) mvpn_setup_default_mdt(mvpn);
   } else {
-    // 3. The tunnel stays as it is.
+    // The tunnel stays as it is.
     std::memset(mvpn->bgp_rd, 0, sizeof mvpn->bgp_rd);
     mvpn->bgp_rd_set = 0;
     if (!was_ready) return;
   }
-  // 4. Send.
+  // Send.
   const uint32_t count = load_host<uint16_t>(buffer);
   mvpn_bgp_mdt_safi_send_local_update(buffer, BGP_MDT_SAFI_COUNT_SIZE + count * BGP_MDT_SAFI_ENTRY_SIZE);
 }

@@ -270,19 +270,15 @@ static mvpn_cibtype *allocate_context(pim_cibtype *pcib) {
 }
 
 mvpn_cibtype *mvpn_create_context(pim_cibtype *pcib, const char *vrf_name) {
-  // 1, 2.
   if (pcib == nullptr && vrf_name == nullptr) return nullptr;
   if (pcib == nullptr) pcib = find_or_create_pcib(vrf_name);
   if (pcib == nullptr) return nullptr;
-  // 3.
   if (pcib->mvpn != nullptr) return pcib->mvpn;
-  // 4, 5.
   mvpn_cibtype *mvpn = allocate_context(pcib);
   if (mvpn == nullptr) return nullptr;
   pcib->mvpn = mvpn;
   MVPN_DEBUG(pcib, "pcib->mvpn (pcib=%p mvpn=%p) is now set for VRF %s", static_cast<void *>(pcib),
              static_cast<void *>(mvpn), pcib->vrf_name);
-  // 6.
   mvpn_init_context(mvpn);
   mvpn_mvrf_count++;
   return mvpn;

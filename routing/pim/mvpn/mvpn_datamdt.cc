@@ -200,12 +200,10 @@ bool mvpn_take_data_mdt_group(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *ke
 void mvpn_give_back_data_mdt_group(mvpn_cibtype *mvpn, mvpn_data_mdt_range *range, ip_addr_t group,
                                    const mvpn_mdt_route_addrs *key, mvpn_mdt_route *route, int wakeup,
                                    mvpn_release_trace trace) {
-  // 2. Other flows keep the group.
+  // Other flows keep the group.
   mvpn_ha_delete_encap_info(mvpn, key);
   if (drop_count(range, group, route)) return;
-  // 3.
   mvpn_delete_mdt_encap_info(mvpn, group);
-  // 4.
   if (route == nullptr || mvpn_mdt_mroute_has_referer(route) != 0) return;
   trace(mvpn, route);
   mvpn_mdt_delete_route_resources(mvpn, route->source, route->group, wakeup);
@@ -216,7 +214,6 @@ void mvpn_release_data_mdt_group(mvpn_cibtype *mvpn, pim_route *croute, const mv
   mvpn_data_mdt_send_join_info *record = croute->send_join_info;
   if (!is_on_data_mdt(record)) return;
   mvpn_mdt_route *route = record->mdt_route;
-  // 1.
   mvpn_mdt_mroute_delink_referer(route, croute);
   record->mdt_route = nullptr;
   mvpn_give_back_data_mdt_group(mvpn, record->config, record->group, key, route, wakeup, trace);
@@ -255,9 +252,7 @@ int mvpn_does_data_mdt_policy_match(mvpn_cibtype *, const mvpn_mdt_route_addrs *
 }
 
 int mvpn_map_data_mdt_config(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute) {
-  // 1.
   if (!has_local_source(croute)) return 0;
-  // 2.
   if (croute->send_join_info == nullptr) {
     MVPN_DEBUG(mvpn->pcib, "Creating send join info for route %s", mrib_print_addrs(key));
     if (mvpn_create_data_mdt_send_join_info(mvpn, croute) == 0) return 0;
@@ -266,7 +261,6 @@ int mvpn_map_data_mdt_config(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key
   }
   mvpn_data_mdt_send_join_info *record = croute->send_join_info;
   int result = 0;
-  // 3. to 5.
   if (is_on_data_mdt(record)) {
     if (range_matches(mvpn, key, record->config)) return 1;
     mvpn_release_data_mdt_group(mvpn, croute, key, 1, trace_last_flow);
@@ -275,7 +269,6 @@ int mvpn_map_data_mdt_config(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key
   } else if (record->config != nullptr) {
     mvpn_init_data_mdt_send_join_info(mvpn, croute, record);
   }
-  // 6.
   record->config = first_range(mvpn, key);
   return record->config != nullptr ? 1 : result;
 }
@@ -357,6 +350,7 @@ void mvpn_destroy_all_data_mdt_send_join_info(mvpn_cibtype *mvpn) {
 
 // -------------------------------------------------------------------------------------------------- switchover cache
 
+// The place and the size that a failed allocation is reported with are fixed, since operators search for them.
 // Bytes of a switchover entry as reports show them; the size of the record on a 32-bit platform.
 constexpr size_t kReportedEntrySize = 32;
 

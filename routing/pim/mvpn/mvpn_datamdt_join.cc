@@ -94,6 +94,7 @@ uint32_t prepare_packet(mvpn_cibtype *mvpn) {
     free_packet(mvpn);
   if (mvpn->data_mdt_join_pkt != nullptr) return std::min(limit, mvpn->data_mdt_join_capacity - kLengthPrefix);
   const uint32_t size = limit + kLengthPrefix;
+  // The place that the warning names is fixed, since operators search for it: it does not follow the source.
   void *buffer = mvpn_tracked_alloc(MTRACK_MVPN_JOIN_PACKET, size, size, "routing/pim/mvpn/mvpn_datamdt", 476,
                                     "mvpn_fill_one_data_mdt_join");
   if (buffer == nullptr) {
@@ -203,21 +204,17 @@ void take_entries(mvpn_cibtype *mvpn, const uint8_t *entry, uint32_t remaining, 
 // ------------------------------------------------------------------------------------------- set-up and tear-down
 
 int mvpn_init_data_mdt() {
-  // 1.
   if (mvpn_init_udp() == 0) return 0;
-  // 2.
   mvpn_data_mdt_info_pt_attr = pt_attr_create(0, 1, MVPN_RECV_KEY_BYTES);
   if (mvpn_data_mdt_info_pt_attr == nullptr) {
     mvpn_report(msg_error_PIM_API_FAILED, "pt_attr_create()", "mvpn_init_data_mdt");
     return 0;
   }
-  // 3.
   if (quillon_pthread_create(&mvpn_udp_thread, nullptr, mvpn_udp_main, nullptr, "mvpn-udp-thread") != 0) {
     mvpn_udp_thread = 0;
     mvpn_report(msg_error_PIM_PTHREAD_CREATE, "mvpn-udp-thread");
     return 0;
   }
-  // 4.
   mvpn_age_timer = active_timer_create(
       mvpn_at_set_heap, ACTIVE_TIMER_TYPE_MVPN, [](void *) { mvpn_process_age_timer(); }, nullptr);
   if (mvpn_age_timer == nullptr) {
@@ -303,7 +300,6 @@ void mvpn_fill_one_data_mdt_join(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_addr_t 
 }
 
 void mvpn_send_data_mdt_join_packet(mvpn_cibtype *mvpn, int release) {
-  // 1. to 3.
   if (mvpn == nullptr || mvpn->data_mdt_join_pkt == nullptr) return;
   mbuf *m = m_get_prio(1, 1, 5);
   if (m == nullptr) {
@@ -317,29 +313,25 @@ void mvpn_send_data_mdt_join_packet(mvpn_cibtype *mvpn, int release) {
     MVPN_DEBUG(mvpn->pcib, "Couldnt send Data Mdt Join packet due to mbuf copy failure.");
     return;
   }
-  // 4.
   const uint32_t entries = (length - kEntries) / kEntrySize;
   if (entries == 0) {
     m_freem(m);
     MVPN_DEBUG(mvpn->pcib, "No entries to send in Data MDT Join packet. Aborting send attempt.");
     return;
   }
-  // 5.
   MVPN_DEBUG(mvpn->pcib, "Sending Join packet with entries %d and total ip length is %d buffer length = %d",
              static_cast<int>(entries), static_cast<int>(load_host<uint16_t>(datagram + kTotalLength)),
              static_cast<int>(length));
-  // 6.
   if (mvpn->pcib == nullptr) {
     m_freem(m);
     MVPN_DEBUG(mvpn->pcib, "Couldnt send Data Mdt Join packet");
     return;
   }
-  // 7.
   if (ksink_im_is_mvpn_tunnel(mvpn->mti_iod) != 0)
     mfwd_client_ip_output(mvpn->pcib->context_id, m, 0, mvpn->mti_iod, 0, pim_mts_q);
   else
     ip_cl_output(mvpn->pcib->context_id, m, 0, mvpn->mti_iod, 0, pim_ip_client);
-  // 8. What was sent leaves the packet before the yield, so that what is appended meanwhile stays.
+  // What was sent leaves the packet before the yield, so that what is appended meanwhile stays.
   if (release != 0)
     free_packet(mvpn);
   else

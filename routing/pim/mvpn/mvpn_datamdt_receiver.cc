@@ -152,7 +152,7 @@ void mvpn_add_data_mdt_recv_join_info(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_ad
     note_invalid_group(mvpn, p_grp, p_src);
     return;
   }
-  // 1. Only the PE towards the source is believed.
+  // Only the PE towards the source is believed.
   if (c_src != 0) {
     const mvpn_mdt_route_addrs addrs = s_g_addrs(c_src, c_grp);
     const pim_route *croute = pim_get_route_from_pt(mvpn->pcib, &addrs);
@@ -161,7 +161,6 @@ void mvpn_add_data_mdt_recv_join_info(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_ad
       return;
     }
   }
-  // 2.
   Record *record = mvpn_get_data_mdt_recv_join_info(mvpn, c_src, c_grp, p_src);
   if (record != nullptr && record->p_grp == p_grp) {
     mvpn_update_data_mdt_recv_join_stats_info(mvpn, 0, record);
@@ -260,21 +259,17 @@ void mvpn_destroy_data_mdt_recv_cache(mvpn_cibtype *mvpn, ip_addr_t p_src) {
 // ------------------------------------------------------------------------------------------- installation for a route
 
 int mvpn_should_install_remote_data_mdt(const pim_route *croute, const mvpn_cibtype *mvpn) {
-  // 1.
   if (croute == nullptr || mvpn == nullptr) return 0;
   const mvpn_data_mdt_send_join_info *sent = croute->send_join_info;
   if (sent != nullptr && sent->encap_index >= MVPN_ENCAP_INDEX_FIRST_DATA) return 1;
-  // 2.
   if (croute->bidirectional != 0)
     return !is_tunnel(croute->iif) || croute->oifless_join_barred == 0 || has_oif_off_the_tunnels(croute) ? 1 : 0;
-  // 3.
   if (!is_tunnel(croute->iif)) return 0;
   if (bitfield_is_any_set(&croute->oifs) != 0 || croute->oifless_join_barred == 0) return 1;
   return mvpn->pcib->ignore_mrib_prunes != 0 ? 1 : 0;
 }
 
 int mvpn_install_remote_data_mdt(mvpn_cibtype *mvpn, pim_route *croute, Record *record) {
-  // 1.
   if (croute == nullptr) return 0;
   if (mvpn_should_install_remote_data_mdt(croute, mvpn) == 0) {
     MVPN_DEBUG(mvpn->pcib, "NOT installing route c_src %s, c_grp %s, p_src %s, p_grp %s %s",
@@ -282,7 +277,6 @@ int mvpn_install_remote_data_mdt(mvpn_cibtype *mvpn, pim_route *croute, Record *
                ip_print_addr(record->p_grp), croute->is_star_g != 0 ? "starg" : "sg");
     return 0;
   }
-  // 2.
   mvpn_mdt_route *route =
       mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_REMOTE_DATA, record->p_src, 0, record->p_grp, 1);
   if (route == nullptr || !join_route(mvpn, record, route)) {
@@ -290,7 +284,6 @@ int mvpn_install_remote_data_mdt(mvpn_cibtype *mvpn, pim_route *croute, Record *
                ip_print_addr(record->p_grp));
     return 0;
   }
-  // 3.
   record->flags |= flag_of(croute);
   MVPN_DEBUG(mvpn->pcib, "Receive join entry (%s %s) is now mapped to a croute with mdt-route (%s,%s)",
              ip_print_addr(record->c_src), ip_print_addr(record->c_grp), ip_print_addr(route->source),
@@ -318,11 +311,9 @@ uint32_t mvpn_get_recv_join_info_mask_len(int is_star_g) { return is_star_g != 0
 // ----------------------------------------------------------------------------------------- mapping from the announcement
 
 int mvpn_data_mdt_map_remote_source_to_receiver(mvpn_cibtype *mvpn, Record *record) {
-  // 1.
   MVPN_DEBUG(mvpn->pcib, "Mapping customer route for new receive join entry (%s %s)", ip_print_addr(record->c_src),
              ip_print_addr(record->c_grp));
   mrib_read_guard mrib_lock;
-  // 2.
   const vrf_context_id_t context_id = mvpn->pcib->context_id;
   const mvpn_mdt_route_addrs star_g = star_g_addrs(record->c_grp);
   const mvpn_mdt_route_addrs s_g = s_g_addrs(record->c_src, record->c_grp);
@@ -331,7 +322,6 @@ int mvpn_data_mdt_map_remote_source_to_receiver(mvpn_cibtype *mvpn, Record *reco
   pim_route *s_g_croute = has_source ? pim_get_route_from_pt(mvpn->pcib, &s_g) : nullptr;
   const bool in_mrib = mrib_get_route_by_addr(context_id, &star_g) != nullptr ||
                        (has_source && mrib_get_route_by_addr(context_id, &s_g) != nullptr);
-  // 3.
   if (!in_mrib) {
     mrib_lock.release();
     MVPN_DEBUG(mvpn->pcib, "No mrib croute found for c_src %s, c_grp %s, p_src %s, p_grp %s",
@@ -346,7 +336,6 @@ int mvpn_data_mdt_map_remote_source_to_receiver(mvpn_cibtype *mvpn, Record *reco
                ip_print_addr(record->p_grp));
     return 0;
   }
-  // 4.
   const int for_s_g = mvpn_install_remote_data_mdt(mvpn, s_g_croute, record);
   const int for_star_g = mvpn_install_remote_data_mdt(mvpn, star_g_croute, record);
   return for_s_g != 0 || for_star_g != 0 ? 1 : 0;
@@ -365,10 +354,8 @@ void mvpn_data_mdt_unmap_remote_source_from_receiver(mvpn_cibtype *mvpn, Record 
 
 int mvpn_data_mdt_map_receiver_to_remote_source(mvpn_cibtype *mvpn, pim_route *croute,
                                                 const mvpn_mdt_route_addrs *key) {
-  // 1.
   if (croute == nullptr) return 0;
   MVPN_DEBUG(mvpn->pcib, "Mapping receiver to remote source for %s", mrib_print_addrs(key));
-  // 2.
   {
     mrib_read_guard mrib_lock;
     if (mrib_get_route_by_addr(mvpn->pcib->context_id, key) == nullptr ||
@@ -379,7 +366,6 @@ int mvpn_data_mdt_map_receiver_to_remote_source(mvpn_cibtype *mvpn, pim_route *c
       return 0;
     }
   }
-  // 3.
   for_each_under(mvpn, key->source, key->group, mvpn_get_recv_join_info_mask_len(croute->is_star_g),
                  [&](Record *record) {
                    if (mvpn_match_remote_data_mdt(key, record) == 0) return false;

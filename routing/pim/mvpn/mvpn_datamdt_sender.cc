@@ -89,20 +89,16 @@ void announce(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, const pim_rou
 // ------------------------------------------------------------------------------------------------------ periodic check
 
 int mvpn_stats_check(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute) {
-  // 1.
   if (mvpn == nullptr) return 0;
   if (croute->send_join_info == nullptr || croute->send_join_info->config == nullptr) {
     if (mvpn_map_data_mdt_config(mvpn, key, croute) == 0 || croute->send_join_info->config == nullptr) return 0;
   }
-  // 2.
   if (key->group_len != MROUTE_HOST_LEN) return 0;
   if (croute->bidirectional != 0 && mvpn->data_mdt_bidir_enable == 0 &&
       croute->send_join_info->state == MVPN_DATA_MDT_STATE_DEFAULT)
     return 0;
-  // 3. to 5.
   int result = 0;
   if (mrib_context_initializing(mvpn->pcib->context_id) == 0) result = check_state(mvpn, key, croute) ? 1 : 0;
-  // 6.
   announce(mvpn, key, croute);
   return result;
 }
@@ -110,7 +106,6 @@ int mvpn_stats_check(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_ro
 // --------------------------------------------------------------------------------------------------------- switchover
 
 void mvpn_start_switchover_to_data_mdt(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute) {
-  // 1.
   mvpn_data_mdt_send_join_info *record = croute->send_join_info;
   if (record == nullptr) return;
   if (record->state == MVPN_DATA_MDT_STATE_SWITCHBACK_PENDING) {
@@ -118,10 +113,8 @@ void mvpn_start_switchover_to_data_mdt(mvpn_cibtype *mvpn, const mvpn_mdt_route_
     return;
   }
   if (record->config == nullptr || record->mdt_route != nullptr) return;
-  // 2.
   mvpn_data_mdt_choice choice;
   if (!mvpn_take_data_mdt_group(mvpn, key, record->config, &choice)) return;
-  // 3.
   mvpn_mdt_route *route =
       mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_LOCAL_DATA, mvpn->mdt_source_addr, 0, choice.group, 0);
   if (route == nullptr || mvpn_mdt_mroute_link_referer(route, croute) == 0) {
@@ -132,12 +125,9 @@ void mvpn_start_switchover_to_data_mdt(mvpn_cibtype *mvpn, const mvpn_mdt_route_
   record->mdt_route = route;
   record->group = choice.group;
   zeph_sys_mclock_get(&record->switch_time);
-  // 4.
   mvpn_set_encap_index_for_customer_route(mvpn, croute, choice.index);
   record->state = MVPN_DATA_MDT_STATE_SWITCHOVER_PENDING;
-  // 5.
   mvpn_add_entry_to_switchover_cache(mvpn, key, croute);
-  // 6.
   mvpn_data_mdt_map_receiver_to_remote_source(mvpn, croute, key);
 }
 
@@ -186,27 +176,22 @@ void mvpn_finish_switchback_from_data_mdt(mvpn_cibtype *mvpn, const mvpn_mdt_rou
 
 void mvpn_data_mdt_map_receiver_to_local_source(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key,
                                                 pim_route *croute) {
-  // 1.
   if (mvpn == nullptr) return;
   mvpn_mdt_route_addrs working = mvpn_unpadded_addrs(*key);
   if (working.source_len == MROUTE_ANY_SOURCE_LEN) working.source = 0;
-  // 2.
   if (croute->send_join_info != nullptr && croute->send_join_info->encap_index != MVPN_ENCAP_INDEX_NONE) {
     MVPN_DEBUG(mvpn->pcib, "While mapping croute %s already has proper encap ", mrib_print_addrs(&working));
     return;
   }
-  // 3.
   MVPN_DEBUG(mvpn->pcib, "Mapping receiver to local source for %s", mrib_print_addrs(&working));
   if (mvpn_map_data_mdt_config(mvpn, &working, croute) == 0) return;
   const mvpn_data_mdt_send_join_info *record = croute->send_join_info;
   if (record == nullptr || record->config == nullptr) return;
   if (record->config->immediate_switch == 0 || record->config->threshold != 0) return;
-  // 4.
   mvpn_start_switchover_to_data_mdt(mvpn, &working, croute);
   MVPN_DEBUG(mvpn->pcib, "Switchover to Data MDT for %s", mrib_print_addrs(&working));
   if (mvpn->switchover_timer != nullptr) active_timer_start(mvpn->switchover_timer, 0, 0, 0, 0);
   mvpn_mrib_wakeup_worker_thread();
-  // 5.
   if (record->encap_index < MVPN_ENCAP_INDEX_FIRST_DATA) return;
   const mvpn_vrf_handle vrf(mvpn);
   mvpn_fill_one_data_mdt_join(mvpn, working.source, working.group, record->group);
@@ -215,10 +200,8 @@ void mvpn_data_mdt_map_receiver_to_local_source(mvpn_cibtype *mvpn, const mvpn_m
 
 void mvpn_data_mdt_unmap_receiver_from_local_source(mvpn_cibtype *mvpn, pim_route *croute,
                                                     const mvpn_mdt_route_addrs *key) {
-  // 1.
   if (mvpn == nullptr) return;
   MVPN_DEBUG(mvpn->pcib, "Clearing data MDT state for: addr: %s", mrib_print_addrs(key));
-  // 2.
   // What counts is the group that the flow holds, not its index, which the host may have changed.
   if (croute->send_join_info != nullptr)
     mvpn_release_data_mdt_group(mvpn, croute, key, 1, [](mvpn_cibtype *vrf, const mvpn_mdt_route *route) {
@@ -227,7 +210,6 @@ void mvpn_data_mdt_unmap_receiver_from_local_source(mvpn_cibtype *mvpn, pim_rout
     });
   // Nobody is going to claim the choice that a teardown left of this flow, unless a recovery period is open.
   if (mvpn->unclaimed_choices != 0 && mvpn_ha_recovery_timer == nullptr) mvpn_ha_delete_encap_info(mvpn, key);
-  // 3.
   if (mvpn_switchover_entry *entry = mvpn_get_entry_from_switchover_cache(mvpn, croute))
     mvpn_delete_entry_from_switchover_cache(mvpn, entry);
   mvpn_destroy_data_mdt_send_join_info(croute);

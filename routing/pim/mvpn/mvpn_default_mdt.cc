@@ -115,7 +115,7 @@ int mvpn_update_mdt_source_info(mvpn_cibtype *mvpn, im_iod_t iod) {
   return changed ? 1 : 0;
 }
 
-// 2, 3. Without an interface the source's address, VRF and mode stay.
+// Without an interface the source's address, VRF and mode stay.
 static void resolve_source(mvpn_cibtype *mvpn) {
   const bool configured = mvpn->mdt_source_ifname[0] != '\0';
   const im_iod_t iod = configured ? im_get_if_by_name(mvpn->mdt_source_ifname) : mvpn_bgp_updatesrc_iod;
@@ -132,13 +132,10 @@ static void bring_up_when_ready(mvpn_cibtype *mvpn) {
 
 void mvpn_setup_default_mdt(mvpn_cibtype *mvpn) {
   if (mvpn == nullptr) return;
-  // 1.
   mvpn_note_change(mvpn, MVPN_LAST_CHANGE_DEFAULT_MDT);
-  // 2, 3.
   resolve_source(mvpn);
-  // 4.
   mvpn_bgp_get_rd(mvpn);
-  // 5. In every other status a request is outstanding, or the tunnel is up.
+  // In every other status a request is outstanding, or the tunnel is up.
   switch (mvpn->mti_status) {
     case MVPN_MTI_NONE:
     case MVPN_MTI_DELETED:
@@ -155,7 +152,7 @@ void mvpn_setup_default_mdt(mvpn_cibtype *mvpn) {
 
 // ----------------------------------------------------------------------------------------------------------- tunnel up
 
-// 3, 4. The MTI borrows the source's address and runs PIM.
+// The MTI borrows the source's address and runs PIM.
 static void enable_pim(mvpn_cibtype *mvpn) {
   MVPN_DEBUG(pim_null_pcib, "Set unnumbered for %s and target %s", ksink_im_get_if_name(mvpn->mti_iod),
              ksink_im_get_if_name(mvpn->mdt_source_iod));
@@ -164,7 +161,6 @@ static void enable_pim(mvpn_cibtype *mvpn) {
   mvpn->mti_pim_if = pim_get_iftype(mvpn->mti_iod);
 }
 
-// 6.
 static void configure_pim_interface(const mvpn_cibtype *mvpn) {
   pim_iftype *interface = mvpn->mti_pim_if;
   interface->local_addr = mvpn->mdt_source_addr;
@@ -176,7 +172,7 @@ static void configure_pim_interface(const mvpn_cibtype *mvpn) {
   interface->mtu = mvpn->mdt_mtu;
 }
 
-// 7. The PE takes part in the group.
+// The PE takes part in the group.
 static void advertise_when_ready(mvpn_cibtype *mvpn) {
   if (mvpn_is_default_mdt_ready(mvpn) == 0) return;
   mvpn_bgp_mdt_safi_send_one_local_update(mvpn, 1);
@@ -200,7 +196,7 @@ void mvpn_repopulate_default_mdt_routes_from_bgp_cache(mvpn_cibtype *mvpn) {
   mvpn_mrib_wakeup_worker_thread();
 }
 
-// 8 to 11. Encapsulation and core routes of the default group. Remote PEs are those that BGP knows, or, when BGP need
+// Encapsulation and core routes of the default group. Remote PEs are those that BGP knows, or, when BGP need
 // not be followed, the sources that the core has routes for.
 static void install_default_group(mvpn_cibtype *mvpn) {
   mvpn->mdt_group_mode = mvpn_get_group_mode(mvpn->mdt_source_context, mvpn->mdt_default_group);
@@ -214,26 +210,18 @@ static void install_default_group(mvpn_cibtype *mvpn) {
 }
 
 void mvpn_default_tunnel_up(mvpn_cibtype *mvpn, im_iod_t mti_iod) {
-  // 1.
   MVPN_DEBUG(mvpn->pcib, "Default MDT tunnel interface %s(%ld) has come up\n", ksink_im_get_if_name(mti_iod),
              static_cast<long>(mti_iod));
-  // 2.
   mvpn_set_mti_iod(mvpn, mti_iod);
   mvpn_set_mti_status(mvpn, MVPN_MTI_UP, "the tunnel interface is up");
-  // 3, 4.
   enable_pim(mvpn);
-  // 5.
   if (mvpn->mti_pim_if == nullptr) {
     MVPN_DEBUG(mvpn->pcib, "Couldnt find PIM interface for default mdt interface %s", ksink_im_get_if_name(mti_iod));
     return;
   }
-  // 6.
   configure_pim_interface(mvpn);
-  // 7.
   advertise_when_ready(mvpn);
-  // 8 to 11.
   install_default_group(mvpn);
-  // 12 to 15.
   mvpn_mrib_trigger_rpf_lookup(mvpn);
   pim_setup_encap_for_pending_routes(mvpn->pcib);
   pim_send_periodic_hello(mvpn->mti_pim_if);
@@ -268,26 +256,21 @@ static bool drop_sender_state(const mvpn_vrf_handle &vrf, mvpn_cibtype *mvpn) {
   return true;
 }
 
-// 3, 4. Takes the default MDT apart.
+// Takes the default MDT apart.
 static bool clean_up(mvpn_cibtype *mvpn, int vrf_down) {
   const mvpn_vrf_handle vrf(mvpn);
-  // 3.
   mvpn_set_mti_status(mvpn, MVPN_MTI_DOWN_IN_PROGRESS, "the default MDT goes down");
   const int notify = mvpn_is_stopping() ? 0 : 1;
-  // 4.1.
   if (notify != 0) {
     MVPN_DEBUG(mvpn->pcib, "Sending update to BGP to remove local MDT SAFI");
     mvpn_bgp_mdt_safi_send_one_local_update(mvpn, 0);
   }
-  // 4.2, 4.3.
   if (!drop_announcements_and_routes(vrf, mvpn, notify)) return false;
-  // 4.4. A VRF that is down itself has nothing left to clean up in the MRIB and in its customer routes.
+  // A VRF that is down itself has nothing left to clean up in the MRIB and in its customer routes.
   const int clean = vrf_down == 0 ? notify : 0;
   mvpn_delete_all_mdt_encap_info(mvpn, clean);
-  // 4.5, 4.6.
   active_timer_stop(mvpn->switchover_timer);
   if (!drop_sender_state(vrf, mvpn)) return false;
-  // 4.7.
   if (clean != 0) {
     pim_delete_oif_from_all_routes(mvpn->pcib, mvpn->mti_iod, 0);
     mvpn_mrib_trigger_rpf_lookup(mvpn);
@@ -295,7 +278,7 @@ static bool clean_up(mvpn_cibtype *mvpn, int vrf_down) {
   return true;
 }
 
-// 5. Hands the VRF on: to the worker, behind its route deletions, or out of a module that stops.
+// Hands the VRF on: to the worker, behind its route deletions, or out of a module that stops.
 static void conclude_tunnel_down(mvpn_cibtype *mvpn) {
   if (!mvpn_is_stopping()) {
     mvpn_mrib_queue_context(mvpn);
@@ -307,11 +290,9 @@ static void conclude_tunnel_down(mvpn_cibtype *mvpn) {
 }
 
 void mvpn_default_tunnel_down(mvpn_cibtype *mvpn, int vrf_down) {
-  // 1.
   const bool has_vrf = mvpn != nullptr && mvpn->pcib != nullptr;
   MVPN_DEBUG(has_vrf ? mvpn->pcib : pim_null_pcib, "Default MDT tunnel interface is going down");
   if (!has_vrf) return;
-  // 2.
   const mvpn_mti_status_t status = mvpn->mti_status;
   if (status == MVPN_MTI_DOWN_IN_PROGRESS && mvpn_is_up()) {
     MVPN_DEBUG(mvpn->pcib, "MTI down in progress. Skipping cleanup.");
@@ -324,17 +305,15 @@ void mvpn_default_tunnel_down(mvpn_cibtype *mvpn, int vrf_down) {
   } else if (!clean_up(mvpn, vrf_down)) {
     return;
   }
-  // 5.
   conclude_tunnel_down(mvpn);
 }
 
 // ------------------------------------------------------------------------------------------------------------- removal
 
 void mvpn_start_destroy_default_mdt(mvpn_cibtype *mvpn) {
-  // 1, 2.
   MVPN_DEBUG(mvpn->pcib, "Start tunnel destory");
   mvpn_set_mdt_default_group(mvpn, 0);
-  // 3. In every other status a request is outstanding; its answer continues.
+  // In every other status a request is outstanding; its answer continues.
   switch (mvpn->mti_status) {
     case MVPN_MTI_NONE:
       mvpn_finish_destroy_default_mdt(mvpn);
@@ -382,29 +361,22 @@ static bool drop_leftovers(mvpn_cibtype *mvpn) {
   return true;
 }
 
-// 2, 3.
 static void detach_from_pim(const mvpn_cibtype *mvpn) {
   if (pim_is_enabled(mvpn->mti_iod) != 0) pim_disable(0, mvpn->pcib, mvpn->mti_pim_if, mvpn->mti_iod, 1, 0, 0);
   if (!mvpn_is_stopping() && mvpn->mti_iod != 0) ip_unset_unnumbered(mvpn->mti_iod);
 }
 
 void mvpn_finish_destroy_default_mdt(mvpn_cibtype *mvpn) {
-  // 1. Leftovers go first, since that yields; nothing after it does.
+  // Leftovers go first, since that yields; nothing after it does.
   MVPN_DEBUG(mvpn->pcib, "Finish tunnel destroy");
   if (!drop_leftovers(mvpn)) return;
-  // 2, 3.
   detach_from_pim(mvpn);
-  // 4.
   mvpn_mrib_unqueue_context(mvpn);
-  // 5.
   mvpn->mti_pim_if = nullptr;
   mvpn_set_mti_iod(mvpn, 0);
   MVPN_DEBUG(mvpn->pcib, "mvpn=%p default MDT destroy", static_cast<void *>(mvpn));
-  // 6.
   if (mvpn->switchover_timer != nullptr) active_timer_cancel(mvpn->switchover_timer);
-  // 7.
   mvpn_ha_delete_encap_info(mvpn, nullptr);
-  // 8.
   mvpn_free_context(mvpn);
 }
 

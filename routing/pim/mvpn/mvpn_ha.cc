@@ -278,10 +278,10 @@ static bool next_stored(const pim_cibtype *pcib, stored_encap *out) {
 // --------------------------------------------------------------------------------------------------- recovery period
 
 int mvpn_ha_recovery_start() {
-  // 1, 2. Only an active supervisor that took over or restarted has something to take up.
+  // Only an active supervisor that took over or restarted has something to take up.
   if (pim_sup_state_active == 0) return 1;
   if (pim_sup_switchover == 0 && sysmgr_is_stateful_restart() == 0) return 1;
-  // 3. A period that is still open, from an earlier end of replay or an earlier life of the module, starts anew: its
+  // A period that is still open, from an earlier end of replay or an earlier life of the module, starts anew: its
   //    timer would else close this one early.
   MVPN_DEBUG(pim_null_pcib, "Creating and starting HA recovery timer");
   active_timer_cancel(mvpn_ha_recovery_timer);
@@ -291,7 +291,7 @@ int mvpn_ha_recovery_start() {
     MVPN_DEBUG(pim_null_pcib, "HA recovery timer create failed");
     return 1;
   }
-  // 4. When it cannot be started the period stays open.
+  // When it cannot be started the period stays open.
   constexpr uint32_t recovery_seconds = 240;
   if (active_timer_start(mvpn_ha_recovery_timer, recovery_seconds, 0, 0, 0) == 0) {
     MVPN_DEBUG(pim_null_pcib, "HA recovery timer start failed");

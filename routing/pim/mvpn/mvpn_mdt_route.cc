@@ -200,13 +200,11 @@ void mvpn_free_dependent_route_resources(pim_cibtype *pcib, const pim_core_route
 ip_addr_t mvpn_get_mdt_mroute_source_address(mvpn_cibtype *mvpn, ip_addr_t group, ip_addr_t source,
                                              mvpn_mdt_group_mode_t *mode) {
   *mode = mvpn_get_group_mode(mvpn->mdt_source_context, group);
-  // 1, 2.
   if (*mode == MVPN_MDT_GROUP_MODE_SSM) return source;
   if (*mode != MVPN_MDT_GROUP_MODE_ASM) return 0;
-  // 3, 4.
   if (mvpn->asm_use_shared_tree != 0) return 0;
   if (mvpn->enforce_bgp_mdt_safi != 0) return source;
-  // 5. Remote PEs are found by listening on the shared tree, which is this PE's own default route.
+  // Remote PEs are found by listening on the shared tree, which is this PE's own default route.
   const bool own_default = group == mvpn->mdt_default_group && source == mvpn->mdt_source_addr;
   return own_default ? 0 : source;
 }
@@ -235,7 +233,6 @@ static mvpn_mdt_route *create_route(mvpn_cibtype *mvpn, mvpn_mdt_route_type_t ro
 
 mvpn_mdt_route *mvpn_mdt_add_route_resources(mvpn_cibtype *mvpn, mvpn_mdt_route_type_t route_type, ip_addr_t source,
                                              int source_is_final, ip_addr_t group, int wakeup) {
-  // 1.
   mvpn_mdt_group_mode_t mode = MVPN_MDT_GROUP_MODE_NONE;
   ip_addr_t chosen = source;
   if (source_is_final != 0) {
@@ -243,14 +240,12 @@ mvpn_mdt_route *mvpn_mdt_add_route_resources(mvpn_cibtype *mvpn, mvpn_mdt_route_
   } else {
     chosen = mvpn_get_mdt_mroute_source_address(mvpn, group, source, &mode);
   }
-  // 2.
   mvpn_mdt_route *route = mvpn_mdt_mroute_lookup(mvpn, chosen, group);
-  // 3. Remote PEs share the (*,G) route; creating it is for the local side.
+  // Remote PEs share the (*,G) route; creating it is for the local side.
   if (chosen == 0 && route_type == MVPN_MDT_ROUTE_REMOTE_DEFAULT) {
     MVPN_DEBUG(mvpn->pcib, "Route (%s, %s) exists. Returning it.", ip_print_addr(chosen), ip_print_addr(group));
     return route;
   }
-  // 4.
   if (route == nullptr) {
     route = create_route(mvpn, route_type, mode, chosen, group, source);
     if (route == nullptr) return nullptr;
@@ -259,7 +254,6 @@ mvpn_mdt_route *mvpn_mdt_add_route_resources(mvpn_cibtype *mvpn, mvpn_mdt_route_
     MVPN_DEBUG(mvpn->pcib, "Delete pending for (%s, %s). NOT creating route resources.", ip_print_addr(chosen),
                ip_print_addr(group));
   }
-  // 5, 6.
   mvpn_mdt_route_schedule(route, 0, 1);
   if (wakeup != 0) mvpn_mrib_wakeup_worker_thread();
   return route;

@@ -289,18 +289,18 @@ static void put_triple(uint8_t *buffer, const mvpn_cibtype *mvpn, ip_addr_t sour
 
 int mvpn_bgp_mdt_safi_fill_local_update(uint8_t *buffer, mvpn_cibtype *mvpn, int add) {
   if (buffer == nullptr) return 0;
-  // 1. The slot gets these even when there turns out to be nothing to withdraw; it is then not counted, and the next
+  // The slot gets these even when there turns out to be nothing to withdraw; it is then not counted, and the next
   //    entry overwrites it.
   uint8_t *slot = next_slot(buffer);
   put_vrf_name(slot, mvpn);
   slot[BGP_MDT_SAFI_ENTRY_ADD] = add != 0 ? 1 : 0;
-  // 2. Advertisement.
+  // Advertisement.
   if (add != 0) {
     put_triple(buffer, mvpn, mvpn->mdt_source_addr, mvpn->mdt_default_group, "Add");
     mvpn_bgp_mdt_safi_add_local(mvpn);
     return 1;
   }
-  // 3. Withdrawal of what was advertised under the VRF's RD.
+  // Withdrawal of what was advertised under the VRF's RD.
   if (const mvpn_bgp_mdt_safi *entry = first_local_entry(mvpn->bgp_rd)) {
     const mvpn_bgp_mdt_safi_key advertised = mvpn_bgp_mdt_safi_key_of(entry);
     put_triple(buffer, mvpn, advertised.mdt_src, advertised.mdt_grp, "Delete");

@@ -72,7 +72,7 @@ static void follow_missed_events(mvpn_cibtype *mvpn) {
   }
 }
 
-// 12. Makes the queue known to the debug service; failing that the module runs all the same.
+// Makes the queue known to the debug service; failing that the module runs all the same.
 static int register_queue_for_debugging() {
   const int rc = sdwrap_dbg_init_register_mts_q(mvpn_mts_q);
   if (rc != 0) {
@@ -85,7 +85,6 @@ static int register_queue_for_debugging() {
 }
 
 int mvpn_init(void) {
-  // 1, 2.
   mvpn_mts_q = pim_mts_q;
   mvpn_mrib_mts_q = pim_mrib_mts_q;
   mvpn_functionality_status = MVPN_FUNCTIONALITY_UP_PENDING;
@@ -94,14 +93,10 @@ int mvpn_init(void) {
     mvpn_take_over_contexts();
     mvpn_take_over_data_mdt_ranges();
   }
-  // 3, 4.
   if (mvpn_init_slabs() == 0 || mvpn_init_timers() == 0) return 0;
-  // 5.
   mvpn_bgp_mdt_safi_init_db();
-  // 6 to 10.
   if (mvpn_init_oim() == 0 || mvpn_init_bgp() == 0 || mvpn_init_mts() == 0) return 0;
   if (mvpn_init_mrib() == 0 || mvpn_init_data_mdt() == 0) return 0;
-  // 11.
   mvpn_functionality_status = MVPN_FUNCTIONALITY_UP;
   if (mvpn_mvrf_count != 0) {
     mvpn_for_each_context([](mvpn_cibtype *mvpn) {
@@ -118,6 +113,7 @@ int mvpn_deinit_mts() {
   int done = 1;
   for (const uint32_t opcode : notification_opcodes) {
     const uint32_t options = mts_options_get(mvpn_mts_q, opcode);
+    // All sixteen option bits but the module's own, MTS_OPTION_NOTIFY.
     if (mts_options_set(mvpn_mts_q, opcode, options & 0xFFEF) < 0) done = 0;
   }
   return done;
@@ -134,32 +130,26 @@ static bool is_feature_configured() { return pim_check_feature_configured("mvpn"
 
 // The feature test is repeated, since the host's configuration may change while the stop yields.
 void mvpn_deinit(int deregister) {
-  // 1, 2.
   if (mvpn_functionality_status == MVPN_FUNCTIONALITY_DOWN) return;
   mvpn_functionality_status = MVPN_FUNCTIONALITY_DOWN_PENDING;
   mvpn_stopped = true;
-  // 3. The feature is being removed.
+  // The feature is being removed.
   if (!is_feature_configured()) {
     mvpn_for_each_context([](mvpn_cibtype *mvpn) {
       mvpn_default_tunnel_down(mvpn, 0);
       return true;
     });
   }
-  // 4, 5.
   mvpn_deinit_mts();
   mvpn_deinit_mrib(deregister);
   mvpn_deinit_oim();
-  // 6.
   if (!is_feature_configured()) mvpn_bgp_mdt_safi_delete_all();
-  // 7.
   mvpn_deinit_bgp();
   mvpn_deinit_data_mdt();
   drop_recovery_timer();
   mvpn_deinit_timers();
   mvpn_deinit_slabs();
-  // 8.
   mvpn_ha_delete_encap_info(nullptr, nullptr);
-  // 9.
   mvpn_functionality_status = MVPN_FUNCTIONALITY_DOWN;
 }
 
@@ -281,18 +271,18 @@ static void delete_orphan_tunnels() {
 }
 
 int mvpn_cli_done() {
-  // 1, 2. Equality, since the counters wrap.
+  // Equality, since the counters wrap.
   if (!mvpn_is_up()) return 1;
   if (pim_cli_requests_sent_count != pim_cli_done_recv_count) return 1;
-  // 3. Set-ups from here on are not deferred any more.
+  // Set-ups from here on are not deferred any more.
   MVPN_DEBUG(pim_null_pcib, "CLI done with playing all commands\n");
   mvpn_is_cli_done = 1;
-  // 4. Default MDTs that the replay left alone.
+  // Default MDTs that the replay left alone.
   mvpn_for_each_context([](mvpn_cibtype *mvpn) {
     if (mvpn->mti_status == MVPN_MTI_NONE) mvpn_setup_default_mdt(mvpn);
     return true;
   });
-  // 5 to 8. Remote PEs, tunnels of former lives, receivers, and last the choices of former lives.
+  // Remote PEs, tunnels of former lives, receivers, and last the choices of former lives.
   mvpn_request_remote_mdt_safis();
   delete_orphan_tunnels();
   MVPN_DEBUG(pim_null_pcib, "Trigger routes from MRIB\n");

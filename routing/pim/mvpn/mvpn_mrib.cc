@@ -43,7 +43,6 @@ static void release_info() {
   mvpn_mrib_info = nullptr;
 }
 
-// 1.
 static int allocate_info() {
   constexpr size_t size = sizeof(mvpn_mrib_info_t);
   mvpn_mrib_info = static_cast<mvpn_mrib_info_t *>(
@@ -59,7 +58,6 @@ static int allocate_info() {
   return 1;
 }
 
-// 2.
 static int create_tree_attributes() {
   mvpn_mrib_info->route_tree_attr = pt_attr_create(0, 1, 8);
   if (mvpn_mrib_info->route_tree_attr != nullptr) return 1;
@@ -67,7 +65,6 @@ static int create_tree_attributes() {
   return 0;
 }
 
-// 3.
 static int create_txlist() {
   txlist *list = txlist_create(0, 0);
   if (list == nullptr) {
@@ -84,7 +81,7 @@ static int create_txlist() {
   return 1;
 }
 
-// 4. After a crash the MRIB may still hold the registration, and the routes, of the process's former life.
+// After a crash the MRIB may still hold the registration, and the routes, of the process's former life.
 static int register_with_mrib() {
   const bool again = pim_crashed != 0 && mrib_get_pib(MRIB_CLIENT_NAME) != nullptr;
   mvpn_mrib_info->mrib_client =
@@ -98,7 +95,7 @@ static int register_with_mrib() {
   return 1;
 }
 
-// 5. Made anew for every start, from the initialised state that they always have otherwise.
+// Made anew for every start, from the initialised state that they always have otherwise.
 static int init_worker_signal() {
   pthread_mutex_destroy(&mvpn_mrib_worker_mutex);
   if (pthread_mutex_init(&mvpn_mrib_worker_mutex, nullptr) != 0) {
@@ -130,7 +127,6 @@ int mvpn_preallocate_mrib_buffers() {
   return 1;
 }
 
-// 6.
 static int start_worker() {
   pthread_attr_t attributes;
   int error = quillon_pthread_attr_init(&attributes);
@@ -145,7 +141,7 @@ static int start_worker() {
   return 0;
 }
 
-// 5, 6. Fewer buffers than wanted slow the worker down and do not end the start; without any it could never send.
+// Fewer buffers than wanted slow the worker down and do not end the start; without any it could never send.
 static int prepare_worker() {
   if (init_worker_signal() == 0) return 0;
   mvpn_preallocate_mrib_buffers();

@@ -215,7 +215,6 @@ static walk_step take_withdrawal(txlist_walk &walk, txlist_obj *node) {
   return count_entries(&walk.current, 2) != 0 ? walk_step::go_on : walk_step::stop;
 }
 
-// 4.
 static walk_step take_element(txlist_walk &walk, txlist_obj *node) {
   const uint8_t kind = txlist_obj_get_kind(node);
   switch (kind) {
@@ -234,14 +233,14 @@ static walk_step take_element(txlist_walk &walk, txlist_obj *node) {
   }
 }
 
-// 6. The marker waits before the cursor, whose object is met again if it is still there.
+// The marker waits before the cursor, whose object is met again if it is still there.
 static void yield_walk(txlist_walk &walk) {
   txlist_insert_member_before_node(walk.list, &mvpn_mrib_info->worker_marker, walk.cursor);
   walk.cursor = marker_object();
   tsp_sched_yield();
 }
 
-// 7. Sends what the walk has gathered.
+// Sends what the walk has gathered.
 static void finish_walk(mrib_update_buffer *current) {
   MVPN_DEBUG(pim_null_pcib, "Moving MRIB txlist member marker to version %d",
              static_cast<int>(txlist_get_member_version(&mvpn_mrib_info->worker_marker)));
@@ -251,17 +250,15 @@ static void finish_walk(mrib_update_buffer *current) {
   tsp_sched_may_yield();
 }
 
-// Steps 2 to 6. True: the list is exhausted; false: the walk stopped before its end.
+// True: the list is exhausted; false: the walk stopped before its end.
 static bool walk_to_end(txlist_walk &walk) {
   for (;;) {
-    // 2.
     txlist_obj *node = txlist_get_next_node(walk.list, walk.cursor);
     if (node == nullptr) {
       txlist_insert_member_after_node(walk.list, &mvpn_mrib_info->worker_marker, walk.cursor);
       mvpn_mrib_info->work_pending = 0;
       return true;
     }
-    // 3, 4.
     walk_step step = walk_step::go_on;
     if (txlist_obj_is_element(node) != 0) {
       step = take_element(walk, node);
@@ -269,18 +266,15 @@ static bool walk_to_end(txlist_walk &walk) {
       walk.cursor = node;
     }
     if (step == walk_step::pass_over) continue;
-    // 5.
     if (step == walk_step::stop) {
       txlist_insert_member_before_node(walk.list, &mvpn_mrib_info->worker_marker, walk.cursor);
       return false;
     }
-    // 6.
     if (tsp_should_sched_yield() != 0) yield_walk(walk);
   }
 }
 
 void mvpn_mrib_walk_txlist() {
-  // 1.
   if (mvpn_mrib_info == nullptr || mvpn_mrib_info->txlist == nullptr || mvpn_mrib_info->work_pending == 0) return;
   txlist_walk walk{mvpn_mrib_info->txlist, marker_object()};
   const bool exhausted = walk_to_end(walk);

@@ -60,16 +60,13 @@ static int add_parameter(void *list, uint32_t size, uint8_t *header, const param
 
 int mvpn_oim_populate_if_list(mvpn_cibtype *mvpn, void *list, uint32_t size, if_index_t if_index,
                               const mvpn_oim_params &params, im_iod_t iod) {
-  // 1.
   if (mvpn->pcib == nullptr) return 0;
   const char *vrf_name = mvpn->pcib->vrf_name;
-  // 2, 3.
   uint8_t *header = nullptr;
   if (add_interface(list, size, if_index, iod, &header) == 0) {
     mvpn_report(msg_error_PIM_TUNNEL_ADD_FAIL, "mvpn_oim_populate_if_list()", vrf_name);
     return 0;
   }
-  // 4.
   const uint8_t admin_up = 1;
   std::array<uint8_t, 4> mtu;
   store_be32(mtu.data(), mvpn->mdt_mtu);

@@ -91,7 +91,7 @@ static int remove_default_group(cli_command *command, const pim_cibtype *pcib) {
 }
 
 static int set_default_group(cli_command *command, mvpn_cibtype *mvpn) {
-  // 4. The group cannot be exchanged.
+  // The group cannot be exchanged.
   ip_addr_t group = 0;
   if (!cli_get_ipaddr(command, "<mdt-default>", &group) && is_unreadable(command, "<mdt-default>")) {
     return CLI_RESULT_REJECTED;
@@ -101,12 +101,12 @@ static int set_default_group(cli_command *command, mvpn_cibtype *mvpn) {
     cli_cmd_printf(command, "Cannot change the default mdt group address. Must deconfigure first\n");
     return CLI_RESULT_REJECTED;
   }
-  // 5. Nor shared with another VRF.
+  // Nor shared with another VRF.
   if (const mvpn_cibtype *other = mvpn_find_group_overlap(mvpn, group, MROUTE_HOST_LEN)) {
     cli_cmd_printf(command, "The MDT-default group overlaps with VRF %s\n", other->pcib->vrf_name);
     return CLI_RESULT_REJECTED;
   }
-  // 6. During the replay the set-up waits for its end.
+  // During the replay the set-up waits for its end.
   mvpn_set_mdt_default_group(mvpn, group);
   if (cli_is_interactive(command)) mvpn_setup_default_mdt(mvpn);
   return CLI_RESULT_OK;
@@ -114,11 +114,11 @@ static int set_default_group(cli_command *command, mvpn_cibtype *mvpn) {
 
 int mdt_default_cmd(cli_command *command) {
   if (!mvpn_is_up()) return CLI_RESULT_OK;
-  // 1, 2. Taking the group away is possible also in a VRF that may not be configured now.
+  // Taking the group away is possible also in a VRF that may not be configured now.
   pim_cibtype *pcib = pim_get_cib_from_cli(command, 0);
   if (pcib == nullptr) return CLI_RESULT_REJECTED;
   if (cli_noed(command)) return remove_default_group(command, pcib);
-  // 3. The context comes first, and stays whatever becomes of the group.
+  // The context comes first, and stays whatever becomes of the group.
   if (!pim_is_pcib_usable(pcib)) return CLI_RESULT_OK;
   if (pcib->mvpn == nullptr) {
     if (mvpn_create_context(pcib, nullptr) == nullptr) return CLI_RESULT_REJECTED;
@@ -132,24 +132,24 @@ int mdt_default_cmd(cli_command *command) {
 int mdt_source_cmd(cli_command *command) {
   mvpn_cibtype *mvpn = context_to_change(command);
   if (mvpn == nullptr) return CLI_RESULT_OK;
-  // 1. The "no" form goes back to BGP's update source.
+  // The "no" form goes back to BGP's update source.
   const char *name = "";
   if (!cli_noed(command) && !cli_get_interface(command, "<interface>", &name) &&
       is_unreadable(command, "<interface>")) {
     return CLI_RESULT_REJECTED;
   }
-  // 2. Nothing changes.
+  // Nothing changes.
   if (std::strncmp(name, mvpn->mdt_source_ifname, IF_NAME_SIZE) == 0) return CLI_RESULT_OK;
   std::memset(mvpn->mdt_source_ifname, 0, IF_NAME_SIZE);
   std::memcpy(mvpn->mdt_source_ifname, name, strnlen(name, IF_NAME_SIZE - 1));
-  // 3. The interface may not exist yet.
+  // The interface may not exist yet.
   im_iod_t iod = 0;
   if (mvpn->mdt_source_ifname[0] != '\0') {
     iod = im_get_if_by_name(mvpn->mdt_source_ifname);
   } else if (mvpn_bgp_updatesrc_ifname[0] != '\0') {
     iod = mvpn_bgp_updatesrc_iod;
   }
-  // 4. During the replay the source is only recorded.
+  // During the replay the source is only recorded.
   if (cli_is_interactive(command)) {
     mvpn_process_mdt_source_change(mvpn, iod);
   } else {
@@ -342,17 +342,17 @@ int mdt_data_cmd(cli_command *command) {
 int mdt_mtu_cmd(cli_command *command) {
   mvpn_cibtype *mvpn = context_to_change(command);
   if (mvpn == nullptr) return CLI_RESULT_OK;
-  // 1. What was gathered goes out, and the next packet gets the new size. The send yields.
+  // What was gathered goes out, and the next packet gets the new size. The send yields.
   const mvpn_vrf_handle vrf(mvpn);
   mvpn_send_data_mdt_join_packet(mvpn, 1);
   mvpn = vrf.get();
   if (mvpn == nullptr) return CLI_RESULT_OK;
-  // 2, 3. Nothing changes.
+  // Nothing changes.
   uint32_t mtu = 0;
   if (!number_or_default(command, "<mtu-value>", MVPN_MDT_MTU_DEFAULT, &mtu)) return CLI_RESULT_REJECTED;
   if (mtu == mvpn->mdt_mtu) return CLI_RESULT_OK;
   mvpn->mdt_mtu = mtu;
-  // 4. The tunnel follows.
+  // The tunnel follows.
   if (mvpn->mti_status == MVPN_MTI_UP_PENDING || mvpn->mti_status == MVPN_MTI_UP) {
     if (mvpn->mti_pim_if != nullptr) mvpn->mti_pim_if->mtu = mtu;
     mvpn_oim_tunnel_update_mtu(mvpn);
