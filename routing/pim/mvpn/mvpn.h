@@ -181,7 +181,7 @@ struct mvpn_data_mdt_range {
 };
 
 // MVPN context of a VRF. Slab object; lives from the first 'mdt default' to mvpn_finish_destroy_default_mdt.
-// mdt_default_group, mti_iod, mti_ifindex and mdt_source_iod are indexed: change them with the setters of mvpn_core.h.
+// mdt_default_group, mti_iod, mti_ifindex and mdt_source_iod are indexed: change them with the setters of mvpn_context.h.
 struct mvpn_cibtype {
   pim_cibtype *pcib;                              // owning PIM context
   pim_iftype *mti_pim_if;                         // the MTI in PIM; null = not up in PIM
