@@ -1,4 +1,4 @@
-// The main loop's queue, the table of the module's entry points, and reset().
+// The main loop's queue, and the table of the module's entry points.
 //
 // A turn of the loop alternates between timers and queued work, so that neither holds the other up, and lets the
 // module's threads run after each. The queue takes work from any thread and has a lock of its own; everything else is
@@ -87,27 +87,6 @@ void events_reset() {
   queue.clear();
   waker = nullptr;
   entry_points = Module{};
-}
-
-void reset() {
-  sched_reset();
-  events_reset();
-  croute_reset();
-  mrib_reset();
-  oim_reset();
-  im_reset();
-  pim_reset();
-  bgp_reset();
-  packet_reset();
-  socket_reset();
-  cli_reset();
-  rpm_reset();
-  pss_reset();
-  mts_reset();
-  timer_reset();
-  diag_reset();
-  l3vm_reset();
-  events_reset();
 }
 
 }  // namespace ref

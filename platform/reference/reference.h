@@ -120,9 +120,9 @@ void deliver(uint32_t opcode, const void *payload, size_t size);
 
 // Messages that the module sent.
 struct SentMessage {
-  uint32_t destination;
-  uint32_t opcode;
-  std::vector<uint8_t> payload;
+  uint32_t destination;          // MTS_DESTINATION_...
+  uint32_t opcode;               // MTS_OPC_...
+  std::vector<uint8_t> payload;  // as the opcode's format says
 };
 const std::vector<SentMessage> &sent_messages();  // the latest 1000
 void clear_sent_messages();
@@ -134,22 +134,22 @@ void set_message_sink(std::function<void(const SentMessage &)> sink);
 struct MemoryUse {
   size_t slab_objects = 0;     // live objects of all slabs
   size_t tracked_buffers = 0;  // live tracked buffers
-  size_t tracked_bytes = 0;
-  size_t timers = 0;
+  size_t tracked_bytes = 0;    // in them
+  size_t timers = 0;           // created and not cancelled, whether they run or not
 };
 MemoryUse memory_use();
 
 // ---------------------------------------------------------------------------------------------------- diagnostics
 
 struct Event {
-  std::chrono::nanoseconds time;
-  std::string text;
+  std::chrono::nanoseconds time;  // platform time
+  std::string text;               // as the module wrote it
 };
 const std::vector<Event> &history();  // the latest 10000 events of the module, oldest first
 void clear_history();
 struct Report {
-  std::string name;  // of the descriptor
-  std::vector<std::string> arguments;
+  std::string name;                    // of the descriptor
+  std::vector<std::string> arguments;  // in the order in which the text shows them
 };
 const std::vector<Report> &reports();  // the latest 1000 error reports that passed the rate limit
 void clear_reports();
@@ -168,16 +168,17 @@ bool delete_vrf(std::string_view name);
 void set_vrf_state(std::string_view name, uint32_t l3vm_state);
 void set_pcib_usable(std::string_view name, bool usable);
 
+// Addresses here and below are in host byte order.
 struct Interface {
-  std::string name;
-  im_iod_t iod = 0;
-  if_index_t if_index = 0;
-  vrf_context_id_t context_id = VRF_CONTEXT_ID_DEFAULT;
-  ip_addr_t address = 0;
-  uint32_t mtu = 1500;
+  std::string name;                                      // 1..39 bytes, nobody else's
+  im_iod_t iod = 0;                                      // 1..65535; 0 in a new one: the next free
+  if_index_t if_index = 0;                               // sort in the top byte; 0 in a new one: made of the ordinal
+  vrf_context_id_t context_id = VRF_CONTEXT_ID_DEFAULT;  // VRF that it belongs to
+  ip_addr_t address = 0;                                 // 0: none
+  uint32_t mtu = 1500;                                   // bytes
   bool up = false;
-  bool mvpn_tunnel = false;
-  std::string unnumbered_to;  // empty: none
+  bool mvpn_tunnel = false;   // made by the tunnel manager
+  std::string unnumbered_to;  // interface whose address it uses; empty: its own
 };
 // Creates an interface (iod 0: the next free one); 0 when the name is taken. Notifications go to the module through the
 // main loop: creation, state and address changes, each only when something changes and while enabled.
@@ -203,20 +204,20 @@ void set_df_winner(ip_addr_t rp, im_iod_t iif, ip_addr_t winner);
 // ---------------------------------------------------------------------------------------------------- tunnel manager
 
 struct Tunnel {
-  if_index_t if_index = 0;
-  im_iod_t iod = 0;
-  uint8_t admin_up = 0;
+  if_index_t if_index = 0;  // of overlay sort: made of the VRF's table id
+  im_iod_t iod = 0;         // its interface
+  uint8_t admin_up = 0;     // 1: the module wants it up
   std::string vrf_name;
-  uint32_t mtu = 0;
-  ip_addr_t source = 0;
-  ip_addr_t destination = 0;
+  uint32_t mtu = 0;           // bytes; 0: not given yet
+  ip_addr_t source = 0;       // 0: not given yet
+  ip_addr_t destination = 0;  // the default group; 0: not given yet
   bool up = false;
 };
 struct OimRequest {
   std::string operation;  // "create", "modify", "delete", "bringup", "bringdown"
   if_index_t if_index = 0;
-  im_iod_t iod = 0;
-  std::vector<std::pair<uint16_t, std::vector<uint8_t>>> params;  // type, value
+  im_iod_t iod = 0;                                               // as the request names it; 0: it names none
+  std::vector<std::pair<uint16_t, std::vector<uint8_t>>> params;  // type, value in network byte order
 };
 const std::vector<OimRequest> &oim_requests();  // the latest 1000
 void clear_oim_requests();
@@ -231,31 +232,32 @@ bool oim_use_file(const std::string &path);
 
 // --------------------------------------------------------------------------------------------------------------- MRIB
 
+// A core route as its owner installed it.
 struct MribRoute {
   mvpn_mdt_route_addrs addrs{};
-  vrf_context_id_t context_id = 0;
-  uint32_t owner = 0;
-  im_iod_t mti_iod = 0;
-  im_iod_t mdt_source_iod = 0;
-  ip_addr_t rpf_addr = 0;
-  bool local = false;
-  bool last_hop = false;
-  bool asm_shared_tree = false;
-  std::vector<uint8_t> entry;  // the 92 bytes that installed it
-  uint32_t xid = 0;
+  vrf_context_id_t context_id = 0;  // of the core
+  uint32_t owner = 0;               // context id of the customer VRF
+  im_iod_t mti_iod = 0;             // the owner's tunnel; 0: none was given
+  im_iod_t mdt_source_iod = 0;      // interface of its MDT source
+  ip_addr_t rpf_addr = 0;           // 0: none was given
+  bool local = false;               // this PE is the source
+  bool last_hop = false;            // this PE receives
+  bool asm_shared_tree = false;     // joined on the shared tree
+  std::vector<uint8_t> entry;       // the 92 bytes that installed it
+  uint32_t xid = 0;                 // transaction id of the update that did
 };
 struct MribUpdate {
-  uint32_t xid;
-  uint32_t count;
+  uint32_t xid;                  // transaction id
+  uint32_t count;                // of entries
   std::vector<uint8_t> entries;  // 92 * count bytes
 };
 struct MribEncap {
   vrf_context_id_t context_id;  // customer VRF
-  uint16_t index;
-  ip_addr_t group;
-  ip_addr_t source;
-  im_iod_t mti_iod;
-  im_iod_t source_iod;
+  uint16_t index;               // 1: the default group; 2..1023: a data group
+  ip_addr_t group;              // provider group
+  ip_addr_t source;             // MDT source
+  im_iod_t mti_iod;             // tunnel of the VRF
+  im_iod_t source_iod;          // interface of the source
 };
 std::vector<MribRoute> mrib_routes();           // core routes, by context, group, source
 std::vector<MribEncap> mrib_encaps();           // by context, index
@@ -280,10 +282,10 @@ void set_mrib_initializing(vrf_context_id_t context_id, bool initializing);
 // ---------------------------------------------------------------------------------------------------------------- BGP
 
 struct MdtSafi {
-  ip_addr_t source = 0;
-  uint8_t rd[ROUTE_DISTINGUISHER_SIZE] = {};
-  ip_addr_t group = 0;
-  std::string vrf_name;  // local entries only
+  ip_addr_t source = 0;                       // the announcing PE
+  uint8_t rd[ROUTE_DISTINGUISHER_SIZE] = {};  // as in a message (RFC 4364): network byte order
+  ip_addr_t group = 0;                        // default MDT group
+  std::string vrf_name;                       // local entries only
 };
 // Route distinguisher of a VRF; null clears it. notify: tell the module.
 void bgp_set_rd(std::string_view vrf_name, const uint8_t *rd, bool notify);
@@ -314,10 +316,11 @@ std::vector<std::pair<std::vector<uint8_t>, std::vector<uint8_t>>> pss_records()
 
 // -------------------------------------------------------------------------------------------------- route policies
 
+// The first entry that a flow matches decides; a flow that matches none is denied.
 struct PolicyEntry {
   bool permit = true;
-  ip_addr_t source = 0, group = 0;
-  uint32_t source_len = 0, group_len = 0;
+  ip_addr_t source = 0, group = 0;         // prefixes
+  uint32_t source_len = 0, group_len = 0;  // their lengths, 0..32; 0 matches everything
 };
 void set_policy(std::string_view name, const std::vector<PolicyEntry> &entries);
 bool delete_policy(std::string_view name);
@@ -327,8 +330,8 @@ size_t policy_bindings();
 
 // A datagram that crosses the core inside a default MDT.
 struct CorePacket {
-  ip_addr_t provider_source = 0;
-  ip_addr_t provider_group = 0;
+  ip_addr_t provider_source = 0;  // tunnel source of the sending PE
+  ip_addr_t provider_group = 0;   // default group of the VRF
   std::vector<uint8_t> datagram;  // customer IPv4 datagram, as on the wire
 };
 // Carries core packets between PEs. send: out to every other PE; the receiver given by set_receiver is called on the
@@ -360,12 +363,12 @@ void fail_packet_calls(std::string_view operation, uint32_t n);
 
 struct CustomerRoute {
   mvpn_mdt_route_addrs addrs{};
-  std::string iif;  // empty: none; "mvpn": the VRF's tunnel whenever it is up
-  ip_addr_t rpf_neighbor = 0;
-  std::vector<std::string> oifs;
-  bool bidirectional = false;
-  uint64_t rate_kbps = 0;
-  bool to_mvpn = false;  // the VRF's tunnel is an outgoing interface
+  std::string iif;                // empty: none; "mvpn": the VRF's tunnel whenever it is up
+  ip_addr_t rpf_neighbor = 0;     // 0: none
+  std::vector<std::string> oifs;  // outgoing interfaces of the VRF, its tunnel apart
+  bool bidirectional = false;     // Bidir PIM: both directions on one tree
+  uint64_t rate_kbps = 0;         // kilobits (1000) a second that the source sends
+  bool to_mvpn = false;           // the VRF's tunnel is an outgoing interface
 };
 // Adds or changes a route of a VRF with the notifications that a PIM process gives; removes it in the order that the
 // module relies on. Null, false: no such VRF, interface or route.
