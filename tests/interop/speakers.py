@@ -29,6 +29,8 @@ class Speaker:
     sends_shutdown_text = False
     lives_without_common_family = True
     announces = True  # 192.0.2.0/24
+    asks_for_refresh = True
+    says_that_it_is_down = True  # in what established() reads
 
     @classmethod
     def missing(cls):
@@ -146,7 +148,7 @@ class Frr(Speaker):
 class Gobgp(Speaker):
     program = "gobgpd"
     announces = False
-    sends_shutdown_text = True
+    asks_for_refresh = False  # its soft reset uses what it has kept
 
     def write_config(self):
         session = self.session
@@ -194,6 +196,7 @@ class Exabgp(Speaker):
     """Takes its orders from a process that it starts: one that follows a file."""
 
     program = "exabgp"
+    says_that_it_is_down = False
 
     def write_config(self):
         session = self.session
