@@ -206,6 +206,9 @@ void Runner::start_reflector() {
   if (real_) launch.network_namespace = real_->namespace_path(scenario_.network->core_namespaces().front());
   daemons_.emplace(kReflector, Process(launch));
   wait_for_word(daemons_.at(kReflector), launch.log_file, 0, "serving on");
+  // It tries an address that is taken again and again; the PEs would speak to a stranger meanwhile.
+  if (const std::string text = log_from(launch.log_file, 0); text.find("cannot listen") != std::string::npos)
+    throw std::runtime_error("the reflector does not listen; " + launch.log_file + ": " + text);
   report_->line("mdt-reflector started on " + file);
 }
 

@@ -456,10 +456,11 @@ class ProgramsTest(unittest.TestCase):
         with socket.socket() as stranger:
             stranger.bind(("127.0.0.1", 0))
             stranger.listen()
-            address = f"127.0.0.1:{stranger.getsockname()[1]}"
+            (self.folder / "reflector.conf").write_text(
+                f"bgp\n  local-as 65000\n  router-id 10.0.0.9\n  listen 127.0.0.1:{stranger.getsockname()[1]}\n")
             for scenario, status, reason in [
                 (here, 0, "2 of 2 expectations held"),
-                (here | {"reflector": address}, 1, "Address already in use"),
+                (here | {"reflector": "reflector.conf"}, 1, "Address already in use"),
                 (here | {"pes": {"pe1": {"config": "nowhere.conf"}}}, 1, "there is no "),
                 (here | {"steps": [{"start": "pe1"}, wrong]}, 1, "'clcok' is not known here"),
             ]:
