@@ -81,9 +81,10 @@ void Peer::state_changed(std::string reason) {
   const State from = std::exchange(shown_, now);
   since_ = core_.timers.now();
   if (now == State::idle || now == State::active) reason_ = reason;
-  if (from == State::established || now == State::established)
-    core_.log(now == State::established ? LogLevel::info : LogLevel::warning,
-              name() + (now == State::established ? " is up" : " is down") + (reason.empty() ? "" : ": " + reason));
+  if (now == State::established)  // the reason may be that of the other connection of a collision
+    core_.log(LogLevel::info, name() + " is up");
+  else if (from == State::established)
+    core_.log(LogLevel::warning, name() + " is down" + (reason.empty() ? "" : ": " + reason));
   core_.events.push_back({Event::Kind::session, LogLevel::info, config_.address, from, now, std::move(reason), 0});
 }
 
