@@ -123,6 +123,11 @@ void Reflector::execute(const host::ControlServer::Request &request, host::Outpu
 
 uint32_t Reflector::show(const host::CommandLine &line, host::OutputChannel &channel) {
   const host::Statement &statement = line.match.statements.front();
+  if (statement.command == Command::show_bgp_neighbor)
+    if (const std::string reason = bgp_.missing_neighbor(statement); !reason.empty()) {
+      channel.error(reason + "\n");
+      return host::kStatusFailed;
+    }
   const auto writer = host::writer_for(line.format, line.filters, channel);
   output::Listing listing(*writer);
   switch (statement.command) {

@@ -10,6 +10,7 @@ namespace host {
 namespace {
 
 constexpr std::chrono::seconds kListenRetry{5};
+constexpr uint16_t kDeferralLeast = 30;  // seconds
 
 bool same(const bgp::SpeakerConfig &a, const bgp::SpeakerConfig &b) {
   return a.local_as == b.local_as && a.router_id == b.router_id && a.cluster_id == b.cluster_id &&
@@ -29,7 +30,7 @@ BgpService::BgpService(boost::asio::io_context &io, Callbacks callbacks, bool re
       transport_(io, callbacks_.enter),
       listen_retry_(io),
       restarting_(restarting),
-      waiting_(restarting) {}
+      awaits_local_(restarting) {}
 
 BgpService::~BgpService() {
   transport_.attach(nullptr);
@@ -48,24 +49,26 @@ void BgpService::follow(const std::optional<BgpSettings> &settings) {
     speaker_->reconfigure(config);
   }
   if (endpoint_text(*former) != endpoint_text(*settings)) listen();
-  if (!waiting_) set_neighbors(*settings);
+  set_neighbors(*settings);
 }
 
+// Neighbours forget this router's routes with its restart time; to wait for any of them longer gains nothing.
 void BgpService::begin(const BgpSettings &settings) {
   bgp::SpeakerConfig config = settings.speaker;
   config.seed = std::random_device()();
   config.restarting = std::exchange(restarting_, false);
+  config.await_local = awaits_local_;
+  config.deferral_time = std::max(config.restart_time, kDeferralLeast);
   bgp::Observer &observer = *this;
   speaker_ = std::make_unique<bgp::Speaker>(config, transport_, transport_, observer);
   transport_.attach(speaker_.get());
   listen();
   if (callbacks_.began) callbacks_.began();
-  if (!waiting_) set_neighbors(settings);
+  set_neighbors(settings);
 }
 
-void BgpService::release() {
-  if (!std::exchange(waiting_, false) || !speaker_) return;
-  set_neighbors(*settings_);
+void BgpService::complete() {
+  if (std::exchange(awaits_local_, false) && speaker_) speaker_->local_complete();
 }
 
 void BgpService::set_neighbors(const BgpSettings &settings) {
@@ -100,15 +103,21 @@ void BgpService::stop(const std::string &words) {
   speaker_->run();
 }
 
+std::string BgpService::missing_neighbor(const Statement &statement) const {
+  const std::string *address = find_argument(statement, "address");
+  if (address == nullptr || (speaker_ && speaker_->neighbor(address_value(*address)))) return "";
+  return "there is no BGP neighbor " + *address;
+}
+
 std::string BgpService::clear(const Statement &statement) {
+  if (const std::string reason = missing_neighbor(statement); !reason.empty()) return reason;
   const std::string *address = find_argument(statement, "address");
   const bgp::ClearKind kind = find_argument(statement, "in") != nullptr    ? bgp::ClearKind::soft_in
                               : find_argument(statement, "out") != nullptr ? bgp::ClearKind::soft_out
                                                                            : bgp::ClearKind::hard;
   std::vector<bgp::Ipv4> neighbors = speaker_ ? speaker_->neighbors() : std::vector<bgp::Ipv4>();
   if (address != nullptr) std::erase_if(neighbors, [&](bgp::Ipv4 other) { return other != address_value(*address); });
-  if (neighbors.empty())
-    return address == nullptr ? "there is no BGP neighbor" : "there is no BGP neighbor " + *address;
+  if (neighbors.empty()) return "there is no BGP neighbor";
   std::string failed;
   for (const bgp::Ipv4 neighbor : neighbors)
     if (!speaker_->clear(neighbor, kind)) failed += " " + address_text(neighbor);

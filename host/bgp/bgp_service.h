@@ -25,16 +25,19 @@ class BgpService final : bgp::Observer {
     std::function<void(const std::string &)> log;
   };
 
-  // restarting: the process starts anew and its forwarding state was preserved; until release() the sessions wait, so
-  // that what this router advertises is complete before its neighbours compare it with what they kept.
+  // restarting: the process starts anew and its forwarding state was preserved. Its neighbours hear of no end of its
+  // routes before complete(), or before the restart's time is over: with that mark they forget what they have kept and
+  // not heard again.
   BgpService(boost::asio::io_context &io, Callbacks callbacks, bool restarting = false);
   ~BgpService();
 
   // Becomes what a configuration says; nothing: no speaker. Neighbours that stay as they are notice nothing.
   void follow(const std::optional<BgpSettings> &settings);
-  void release();
-  bool waits() const { return waiting_; }
+  void complete();
+  bool awaits_local() const { return awaits_local_; }
 
+  // Why there is nothing to show or do for the address that a command names. Empty: there is, or it names none.
+  std::string missing_neighbor(const Statement &statement) const;
   // `clear bgp neighbor`. Empty: done; else why not.
   std::string clear(const Statement &statement);
 
@@ -65,7 +68,7 @@ class BgpService final : bgp::Observer {
   bgp::AsioTransport transport_;
   boost::asio::steady_timer listen_retry_;
   bool restarting_;  // of the first speaker only
-  bool waiting_;
+  bool awaits_local_;
   std::optional<BgpSettings> settings_;
   std::string listening_;
   std::map<bgp::Ipv4, std::string> failures_;  // that were logged last

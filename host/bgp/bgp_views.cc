@@ -189,7 +189,7 @@ void show_bgp_summary(const BgpService &bgp, Listing &listing) {
   const bgp::TableSizes sizes = speaker->sizes();
   const std::vector<bgp::Ipv4> neighbors = speaker->neighbors();
   listing.row({config.local_as, address_text(config.router_id), address_cell(config.cluster_id), bgp.listening(),
-               bgp.waits() || speaker->deferring(), sizes.routes, sizes.paths, sizes.attribute_sets, sizes.octets});
+               speaker->deferring(), sizes.routes, sizes.paths, sizes.attribute_sets, sizes.octets});
   listing.begin(output::kBgpSessions);
   for (const bgp::Ipv4 address : neighbors) {
     speaker = bgp.speaker();

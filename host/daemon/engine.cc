@@ -155,6 +155,11 @@ uint32_t Engine::show(const ViewRun &run) {
     return kStatusFailed;
   }
   if (run.statement.command == Command::show_module) return show_module(run);
+  if (run.statement.command == Command::show_bgp_neighbor)
+    if (const std::string reason = router_.links().exchange().bgp().missing_neighbor(run.statement); !reason.empty()) {
+      run.channel->error(reason + "\n");
+      return kStatusFailed;
+    }
   const std::unique_ptr<output::Writer> writer = writer_for(run.format, run.filters, *run.channel);
   output::Listing listing(*writer);
   show_view({router_, run.statement, counters_}, listing);

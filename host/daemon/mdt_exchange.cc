@@ -60,7 +60,7 @@ MdtExchange::MdtExchange(Loop &loop, bool restarting, std::function<void(const s
   patience_.async_wait([this, &loop](const boost::system::error_code &error) {
     if (error) return;
     Loop::Turn turn(loop);
-    release();
+    complete();
   });
 }
 
@@ -83,9 +83,9 @@ BgpService::Callbacks MdtExchange::callbacks(Loop &loop, std::function<void(cons
 }
 
 void MdtExchange::follow(const Config &config) {
-  if (bgp_.waits()) await(config);
+  if (bgp_.awaits_local()) await(config);
   bgp_.follow(bgp_settings(config));
-  if (bgp_.waits() && awaited_.empty()) release();
+  if (bgp_.awaits_local() && awaited_.empty()) complete();
 }
 
 // ----------------------------------------------------------------------------------------------- the module's routes
@@ -107,7 +107,7 @@ void MdtExchange::local_changed(const ref::MdtSafi &entry, bool add) {
   const bool gone = vrfs.empty();
   if (gone) local_.erase(key);
   if (bgp_.speaker() != nullptr) gone ? void(bgp_.speaker()->withdraw(key)) : originate(key);
-  if (add && awaited_.erase(entry.vrf_name) > 0 && awaited_.empty()) release();
+  if (add && awaited_.erase(entry.vrf_name) > 0 && awaited_.empty()) complete();
 }
 
 // VRFs that can be expected to come up.
@@ -122,10 +122,10 @@ void MdtExchange::await(const Config &config) {
     for (const auto &[vrf, group] : vrfs) awaited_.erase(vrf);
 }
 
-void MdtExchange::release() {
+void MdtExchange::complete() {
   patience_.cancel();
   awaited_.clear();
-  bgp_.release();
+  bgp_.complete();
 }
 
 // ----------------------------------------------------------------------------------------------- the others' routes

@@ -16,8 +16,8 @@ namespace host {
 
 class MdtExchange {
  public:
-  // restarting: see BgpService; the sessions begin when the module has advertised the VRFs of await(), or has had its
-  // time for it.
+  // restarting: see BgpService; this router's routes are complete when the module has advertised the VRFs of await(), or
+  // has had its time for it.
   MdtExchange(Loop &loop, bool restarting, std::function<void(const std::string &)> log);
   ~MdtExchange();
 
@@ -37,7 +37,7 @@ class MdtExchange {
   void best_changed(std::span<const bgp::BestChange> changes);
   void forget_remote();
   void await(const Config &config);
-  void release();
+  void complete();
 
   std::map<bgp::RouteKey, std::map<std::string, bgp::Ipv4>> local_;  // what the module advertises: VRFs, their groups
   std::map<bgp::RouteKey, bgp::Ipv4> told_;  // remote entries that the module was given, with their groups

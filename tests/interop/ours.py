@@ -51,8 +51,7 @@ class Program:
         return json.loads(self.show(line + " | json"))
 
     def neighbour(self, address):
-        found = self.document(f"bgp neighbor {address}").get("bgp-neighbour", [])
-        return found[0] if found else None
+        return self.document(f"bgp neighbor {address}")["bgp-neighbour"][0]
 
     def state(self, address):
         return self.neighbour(address)["state"]
