@@ -229,6 +229,7 @@ TEST_F(Context, CountsBeyondThePayloadAreRefused) {
   ref::deliver(MTS_OPC_OIM_IF_CREATE_RESPONSE, response.data(), 13);
   ref::settle();
   EXPECT_EQ(red->mti_status, MVPN_MTI_CREATE_PENDING) << "half an entry is none";
+  ref::deliver(MTS_OPC_OIM_IF_CREATE_RESPONSE, update.data(), 1);  // half a count, of 65,280 or more
   ref::deliver(MTS_OPC_OIM_IF_CREATE_RESPONSE, response.data(), response.size());
   ref::settle();
   EXPECT_NE(red->mti_status, MVPN_MTI_CREATE_PENDING);

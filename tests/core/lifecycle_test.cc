@@ -214,6 +214,8 @@ TEST_F(Lifecycle, AnyFailingCallLeavesAModuleThatStopsAndStarts) {
     ref::settle();
     mvpn_deinit(1);
     ASSERT_TRUE(ref::wait_for_threads());
+    const size_t lists = trace::count("txlist_create") - (failed == "txlist_create" ? 1 : 0);
+    EXPECT_EQ(trace::count("txlist_destroy"), lists);
   }
   EXPECT_GT(k, 25u) << "the loop must have met the calls of a start";
 }

@@ -365,6 +365,22 @@ TEST_F(Pool, RemovingARangeMovesItsFlowsOff) {
   }
 }
 
+// A flow whose range goes is the next matching range's at once, not only when its rate is checked.
+TEST_F(Pool, AFlowWhoseRangeGoesBelongsToTheNextOne) {
+  mvpn_cibtype *mvpn = start_red();
+  range("239.2.0.0/32");
+  range("239.3.0.0/32");
+  pim_route *croute = active_flow("172.16.9.1", "225.0.0.1");
+  const mvpn_data_mdt_range *next = mvpn->data_mdt_config->next;
+  ASSERT_EQ(croute->send_join_info->config, mvpn->data_mdt_config);
+  no_range("239.2.0.0/32");
+  EXPECT_EQ(croute->send_join_info->config, next);
+  EXPECT_EQ(choice(croute, "239.2.0.0"), "default");
+  check(croute);
+  EXPECT_EQ(choice(croute, "239.3.0.0"), "0@2");
+  check_invariants();
+}
+
 // The host may take a flow's index away with the exported setter; what the flow held is given back by the next mapping.
 TEST_F(Pool, AFlowWhoseIndexWasTakenAwayGivesItsGroupBack) {
   mvpn_cibtype *mvpn = start_red();

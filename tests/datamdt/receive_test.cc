@@ -379,6 +379,22 @@ TEST_F(Receive, UnlistedAnnouncementsAreFoundWhileTheCacheChanges) {
   check_invariants();
 }
 
+// The same search, when the VRF goes in it, or when it has given way and the VRF is still there.
+TEST_F(Receive, TheSearchForUnlistedAnnouncementsEndsWithTheVrf) {
+  mvpn_cibtype *mvpn = start_red();
+  receiver("*", "225.0.0.1");
+  for (uint32_t i = 0; i < 2500; i++)
+    mvpn_add_data_mdt_recv_join_info(mvpn, addr("172.16.0.0") + i, addr("225.0.0.1"), addr(remote_pe),
+                                     addr("239.7.0.1"));
+  mvpn_mdt_route *route = mvpn_mdt_mroute_lookup(mvpn, addr(remote_pe), addr("239.7.0.1"));
+  ASSERT_NE(route, nullptr);
+  mvpn_mdt_mroute_delink_all_referers(route);
+  at_yield(1, [this] { vanish(); });
+  mvpn_mdt_free_route_resources(route);
+  trace::on_yield(nullptr);
+  EXPECT_EQ(context("red"), nullptr);
+}
+
 TEST_F(Receive, ARecordWhoseCustomerRouteVanishedLeavesNothingBehind) {
   mvpn_cibtype *mvpn = start_red();
   for (const char *source : {"172.16.7.1", "*"}) {

@@ -98,6 +98,22 @@ TEST_F(Notifications, TheEndOfEnforcementTakesTheSourcesOfTheCore) {
   EXPECT_NE(std::find(found.begin(), found.end(), "10.0.0.9 2"), found.end());
 }
 
+// So does a bring-up without enforcement.
+TEST_F(Notifications, ABringUpWithoutEnforcementTakesTheSourcesOfTheCore) {
+  start();
+  add_vrf("red", 2);
+  ref::mrib_add_route(VRF_CONTEXT_ID_DEFAULT, route_addrs("*", "239.1.1.1"), 0);
+  ref::mrib_add_route(VRF_CONTEXT_ID_DEFAULT, route_addrs("10.0.0.9", "239.1.1.1"), 0);
+  ref::set_oim_answers(false);
+  mvpn_cibtype *mvpn = configure("red", "239.1.1.1");
+  command("mdt_enforce_bgp_mdt_safi_cmd", "red", {}, true);
+  ref::set_oim_answers(true);
+  ref::settle();
+  ASSERT_EQ(mvpn->mti_status, MVPN_MTI_UP);
+  const Texts found = sources(mvpn);
+  EXPECT_NE(std::find(found.begin(), found.end(), "10.0.0.9 2"), found.end());
+}
+
 TEST_F(Notifications, ADeletedRouteIsInstalledAgain) {
   start();
   bring_up("red", 2, "239.1.1.1");

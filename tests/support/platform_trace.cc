@@ -232,6 +232,7 @@ CAN_FAIL(pt_attr *, pt_attr_create, (uint32_t flags, uint32_t kind, uint32_t byt
 CAN_FAIL(int, pt_add, (pt_attr * attr, pt_root **root, uint32_t bytes, const void *key, uint32_t bits, void *data),
          (attr, root, bytes, key, bits, data), 1, (bytes))
 CAN_FAIL(txlist *, txlist_create, (uint32_t flags, uint32_t size), (flags, size), nullptr, (flags, size))
+NOTED(void, txlist_destroy, (txlist * tx), (tx), ())
 CAN_FAIL(txlist_iterator *, txlist_iterator_create, (txlist * tx), (tx), nullptr, ())
 NOTED(txlist_obj *, txlist_get_next_node, (txlist * tx, txlist_obj *node), (tx, node), ())
 CAN_FAIL(int, renqueue_data, (rqueue * queue, void *data, uint32_t tag), (queue, data, tag), 0, (tag))

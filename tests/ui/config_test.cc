@@ -55,7 +55,10 @@ class Config : public ModuleTest {
 using Texts = std::vector<std::string>;
 
 TEST_F(Config, EachHandlerIsRegisteredOnceAndARefusalNamesIt) {
+  trace::start();
   ASSERT_EQ(mvpn_init(), 1);
+  for (const std::string &call : trace::calls_of({"cli_register_cmd"}))
+    EXPECT_TRUE(call.ends_with(",0)")) << call << ": the last argument is reserved";
   trace::fail("cli_register_cmd", 3);
   mvpn_init_cli();
   const std::vector<std::string> names = ref::cli_registered();

@@ -298,6 +298,14 @@ TEST_F(Show, PersistedRecords) {
                                      view("red", run("mvpn_show_internal_ha_cmd", "red")));
   EXPECT_EQ(run("mvpn_show_internal_ha_cmd", "", {}, false, 1).printed.find("172.16.9.1"), std::string::npos)
       << "the operator stops it after a record";
+  // The record that was just printed goes while the listing gives way: the one after it is printed all the same.
+  const std::string whole = run("mvpn_show_internal_ha_cmd", "red").printed;
+  trace::on_yield([passed = 0](unsigned) mutable {
+    if (++passed == 1) ksink_pss_delete(pim_ha_handle, ref::pss_records()[1].first.data(), PSS_KEY_SIZE);
+    return true;
+  });
+  EXPECT_EQ(run("mvpn_show_internal_ha_cmd", "red").printed, whole);
+  trace::on_yield(nullptr);
   for (const auto &[key, value] : ref::pss_records())
     if (key[12] == 225 && key[13] == 9) ksink_pss_delete(pim_ha_handle, key.data(), PSS_KEY_SIZE);
 }
