@@ -208,6 +208,20 @@ TEST_F(Receive, PrunesMayBeIgnoredDeletionsNot) {
   EXPECT_EQ(flags(), 0u) << "a VRF without MVPN has nothing to do with it";
 }
 
+// A flow on the shared tree has joined a data MDT for each of its sources.
+TEST_F(Receive, ASharedTreeFlowLeavesTheDataMdtsOfAllItsSources) {
+  mvpn_cibtype *mvpn = start_red();
+  pim_route *croute = receiver("*", "225.0.0.1");
+  hear("172.16.7.1", "225.0.0.1", "239.7.0.1");
+  hear("172.16.7.2", "225.0.0.1", "239.7.0.2");
+  ASSERT_EQ(mvpn->data_mdt_recv_mapped, 2u);
+  mvpn_process_mrib_prune_notify(mvpn->pcib, &croute->addrs, croute);
+  ref::settle();
+  EXPECT_EQ(mvpn->data_mdt_recv_mapped, 0u);
+  EXPECT_EQ(core_routes(mvpn), Texts{"10.0.0.1 239.1.1.1 1"});
+  check_invariants();
+}
+
 // The neighbour that a Bidir route is forwarded to is the designated forwarder of its incoming interface.
 TEST_F(Receive, BidirRouteFollowsTheDesignatedForwarder) {
   mvpn_cibtype *mvpn = start_red();
