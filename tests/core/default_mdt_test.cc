@@ -311,6 +311,27 @@ TEST_F(DefaultMdt, AVrfThatIsDownKeepsItsOutgoingInterfacesAndSaysNothingToTheMr
   EXPECT_EQ(red->mti_status, MVPN_MTI_UP);
 }
 
+// Nothing is sent into a tunnel that is down, and the flows are in it again when it is up.
+TEST_F(DefaultMdt, CustomerRoutesLoseTheTunnelWithItAndGetItBack) {
+  start();
+  mvpn_cibtype *red = bring_up("red", 2, "239.1.1.1");
+  ref::create_interface("ethernet1", 2, addr("172.16.0.1"), true);
+  ref::CustomerRoute flow;
+  flow.addrs = route_addrs("172.16.9.1", "225.0.0.1");
+  flow.iif = "ethernet1";
+  flow.rpf_neighbor = addr("172.16.0.2");
+  flow.to_mvpn = true;
+  const pim_route *croute = ref::set_customer_route("red", flow);
+  ASSERT_NE(croute, nullptr);
+  const im_iod_t tunnel = red->mti_iod;
+  ASSERT_NE(bitfield_test(&croute->oifs, tunnel), 0);
+  mvpn_default_tunnel_down(red, 0);
+  EXPECT_EQ(bitfield_test(&croute->oifs, tunnel), 0);
+  ref::settle();
+  ASSERT_EQ(red->mti_status, MVPN_MTI_UP);
+  EXPECT_NE(bitfield_test(&croute->oifs, red->mti_iod), 0);
+}
+
 TEST_F(DefaultMdt, ASecondGoingDownIsIgnored) {
   start();
   mvpn_cibtype *red = bring_up("red", 2, "239.1.1.1");

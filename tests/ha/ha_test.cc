@@ -124,6 +124,10 @@ TEST_F(HighAvailability, ChoicesAreStoredFetchedAndDeletedPerFlowVrfAndProcess) 
   EXPECT_EQ(mvpn_ha_get_encap_info(red, &absent, &index, &group), 0);
   store(7, first, {1, 2, 3});
   EXPECT_EQ(mvpn_ha_get_encap_info(red, &first, &index, &group), 0) << "an unreadable choice is none";
+  for (const auto &[stored_index, usable] : {std::pair(1023, 1), std::pair(1024, 0), std::pair(65535, 0)}) {
+    EXPECT_EQ(mvpn_ha_add_encap_info(red, &first, static_cast<uint16_t>(stored_index), addr("239.2.0.0")), 1);
+    EXPECT_EQ(mvpn_ha_get_encap_info(red, &first, &index, &group), usable) << stored_index;
+  }
   fill();
   EXPECT_EQ(mvpn_ha_delete_encap_info(red, &second), 1);
   EXPECT_EQ(stored(), (Texts{all[1], all[2], all[3]}));
