@@ -20,6 +20,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <memory>
 #include <random>
@@ -407,6 +409,10 @@ pthread_mutex_t *tsp_release_locks_before_yield(uint32_t, uint32_t) {
 
 void tsp_acquire_locks_after_yield(uint32_t, uint32_t) {
   const NoCancellation no_cancellation;
+  if (pthread_mutex_trylock(&mutex) == 0) {
+    std::fputs("tsp_acquire_locks_after_yield: the caller has let go of the mutex\n", stderr);
+    std::abort();
+  }
   acquire_locked();
   has_mutex = false;
   pthread_mutex_unlock(&mutex);
