@@ -365,6 +365,20 @@ TEST_F(Pool, RemovingARangeMovesItsFlowsOff) {
   }
 }
 
+// A flow that no range takes any more has been changed all the same; the time after, there is nothing to change.
+TEST_F(Pool, MappingSaysWhetherItDidAnything) {
+  mvpn_cibtype *mvpn = start_red();
+  ref::set_policy("sites", {{true, 0, addr("225.0.0.0"), 0, 8}});
+  range_with_policy("239.2.0.0/24", "sites");
+  pim_route *croute = active_flow("172.16.9.1", "225.0.0.1");
+  ASSERT_EQ(choice(croute, "239.2.0.0"), "0@2");
+  ref::set_policy("sites", {{false, 0, addr("225.0.0.0"), 0, 8}});
+  EXPECT_EQ(mvpn_map_data_mdt_config(mvpn, &croute->addrs, croute), 1);
+  EXPECT_EQ(croute->send_join_info->config, nullptr);
+  EXPECT_EQ(mvpn_map_data_mdt_config(mvpn, &croute->addrs, croute), 0);
+  check_invariants();
+}
+
 // A flow whose range goes is the next matching range's at once, not only when its rate is checked.
 TEST_F(Pool, AFlowWhoseRangeGoesBelongsToTheNextOne) {
   mvpn_cibtype *mvpn = start_red();

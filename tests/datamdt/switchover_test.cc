@@ -312,6 +312,32 @@ TEST_F(Switchover, OtherFlowsAreLeftWhereTheyAre) {
   EXPECT_TRUE(ref::sent_core_packets().empty());
 }
 
+// A flow between two sites is switched when its way to the source is found; one from elsewhere is not this PE's to switch.
+TEST_F(Switchover, AFoundRpfSwitchesFlowsOfThisSide) {
+  mvpn_cibtype *mvpn = start_red();
+  range("239.2.0.0/24", "0", true);
+  const struct {
+    const char *group, *iif;
+    bool to_mvpn, switched;
+  } cases[] = {
+      {"225.0.0.1", "ethernet1", true, true},
+      {"225.0.0.2", "ethernet1", false, false},
+      {"225.0.0.3", "", true, false},
+      {"225.0.0.4", "mvpn", true, false},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.group);
+    ref::CustomerRoute route = flow_of("172.16.9.1", c.group, 0);
+    route.iif = c.iif;
+    route.to_mvpn = c.to_mvpn;
+    pim_route *croute = ref::set_customer_route("red", route);
+    ASSERT_NE(croute, nullptr);
+    mvpn_process_mrib_rpf_notify(mvpn->pcib, &croute->addrs, croute, 1);
+    EXPECT_EQ(croute->send_join_info != nullptr, c.switched);
+    ref::settle();
+  }
+}
+
 // One flow has one stored choice, however its any-source address is written.
 TEST_F(Switchover, TheStoreKnowsASharedTreeFlowByOneKey) {
   mvpn_cibtype *mvpn = start_red();
