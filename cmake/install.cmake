@@ -1,22 +1,33 @@
 # cmake --install BUILD [--prefix FOLDER]: the programs, the module, the headers of both sides of its contract, and the
 # man pages when scdoc was there to make them.
-include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
 
-# pimhostd finds the module in the library folder of its own prefix, wherever that is. In the build tree the path is the
-# same: the room that the build would keep for it otherwise is filled with empty entries, and an empty entry means the
-# current folder, where anybody may have put a library.
-set_target_properties(pimhostd PROPERTIES
-  INSTALL_RPATH "\$ORIGIN/../${CMAKE_INSTALL_LIBDIR}"
-  BUILD_WITH_INSTALL_RPATH ON)
+install(TARGETS pimctl mvpn-lab mvpn-traffic RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS pimhostd mdt-reflector mvpn-forwarder RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+# A plug-in that a host loads by path and nobody links, so it stays out of the loader's folders. pimhostd knows the way
+# from its own place, and no program has a library path in its file.
+install(TARGETS mvpn LIBRARY DESTINATION ${MVPN_MODULE_FOLDER})
 
-install(TARGETS pimhostd mvpn-forwarder pimctl mdt-reflector mvpn-lab mvpn-traffic RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(TARGETS mvpn LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-
+set(contract_folder ${CMAKE_INSTALL_INCLUDEDIR}/libmvpn)
 file(GLOB contract_headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/platform/*.h)
-install(FILES ${contract_headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mvpn/platform)
-install(FILES ${PROJECT_SOURCE_DIR}/routing/pim/mvpn/mvpn.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mvpn/routing/pim/mvpn)
+install(FILES ${contract_headers} DESTINATION ${contract_folder}/platform)
+install(FILES ${PROJECT_SOURCE_DIR}/routing/pim/mvpn/mvpn.h DESTINATION ${contract_folder}/routing/pim/mvpn)
+
+# For those who build a host of their own: pkg-config --cflags libmvpn, and find_package(libmvpn).
+configure_file(${CMAKE_CURRENT_LIST_DIR}/libmvpn.pc.in ${PROJECT_BINARY_DIR}/libmvpn.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/libmvpn.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+set(module_file ${MVPN_MODULE_FOLDER}/libmvpn.so)
+set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/libmvpn)
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/libmvpnConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/libmvpnConfig.cmake
+  INSTALL_DESTINATION ${package_folder} PATH_VARS contract_folder module_file)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/libmvpnConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/libmvpnConfig.cmake ${PROJECT_BINARY_DIR}/libmvpnConfigVersion.cmake
+  DESTINATION ${package_folder})
 
 install(FILES ${PROJECT_SOURCE_DIR}/host/snmp/LIBMVPN-MIB.txt DESTINATION ${CMAKE_INSTALL_DATADIR}/snmp/mibs)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/schema DESTINATION ${CMAKE_INSTALL_DATADIR}/mvpn)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/lab/scenarios DESTINATION ${CMAKE_INSTALL_DATADIR}/mvpn)
 
 if(TARGET man)
   get_target_property(pages man PAGES)

@@ -10,12 +10,14 @@
 
 namespace {
 
-// libmvpn.so stands beside the program in a build, and in the library folder when it is installed.
+// libmvpn.so stands beside the program in a build, and in a folder of its own when it is installed.
 std::string default_module() {
   std::error_code error;
   const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+  if (error) return "libmvpn.so";
   const std::filesystem::path beside = self.parent_path() / "libmvpn.so";
-  return !error && std::filesystem::exists(beside, error) ? beside.string() : "libmvpn.so";
+  if (std::filesystem::exists(beside, error)) return beside.string();
+  return (self.parent_path() / MVPN_MODULE_FROM_PROGRAM).lexically_normal().string();
 }
 
 constexpr int kFailed = 1;

@@ -7,7 +7,7 @@ folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 "$2" --install "$1" --prefix "$folder" >"$folder/log"
 library=$(dirname "$(find "$folder" -name libmvpn.so)")
-flags="-Wall -Wextra -Wpedantic -Wno-missing-field-initializers -Werror -I$folder/include/mvpn"
+flags="-Wall -Wextra -Wpedantic -Wno-missing-field-initializers -Werror -I$folder/include/libmvpn"
 # Functions that this host has no use for stay open until they are called.
 link="-L$library -lmvpn -Wl,-rpath,$library -Wl,--unresolved-symbols=ignore-in-shared-libs -Wl,-z,lazy"
 gcc -std=c11 $flags "$source" -o "$folder/c_host" $link
