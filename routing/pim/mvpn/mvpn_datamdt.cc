@@ -397,3 +397,10 @@ void mvpn_delete_all_entries_from_switchover_cache(mvpn_cibtype *mvpn) {
   while (void *entry = ravl_get_first_node(&mvpn->switchover_cache, 0))
     mvpn_delete_entry_from_switchover_cache(mvpn, static_cast<mvpn_switchover_entry *>(entry));
 }
+
+void mvpn_free_join_packet(mvpn_cibtype *mvpn) {
+  if (mvpn->data_mdt_join_pkt == nullptr) return;
+  mtrack_free(mvpn->data_mdt_join_pkt);
+  mvpn->data_mdt_join_pkt = nullptr;
+  mvpn->data_mdt_join_capacity = 0;
+}

@@ -27,6 +27,8 @@ void mvpn_deinit_udp();
 
 // Join packet of a VRF. fill: addresses of one announcement; a full packet is sent first, which yields.
 void mvpn_mdt_join_init_packet(mvpn_cibtype *mvpn);
+// Gives the VRF's packet back; nothing when it has none.
+void mvpn_free_join_packet(mvpn_cibtype *mvpn);
 void mvpn_fill_one_data_mdt_join(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_addr_t c_grp, ip_addr_t p_grp);
 void *mvpn_udp_main(void *argument);
 // One received datagram of n bytes in mvpn_recv_data_mdt_join_pkt, from interface iod.

@@ -71,12 +71,6 @@ void set_length(mvpn_cibtype *mvpn, uint32_t length) {
   store_host(mvpn->data_mdt_join_pkt, static_cast<uint16_t>(length));
 }
 
-void free_packet(mvpn_cibtype *mvpn) {
-  mtrack_free(mvpn->data_mdt_join_pkt);
-  mvpn->data_mdt_join_pkt = nullptr;
-  mvpn->data_mdt_join_capacity = 0;
-}
-
 // Bytes that a datagram of the VRF may have; 0 when there is no interface to send it through.
 uint32_t packet_limit(const mvpn_cibtype *mvpn) {
   const pim_iftype *interface = pim_get_iftype(mvpn->mti_iod);
@@ -91,7 +85,7 @@ uint32_t prepare_packet(mvpn_cibtype *mvpn) {
   if (limit < kSmallestPacket) return 0;
   if (mvpn->data_mdt_join_pkt != nullptr && mvpn->data_mdt_join_capacity < limit + kLengthPrefix &&
       length_of(mvpn) == kEntries)
-    free_packet(mvpn);
+    mvpn_free_join_packet(mvpn);
   if (mvpn->data_mdt_join_pkt != nullptr) return std::min(limit, mvpn->data_mdt_join_capacity - kLengthPrefix);
   const uint32_t size = limit + kLengthPrefix;
   // The place that the warning names is fixed, since operators search for it: it does not follow the source.
@@ -333,7 +327,7 @@ void mvpn_send_data_mdt_join_packet(mvpn_cibtype *mvpn, int release) {
     ip_cl_output(mvpn->pcib->context_id, m, 0, mvpn->mti_iod, 0, pim_ip_client);
   // What was sent leaves the packet before the yield, so that what is appended meanwhile stays.
   if (release != 0)
-    free_packet(mvpn);
+    mvpn_free_join_packet(mvpn);
   else
     mvpn_mdt_join_init_packet(mvpn);
   mvpn = mvpn_may_sched_yield(mvpn);

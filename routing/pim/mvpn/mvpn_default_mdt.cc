@@ -240,19 +240,12 @@ static bool drop_announcements_and_routes(const mvpn_vrf_handle &vrf, mvpn_cibty
   return vrf.same();
 }
 
-static void free_join_packet(mvpn_cibtype *mvpn) {
-  if (mvpn->data_mdt_join_pkt == nullptr) return;
-  mtrack_free(mvpn->data_mdt_join_pkt);
-  mvpn->data_mdt_join_pkt = nullptr;
-  mvpn->data_mdt_join_capacity = 0;
-}
-
 // Pending switchovers, send records, announcements that were gathered.
 static bool drop_sender_state(const mvpn_vrf_handle &vrf, mvpn_cibtype *mvpn) {
   mvpn_delete_all_entries_from_switchover_cache(mvpn);
   mvpn_destroy_all_data_mdt_send_join_info(mvpn);
   if (!vrf.same()) return false;
-  free_join_packet(mvpn);
+  mvpn_free_join_packet(mvpn);
   return true;
 }
 
