@@ -350,7 +350,7 @@ void floor_lmdb(benchmark::State &state) {
   uint8_t value[32];
   const mvpn_ha_encap_info_t record{2, kDataGroup};
   const uint32_t value_size = mvpn_ha_encap_info_get_tlv_sz(&record);
-  must(mvpn_ha_make_encap_info_pss_value(2, kDataGroup, value, sizeof value));
+  must(mvpn_ha_make_encap_info_pss_value({2, kDataGroup}, value, sizeof value));
   for (auto _ : state) {
     must(mdb_txn_begin(environment, nullptr, 0, &transaction));
     for (uint32_t i = 0; i < state.range(0); i++) {
@@ -413,8 +413,8 @@ void restore(benchmark::State &state) {
     for (size_t i = 0; i < world.flows().size(); i++) {
       const auto &flow = world.flows()[i];
       mvpn_ha_add_encap_info(DataWorld::mvpn(flow.vrf), &flow.route->addrs,
-                             MVPN_ENCAP_INDEX_FIRST_DATA + static_cast<uint32_t>(i % kFlows),
-                             kDataGroup + (flow.vrf << 10) + static_cast<uint32_t>(i % kFlows));
+                             {static_cast<uint16_t>(MVPN_ENCAP_INDEX_FIRST_DATA + i % kFlows),
+                              kDataGroup + (flow.vrf << 10) + static_cast<uint32_t>(i % kFlows)});
     }
     state.ResumeTiming();
     mvpn_ha_recovery_start();

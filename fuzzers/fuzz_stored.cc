@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // What decodes also encodes, to a value that decodes to the same.
     uint8_t value[64];
     mvpn_ha_encap_info_t again{};
-    if (mvpn_ha_make_encap_info_pss_value(record.encap_index, record.mdt_group, value, sizeof value) != 0) std::abort();
+    if (mvpn_ha_make_encap_info_pss_value(record, value, sizeof value) != 0) std::abort();
     if (mvpn_ha_get_encap_info_by_pss_value(value, mvpn_ha_encap_info_get_tlv_sz(&record), &again) != 0 ||
         again.encap_index != record.encap_index || again.mdt_group != record.mdt_group)
       std::abort();

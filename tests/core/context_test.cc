@@ -116,7 +116,7 @@ TEST_F(Context, SilentMessagesDoNotEvaluateTheirArguments) {
   for (uint32_t i = 0; i < 500; i++)
     mvpn_mdt_add_route_resources(red, MVPN_MDT_ROUTE_REMOTE_DATA, addr("10.1.0.0") + i, 1, addr("239.7.7.7"), 0);
   trace::start();
-  mvpn_mrib_clear_mdt_routes(red, nullptr, 0, 0, 0, 0, 0, 0);
+  mvpn_mrib_clear_mdt_routes(red, {}, 0, 0);
   EXPECT_EQ(trace::count("ip_print_addr"), 0u);
 }
 

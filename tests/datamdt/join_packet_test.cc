@@ -10,7 +10,7 @@ class JoinPacket : public DataMdtTest {
 
   void fill(uint32_t entries, uint32_t first = 0) {
     for (uint32_t i = first; i < first + entries; i++)
-      mvpn_fill_one_data_mdt_join(context("red"), addr("172.16.9.1"), addr("225.0.0.0") + i, addr("239.2.0.0") + i);
+      mvpn_fill_one_data_mdt_join(context("red"), {addr("172.16.9.1"), addr("225.0.0.0") + i, addr("239.2.0.0") + i});
   }
   // Length of the datagram in the buffer; 0: there is no buffer.
   static uint32_t buffered(const mvpn_cibtype *mvpn) {
@@ -36,7 +36,7 @@ class JoinPacket : public DataMdtTest {
 
 TEST_F(JoinPacket, ADatagramHasTheseBytes) {
   mvpn_cibtype *mvpn = start_red();
-  mvpn_fill_one_data_mdt_join(mvpn, addr("172.16.9.1"), addr("225.0.0.7"), addr("239.2.0.3"));
+  mvpn_fill_one_data_mdt_join(mvpn, {addr("172.16.9.1"), addr("225.0.0.7"), addr("239.2.0.3")});
   std::vector<uint8_t> expected = {0x45, 0xC0, 44,  0,  0,  0,    0,    0,    1,    17, 0,   0, 10, 0,    0,
                                    1,    224,  0,   0,  13, 0x0C, 0xA0, 0x0C, 0xA0, 0,  24,  0, 0,  0x01, 0x00,
                                    0x10, 0x00, 172, 16, 9,  1,    225,  0,    0,    7,  239, 2, 0,  3};
@@ -178,7 +178,7 @@ TEST_F(JoinPacket, AnEntryWithoutMemoryIsDropped) {
   ASSERT_GE(reports.size(), 2u);
   EXPECT_EQ(reports[reports.size() - 2].arguments, (Texts{"1378", "mvpn_fill_one_data_mdt_join"}));
   EXPECT_EQ(reports.back().arguments, (Texts{"1376", "Couldnt allocate memory for MDT Join Pkt."}));
-  mvpn_fill_one_data_mdt_join(nullptr, 1, 2, 3);
+  mvpn_fill_one_data_mdt_join(nullptr, {1, 2, 3});
   fill(1);
   EXPECT_EQ(buffered(mvpn), 44u);
 }

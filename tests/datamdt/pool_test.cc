@@ -16,9 +16,9 @@ class Pool : public DataMdtTest {
     check(croute);
     return choice(croute, prefix);
   }
-  void remember(std::string_view source, std::string_view group, uint32_t index, ip_addr_t data_group) {
+  void remember(std::string_view source, std::string_view group, uint16_t index, ip_addr_t data_group) {
     const mvpn_mdt_route_addrs addrs = route_addrs(source, group);
-    EXPECT_EQ(mvpn_ha_add_encap_info(context("red"), &addrs, index, data_group), 1);
+    EXPECT_EQ(mvpn_ha_add_encap_info(context("red"), &addrs, {index, data_group}), 1);
   }
   static void open_recovery() {
     pim_sup_switchover = 1;
@@ -188,7 +188,7 @@ TEST_F(Pool, PersistedChoicesAreReusedOnlyWhenTheyFit) {
   ASSERT_EQ(switched(flow("172.16.8.1", "225.0.0.1"), "239.2.0.0"), "0@2");
   const ip_addr_t prefix = addr("239.2.0.0");
   const struct {
-    uint32_t index;
+    uint16_t index;
     ip_addr_t group;
     const char *expected;
   } cases[] = {
@@ -212,11 +212,10 @@ TEST_F(Pool, PersistedChoicesAreReusedOnlyWhenTheyFit) {
     EXPECT_EQ(switched(croute, "239.2.0.0"), c.expected);
     const auto *record = croute->send_join_info;
     EXPECT_EQ(mvpn->mdt_encap_group[record->encap_index], record->group);
-    uint16_t stored_index = 0;
-    ip_addr_t stored_group = 0;
-    EXPECT_EQ(mvpn_ha_get_encap_info(mvpn, &croute->addrs, &stored_index, &stored_group), 1);
-    EXPECT_EQ(stored_index, record->encap_index);
-    EXPECT_EQ(stored_group, record->group);
+    mvpn_ha_encap_info_t stored{};
+    EXPECT_EQ(mvpn_ha_get_encap_info(mvpn, &croute->addrs, &stored), 1);
+    EXPECT_EQ(stored.encap_index, record->encap_index);
+    EXPECT_EQ(stored.mdt_group, record->group);
     EXPECT_EQ(mvpn->mdt_encap_group[MVPN_ENCAP_INDEX_DEFAULT], addr("239.1.1.1"));
     EXPECT_EQ(debug_count("Data mdt Group " + dotted(c.group) + " doesn't fall in 239.2.0.0"),
               (c.group & 0xFFFF0000) == prefix ? 0u : 1u);

@@ -364,8 +364,8 @@ TEST_F(Receive, UnlistedAnnouncementsAreFoundWhileTheCacheChanges) {
   receiver("*", "225.0.0.1");
   const auto announce = [mvpn](uint32_t from, uint32_t to) {
     for (uint32_t i = from; i < to; i++)
-      mvpn_add_data_mdt_recv_join_info(mvpn, addr("172.16.0.0") + i, addr("225.0.0.1"), addr(remote_pe),
-                                       addr("239.7.0.1"));
+      mvpn_add_data_mdt_recv_join_info(mvpn, {addr("172.16.0.0") + i, addr("225.0.0.1"), addr("239.7.0.1")},
+                                       addr(remote_pe));
   };
   announce(1000, 3500);
   mvpn_mdt_route *route = mvpn_mdt_mroute_lookup(mvpn, addr(remote_pe), addr("239.7.0.1"));
@@ -398,8 +398,8 @@ TEST_F(Receive, TheSearchForUnlistedAnnouncementsEndsWithTheVrf) {
   mvpn_cibtype *mvpn = start_red();
   receiver("*", "225.0.0.1");
   for (uint32_t i = 0; i < 2500; i++)
-    mvpn_add_data_mdt_recv_join_info(mvpn, addr("172.16.0.0") + i, addr("225.0.0.1"), addr(remote_pe),
-                                     addr("239.7.0.1"));
+    mvpn_add_data_mdt_recv_join_info(mvpn, {addr("172.16.0.0") + i, addr("225.0.0.1"), addr("239.7.0.1")},
+                                     addr(remote_pe));
   mvpn_mdt_route *route = mvpn_mdt_mroute_lookup(mvpn, addr(remote_pe), addr("239.7.0.1"));
   ASSERT_NE(route, nullptr);
   mvpn_mdt_mroute_delink_all_referers(route);
@@ -507,8 +507,8 @@ TEST_F(Receive, OnlyMulticastGroupsAreJoined) {
 TEST_F(Receive, DestroyingALongCacheStopsWhenTheVrfGoes) {
   mvpn_cibtype *mvpn = start_red();
   for (uint32_t i = 0; i < 2500; i++)
-    mvpn_add_data_mdt_recv_join_info(mvpn, addr("172.16.7.1"), addr("225.0.0.0") + i, addr(remote_pe),
-                                     addr("239.7.0.1"));
+    mvpn_add_data_mdt_recv_join_info(mvpn, {addr("172.16.7.1"), addr("225.0.0.0") + i, addr("239.7.0.1")},
+                                     addr(remote_pe));
   at_yield(1, [this] { vanish(); });
   mvpn_destroy_data_mdt_recv_cache(mvpn, addr(remote_pe));
   trace::on_yield(nullptr);
@@ -549,8 +549,8 @@ class Ageing : public Receive {
     mvpn_cibtype *mvpn = start_red();
     mvpn->data_mdt_timeout = 0;
     for (uint32_t i = 0; i < 2500; i++)
-      mvpn_add_data_mdt_recv_join_info(mvpn, addr("172.16.7.1"), addr("225.0.0.0") + i, addr(remote_pe),
-                                       addr("239.7.0.1"));
+      mvpn_add_data_mdt_recv_join_info(mvpn, {addr("172.16.7.1"), addr("225.0.0.0") + i, addr("239.7.0.1")},
+                                       addr(remote_pe));
     mvpn_process_age_timer();
     EXPECT_NE(mvpn_age_thread, pthread_t{});
     while (mvpn_age_ts.seconds == 0) {  // until the new thread has come to its turn

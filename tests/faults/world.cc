@@ -387,7 +387,8 @@ void add_services(Lines &out) {
   ravl_init_iterator(&iterator, &mvpn_bgp_mdt_safi_db);
   for (auto *entry = static_cast<mvpn_bgp_mdt_safi *>(ravl_get_first_user_data(&iterator)); entry != nullptr;
        entry = static_cast<mvpn_bgp_mdt_safi *>(ravl_get_next_user_data(&iterator)))
-    out.push_back(line("SAFI", dotted(entry->mdt_src), entry->bgp_rd[7], dotted(entry->mdt_grp), entry->local));
+    out.push_back(
+        line("SAFI", dotted(entry->key.mdt_src), entry->key.bgp_rd[7], dotted(entry->key.mdt_grp), entry->local));
   for (const ref::Tunnel &tunnel : ref::tunnels())
     out.push_back(line("tunnel", tunnel.vrf_name, dotted(tunnel.source), dotted(tunnel.destination), tunnel.mtu,
                        tunnel.up ? "up" : "down"));

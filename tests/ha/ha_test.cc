@@ -17,7 +17,7 @@ class HighAvailability : public DataMdtTest {
   static Bytes value_of(uint16_t index, ip_addr_t group) {
     const mvpn_ha_encap_info_t record{index, group};
     Bytes value(mvpn_ha_encap_info_get_tlv_sz(&record));
-    EXPECT_EQ(mvpn_ha_make_encap_info_pss_value(index, group, value.data(), static_cast<uint32_t>(value.size())), 0);
+    EXPECT_EQ(mvpn_ha_make_encap_info_pss_value({index, group}, value.data(), static_cast<uint32_t>(value.size())), 0);
     return value;
   }
   // Stores a choice of a VRF, whether or not the module knows the VRF.
@@ -56,11 +56,11 @@ TEST_F(HighAvailability, KeysHaveTheseBytes) {
   EXPECT_EQ(key_of(&pcib, nullptr), (Bytes{16, 0, 0, 0, 1, 2, 3, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
   EXPECT_EQ(key_of(nullptr, nullptr), (Bytes{16, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
   mvpn_bgp_mdt_safi entry{};
-  entry.mdt_src = addr("10.0.0.9");
-  entry.mdt_grp = addr("239.1.1.1");
-  std::memcpy(entry.bgp_rd, rd("65000:5").data(), sizeof entry.bgp_rd);
+  entry.key.mdt_src = addr("10.0.0.9");
+  entry.key.mdt_grp = addr("239.1.1.1");
+  std::memcpy(entry.key.bgp_rd, rd("65000:5").data(), sizeof entry.key.bgp_rd);
   Bytes expected{17, 0, 0, 0, 10, 0, 0, 9, 0, 0, 0, 0, 0, 0, 0, 0, 239, 1, 1, 1};
-  std::memcpy(&expected[8], entry.bgp_rd, sizeof entry.bgp_rd);
+  std::memcpy(&expected[8], entry.key.bgp_rd, sizeof entry.key.bgp_rd);
   Bytes key(PSS_KEY_SIZE, 0xEE);
   EXPECT_EQ(mvpn_ha_make_mdt_safi_pss_key(&entry, key.data()), 1);
   EXPECT_EQ(key, expected);
@@ -84,7 +84,7 @@ TEST_F(HighAvailability, ValuesSurviveARoundTripAndBadOnesAreRefused) {
     EXPECT_NE(mvpn_ha_encap_info_to_struct(cut.data(), static_cast<uint32_t>(length), &record), 0) << length;
   }
   Bytes tight(good.size() - 1);
-  EXPECT_NE(mvpn_ha_make_encap_info_pss_value(2, 3, tight.data(), static_cast<uint32_t>(tight.size())), 0);
+  EXPECT_NE(mvpn_ha_make_encap_info_pss_value({2, 3}, tight.data(), static_cast<uint32_t>(tight.size())), 0);
   tlvu_field_iterator iterator;
   ASSERT_EQ(mvpn_ha_encap_info_field_itr_init(good.data(), static_cast<uint32_t>(good.size()), &iterator), 0);
   uint32_t id = 0, size = 0;
@@ -104,29 +104,28 @@ TEST_F(HighAvailability, ChoicesAreStoredFetchedAndDeletedPerFlowVrfAndProcess) 
   const mvpn_mdt_route_addrs second = route_addrs("*", "225.0.0.1");
   const auto fill = [&] {
     for (mvpn_cibtype *mvpn : {red, blue}) {
-      EXPECT_EQ(mvpn_ha_add_encap_info(mvpn, &first, 2, addr("239.2.0.0")), 1);
-      EXPECT_EQ(mvpn_ha_add_encap_info(mvpn, &second, 3, addr("239.2.0.1")), 1);
+      EXPECT_EQ(mvpn_ha_add_encap_info(mvpn, &first, {2, addr("239.2.0.0")}), 1);
+      EXPECT_EQ(mvpn_ha_add_encap_info(mvpn, &second, {3, addr("239.2.0.1")}), 1);
     }
   };
   fill();
   const Texts all = {"7 * 225.0.0.1 3@239.2.0.1", "7 172.16.9.1 225.0.0.1 2@239.2.0.0", "8 * 225.0.0.1 3@239.2.0.1",
                      "8 172.16.9.1 225.0.0.1 2@239.2.0.0"};
   EXPECT_EQ(stored(), all);
-  uint16_t index = 0;
-  ip_addr_t group = 0;
-  EXPECT_EQ(mvpn_ha_get_encap_info(red, &first, &index, &group), 0) << "no recovery is going on";
+  mvpn_ha_encap_info_t choice{};
+  EXPECT_EQ(mvpn_ha_get_encap_info(red, &first, &choice), 0) << "no recovery is going on";
   open_recovery();
-  EXPECT_EQ(mvpn_ha_get_encap_info(red, &first, &index, &group), 1);
-  EXPECT_EQ(index, 2);
-  EXPECT_EQ(group, addr("239.2.0.0"));
-  EXPECT_EQ(mvpn_ha_get_encap_info(red, &first, nullptr, nullptr), 1);
+  EXPECT_EQ(mvpn_ha_get_encap_info(red, &first, &choice), 1);
+  EXPECT_EQ(choice.encap_index, 2);
+  EXPECT_EQ(choice.mdt_group, addr("239.2.0.0"));
+  EXPECT_EQ(mvpn_ha_get_encap_info(red, &first, nullptr), 1);
   const mvpn_mdt_route_addrs absent = route_addrs("172.16.9.2", "225.0.0.1");
-  EXPECT_EQ(mvpn_ha_get_encap_info(red, &absent, &index, &group), 0);
+  EXPECT_EQ(mvpn_ha_get_encap_info(red, &absent, &choice), 0);
   store(7, first, {1, 2, 3});
-  EXPECT_EQ(mvpn_ha_get_encap_info(red, &first, &index, &group), 0) << "an unreadable choice is none";
+  EXPECT_EQ(mvpn_ha_get_encap_info(red, &first, &choice), 0) << "an unreadable choice is none";
   for (const auto &[stored_index, usable] : {std::pair(1023, 1), std::pair(1024, 0), std::pair(65535, 0)}) {
-    EXPECT_EQ(mvpn_ha_add_encap_info(red, &first, static_cast<uint16_t>(stored_index), addr("239.2.0.0")), 1);
-    EXPECT_EQ(mvpn_ha_get_encap_info(red, &first, &index, &group), usable) << stored_index;
+    EXPECT_EQ(mvpn_ha_add_encap_info(red, &first, {static_cast<uint16_t>(stored_index), addr("239.2.0.0")}), 1);
+    EXPECT_EQ(mvpn_ha_get_encap_info(red, &first, &choice), usable) << stored_index;
   }
   fill();
   EXPECT_EQ(mvpn_ha_delete_encap_info(red, &second), 1);
@@ -141,10 +140,10 @@ TEST_F(HighAvailability, ChoicesAreStoredFetchedAndDeletedPerFlowVrfAndProcess) 
   ksink_pss_delete(pim_ha_handle, other.data(), PSS_KEY_SIZE);
 
   trace::fail("ksink_pss_update");
-  EXPECT_EQ(mvpn_ha_add_encap_info(red, &first, 2, 3), 0);
+  EXPECT_EQ(mvpn_ha_add_encap_info(red, &first, {2, 3}), 0);
   EXPECT_EQ(last_report(), "PIM_API_FAILED [ksink_pss_update()] [mvpn_ha_add_encap_info()]");
   trace::fail("mtrack_alloc");
-  EXPECT_EQ(mvpn_ha_add_encap_info(red, &first, 2, 3), 0);
+  EXPECT_EQ(mvpn_ha_add_encap_info(red, &first, {2, 3}), 0);
   EXPECT_EQ(ref::reports()[ref::reports().size() - 2].arguments.back(), "mvpn_ha_add_encap_info");
   EXPECT_EQ(ref::reports().back().arguments.back(), "mvpn_ha_add_encap_info()");
   trace::fail("ksink_pss_delete");
@@ -330,7 +329,7 @@ TEST_F(HighAvailability, StoredChoicesAreAnnouncedUnconditionally) {
   const Bytes value = value_of(2, addr("239.2.0.0"));
   const mvpn_mdt_route_addrs addrs = route_addrs("172.16.9.1", "225.0.0.1");
   store(1, addrs, value);
-  mvpn_fill_one_data_mdt_join(mvpn, 1 << 24, 2 << 24, 3 << 24);
+  mvpn_fill_one_data_mdt_join(mvpn, {1 << 24, 2 << 24, 3 << 24});
   mvpn_unconditional_announce_data_mdt_join(mvpn);
   EXPECT_EQ(announced(), Texts{}) << "no record at or behind the VRF's: nothing is sent";
   store(3, addrs, value);

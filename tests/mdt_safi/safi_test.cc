@@ -131,9 +131,10 @@ TEST_F(Safi, AnEntryLearntFromAPeerStaysThePeers) {
   const mvpn_bgp_mdt_safi *entry = static_cast<mvpn_bgp_mdt_safi *>(ravl_get_first_node(&mvpn_bgp_mdt_safi_db, 0));
   ASSERT_NE(entry, nullptr);
   EXPECT_EQ(entry->local, 0);
-  EXPECT_EQ(mvpn_bgp_mdt_safi_delete_local(value.data(), same.source, same.group), 1);
+  const mvpn_bgp_mdt_safi_key entry_key = entry->key;
+  EXPECT_EQ(mvpn_bgp_mdt_safi_delete_local(entry_key), 1);
   EXPECT_EQ(debug_count("Our MDT-SAFI is marked as non-local !"), 1u);
-  EXPECT_EQ(mvpn_bgp_mdt_safi_delete_local(value.data(), same.source, same.group), 0);
+  EXPECT_EQ(mvpn_bgp_mdt_safi_delete_local(entry_key), 0);
   EXPECT_EQ(mvpn->mti_status, MVPN_MTI_UP);
 }
 

@@ -234,7 +234,7 @@ TEST_F(Notifications, ClearingFiltersByTypeModeAndAddress) {
   start();
   mvpn_cibtype *mvpn = bring_up("red", 2, "239.1.1.1");
   const auto rebuild = [mvpn] {
-    mvpn_mrib_clear_mdt_routes(mvpn, nullptr, 0, 0, 0, 0, 0, 0);
+    mvpn_mrib_clear_mdt_routes(mvpn, {}, 0, 0);
     mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_LOCAL_DEFAULT, addr("10.0.0.1"), 1, addr("239.1.1.1"), 0);
     mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_REMOTE_DEFAULT, addr("10.0.0.2"), 1, addr("239.1.1.1"), 0);
     mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_REMOTE_DATA, 0, 1, addr("239.2.2.2"), 0);
@@ -244,25 +244,23 @@ TEST_F(Notifications, ClearingFiltersByTypeModeAndAddress) {
   const mvpn_mdt_route_addrs absent = route_addrs("10.0.0.2", "239.1.1.2");
   const mvpn_mdt_route_addrs group{0, addr("239.0.0.0"), 0, 8, {}};
   const struct {
-    const mvpn_mdt_route_addrs *filter;
-    uint32_t type, mode;
-    int shared, source;
+    mvpn_route_selection selection;
     uint32_t left;
   } cases[] = {
-      {nullptr, 0, 0, 0, 0, 0},
-      {nullptr, MVPN_MDT_ROUTE_REMOTE_DATA, 0, 0, 0, 2},
-      {nullptr, 0, MVPN_MDT_GROUP_MODE_SSM, 0, 0, 3},
-      {nullptr, 0, 0, 1, 0, 3},
-      {nullptr, 0, 0, 0, 1, 1},
-      {&exact, 0, 0, 0, 0, 3},
-      {&absent, 0, 0, 0, 0, 4},
-      {&group, 0, 0, 0, 0, 1},
-      {&exact, MVPN_MDT_ROUTE_LOCAL_DEFAULT, 0, 0, 0, 4},
+      {{}, 0},
+      {{.route_type = MVPN_MDT_ROUTE_REMOTE_DATA}, 2},
+      {{.mode = MVPN_MDT_GROUP_MODE_SSM}, 3},
+      {{.only_shared = 1}, 3},
+      {{.only_source = 1}, 1},
+      {{.filter = &exact}, 3},
+      {{.filter = &absent}, 4},
+      {{.filter = &group}, 1},
+      {{.filter = &exact, .route_type = MVPN_MDT_ROUTE_LOCAL_DEFAULT}, 4},
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(&c - cases);
     rebuild();
-    EXPECT_EQ(mvpn_mrib_clear_mdt_routes(mvpn, c.filter, c.type, c.mode, c.shared, c.source, 0, 0), c.left < 4 ? 1 : 0);
+    EXPECT_EQ(mvpn_mrib_clear_mdt_routes(mvpn, c.selection, 0, 0), c.left < 4 ? 1 : 0);
     EXPECT_EQ(mvpn->mdt_route_count, c.left);
   }
 }
@@ -274,7 +272,7 @@ TEST_F(Notifications, ClearingWithAMessageSchedulesOnlyWhatWasWritten) {
   mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_REMOTE_DATA, addr("10.0.0.2"), 1, addr("239.2.2.2"), 1);
   ref::settle();
   mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_REMOTE_DATA, addr("10.0.0.3"), 1, addr("239.2.2.2"), 0);
-  EXPECT_EQ(mvpn_mrib_clear_mdt_routes(mvpn, nullptr, 0, 0, 0, 0, 1, 1), 1);
+  EXPECT_EQ(mvpn_mrib_clear_mdt_routes(mvpn, {}, 1, 1), 1);
   EXPECT_EQ(mvpn->mdt_route_count, 2u) << "never sent: freed at once; written: scheduled";
   for (const mvpn_mdt_route *route = mvpn_mdt_mroute_first(mvpn); route != nullptr;
        route = mvpn_mdt_mroute_after(mvpn, route->source, route->group)) {
@@ -300,7 +298,7 @@ TEST_F(Notifications, ARouteRevivedDuringTheTeardownDoesNotOutliveItsVrf) {
 TEST_F(Notifications, AllSourcesOfAGroupAreTakenFromTheMrib) {
   start();
   mvpn_cibtype *mvpn = bring_up("red", 2, "239.1.1.1");
-  mvpn_mrib_clear_mdt_routes(mvpn, nullptr, 0, 0, 0, 0, 0, 0);
+  mvpn_mrib_clear_mdt_routes(mvpn, {}, 0, 0);
   ref::create_interface("ethernet1", VRF_CONTEXT_ID_DEFAULT, addr("10.0.0.50"), true);
   ref::mrib_add_route(VRF_CONTEXT_ID_DEFAULT, route_addrs("*", "239.8.8.8"), 0);
   ref::settle();

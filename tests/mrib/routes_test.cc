@@ -86,7 +86,7 @@ TEST_F(Routes, RequestsChooseTheirSourceByMode) {
         EXPECT_EQ(route->source, expected == "*" ? 0 : addr(expected));
         EXPECT_EQ(route->pending, MVPN_MDT_ROUTE_ADD_PENDING);
       }
-      mvpn_mrib_clear_mdt_routes(mvpn, nullptr, 0, 0, 0, 0, 0, 0);
+      mvpn_mrib_clear_mdt_routes(mvpn, {}, 0, 0);
     }
 }
 

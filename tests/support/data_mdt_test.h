@@ -98,7 +98,7 @@ class DataMdtTest : public ModuleTest {
   mvpn_data_mdt_recv_join_info *hear(std::string_view source, std::string_view group, std::string_view data_group,
                                      std::string_view pe = remote_pe) {
     const ip_addr_t c_src = source == "*" ? 0 : addr(source);
-    mvpn_add_data_mdt_recv_join_info(context("red"), c_src, addr(group), addr(pe), addr(data_group));
+    mvpn_add_data_mdt_recv_join_info(context("red"), {c_src, addr(group), addr(data_group)}, addr(pe));
     ref::settle();
     return mvpn_get_data_mdt_recv_join_info(context("red"), c_src, addr(group), addr(pe));
   }

@@ -286,8 +286,7 @@ TEST_F(Show, PersistedRecords) {
     mvpn_ha_make_encap_info_pss_key(&pcib, &addrs, key);
     const mvpn_ha_encap_info_t choice{1023, addr("239.255.255.255")};
     std::vector<uint8_t> value(mvpn_ha_encap_info_get_tlv_sz(&choice));
-    mvpn_ha_make_encap_info_pss_value(choice.encap_index, choice.mdt_group, value.data(),
-                                      static_cast<uint32_t>(value.size()));
+    mvpn_ha_make_encap_info_pss_value(choice, value.data(), static_cast<uint32_t>(value.size()));
     ksink_pss_update(pim_ha_handle, key, PSS_KEY_SIZE, value.data(), good ? static_cast<uint32_t>(value.size()) : 3);
   };
   store(1, "172.16.1.1", true);

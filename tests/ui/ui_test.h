@@ -97,8 +97,8 @@ class UiTest : public DataMdtTest {
   }
   static void hear_in(const std::string &vrf, std::string_view source, std::string_view group, std::string_view pe,
                       std::string_view data_group) {
-    mvpn_add_data_mdt_recv_join_info(mvpn_get_context(vrf.c_str()), source == "*" ? 0 : addr(source), addr(group),
-                                     addr(pe), addr(data_group));
+    const mvpn_data_mdt_join join = {source == "*" ? 0 : addr(source), addr(group), addr(data_group)};
+    mvpn_add_data_mdt_recv_join_info(mvpn_get_context(vrf.c_str()), join, addr(pe));
     ref::settle();
   }
   void remote_pe_of(std::string_view pe, std::string_view distinguisher, std::string_view group, bool add = true) {

@@ -256,13 +256,10 @@ MVPN_CONSTANT(MVPN_MDT_SAFI_TREE_KEY_SIZE, 12);
 
 // Entry of the MDT SAFI database. Slab object.
 struct mvpn_bgp_mdt_safi {
-  ravl_node node;     // in mvpn_bgp_mdt_safi_db
-  ip_addr_t mdt_src;  // the four fields of the key, contiguous
-  uint8_t bgp_rd[ROUTE_DISTINGUISHER_SIZE];
-  ip_addr_t mdt_grp;
-  uint8_t local;  // 1: this PE advertises it
+  ravl_node node;             // in mvpn_bgp_mdt_safi_db
+  mvpn_bgp_mdt_safi_key key;  // never changes while the entry is stored
+  uint8_t local;              // 1: this PE advertises it
 };
-static_assert(offsetof(mvpn_bgp_mdt_safi, mdt_grp) - offsetof(mvpn_bgp_mdt_safi, mdt_src) == 12);
 
 // Send-side record of a customer route; hangs on the route. Slab object.
 struct mvpn_data_mdt_send_join_info {

@@ -33,11 +33,6 @@
 
 // --------------------------------------------------------------------------------------------------- remote entries
 
-// A module-level message that shows an entry's key.
-#define SAFI_DEBUG(format, key, ...)                                                               \
-  MVPN_DEBUG(pim_null_pcib, format, mvpn_bgp_print_rd((key).bgp_rd), ip_print_addr((key).mdt_src), \
-             ip_print_addr((key).mdt_grp) __VA_OPT__(, ) __VA_ARGS__)
-
 // The VRF that uses a group. Group 0 is no group, though it is what contexts without one carry.
 static mvpn_cibtype *context_of_group(ip_addr_t group) {
   return group != 0 ? mvpn_get_context_by_mdt_group(group) : nullptr;
@@ -59,22 +54,19 @@ static bool is_refused(const mvpn_bgp_mdt_safi_key &key) {
 // An advertised entry. 0: it is new and could not be stored.
 static int advertise_entry(const mvpn_bgp_mdt_safi_key &key, mvpn_cibtype *mvpn) {
   if (is_refused(key)) return 0;
-  // Known: the stored group stays.
-  if (mvpn_bgp_get_mdt_safi_entry(&key) != nullptr) {
-    SAFI_DEBUG("Received MDT SAFI message from BGP:RD %s, src = %s, grp = %s already exists", key);
-    return 1;
+  switch (mvpn_bgp_mdt_safi_learn(key)) {
+    case mvpn_safi_lesson::failed:
+      return 0;
+    case mvpn_safi_lesson::known:
+    case mvpn_safi_lesson::renamed:
+      // The core route, if there is one, is the same.
+      return 1;
+    case mvpn_safi_lesson::added:
+      break;
   }
-  // The PE changed its RD: the core route is the same.
-  if (mvpn_bgp_mdt_safi *equivalent = mvpn_bgp_get_equivalent_mdt_safi_entry(&key)) {
-    SAFI_DEBUG("Equivalent MDT SAFI exists:RD %s, src = %s, grp = %s", *equivalent);
-    mvpn_bgp_delete_mdt_safi_entry(equivalent);
-    return mvpn_bgp_create_mdt_safi_entry(&key) != nullptr;
-  }
-  // New.
-  if (mvpn_bgp_create_mdt_safi_entry(&key) == nullptr) return 0;
   // Nobody uses the group yet.
   if (mvpn == nullptr) {
-    SAFI_DEBUG("Caching Remote MDT SAFI entry bgp-rd %s, mdt-src %s, mdt-grp %s\n", key);
+    MVPN_SAFI_DEBUG("Caching Remote MDT SAFI entry bgp-rd %s, mdt-src %s, mdt-grp %s\n", key);
     return 1;
   }
   // The bring-up takes the route from the database.
@@ -87,14 +79,14 @@ static int advertise_entry(const mvpn_bgp_mdt_safi_key &key, mvpn_cibtype *mvpn)
 
 // A withdrawn entry. mvpn: the VRF of the message's group; the route is the stored entry's, whose group may differ.
 static void withdraw_entry(mvpn_bgp_mdt_safi *entry, mvpn_cibtype *mvpn) {
-  const mvpn_bgp_mdt_safi_key stored = mvpn_bgp_mdt_safi_key_of(entry);
+  const mvpn_bgp_mdt_safi_key stored = entry->key;
   mvpn_bgp_delete_mdt_safi_entry(entry);
   if (!is_tunnel_up(mvpn)) return;
   mvpn_mdt_group_mode_t mode = MVPN_MDT_GROUP_MODE_NONE;
   const ip_addr_t route_source = mvpn_get_mdt_mroute_source_address(mvpn, stored.mdt_grp, stored.mdt_src, &mode);
   // A (*,G) route is shared by every PE; without enforcement the MRIB's sources hold the route, not BGP's.
   if (route_source != 0 && mvpn->enforce_bgp_mdt_safi == 1) {
-    SAFI_DEBUG("Deleting MDT route for MDT SAFI entry bgp-rd %s, mdt-src %s, mdt-grp %s\n", stored);
+    MVPN_SAFI_DEBUG("Deleting MDT route for MDT SAFI entry bgp-rd %s, mdt-src %s, mdt-grp %s\n", stored);
     mvpn_mdt_delete_route_resources(mvpn, route_source, stored.mdt_grp, 0);
   }
   mvpn_mrib_trigger_rpf_lookup(mvpn);
@@ -102,7 +94,7 @@ static void withdraw_entry(mvpn_bgp_mdt_safi *entry, mvpn_cibtype *mvpn) {
 
 int mvpn_bgp_update_mdt_safi(mvpn_bgp_mdt_safi_key key, int add, int eor) {
   mvpn_cibtype *mvpn = context_of_group(key.mdt_grp);
-  SAFI_DEBUG("Received an MDT SAFI message from BGP:RD %s, src = %s, grp = %s add = %d eor = %d", key, add, eor);
+  MVPN_SAFI_DEBUG("Received an MDT SAFI message from BGP:RD %s, src = %s, grp = %s add = %d eor = %d", key, add, eor);
   if (add != 0) return advertise_entry(key, mvpn);
   if (mvpn_bgp_mdt_safi *entry = mvpn_bgp_get_mdt_safi_entry(&key)) withdraw_entry(entry, mvpn);
   return 1;

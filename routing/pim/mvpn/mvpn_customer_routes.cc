@@ -90,8 +90,8 @@ void mvpn_unconditional_announce_data_mdt_join(mvpn_cibtype *mvpn) {
     return;
   }
   const mvpn_vrf_handle vrf(mvpn);
-  for (const mvpn_data_mdt_join &a : announcements) {
-    mvpn_fill_one_data_mdt_join(mvpn, a.c_src, a.c_grp, a.p_grp);
+  for (const mvpn_data_mdt_join &announcement : announcements) {
+    mvpn_fill_one_data_mdt_join(mvpn, announcement);
     if (!vrf.same()) return;  // a full packet was sent, and the VRF went away meanwhile
   }
   mvpn_send_data_mdt_join_packet(mvpn, 1);

@@ -64,10 +64,10 @@ uint32_t pool_size(const mvpn_data_mdt_range *range) {
 }
 
 // Lowest index of a data MDT whose entry is `group` (0: a free one); MVPN_ENCAP_INDEXES when there is none.
-uint32_t find_index(const mvpn_cibtype *mvpn, ip_addr_t group) {
+uint16_t find_index(const mvpn_cibtype *mvpn, ip_addr_t group) {
   const ip_addr_t *begin = mvpn->mdt_encap_group;
   const ip_addr_t *end = begin + MVPN_ENCAP_INDEXES;
-  return static_cast<uint32_t>(std::find(begin + MVPN_ENCAP_INDEX_FIRST_DATA, end, group) - begin);
+  return static_cast<uint16_t>(std::find(begin + MVPN_ENCAP_INDEX_FIRST_DATA, end, group) - begin);
 }
 
 // The slot that a new flow gets: the least used of all while an index is free, else the least used of those in use; the
@@ -90,39 +90,40 @@ uint32_t choose_slot(const mvpn_cibtype *mvpn, const mvpn_data_mdt_range *range,
 // Reuses the choice that was persisted before a restart. An index is believed only when it can be a data MDT's and its
 // entry is free or the group's; a group that is in use keeps the index it has.
 bool take_persisted(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, mvpn_data_mdt_range *range,
-                    mvpn_data_mdt_choice *choice) {
-  uint16_t index = 0;
-  ip_addr_t group = 0;
-  if (mvpn_ha_get_encap_info(mvpn, key, &index, &group) == 0) return false;
+                    mvpn_ha_encap_info_t *choice) {
+  mvpn_ha_encap_info_t stored{};
+  if (mvpn_ha_get_encap_info(mvpn, key, &stored) == 0) return false;
+  const ip_addr_t group = stored.mdt_group;
   if (!in_range(range, group)) {
     MVPN_DEBUG(mvpn->pcib, "Data mdt Group %s doesn't fall in %s", ip_print_addr(group),
                ip_print_prefix(range->prefix, range->masklen));
     return false;
   }
   if (group == mvpn->mdt_default_group) return false;
-  uint32_t used = find_index(mvpn, group);
-  if (used == MVPN_ENCAP_INDEXES) {
+  uint16_t index = find_index(mvpn, group);
+  if (index == MVPN_ENCAP_INDEXES) {
+    index = stored.encap_index;
     if (index < MVPN_ENCAP_INDEX_FIRST_DATA || index >= MVPN_ENCAP_INDEXES || mvpn->mdt_encap_group[index] != 0)
       return false;
     if (mvpn_add_mdt_encap_info(mvpn, group, index) == 0) return false;
-    used = index;
   }
   // A group beyond the first 1024 of its range has no count.
   const uint32_t slot = mvpn_data_mdt_pool_slot(range, group);
   if (slot < MVPN_DATA_MDT_POOL_GROUPS) range->group_refcount[slot]++;
+  *choice = {index, group};
   // The store follows: after the recovery period a record of another index would be taken for nobody's.
-  if (used != index) mvpn_ha_add_encap_info(mvpn, key, used, group);
-  *choice = {group, used};
+  if (index != stored.encap_index) mvpn_ha_add_encap_info(mvpn, key, *choice);
   return true;
 }
 
 bool take_fresh(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, mvpn_data_mdt_range *range,
-                mvpn_data_mdt_choice *choice) {
-  const uint32_t free_index = find_index(mvpn, 0);
+                mvpn_ha_encap_info_t *choice) {
+  const uint16_t free_index = find_index(mvpn, 0);
   const uint32_t slot = choose_slot(mvpn, range, free_index < MVPN_ENCAP_INDEXES);
   const ip_addr_t group = range->prefix + slot;
   if (group == mvpn->mdt_default_group) return false;  // the range has no other
-  uint32_t index = range->group_refcount[slot] != 0 ? find_index(mvpn, group) : MVPN_ENCAP_INDEXES;
+  uint16_t index = MVPN_ENCAP_INDEXES;
+  if (range->group_refcount[slot] != 0) index = find_index(mvpn, group);
   if (index == MVPN_ENCAP_INDEXES) {
     // Not in use: a free index, when there is one and the MRIB takes it.
     index = free_index;
@@ -130,8 +131,8 @@ bool take_fresh(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, mvpn_data_m
     range->group_refcount[slot] = 0;
   }
   range->group_refcount[slot]++;
-  mvpn_ha_add_encap_info(mvpn, key, index, group);
-  *choice = {group, index};
+  *choice = {index, group};
+  mvpn_ha_add_encap_info(mvpn, key, *choice);
   return true;
 }
 
@@ -193,7 +194,7 @@ uint32_t mvpn_data_mdt_pool_slot(const mvpn_data_mdt_range *range, ip_addr_t gro
 }
 
 bool mvpn_take_data_mdt_group(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, mvpn_data_mdt_range *range,
-                              mvpn_data_mdt_choice *choice) {
+                              mvpn_ha_encap_info_t *choice) {
   return take_persisted(mvpn, key, range, choice) || take_fresh(mvpn, key, range, choice);
 }
 
@@ -225,7 +226,7 @@ uint32_t mvpn_increment_data_mdt_group_refcount(mvpn_cibtype *mvpn, mvpn_data_md
   const uint32_t slot = mvpn_data_mdt_pool_slot(range, group);
   if (slot == MVPN_DATA_MDT_POOL_GROUPS) return 0;
   range->group_refcount[slot]++;
-  if (no_persist == 0) mvpn_ha_add_encap_info(mvpn, key, encap_index, group);
+  if (no_persist == 0) mvpn_ha_add_encap_info(mvpn, key, {static_cast<uint16_t>(encap_index), group});
   return range->group_refcount[slot];
 }
 

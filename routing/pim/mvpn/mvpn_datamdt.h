@@ -29,7 +29,7 @@ void mvpn_deinit_udp();
 void mvpn_mdt_join_init_packet(mvpn_cibtype *mvpn);
 // Gives the VRF's packet back; nothing when it has none.
 void mvpn_free_join_packet(mvpn_cibtype *mvpn);
-void mvpn_fill_one_data_mdt_join(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_addr_t c_grp, ip_addr_t p_grp);
+void mvpn_fill_one_data_mdt_join(mvpn_cibtype *mvpn, const mvpn_data_mdt_join &join);
 void *mvpn_udp_main(void *argument);
 // One received datagram of n bytes in mvpn_recv_data_mdt_join_pkt, from interface iod.
 void mvpn_process_data_mdt_join(uint16_t iod, size_t n);
@@ -73,12 +73,12 @@ void mvpn_data_mdt_unmap_receiver_from_local_source(mvpn_cibtype *mvpn, pim_rout
 // Receive cache.
 void mvpn_build_data_mdt_recv_join_info_pt_key(ip_addr_t c_src, ip_addr_t c_grp, ip_addr_t p_src,
                                                uint8_t key[MVPN_RECV_KEY_BYTES]);
-void mvpn_add_data_mdt_recv_join_info(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_addr_t c_grp, ip_addr_t p_src,
-                                      ip_addr_t p_grp);
+// p_src: the announcing PE.
+void mvpn_add_data_mdt_recv_join_info(mvpn_cibtype *mvpn, const mvpn_data_mdt_join &join, ip_addr_t p_src);
 mvpn_data_mdt_recv_join_info *mvpn_get_data_mdt_recv_join_info(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_addr_t c_grp,
                                                                ip_addr_t p_src);
-mvpn_data_mdt_recv_join_info *mvpn_create_data_mdt_recv_join_info(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_addr_t c_grp,
-                                                                  ip_addr_t p_src, ip_addr_t p_grp);
+mvpn_data_mdt_recv_join_info *mvpn_create_data_mdt_recv_join_info(mvpn_cibtype *mvpn, const mvpn_data_mdt_join &join,
+                                                                  ip_addr_t p_src);
 void mvpn_destroy_data_mdt_recv_join_info(mvpn_cibtype *mvpn, mvpn_data_mdt_recv_join_info *record);
 void mvpn_destroy_data_mdt_recv_cache(mvpn_cibtype *mvpn, ip_addr_t p_src);  // 0: every PE. Yields.
 void mvpn_update_data_mdt_recv_join_stats_info(mvpn_cibtype *mvpn, int is_new, mvpn_data_mdt_recv_join_info *record);

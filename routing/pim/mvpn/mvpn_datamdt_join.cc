@@ -101,16 +101,26 @@ uint32_t prepare_packet(mvpn_cibtype *mvpn) {
   return limit;
 }
 
-void append_entry(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_addr_t c_grp, ip_addr_t p_grp) {
-  uint8_t *datagram = datagram_of(mvpn);
-  const uint32_t length = length_of(mvpn);
-  uint8_t *entry = datagram + length;
+// The one place that writes an entry, and the one that reads one; read: false for what is no Join entry.
+void write_entry(const mvpn_data_mdt_join &join, uint8_t *entry) {
   std::memset(entry, 0, kEntrySize);
   entry[kType] = kJoinEntryType;
   store_be16(entry + kLength, kEntrySize);
-  store_be32(entry + kCSource, c_src);
-  store_be32(entry + kCGroup, c_grp);
-  store_be32(entry + kPGroup, p_grp);
+  store_be32(entry + kCSource, join.c_src);
+  store_be32(entry + kCGroup, join.c_grp);
+  store_be32(entry + kPGroup, join.p_grp);
+}
+
+bool read_entry(const uint8_t *entry, mvpn_data_mdt_join *join) {
+  if (entry[kType] != kJoinEntryType || load_be16(entry + kLength) != kEntrySize) return false;
+  *join = {load_be32(entry + kCSource), load_be32(entry + kCGroup), load_be32(entry + kPGroup)};
+  return true;
+}
+
+void append_entry(mvpn_cibtype *mvpn, const mvpn_data_mdt_join &join) {
+  uint8_t *datagram = datagram_of(mvpn);
+  const uint32_t length = length_of(mvpn);
+  write_entry(join, datagram + length);
   set_length(mvpn, length + kEntrySize);
   store_be16(datagram + kUdpLength, static_cast<uint16_t>(load_be16(datagram + kUdpLength) + kEntrySize));
   store_host(datagram + kTotalLength, static_cast<uint16_t>(length + kEntrySize));
@@ -183,13 +193,11 @@ mvpn_cibtype *receiving_vrf(uint16_t iod) {
 void take_entries(mvpn_cibtype *mvpn, const uint8_t *entry, uint32_t remaining, ip_addr_t peer) {
   const mvpn_vrf_handle vrf(mvpn);
   for (; remaining >= kEntrySize && vrf.same(); remaining -= kEntrySize, entry += kEntrySize) {
-    if (entry[kType] != kJoinEntryType || load_be16(entry + kLength) != kEntrySize) continue;
-    const ip_addr_t c_src = load_be32(entry + kCSource);
-    const ip_addr_t c_grp = load_be32(entry + kCGroup);
-    const ip_addr_t p_grp = load_be32(entry + kPGroup);
-    MVPN_DEBUG_DETAIL(mvpn->pcib, "MDT Join Entry: c_src = %s, c_grp = %s, p_grp = %s", ip_print_addr(c_src),
-                      ip_print_addr(c_grp), ip_print_addr(p_grp));
-    mvpn_add_data_mdt_recv_join_info(mvpn, c_src, c_grp, peer, p_grp);
+    mvpn_data_mdt_join join;
+    if (!read_entry(entry, &join)) continue;
+    MVPN_DEBUG_DETAIL(mvpn->pcib, "MDT Join Entry: c_src = %s, c_grp = %s, p_grp = %s", ip_print_addr(join.c_src),
+                      ip_print_addr(join.c_grp), ip_print_addr(join.p_grp));
+    mvpn_add_data_mdt_recv_join_info(mvpn, join, peer);
   }
 }
 
@@ -278,7 +286,7 @@ void mvpn_mdt_join_init_packet(mvpn_cibtype *mvpn) {
   set_length(mvpn, kEntries);
 }
 
-void mvpn_fill_one_data_mdt_join(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_addr_t c_grp, ip_addr_t p_grp) {
+void mvpn_fill_one_data_mdt_join(mvpn_cibtype *mvpn, const mvpn_data_mdt_join &join) {
   if (mvpn == nullptr || mvpn->pcib == nullptr) return;
   uint32_t room = prepare_packet(mvpn);
   if (room == 0) return;
@@ -290,7 +298,7 @@ void mvpn_fill_one_data_mdt_join(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_addr_t 
     room = prepare_packet(mvpn);
     if (room == 0 || room < length_of(mvpn) + kEntrySize) return;
   }
-  append_entry(mvpn, c_src, c_grp, p_grp);
+  append_entry(mvpn, join);
 }
 
 void mvpn_send_data_mdt_join_packet(mvpn_cibtype *mvpn, int release) {

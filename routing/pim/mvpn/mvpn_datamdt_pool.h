@@ -4,19 +4,13 @@
 
 #include "routing/pim/mvpn/mvpn.h"
 
-// A group and the encapsulation index that stands for it.
-struct mvpn_data_mdt_choice {
-  ip_addr_t group = 0;
-  uint32_t index = 0;
-};
-
 // What to say when a core route loses its last referer.
 using mvpn_release_trace = void (*)(mvpn_cibtype *mvpn, const mvpn_mdt_route *route);
 
 // Takes a group of the range for a flow: counts it, binds its index and persists the choice. False: there is none, or
 // the MRIB refused it; nothing has changed then.
 bool mvpn_take_data_mdt_group(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, mvpn_data_mdt_range *range,
-                              mvpn_data_mdt_choice *choice);
+                              mvpn_ha_encap_info_t *choice);
 
 // Gives a taken group back: the count and the persisted choice; with the last flow the index and the core route (null:
 // none), whose deletion wakes the worker when wakeup is 1.

@@ -146,23 +146,22 @@ void mvpn_build_data_mdt_recv_join_info_pt_key(ip_addr_t c_src, ip_addr_t c_grp,
   store_be32(key + 8, p_src);
 }
 
-void mvpn_add_data_mdt_recv_join_info(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_addr_t c_grp, ip_addr_t p_src,
-                                      ip_addr_t p_grp) {
-  if (!mvpn_is_multicast(p_grp)) {
-    note_invalid_group(mvpn, p_grp, p_src);
+void mvpn_add_data_mdt_recv_join_info(mvpn_cibtype *mvpn, const mvpn_data_mdt_join &join, ip_addr_t p_src) {
+  if (!mvpn_is_multicast(join.p_grp)) {
+    note_invalid_group(mvpn, join.p_grp, p_src);
     return;
   }
   // Only the PE towards the source is believed.
-  if (c_src != 0) {
-    const mvpn_mdt_route_addrs addrs = s_g_addrs(c_src, c_grp);
+  if (join.c_src != 0) {
+    const mvpn_mdt_route_addrs addrs = s_g_addrs(join.c_src, join.c_grp);
     const pim_route *croute = pim_get_route_from_pt(mvpn->pcib, &addrs);
     if (croute != nullptr && croute->rpf_neighbor != p_src) {
       MVPN_DEBUG(mvpn->pcib, "RPF check for %s differs from %s", mrib_print_addrs(&addrs), ip_print_addr(p_src));
       return;
     }
   }
-  Record *record = mvpn_get_data_mdt_recv_join_info(mvpn, c_src, c_grp, p_src);
-  if (record != nullptr && record->p_grp == p_grp) {
+  Record *record = mvpn_get_data_mdt_recv_join_info(mvpn, join.c_src, join.c_grp, p_src);
+  if (record != nullptr && record->p_grp == join.p_grp) {
     mvpn_update_data_mdt_recv_join_stats_info(mvpn, 0, record);
     return;
   }
@@ -170,8 +169,8 @@ void mvpn_add_data_mdt_recv_join_info(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_ad
     mvpn_destroy_data_mdt_recv_join_info(mvpn, record);
   else
     MVPN_DEBUG(mvpn->pcib, "Creating new receive cache mapping c_src %s, c_grp %s, p_src %s p_grp %s",
-               ip_print_addr(c_src), ip_print_addr(c_grp), ip_print_addr(p_src), ip_print_addr(p_grp));
-  mvpn_create_data_mdt_recv_join_info(mvpn, c_src, c_grp, p_src, p_grp);
+               ip_print_addr(join.c_src), ip_print_addr(join.c_grp), ip_print_addr(p_src), ip_print_addr(join.p_grp));
+  mvpn_create_data_mdt_recv_join_info(mvpn, join, p_src);
 }
 
 Record *mvpn_get_data_mdt_recv_join_info(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_addr_t c_grp, ip_addr_t p_src) {
@@ -182,8 +181,7 @@ Record *mvpn_get_data_mdt_recv_join_info(mvpn_cibtype *mvpn, ip_addr_t c_src, ip
   return node != nullptr ? static_cast<Record *>(pt_node_data(node)) : nullptr;
 }
 
-Record *mvpn_create_data_mdt_recv_join_info(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_addr_t c_grp, ip_addr_t p_src,
-                                            ip_addr_t p_grp) {
+Record *mvpn_create_data_mdt_recv_join_info(mvpn_cibtype *mvpn, const mvpn_data_mdt_join &join, ip_addr_t p_src) {
   if (mvpn->data_mdt_recv_count >= mvpn_data_mdt_recv_cache_limit) {
     note_full_cache(mvpn);
     return nullptr;
@@ -191,22 +189,22 @@ Record *mvpn_create_data_mdt_recv_join_info(mvpn_cibtype *mvpn, ip_addr_t c_src,
   auto *record = static_cast<Record *>(slab_calloc(mvpn_slabs[MVPN_SLAB_RECV_JOIN_INFO]));
   if (record == nullptr) {
     mvpn_report(msg_error_PIM_MALLOC, sizeof(Record), "mvpn_create_data_mdt_recv_join_info()");
-    MVPN_DEBUG(mvpn->pcib, "slab alloc failed c_src %s, c_grp %s, p_src %s, p_grp %s", ip_print_addr(c_src),
-               ip_print_addr(c_grp), ip_print_addr(p_src), ip_print_addr(p_grp));
+    MVPN_DEBUG(mvpn->pcib, "slab alloc failed c_src %s, c_grp %s, p_src %s, p_grp %s", ip_print_addr(join.c_src),
+               ip_print_addr(join.c_grp), ip_print_addr(p_src), ip_print_addr(join.p_grp));
     return nullptr;
   }
-  record->c_src = c_src;
-  record->c_grp = c_grp;
+  record->c_src = join.c_src;
+  record->c_grp = join.c_grp;
   record->p_src = p_src;
-  record->p_grp = p_grp;
+  record->p_grp = join.p_grp;
   mvpn_update_data_mdt_recv_join_stats_info(mvpn, 1, record);
   uint8_t key[MVPN_RECV_KEY_BYTES];
-  mvpn_build_data_mdt_recv_join_info_pt_key(c_src, c_grp, p_src, key);
+  mvpn_build_data_mdt_recv_join_info_pt_key(join.c_src, join.c_grp, p_src, key);
   if (pt_add(mvpn_data_mdt_info_pt_attr, &mvpn->data_mdt_recv_cache, MVPN_RECV_KEY_BYTES, key, kKeyBits, record) != 0) {
     mvpn_report(msg_error_PIM_PT_ADD, "Data MDT recv info cache");
     slab_free(mvpn_slabs[MVPN_SLAB_RECV_JOIN_INFO], record);
     MVPN_DEBUG(mvpn->pcib, "Unable to add entry to receive cache. c_src %s, c_grp %s, p_src %s, p_grp %s",
-               ip_print_addr(c_src), ip_print_addr(c_grp), ip_print_addr(p_src), ip_print_addr(p_grp));
+               ip_print_addr(join.c_src), ip_print_addr(join.c_grp), ip_print_addr(p_src), ip_print_addr(join.p_grp));
     return nullptr;
   }
   mvpn->data_mdt_recv_count++;

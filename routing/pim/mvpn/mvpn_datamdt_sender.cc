@@ -81,7 +81,7 @@ void announce(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, const pim_rou
   mvpn_data_mdt_send_join_info *record = croute->send_join_info;
   if (record == nullptr || record->encap_index < MVPN_ENCAP_INDEX_FIRST_DATA) return;
   record->join_count++;
-  mvpn_fill_one_data_mdt_join(mvpn, key->source, key->group, record->group);
+  mvpn_fill_one_data_mdt_join(mvpn, {key->source, key->group, record->group});
 }
 
 }  // namespace
@@ -113,19 +113,19 @@ void mvpn_start_switchover_to_data_mdt(mvpn_cibtype *mvpn, const mvpn_mdt_route_
     return;
   }
   if (record->config == nullptr || record->mdt_route != nullptr) return;
-  mvpn_data_mdt_choice choice;
+  mvpn_ha_encap_info_t choice{};
   if (!mvpn_take_data_mdt_group(mvpn, key, record->config, &choice)) return;
   mvpn_mdt_route *route =
-      mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_LOCAL_DATA, mvpn->mdt_source_addr, 0, choice.group, 0);
+      mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_LOCAL_DATA, mvpn->mdt_source_addr, 0, choice.mdt_group, 0);
   if (route == nullptr || mvpn_mdt_mroute_link_referer(route, croute) == 0) {
-    mvpn_give_back_data_mdt_group(mvpn, record->config, choice.group, key, route, 0,
+    mvpn_give_back_data_mdt_group(mvpn, record->config, choice.mdt_group, key, route, 0,
                                   [](mvpn_cibtype *, const mvpn_mdt_route *) {});
     return;
   }
   record->mdt_route = route;
-  record->group = choice.group;
+  record->group = choice.mdt_group;
   zeph_sys_mclock_get(&record->switch_time);
-  mvpn_set_encap_index_for_customer_route(mvpn, croute, choice.index);
+  mvpn_set_encap_index_for_customer_route(mvpn, croute, choice.encap_index);
   record->state = MVPN_DATA_MDT_STATE_SWITCHOVER_PENDING;
   mvpn_add_entry_to_switchover_cache(mvpn, key, croute);
   mvpn_data_mdt_map_receiver_to_remote_source(mvpn, croute, key);
@@ -194,7 +194,7 @@ void mvpn_data_mdt_map_receiver_to_local_source(mvpn_cibtype *mvpn, const mvpn_m
   mvpn_mrib_wakeup_worker_thread();
   if (record->encap_index < MVPN_ENCAP_INDEX_FIRST_DATA) return;
   const mvpn_vrf_handle vrf(mvpn);
-  mvpn_fill_one_data_mdt_join(mvpn, working.source, working.group, record->group);
+  mvpn_fill_one_data_mdt_join(mvpn, {working.source, working.group, record->group});
   if (vrf.same()) mvpn_send_data_mdt_join_packet(mvpn, 0);
 }
 

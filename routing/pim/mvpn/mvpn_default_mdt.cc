@@ -189,7 +189,7 @@ void mvpn_repopulate_default_mdt_routes_from_bgp_cache(mvpn_cibtype *mvpn) {
   const ip_addr_t group = mvpn->mdt_default_group;
   const mvpn_bgp_mdt_safi *entry = mvpn_bgp_mdt_safi_of_group_after(group, nullptr);
   while (entry != nullptr) {
-    const mvpn_bgp_mdt_safi_key key = mvpn_bgp_mdt_safi_key_of(entry);
+    const mvpn_bgp_mdt_safi_key key = entry->key;
     mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_REMOTE_DEFAULT, key.mdt_src, 0, group, 0);
     entry = mvpn_bgp_mdt_safi_of_group_after(group, &key);
   }
@@ -236,7 +236,7 @@ void mvpn_default_tunnel_up(mvpn_cibtype *mvpn, im_iod_t mti_iod) {
 static bool drop_announcements_and_routes(const mvpn_vrf_handle &vrf, mvpn_cibtype *mvpn, int send) {
   mvpn_destroy_data_mdt_recv_cache(mvpn, 0);
   if (!vrf.same()) return false;
-  mvpn_mrib_clear_mdt_routes(mvpn, nullptr, 0, 0, 0, 0, 1, send);
+  mvpn_mrib_clear_mdt_routes(mvpn, {}, 1, send);
   return vrf.same();
 }
 
@@ -331,7 +331,7 @@ void mvpn_start_destroy_default_mdt(mvpn_cibtype *mvpn) {
 // VRF that was down.
 static bool drop_leftovers_in_mrib(const mvpn_vrf_handle &vrf, mvpn_cibtype *mvpn) {
   if (mvpn_is_stopping() || mvpn_mrib_info == nullptr) {
-    mvpn_mrib_clear_mdt_routes(mvpn, nullptr, 0, 0, 0, 0, 1, 0);
+    mvpn_mrib_clear_mdt_routes(mvpn, {}, 1, 0);
     return vrf.same();
   }
   mvpn_mrib_withdraw_mdt_routes(mvpn);

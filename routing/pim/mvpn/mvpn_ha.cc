@@ -67,9 +67,9 @@ int mvpn_ha_make_mdt_safi_pss_key(const mvpn_bgp_mdt_safi *entry, uint8_t *key) 
   std::memset(key, 0, PSS_KEY_SIZE);
   key[MVPN_PSS_KEY_TYPE] = MVPN_PSS_MDT_SAFI;
   if (entry == nullptr) return 1;
-  store_be32(key + PSS_SAFI_KEY_SOURCE, entry->mdt_src);
-  std::memcpy(key + PSS_SAFI_KEY_RD, entry->bgp_rd, sizeof entry->bgp_rd);
-  store_be32(key + PSS_SAFI_KEY_GROUP, entry->mdt_grp);
+  store_be32(key + PSS_SAFI_KEY_SOURCE, entry->key.mdt_src);
+  std::memcpy(key + PSS_SAFI_KEY_RD, entry->key.bgp_rd, sizeof entry->key.bgp_rd);
+  store_be32(key + PSS_SAFI_KEY_GROUP, entry->key.mdt_grp);
   return 1;
 }
 
@@ -134,17 +134,9 @@ int mvpn_ha_encap_info_get_field(const uint8_t *tlv, uint32_t length, uint32_t i
   return tlvu_table_get_field(&mvpn_ha_encap_info_tbl, tlv, length, id, value, size);
 }
 
-static mvpn_ha_encap_info_t encap_info(uint32_t encap_index, ip_addr_t mdt_group) {
-  mvpn_ha_encap_info_t record{};
-  record.encap_index = static_cast<uint16_t>(encap_index);
-  record.mdt_group = mdt_group;
-  return record;
-}
-
-int mvpn_ha_make_encap_info_pss_value(uint32_t encap_index, ip_addr_t mdt_group, uint8_t *buffer, uint32_t size) {
-  const mvpn_ha_encap_info_t record = encap_info(encap_index, mdt_group);
+int mvpn_ha_make_encap_info_pss_value(const mvpn_ha_encap_info_t &choice, uint8_t *buffer, uint32_t size) {
   uint32_t written = 0;
-  return mvpn_ha_encap_info_to_tlv(&record, buffer, size, &written);
+  return mvpn_ha_encap_info_to_tlv(&choice, buffer, size, &written);
 }
 
 int mvpn_ha_get_encap_info_by_pss_value(const uint8_t *tlv, uint32_t length, mvpn_ha_encap_info_t *record) {
@@ -153,21 +145,19 @@ int mvpn_ha_get_encap_info_by_pss_value(const uint8_t *tlv, uint32_t length, mvp
 
 // ---------------------------------------------------------------------------------------------- store, fetch, delete
 
-int mvpn_ha_add_encap_info(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *addrs, uint32_t encap_index,
-                           ip_addr_t mdt_group) {
+int mvpn_ha_add_encap_info(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *addrs, const mvpn_ha_encap_info_t &choice) {
   MVPN_DEBUG(mvpn->pcib, "Storing MVPN encap info for %s, encap-index %u MDT Group %s", mrib_print_addrs(addrs),
-             encap_index, ip_print_addr(mdt_group));
+             unsigned{choice.encap_index}, ip_print_addr(choice.mdt_group));
   uint8_t key[PSS_KEY_SIZE];
   mvpn_ha_make_encap_info_pss_key(mvpn->pcib, addrs, key);
-  const mvpn_ha_encap_info_t record = encap_info(encap_index, mdt_group);
-  const uint32_t size = mvpn_ha_encap_info_get_tlv_sz(&record);
+  const uint32_t size = mvpn_ha_encap_info_get_tlv_sz(&choice);
   const tracked_ptr<void> value(mvpn_tracked_alloc(MTRACK_MVPN_GENERAL, size, size, "routing/pim/mvpn/mvpn_ha",
                                                    __LINE__, "mvpn_ha_add_encap_info"));
   if (value == nullptr) {
     mvpn_report(msg_error_PIM_MALLOC, size, "mvpn_ha_add_encap_info()");
     return 0;
   }
-  const int code = mvpn_ha_make_encap_info_pss_value(encap_index, mdt_group, static_cast<uint8_t *>(value.get()), size);
+  const int code = mvpn_ha_make_encap_info_pss_value(choice, static_cast<uint8_t *>(value.get()), size);
   if (code != TLVU_OK) return 0;
   if (ksink_pss_update(pim_ha_handle, key, PSS_KEY_SIZE, value.get(), size) == 0) {
     mvpn_report(msg_error_PIM_API_FAILED, "ksink_pss_update()", "mvpn_ha_add_encap_info()");
@@ -176,8 +166,7 @@ int mvpn_ha_add_encap_info(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *addrs
   return 1;
 }
 
-int mvpn_ha_get_encap_info(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *addrs, uint16_t *encap_index,
-                           ip_addr_t *mdt_group) {
+int mvpn_ha_get_encap_info(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *addrs, mvpn_ha_encap_info_t *choice) {
   if (mvpn_ha_recovery_timer == nullptr) return 0;
   MVPN_DEBUG(mvpn->pcib, "Retrieving MVPN encap info for %s", mrib_print_addrs(addrs));
   uint8_t key[PSS_KEY_SIZE];
@@ -197,8 +186,7 @@ int mvpn_ha_get_encap_info(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *addrs
                MVPN_ENCAP_INDEXES);
     return 0;
   }
-  if (encap_index != nullptr) *encap_index = record.encap_index;
-  if (mdt_group != nullptr) *mdt_group = record.mdt_group;
+  if (choice != nullptr) *choice = record;
   return 1;
 }
 

@@ -47,15 +47,14 @@ int mvpn_ha_encap_info_field_get_next(tlvu_field_iterator *iterator, uint32_t *i
                                       uint32_t *size);
 int mvpn_ha_encap_info_get_field(const uint8_t *tlv, uint32_t length, uint32_t id, const uint8_t **value,
                                  uint32_t *size);
-int mvpn_ha_make_encap_info_pss_value(uint32_t encap_index, ip_addr_t mdt_group, uint8_t *buffer, uint32_t size);
+int mvpn_ha_make_encap_info_pss_value(const mvpn_ha_encap_info_t &choice, uint8_t *buffer, uint32_t size);
 int mvpn_ha_get_encap_info_by_pss_value(const uint8_t *tlv, uint32_t length, mvpn_ha_encap_info_t *record);
 
-// Encapsulation choice of a flow: store (1 when stored), fetch (only while the recovery period is open), delete: the
-// flow's, the VRF's (addrs null), every VRF's (both null); delete returns 1.
-int mvpn_ha_add_encap_info(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *addrs, uint32_t encap_index,
-                           ip_addr_t mdt_group);
-int mvpn_ha_get_encap_info(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *addrs, uint16_t *encap_index,
-                           ip_addr_t *mdt_group);
+// Encapsulation choice of a flow: store (1 when stored), fetch (1 when there is one, only while the recovery period is
+// open; *choice, when given, receives it), delete: the flow's, the VRF's (addrs null), every VRF's (both null); delete
+// returns 1.
+int mvpn_ha_add_encap_info(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *addrs, const mvpn_ha_encap_info_t &choice);
+int mvpn_ha_get_encap_info(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *addrs, mvpn_ha_encap_info_t *choice);
 int mvpn_ha_delete_encap_info(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *addrs);
 
 // Hooks at the points where MDT SAFI entries and BGP's update source change. Both are learnt from BGP again after a

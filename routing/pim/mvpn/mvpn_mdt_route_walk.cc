@@ -35,23 +35,15 @@ static mvpn_mdt_route *next_candidate(mvpn_cibtype *mvpn, const mvpn_mdt_route_a
   return is_exact(filter) ? nullptr : mvpn_mdt_mroute_after(mvpn, source, group);
 }
 
+static bool selects(const mvpn_route_selection &selection, const mvpn_mdt_route *route) {
+  if (selection.route_type != 0 && route->route_type != selection.route_type) return false;
+  if (selection.mode != 0 && route->mode != selection.mode) return false;
+  if (selection.only_shared != 0 && route->source != 0) return false;
+  if (selection.only_source != 0 && route->source == 0) return false;
+  return matches(selection.filter, route);
+}
+
 namespace {
-
-struct route_selection {
-  const mvpn_mdt_route_addrs *filter;
-  uint32_t route_type;  // 0: any
-  uint32_t mode;        // 0: any
-  int only_shared;
-  int only_source;
-
-  bool selects(const mvpn_mdt_route *route) const {
-    if (route_type != 0 && route->route_type != route_type) return false;
-    if (mode != 0 && route->mode != mode) return false;
-    if (only_shared != 0 && route->source != 0) return false;
-    if (only_source != 0 && route->source == 0) return false;
-    return matches(filter, route);
-  }
-};
 
 // What becomes of the routes that a walk selects and the MRIB holds.
 enum class disposal {
@@ -83,7 +75,7 @@ static void schedule_deletion(mvpn_mdt_route *route, uint8_t teardown) {
 }
 
 // 1: a route was dropped or scheduled, or the VRF went away.
-static int clear_routes(mvpn_cibtype *mvpn, const route_selection &selection, uint8_t teardown, disposal how) {
+static int clear_routes(mvpn_cibtype *mvpn, const mvpn_route_selection &selection, uint8_t teardown, disposal how) {
   const mvpn_vrf_handle vrf(mvpn);
   uint32_t scheduled = 0, dropped = 0;
   mvpn_mdt_route *route = first_candidate(mvpn, selection.filter);
@@ -93,7 +85,7 @@ static int clear_routes(mvpn_cibtype *mvpn, const route_selection &selection, ui
                "Examining MDT route for deletion:route_type = %d, mode = %d, source = %s, group = %s in_mrib = %d",
                static_cast<int>(route->route_type), static_cast<int>(route->mode), ip_print_addr(source),
                ip_print_addr(group), static_cast<int>(route->in_mrib));
-    if (selection.selects(route)) {
+    if (selects(selection, route)) {
       if (route->in_mrib != 0 && how == disposal::schedule) {
         schedule_deletion(route, teardown);
         scheduled += 1;
@@ -107,11 +99,9 @@ static int clear_routes(mvpn_cibtype *mvpn, const route_selection &selection, ui
   return scheduled + dropped != 0;
 }
 
-int mvpn_mrib_clear_mdt_routes(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *filter, uint32_t route_type,
-                               uint32_t mode, int only_shared, int only_source, uint8_t teardown, int send) {
+int mvpn_mrib_clear_mdt_routes(mvpn_cibtype *mvpn, const mvpn_route_selection &selection, uint8_t teardown, int send) {
   const mvpn_vrf_handle vrf(mvpn);
-  const int cleared = clear_routes(mvpn, {filter, route_type, mode, only_shared, only_source}, teardown,
-                                   send != 0 ? disposal::schedule : disposal::forget);
+  const int cleared = clear_routes(mvpn, selection, teardown, send != 0 ? disposal::schedule : disposal::forget);
   if (send == 0 || !vrf.same()) return cleared;
   MVPN_DEBUG(mvpn->pcib, "Waking up worker thread inside mvpn_mrib_clear_mdt_routes");
   mvpn_mrib_wakeup_worker_thread();

@@ -18,7 +18,7 @@
 // messages of at most 100 entries; the last entry is a mark that ends the set.
 //
 // Invariants. An entry is in the tree and in safi_by_group, or in neither; it is in safi_local_by_rd exactly while
-// `local` is 1. The key fields never change while an entry is stored. The database is told what was filled in, not
+// `local` is 1. The key never changes while an entry is stored. The database is told what was filled in, not
 // what the transport accepted: nothing is rolled back or sent again when a send fails.
 //
 // Everything runs on the main thread and nothing here yields.
@@ -44,27 +44,23 @@ static_assert(offsetof(mvpn_bgp_mdt_safi_key, bgp_rd) == 4 && offsetof(mvpn_bgp_
 
 // ------------------------------------------------------------------------------------------------- order and indexes
 
-// The tree key of an entry: source and RD, as they lie in memory.
-static const uint8_t *tree_key(const mvpn_bgp_mdt_safi *entry) {
-  return reinterpret_cast<const uint8_t *>(entry) + offsetof(mvpn_bgp_mdt_safi, mdt_src);
-}
-
 namespace {
 
 // Byte order as the order of numbers: these comparisons are most of what an update costs in a large database.
 struct by_group {
   bool operator()(const mvpn_bgp_mdt_safi *a, const mvpn_bgp_mdt_safi *b) const {
-    if (a->mdt_grp != b->mdt_grp) return a->mdt_grp < b->mdt_grp;
-    if (a->mdt_src != b->mdt_src) return load_be32(tree_key(a)) < load_be32(tree_key(b));
-    return std::memcmp(a->bgp_rd, b->bgp_rd, ROUTE_DISTINGUISHER_SIZE) < 0;
+    const mvpn_bgp_mdt_safi_key &x = a->key, &y = b->key;
+    if (x.mdt_grp != y.mdt_grp) return x.mdt_grp < y.mdt_grp;
+    if (x.mdt_src != y.mdt_src) return load_be32(&x.mdt_src) < load_be32(&y.mdt_src);
+    return std::memcmp(x.bgp_rd, y.bgp_rd, ROUTE_DISTINGUISHER_SIZE) < 0;
   }
 };
 
 // Entries with the same RD stand in tree order, which is then the order of their sources.
 struct by_rd {
   bool operator()(const mvpn_bgp_mdt_safi *a, const mvpn_bgp_mdt_safi *b) const {
-    const int order = std::memcmp(a->bgp_rd, b->bgp_rd, ROUTE_DISTINGUISHER_SIZE);
-    return order != 0 ? order < 0 : std::memcmp(tree_key(a), tree_key(b), sizeof a->mdt_src) < 0;
+    const int order = std::memcmp(a->key.bgp_rd, b->key.bgp_rd, ROUTE_DISTINGUISHER_SIZE);
+    return order != 0 ? order < 0 : load_be32(&a->key.mdt_src) < load_be32(&b->key.mdt_src);
   }
 };
 
@@ -89,25 +85,17 @@ static int index_insert(Index &index, mvpn_bgp_mdt_safi *entry, const char *func
 // A record that serves as the bound of an index look-up only.
 static mvpn_bgp_mdt_safi probe_of(const mvpn_bgp_mdt_safi_key &key) {
   mvpn_bgp_mdt_safi probe{};
-  probe.mdt_src = key.mdt_src;
-  std::memcpy(probe.bgp_rd, key.bgp_rd, sizeof probe.bgp_rd);
-  probe.mdt_grp = key.mdt_grp;
+  probe.key = key;
   return probe;
 }
 
 static bool same_rd(const uint8_t *a, const uint8_t *b) { return std::memcmp(a, b, ROUTE_DISTINGUISHER_SIZE) == 0; }
 
-mvpn_bgp_mdt_safi_key mvpn_bgp_mdt_safi_key_of(const mvpn_bgp_mdt_safi *entry) {
-  mvpn_bgp_mdt_safi_key key;
-  std::memcpy(&key, tree_key(entry), sizeof key);
-  return key;
-}
-
 mvpn_bgp_mdt_safi *mvpn_bgp_mdt_safi_of_group_after(ip_addr_t group, const mvpn_bgp_mdt_safi_key *key) {
   mvpn_bgp_mdt_safi probe = probe_of(key != nullptr ? *key : mvpn_bgp_mdt_safi_key{});
-  probe.mdt_grp = group;
+  probe.key.mdt_grp = group;
   const auto found = key != nullptr ? safi_by_group.upper_bound(&probe) : safi_by_group.lower_bound(&probe);
-  return found != safi_by_group.end() && (*found)->mdt_grp == group ? *found : nullptr;
+  return found != safi_by_group.end() && (*found)->key.mdt_grp == group ? *found : nullptr;
 }
 
 // The one place that changes an entry's local flag, which stays set until the entry is deleted. 0: memory ran out.
@@ -120,9 +108,9 @@ static int mark_local(mvpn_bgp_mdt_safi *entry) {
 // The first local entry with this RD in tree order, or null.
 static mvpn_bgp_mdt_safi *first_local_entry(const uint8_t *rd) {
   mvpn_bgp_mdt_safi probe{};
-  std::memcpy(probe.bgp_rd, rd, sizeof probe.bgp_rd);
+  std::memcpy(probe.key.bgp_rd, rd, sizeof probe.key.bgp_rd);
   const auto found = safi_local_by_rd.lower_bound(&probe);
-  return found != safi_local_by_rd.end() && same_rd((*found)->bgp_rd, rd) ? *found : nullptr;
+  return found != safi_local_by_rd.end() && same_rd((*found)->key.bgp_rd, rd) ? *found : nullptr;
 }
 
 // ---------------------------------------------------------------------------------------------------------- database
@@ -132,7 +120,7 @@ void mvpn_bgp_mdt_safi_init_db() {
   for (mvpn_bgp_mdt_safi *survivor : safi_by_group) slab_free(nullptr, survivor);
   safi_by_group.clear();
   safi_local_by_rd.clear();
-  ravl_init(&mvpn_bgp_mdt_safi_db, MVPN_MDT_SAFI_TREE_KEY_SIZE, offsetof(mvpn_bgp_mdt_safi, mdt_src), nullptr);
+  ravl_init(&mvpn_bgp_mdt_safi_db, MVPN_MDT_SAFI_TREE_KEY_SIZE, offsetof(mvpn_bgp_mdt_safi, key), nullptr);
 }
 
 mvpn_bgp_mdt_safi *mvpn_bgp_create_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *key) {
@@ -141,9 +129,7 @@ mvpn_bgp_mdt_safi *mvpn_bgp_create_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *k
     mvpn_report(msg_error_PIM_MALLOC, sizeof *entry, "mvpn_bgp_create_mdt_safi_entry");
     return nullptr;
   }
-  entry->mdt_src = key->mdt_src;
-  std::memcpy(entry->bgp_rd, key->bgp_rd, sizeof entry->bgp_rd);
-  entry->mdt_grp = key->mdt_grp;
+  entry->key = *key;
   if (ravl_insert(&mvpn_bgp_mdt_safi_db, entry) == 0) {
     mvpn_report(msg_error_PIM_AVL_ERROR, "ravl_insert", "mvpn_bgp_mdt_safi_db");
     slab_free(mvpn_slabs[MVPN_SLAB_BGP_MDT_SAFI], entry);
@@ -177,13 +163,27 @@ mvpn_bgp_mdt_safi *mvpn_bgp_get_equivalent_mdt_safi_entry(const mvpn_bgp_mdt_saf
   // Of the group's entries, those of one source stand together; at most one of them has the key's own RD, so the
   // answer is the first or the second.
   mvpn_bgp_mdt_safi probe = probe_of(*key);
-  std::memset(probe.bgp_rd, 0, sizeof probe.bgp_rd);
+  std::memset(probe.key.bgp_rd, 0, sizeof probe.key.bgp_rd);
   for (auto found = safi_by_group.lower_bound(&probe); found != safi_by_group.end(); ++found) {
     mvpn_bgp_mdt_safi *entry = *found;
-    if (entry->mdt_grp != key->mdt_grp || entry->mdt_src != key->mdt_src) break;
-    if (!same_rd(entry->bgp_rd, key->bgp_rd)) return entry;
+    if (entry->key.mdt_grp != key->mdt_grp || entry->key.mdt_src != key->mdt_src) break;
+    if (!same_rd(entry->key.bgp_rd, key->bgp_rd)) return entry;
   }
   return nullptr;
+}
+
+mvpn_safi_lesson mvpn_bgp_mdt_safi_learn(const mvpn_bgp_mdt_safi_key &key) {
+  if (mvpn_bgp_get_mdt_safi_entry(&key) != nullptr) {
+    MVPN_SAFI_DEBUG("Received MDT SAFI message from BGP:RD %s, src = %s, grp = %s already exists", key);
+    return mvpn_safi_lesson::known;
+  }
+  mvpn_bgp_mdt_safi *equivalent = mvpn_bgp_get_equivalent_mdt_safi_entry(&key);
+  if (equivalent != nullptr) {
+    MVPN_SAFI_DEBUG("Equivalent MDT SAFI exists:RD %s, src = %s, grp = %s", equivalent->key);
+    mvpn_bgp_delete_mdt_safi_entry(equivalent);
+  }
+  if (mvpn_bgp_create_mdt_safi_entry(&key) == nullptr) return mvpn_safi_lesson::failed;
+  return equivalent != nullptr ? mvpn_safi_lesson::renamed : mvpn_safi_lesson::added;
 }
 
 void mvpn_bgp_mdt_safi_delete_all() {
@@ -218,18 +218,24 @@ mvpn_cibtype *mvpn_bgp_get_context_by_connector_attribute(void *first, void *att
   if (key.mdt_src == 0) return nullptr;
   if (source != nullptr) *source = key.mdt_src;
   const mvpn_bgp_mdt_safi *entry = mvpn_bgp_get_mdt_safi_entry(&key);
-  if (entry == nullptr || entry->mdt_grp == 0) return nullptr;
-  return mvpn_get_context_by_mdt_group(entry->mdt_grp);
+  if (entry == nullptr || entry->key.mdt_grp == 0) return nullptr;
+  return mvpn_get_context_by_mdt_group(entry->key.mdt_grp);
 }
 
 // ------------------------------------------------------------------------------------------------ local entries
 
-int mvpn_bgp_mdt_safi_add_local(mvpn_cibtype *mvpn) {
-  MVPN_DEBUG(mvpn->pcib, "Caching our MDT-SAFI info");
+// What the VRF advertises.
+static mvpn_bgp_mdt_safi_key local_key(const mvpn_cibtype *mvpn) {
   mvpn_bgp_mdt_safi_key key{};
   key.mdt_src = mvpn->mdt_source_addr;
   std::memcpy(key.bgp_rd, mvpn->bgp_rd, sizeof key.bgp_rd);
   key.mdt_grp = mvpn->mdt_default_group;
+  return key;
+}
+
+int mvpn_bgp_mdt_safi_add_local(mvpn_cibtype *mvpn) {
+  MVPN_DEBUG(mvpn->pcib, "Caching our MDT-SAFI info");
+  const mvpn_bgp_mdt_safi_key key = local_key(mvpn);
   if (mvpn_bgp_get_mdt_safi_entry(&key) != nullptr) return 1;
   mvpn_bgp_mdt_safi *entry = mvpn_bgp_create_mdt_safi_entry(&key);
   if (entry != nullptr && mark_local(entry) != 0) return 1;
@@ -239,16 +245,12 @@ int mvpn_bgp_mdt_safi_add_local(mvpn_cibtype *mvpn) {
   return 0;
 }
 
-int mvpn_bgp_mdt_safi_delete_local(const uint8_t *rd, ip_addr_t source, ip_addr_t group) {
-  MVPN_DEBUG(pim_null_pcib, "Deleting MDT-SAFI info for RD %s, src = %s,grp = %s", mvpn_bgp_print_rd(rd),
-             ip_print_addr(source), ip_print_addr(group));
-  mvpn_bgp_mdt_safi_key key{};
-  key.mdt_src = source;
-  std::memcpy(key.bgp_rd, rd, sizeof key.bgp_rd);
-  key.mdt_grp = group;
+int mvpn_bgp_mdt_safi_delete_local(const mvpn_bgp_mdt_safi_key &key) {
+  MVPN_DEBUG(pim_null_pcib, "Deleting MDT-SAFI info for RD %s, src = %s,grp = %s", mvpn_bgp_print_rd(key.bgp_rd),
+             ip_print_addr(key.mdt_src), ip_print_addr(key.mdt_grp));
   mvpn_bgp_mdt_safi *entry = mvpn_bgp_get_mdt_safi_entry(&key);
   if (entry == nullptr) {
-    MVPN_DEBUG(pim_null_pcib, "Couldnt find the MDT-SAFI info while deletion for RD %s", mvpn_bgp_print_rd(rd));
+    MVPN_DEBUG(pim_null_pcib, "Couldnt find the MDT-SAFI info while deletion for RD %s", mvpn_bgp_print_rd(key.bgp_rd));
     return 0;
   }
   if (entry->local == 0) MVPN_DEBUG(pim_null_pcib, "Our MDT-SAFI is marked as non-local !");
@@ -275,15 +277,15 @@ static void put_vrf_name(uint8_t *slot, const mvpn_cibtype *mvpn) {
 }
 
 // Completes a slot with a triple and counts it.
-static void put_triple(uint8_t *buffer, const mvpn_cibtype *mvpn, ip_addr_t source, ip_addr_t group,
+static void put_triple(uint8_t *buffer, const mvpn_cibtype *mvpn, const mvpn_bgp_mdt_safi_key &key,
                        const char *purpose) {
   MVPN_DEBUG(pim_null_pcib, "Fill BGP MDT SAFI message VRF %s, RD %s, Group %s, Source %s for %s\n",
-             mvpn->pcib->vrf_name, mvpn_bgp_print_rd(mvpn->bgp_rd), ip_print_addr(group), ip_print_addr(source),
-             purpose);
+             mvpn->pcib->vrf_name, mvpn_bgp_print_rd(key.bgp_rd), ip_print_addr(key.mdt_grp),
+             ip_print_addr(key.mdt_src), purpose);
   uint8_t *slot = next_slot(buffer);
-  store_host<uint32_t>(slot + BGP_MDT_SAFI_ENTRY_SOURCE, source);
-  std::memcpy(slot + BGP_MDT_SAFI_ENTRY_RD, mvpn->bgp_rd, ROUTE_DISTINGUISHER_SIZE);
-  store_host<uint32_t>(slot + BGP_MDT_SAFI_ENTRY_GROUP, group);
+  store_host<uint32_t>(slot + BGP_MDT_SAFI_ENTRY_SOURCE, key.mdt_src);
+  std::memcpy(slot + BGP_MDT_SAFI_ENTRY_RD, key.bgp_rd, sizeof key.bgp_rd);
+  store_host<uint32_t>(slot + BGP_MDT_SAFI_ENTRY_GROUP, key.mdt_grp);
   count_slot(buffer);
 }
 
@@ -296,15 +298,15 @@ int mvpn_bgp_mdt_safi_fill_local_update(uint8_t *buffer, mvpn_cibtype *mvpn, int
   slot[BGP_MDT_SAFI_ENTRY_ADD] = add != 0 ? 1 : 0;
   // Advertisement.
   if (add != 0) {
-    put_triple(buffer, mvpn, mvpn->mdt_source_addr, mvpn->mdt_default_group, "Add");
+    put_triple(buffer, mvpn, local_key(mvpn), "Add");
     mvpn_bgp_mdt_safi_add_local(mvpn);
     return 1;
   }
   // Withdrawal of what was advertised under the VRF's RD.
   if (const mvpn_bgp_mdt_safi *entry = first_local_entry(mvpn->bgp_rd)) {
-    const mvpn_bgp_mdt_safi_key advertised = mvpn_bgp_mdt_safi_key_of(entry);
-    put_triple(buffer, mvpn, advertised.mdt_src, advertised.mdt_grp, "Delete");
-    mvpn_bgp_mdt_safi_delete_local(mvpn->bgp_rd, advertised.mdt_src, advertised.mdt_grp);
+    const mvpn_bgp_mdt_safi_key advertised = entry->key;
+    put_triple(buffer, mvpn, advertised, "Delete");
+    mvpn_bgp_mdt_safi_delete_local(advertised);
   }
   return 1;
 }

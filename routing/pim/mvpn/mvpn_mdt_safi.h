@@ -9,6 +9,11 @@ constexpr uint32_t MVPN_BGP_LOCAL_UPDATE_SIZE =
     BGP_MDT_SAFI_COUNT_SIZE + MVPN_BGP_LOCAL_UPDATE_ENTRIES * BGP_MDT_SAFI_ENTRY_SIZE;
 constexpr uint32_t MVPN_BGP_ONE_UPDATE_SIZE = BGP_MDT_SAFI_COUNT_SIZE + BGP_MDT_SAFI_ENTRY_SIZE;
 
+// A module-level message whose format shows an entry's key first: RD, source, group.
+#define MVPN_SAFI_DEBUG(format, key, ...)                                                          \
+  MVPN_DEBUG(pim_null_pcib, format, mvpn_bgp_print_rd((key).bgp_rd), ip_print_addr((key).mdt_src), \
+             ip_print_addr((key).mdt_grp) __VA_OPT__(, ) __VA_ARGS__)
+
 extern ravl_tree mvpn_bgp_mdt_safi_db;                                 // by the first 12 bytes of the key
 extern uint8_t mvpn_bgp_local_update_buf[MVPN_BGP_LOCAL_UPDATE_SIZE];  // used while answering one request
 
@@ -32,8 +37,14 @@ void mvpn_bgp_mdt_safi_delete_all();
 // first for a null key. Null at the end. Costs the same however many entries other groups have.
 mvpn_bgp_mdt_safi *mvpn_bgp_mdt_safi_of_group_after(ip_addr_t group, const mvpn_bgp_mdt_safi_key *key);
 
-// The key of an entry.
-mvpn_bgp_mdt_safi_key mvpn_bgp_mdt_safi_key_of(const mvpn_bgp_mdt_safi *entry);
+// What an advertised key told the database.
+enum class mvpn_safi_lesson {
+  known,    // an entry of its source and RD is there already, and keeps its group
+  renamed,  // the PE has another RD for the same group: the former entry gave way
+  added,    // it is new
+  failed,   // it is new, or renamed, and memory ran out
+};
+mvpn_safi_lesson mvpn_bgp_mdt_safi_learn(const mvpn_bgp_mdt_safi_key &key);
 
 // Asks BGP for the VRF's route distinguisher, unless it is known.
 void mvpn_bgp_get_rd(mvpn_cibtype *mvpn);
@@ -46,7 +57,7 @@ int mvpn_bgp_mdt_safi_fill_end_of_local_update(uint8_t *buffer);
 int mvpn_bgp_mdt_safi_send_local_update(const uint8_t *buffer, uint32_t size);
 int mvpn_bgp_mdt_safi_send_one_local_update(mvpn_cibtype *mvpn, int add);
 int mvpn_bgp_mdt_safi_add_local(mvpn_cibtype *mvpn);
-int mvpn_bgp_mdt_safi_delete_local(const uint8_t *rd, ip_addr_t source, ip_addr_t group);
+int mvpn_bgp_mdt_safi_delete_local(const mvpn_bgp_mdt_safi_key &key);
 void mvpn_bgp_process_local_request(mts_message *msg);
 
 // Remote entries. receive: payload of payload_length bytes, entries beyond it are refused; 1. update: 0 when a new

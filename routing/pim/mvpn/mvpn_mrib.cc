@@ -208,7 +208,7 @@ int mvpn_deinit_mrib(int deregister) {
   if (pim_check_feature_configured("mvpn") == 0) {
     mvpn_for_each_context([](mvpn_cibtype *mvpn) {
       mvpn_delete_all_mdt_encap_info(mvpn, 0);
-      mvpn_mrib_clear_mdt_routes(mvpn, nullptr, 0, 0, 0, 0, 0, 0);
+      mvpn_mrib_clear_mdt_routes(mvpn, {}, 0, 0);
       return true;
     });
   }

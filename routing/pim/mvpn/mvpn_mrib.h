@@ -146,10 +146,18 @@ void mvpn_setup_mdt_mroute_ipc(uint8_t *entry, int add, vrf_context_id_t context
 void mvpn_process_mrib_mdt_join_notify(const uint8_t *entry);
 void mvpn_process_mrib_mdt_delete_notify(const uint8_t *entry);
 
-// Drops (send 0, or never sent) or schedules as deletes the VRF's routes that pass the filters (null or 0: any).
+// Which routes of a VRF a walk is for; as it is made: all of them.
+struct mvpn_route_selection {
+  const mvpn_mdt_route_addrs *filter = nullptr;  // compared under its mask lengths; source 0: any. Null: any route
+  uint32_t route_type = 0;                       // mvpn_mdt_route_type_t; 0: any
+  uint32_t mode = 0;                             // mvpn_mdt_group_mode_t; 0: any
+  int only_shared = 0;                           // non-zero: (*,G) routes only
+  int only_source = 0;                           // non-zero: (S,G) routes only
+};
+
+// Drops (send 0, or never sent) or schedules as deletes, with this teardown mark, the selected routes of the VRF.
 // Result: 1 when any was, or when the VRF went away during the walk: callers find the context again. Yields.
-int mvpn_mrib_clear_mdt_routes(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *filter, uint32_t route_type,
-                               uint32_t mode, int only_shared, int only_source, uint8_t teardown, int send);
+int mvpn_mrib_clear_mdt_routes(mvpn_cibtype *mvpn, const mvpn_route_selection &selection, uint8_t teardown, int send);
 
 // Drops all routes of a VRF that is to be freed; those that the MRIB holds are withdrawn from it afterwards. Yields.
 void mvpn_mrib_withdraw_mdt_routes(mvpn_cibtype *mvpn);

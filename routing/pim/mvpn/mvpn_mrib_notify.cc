@@ -99,8 +99,9 @@ static void refresh_group_mode(mvpn_cibtype *mvpn) {
 
 static void clear_and_rebuild(mvpn_cibtype *mvpn, const notify_entry &cleared) {
   const mvpn_vrf_handle vrf(mvpn);
-  const int dropped =
-      mvpn_mrib_clear_mdt_routes(mvpn, &cleared.addrs, 0, 0, cleared.only_shared, cleared.only_source, 0, 0);
+  const mvpn_route_selection selection = {
+      .filter = &cleared.addrs, .only_shared = cleared.only_shared, .only_source = cleared.only_source};
+  const int dropped = mvpn_mrib_clear_mdt_routes(mvpn, selection, 0, 0);
   if (!vrf.same()) return;
   // A VRF whose group is gone already has no default MDT to rebuild.
   refresh_group_mode(mvpn);

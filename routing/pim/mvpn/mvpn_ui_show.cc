@@ -275,9 +275,9 @@ constexpr safi_elements PIM_VIEW = {CLI_ELEMENT_PIM_SAFI_RD, CLI_ELEMENT_PIM_SAF
                                     CLI_ELEMENT_PIM_SAFI_LOCAL};
 
 void print_safi_entry(cli_command *command, const mvpn_bgp_mdt_safi *entry, const safi_elements &elements) {
-  const char *rd = mvpn_bgp_print_rd(entry->bgp_rd);
-  const char *source = ip_print_addr(entry->mdt_src);
-  const char *group = ip_print_addr(entry->mdt_grp);
+  const char *rd = mvpn_bgp_print_rd(entry->key.bgp_rd);
+  const char *source = ip_print_addr(entry->key.mdt_src);
+  const char *group = ip_print_addr(entry->key.mdt_grp);
   cli_tty_printf(command, "%-25s%-15s%17s%s\n", rd, source, group, entry->local != 0 ? "    *" : "");
   mvpn_record(command, "%s %s %s %s\n", as(elements.rd, rd), as(elements.source, source), as(elements.group, group),
               as(elements.local, entry->local != 0 ? "True" : "False"));

@@ -343,9 +343,9 @@ const mvpn_bgp_mdt_safi *find_bgp_update(ip_addr_t group, ip_addr_t source, bool
   void *node = ravl_get_first_node_in_range(&mvpn_bgp_mdt_safi_db, low, high, &walk);
   while (node != nullptr) {
     const auto *entry = static_cast<const mvpn_bgp_mdt_safi *>(node);
-    const bool is_index = entry->mdt_src == source && entry->mdt_grp == group;
+    const bool is_index = entry->key.mdt_src == source && entry->key.mdt_grp == group;
     if (is_index && !getnext) return entry;
-    const bool greater = std::pair(entry->mdt_grp, entry->mdt_src) > std::pair(group, source);
+    const bool greater = std::pair(entry->key.mdt_grp, entry->key.mdt_src) > std::pair(group, source);
     if (!is_index && getnext && (behind_index || greater)) return entry;
     behind_index = behind_index || is_index;
     ravl_pre_sched_yield(&walk);
@@ -467,13 +467,13 @@ void mvpn_show_snmp_korva_mvpn_mdt_jn_rcv_table_cmd(cli_command *command, const 
 
 void mvpn_show_snmp_mvpn_bgp_mdt_update_table_cmd(cli_command *command, const mvpn_bgp_mdt_safi *entry) {
   // Group 0 would match a VRF that has no group.
-  const mvpn_cibtype *mvpn = entry->mdt_grp != 0 ? mvpn_get_context_by_mdt_group(entry->mdt_grp) : nullptr;
+  const mvpn_cibtype *mvpn = entry->key.mdt_grp != 0 ? mvpn_get_context_by_mdt_group(entry->key.mdt_grp) : nullptr;
   if (mvpn == nullptr) return;
   print_address_type(command, CLI_ELEMENT_MIB_BGP_GROUP_TYPE);
-  print_address(command, CLI_ELEMENT_MIB_BGP_GROUP, entry->mdt_grp);
-  print_text(command, CLI_ELEMENT_MIB_BGP_RD, mvpn_bgp_print_rd(entry->bgp_rd));
+  print_address(command, CLI_ELEMENT_MIB_BGP_GROUP, entry->key.mdt_grp);
+  print_text(command, CLI_ELEMENT_MIB_BGP_RD, mvpn_bgp_print_rd(entry->key.bgp_rd));
   print_address_type(command, CLI_ELEMENT_MIB_BGP_SOURCE_TYPE);
-  print_address(command, CLI_ELEMENT_MIB_BGP_SOURCE, entry->mdt_src);
+  print_address(command, CLI_ELEMENT_MIB_BGP_SOURCE, entry->key.mdt_src);
   print_address_type(command, CLI_ELEMENT_MIB_BGP_CONFIGURED_TYPE);
   print_address(command, CLI_ELEMENT_MIB_BGP_CONFIGURED_GROUP, mvpn->mdt_default_group);
   print_address_type(command, CLI_ELEMENT_MIB_BGP_USED_TYPE);
