@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <net/ethernet.h>
 #include <poll.h>
 
 #include <algorithm>
@@ -63,8 +64,6 @@ CoreSite::CoreSite(Poller &poller, State &state, Callbacks callbacks)
     messages_[i].msg_hdr.msg_iov = &parts_[i];
     messages_[i].msg_hdr.msg_iovlen = 1;
     messages_[i].msg_hdr.msg_name = &destinations_[i];
-    messages_[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
-    destinations_[i] = address_of(0);
   }
   KernelView::Callbacks seen = callbacks_.view;
   seen.ways_changed = [this] { ways_changed_ = true; };
@@ -102,8 +101,24 @@ void CoreSite::forget_senders() {
   last_source_ = 0;
 }
 
+CoreSite::Sender CoreSite::open_sender(int interface) const {
+  const auto found = view_->interfaces().find(interface);
+  Sender sender{{}, interface, found != view_->interfaces().end() && found->second.ethernet &&
+                                   !found->second.forwards_multicast};
+  if (sender.frames) {
+    sender.socket = Descriptor(::socket(AF_PACKET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  } else {
+    sender.socket = Descriptor(::socket(AF_INET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_RAW));
+    ip_mreqn by{};
+    by.imr_ifindex = interface;
+    ::setsockopt(sender.socket.get(), IPPROTO_IP, IP_MULTICAST_IF, &by, sizeof by);
+  }
+  set_option(sender.socket.get(), SOL_SOCKET, SO_SNDBUFFORCE, kSendBuffer);
+  return sender;
+}
+
 // The interface that has the source, or the one that is configured; when neither is there, the route to the group decides.
-int CoreSite::sender_for(uint32_t source) {
+const CoreSite::Sender *CoreSite::sender_for(uint32_t source) {
   if (source == last_source_) return last_sender_;
   if (const auto known = sender_of_.find(source); known != sender_of_.end()) {
     last_source_ = source;
@@ -114,26 +129,33 @@ int CoreSite::sender_for(uint32_t source) {
     const bool has = std::count(interface.addresses.begin(), interface.addresses.end(), source) != 0;
     if (interface_.empty() ? has : interface.name == interface_) index = number;
   }
-  Descriptor &sender = senders_[index];
-  if (!sender) {
-    sender = Descriptor(::socket(AF_INET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_RAW));
-    ip_mreqn by{};
-    by.imr_ifindex = index;
-    ::setsockopt(sender.get(), IPPROTO_IP, IP_MULTICAST_IF, &by, sizeof by);
-    set_option(sender.get(), SOL_SOCKET, SO_SNDBUFFORCE, kSendBuffer);
-  }
+  if (!senders_.contains(index)) senders_[index] = open_sender(index);
   last_source_ = source;
-  return last_sender_ = sender_of_[source] = sender.get();
+  return last_sender_ = sender_of_[source] = &senders_[index];
+}
+
+// The address of a frame is made of the group's lower 23 bits (RFC 1112, 6.4).
+void CoreSite::address(size_t at, uint32_t group) {
+  Destination &destination = destinations_[at];
+  if (!sender_->frames) {
+    destination.address = address_of(group);
+    messages_[at].msg_hdr.msg_namelen = sizeof destination.address;
+    return;
+  }
+  destination.frame = {AF_PACKET, htons(ETH_P_IP), sender_->interface, 0, 0, ETH_ALEN,
+                       {0x01, 0x00, 0x5E, static_cast<uint8_t>(group >> 16 & 0x7F), static_cast<uint8_t>(group >> 8),
+                        static_cast<uint8_t>(group)}};
+  messages_[at].msg_hdr.msg_namelen = sizeof destination.frame;
 }
 
 void CoreSite::queue(Vrf &vrf, Encapsulation &encapsulation, std::span<uint8_t> datagram) {
-  const int sender = sender_for(encapsulation.source);
+  const Sender *sender = sender_for(encapsulation.source);
   if (sender != sender_ || queued_ == kBatch) flush();
   sender_ = sender;
   uint8_t *packet = datagram.data() - kOuterSize;
   encapsulation.header.write(packet, datagram.data(), datagram.size(), encapsulation.identification++);
   parts_[queued_] = {packet, kOuterSize + datagram.size()};
-  destinations_[queued_].sin_addr.s_addr = htonl(encapsulation.group);
+  address(queued_, encapsulation.group);
   vrfs_[queued_++] = &vrf;
 }
 
@@ -141,13 +163,13 @@ void CoreSite::flush() {
   size_t at = 0;
   bool waited = false;
   while (at < queued_) {
-    const int sent = ::sendmmsg(sender_, &messages_[at], static_cast<unsigned>(queued_ - at), 0);
+    const int sent = ::sendmmsg(sender_->socket.get(), &messages_[at], static_cast<unsigned>(queued_ - at), 0);
     for (const size_t end = at + static_cast<size_t>(std::max(sent, 0)); at < end; at++)
       vrfs_[at]->sent.count(parts_[at].iov_len - kOuterSize);
     if (sent >= 0) continue;
     if (errno == EINTR) continue;
     if ((errno == EAGAIN || errno == ENOBUFS) && !waited) {
-      pollfd room_again{sender_, POLLOUT, 0};
+      pollfd room_again{sender_->socket.get(), POLLOUT, 0};
       ::poll(&room_again, 1, kSendWait);
       waited = true;
       continue;
@@ -167,15 +189,14 @@ void CoreSite::send_failed(size_t at, int error) {
 // The kernel does not cut packets whose headers are ours.
 void CoreSite::send_in_parts(size_t at) {
   uint32_t mtu = kCustomerMax;
-  for (const auto &[index, sender] : senders_)
-    if (const auto found = view_->interfaces().find(index);
-        sender.get() == sender_ && found != view_->interfaces().end())
-      mtu = found->second.mtu;
+  if (const auto found = view_->interfaces().find(sender_->interface); found != view_->interfaces().end())
+    mtu = found->second.mtu;
   const std::span<const uint8_t> packet(static_cast<const uint8_t *>(parts_[at].iov_base), parts_[at].iov_len);
   bool all = true;
   for (const std::vector<uint8_t> &part : cut(packet, mtu))
-    all &= ::sendto(sender_, part.data(), part.size(), 0, reinterpret_cast<const sockaddr *>(&destinations_[at]),
-                    sizeof(sockaddr_in)) == static_cast<ssize_t>(part.size());
+    all &= ::sendto(sender_->socket.get(), part.data(), part.size(), 0,
+                    static_cast<const sockaddr *>(messages_[at].msg_hdr.msg_name),
+                    messages_[at].msg_hdr.msg_namelen) == static_cast<ssize_t>(part.size());
   if (all)
     vrfs_[at]->sent.count(packet.size() - kOuterSize);
   else

@@ -1,7 +1,10 @@
 // The forwarder in the core's namespace: where core packets leave and arrive, and what it has joined.
 //
-// Packets leave through raw sockets whose headers are ours, a batch at a time, on the interface that has their source:
-// one socket for each such interface. They arrive on one raw socket that joins nothing: a socket without memberships is
+// Packets leave a batch at a time, on the interface that has their source: one socket for each such interface. On Ethernet
+// that is a packet socket: a group says what its frames are addressed to, and the kernel is spared looking up a route for
+// each packet, a third of the whole work. A raw socket serves other interfaces; those that a routing daemon of the
+// namespace forwards multicast on, since it must see what this PE sends; and, when no interface has the source, the route
+// to the group. Headers are ours on both. They arrive on one raw socket that joins nothing: a socket without memberships is
 // given everything that the namespace takes in, so a packet arrives once, and the kernel does not search lists of
 // memberships for each. The memberships stand on sockets of their own, which receive nothing. What other programs of the
 // namespace have joined arrives as well and is dropped as unknown.
@@ -11,6 +14,7 @@
 #ifndef FORWARDER_CORE_SITE_H
 #define FORWARDER_CORE_SITE_H
 
+#include <linux/if_packet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -69,9 +73,21 @@ class CoreSite {
   void flush();
 
  private:
+  struct Sender {
+    Descriptor socket;
+    int interface = 0;  // 0: by the route to the group
+    bool frames = false;
+  };
+  union Destination {
+    sockaddr_in address;
+    sockaddr_ll frame;
+  };
+
   void open_receiver();
   void receive();
-  int sender_for(uint32_t source);
+  const Sender *sender_for(uint32_t source);
+  Sender open_sender(int interface) const;
+  void address(size_t at, uint32_t group);
   void send_failed(size_t at, int error);
   void send_in_parts(size_t at);
   void forget_senders();
@@ -91,17 +107,17 @@ class CoreSite {
   Descriptor receiver_;
   std::unique_ptr<uint8_t[]> arrivals_;
 
-  std::map<int, Descriptor> senders_;  // by interface; 0: by the route to the group
-  std::map<uint32_t, int> sender_of_;  // by source
+  std::map<int, Sender> senders_;                // by interface
+  std::map<uint32_t, const Sender *> sender_of_;  // by source
   uint32_t last_source_ = 0;
-  int last_sender_ = -1;
+  const Sender *last_sender_ = nullptr;
   std::unique_ptr<uint8_t[]> buffer_;
   std::array<mmsghdr, kBatch> messages_{};
   std::array<iovec, kBatch> parts_{};
-  std::array<sockaddr_in, kBatch> destinations_{};
+  std::array<Destination, kBatch> destinations_{};
   std::array<Vrf *, kBatch> vrfs_{};
   size_t queued_ = 0;
-  int sender_ = -1;
+  const Sender *sender_ = nullptr;  // of what is queued
 
   MembershipPlan plan_;
   std::vector<Descriptor> members_;

@@ -1,45 +1,48 @@
 // The flows of a VRF: customer source and group to the encapsulation index in force.
 //
-// Open addressing with linear probing; a flow takes one cache line, its counters included, so that a packet costs one
-// miss however many flows there are. Removal moves the flows behind the gap up, so that there are no tombstones and a
+// Open addressing with linear probing; a flow takes half a cache line, its counters included, so that a packet costs one
+// miss however many flows there are, and the next place is mostly on the same line. What packets do not need stands in a
+// table beside it. Removal moves the flows behind the gap up, so that there are no tombstones and a
 // table that changes for ever does not decay.
 #ifndef FORWARDER_FLOW_TABLE_H
 #define FORWARDER_FLOW_TABLE_H
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace forwarder {
 
-struct alignas(64) Flow {
+struct alignas(32) Flow {
   uint32_t source = 0;  // addresses in host byte order
   uint32_t group = 0;   // 0: an empty place
   uint16_t index = 0;   // encapsulation index, 1 to 1023
   uint32_t claim = 0;   // session that asked for it last
   uint64_t packets = 0, bytes = 0;
+};
+static_assert(sizeof(Flow) == 32);
+
+struct FlowRate {
   uint64_t sampled_bytes = 0;  // at the last sample
   uint64_t rate = 0;           // bytes a second between the last two samples
 };
-static_assert(sizeof(Flow) == 64);
 
 class FlowTable {
  public:
   // Null when there is no such flow. Valid until the next insert or erase.
   Flow *find(uint32_t source, uint32_t group);
-  // Brings what find() will need on its way into the cache.
-  void prefetch(uint32_t source, uint32_t group) const;
+  // Where find() will begin; null: the table is empty. For whoever wants to have it in the cache by then.
+  const Flow *begin_of(uint32_t source, uint32_t group) const;
   // The flow, made when there is none. Group must not be 0.
   Flow &insert(uint32_t source, uint32_t group);
   bool erase(uint32_t source, uint32_t group);
-  void clear();
-
   size_t size() const { return size_; }
-  // Every flow, in no order; the function must not insert or erase.
+  // Every flow and its rate, in no order; the function must not insert or erase.
   template <typename Visit>
   void each(Visit visit) {
-    for (Flow &flow : places_)
-      if (flow.group != 0) visit(flow);
+    for (size_t at = 0; at < count_; at++)
+      if (places_[at].group != 0) visit(places_[at], rates_[at]);
   }
 
  private:
@@ -47,7 +50,15 @@ class FlowTable {
   size_t place_of(uint32_t source, uint32_t group) const;  // where it is, or the empty place where it would be
   void grow();
 
-  std::vector<Flow> places_;  // a power of two, at most half full; empty until the first insert
+  struct Free {
+    void operator()(Flow *places) const;
+  };
+  using Places = std::unique_ptr<Flow[], Free>;
+  static Places make_places(size_t count);
+
+  Places places_;
+  std::vector<FlowRate> rates_;  // by place
+  size_t count_ = 0;             // of places: a power of two, at most half of them taken; 0 until the first insert
   size_t size_ = 0;
   unsigned shift_ = 64;  // of the hash, to the number of places
 };
@@ -59,14 +70,14 @@ inline size_t FlowTable::home(uint32_t source, uint32_t group) const {
 }
 
 inline size_t FlowTable::place_of(uint32_t source, uint32_t group) const {
-  const size_t mask = places_.size() - 1;
+  const size_t mask = count_ - 1;
   size_t at = home(source, group);
   while (places_[at].group != 0 && (places_[at].group != group || places_[at].source != source)) at = (at + 1) & mask;
   return at;
 }
 
-inline void FlowTable::prefetch(uint32_t source, uint32_t group) const {
-  if (size_ != 0) __builtin_prefetch(&places_[home(source, group)], 1);
+inline const Flow *FlowTable::begin_of(uint32_t source, uint32_t group) const {
+  return size_ == 0 ? nullptr : &places_[home(source, group)];
 }
 
 inline Flow *FlowTable::find(uint32_t source, uint32_t group) {

@@ -4,8 +4,10 @@
 #include <libmnl/libmnl.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
+#include <linux/netconf.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <net/if_arp.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -18,7 +20,8 @@
 namespace forwarder {
 namespace {
 
-constexpr uint32_t kMonitored = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV4_MROUTE;
+constexpr uint32_t kMonitored = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV4_MROUTE |
+                                1u << (RTNLGRP_IPV4_NETCONF - 1);
 constexpr int kMonitorBuffer = 4 << 20;  // bytes: a burst of routes
 constexpr size_t kMessage = 65536;       // bytes: the largest that the kernel sends at once
 
@@ -211,6 +214,7 @@ void KernelView::resynchronise() {
   const auto take_one = [this](const nlmsghdr *message) { take(message); };
   dump(RTM_GETLINK, AF_UNSPEC, take_one);
   dump(RTM_GETADDR, AF_INET, take_one);
+  dump(RTM_GETNETCONF, AF_INET, take_one);
   dump(RTM_GETROUTE, RTNL_FAMILY_IPMR, take_one);
   ways_changed_ = true;
   tell();
@@ -239,6 +243,8 @@ void KernelView::take(const nlmsghdr *message) {
     case RTM_NEWADDR:
     case RTM_DELADDR:
       return take_address(message);
+    case RTM_NEWNETCONF:
+      return take_settings(message);
     case RTM_NEWROUTE:
     case RTM_DELROUTE:
       if (is_multicast_route(message))
@@ -264,6 +270,7 @@ void KernelView::take_link(const nlmsghdr *message) {
   interface.index = link->ifi_index;
   interface.name = attributes.text(IFLA_IFNAME);
   interface.mtu = attributes.number(IFLA_MTU).value_or(interface.mtu);
+  interface.ethernet = link->ifi_type == ARPHRD_ETHER;
   interface.loopback = (link->ifi_flags & IFF_LOOPBACK) != 0;
   interface.up = (link->ifi_flags & IFF_UP) != 0 && (link->ifi_flags & IFF_RUNNING) != 0;
 }
@@ -279,6 +286,17 @@ void KernelView::take_address(const nlmsghdr *message) {
   const auto there = std::find(addresses.begin(), addresses.end(), address);
   if (message->nlmsg_type == RTM_DELADDR && there != addresses.end()) addresses.erase(there);
   if (message->nlmsg_type == RTM_NEWADDR && there == addresses.end()) addresses.push_back(address);
+  ways_changed_ = true;
+}
+
+void KernelView::take_settings(const nlmsghdr *message) {
+  const auto *header = header_of<netconfmsg>(message);
+  if (header == nullptr || header->ncm_family != AF_INET) return;
+  const Attributes attributes(message, sizeof(netconfmsg));
+  const auto index = attributes.number(NETCONFA_IFINDEX), forwarding = attributes.number(NETCONFA_MC_FORWARDING);
+  const auto found = interfaces_.find(static_cast<int>(index.value_or(0)));
+  if (!forwarding || found == interfaces_.end()) return;
+  found->second.forwards_multicast = *forwarding != 0;
   ways_changed_ = true;
 }
 

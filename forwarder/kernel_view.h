@@ -26,6 +26,8 @@ struct KernelInterface {
   std::string name;
   bool up = false;  // administratively, and carrying
   bool loopback = false;
+  bool ethernet = false;            // frames with a MAC address
+  bool forwards_multicast = false;  // a routing daemon of the namespace has it
   uint32_t mtu = 0;
   std::vector<uint32_t> addresses;  // host byte order, in the kernel's order
   bool operator==(const KernelInterface &) const = default;
@@ -105,6 +107,7 @@ class KernelView {
   void take(const nlmsghdr *message);
   void take_link(const nlmsghdr *message);
   void take_address(const nlmsghdr *message);
+  void take_settings(const nlmsghdr *message);
   void take_route(const nlmsghdr *message);
   void tell();
   KernelRoute described(const RouteKey &key, const RawRoute &raw) const;

@@ -35,6 +35,17 @@ void store32(uint8_t *to, uint32_t value) {
   store16(to + 2, static_cast<uint16_t>(value));
 }
 
+// The Internet checksum of words that add up to the sum (RFC 1071).
+uint16_t checksum_of(uint32_t sum) {
+  while (sum >> 16 != 0) sum = (sum & 0xFFFF) + (sum >> 16);
+  return static_cast<uint16_t>(~sum);
+}
+uint32_t sum_of_words(std::span<const uint8_t> bytes) {
+  uint32_t sum = 0;
+  for (size_t i = 0; i + 1 < bytes.size(); i += 2) sum += load16(&bytes[i]);
+  return sum;
+}
+
 // An IPv4 datagram: its header's size and its own.
 struct Lengths {
   size_t header, total;
@@ -72,14 +83,19 @@ OuterHeader::OuterHeader(uint32_t source, uint32_t group, const OuterPolicy &pol
   }
   fragment_and_ = policy.df == DontFragment::copy ? kDontFragment : 0;
   fragment_or_ = policy.df == DontFragment::set ? kDontFragment : 0;
+  sum_ = sum_of_words(std::span(bytes_).first(ip_size));
 }
 
 void OuterHeader::write(uint8_t *to, const uint8_t *customer, size_t size, uint16_t identification) const {
+  const auto tos = static_cast<uint8_t>(customer[ip_tos] & tos_mask_);
+  const auto length = static_cast<uint16_t>(kOuterSize + size);
+  const auto fragment = static_cast<uint8_t>((customer[ip_fragment] & fragment_and_) | fragment_or_);
   std::copy(bytes_.begin(), bytes_.end(), to);
-  to[ip_tos] = static_cast<uint8_t>(to[ip_tos] | (customer[ip_tos] & tos_mask_));
-  store16(to + ip_length, static_cast<uint16_t>(kOuterSize + size));
+  to[ip_tos] = static_cast<uint8_t>(to[ip_tos] | tos);
+  store16(to + ip_length, length);
   store16(to + ip_identification, identification);
-  to[ip_fragment] = static_cast<uint8_t>((customer[ip_fragment] & fragment_and_) | fragment_or_);
+  to[ip_fragment] = fragment;
+  store16(to + ip_checksum, checksum_of(sum_ + tos + length + identification + (uint32_t{fragment} << 8)));
 }
 
 std::optional<Drop> inspect_customer(std::span<const uint8_t> bytes, Customer *customer) {
@@ -121,10 +137,9 @@ bool mark_congestion(std::span<uint8_t> datagram) {
   if (ecn == kNoEcn) return false;
   const uint16_t before = load16(&datagram[ip_version_ihl]);
   datagram[ip_tos] |= kCongested;
-  uint32_t sum = static_cast<uint16_t>(~load16(&datagram[ip_checksum])) + uint32_t{static_cast<uint16_t>(~before)} +
-                 load16(&datagram[ip_version_ihl]);
-  while (sum >> 16 != 0) sum = (sum & 0xFFFF) + (sum >> 16);
-  store16(&datagram[ip_checksum], static_cast<uint16_t>(~sum));
+  const uint32_t sum = static_cast<uint16_t>(~load16(&datagram[ip_checksum])) + uint32_t{static_cast<uint16_t>(~before)} +
+                       load16(&datagram[ip_version_ihl]);
+  store16(&datagram[ip_checksum], checksum_of(sum));
   return true;
 }
 
@@ -144,6 +159,8 @@ std::vector<std::vector<uint8_t>> cut(std::span<const uint8_t> packet, size_t mt
     store16(&part[ip_length], static_cast<uint16_t>(part.size()));
     const auto offset = static_cast<uint16_t>((at - ip_size) / unit);
     store16(&part[ip_fragment], static_cast<uint16_t>(offset | (at + size < packet.size() ? more_fragments : 0)));
+    store16(&part[ip_checksum], 0);
+    store16(&part[ip_checksum], checksum_of(sum_of_words(std::span(part).first(ip_size))));
     parts.push_back(std::move(part));
   }
   return parts;

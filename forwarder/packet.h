@@ -1,7 +1,6 @@
 // Core packets: IPv4, GRE (RFC 2784) without options, the customer's IPv4 datagram. Nothing here calls the system.
 //
-// Outgoing headers are made once for an encapsulation and patched for each packet; the kernel fills the header checksum of
-// what a raw socket sends. Incoming packets are taken as a raw socket gives them, from the IPv4 header on; every length is
+// Outgoing headers are made once for an encapsulation and patched for each packet, their checksum included. Incoming packets are taken as a raw socket gives them, from the IPv4 header on; every length is
 // checked against the bytes that are there before it is used. Addresses are numbers in host byte order.
 #ifndef FORWARDER_PACKET_H
 #define FORWARDER_PACKET_H
@@ -60,6 +59,7 @@ class OuterHeader {
 
  private:
   std::array<uint8_t, kOuterSize> bytes_{};
+  uint32_t sum_ = 0;                            // of the header's 16-bit words that no packet changes
   uint8_t tos_mask_ = 0xFF;                     // bits that come from the customer's header
   uint8_t fragment_and_ = 0, fragment_or_ = 0;  // on the customer's don't-fragment bit
 };

@@ -311,7 +311,7 @@ void Plane::report_held() {
     if (vrf->tunnel) held(item_of(name, *vrf->tunnel));
     for (uint32_t index = 1; index < kIndexes; index++)
       if (vrf->encapsulations[index].group != 0) held(item_of(name, index, vrf->encapsulations[index]));
-    vrf->flows.each([&, &vrf_name = name](const Flow &flow) { held(item_of(vrf_name, flow)); });
+    vrf->flows.each([&, &vrf_name = name](const Flow &flow, const FlowRate &) { held(item_of(vrf_name, flow)); });
   }
   for (const auto &[key, route] : state_.core_routes()) held(item_of(key, route));
   Report end;
@@ -453,7 +453,7 @@ void Plane::report_vrf(const Vrf &vrf) {
 
 void Plane::report_flows() {
   for (const auto &[name, vrf] : state_.vrfs())
-    vrf->flows.each([&, &vrf_name = name, &held = *vrf](const Flow &flow) {
+    vrf->flows.each([&, &vrf_name = name, &held = *vrf](const Flow &flow, const FlowRate &rate) {
       Report message;
       protocol::FlowCounters *counters = message.mutable_flow();
       const Encapsulation &bound = held.encapsulations[flow.index];
@@ -465,7 +465,7 @@ void Plane::report_flows() {
       counters->set_core_group(held.encapsulations[index].group);
       counters->set_packets(flow.packets);
       counters->set_bytes(flow.bytes);
-      counters->set_rate(flow.rate);
+      counters->set_rate(rate.rate);
       report(message);
     });
 }

@@ -196,8 +196,8 @@ void VrfSite::tell_tunnel() {
 
 // ------------------------------------------------------------------------------------------------------------ packets
 
-// Reads a batch, then looks its flows up: the memory that they stand in is asked for at once for all of them, so that
-// the waits of a large table are one wait a batch.
+// Reads a batch, then looks its flows up. The memory that a flow stands in is asked for as soon as its packet is read, so
+// that it arrives while the kernel hands out the next ones.
 // False: there was no more than that.
 bool VrfSite::encapsulate_batch() {
   constexpr size_t line = 64;  // of the cache
@@ -212,9 +212,9 @@ bool VrfSite::encapsulate_batch() {
       break;
     }
     datagrams[count] = {at + kOuterSize, static_cast<size_t>(size)};
+    State::prefetch(vrf_, datagrams[count]);
     at += (kOuterSize + static_cast<size_t>(size) + line - 1) / line * line;
   }
-  for (size_t i = 0; i < count; i++) State::prefetch(vrf_, datagrams[i]);
   for (size_t i = 0; i < count; i++)
     if (Encapsulation *encapsulation = state_.choose(vrf_, datagrams[i]))
       core_.queue(vrf_, *encapsulation, datagrams[i]);

@@ -190,6 +190,29 @@ void transmit(const Descriptor &socket, const Bytes &datagram, uint32_t to) {
             static_cast<ssize_t>(datagram.size()));
 }
 
+// What a routing daemon does in the namespace of the thread: multicast routing of two devices, and a route between them.
+Descriptor routing_daemon(const char *from, const char *to, uint32_t source, uint32_t group) {
+  Descriptor daemon(::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_IGMP));
+  const int on = 1;
+  EXPECT_EQ(::setsockopt(daemon.get(), IPPROTO_IP, MRT_INIT, &on, sizeof on), 0);
+  vifi_t number = 0;
+  for (const char *device : {from, to}) {
+    vifctl vif{};
+    vif.vifc_vifi = number++;
+    vif.vifc_flags = VIFF_USE_IFINDEX;
+    vif.vifc_threshold = 1;
+    vif.vifc_lcl_ifindex = static_cast<int>(::if_nametoindex(device));
+    EXPECT_EQ(::setsockopt(daemon.get(), IPPROTO_IP, MRT_ADD_VIF, &vif, sizeof vif), 0);
+  }
+  mfcctl route{};
+  route.mfcc_origin.s_addr = htonl(source);
+  route.mfcc_mcastgrp.s_addr = htonl(group);
+  route.mfcc_parent = 0;
+  route.mfcc_ttls[1] = 1;
+  EXPECT_EQ(::setsockopt(daemon.get(), IPPROTO_IP, MRT_ADD_MFC, &route, sizeof route), 0);
+  return daemon;
+}
+
 // UDP of one customer, numbered.
 Bytes numbered(uint32_t number) {
   Bytes udp(12);
@@ -323,31 +346,11 @@ TEST_F(NamespacesTest, DatagramsOfTheControlPlaneCrossTheTunnel) {
   EXPECT_TRUE(one_->datagrams_.empty()) << "a PE does not hear itself";
 }
 
-// What a routing daemon does in the VRF's namespace, by hand.
 TEST_F(NamespacesTest, TellsOfCustomerRoutesAndTheirBytes) {
   rooms_.make("host");
   rooms_.join("pe1red", "c1", "192.168.1.1/24", "host", "eth0", "192.168.1.10/24");
   Descriptor daemon;
-  rooms_.in("pe1red", [&daemon] {
-    daemon = Descriptor(::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_IGMP));
-    const int on = 1;
-    ASSERT_EQ(::setsockopt(daemon.get(), IPPROTO_IP, MRT_INIT, &on, sizeof on), 0);
-    vifi_t number = 0;
-    for (const char *device : {"c1", "mti2"}) {
-      vifctl vif{};
-      vif.vifc_vifi = number++;
-      vif.vifc_flags = VIFF_USE_IFINDEX;
-      vif.vifc_threshold = 1;
-      vif.vifc_lcl_ifindex = static_cast<int>(::if_nametoindex(device));
-      ASSERT_EQ(::setsockopt(daemon.get(), IPPROTO_IP, MRT_ADD_VIF, &vif, sizeof vif), 0);
-    }
-    mfcctl route{};
-    route.mfcc_origin.s_addr = htonl(kCustomer);
-    route.mfcc_mcastgrp.s_addr = htonl(kGroup);
-    route.mfcc_parent = 0;
-    route.mfcc_ttls[1] = 1;
-    ASSERT_EQ(::setsockopt(daemon.get(), IPPROTO_IP, MRT_ADD_MFC, &route, sizeof route), 0);
-  });
+  rooms_.in("pe1red", [&daemon] { daemon = routing_daemon("c1", "mti2", kCustomer, kGroup); });
   const std::pair key{kCustomer, kGroup};
   ASSERT_TRUE(one_->until([&] { return one_->routes_[key].present(); }));
   EXPECT_EQ(one_->routes_[key].incoming(), "c1");
@@ -394,6 +397,24 @@ TEST_F(NamespacesTest, FollowsTheCoreLink) {
   ASSERT_TRUE(two_->until([this] { return two_->interfaces_[{"", "core0"}].up(); }));
   EXPECT_TRUE(eventually([this] { return two_->counters().core.at(0).joined(); }));
   carries(0, 50);
+}
+
+// A routing daemon in the core's namespace has a second core link: it hears this PE as it would hear any sender.
+TEST_F(NamespacesTest, ARoutingDaemonOfTheCoreCarriesOnWhatThePeSends) {
+  rooms_.make("pe3");
+  rooms_.join("pe1", "core1", "10.0.1.1/24", "pe3", "core0", "10.0.1.3/24");
+  Descriptor daemon, heard, membership;
+  rooms_.in("pe1", [&daemon] { daemon = routing_daemon("core0", "core1", 0x0A000001, kDefaultGroup); });
+  rooms_.in("pe3", [&heard, &membership] {
+    heard = Descriptor(::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_GRE));
+    membership = listener(kDefaultGroup, "core0");
+  });
+  uint32_t number = 0;
+  uint8_t bytes[2048];
+  EXPECT_TRUE(eventually([&] {
+    transmit(out_, numbered(number++), kGroup);
+    return ::recv(heard.get(), bytes, sizeof bytes, MSG_DONTWAIT) > 0;
+  }));
 }
 
 TEST_F(NamespacesTest, LargePacketsCrossASmallCore) {

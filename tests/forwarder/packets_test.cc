@@ -44,6 +44,7 @@ TEST(OuterHeader, CarriesWhatThePolicySays) {
     EXPECT_EQ(packet[1], item.tos);
     EXPECT_EQ(packet[6], item.fragment);
     EXPECT_EQ(packet[8], item.policy.ttl);
+    EXPECT_EQ(checksum(std::span(packet).first(20)), 0);
     packet.insert(packet.end(), inner.begin(), inner.end());
     CorePacket decoded;
     ASSERT_FALSE(decapsulate(packet, false, &decoded).has_value());
@@ -125,6 +126,7 @@ TEST(Fragments, CoverThePacketOnce) {
   for (size_t i = 0; i < parts.size(); i++) {
     EXPECT_LE(parts[i].size(), 1500u);
     EXPECT_EQ(parts[i].size(), size_t{parts[i][2]} << 8 | parts[i][3]);
+    EXPECT_EQ(checksum(std::span(parts[i]).first(20)), 0);
     const uint32_t fragment = uint32_t{parts[i][6]} << 8 | parts[i][7];
     EXPECT_EQ((fragment & 0x2000) != 0, i + 1 < parts.size());
     std::copy(parts[i].begin() + 20, parts[i].end(), joined.begin() + (fragment & 0x1FFF) * 8);
