@@ -96,7 +96,7 @@ TEST(Network, refuses_what_cannot_be_built) {
        "pe2 has no VRF red"},
   };
   for (const auto &[text, expected] : cases) {
-    const std::string reason = refusal([&] { read_network(nlohmann::ordered_json::parse(text)); });
+    const std::string reason = refusal([&, text = text] { read_network(nlohmann::ordered_json::parse(text)); });
     EXPECT_NE(reason.find(expected), std::string::npos) << text << ": " << reason;
   }
 }

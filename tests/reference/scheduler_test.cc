@@ -1,5 +1,6 @@
 // The scheduling locks and the threads that run under them.
 #include <algorithm>
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <string>
@@ -118,7 +119,6 @@ TEST_F(Scheduler, LocksComeBackHoweverAThreadEnds) {
 }
 
 TEST_F(Scheduler, NoOperationIsACancellationPoint) {
-  Consumer consumer;
   const pthread_t thread = start([&] {
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
     trace_ += 'a';
@@ -204,7 +204,7 @@ TEST_F(Scheduler, FirstComeFirstServed) {
 // Real time: a thread that takes the locks again and again gets one turn for each of the others.
 TEST_F(Scheduler, SpinningThreadStarvesNobody) {
   ref::clock_use_real(1);
-  bool stop = false;
+  std::atomic<bool> stop = false;
   int rounds = 0;
   const pthread_t thread = start([&] {
     for (; !stop; rounds++) tsp_sched_may_yield();

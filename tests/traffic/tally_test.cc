@@ -11,7 +11,10 @@ namespace {
 Tally arrived(const std::vector<uint64_t> &numbers) {
   Tally tally;
   int64_t at = 1000;
-  for (const uint64_t number : numbers) tally.arrived({.flow = 1, .number = number, .sent_ns = at}, at += 10);
+  for (const uint64_t number : numbers) {
+    tally.arrived({.flow = 1, .number = number, .sent_ns = at}, at + 10);
+    at += 10;
+  }
   return tally;
 }
 
