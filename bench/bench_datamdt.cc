@@ -14,11 +14,11 @@
 
 #include "bench/bench_world.h"
 #include "platform/sockets.h"
-#include "routing/pim/mvpn/mvpn_core.h"
-#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_datamdt_age_internal.h"
+#include "routing/pim/mvpn/mvpn_datamdt_join_internal.h"
+#include "routing/pim/mvpn/mvpn_datamdt_receiver.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
-#include "routing/pim/mvpn/mvpn_ha.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_ha_internal.h"
 #include "routing/pim/mvpn/mvpn_wire.h"
 
 namespace {

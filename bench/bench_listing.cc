@@ -10,7 +10,8 @@
 
 #include "bench/bench_world.h"
 #include "host/output/output.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
 
 namespace {
 

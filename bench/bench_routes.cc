@@ -7,7 +7,8 @@
 #include <unordered_map>
 
 #include "bench/bench_world.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_mdt_route_internal.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
 
 namespace {
 

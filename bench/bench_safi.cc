@@ -5,8 +5,9 @@
 #include <vector>
 
 #include "bench/bench_world.h"
-#include "routing/pim/mvpn/mvpn_core.h"
-#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_bgp.h"
+#include "routing/pim/mvpn/mvpn_context.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi_internal.h"
 
 namespace {
 

@@ -7,8 +7,7 @@
 #include <cstring>
 #include <thread>
 
-#include "routing/pim/mvpn/mvpn_mrib.h"
-#include "routing/pim/mvpn/mvpn_ui.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "tests/support/linked_module.h"
 
 namespace bench {

@@ -3,7 +3,8 @@
 #include <cstring>
 
 #include "fuzzers/fuzz_world.h"
-#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_datamdt_join_internal.h"
+#include "routing/pim/mvpn/mvpn_datamdt_receiver.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   mvpn_cibtype *red = fuzz::red();

@@ -2,7 +2,7 @@
 #include <cstdlib>
 
 #include "fuzzers/fuzz_world.h"
-#include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_ha_internal.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   mvpn_cibtype *red = fuzz::red();

@@ -4,8 +4,7 @@
 #include <cstdlib>
 #include <thread>
 
-#include "routing/pim/mvpn/mvpn_core.h"
-#include "routing/pim/mvpn/mvpn_ui.h"
+#include "routing/pim/mvpn/mvpn.h"
 #include "tests/support/linked_module.h"
 
 namespace fuzz {

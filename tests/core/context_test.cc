@@ -2,10 +2,12 @@
 #include <cstring>
 
 #include "platform/im.h"
-#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_context.h"
+#include "routing/pim/mvpn/mvpn_default_mdt_internal.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
+#include "routing/pim/mvpn/mvpn_mdt_route_walk.h"
 #include "routing/pim/mvpn/mvpn_mdt_safi.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
 #include "tests/support/module_test.h"
 
 namespace {

@@ -1,7 +1,6 @@
 // Start and stop of the module: the order of platform calls, failures at every step, and what survives.
-#include "routing/pim/mvpn/mvpn_core.h"
 #include "routing/pim/mvpn/mvpn_mdt_safi.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "tests/support/module_test.h"
 
 namespace {

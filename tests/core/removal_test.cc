@@ -1,8 +1,8 @@
 // The end of a VRF: its default group is removed in every status, and it goes, or is configured anew, in the middle of its
 // own end.
-#include "routing/pim/mvpn/mvpn_core.h"
-#include "routing/pim/mvpn/mvpn_mdt_safi.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_context.h"
+#include "routing/pim/mvpn/mvpn_default_mdt_internal.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
 #include "tests/support/failing_new.h"
 #include "tests/support/module_test.h"
 

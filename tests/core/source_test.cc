@@ -1,8 +1,8 @@
 // The MDT source: its interface is replaced, loses or changes its address, goes down, appears late.
 #include <cstring>
 
-#include "routing/pim/mvpn/mvpn_core.h"
-#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_context.h"
+#include "routing/pim/mvpn/mvpn_mdt_source.h"
 #include "tests/support/module_test.h"
 
 namespace {

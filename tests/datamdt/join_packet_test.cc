@@ -1,5 +1,9 @@
 // The Join datagram: its bytes, its buffer, sending it, and what the receiver thread makes of datagrams.
 #include "platform/ip.h"
+#include "routing/pim/mvpn/mvpn_context.h"
+#include "routing/pim/mvpn/mvpn_datamdt_join_internal.h"
+#include "routing/pim/mvpn/mvpn_datamdt_receiver_internal.h"
+#include "routing/pim/mvpn/mvpn_default_mdt.h"
 #include "tests/support/data_mdt_test.h"
 
 namespace {

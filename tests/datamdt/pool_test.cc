@@ -1,5 +1,10 @@
 // Ranges, the mapping of customer routes onto them, the group pool with its counts and encapsulation indexes.
 #include "platform/l3vm.h"
+#include "routing/pim/mvpn/mvpn_context.h"
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_default_mdt.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
 #include "tests/support/data_mdt_test.h"
 
 namespace {

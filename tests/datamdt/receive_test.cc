@@ -2,6 +2,10 @@
 #include <sched.h>
 
 #include "platform/im.h"
+#include "routing/pim/mvpn/mvpn_datamdt_age_internal.h"
+#include "routing/pim/mvpn/mvpn_datamdt_receiver_internal.h"
+#include "routing/pim/mvpn/mvpn_default_mdt.h"
+#include "routing/pim/mvpn/mvpn_mdt_route_internal.h"
 #include "tests/support/data_mdt_test.h"
 
 using namespace std::chrono_literals;

@@ -1,4 +1,11 @@
 // The sending side: the rate check, switchover and switchback, flows that switch at once, and what ends a flow.
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_datamdt_receiver.h"
+#include "routing/pim/mvpn/mvpn_datamdt_sender_internal.h"
+#include "routing/pim/mvpn/mvpn_default_mdt.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "tests/support/data_mdt_test.h"
 
 namespace {

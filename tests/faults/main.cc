@@ -28,7 +28,7 @@
 #include <random>
 #include <sstream>
 
-#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn.h"
 #include "tests/faults/story.h"
 #include "tests/support/platform_trace.h"
 

@@ -1,4 +1,7 @@
 #include "tests/faults/world.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
 
 #include <algorithm>
 #include <chrono>
@@ -7,10 +10,6 @@
 #include <set>
 #include <type_traits>
 
-#include "routing/pim/mvpn/mvpn_datamdt.h"
-#include "routing/pim/mvpn/mvpn_ha.h"
-#include "routing/pim/mvpn/mvpn_mdt_safi.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
 #include "tests/support/linked_module.h"
 #include "tests/support/module_test.h"
 

@@ -1,4 +1,6 @@
 // Persisted encapsulation choices and the recovery period after a restart.
+#include "routing/pim/mvpn/mvpn_datamdt_join.h"
+#include "routing/pim/mvpn/mvpn_ha_internal.h"
 #include "tests/support/data_mdt_test.h"
 
 using namespace std::chrono_literals;

@@ -1,9 +1,11 @@
 // MDT SAFI entries: the database, the local advertisement, remote updates and BGP's notifications.
 #include <cstring>
 
-#include "routing/pim/mvpn/mvpn_core.h"
-#include "routing/pim/mvpn/mvpn_mdt_safi.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_bgp.h"
+#include "routing/pim/mvpn/mvpn_context.h"
+#include "routing/pim/mvpn/mvpn_default_mdt.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi_internal.h"
 #include "tests/support/failing_new.h"
 #include "tests/support/module_test.h"
 

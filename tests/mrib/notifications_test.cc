@@ -3,8 +3,11 @@
 #include <cstring>
 
 #include "platform/ip.h"
-#include "routing/pim/mvpn/mvpn_core.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_context.h"
+#include "routing/pim/mvpn/mvpn_default_mdt_internal.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
+#include "routing/pim/mvpn/mvpn_mdt_route_walk.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "tests/support/module_test.h"
 
 namespace {

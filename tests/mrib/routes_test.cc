@@ -3,9 +3,12 @@
 #include <cstring>
 #include <map>
 
-#include "routing/pim/mvpn/mvpn_core.h"
-#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_context.h"
+#include "routing/pim/mvpn/mvpn_default_mdt_internal.h"
+#include "routing/pim/mvpn/mvpn_mdt_route_internal.h"
+#include "routing/pim/mvpn/mvpn_mdt_route_walk.h"
 #include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "tests/support/module_test.h"
 
 namespace {

@@ -1,8 +1,9 @@
 // Requests to the tunnel manager and the handling of its responses and of interface events.
 #include "platform/im.h"
 #include "platform/l3vm.h"
-#include "routing/pim/mvpn/mvpn_core.h"
-#include "routing/pim/mvpn/mvpn_oim.h"
+#include "routing/pim/mvpn/mvpn_context.h"
+#include "routing/pim/mvpn/mvpn_default_mdt_internal.h"
+#include "routing/pim/mvpn/mvpn_oim_internal.h"
 #include "tests/support/module_test.h"
 
 namespace {

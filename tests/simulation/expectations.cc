@@ -12,7 +12,7 @@
 #include "platform/im.h"
 #include "platform/l3vm.h"
 #include "platform/pim.h"
-#include "routing/pim/mvpn/mvpn_core.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi.h"
 #include "tests/simulation/world.h"
 #include "tests/support/module_test.h"
 

@@ -1,4 +1,6 @@
 #include "tests/simulation/world.h"
+#include "routing/pim/mvpn/mvpn_context.h"
+#include "routing/pim/mvpn/mvpn_ha.h"
 
 #include <algorithm>
 #include <cstring>
@@ -8,8 +10,6 @@
 
 #include "platform/l3vm.h"
 #include "platform/mts.h"
-#include "routing/pim/mvpn/mvpn_context.h"
-#include "routing/pim/mvpn/mvpn_ha.h"
 #include "tests/support/linked_module.h"
 #include "tests/support/platform_trace.h"
 

@@ -13,7 +13,7 @@
 #include "host/snmp/agentx.h"
 #include "host/snmp/tables.h"
 #include "platform/cli_schema.h"
-#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_ui_show.h"
 #include "tests/snmp/tools.h"
 #include "tests/support/data_mdt_test.h"
 

@@ -8,9 +8,8 @@
 #include <memory>
 #include <thread>
 
-#include "routing/pim/mvpn/mvpn_datamdt.h"
-#include "routing/pim/mvpn/mvpn_ha.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_datamdt_receiver_internal.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
 #include "tests/support/module_test.h"
 
 using Texts = std::vector<std::string>;

@@ -9,9 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "routing/pim/mvpn/mvpn_datamdt.h"
 #include "routing/pim/mvpn/mvpn_ha.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
 #include "tests/support/module_test.h"
 
 namespace {

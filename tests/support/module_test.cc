@@ -1,12 +1,11 @@
 #include "tests/support/module_test.h"
+#include "routing/pim/mvpn/mvpn_context.h"
 
 #include <arpa/inet.h>
 
 #include <chrono>
 #include <cstring>
 
-#include "routing/pim/mvpn/mvpn_mdt_safi.h"
-#include "routing/pim/mvpn/mvpn_ui.h"
 #include "tests/support/linked_module.h"
 
 using namespace std::chrono_literals;

@@ -12,7 +12,6 @@
 
 #include "platform/reference/reference.h"
 #include "routing/pim/mvpn/mvpn.h"
-#include "routing/pim/mvpn/mvpn_core.h"
 #include "tests/support/platform_trace.h"
 
 // Address from its dotted form.

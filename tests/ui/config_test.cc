@@ -2,10 +2,9 @@
 #include <cstring>
 #include <set>
 
-#include "routing/pim/mvpn/mvpn_core.h"
-#include "routing/pim/mvpn/mvpn_datamdt.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
-#include "routing/pim/mvpn/mvpn_ui.h"
+#include "routing/pim/mvpn/mvpn_context.h"
+#include "routing/pim/mvpn/mvpn_default_mdt.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
 #include "tests/support/module_test.h"
 
 namespace {

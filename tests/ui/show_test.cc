@@ -3,8 +3,10 @@
 #include <regex>
 
 #include "host/output/output.h"
-#include "routing/pim/mvpn/mvpn_ha.h"
-#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_ha_internal.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
+#include "routing/pim/mvpn/mvpn_ui_show_internal.h"
 #include "tests/host_output/document_check.h"
 #include "tests/ui/ui_test.h"
 

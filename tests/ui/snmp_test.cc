@@ -1,7 +1,10 @@
 // SNMP scalars and tables: rows against their golden text, walks, gets, and get-next from any index.
 #include <map>
 
-#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_context.h"
+#include "routing/pim/mvpn/mvpn_datamdt_receiver.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi_internal.h"
 #include "tests/ui/ui_test.h"
 
 using namespace std::chrono_literals;

@@ -9,7 +9,7 @@
 #include <iterator>
 
 #include "platform/cli_schema.h"
-#include "routing/pim/mvpn/mvpn_ui.h"
+#include "routing/pim/mvpn/mvpn_datamdt_receiver.h"
 #include "tests/support/data_mdt_test.h"
 
 // What a handler did. Values in order of recording.

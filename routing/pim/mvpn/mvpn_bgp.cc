@@ -18,6 +18,8 @@
 // entries beyond it are not read, a name without terminator names nothing.
 //
 // Everything runs on the main thread.
+#include "routing/pim/mvpn/mvpn_bgp.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -27,8 +29,10 @@
 #include "routing/pim/mvpn/mvpn_default_mdt.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
 #include "routing/pim/mvpn/mvpn_mdt_safi.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_mdt_source.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "routing/pim/mvpn/mvpn_wire.h"
 
 // --------------------------------------------------------------------------------------------------- remote entries
@@ -92,7 +96,7 @@ static void withdraw_entry(mvpn_bgp_mdt_safi *entry, mvpn_cibtype *mvpn) {
   mvpn_mrib_trigger_rpf_lookup(mvpn);
 }
 
-int mvpn_bgp_update_mdt_safi(mvpn_bgp_mdt_safi_key key, int add, int eor) {
+static int mvpn_bgp_update_mdt_safi(mvpn_bgp_mdt_safi_key key, int add, int eor) {
   mvpn_cibtype *mvpn = context_of_group(key.mdt_grp);
   MVPN_SAFI_DEBUG("Received an MDT SAFI message from BGP:RD %s, src = %s, grp = %s add = %d eor = %d", key, add, eor);
   if (add != 0) return advertise_entry(key, mvpn);
@@ -147,6 +151,14 @@ int mvpn_request_remote_mdt_safis() {
 
 // ------------------------------------------------------------------------------------------------------- connection
 
+static void mvpn_get_bgp_info() {
+  mvpn_bgp_resolve_update_src();
+  mvpn_for_each_context_by_id([](mvpn_cibtype *mvpn) {
+    mvpn_bgp_get_rd(mvpn);
+    return true;
+  });
+}
+
 int mvpn_init_bgp() {
   if (pim_bgp_initialized != 0) return 1;
   if (bgp_api_init() == 0) {
@@ -162,14 +174,6 @@ void mvpn_deinit_bgp() {
   if (pim_bgp_initialized == 0) return;
   bgp_api_close();
   pim_bgp_initialized = 0;
-}
-
-void mvpn_get_bgp_info() {
-  mvpn_bgp_resolve_update_src();
-  mvpn_for_each_context_by_id([](mvpn_cibtype *mvpn) {
-    mvpn_bgp_get_rd(mvpn);
-    return true;
-  });
 }
 
 // ---------------------------------------------------------------------------------------------------- update source

@@ -59,7 +59,12 @@ const char *const mvpn_functionality_status_str[] = {MVPN_FUNCTIONALITY_STATUS_L
 const char *const mvpn_mti_status_str[] = {MVPN_MTI_STATUS_LIST(ENUM_TEXT)};
 const char *const mvpn_mdt_group_mode_str[] = {MVPN_MDT_GROUP_MODE_LIST(ENUM_TEXT)};
 
-const mvpn_slab_info_t mvpn_slab_info[MVPN_SLAB_COUNT] = {
+struct mvpn_slab_info_t {
+  size_t size;     // bytes of an object
+  uint16_t count;  // objects per growth step
+  char name[36];
+};
+static const mvpn_slab_info_t mvpn_slab_info[MVPN_SLAB_COUNT] = {
     {sizeof(mvpn_cibtype), 100, "mvpn_cibtype"},
     {sizeof(mvpn_bgp_mdt_safi), 200, "mvpn_bgp_mdt_safi"},
     {sizeof(mvpn_mdt_route), 200, "mvpn_mdt_route"},
@@ -269,26 +274,11 @@ static mvpn_cibtype *allocate_context(pim_cibtype *pcib) {
   return nullptr;
 }
 
-mvpn_cibtype *mvpn_create_context(pim_cibtype *pcib, const char *vrf_name) {
-  if (pcib == nullptr && vrf_name == nullptr) return nullptr;
-  if (pcib == nullptr) pcib = find_or_create_pcib(vrf_name);
-  if (pcib == nullptr) return nullptr;
-  if (pcib->mvpn != nullptr) return pcib->mvpn;
-  mvpn_cibtype *mvpn = allocate_context(pcib);
-  if (mvpn == nullptr) return nullptr;
-  pcib->mvpn = mvpn;
-  MVPN_DEBUG(pcib, "pcib->mvpn (pcib=%p mvpn=%p) is now set for VRF %s", static_cast<void *>(pcib),
-             static_cast<void *>(mvpn), pcib->vrf_name);
-  mvpn_init_context(mvpn);
-  mvpn_mvrf_count++;
-  return mvpn;
-}
-
 static void switchover_timer_expired(void *argument) {
   mvpn_switchover_timer_hook(static_cast<mvpn_cibtype *>(argument));
 }
 
-void mvpn_init_context(mvpn_cibtype *mvpn) {
+static void mvpn_init_context(mvpn_cibtype *mvpn) {
   if (mvpn == nullptr) return;
   mvpn_set_mti_status(mvpn, MVPN_MTI_NONE, "context initialised");
   mvpn->mdt_group_mode = MVPN_MDT_GROUP_MODE_NONE;
@@ -304,6 +294,21 @@ void mvpn_init_context(mvpn_cibtype *mvpn) {
   mvpn->switchover_timer =
       active_timer_create(mvpn_at_set_heap, ACTIVE_TIMER_TYPE_MVPN, switchover_timer_expired, mvpn);
   mvpn_note_change(mvpn, MVPN_LAST_CHANGE_CREATED);
+}
+
+mvpn_cibtype *mvpn_create_context(pim_cibtype *pcib, const char *vrf_name) {
+  if (pcib == nullptr && vrf_name == nullptr) return nullptr;
+  if (pcib == nullptr) pcib = find_or_create_pcib(vrf_name);
+  if (pcib == nullptr) return nullptr;
+  if (pcib->mvpn != nullptr) return pcib->mvpn;
+  mvpn_cibtype *mvpn = allocate_context(pcib);
+  if (mvpn == nullptr) return nullptr;
+  pcib->mvpn = mvpn;
+  MVPN_DEBUG(pcib, "pcib->mvpn (pcib=%p mvpn=%p) is now set for VRF %s", static_cast<void *>(pcib),
+             static_cast<void *>(mvpn), pcib->vrf_name);
+  mvpn_init_context(mvpn);
+  mvpn_mvrf_count++;
+  return mvpn;
 }
 
 void mvpn_free_context(mvpn_cibtype *mvpn) {

@@ -16,12 +16,6 @@ enum mvpn_slab_t : uint32_t {
   MVPN_SLAB_RECV_JOIN_INFO,
   MVPN_SLAB_COUNT,
 };
-struct mvpn_slab_info_t {
-  size_t size;     // bytes of an object
-  uint16_t count;  // objects per growth step
-  char name[36];
-};
-extern const mvpn_slab_info_t mvpn_slab_info[MVPN_SLAB_COUNT];
 extern slab_handle mvpn_slabs[MVPN_SLAB_COUNT];  // 0 while not created
 
 extern mts_queue *mvpn_mts_q;       // the host's PIM queue, copied at start
@@ -75,9 +69,8 @@ class mvpn_vrf_handle {
   uint64_t serial_;  // 0: no context
 };
 
-// Contexts: creation with defaults (by PIM context, or by VRF name when pcib is null), defaults.
+// Creation of a context, with defaults (by PIM context, or by VRF name when pcib is null).
 mvpn_cibtype *mvpn_create_context(pim_cibtype *pcib, const char *vrf_name);
-void mvpn_init_context(mvpn_cibtype *mvpn);
 // Unlinks a context from its VRF and frees it; what hung on it is gone already.
 void mvpn_free_context(mvpn_cibtype *mvpn);
 

@@ -6,7 +6,9 @@
 
 #include "platform/im.h"
 #include "routing/pim/mvpn/mvpn_context.h"
-#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_datamdt_join.h"
+#include "routing/pim/mvpn/mvpn_datamdt_receiver.h"
+#include "routing/pim/mvpn/mvpn_datamdt_sender.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_ha.h"
 

@@ -12,6 +12,7 @@
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
+#include "routing/pim/mvpn/mvpn_guards.h"
 
 namespace {
 

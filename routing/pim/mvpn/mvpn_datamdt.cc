@@ -10,18 +10,19 @@
 // Invariants: a send record has a core route if and only if its customer route is among that route's referers; no record
 // names a range that is not in the list; an index is handed out only with its entry in the VRF's encapsulation table.
 // Index 1 is the default MDT's and never a flow's, also while the default tunnel is down and its entry is free.
+#include "routing/pim/mvpn/mvpn_datamdt.h"
+
 #include <algorithm>
 #include <array>
 
 #include "platform/im.h"
 #include "platform/ip.h"
 #include "routing/pim/mvpn/mvpn_context.h"
-#include "routing/pim/mvpn/mvpn_datamdt.h"
-#include "routing/pim/mvpn/mvpn_datamdt_pool.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
 #include "routing/pim/mvpn/mvpn_ha.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
 
 namespace {
 
@@ -172,6 +173,17 @@ bool has_local_source(const pim_route *croute) {
   return croute->bidirectional != 0 || ksink_im_is_mvpn_tunnel(croute->iif) == 0;
 }
 
+int mvpn_does_data_mdt_policy_match(mvpn_cibtype *, const mvpn_mdt_route_addrs *key, const rpm_binding *policy) {
+  if (policy->policy_name == nullptr) return 1;
+  if (rpm_policy_is_ready(policy->policy_handle) == 0) return 0;
+  rpm_mroute_match record{};
+  record.source = key->source;
+  record.group = key->group;
+  record.source_len = key->source != 0 ? MROUTE_HOST_LEN : 0;
+  record.group_len = key->group_len;
+  return rpm_eval_policy_match(policy->policy_handle, RPM_MATCH_MROUTE, &record, 0, 0) == 1 ? 1 : 0;
+}
+
 bool range_matches(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, const mvpn_data_mdt_range *range) {
   return range->deleted == 0 && mvpn_does_data_mdt_policy_match(mvpn, key, &range->policy) != 0;
 }
@@ -241,15 +253,15 @@ uint32_t mvpn_decrement_data_mdt_group_refcount(mvpn_cibtype *mvpn, mvpn_data_md
 
 // ------------------------------------------------------------------------------------------------- ranges and mapping
 
-int mvpn_does_data_mdt_policy_match(mvpn_cibtype *, const mvpn_mdt_route_addrs *key, const rpm_binding *policy) {
-  if (policy->policy_name == nullptr) return 1;
-  if (rpm_policy_is_ready(policy->policy_handle) == 0) return 0;
-  rpm_mroute_match record{};
-  record.source = key->source;
-  record.group = key->group;
-  record.source_len = key->source != 0 ? MROUTE_HOST_LEN : 0;
-  record.group_len = key->group_len;
-  return rpm_eval_policy_match(policy->policy_handle, RPM_MATCH_MROUTE, &record, 0, 0) == 1 ? 1 : 0;
+static int mvpn_create_data_mdt_send_join_info(mvpn_cibtype *mvpn, pim_route *croute) {
+  auto *record = static_cast<mvpn_data_mdt_send_join_info *>(slab_calloc(mvpn_slabs[MVPN_SLAB_SEND_JOIN_INFO]));
+  croute->send_join_info = record;
+  if (record == nullptr) {
+    mvpn_report(msg_error_PIM_MALLOC, sizeof(mvpn_data_mdt_send_join_info), "mvpn_create_data_mdt_send_join_info()");
+    return 0;
+  }
+  mvpn_init_data_mdt_send_join_info(mvpn, croute, record);
+  return 1;
 }
 
 int mvpn_map_data_mdt_config(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute) {
@@ -297,17 +309,6 @@ void mvpn_forget_data_mdt_range(mvpn_cibtype *mvpn, mvpn_data_mdt_range *range) 
 }
 
 // ------------------------------------------------------------------------------------------------------- send records
-
-int mvpn_create_data_mdt_send_join_info(mvpn_cibtype *mvpn, pim_route *croute) {
-  auto *record = static_cast<mvpn_data_mdt_send_join_info *>(slab_calloc(mvpn_slabs[MVPN_SLAB_SEND_JOIN_INFO]));
-  croute->send_join_info = record;
-  if (record == nullptr) {
-    mvpn_report(msg_error_PIM_MALLOC, sizeof(mvpn_data_mdt_send_join_info), "mvpn_create_data_mdt_send_join_info()");
-    return 0;
-  }
-  mvpn_init_data_mdt_send_join_info(mvpn, croute, record);
-  return 1;
-}
 
 void mvpn_init_data_mdt_send_join_info(mvpn_cibtype *mvpn, pim_route *croute, mvpn_data_mdt_send_join_info *record) {
   // A record that still refers to a core route gives its group back first, or the route would keep the flow.

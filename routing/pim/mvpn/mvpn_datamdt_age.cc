@@ -2,11 +2,13 @@
 // expiry time has passed; a pass that is still running is not doubled. The thread is detached: who stops it cancels it
 // and waits, without the scheduling locks, until its clean-up has cleared mvpn_age_thread. It may end only where it
 // yields.
+#include "routing/pim/mvpn/mvpn_datamdt_age_internal.h"
+
 #include <algorithm>
 #include <thread>
 
 #include "routing/pim/mvpn/mvpn_context.h"
-#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_datamdt_receiver.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
 
@@ -34,6 +36,17 @@ bool pass_is_running() {
 
 }  // namespace
 
+static void *mvpn_age_routine(void *) {
+  const PassEnd end;
+  zeph_sys_mclock_get(&mvpn_age_ts);
+  mvpn_for_each_context([](mvpn_cibtype *mvpn) {
+    if (!mvpn_is_up()) return false;
+    mvpn_age_route_by_vpn(mvpn);
+    return true;
+  });
+  return nullptr;
+}
+
 void mvpn_process_age_timer() {
   active_timer_start(mvpn_age_timer, kAgeInterval, 0, 0, 0);
   if (pass_is_running()) {
@@ -46,17 +59,6 @@ void mvpn_process_age_timer() {
   if (quillon_pthread_create(&mvpn_age_thread, &attributes, mvpn_age_routine, nullptr, "mvpn-age-thread") != 0)
     mvpn_age_thread = 0;
   pthread_attr_destroy(&attributes);
-}
-
-void *mvpn_age_routine(void *) {
-  const PassEnd end;
-  zeph_sys_mclock_get(&mvpn_age_ts);
-  mvpn_for_each_context([](mvpn_cibtype *mvpn) {
-    if (!mvpn_is_up()) return false;
-    mvpn_age_route_by_vpn(mvpn);
-    return true;
-  });
-  return nullptr;
 }
 
 void mvpn_age_route_by_vpn(mvpn_cibtype *mvpn) {

@@ -11,6 +11,8 @@
 //
 // Nothing that arrives is trusted: every length is compared with the bytes received before it is used, and an entry can
 // only change the receive cache of the VRF whose tunnel it came through.
+#include "routing/pim/mvpn/mvpn_datamdt_join_internal.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -21,12 +23,14 @@
 #include "platform/sockets.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_datamdt_age.h"
+#include "routing/pim/mvpn/mvpn_datamdt_receiver.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
 #include "routing/pim/mvpn/mvpn_wire.h"
 
 int mvpn_udp_sid = -1;
-int mvpn_udp_up = 0;
+static int mvpn_udp_up = 0;  // 1: bound
 pthread_t mvpn_udp_thread = 0;
 uint8_t mvpn_recv_data_mdt_join_pkt[MVPN_RECV_JOIN_PACKET_SIZE];
 
@@ -76,6 +80,22 @@ uint32_t packet_limit(const mvpn_cibtype *mvpn) {
   const pim_iftype *interface = pim_get_iftype(mvpn->mti_iod);
   if (interface == nullptr) return 0;
   return std::min({pim_mtu, interface->mtu, kLargestPacket});
+}
+
+void mvpn_mdt_join_init_packet(mvpn_cibtype *mvpn) {
+  uint8_t *datagram = datagram_of(mvpn);
+  std::memset(datagram, 0, kEntries);
+  datagram[kVersion] = kVersion4Header20;
+  datagram[kTypeOfService] = kPrecedence6;
+  store_host(datagram + kTotalLength, static_cast<uint16_t>(kEntries));
+  datagram[kTimeToLive] = 1;
+  datagram[kProtocol] = kUdp;
+  store_be32(datagram + kSource, mvpn->mdt_source_addr);
+  store_be32(datagram + kDestination, MVPN_ALL_PIM_ROUTERS);
+  store_be16(datagram + kSourcePort, MVPN_DATA_MDT_UDP_PORT);
+  store_be16(datagram + kDestinationPort, MVPN_DATA_MDT_UDP_PORT);
+  store_be16(datagram + kUdpLength, kUdpHeader);
+  set_length(mvpn, kEntries);
 }
 
 // Sees to a packet that can hold what the MTU of now allows; an empty one that was made for a smaller MTU is made anew.
@@ -205,6 +225,20 @@ void take_entries(mvpn_cibtype *mvpn, const uint8_t *entry, uint32_t remaining, 
 
 // ------------------------------------------------------------------------------------------- set-up and tear-down
 
+static void *mvpn_udp_main(void *) {
+  for (;;) {
+    quillon_sockaddr_in from{};
+    const ssize_t n = receive(&from);
+    if (n >= 0) {
+      mvpn_process_data_mdt_join(from.iod, static_cast<size_t>(n));
+      continue;
+    }
+    if (mvpn_udp_thread != 0) continue;
+    if (!mvpn_is_stopping()) mvpn_report(msg_error_PIM_UDP_READ);
+    pthread_exit(nullptr);
+  }
+}
+
 int mvpn_init_data_mdt() {
   if (mvpn_init_udp() == 0) return 0;
   mvpn_data_mdt_info_pt_attr = pt_attr_create(0, 1, MVPN_RECV_KEY_BYTES);
@@ -225,6 +259,15 @@ int mvpn_init_data_mdt() {
   }
   active_timer_start(mvpn_age_timer, 0, 0, 0, 0);
   return 1;
+}
+
+static void mvpn_deinit_udp() {
+  if (mvpn_udp_sid != -1) {
+    const yield_bracket bracket;
+    quillon_close(mvpn_udp_sid);
+  }
+  mvpn_udp_sid = -1;
+  mvpn_udp_up = 0;
 }
 
 void mvpn_deinit_data_mdt() {
@@ -259,32 +302,7 @@ int mvpn_init_udp() {
   return 1;
 }
 
-void mvpn_deinit_udp() {
-  if (mvpn_udp_sid != -1) {
-    const yield_bracket bracket;
-    quillon_close(mvpn_udp_sid);
-  }
-  mvpn_udp_sid = -1;
-  mvpn_udp_up = 0;
-}
-
 // ---------------------------------------------------------------------------------------------------------- sending
-
-void mvpn_mdt_join_init_packet(mvpn_cibtype *mvpn) {
-  uint8_t *datagram = datagram_of(mvpn);
-  std::memset(datagram, 0, kEntries);
-  datagram[kVersion] = kVersion4Header20;
-  datagram[kTypeOfService] = kPrecedence6;
-  store_host(datagram + kTotalLength, static_cast<uint16_t>(kEntries));
-  datagram[kTimeToLive] = 1;
-  datagram[kProtocol] = kUdp;
-  store_be32(datagram + kSource, mvpn->mdt_source_addr);
-  store_be32(datagram + kDestination, MVPN_ALL_PIM_ROUTERS);
-  store_be16(datagram + kSourcePort, MVPN_DATA_MDT_UDP_PORT);
-  store_be16(datagram + kDestinationPort, MVPN_DATA_MDT_UDP_PORT);
-  store_be16(datagram + kUdpLength, kUdpHeader);
-  set_length(mvpn, kEntries);
-}
 
 void mvpn_fill_one_data_mdt_join(mvpn_cibtype *mvpn, const mvpn_data_mdt_join &join) {
   if (mvpn == nullptr || mvpn->pcib == nullptr) return;
@@ -343,20 +361,6 @@ void mvpn_send_data_mdt_join_packet(mvpn_cibtype *mvpn, int release) {
 }
 
 // -------------------------------------------------------------------------------------------------------- receiving
-
-void *mvpn_udp_main(void *) {
-  for (;;) {
-    quillon_sockaddr_in from{};
-    const ssize_t n = receive(&from);
-    if (n >= 0) {
-      mvpn_process_data_mdt_join(from.iod, static_cast<size_t>(n));
-      continue;
-    }
-    if (mvpn_udp_thread != 0) continue;
-    if (!mvpn_is_stopping()) mvpn_report(msg_error_PIM_UDP_READ);
-    pthread_exit(nullptr);
-  }
-}
 
 void mvpn_process_data_mdt_join(uint16_t iod, size_t n) {
   if (!mvpn_is_up()) return;

@@ -12,6 +12,8 @@
 //
 // What yields: the destruction of a whole cache, the clean-up after a core route, and the changes of a route's reverse
 // path, which may map it onto the sending side as well.
+#include "routing/pim/mvpn/mvpn_datamdt_receiver_internal.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -21,7 +23,7 @@
 #include "routing/pim/mvpn/mvpn_datamdt.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
 #include "routing/pim/mvpn/mvpn_wire.h"
 
 uint32_t mvpn_data_mdt_recv_cache_limit = 100000;
@@ -36,6 +38,13 @@ constexpr uint32_t kKeyBits = MVPN_RECV_KEY_BYTES * 8;
 constexpr uint64_t kNanosecondsPerSecond = 1000000000;
 
 using Record = mvpn_data_mdt_recv_join_info;
+
+void mvpn_build_data_mdt_recv_join_info_pt_key(ip_addr_t c_src, ip_addr_t c_grp, ip_addr_t p_src,
+                                               uint8_t key[MVPN_RECV_KEY_BYTES]) {
+  store_be32(key, c_grp);
+  store_be32(key + 4, c_src);
+  store_be32(key + 8, p_src);
+}
 
 // Calls visit(record) for every announcement under a prefix of the key, in tree order, until it returns false. The record
 // may be destroyed by the visit.
@@ -126,6 +135,12 @@ bool has_oif_off_the_tunnels(const pim_route *croute) {
   return false;
 }
 
+void mvpn_uninstall_remote_data_mdt(mvpn_cibtype *mvpn, Record *record, const pim_route *croute,
+                                    const mvpn_mdt_route_addrs *key) {
+  record->flags &= ~flag_of(croute);
+  if (record->flags == 0) leave_route(mvpn, record, *key);
+}
+
 // Uninstalls an announcement for one kind of customer route when that route still exists.
 void unmap_kind(mvpn_cibtype *mvpn, Record *record, const mvpn_mdt_route_addrs &addrs, const char *absent) {
   const pim_route *croute = pim_get_route_from_pt(mvpn->pcib, &addrs);
@@ -137,13 +152,142 @@ void unmap_kind(mvpn_cibtype *mvpn, Record *record, const mvpn_mdt_route_addrs &
 
 }  // namespace
 
+// ------------------------------------------------------------------------------------------- installation for a route
+
+int mvpn_should_install_remote_data_mdt(const pim_route *croute, const mvpn_cibtype *mvpn) {
+  if (croute == nullptr || mvpn == nullptr) return 0;
+  const mvpn_data_mdt_send_join_info *sent = croute->send_join_info;
+  if (sent != nullptr && sent->encap_index >= MVPN_ENCAP_INDEX_FIRST_DATA) return 1;
+  if (croute->bidirectional != 0)
+    return !is_tunnel(croute->iif) || croute->oifless_join_barred == 0 || has_oif_off_the_tunnels(croute) ? 1 : 0;
+  if (!is_tunnel(croute->iif)) return 0;
+  if (bitfield_is_any_set(&croute->oifs) != 0 || croute->oifless_join_barred == 0) return 1;
+  return mvpn->pcib->ignore_mrib_prunes != 0 ? 1 : 0;
+}
+
+static int mvpn_install_remote_data_mdt(mvpn_cibtype *mvpn, pim_route *croute, Record *record) {
+  if (croute == nullptr) return 0;
+  if (mvpn_should_install_remote_data_mdt(croute, mvpn) == 0) {
+    MVPN_DEBUG(mvpn->pcib, "NOT installing route c_src %s, c_grp %s, p_src %s, p_grp %s %s",
+               ip_print_addr(record->c_src), ip_print_addr(record->c_grp), ip_print_addr(record->p_src),
+               ip_print_addr(record->p_grp), croute->is_star_g != 0 ? "starg" : "sg");
+    return 0;
+  }
+  mvpn_mdt_route *route =
+      mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_REMOTE_DATA, record->p_src, 0, record->p_grp, 1);
+  if (route == nullptr || !join_route(mvpn, record, route)) {
+    MVPN_DEBUG(mvpn->pcib, "Couldnt allocate MDT resource (%s %s)", ip_print_addr(record->p_src),
+               ip_print_addr(record->p_grp));
+    return 0;
+  }
+  record->flags |= flag_of(croute);
+  MVPN_DEBUG(mvpn->pcib, "Receive join entry (%s %s) is now mapped to a croute with mdt-route (%s,%s)",
+             ip_print_addr(record->c_src), ip_print_addr(record->c_grp), ip_print_addr(route->source),
+             ip_print_addr(route->group));
+  return 1;
+}
+
+static int mvpn_match_remote_data_mdt(const mvpn_mdt_route_addrs *key, const Record *record) {
+  if (record->c_grp != key->group) return 0;
+  return key->source_len == MROUTE_ANY_SOURCE_LEN || record->c_src == key->source ? 1 : 0;
+}
+
+static int mvpn_mdt_join_refers_croute(const Record *record, const pim_route *croute) {
+  return (record->flags & flag_of(croute)) != 0 ? 1 : 0;
+}
+
+static uint32_t mvpn_get_recv_join_info_mask_len(int is_star_g) {
+  return is_star_g != 0 ? kGroupBits : kGroupSourceBits;
+}
+
+// ----------------------------------------------------------------------------------------- mapping from the announcement
+
+static int mvpn_data_mdt_map_remote_source_to_receiver(mvpn_cibtype *mvpn, Record *record) {
+  MVPN_DEBUG(mvpn->pcib, "Mapping customer route for new receive join entry (%s %s)", ip_print_addr(record->c_src),
+             ip_print_addr(record->c_grp));
+  mrib_read_guard mrib_lock;
+  const vrf_context_id_t context_id = mvpn->pcib->context_id;
+  const mvpn_mdt_route_addrs star_g = star_g_addrs(record->c_grp);
+  const mvpn_mdt_route_addrs s_g = s_g_addrs(record->c_src, record->c_grp);
+  const bool has_source = record->c_src != 0;
+  pim_route *star_g_croute = pim_get_route_from_pt(mvpn->pcib, &star_g);
+  pim_route *s_g_croute = has_source ? pim_get_route_from_pt(mvpn->pcib, &s_g) : nullptr;
+  const bool in_mrib = mrib_get_route_by_addr(context_id, &star_g) != nullptr ||
+                       (has_source && mrib_get_route_by_addr(context_id, &s_g) != nullptr);
+  if (!in_mrib) {
+    mrib_lock.release();
+    MVPN_DEBUG(mvpn->pcib, "No mrib croute found for c_src %s, c_grp %s, p_src %s, p_grp %s",
+               ip_print_addr(record->c_src), ip_print_addr(record->c_grp), ip_print_addr(record->p_src),
+               ip_print_addr(record->p_grp));
+    return 0;
+  }
+  if (star_g_croute == nullptr && s_g_croute == nullptr) {
+    mrib_lock.release();
+    MVPN_DEBUG(mvpn->pcib, "No pim croute found for c_src %s, c_grp %s, p_src %s, p_grp %s",
+               ip_print_addr(record->c_src), ip_print_addr(record->c_grp), ip_print_addr(record->p_src),
+               ip_print_addr(record->p_grp));
+    return 0;
+  }
+  const int for_s_g = mvpn_install_remote_data_mdt(mvpn, s_g_croute, record);
+  const int for_star_g = mvpn_install_remote_data_mdt(mvpn, star_g_croute, record);
+  return for_s_g != 0 || for_star_g != 0 ? 1 : 0;
+}
+
+static void mvpn_data_mdt_unmap_remote_source_from_receiver(mvpn_cibtype *mvpn, Record *record) {
+  if ((record->flags & MVPN_RECV_JOIN_MAPPED_STARG) != 0)
+    unmap_kind(mvpn, record, star_g_addrs(record->c_grp),
+               "NULL (*,G) croute. Failed in unmapping remote source from receiver.");
+  if (record->c_src != 0 && (record->flags & MVPN_RECV_JOIN_MAPPED_SG) != 0)
+    unmap_kind(mvpn, record, s_g_addrs(record->c_src, record->c_grp),
+               "NULL (S,G) croute. Failed in unmapping remote source from receiver.");
+}
+
 // ---------------------------------------------------------------------------------------------------------- the cache
 
-void mvpn_build_data_mdt_recv_join_info_pt_key(ip_addr_t c_src, ip_addr_t c_grp, ip_addr_t p_src,
-                                               uint8_t key[MVPN_RECV_KEY_BYTES]) {
-  store_be32(key, c_grp);
-  store_be32(key + 4, c_src);
-  store_be32(key + 8, p_src);
+static void mvpn_update_data_mdt_recv_join_stats_info(mvpn_cibtype *mvpn, int is_new, Record *record) {
+  if (is_new != 0) {
+    record->join_count = 0;
+    zeph_sys_mclock_get(&record->create_time);
+  }
+  record->join_count++;
+  mvpn->data_mdt_recv_join_count++;
+  if (zeph_sys_mclock_get(&record->expiry_time) != -1) {
+    record->expiry_time.seconds += mvpn->data_mdt_timeout + record->expiry_time.nanoseconds / kNanosecondsPerSecond;
+    record->expiry_time.nanoseconds %= kNanosecondsPerSecond;
+  }
+  zeph_sys_mclock_get(&record->last_time);
+}
+
+static Record *mvpn_create_data_mdt_recv_join_info(mvpn_cibtype *mvpn, const mvpn_data_mdt_join &join,
+                                                   ip_addr_t p_src) {
+  if (mvpn->data_mdt_recv_count >= mvpn_data_mdt_recv_cache_limit) {
+    note_full_cache(mvpn);
+    return nullptr;
+  }
+  auto *record = static_cast<Record *>(slab_calloc(mvpn_slabs[MVPN_SLAB_RECV_JOIN_INFO]));
+  if (record == nullptr) {
+    mvpn_report(msg_error_PIM_MALLOC, sizeof(Record), "mvpn_create_data_mdt_recv_join_info()");
+    MVPN_DEBUG(mvpn->pcib, "slab alloc failed c_src %s, c_grp %s, p_src %s, p_grp %s", ip_print_addr(join.c_src),
+               ip_print_addr(join.c_grp), ip_print_addr(p_src), ip_print_addr(join.p_grp));
+    return nullptr;
+  }
+  record->c_src = join.c_src;
+  record->c_grp = join.c_grp;
+  record->p_src = p_src;
+  record->p_grp = join.p_grp;
+  mvpn_update_data_mdt_recv_join_stats_info(mvpn, 1, record);
+  uint8_t key[MVPN_RECV_KEY_BYTES];
+  mvpn_build_data_mdt_recv_join_info_pt_key(join.c_src, join.c_grp, p_src, key);
+  if (pt_add(mvpn_data_mdt_info_pt_attr, &mvpn->data_mdt_recv_cache, MVPN_RECV_KEY_BYTES, key, kKeyBits, record) != 0) {
+    mvpn_report(msg_error_PIM_PT_ADD, "Data MDT recv info cache");
+    slab_free(mvpn_slabs[MVPN_SLAB_RECV_JOIN_INFO], record);
+    MVPN_DEBUG(mvpn->pcib, "Unable to add entry to receive cache. c_src %s, c_grp %s, p_src %s, p_grp %s",
+               ip_print_addr(join.c_src), ip_print_addr(join.c_grp), ip_print_addr(p_src), ip_print_addr(join.p_grp));
+    return nullptr;
+  }
+  mvpn->data_mdt_recv_count++;
+  mvpn_data_mdt_map_remote_source_to_receiver(mvpn, record);
+  return record;
 }
 
 void mvpn_add_data_mdt_recv_join_info(mvpn_cibtype *mvpn, const mvpn_data_mdt_join &join, ip_addr_t p_src) {
@@ -181,51 +325,6 @@ Record *mvpn_get_data_mdt_recv_join_info(mvpn_cibtype *mvpn, ip_addr_t c_src, ip
   return node != nullptr ? static_cast<Record *>(pt_node_data(node)) : nullptr;
 }
 
-Record *mvpn_create_data_mdt_recv_join_info(mvpn_cibtype *mvpn, const mvpn_data_mdt_join &join, ip_addr_t p_src) {
-  if (mvpn->data_mdt_recv_count >= mvpn_data_mdt_recv_cache_limit) {
-    note_full_cache(mvpn);
-    return nullptr;
-  }
-  auto *record = static_cast<Record *>(slab_calloc(mvpn_slabs[MVPN_SLAB_RECV_JOIN_INFO]));
-  if (record == nullptr) {
-    mvpn_report(msg_error_PIM_MALLOC, sizeof(Record), "mvpn_create_data_mdt_recv_join_info()");
-    MVPN_DEBUG(mvpn->pcib, "slab alloc failed c_src %s, c_grp %s, p_src %s, p_grp %s", ip_print_addr(join.c_src),
-               ip_print_addr(join.c_grp), ip_print_addr(p_src), ip_print_addr(join.p_grp));
-    return nullptr;
-  }
-  record->c_src = join.c_src;
-  record->c_grp = join.c_grp;
-  record->p_src = p_src;
-  record->p_grp = join.p_grp;
-  mvpn_update_data_mdt_recv_join_stats_info(mvpn, 1, record);
-  uint8_t key[MVPN_RECV_KEY_BYTES];
-  mvpn_build_data_mdt_recv_join_info_pt_key(join.c_src, join.c_grp, p_src, key);
-  if (pt_add(mvpn_data_mdt_info_pt_attr, &mvpn->data_mdt_recv_cache, MVPN_RECV_KEY_BYTES, key, kKeyBits, record) != 0) {
-    mvpn_report(msg_error_PIM_PT_ADD, "Data MDT recv info cache");
-    slab_free(mvpn_slabs[MVPN_SLAB_RECV_JOIN_INFO], record);
-    MVPN_DEBUG(mvpn->pcib, "Unable to add entry to receive cache. c_src %s, c_grp %s, p_src %s, p_grp %s",
-               ip_print_addr(join.c_src), ip_print_addr(join.c_grp), ip_print_addr(p_src), ip_print_addr(join.p_grp));
-    return nullptr;
-  }
-  mvpn->data_mdt_recv_count++;
-  mvpn_data_mdt_map_remote_source_to_receiver(mvpn, record);
-  return record;
-}
-
-void mvpn_update_data_mdt_recv_join_stats_info(mvpn_cibtype *mvpn, int is_new, Record *record) {
-  if (is_new != 0) {
-    record->join_count = 0;
-    zeph_sys_mclock_get(&record->create_time);
-  }
-  record->join_count++;
-  mvpn->data_mdt_recv_join_count++;
-  if (zeph_sys_mclock_get(&record->expiry_time) != -1) {
-    record->expiry_time.seconds += mvpn->data_mdt_timeout + record->expiry_time.nanoseconds / kNanosecondsPerSecond;
-    record->expiry_time.nanoseconds %= kNanosecondsPerSecond;
-  }
-  zeph_sys_mclock_get(&record->last_time);
-}
-
 void mvpn_destroy_data_mdt_recv_join_info(mvpn_cibtype *mvpn, Record *record) {
   uint8_t key[MVPN_RECV_KEY_BYTES];
   mvpn_build_data_mdt_recv_join_info_pt_key(record->c_src, record->c_grp, record->p_src, key);
@@ -252,100 +351,6 @@ void mvpn_destroy_data_mdt_recv_cache(mvpn_cibtype *mvpn, ip_addr_t p_src) {
     }
     node = pt_get_next_node(mvpn->data_mdt_recv_cache, key, 0);
   }
-}
-
-// ------------------------------------------------------------------------------------------- installation for a route
-
-int mvpn_should_install_remote_data_mdt(const pim_route *croute, const mvpn_cibtype *mvpn) {
-  if (croute == nullptr || mvpn == nullptr) return 0;
-  const mvpn_data_mdt_send_join_info *sent = croute->send_join_info;
-  if (sent != nullptr && sent->encap_index >= MVPN_ENCAP_INDEX_FIRST_DATA) return 1;
-  if (croute->bidirectional != 0)
-    return !is_tunnel(croute->iif) || croute->oifless_join_barred == 0 || has_oif_off_the_tunnels(croute) ? 1 : 0;
-  if (!is_tunnel(croute->iif)) return 0;
-  if (bitfield_is_any_set(&croute->oifs) != 0 || croute->oifless_join_barred == 0) return 1;
-  return mvpn->pcib->ignore_mrib_prunes != 0 ? 1 : 0;
-}
-
-int mvpn_install_remote_data_mdt(mvpn_cibtype *mvpn, pim_route *croute, Record *record) {
-  if (croute == nullptr) return 0;
-  if (mvpn_should_install_remote_data_mdt(croute, mvpn) == 0) {
-    MVPN_DEBUG(mvpn->pcib, "NOT installing route c_src %s, c_grp %s, p_src %s, p_grp %s %s",
-               ip_print_addr(record->c_src), ip_print_addr(record->c_grp), ip_print_addr(record->p_src),
-               ip_print_addr(record->p_grp), croute->is_star_g != 0 ? "starg" : "sg");
-    return 0;
-  }
-  mvpn_mdt_route *route =
-      mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_REMOTE_DATA, record->p_src, 0, record->p_grp, 1);
-  if (route == nullptr || !join_route(mvpn, record, route)) {
-    MVPN_DEBUG(mvpn->pcib, "Couldnt allocate MDT resource (%s %s)", ip_print_addr(record->p_src),
-               ip_print_addr(record->p_grp));
-    return 0;
-  }
-  record->flags |= flag_of(croute);
-  MVPN_DEBUG(mvpn->pcib, "Receive join entry (%s %s) is now mapped to a croute with mdt-route (%s,%s)",
-             ip_print_addr(record->c_src), ip_print_addr(record->c_grp), ip_print_addr(route->source),
-             ip_print_addr(route->group));
-  return 1;
-}
-
-void mvpn_uninstall_remote_data_mdt(mvpn_cibtype *mvpn, Record *record, const pim_route *croute,
-                                    const mvpn_mdt_route_addrs *key) {
-  record->flags &= ~flag_of(croute);
-  if (record->flags == 0) leave_route(mvpn, record, *key);
-}
-
-int mvpn_match_remote_data_mdt(const mvpn_mdt_route_addrs *key, const Record *record) {
-  if (record->c_grp != key->group) return 0;
-  return key->source_len == MROUTE_ANY_SOURCE_LEN || record->c_src == key->source ? 1 : 0;
-}
-
-int mvpn_mdt_join_refers_croute(const Record *record, const pim_route *croute) {
-  return (record->flags & flag_of(croute)) != 0 ? 1 : 0;
-}
-
-uint32_t mvpn_get_recv_join_info_mask_len(int is_star_g) { return is_star_g != 0 ? kGroupBits : kGroupSourceBits; }
-
-// ----------------------------------------------------------------------------------------- mapping from the announcement
-
-int mvpn_data_mdt_map_remote_source_to_receiver(mvpn_cibtype *mvpn, Record *record) {
-  MVPN_DEBUG(mvpn->pcib, "Mapping customer route for new receive join entry (%s %s)", ip_print_addr(record->c_src),
-             ip_print_addr(record->c_grp));
-  mrib_read_guard mrib_lock;
-  const vrf_context_id_t context_id = mvpn->pcib->context_id;
-  const mvpn_mdt_route_addrs star_g = star_g_addrs(record->c_grp);
-  const mvpn_mdt_route_addrs s_g = s_g_addrs(record->c_src, record->c_grp);
-  const bool has_source = record->c_src != 0;
-  pim_route *star_g_croute = pim_get_route_from_pt(mvpn->pcib, &star_g);
-  pim_route *s_g_croute = has_source ? pim_get_route_from_pt(mvpn->pcib, &s_g) : nullptr;
-  const bool in_mrib = mrib_get_route_by_addr(context_id, &star_g) != nullptr ||
-                       (has_source && mrib_get_route_by_addr(context_id, &s_g) != nullptr);
-  if (!in_mrib) {
-    mrib_lock.release();
-    MVPN_DEBUG(mvpn->pcib, "No mrib croute found for c_src %s, c_grp %s, p_src %s, p_grp %s",
-               ip_print_addr(record->c_src), ip_print_addr(record->c_grp), ip_print_addr(record->p_src),
-               ip_print_addr(record->p_grp));
-    return 0;
-  }
-  if (star_g_croute == nullptr && s_g_croute == nullptr) {
-    mrib_lock.release();
-    MVPN_DEBUG(mvpn->pcib, "No pim croute found for c_src %s, c_grp %s, p_src %s, p_grp %s",
-               ip_print_addr(record->c_src), ip_print_addr(record->c_grp), ip_print_addr(record->p_src),
-               ip_print_addr(record->p_grp));
-    return 0;
-  }
-  const int for_s_g = mvpn_install_remote_data_mdt(mvpn, s_g_croute, record);
-  const int for_star_g = mvpn_install_remote_data_mdt(mvpn, star_g_croute, record);
-  return for_s_g != 0 || for_star_g != 0 ? 1 : 0;
-}
-
-void mvpn_data_mdt_unmap_remote_source_from_receiver(mvpn_cibtype *mvpn, Record *record) {
-  if ((record->flags & MVPN_RECV_JOIN_MAPPED_STARG) != 0)
-    unmap_kind(mvpn, record, star_g_addrs(record->c_grp),
-               "NULL (*,G) croute. Failed in unmapping remote source from receiver.");
-  if (record->c_src != 0 && (record->flags & MVPN_RECV_JOIN_MAPPED_SG) != 0)
-    unmap_kind(mvpn, record, s_g_addrs(record->c_src, record->c_grp),
-               "NULL (S,G) croute. Failed in unmapping remote source from receiver.");
 }
 
 // -------------------------------------------------------------------------------------- mapping from the customer route

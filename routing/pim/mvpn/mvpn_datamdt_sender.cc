@@ -7,16 +7,89 @@
 //
 // Appending a Join entry may send the packet, which yields: every function here does that last, and touches neither the
 // VRF nor the customer route afterwards.
+#include "routing/pim/mvpn/mvpn_datamdt_sender_internal.h"
+
 #include <cstring>
 
 #include "platform/ip.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"
-#include "routing/pim/mvpn/mvpn_datamdt_pool.h"
+#include "routing/pim/mvpn/mvpn_datamdt_join.h"
+#include "routing/pim/mvpn/mvpn_datamdt_receiver.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
 #include "routing/pim/mvpn/mvpn_ha.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
+
+// --------------------------------------------------------------------------------------------------------- switchover
+
+static void mvpn_start_switchover_to_data_mdt(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute) {
+  mvpn_data_mdt_send_join_info *record = croute->send_join_info;
+  if (record == nullptr) return;
+  if (record->state == MVPN_DATA_MDT_STATE_SWITCHBACK_PENDING) {
+    record->state = MVPN_DATA_MDT_STATE_ACTIVE;
+    return;
+  }
+  if (record->config == nullptr || record->mdt_route != nullptr) return;
+  mvpn_ha_encap_info_t choice{};
+  if (!mvpn_take_data_mdt_group(mvpn, key, record->config, &choice)) return;
+  mvpn_mdt_route *route =
+      mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_LOCAL_DATA, mvpn->mdt_source_addr, 0, choice.mdt_group, 0);
+  if (route == nullptr || mvpn_mdt_mroute_link_referer(route, croute) == 0) {
+    mvpn_give_back_data_mdt_group(mvpn, record->config, choice.mdt_group, key, route, 0,
+                                  [](mvpn_cibtype *, const mvpn_mdt_route *) {});
+    return;
+  }
+  record->mdt_route = route;
+  record->group = choice.mdt_group;
+  zeph_sys_mclock_get(&record->switch_time);
+  mvpn_set_encap_index_for_customer_route(mvpn, croute, choice.encap_index);
+  record->state = MVPN_DATA_MDT_STATE_SWITCHOVER_PENDING;
+  mvpn_add_entry_to_switchover_cache(mvpn, key, croute);
+  mvpn_data_mdt_map_receiver_to_remote_source(mvpn, croute, key);
+}
+
+static void mvpn_finish_switchover_to_data_mdt(mvpn_cibtype *mvpn, mvpn_switchover_entry *entry) {
+  pim_route *croute = entry->route;
+  // The entry goes first: the installation may unmap the flow and delete it.
+  mvpn_delete_entry_from_switchover_cache(mvpn, entry);
+  mvpn_data_mdt_send_join_info *record = croute->send_join_info;
+  if (record == nullptr) return;
+  record->state = MVPN_DATA_MDT_STATE_ACTIVE;
+  if (record->encap_index >= MVPN_ENCAP_INDEX_FIRST_DATA) pim_add_route(mvpn->pcib, croute, 0, 0, 0, 0, 0, 0);
+}
+
+void mvpn_process_data_mdt_switchover_expiry(mvpn_cibtype *mvpn) {
+  if (mvpn == nullptr || mvpn->pcib == nullptr) return;
+  const pim_write_guard pim_lock;
+  const mvpn_vrf_handle vrf(mvpn);
+  // Each installation runs host code: the first entry is looked up anew every time.
+  while (vrf.same()) {
+    auto *entry = static_cast<mvpn_switchover_entry *>(ravl_get_first_node(&mvpn->switchover_cache, 0));
+    if (entry == nullptr) break;
+    mvpn_finish_switchover_to_data_mdt(mvpn, entry);
+  }
+  pim_mrib_wakeup_txlist_worker_thread();
+  // The core routes of the flows were queued without waking our own worker.
+  mvpn_mrib_wakeup_worker_thread();
+}
+
+// ---------------------------------------------------------------------------------------------------------- switchback
+
+static void mvpn_start_switchback_from_data_mdt(mvpn_cibtype *, const mvpn_mdt_route_addrs *, pim_route *croute) {
+  if (croute->send_join_info != nullptr) croute->send_join_info->state = MVPN_DATA_MDT_STATE_SWITCHBACK_PENDING;
+}
+
+void mvpn_finish_switchback_from_data_mdt(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute) {
+  mvpn_data_mdt_send_join_info *record = croute->send_join_info;
+  if (record == nullptr || record->config == nullptr) return;
+  mvpn_release_data_mdt_group(mvpn, croute, key, 0, [](mvpn_cibtype *vrf, const mvpn_mdt_route *route) {
+    MVPN_DEBUG(vrf->pcib, "Finished switchback from data mdt for (%s, %s)", ip_print_addr(route->source),
+               ip_print_addr(route->group));
+  });
+  mvpn_init_data_mdt_send_join_info(mvpn, croute, record);
+}
 
 namespace {
 
@@ -101,75 +174,6 @@ int mvpn_stats_check(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_ro
   if (mrib_context_initializing(mvpn->pcib->context_id) == 0) result = check_state(mvpn, key, croute) ? 1 : 0;
   announce(mvpn, key, croute);
   return result;
-}
-
-// --------------------------------------------------------------------------------------------------------- switchover
-
-void mvpn_start_switchover_to_data_mdt(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute) {
-  mvpn_data_mdt_send_join_info *record = croute->send_join_info;
-  if (record == nullptr) return;
-  if (record->state == MVPN_DATA_MDT_STATE_SWITCHBACK_PENDING) {
-    record->state = MVPN_DATA_MDT_STATE_ACTIVE;
-    return;
-  }
-  if (record->config == nullptr || record->mdt_route != nullptr) return;
-  mvpn_ha_encap_info_t choice{};
-  if (!mvpn_take_data_mdt_group(mvpn, key, record->config, &choice)) return;
-  mvpn_mdt_route *route =
-      mvpn_mdt_add_route_resources(mvpn, MVPN_MDT_ROUTE_LOCAL_DATA, mvpn->mdt_source_addr, 0, choice.mdt_group, 0);
-  if (route == nullptr || mvpn_mdt_mroute_link_referer(route, croute) == 0) {
-    mvpn_give_back_data_mdt_group(mvpn, record->config, choice.mdt_group, key, route, 0,
-                                  [](mvpn_cibtype *, const mvpn_mdt_route *) {});
-    return;
-  }
-  record->mdt_route = route;
-  record->group = choice.mdt_group;
-  zeph_sys_mclock_get(&record->switch_time);
-  mvpn_set_encap_index_for_customer_route(mvpn, croute, choice.encap_index);
-  record->state = MVPN_DATA_MDT_STATE_SWITCHOVER_PENDING;
-  mvpn_add_entry_to_switchover_cache(mvpn, key, croute);
-  mvpn_data_mdt_map_receiver_to_remote_source(mvpn, croute, key);
-}
-
-void mvpn_process_data_mdt_switchover_expiry(mvpn_cibtype *mvpn) {
-  if (mvpn == nullptr || mvpn->pcib == nullptr) return;
-  const pim_write_guard pim_lock;
-  const mvpn_vrf_handle vrf(mvpn);
-  // Each installation runs host code: the first entry is looked up anew every time.
-  while (vrf.same()) {
-    auto *entry = static_cast<mvpn_switchover_entry *>(ravl_get_first_node(&mvpn->switchover_cache, 0));
-    if (entry == nullptr) break;
-    mvpn_finish_switchover_to_data_mdt(mvpn, entry);
-  }
-  pim_mrib_wakeup_txlist_worker_thread();
-  // The core routes of the flows were queued without waking our own worker.
-  mvpn_mrib_wakeup_worker_thread();
-}
-
-void mvpn_finish_switchover_to_data_mdt(mvpn_cibtype *mvpn, mvpn_switchover_entry *entry) {
-  pim_route *croute = entry->route;
-  // The entry goes first: the installation may unmap the flow and delete it.
-  mvpn_delete_entry_from_switchover_cache(mvpn, entry);
-  mvpn_data_mdt_send_join_info *record = croute->send_join_info;
-  if (record == nullptr) return;
-  record->state = MVPN_DATA_MDT_STATE_ACTIVE;
-  if (record->encap_index >= MVPN_ENCAP_INDEX_FIRST_DATA) pim_add_route(mvpn->pcib, croute, 0, 0, 0, 0, 0, 0);
-}
-
-// ---------------------------------------------------------------------------------------------------------- switchback
-
-void mvpn_start_switchback_from_data_mdt(mvpn_cibtype *, const mvpn_mdt_route_addrs *, pim_route *croute) {
-  if (croute->send_join_info != nullptr) croute->send_join_info->state = MVPN_DATA_MDT_STATE_SWITCHBACK_PENDING;
-}
-
-void mvpn_finish_switchback_from_data_mdt(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute) {
-  mvpn_data_mdt_send_join_info *record = croute->send_join_info;
-  if (record == nullptr || record->config == nullptr) return;
-  mvpn_release_data_mdt_group(mvpn, croute, key, 0, [](mvpn_cibtype *vrf, const mvpn_mdt_route *route) {
-    MVPN_DEBUG(vrf->pcib, "Finished switchback from data mdt for (%s, %s)", ip_print_addr(route->source),
-               ip_print_addr(route->group));
-  });
-  mvpn_init_data_mdt_send_join_info(mvpn, croute, record);
 }
 
 // -------------------------------------------------------------------------------------------------------- local source

@@ -20,7 +20,7 @@
 //     another context or none.
 //
 // All of it runs on the main thread and, when a VRF comes up again after a teardown, on the MRIB worker.
-#include "routing/pim/mvpn/mvpn_default_mdt.h"
+#include "routing/pim/mvpn/mvpn_default_mdt_internal.h"
 
 #include <algorithm>
 #include <cstring>
@@ -33,10 +33,13 @@
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_data_mdt_range.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_datamdt_receiver.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
+#include "routing/pim/mvpn/mvpn_mdt_route_walk.h"
 #include "routing/pim/mvpn/mvpn_mdt_safi.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "routing/pim/mvpn/mvpn_oim.h"
 
 // --------------------------------------------------------------------------------------------------------- the tunnel

@@ -23,7 +23,7 @@
 //
 // Everything runs on the main thread, but for the deletion of a choice, which the MRIB worker needs too when a core route
 // ends. The sweep and the announcement yield.
-#include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_ha_internal.h"
 
 #include <cstring>
 #include <new>
@@ -42,7 +42,8 @@ static const tlvu_field encap_info_fields[] = {
     {2, sizeof(uint32_t), offsetof(mvpn_ha_encap_info_t, mdt_group), 1, {}, sizeof(uint32_t), TLVU_END, 0},
     {TLVU_END, TLVU_END, TLVU_END, 0, {}, 0, 0, 0},
 };
-const tlvu_table mvpn_ha_encap_info_tbl = {sizeof(mvpn_ha_encap_info_t), "mvpn_ha_encap_info_t", encap_info_fields};
+static const tlvu_table mvpn_ha_encap_info_tbl = {sizeof(mvpn_ha_encap_info_t), "mvpn_ha_encap_info_t",
+                                                  encap_info_fields};
 
 static_assert(offsetof(mvpn_ha_encap_info_t, encap_index) == 0 && offsetof(mvpn_ha_encap_info_t, mdt_group) == 4);
 
@@ -101,7 +102,8 @@ static int check_tlv(int code, const char *function) {
   return code;
 }
 
-int mvpn_ha_encap_info_to_tlv(const mvpn_ha_encap_info_t *record, uint8_t *buffer, uint32_t size, uint32_t *written) {
+static int mvpn_ha_encap_info_to_tlv(const mvpn_ha_encap_info_t *record, uint8_t *buffer, uint32_t size,
+                                     uint32_t *written) {
   return check_tlv(tlvu_table_convert_struct_to_tlv(&mvpn_ha_encap_info_tbl, record, buffer, size, written), __func__);
 }
 

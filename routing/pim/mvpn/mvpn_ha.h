@@ -4,7 +4,6 @@
 
 #include <vector>
 
-#include "platform/tlvu.h"
 #include "routing/pim/mvpn/mvpn.h"
 
 // Types of persisted records: byte 0 of their keys.
@@ -27,27 +26,14 @@ enum mvpn_pss_encap_key_t : uint32_t {
 };
 
 extern active_timer *mvpn_ha_recovery_timer;  // non-null exactly while the recovery period is open
-extern const tlvu_table mvpn_ha_encap_info_tbl;
 
-// Keys. A null argument leaves its part of the key zero.
+// The key of a choice; a null argument leaves its part zero.
 void mvpn_ha_make_encap_info_pss_key(const pim_cibtype *pcib, const mvpn_mdt_route_addrs *addrs, uint8_t *key);
-int mvpn_ha_make_mdt_safi_pss_key(const mvpn_bgp_mdt_safi *entry, uint8_t *key);
-int mvpn_ha_make_bgp_update_src_if_pss_key(uint8_t *key);
 // Whether a key is one of the VRF's encapsulation records; the customer route in it.
 bool mvpn_ha_is_encap_key_of(const uint8_t *key, vrf_context_id_t context_id);
 mvpn_mdt_route_addrs mvpn_ha_addrs_of_encap_key(const uint8_t *key);
 
-// Encoded form: the TLV utility with this module's table; 0 or the utility's error code.
-int mvpn_ha_encap_info_to_tlv(const mvpn_ha_encap_info_t *record, uint8_t *buffer, uint32_t size, uint32_t *written);
-int mvpn_ha_encap_info_to_struct(const uint8_t *tlv, uint32_t length, mvpn_ha_encap_info_t *record);
-uint32_t mvpn_ha_encap_info_get_tlv_sz(const mvpn_ha_encap_info_t *record);
-int mvpn_ha_encap_info_get_struct_sz(const uint8_t *tlv, uint32_t length);  // bytes, -1 after an error
-int mvpn_ha_encap_info_field_itr_init(const uint8_t *tlv, uint32_t length, tlvu_field_iterator *iterator);
-int mvpn_ha_encap_info_field_get_next(tlvu_field_iterator *iterator, uint32_t *id, const uint8_t **value,
-                                      uint32_t *size);
-int mvpn_ha_encap_info_get_field(const uint8_t *tlv, uint32_t length, uint32_t id, const uint8_t **value,
-                                 uint32_t *size);
-int mvpn_ha_make_encap_info_pss_value(const mvpn_ha_encap_info_t &choice, uint8_t *buffer, uint32_t size);
+// Decodes a stored value: 0 or the TLV utility's error code.
 int mvpn_ha_get_encap_info_by_pss_value(const uint8_t *tlv, uint32_t length, mvpn_ha_encap_info_t *record);
 
 // Encapsulation choice of a flow: store (1 when stored), fetch (1 when there is one, only while the recovery period is
@@ -70,8 +56,7 @@ int mvpn_ha_recover_bgp_update_src_if(char *name);
 // std::bad_alloc. Everything is read before it returns: a yield could move the store's position.
 bool mvpn_ha_stored_data_mdts(const pim_cibtype *pcib, std::vector<mvpn_data_mdt_join> *out);
 
-// Recovery period.
+// Opens the recovery period when there is something to take up. Its timer closes it.
 int mvpn_ha_recovery_start();
-void mvpn_ha_recovery_stop();
 
 #endif  // MVPN_HA_H

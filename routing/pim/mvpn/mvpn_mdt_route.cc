@@ -23,6 +23,8 @@
 //
 // Everything runs under the scheduling locks, on the main thread or on the worker. Freeing a route may yield while it
 // releases referers or searches for unlisted ones; the rest does not.
+#include "routing/pim/mvpn/mvpn_mdt_route_internal.h"
+
 #include <cstddef>
 
 #include "platform/im.h"
@@ -30,7 +32,7 @@
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "routing/pim/mvpn/mvpn_wire.h"
 
 static_assert(offsetof(pim_core_route, marker_a) == 150 && offsetof(pim_core_route, marker_b) == 151);
@@ -121,23 +123,6 @@ mvpn_mdt_route *mvpn_mdt_mroute_after(mvpn_cibtype *mvpn, ip_addr_t source, ip_a
   return route_of(pt_get_next_node(mvpn->mdt_route_tree, key.bytes, 0));
 }
 
-bool mvpn_mdt_free_may_yield(const mvpn_mdt_route *route) {
-  return route->unlisted_referers != 0 || rqueue_count(&route->referers) != 0;
-}
-
-int mvpn_mdt_free_route_resources(mvpn_mdt_route *route) {
-  mvpn_cibtype *mvpn = route->mvpn;
-  pt_attr *attributes = tree_attributes();
-  const route_key key(route->source, route->group);
-  if (attributes == nullptr || pt_delete(attributes, &mvpn->mdt_route_tree, key.bytes, route_key_bits) != 0) return 0;
-  mvpn->mdt_route_count -= 1;
-  mvpn_mrib_unqueue_route(route);
-  mvpn_mdt_dequeue_dependent_routes(route);
-  if (route->unlisted_referers != 0) mvpn_mdt_referer_hooks.forget_route(route);
-  slab_free(mvpn_slabs[MVPN_SLAB_MDT_ROUTE], route);
-  return 1;
-}
-
 // ----------------------------------------------------------------------------------------------------------- referers
 
 static int link_referer(mvpn_mdt_route *route, void *referer, mvpn_referer_kind_t kind) {
@@ -176,9 +161,26 @@ static void release_referer(mvpn_cibtype *mvpn, void *referer, uint32_t kind) {
   }
 }
 
-void mvpn_mdt_dequeue_dependent_routes(mvpn_mdt_route *route) {
+static void mvpn_mdt_dequeue_dependent_routes(mvpn_mdt_route *route) {
   uint32_t kind = 0;
   while (void *referer = rdequeue_data(&route->referers, &kind)) release_referer(route->mvpn, referer, kind);
+}
+
+bool mvpn_mdt_free_may_yield(const mvpn_mdt_route *route) {
+  return route->unlisted_referers != 0 || rqueue_count(&route->referers) != 0;
+}
+
+int mvpn_mdt_free_route_resources(mvpn_mdt_route *route) {
+  mvpn_cibtype *mvpn = route->mvpn;
+  pt_attr *attributes = tree_attributes();
+  const route_key key(route->source, route->group);
+  if (attributes == nullptr || pt_delete(attributes, &mvpn->mdt_route_tree, key.bytes, route_key_bits) != 0) return 0;
+  mvpn->mdt_route_count -= 1;
+  mvpn_mrib_unqueue_route(route);
+  mvpn_mdt_dequeue_dependent_routes(route);
+  if (route->unlisted_referers != 0) mvpn_mdt_referer_hooks.forget_route(route);
+  slab_free(mvpn_slabs[MVPN_SLAB_MDT_ROUTE], route);
+  return 1;
 }
 
 void mvpn_free_dependent_route_resources(pim_cibtype *pcib, const pim_core_route *core_route) {

@@ -3,11 +3,14 @@
 // Freeing a route, and the offers to yield in long walks, let other work run: the route, its neighbours and the VRF itself
 // may be gone afterwards. A walk therefore takes its next route by the key of the last one, and ends when the VRF's context
 // is not the one that it began with. A filter that names one route is looked up, not searched.
+#include "routing/pim/mvpn/mvpn_mdt_route_walk.h"
+
 #include "platform/ip.h"
 #include "platform/l3vm.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
 
 // ---------------------------------------------------------------------------------------------- walks over the routes
 

@@ -22,7 +22,7 @@
 // what the transport accepted: nothing is rolled back or sent again when a send fails.
 //
 // Everything runs on the main thread and nothing here yields.
-#include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_mdt_safi_internal.h"
 
 #include <cerrno>
 #include <cstring>
@@ -36,7 +36,11 @@
 #include "routing/pim/mvpn/mvpn_wire.h"
 
 ravl_tree mvpn_bgp_mdt_safi_db;
-uint8_t mvpn_bgp_local_update_buf[MVPN_BGP_LOCAL_UPDATE_SIZE];
+
+static constexpr uint32_t MVPN_BGP_LOCAL_UPDATE_ENTRIES = 100;
+static constexpr uint32_t MVPN_BGP_LOCAL_UPDATE_SIZE =
+    BGP_MDT_SAFI_COUNT_SIZE + MVPN_BGP_LOCAL_UPDATE_ENTRIES * BGP_MDT_SAFI_ENTRY_SIZE;
+static uint8_t mvpn_bgp_local_update_buf[MVPN_BGP_LOCAL_UPDATE_SIZE];  // used while answering one request
 
 static_assert(MVPN_BGP_LOCAL_UPDATE_SIZE == 5602);
 static_assert(MVPN_BGP_ONE_UPDATE_SIZE == 58);
@@ -233,7 +237,7 @@ static mvpn_bgp_mdt_safi_key local_key(const mvpn_cibtype *mvpn) {
   return key;
 }
 
-int mvpn_bgp_mdt_safi_add_local(mvpn_cibtype *mvpn) {
+static int mvpn_bgp_mdt_safi_add_local(mvpn_cibtype *mvpn) {
   MVPN_DEBUG(mvpn->pcib, "Caching our MDT-SAFI info");
   const mvpn_bgp_mdt_safi_key key = local_key(mvpn);
   if (mvpn_bgp_get_mdt_safi_entry(&key) != nullptr) return 1;
@@ -311,7 +315,7 @@ int mvpn_bgp_mdt_safi_fill_local_update(uint8_t *buffer, mvpn_cibtype *mvpn, int
   return 1;
 }
 
-int mvpn_bgp_mdt_safi_fill_end_of_local_update(uint8_t *buffer) {
+static int mvpn_bgp_mdt_safi_fill_end_of_local_update(uint8_t *buffer) {
   if (buffer == nullptr) return 0;
   next_slot(buffer)[BGP_MDT_SAFI_ENTRY_END_OF_LOCAL] = 1;
   count_slot(buffer);

@@ -1,12 +1,9 @@
-// BGP MDT SAFI: the database of entries, the local advertisement, remote updates and BGP's notifications.
+// The MDT SAFI database and the local advertisement.
 #ifndef MVPN_MDT_SAFI_H
 #define MVPN_MDT_SAFI_H
 
 #include "routing/pim/mvpn/mvpn.h"
 
-constexpr uint32_t MVPN_BGP_LOCAL_UPDATE_ENTRIES = 100;
-constexpr uint32_t MVPN_BGP_LOCAL_UPDATE_SIZE =
-    BGP_MDT_SAFI_COUNT_SIZE + MVPN_BGP_LOCAL_UPDATE_ENTRIES * BGP_MDT_SAFI_ENTRY_SIZE;
 constexpr uint32_t MVPN_BGP_ONE_UPDATE_SIZE = BGP_MDT_SAFI_COUNT_SIZE + BGP_MDT_SAFI_ENTRY_SIZE;
 
 // A module-level message whose format shows an entry's key first: RD, source, group.
@@ -14,23 +11,13 @@ constexpr uint32_t MVPN_BGP_ONE_UPDATE_SIZE = BGP_MDT_SAFI_COUNT_SIZE + BGP_MDT_
   MVPN_DEBUG(pim_null_pcib, format, mvpn_bgp_print_rd((key).bgp_rd), ip_print_addr((key).mdt_src), \
              ip_print_addr((key).mdt_grp) __VA_OPT__(, ) __VA_ARGS__)
 
-extern ravl_tree mvpn_bgp_mdt_safi_db;                                 // by the first 12 bytes of the key
-extern uint8_t mvpn_bgp_local_update_buf[MVPN_BGP_LOCAL_UPDATE_SIZE];  // used while answering one request
+extern ravl_tree mvpn_bgp_mdt_safi_db;  // by the first 12 bytes of the key
 
-// Connection to BGP.
-int mvpn_init_bgp();
-void mvpn_deinit_bgp();
-void mvpn_get_bgp_info();
-void mvpn_bgp_resolve_update_src();
-
-// Database. init_db makes it empty: entries that a stop left in place are dropped. get ignores the key's group. The
-// equivalent entry, the first in tree order, has the same source and group and another RD; neither look-up yields.
-// delete_all empties the database.
+// Database. init_db makes it empty: entries that a stop left in place are dropped. get ignores the key's group. delete_all
+// empties the database. Nothing yields.
 void mvpn_bgp_mdt_safi_init_db();
-mvpn_bgp_mdt_safi *mvpn_bgp_create_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *key);
 mvpn_bgp_mdt_safi *mvpn_bgp_get_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *key);
 int mvpn_bgp_delete_mdt_safi_entry(mvpn_bgp_mdt_safi *entry);
-mvpn_bgp_mdt_safi *mvpn_bgp_get_equivalent_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *key);
 void mvpn_bgp_mdt_safi_delete_all();
 
 // Entry of a group that follows the one with this key in tree order, whether or not that one still exists; the group's
@@ -51,23 +38,9 @@ void mvpn_bgp_get_rd(mvpn_cibtype *mvpn);
 
 // Local advertisement. fill: appends to a buffer of counted entries, which has room, and records or removes the local
 // entry; 0 when the buffer is null. A withdrawal names what was advertised; without a local entry it appends nothing.
-// add_local: 1 when the entry exists afterwards. delete_local: 1 when an entry was removed.
 int mvpn_bgp_mdt_safi_fill_local_update(uint8_t *buffer, mvpn_cibtype *mvpn, int add);
-int mvpn_bgp_mdt_safi_fill_end_of_local_update(uint8_t *buffer);
 int mvpn_bgp_mdt_safi_send_local_update(const uint8_t *buffer, uint32_t size);
 int mvpn_bgp_mdt_safi_send_one_local_update(mvpn_cibtype *mvpn, int add);
-int mvpn_bgp_mdt_safi_add_local(mvpn_cibtype *mvpn);
-int mvpn_bgp_mdt_safi_delete_local(const mvpn_bgp_mdt_safi_key &key);
 void mvpn_bgp_process_local_request(mts_message *msg);
-
-// Remote entries. receive: payload of payload_length bytes, entries beyond it are refused; 1. update: 0 when a new
-// entry could not be stored. request: 0 when it was not sent.
-int mvpn_bgp_mdt_safi_receive_remote_update(const void *payload, size_t payload_length);
-int mvpn_bgp_update_mdt_safi(mvpn_bgp_mdt_safi_key key, int add, int eor);
-int mvpn_request_remote_mdt_safis();
-
-// Notifications.
-void mvpn_bgp_process_rd_notify(mts_message *msg);
-void mvpn_bgp_process_update_src_notify(mts_message *msg);
 
 #endif  // MVPN_MDT_SAFI_H

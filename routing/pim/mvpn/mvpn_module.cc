@@ -15,16 +15,25 @@
 #include "platform/im.h"
 #include "platform/mrib.h"
 #include "platform/oim.h"
+#include "routing/pim/mvpn/mvpn_bgp.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_data_mdt_range.h"
-#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_datamdt_join.h"
+#include "routing/pim/mvpn/mvpn_datamdt_receiver.h"
+#include "routing/pim/mvpn/mvpn_datamdt_sender.h"
 #include "routing/pim/mvpn/mvpn_default_mdt.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
 #include "routing/pim/mvpn/mvpn_mdt_safi.h"
+#include "routing/pim/mvpn/mvpn_mdt_source.h"
 #include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "routing/pim/mvpn/mvpn_oim.h"
-#include "routing/pim/mvpn/mvpn_ui.h"
+#include "routing/pim/mvpn/mvpn_tunnel_events.h"
+#include "routing/pim/mvpn/mvpn_ui_config.h"
+#include "routing/pim/mvpn/mvpn_ui_show.h"
+#include "routing/pim/mvpn/mvpn_ui_snmp.h"
 
 namespace {
 
@@ -49,7 +58,7 @@ const hook_setter hooks;
 static constexpr uint32_t notification_opcodes[] = {MTS_OPC_MVPN_BGP_RESERVED, MTS_OPC_MVPN_BGP_RD_NOTIFY,
                                                     MTS_OPC_MVPN_BGP_UPDATE_SOURCE_NOTIFY};
 
-int mvpn_init_mts() {
+static int mvpn_init_mts() {
   for (const uint32_t opcode : notification_opcodes) {
     if (mts_options_set(mvpn_mts_q, opcode, MTS_OPTION_NOTIFY) < 0) {
       mvpn_report(msg_error_PIM_OPCODE_REG, opcode, std::strerror(errno));
@@ -109,7 +118,7 @@ int mvpn_init(void) {
 
 // --------------------------------------------------------------------------------------------------------------- stop
 
-int mvpn_deinit_mts() {
+static int mvpn_deinit_mts() {
   int done = 1;
   for (const uint32_t opcode : notification_opcodes) {
     const uint32_t options = mts_options_get(mvpn_mts_q, opcode);
@@ -200,41 +209,9 @@ void mvpn_init_cli() {
     const char *name;
     cli_handler handler;
   };
-#define HANDLER(function) \
-  { #function, function }
-  static constexpr registration handlers[] = {
-      HANDLER(mdt_default_cmd),
-      HANDLER(mdt_source_cmd),
-      HANDLER(mdt_data_cmd),
-      HANDLER(mdt_mtu_cmd),
-      HANDLER(mdt_data_bidir_enable_cmd),
-      HANDLER(mdt_pim_hello_interval_cmd),
-      HANDLER(mdt_pim_jp_interval_cmd),
-      HANDLER(mdt_data_inhibit_reuse_cmd),
-      HANDLER(mdt_asm_use_shared_tree_cmd),
-      HANDLER(mdt_enforce_bgp_mdt_safi_cmd),
-      HANDLER(mvpn_show_mdt_cmd),
-      HANDLER(mvpn_show_mdt_route_cmd),
-      HANDLER(mvpn_show_bgp_auto_discovery_cmd),
-      HANDLER(mvpn_show_mdt_bgp_cmd),
-      HANDLER(mvpn_show_mdt_encap_cmd),
-      HANDLER(mvpn_show_mdt_receive_cmd),
-      HANDLER(mvpn_show_mdt_send_cmd),
-      HANDLER(mvpn_show_mdt_send_history_cmd),
-      HANDLER(mvpn_show_internal_mrib_txlist_cmd),
-      HANDLER(mvpn_show_internal_ha_cmd),
-      HANDLER(mvpn_show_internal_state_cmd),
-      HANDLER(mvpn_show_snmp_korva_mvpn_mvrf_number_command),
-      HANDLER(mvpn_show_snmp_korva_mvpn_notification_enable_command),
-      HANDLER(mvpn_show_snmp_korva_mvpn_mdt_default_table_command),
-      HANDLER(mvpn_show_snmp_korva_mvpn_mdt_data_table_command),
-      HANDLER(mvpn_show_snmp_korva_generic_table_command),
-      HANDLER(mvpn_show_snmp_korva_tunnel_table_command),
-      HANDLER(mvpn_show_snmp_korva_mroute_mdt_table_command),
-      HANDLER(mvpn_show_snmp_korva_mdt_jn_send_table_command),
-      HANDLER(mvpn_show_snmp_korva_mdt_jn_rcv_table_command),
-      HANDLER(mvpn_show_snmp_korva_bgp_mdt_update_table_command),
-  };
+#define HANDLER(function) {#function, function},
+  static constexpr registration handlers[] = {MVPN_CONFIG_HANDLERS(HANDLER) MVPN_SHOW_HANDLERS(HANDLER)
+                                                  MVPN_SNMP_HANDLERS(HANDLER)};
 #undef HANDLER
   for (const registration &r : handlers) {
     if (cli_register_cmd(r.name, r.handler, 0) != 0) {

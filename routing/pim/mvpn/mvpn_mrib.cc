@@ -7,10 +7,17 @@
 //
 // Core routes outlive a stop when the module's configuration does. Routes that wait for the worker, and VRFs whose
 // teardown waits for it, are put on the list again by the next start.
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_mrib_internal.h"
+
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
+#include "routing/pim/mvpn/mvpn_mdt_route_walk.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
+#include "routing/pim/mvpn/mvpn_mrib_worker.h"
+
+static pthread_t mvpn_mrib_worker_thread;  // 0 = not running
 
 static constexpr char source_file[] = "routing/pim/mvpn/mvpn_mrib";
 

@@ -5,7 +5,9 @@
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_default_mdt.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
+#include "routing/pim/mvpn/mvpn_mdt_route_walk.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "routing/pim/mvpn/mvpn_wire.h"
 
 // ------------------------------------------------------------------------------------------------------ notifications
@@ -51,7 +53,7 @@ static mvpn_mdt_route_type_t type_of_joined_route(const mvpn_cibtype *mvpn, cons
   return is_default ? MVPN_MDT_ROUTE_REMOTE_DEFAULT : MVPN_MDT_ROUTE_REMOTE_DATA;
 }
 
-void mvpn_process_mrib_mdt_join_notify(const uint8_t *entry) {
+static void mvpn_process_mrib_mdt_join_notify(const uint8_t *entry) {
   const notify_entry join = decode_notify_entry(entry);
   const mvpn_mdt_route_addrs &addrs = join.addrs;
   if (addrs.source == 0) return;
@@ -65,7 +67,7 @@ void mvpn_process_mrib_mdt_join_notify(const uint8_t *entry) {
   mvpn_mdt_add_route_resources(mvpn, type_of_joined_route(mvpn, addrs), addrs.source, 1, addrs.group, 0);
 }
 
-void mvpn_process_mrib_mdt_delete_notify(const uint8_t *entry) {
+static void mvpn_process_mrib_mdt_delete_notify(const uint8_t *entry) {
   const notify_entry deleted = decode_notify_entry(entry);
   mvpn_cibtype *mvpn = owner_of_mrib_route(deleted.context_id, deleted.addrs);
   if (mvpn == nullptr) return;

@@ -7,13 +7,14 @@
 //
 // Encapsulations tie a VRF's encapsulation index to a provider group. They are told to the MRIB one by one, at once and
 // unacknowledged. A slot of the VRF's table is set exactly while the MRIB has the encapsulation, as far as it answered.
+#include "routing/pim/mvpn/mvpn_mrib_queue_internal.h"
+
 #include <cstring>
 
 #include "platform/ip.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
 #include "routing/pim/mvpn/mvpn_wire.h"
 
 static constexpr uint32_t first_xid = MVPN_MRIB_FIRST_XID;
@@ -21,7 +22,6 @@ static constexpr char source_file[] = "routing/pim/mvpn/mvpn_mrib";
 
 uint32_t mvpn_mdt_xid = first_xid;
 mvpn_mrib_info_t *mvpn_mrib_info;
-pthread_t mvpn_mrib_worker_thread;
 // Usable before the first start and after a start that failed: entry points may come in then already.
 pthread_mutex_t mvpn_mrib_worker_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t mvpn_mrib_worker_cond = PTHREAD_COND_INITIALIZER;

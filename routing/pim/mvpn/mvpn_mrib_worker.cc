@@ -30,13 +30,16 @@
 //
 // The worker runs under the scheduling locks like everybody else and gives them up while it sleeps and at its yield
 // points. It can be cancelled while it sleeps and between two walks, nowhere else.
+#include "routing/pim/mvpn/mvpn_mrib_worker.h"
+
 #include <cstring>
 
 #include "platform/ip.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "routing/pim/mvpn/mvpn_wire.h"
 
 static_assert(offsetof(mrib_update_buffer, next) == 0, "buffer queues link through the first word");
@@ -58,7 +61,7 @@ static bool has_room(const mrib_update_buffer *buffer, uint32_t entries) {
 
 static mrib_update_buffer *head_of(const rqueue &buffers) { return static_cast<mrib_update_buffer *>(buffers.head); }
 
-int mvpn_mrib_send_buffer(mrib_update_buffer *buffer) {
+static int mvpn_mrib_send_buffer(mrib_update_buffer *buffer) {
   buffer->xid = mvpn_mrib_next_xid();
   MVPN_DEBUG(pim_null_pcib, "Sending update-route buffer 0x%p, xid 0x%lx, count %lu to MRIB",
              static_cast<void *>(buffer), static_cast<unsigned long>(buffer->xid),
@@ -150,7 +153,7 @@ static int count_entries(mrib_update_buffer **current, uint32_t written) {
 }
 
 // An addition takes one entry, a deletion two.
-int mvpn_mrib_fill_mroute_update(mvpn_mdt_route *route, mrib_update_buffer **current, int is_add, int *freed) {
+static int mvpn_mrib_fill_mroute_update(mvpn_mdt_route *route, mrib_update_buffer **current, int is_add, int *freed) {
   *freed = 0;
   mrib_update_buffer *buffer = buffer_to_fill(current);
   if (buffer == nullptr) return 0;
@@ -274,7 +277,7 @@ static bool walk_to_end(txlist_walk &walk) {
   }
 }
 
-void mvpn_mrib_walk_txlist() {
+static void mvpn_mrib_walk_txlist() {
   if (mvpn_mrib_info == nullptr || mvpn_mrib_info->txlist == nullptr || mvpn_mrib_info->work_pending == 0) return;
   txlist_walk walk{mvpn_mrib_info->txlist, marker_object()};
   const bool exhausted = walk_to_end(walk);
@@ -285,7 +288,7 @@ void mvpn_mrib_walk_txlist() {
 
 // ------------------------------------------------------------------------------------------------------------- thread
 
-int mvpn_mrib_is_work_in_txlist() {
+static int mvpn_mrib_is_work_in_txlist() {
   return mvpn_mrib_info != nullptr && rqueue_count(&mvpn_mrib_info->free_buffers) != 0 &&
          mvpn_mrib_info->work_pending != 0;
 }
@@ -305,7 +308,7 @@ static void sleep_until_signalled() {
   tsp_acquire_locks_after_yield(0, 0);
 }
 
-void mvpn_mrib_wait_for_work() {
+static void mvpn_mrib_wait_for_work() {
   pthread_mutex_lock(&mvpn_mrib_worker_mutex);
   while (mvpn_mrib_is_work_in_txlist() == 0) {
     pthread_mutex_unlock(&mvpn_mrib_worker_mutex);

@@ -4,7 +4,7 @@
 // (an interface header followed by parameters) and asks for their creation, change, bring-up, bring-down and deletion. A
 // request is sent once and not tested. What a request means for the VRF's mti_status, and what an answer does, is the
 // default MDT's business; here nothing is decided.
-#include "routing/pim/mvpn/mvpn_oim.h"
+#include "routing/pim/mvpn/mvpn_oim_internal.h"
 
 #include <algorithm>
 #include <array>
@@ -12,7 +12,6 @@
 
 #include "platform/im.h"
 #include "platform/oim.h"
-#include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
 #include "routing/pim/mvpn/mvpn_wire.h"

@@ -13,19 +13,44 @@
 //
 // The walk for missing tunnels yields, and so may the teardown that an answer or an event starts or ends: handlers do not
 // touch the VRF's context after it.
+#include "routing/pim/mvpn/mvpn_tunnel_events.h"
+
 #include <algorithm>
 
 #include "platform/im.h"
 #include "platform/l3vm.h"
 #include "platform/oim.h"
+#include "routing/pim/mvpn/mvpn_bgp.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_default_mdt.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
-#include "routing/pim/mvpn/mvpn_mdt_safi.h"
-#include "routing/pim/mvpn/mvpn_oim.h"
+#include "routing/pim/mvpn/mvpn_mdt_source.h"
 #include "routing/pim/mvpn/mvpn_wire.h"
 
 // -------------------------------------------------------------------------------------------------------- registration
+
+// The walk for one VRF.
+static void request_missing_tunnel(mvpn_cibtype *mvpn) {
+  if (mvpn->mdt_default_group == 0) return;
+  if (mvpn->mti_iod != 0) {
+    MVPN_DEBUG(mvpn->pcib, "This VRF has tunnel iod set already");
+    return;
+  }
+  // The tunnel exists: its announcement completes it.
+  im_iod_t iod = 0;
+  if (mvpn->mti_ifindex != 0 && im_get_iod_frm_ifindex(mvpn->mti_ifindex, &iod) == 0) return;
+  MVPN_DEBUG(mvpn->pcib, "Create Tunnel for mvpn (table-id 0x%lx)", static_cast<unsigned long>(mvpn->pcib->table_id));
+  mvpn_oim_tunnel_create(mvpn);
+}
+
+static void mvpn_get_oim_info() {
+  // During the replay each VRF's tunnel is requested when its own replay ends.
+  if (mvpn_is_cli_done == 0) return;
+  mvpn_for_each_context_by_id([](mvpn_cibtype *mvpn) {
+    request_missing_tunnel(mvpn);
+    return true;
+  });
+}
 
 int mvpn_init_oim() {
   if (pim_oim_initialized != 0) return 1;
@@ -45,29 +70,6 @@ void mvpn_deinit_oim() {
   oim_deregister();
   oim_api_close();
   pim_oim_initialized = 0;
-}
-
-// The walk for one VRF.
-static void request_missing_tunnel(mvpn_cibtype *mvpn) {
-  if (mvpn->mdt_default_group == 0) return;
-  if (mvpn->mti_iod != 0) {
-    MVPN_DEBUG(mvpn->pcib, "This VRF has tunnel iod set already");
-    return;
-  }
-  // The tunnel exists: its announcement completes it.
-  im_iod_t iod = 0;
-  if (mvpn->mti_ifindex != 0 && im_get_iod_frm_ifindex(mvpn->mti_ifindex, &iod) == 0) return;
-  MVPN_DEBUG(mvpn->pcib, "Create Tunnel for mvpn (table-id 0x%lx)", static_cast<unsigned long>(mvpn->pcib->table_id));
-  mvpn_oim_tunnel_create(mvpn);
-}
-
-void mvpn_get_oim_info() {
-  // During the replay each VRF's tunnel is requested when its own replay ends.
-  if (mvpn_is_cli_done == 0) return;
-  mvpn_for_each_context_by_id([](mvpn_cibtype *mvpn) {
-    request_missing_tunnel(mvpn);
-    return true;
-  });
 }
 
 // ----------------------------------------------------------------------------------------------------------- responses

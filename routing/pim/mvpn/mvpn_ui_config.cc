@@ -18,6 +18,8 @@
 // reason was printed and the command changed nothing; -1: memory ran out.
 //
 // Everything runs on the main thread. A handler that calls something which yields finds its context again afterwards.
+#include "routing/pim/mvpn/mvpn_ui_config.h"
+
 #include <cstring>
 #include <iterator>
 #include <map>
@@ -34,15 +36,14 @@
 #include "routing/pim/mvpn/mvpn_default_mdt.h"
 #include "routing/pim/mvpn/mvpn_diag.h"
 #include "routing/pim/mvpn/mvpn_guards.h"
-#include "routing/pim/mvpn/mvpn_ha.h"
-#include "routing/pim/mvpn/mvpn_mdt_safi.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
+#include "routing/pim/mvpn/mvpn_mdt_source.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "routing/pim/mvpn/mvpn_oim.h"
-#include "routing/pim/mvpn/mvpn_ui.h"
 
 // ------------------------------------------------------------------------------------------------- what all share
 
-mvpn_cibtype *mvpn_get_cib_from_cli(cli_command *command, uint32_t argument) {
+static mvpn_cibtype *mvpn_get_cib_from_cli(cli_command *command, uint32_t argument) {
   const pim_cibtype *pcib = pim_get_cib_from_cli(command, argument);
   return pcib != nullptr ? pcib->mvpn : nullptr;
 }

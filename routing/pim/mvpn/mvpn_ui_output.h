@@ -9,7 +9,7 @@
 
 #include "platform/cli_schema.h"
 #include "routing/pim/mvpn/mvpn_context.h"
-#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_datamdt_receiver.h"
 
 // ------------------------------------------------------------------------------------------------------- printing
 //

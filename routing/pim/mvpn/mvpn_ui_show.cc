@@ -11,16 +11,19 @@
 // a yield nothing is known: a walk finds the VRF's context and its own place again by name and key. The transmit list
 // has no keys; its walk is an iterator that stands on the list itself, parked before a yield and taken off on every way
 // out.
+#include "routing/pim/mvpn/mvpn_ui_show_internal.h"
+
 #include <cstring>
 
 #include "platform/im.h"
 #include "platform/ip.h"
 #include "platform/thread.h"
-#include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "platform/tlvu.h"
+#include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_ha.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
 #include "routing/pim/mvpn/mvpn_mdt_safi.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
-#include "routing/pim/mvpn/mvpn_ui.h"
+#include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "routing/pim/mvpn/mvpn_ui_output.h"
 
 namespace {

@@ -19,6 +19,8 @@
 //
 // Handlers keep nothing between calls, so any index is a fair question: every answer is found in one pass at most, and
 // all ordering is by comparison with the index, which need not exist.
+#include "routing/pim/mvpn/mvpn_ui_snmp.h"
+
 #include <cstring>
 #include <span>
 #include <utility>
@@ -26,10 +28,10 @@
 #include "platform/im.h"
 #include "platform/ip.h"
 #include "platform/thread.h"
+#include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"
+#include "routing/pim/mvpn/mvpn_mdt_route.h"
 #include "routing/pim/mvpn/mvpn_mdt_safi.h"
-#include "routing/pim/mvpn/mvpn_mrib.h"
-#include "routing/pim/mvpn/mvpn_ui.h"
 #include "routing/pim/mvpn/mvpn_ui_output.h"
 
 namespace {
@@ -45,6 +47,17 @@ constexpr int DIRECTION_LOCAL = 1;
 constexpr int DIRECTION_REMOTE = 2;
 constexpr int MDT_TYPE_DEFAULT = 1;
 constexpr int MDT_TYPE_DATA = 2;
+
+// Index of a row: of the core-route table, of the tables of announcements (direction unused). An argument that is
+// absent counts as no VRF name, 0, or direction 1.
+struct mvpn_snmp_index {
+  const char *vrf_name = nullptr;
+  ip_addr_t group = 0;
+  ip_addr_t source = 0;
+  int32_t direction = 1;   // 1: local route, 2: remote route
+  int32_t group_type = 0;  // address types: address_type_val() in every row
+  int32_t source_type = 0;
+};
 
 // ---------------------------------------------------------------------------------------------------------- columns
 
@@ -63,6 +76,8 @@ void print_address(cli_command *command, cli_element element, ip_addr_t address)
 void print_vrf_name(cli_command *command, cli_element element, const mvpn_cibtype *mvpn) {
   print_text(command, element, mvpn->pcib->vrf_name);
 }
+
+int address_type_val() { return 1; }
 
 void print_address_type(cli_command *command, cli_element element) {
   print_number(command, element, address_type_val());
@@ -207,6 +222,97 @@ bool is_data_route(const mvpn_mdt_route *route) {
 mvpn_mdt_route *indexed_route(mvpn_cibtype *mvpn, const mvpn_snmp_index &index) {
   mvpn_mdt_route *route = mvpn_mdt_mroute_lookup(mvpn, index.source, index.group);
   return route != nullptr && direction_of(route) == index.direction ? route : nullptr;
+}
+
+// ------------------------------------------------------------------------------------------------------------ rows
+
+void mvpn_show_snmp_korva_mvpn_default_table_cmd(cli_command *command, const mvpn_cibtype *mvpn) {
+  print_vrf_name(command, CLI_ELEMENT_MIB_DEFAULT_VRF, mvpn);
+  print_address_type(command, CLI_ELEMENT_MIB_DEFAULT_ADDR_TYPE);
+  print_address(command, CLI_ELEMENT_MIB_DEFAULT_ADDR, mvpn->mdt_default_group);
+  print_number(command, CLI_ELEMENT_MIB_DEFAULT_ENCAPS, ENCAPSULATION_GRE);
+  mvpn_print(command, "%d", as(CLI_ELEMENT_MIB_DEFAULT_ROW_STATUS, ROW_ACTIVE));
+}
+
+void mvpn_show_snmp_korva_mvpn_data_table_cmd(cli_command *command, const mvpn_cibtype *mvpn) {
+  const mvpn_data_mdt_range *range = mvpn->data_mdt_config;
+  print_vrf_name(command, CLI_ELEMENT_MIB_DATA_VRF, mvpn);
+  mvpn_print(command, "%d\n ", as(CLI_ELEMENT_MIB_DATA_ADDR_TYPE, address_type_val()));
+  print_address(command, CLI_ELEMENT_MIB_DATA_ADDR, range->prefix);
+  mvpn_print(command, "%d\n ", as(CLI_ELEMENT_MIB_DATA_WILDCARD_TYPE, address_type_val()));
+  print_address(command, CLI_ELEMENT_MIB_DATA_WILDCARD, ip_wildcard_mask(range->masklen));
+  mvpn_print(command, "%u\n", as(CLI_ELEMENT_MIB_DATA_THRESHOLD, range->threshold));
+  print_number(command, CLI_ELEMENT_MIB_DATA_ROW_STATUS, ROW_ACTIVE);
+}
+
+uint32_t mvpn_snmp_generic_table_get_vrf_interface(pim_cibtype *pcib) {
+  uint32_t count = 0;
+  for (pim_iftype *interface = pim_get_next_interface(pcib, nullptr); interface != nullptr;
+       interface = pim_get_next_interface(pcib, interface))
+    count++;
+  return count;
+}
+
+void mvpn_show_snmp_mvpn_generic_table_show(cli_command *command, const mvpn_cibtype *mvpn) {
+  print_vrf_name(command, CLI_ELEMENT_MIB_GENERIC_VRF, mvpn);
+  print_number(command, CLI_ELEMENT_MIB_GENERIC_CHANGE, static_cast<int>(mvpn->last_change_code));
+  print_number(command, CLI_ELEMENT_MIB_GENERIC_CHANGE_TIME, hundredths(mvpn->last_change_time));
+  print_number(command, CLI_ELEMENT_MIB_GENERIC_INTERFACES,
+               static_cast<int>(mvpn_snmp_generic_table_get_vrf_interface(mvpn->pcib)));
+  print_number(command, CLI_ELEMENT_MIB_GENERIC_ROW_STATUS, ROW_ACTIVE);
+}
+
+void mvpn_show_snmp_mvpn_mroute_mdt_table_cmd(cli_command *command, const mvpn_cibtype *mvpn,
+                                              const mvpn_mdt_route *route) {
+  print_vrf_name(command, CLI_ELEMENT_MIB_MROUTE_VRF, mvpn);
+  print_address_type(command, CLI_ELEMENT_MIB_MROUTE_GROUP_TYPE);
+  print_address(command, CLI_ELEMENT_MIB_MROUTE_GROUP, route->group);
+  print_address_type(command, CLI_ELEMENT_MIB_MROUTE_SOURCE_TYPE);
+  print_address(command, CLI_ELEMENT_MIB_MROUTE_SOURCE, route->source);
+  print_number(command, CLI_ELEMENT_MIB_MROUTE_DIRECTION, shown_direction(mvpn, route));
+  print_address_type(command, CLI_ELEMENT_MIB_MROUTE_MDT_TYPE);
+  print_address(command, CLI_ELEMENT_MIB_MROUTE_MDT_GROUP, mvpn->mdt_default_group);
+  print_number(command, CLI_ELEMENT_MIB_MROUTE_MDT_KIND, is_data_route(route) ? MDT_TYPE_DATA : MDT_TYPE_DEFAULT);
+}
+
+void mvpn_show_snmp_vrf_mdt_send_cmd(cli_command *command, const mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs &addrs,
+                                     const mvpn_data_mdt_send_join_info &join) {
+  print_vrf_name(command, CLI_ELEMENT_MIB_JN_SEND_VRF, mvpn);
+  print_address_type(command, CLI_ELEMENT_MIB_JN_SEND_GROUP_TYPE);
+  print_address(command, CLI_ELEMENT_MIB_JN_SEND_GROUP, addrs.group);
+  print_address_type(command, CLI_ELEMENT_MIB_JN_SEND_SOURCE_TYPE);
+  print_address(command, CLI_ELEMENT_MIB_JN_SEND_SOURCE, addrs.source);
+  print_address(command, CLI_ELEMENT_MIB_JN_SEND_MDT_GROUP, join.group);
+  // A group that came from the store may lie beyond what the range counts.
+  const uint32_t slot = mvpn_data_mdt_pool_slot(join.config, join.group);
+  const unsigned long flows = slot < MVPN_DATA_MDT_POOL_GROUPS ? join.config->group_refcount[slot] : 0;
+  mvpn_print(command, "%lu", as(CLI_ELEMENT_MIB_JN_SEND_REFERENCES, flows));
+}
+
+void mvpn_show_snmp_korva_mvpn_mdt_jn_rcv_table_cmd(cli_command *command, const mvpn_cibtype *mvpn,
+                                                    const mvpn_data_mdt_recv_join_info &join) {
+  print_vrf_name(command, CLI_ELEMENT_MIB_JN_RCV_VRF, mvpn);
+  print_address_type(command, CLI_ELEMENT_MIB_JN_RCV_GROUP_TYPE);
+  print_address(command, CLI_ELEMENT_MIB_JN_RCV_GROUP, join.p_grp);
+  print_address_type(command, CLI_ELEMENT_MIB_JN_RCV_SOURCE_TYPE);
+  print_address(command, CLI_ELEMENT_MIB_JN_RCV_SOURCE, join.p_src);
+  print_number(command, CLI_ELEMENT_MIB_JN_RCV_UP_TIME, hundredths(mvpn_time_since(join.create_time)));
+  print_number(command, CLI_ELEMENT_MIB_JN_RCV_EXP_TIME, hundredths(mvpn_time_until(join.expiry_time)));
+}
+
+void mvpn_show_snmp_mvpn_bgp_mdt_update_table_cmd(cli_command *command, const mvpn_bgp_mdt_safi *entry) {
+  // Group 0 would match a VRF that has no group.
+  const mvpn_cibtype *mvpn = entry->key.mdt_grp != 0 ? mvpn_get_context_by_mdt_group(entry->key.mdt_grp) : nullptr;
+  if (mvpn == nullptr) return;
+  print_address_type(command, CLI_ELEMENT_MIB_BGP_GROUP_TYPE);
+  print_address(command, CLI_ELEMENT_MIB_BGP_GROUP, entry->key.mdt_grp);
+  print_text(command, CLI_ELEMENT_MIB_BGP_RD, mvpn_bgp_print_rd(entry->key.bgp_rd));
+  print_address_type(command, CLI_ELEMENT_MIB_BGP_SOURCE_TYPE);
+  print_address(command, CLI_ELEMENT_MIB_BGP_SOURCE, entry->key.mdt_src);
+  print_address_type(command, CLI_ELEMENT_MIB_BGP_CONFIGURED_TYPE);
+  print_address(command, CLI_ELEMENT_MIB_BGP_CONFIGURED_GROUP, mvpn->mdt_default_group);
+  print_address_type(command, CLI_ELEMENT_MIB_BGP_USED_TYPE);
+  print_address(command, CLI_ELEMENT_MIB_BGP_USED_GROUP, mvpn->mdt_default_group);
 }
 
 // ------------------------------------------------------------------------------------------------------ join receive
@@ -387,102 +493,13 @@ void print_tunnel_row(cli_command *command, const mvpn_cibtype *mvpn) {
 
 }  // namespace
 
-int address_type_val() { return 1; }
-
-// ------------------------------------------------------------------------------------------------------------ rows
-
-void mvpn_show_snmp_korva_mvpn_default_table_cmd(cli_command *command, const mvpn_cibtype *mvpn) {
-  print_vrf_name(command, CLI_ELEMENT_MIB_DEFAULT_VRF, mvpn);
-  print_address_type(command, CLI_ELEMENT_MIB_DEFAULT_ADDR_TYPE);
-  print_address(command, CLI_ELEMENT_MIB_DEFAULT_ADDR, mvpn->mdt_default_group);
-  print_number(command, CLI_ELEMENT_MIB_DEFAULT_ENCAPS, ENCAPSULATION_GRE);
-  mvpn_print(command, "%d", as(CLI_ELEMENT_MIB_DEFAULT_ROW_STATUS, ROW_ACTIVE));
-}
-
-void mvpn_show_snmp_korva_mvpn_data_table_cmd(cli_command *command, const mvpn_cibtype *mvpn) {
-  const mvpn_data_mdt_range *range = mvpn->data_mdt_config;
-  print_vrf_name(command, CLI_ELEMENT_MIB_DATA_VRF, mvpn);
-  mvpn_print(command, "%d\n ", as(CLI_ELEMENT_MIB_DATA_ADDR_TYPE, address_type_val()));
-  print_address(command, CLI_ELEMENT_MIB_DATA_ADDR, range->prefix);
-  mvpn_print(command, "%d\n ", as(CLI_ELEMENT_MIB_DATA_WILDCARD_TYPE, address_type_val()));
-  print_address(command, CLI_ELEMENT_MIB_DATA_WILDCARD, ip_wildcard_mask(range->masklen));
-  mvpn_print(command, "%u\n", as(CLI_ELEMENT_MIB_DATA_THRESHOLD, range->threshold));
-  print_number(command, CLI_ELEMENT_MIB_DATA_ROW_STATUS, ROW_ACTIVE);
-}
-
-void mvpn_show_snmp_mvpn_generic_table_show(cli_command *command, const mvpn_cibtype *mvpn) {
-  print_vrf_name(command, CLI_ELEMENT_MIB_GENERIC_VRF, mvpn);
-  print_number(command, CLI_ELEMENT_MIB_GENERIC_CHANGE, static_cast<int>(mvpn->last_change_code));
-  print_number(command, CLI_ELEMENT_MIB_GENERIC_CHANGE_TIME, hundredths(mvpn->last_change_time));
-  print_number(command, CLI_ELEMENT_MIB_GENERIC_INTERFACES,
-               static_cast<int>(mvpn_snmp_generic_table_get_vrf_interface(mvpn->pcib)));
-  print_number(command, CLI_ELEMENT_MIB_GENERIC_ROW_STATUS, ROW_ACTIVE);
-}
-
-uint32_t mvpn_snmp_generic_table_get_vrf_interface(pim_cibtype *pcib) {
-  uint32_t count = 0;
-  for (pim_iftype *interface = pim_get_next_interface(pcib, nullptr); interface != nullptr;
-       interface = pim_get_next_interface(pcib, interface))
-    count++;
-  return count;
-}
-
-void mvpn_show_snmp_mvpn_mroute_mdt_table_cmd(cli_command *command, const mvpn_cibtype *mvpn,
-                                              const mvpn_mdt_route *route) {
-  print_vrf_name(command, CLI_ELEMENT_MIB_MROUTE_VRF, mvpn);
-  print_address_type(command, CLI_ELEMENT_MIB_MROUTE_GROUP_TYPE);
-  print_address(command, CLI_ELEMENT_MIB_MROUTE_GROUP, route->group);
-  print_address_type(command, CLI_ELEMENT_MIB_MROUTE_SOURCE_TYPE);
-  print_address(command, CLI_ELEMENT_MIB_MROUTE_SOURCE, route->source);
-  print_number(command, CLI_ELEMENT_MIB_MROUTE_DIRECTION, shown_direction(mvpn, route));
-  print_address_type(command, CLI_ELEMENT_MIB_MROUTE_MDT_TYPE);
-  print_address(command, CLI_ELEMENT_MIB_MROUTE_MDT_GROUP, mvpn->mdt_default_group);
-  print_number(command, CLI_ELEMENT_MIB_MROUTE_MDT_KIND, is_data_route(route) ? MDT_TYPE_DATA : MDT_TYPE_DEFAULT);
-}
-
-void mvpn_show_snmp_vrf_mdt_send_cmd(cli_command *command, const mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs &addrs,
-                                     const mvpn_data_mdt_send_join_info &join) {
-  print_vrf_name(command, CLI_ELEMENT_MIB_JN_SEND_VRF, mvpn);
-  print_address_type(command, CLI_ELEMENT_MIB_JN_SEND_GROUP_TYPE);
-  print_address(command, CLI_ELEMENT_MIB_JN_SEND_GROUP, addrs.group);
-  print_address_type(command, CLI_ELEMENT_MIB_JN_SEND_SOURCE_TYPE);
-  print_address(command, CLI_ELEMENT_MIB_JN_SEND_SOURCE, addrs.source);
-  print_address(command, CLI_ELEMENT_MIB_JN_SEND_MDT_GROUP, join.group);
-  // A group that came from the store may lie beyond what the range counts.
-  const uint32_t slot = mvpn_data_mdt_pool_slot(join.config, join.group);
-  const unsigned long flows = slot < MVPN_DATA_MDT_POOL_GROUPS ? join.config->group_refcount[slot] : 0;
-  mvpn_print(command, "%lu", as(CLI_ELEMENT_MIB_JN_SEND_REFERENCES, flows));
-}
-
-void mvpn_show_snmp_korva_mvpn_mdt_jn_rcv_table_cmd(cli_command *command, const mvpn_cibtype *mvpn,
-                                                    const mvpn_data_mdt_recv_join_info &join) {
-  print_vrf_name(command, CLI_ELEMENT_MIB_JN_RCV_VRF, mvpn);
-  print_address_type(command, CLI_ELEMENT_MIB_JN_RCV_GROUP_TYPE);
-  print_address(command, CLI_ELEMENT_MIB_JN_RCV_GROUP, join.p_grp);
-  print_address_type(command, CLI_ELEMENT_MIB_JN_RCV_SOURCE_TYPE);
-  print_address(command, CLI_ELEMENT_MIB_JN_RCV_SOURCE, join.p_src);
-  print_number(command, CLI_ELEMENT_MIB_JN_RCV_UP_TIME, hundredths(mvpn_time_since(join.create_time)));
-  print_number(command, CLI_ELEMENT_MIB_JN_RCV_EXP_TIME, hundredths(mvpn_time_until(join.expiry_time)));
-}
-
-void mvpn_show_snmp_mvpn_bgp_mdt_update_table_cmd(cli_command *command, const mvpn_bgp_mdt_safi *entry) {
-  // Group 0 would match a VRF that has no group.
-  const mvpn_cibtype *mvpn = entry->key.mdt_grp != 0 ? mvpn_get_context_by_mdt_group(entry->key.mdt_grp) : nullptr;
-  if (mvpn == nullptr) return;
-  print_address_type(command, CLI_ELEMENT_MIB_BGP_GROUP_TYPE);
-  print_address(command, CLI_ELEMENT_MIB_BGP_GROUP, entry->key.mdt_grp);
-  print_text(command, CLI_ELEMENT_MIB_BGP_RD, mvpn_bgp_print_rd(entry->key.bgp_rd));
-  print_address_type(command, CLI_ELEMENT_MIB_BGP_SOURCE_TYPE);
-  print_address(command, CLI_ELEMENT_MIB_BGP_SOURCE, entry->key.mdt_src);
-  print_address_type(command, CLI_ELEMENT_MIB_BGP_CONFIGURED_TYPE);
-  print_address(command, CLI_ELEMENT_MIB_BGP_CONFIGURED_GROUP, mvpn->mdt_default_group);
-  print_address_type(command, CLI_ELEMENT_MIB_BGP_USED_TYPE);
-  print_address(command, CLI_ELEMENT_MIB_BGP_USED_GROUP, mvpn->mdt_default_group);
-}
-
 // ---------------------------------------------------------------------------------------------------------- walkers
+//
+// get prints the row of an index, next the row behind it, in the VRF and those after it. Results: as the handlers';
+// get_first CLI_RESULT_REJECTED when the VRF has no row, get of the core-route table when the named PIM context has no
+// MVPN. All but the core-route get may yield.
 
-int mvpn_show_mvpn_mroute_mdt_table_get(cli_command *command, const mvpn_snmp_index &index) {
+static int mvpn_show_mvpn_mroute_mdt_table_get(cli_command *command, const mvpn_snmp_index &index) {
   const pim_cibtype *pcib = pcib_named(index.vrf_name);
   if (!has_address_types(index) || pcib == nullptr) return CLI_RESULT_OK;
   if (pcib->mvpn == nullptr) return CLI_RESULT_REJECTED;
@@ -491,7 +508,7 @@ int mvpn_show_mvpn_mroute_mdt_table_get(cli_command *command, const mvpn_snmp_in
   return CLI_RESULT_OK;
 }
 
-int mvpn_show_mvpn_mroute_mdt_table_next(cli_command *command, const mvpn_snmp_index &index) {
+static int mvpn_show_mvpn_mroute_mdt_table_next(cli_command *command, const mvpn_snmp_index &index) {
   const auto print_if_any = [command](mvpn_cibtype *mvpn, const mvpn_mdt_route *route) {
     if (route != nullptr) mvpn_show_snmp_mvpn_mroute_mdt_table_cmd(command, mvpn, route);
     return route != nullptr;
@@ -511,7 +528,7 @@ int mvpn_show_mvpn_mroute_mdt_table_next(cli_command *command, const mvpn_snmp_i
   return CLI_RESULT_OK;
 }
 
-int mvpn_show_snmp_vrf_mdt_send_get(cli_command *command, const mvpn_snmp_index &index) {
+static int mvpn_show_snmp_vrf_mdt_send_get(cli_command *command, const mvpn_snmp_index &index) {
   mvpn_cibtype *mvpn = vrf_named(index.vrf_name);
   if (!has_address_types(index) || mvpn == nullptr || !has_range(mvpn)) return CLI_RESULT_OK;
   print_first_sent(command, mvpn, [&index](const mvpn_mdt_route_addrs &addrs) {
@@ -520,13 +537,13 @@ int mvpn_show_snmp_vrf_mdt_send_get(cli_command *command, const mvpn_snmp_index 
   return CLI_RESULT_OK;
 }
 
-int mvpn_show_snmp_vrf_mdt_send_get_first(cli_command *command, mvpn_cibtype *mvpn) {
+static int mvpn_show_snmp_vrf_mdt_send_get_first(cli_command *command, mvpn_cibtype *mvpn) {
   const row_search search = print_first_sent(
       command, mvpn, [](const mvpn_mdt_route_addrs &addrs) { return addrs.source != 0 && addrs.group != 0; });
   return search == row_search::found ? CLI_RESULT_OK : CLI_RESULT_REJECTED;
 }
 
-int mvpn_show_snmp_vrf_mdt_send_get_next(cli_command *command, const mvpn_snmp_index &index) {
+static int mvpn_show_snmp_vrf_mdt_send_get_next(cli_command *command, const mvpn_snmp_index &index) {
   if (const pim_cibtype *named = pcib_named(index.vrf_name); named != nullptr) {
     if (named->mvpn == nullptr) return CLI_RESULT_OK;
     const row_search search = print_first_sent(command, named->mvpn, [&index](const mvpn_mdt_route_addrs &addrs) {
