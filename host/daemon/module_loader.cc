@@ -3,11 +3,74 @@
 #include "host/daemon/module_loader.h"
 
 #include <dlfcn.h>
+#include <elf.h>
+#include <link.h>
 
+#include <cstring>
+#include <fstream>
+#include <optional>
 #include <stdexcept>
+#include <string_view>
+#include <vector>
+
+#include "platform/types.h"
 
 namespace host {
 namespace {
+
+constexpr std::string_view kNoteOwner("mvpn", sizeof "mvpn");  // its NUL belongs to it
+constexpr size_t kNotesMax = 4096;                             // bytes of a segment of notes that we read
+
+size_t padded(size_t size) { return (size + 3) / 4 * 4; }
+
+// The contract version in a segment of notes.
+std::optional<uint32_t> version_in(const std::vector<char> &notes) {
+  for (size_t at = 0; at + sizeof(ElfW(Nhdr)) <= notes.size();) {
+    ElfW(Nhdr) header;
+    std::memcpy(&header, &notes[at], sizeof header);
+    at += sizeof header;
+    const size_t left = notes.size() - at;
+    if (header.n_namesz > left || header.n_descsz > left || padded(header.n_namesz) + header.n_descsz > left) break;
+    const std::string_view owner(&notes[at], header.n_namesz);
+    at += padded(header.n_namesz);
+    uint32_t version;
+    if (owner == kNoteOwner && header.n_type == PLATFORM_CONTRACT_NOTE && header.n_descsz == sizeof version) {
+      std::memcpy(&version, &notes[at], sizeof version);
+      return version;
+    }
+    at += padded(header.n_descsz);
+  }
+  return std::nullopt;
+}
+
+// The contract version that a module was built for; none when it does not say. Read from the file: a module of another
+// version may need services that are not here, and the loader would name the first of those instead.
+std::optional<uint32_t> contract_version_of(const std::string &path) {
+  std::ifstream file(path, std::ios::binary);
+  ElfW(Ehdr) header{};
+  if (!file.read(reinterpret_cast<char *>(&header), sizeof header)) return std::nullopt;
+  if (std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 || header.e_phentsize != sizeof(ElfW(Phdr)))
+    return std::nullopt;
+  for (unsigned i = 0; i < header.e_phnum; i++) {
+    ElfW(Phdr) segment;
+    file.seekg(static_cast<std::streamoff>(header.e_phoff + i * sizeof segment));
+    if (!file.read(reinterpret_cast<char *>(&segment), sizeof segment)) return std::nullopt;
+    if (segment.p_type != PT_NOTE || segment.p_filesz > kNotesMax) continue;
+    std::vector<char> notes(segment.p_filesz);
+    file.seekg(static_cast<std::streamoff>(segment.p_offset));
+    if (!file.read(notes.data(), static_cast<std::streamsize>(notes.size()))) return std::nullopt;
+    if (const auto version = version_in(notes)) return version;
+  }
+  return std::nullopt;
+}
+
+void compare_versions(const std::string &path) {
+  const std::optional<uint32_t> version = contract_version_of(path);
+  if (version && *version != PLATFORM_CONTRACT_VERSION)
+    throw std::runtime_error(path + " is for version " + std::to_string(*version) +
+                             " of the platform contract, this host for version " +
+                             std::to_string(PLATFORM_CONTRACT_VERSION));
+}
 
 template <typename Pointer>
 void find(void *library, const char *name, Pointer *entry) {
@@ -42,6 +105,7 @@ void find_entries(void *library, ref::Module *entries) {
 }  // namespace
 
 LoadedModule load_module(const std::string &path) {
+  compare_versions(path);
   void *library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) throw std::runtime_error(dlerror());
   LoadedModule module;

@@ -35,6 +35,17 @@
 #include "routing/pim/mvpn/mvpn_ui_show.h"
 #include "routing/pim/mvpn/mvpn_ui_snmp.h"
 
+// The version of the contract, for hosts to read before they bind anything (platform/types.h).
+#define MVPN_TEXT_OF(value) #value
+#define MVPN_TEXT(value) MVPN_TEXT_OF(value)
+asm(".pushsection .note.mvpn, \"a\", %note\n"
+    ".balign 4\n"
+    ".4byte 5, 4, " MVPN_TEXT(PLATFORM_CONTRACT_NOTE) "\n"
+    ".asciz \"mvpn\"\n"
+    ".balign 4\n"
+    ".4byte " MVPN_TEXT(PLATFORM_CONTRACT_VERSION) "\n"
+    ".popsection\n");
+
 namespace {
 
 struct hook_setter {
