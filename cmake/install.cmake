@@ -2,7 +2,7 @@
 # man pages when scdoc was there to make them.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS pimctl mvpn-lab mvpn-traffic RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS pimctl mvpn-lab mvpn-traffic mvpn-contract-test RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS pimhostd mdt-reflector mvpn-forwarder RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 # A plug-in that a host loads by path and nobody links, so it stays out of the loader's folders. pimhostd knows the way
 # from its own place, and no program has a library path in its file.
@@ -11,6 +11,7 @@ install(TARGETS mvpn LIBRARY DESTINATION ${MVPN_MODULE_FOLDER})
 set(contract_folder ${CMAKE_INSTALL_INCLUDEDIR}/libmvpn)
 file(GLOB contract_headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/platform/*.h)
 install(FILES ${contract_headers} DESTINATION ${contract_folder}/platform)
+install(FILES ${PROJECT_SOURCE_DIR}/conformance/driver.h DESTINATION ${contract_folder}/conformance)
 install(FILES ${PROJECT_SOURCE_DIR}/routing/pim/mvpn/mvpn.h DESTINATION ${contract_folder}/routing/pim/mvpn)
 
 # For those who build a host of their own: pkg-config --cflags libmvpn, and find_package(libmvpn).
