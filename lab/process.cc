@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -183,6 +184,14 @@ void Process::signal(int number) {
 std::optional<int> Process::wait(std::chrono::milliseconds limit) {
   if (!status_) status_ = reap(pid_, Clock::now() + limit);
   return status_;
+}
+
+uint64_t Process::resident_kib() const {
+  std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+  const std::string name = "VmRSS:";
+  for (std::string line; std::getline(status, line);)
+    if (line.starts_with(name)) return std::stoull(line.substr(name.size()));
+  return 0;
 }
 
 bool Process::running() { return !wait(std::chrono::milliseconds(0)); }

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -30,7 +31,7 @@ class Process {
   // Exit status once it has ended (128 + signal number when a signal ended it); nothing when it still runs then.
   std::optional<int> wait(std::chrono::milliseconds limit);
   bool running();
-  pid_t pid() const { return pid_; }
+  uint64_t resident_kib() const;  // memory; 0: it has ended
 
   // A piped program's standard input and output, a line each. Throw std::runtime_error when it has ended or takes longer
   // than the limit.

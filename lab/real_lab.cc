@@ -1,6 +1,7 @@
 #include "lab/real_lab.h"
 
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -26,7 +27,12 @@ std::string why_not_real() {
 RealLab::RealLab(const Network &network, const Settings &settings)
     : settings_(settings),
       stage_(network, settings.prefix, settings.project, settings.work),
-      traffic_(built(stage_), settings.binaries + "/mvpn-traffic", settings.work) {}
+      traffic_(built(stage_), settings.binaries + "/mvpn-traffic", settings.work) {
+  // Shell commands of scenarios find the lab's programs.
+  const char *path = std::getenv("PATH");
+  const std::string programs = std::filesystem::absolute(settings.binaries);
+  ::setenv("PATH", path == nullptr ? programs.c_str() : (programs + ":" + path).c_str(), 1);
+}
 
 std::string RealLab::write_configuration(const std::string &pe) const {
   const std::string file = settings_.work + "/" + pe + ".conf";
@@ -43,6 +49,11 @@ std::string RealLab::write_reflector_configuration() const {
 bool RealLab::forwarder_runs(const std::string &pe) {
   const auto found = forwarders_.find(pe);
   return found != forwarders_.end() && found->second.running();
+}
+
+uint64_t RealLab::forwarder_resident_kib(const std::string &pe) const {
+  const auto found = forwarders_.find(pe);
+  return found == forwarders_.end() ? 0 : found->second.resident_kib();
 }
 
 void RealLab::start_forwarder(const std::string &pe) {

@@ -37,6 +37,7 @@ class RealLab {
   // Starts the PE's forwarder unless it runs, and waits until it listens.
   void start_forwarder(const std::string &pe);
   bool forwarder_runs(const std::string &pe);
+  uint64_t forwarder_resident_kib(const std::string &pe) const;  // 0: it does not run
   // With SIGTERM: the exit status, or nothing when it does not end.
   std::optional<int> stop_forwarder(const std::string &pe, int signal);
 

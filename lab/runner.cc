@@ -167,8 +167,9 @@ void Runner::play_on_network(const Step &step) {
   TrafficControl &traffic = real_->traffic();
   switch (step.kind) {
     case Kind::mark:
-      report_->heading(step.text);
-      return traffic.mark();
+      return mark(step);
+    case Kind::memory:
+      return memory(step);
     case Kind::rate:
       report_->action(step.flow + ": " + std::to_string(static_cast<int>(step.rate)) + " packets a second");
       return traffic.set_rate(scenario_.network->flow(step.flow), step.rate);
@@ -381,6 +382,26 @@ void Runner::carried(const Step &step) {
     }
     pause_for(100ms);
   }
+}
+
+void Runner::mark(const Step &step) {
+  report_->heading(step.text);
+  real_->traffic().mark();
+  for (const auto &[pe, config] : scenario_.configs)
+    for (const bool forwarder : {false, true}) marked_memory_[{pe, forwarder}] = resident_kib(pe, forwarder);
+}
+
+uint64_t Runner::resident_kib(const std::string &pe, bool forwarder) const {
+  if (forwarder) return real_->forwarder_resident_kib(pe);
+  const auto found = daemons_.find(pe);
+  return found == daemons_.end() ? 0 : found->second.resident_kib();
+}
+
+void Runner::memory(const Step &step) {
+  const uint64_t before = marked_memory_[{step.pe, step.forwarder}], now = resident_kib(step.pe, step.forwarder);
+  report_->expectation(step.pe + ": " + step.text,
+                       std::to_string(before) + " KiB at the mark, " + std::to_string(now) + " KiB now",
+                       before > 0 && now > 0 && now <= before + step.grows_kib);
 }
 
 void Runner::set_vrf(const Step &step) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "lab/pages.h"
 #include "lab/process.h"
@@ -53,6 +54,9 @@ class Runner {
   void judge(const Step &step);
   void carried(const Step &step);
   void set_vrf(const Step &step);
+  void mark(const Step &step);
+  void memory(const Step &step);
+  uint64_t resident_kib(const std::string &pe, bool forwarder) const;
   void impair(const Step &step);
   void wait(double platform_seconds);
   Result ask(const Step &step, const std::string &command);
@@ -65,8 +69,9 @@ class Runner {
   Options options_;
   Report *report_;
   double scale_;
-  std::optional<RealLab> real_;             // before the processes that run in its namespaces
-  std::map<std::string, Process> daemons_;  // the reflector is one of them
+  std::optional<RealLab> real_;                                     // before the processes that run in its namespaces
+  std::map<std::string, Process> daemons_;                          // the reflector is one of them
+  std::map<std::pair<std::string, bool>, uint64_t> marked_memory_;  // KiB by PE, and whether it is the forwarder's
   Findings findings_;
 };
 

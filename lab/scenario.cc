@@ -105,6 +105,12 @@ void read_link(const json &object, Step *step) {
   }
 }
 
+void read_memory(const json &object, Step *step) {
+  read_process(object, "memory", Step::Kind::memory, step);
+  step->text = object.at("expect").get<std::string>();
+  step->grows_kib = object.at("grows_at_most").get<uint64_t>();
+}
+
 void read_vrf(const json &object, Step *step) {
   step->kind = Step::Kind::set_vrf;
   step->vrf = object["vrf"].get<std::string>();
@@ -143,6 +149,7 @@ const std::vector<Form> &forms() {
       {"in", expectation, true, read_commanding},
       {"mark", {}, true, [](const json &o, Step *s) { read_text(o, "mark", Kind::mark, s); }},
       {"flow", {"rate", "join", "leave", "at", "expect", "within", "lost", "duplicates"}, true, read_flow},
+      {"memory", {"part", "expect", "grows_at_most"}, true, read_memory},
       {"link", {"set", "netem", "lose", "expect", "groups", "packets", "at_least", "from", "within"}, true, read_link},
       {"vrf", {"of", "set"}, true, read_vrf},
   };

@@ -27,7 +27,8 @@
 //   "start", "stop", "kill": "pe1", "part": "forwarder"   the forwarder instead of the control plane, which is started
 //                                                     with its PE the first time
 //   "in": "pe1/red", "command": …, "expect": …        as "on", but a shell command in a namespace: core, p1, pe1, pe1/red,
-//                                                     pe1/red/host; "$VTYSH -c '…'" asks its routing daemons
+//                                                     pe1/red/host; "$VTYSH -c '…'" asks its routing daemons; the
+//                                                     lab's own programs are found by name
 //   "mark": "text"                                    a heading; what follows judges what is sent from here on
 //   "flow": "video", "rate": 200                      packets a second; the first rate starts the flow
 //   "flow": "video", "join": "pe2"                    (or "leave") a receiver behind the PE
@@ -37,6 +38,8 @@
 //   "link": "pe2", "groups": "239.1.8.0/24", "packets": 0, "expect": "…"
 //                                                     GRE packets since the mark over the PE's core link to it
 //                                                     ("from": true: from it); or "at_least": n, within so many seconds
+//   "memory": "pe1", "part": "forwarder", "expect": "…", "grows_at_most": 1024
+//                                                     KiB that the process takes more than at the mark
 //   "link": "pe2", "set": "down" or "up"              the core link
 //   "link": "pe2", "lose": 2.5                        percent of the packets, at random, both ways; 0 ends that
 //   "link": "pe2", "netem": "delay 20ms"              impairs it with tc's netem, both ways; "" ends that. Not every
@@ -70,6 +73,7 @@ struct Step {
     arrive,
     judge,
     carried,
+    memory,
     set_link,
     impair,
     lose,
@@ -88,7 +92,7 @@ struct Step {
   int times = -1;                      // expect: exact number of matches; -1: at least one
   bool print = false;                  // command: show the output
   bool stateful = false;               // start
-  bool forwarder = false;              // start, stop, kill
+  bool forwarder = false;              // start, stop, kill, memory
   bool from_pe = false;                // carried
   bool present = false;                // set_link: up; set_vrf: present
   double seconds = 0;                  // whoever expects: limit in real seconds; wait: platform seconds
@@ -97,6 +101,7 @@ struct Step {
   std::optional<uint64_t> duplicates;  // judge: most
   std::optional<uint64_t> packets;     // carried: exactly
   uint64_t at_least = 0;               // carried, unless packets is given
+  uint64_t grows_kib = 0;              // memory: most
 };
 
 inline constexpr const char *kReflector = "reflector";  // its name among the PEs in steps

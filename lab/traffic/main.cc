@@ -9,6 +9,7 @@
 
 #include "lab/traffic/agent.h"
 #include "lab/traffic/capture.h"
+#include "lab/traffic/hostile.h"
 #include "lab/traffic/receiver.h"
 #include "lab/traffic/sender.h"
 
@@ -33,6 +34,10 @@ struct Options {
   double rate = 100;
   size_t size = 200;
   double seconds = 0;  // 0: until a signal ends it
+  std::string pe;      // hostile
+  bool customer = false;
+  uint64_t count = 10'000;
+  uint32_t seed = 1;
 };
 
 // Calls tick(), which returns for how many nanoseconds it has nothing to do, and every second report(), until the time
@@ -120,6 +125,29 @@ void watch(const Options &options) {
   capture.flush();
 }
 
+void attack(const Options &options) {
+  const traffic::HostileTarget target{.source = traffic::address_of(options.source),
+                                      .group = traffic::address_of(options.group),
+                                      .pe = traffic::address_of(options.pe)};
+  using Side = traffic::Hostile::Side;
+  traffic::Hostile hostile(options.customer ? Side::customer : Side::core, target, options.seed);
+  const uint64_t taken =
+      traffic::flood(options.interface, &hostile, options.count, options.rate, [] { return stopped == 0; });
+  std::cout << json{{"attacks", options.count}, {"datagrams", taken}} << std::endl;
+}
+
+void add_hostile(CLI::App *app, Options *options) {
+  auto *hostile = app->add_subcommand("hostile", "sends packets that no sound router sends, to try a forwarder");
+  hostile->add_option("INTERFACE", options->interface, "where they leave")->required();
+  hostile->add_option("SOURCE", options->source, "whose packets the PE takes")->required();
+  hostile->add_option("GROUP", options->group, "that it takes from there")->required();
+  hostile->add_option("PE", options->pe, "its own address in the core")->required();
+  hostile->add_flag("--customer", options->customer, "as from a customer; default: as from the core");
+  hostile->add_option("--count", options->count)->capture_default_str();
+  hostile->add_option("--rate", options->rate, "a second")->check(CLI::Range(1.0, 1e6))->capture_default_str();
+  hostile->add_option("--seed", options->seed, "of the details")->capture_default_str();
+}
+
 void add_flow_options(CLI::App *command, Options *options) {
   command->add_option("--flow", options->flow, "number of the flow, which its packets carry")->capture_default_str();
   command->add_option("--port", options->port, "UDP port")->capture_default_str();
@@ -144,6 +172,7 @@ void add_commands(CLI::App *app, Options *options) {
   watching->add_option("--write", options->write, "also write what comes in to a capture file");
   for (CLI::App *command : {sending, receiving, watching})
     command->add_option("--seconds", options->seconds, "ends after so long; default: at a signal");
+  add_hostile(app, options);
   app->add_subcommand("agent", "serves requests on standard input: the lab's hand in a namespace");
 }
 
@@ -168,6 +197,7 @@ int main(int argc, char **argv) {
     if (app.got_subcommand("send")) send(options);
     if (app.got_subcommand("receive")) receive(options);
     if (app.got_subcommand("watch")) watch(options);
+    if (app.got_subcommand("hostile")) attack(options);
     if (app.got_subcommand("agent")) traffic::run_agent();
     return 0;
   } catch (const std::exception &error) {

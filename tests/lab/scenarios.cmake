@@ -5,7 +5,7 @@ foreach(name default-mdt story)
   add_test(NAME lab_${name} COMMAND mvpn-lab ${SCENARIOS}/${name}.json WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
   set_tests_properties(lab_${name} PROPERTIES LABELS programs TIMEOUT 300 ENVIRONMENT "${LEAKS_ON_PURPOSE}")
 endforeach()
-foreach(name wired switchover no-receiver kill-control vrf-removed)
+foreach(name wired switchover no-receiver kill-control vrf-removed hostile)
   add_test(NAME real_${name} COMMAND mvpn-lab --real --skip-without ${SCENARIOS}/real/${name}.json
     WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
   set_tests_properties(real_${name} PROPERTIES
