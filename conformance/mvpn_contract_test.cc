@@ -1,9 +1,9 @@
 // mvpn-contract-test: whether a platform's services keep the contract that the module relies on.
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
 
 #include "conformance/runner.h"
+#include "options/command_line.h"
 
 CHECK(all, "every service is there") {
   for (const std::string &name : conformance::missing_services())
@@ -11,13 +11,14 @@ CHECK(all, "every service is there") {
 }
 
 int main(int argc, char **argv) {
-  CLI::App app("Checks the services of a routing platform against the contract of the multicast VPN module.");
-  app.set_version_flag("--version", "mvpn-contract-test " MVPN_VERSION);
+  options::CommandLine app(
+      "Checks the services of a routing platform against the contract of the multicast VPN module.");
+  app.version("mvpn-contract-test " MVPN_VERSION);
   conformance::Options options;
-  app.add_flag("--list", options.list, "Print the names of the checks and run none");
-  app.add_option("--only", options.only, "Run the checks whose name contains this");
-  app.add_option("LIBRARY", options.library, "Shared library with the services and the driver");
-  CLI11_PARSE(app, argc, argv);
+  app.add_flag("--list", &options.list, "Print the names of the checks and run none");
+  app.add("--only", &options.only, "Run the checks whose name contains this");
+  app.add("LIBRARY", &options.library, "Shared library with the services and the driver");
+  if (const std::optional<int> status = app.parse(argc, argv, 2)) return *status;
   if (options.library.empty() && !options.list) {
     std::fputs("mvpn-contract-test: a LIBRARY is needed\n", stderr);
     return 2;

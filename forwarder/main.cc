@@ -8,7 +8,6 @@
 #include <sys/un.h>
 #include <syslog.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -17,6 +16,7 @@
 
 #include "forwarder/plane.h"
 #include "forwarder/privileges.h"
+#include "options/command_line.h"
 
 namespace forwarder {
 namespace {
@@ -87,21 +87,16 @@ void serve(const Options &options) {
 
 int main(int argc, char **argv) {
   forwarder::Options options;
-  CLI::App app(
+  options::CommandLine app(
       "Forwarding plane of a provider edge: tunnels, encapsulation and core groups. The control plane, pimhostd, "
       "says what to forward and may come and go.");
-  app.add_option("--control", options.control, "Unix socket of the control plane")->capture_default_str();
-  app.add_option("--core-netns", options.core_netns, "Namespace of the core, name or path; default: this process's");
-  app.add_option("--netns-folder", options.netns_folder, "Where names of namespaces are looked up")
-      ->capture_default_str();
-  app.add_option("--user", options.user, "User to become, with the capabilities that are needed");
-  app.add_option("--group", options.group, "Group that may connect to the control socket");
-  app.add_flag("--syslog", options.to_syslog, "Log to syslog instead of standard error");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError &error) {
-    return app.exit(error) == 0 ? 0 : 2;
-  }
+  app.add("--control", &options.control, "Unix socket of the control plane").show_default();
+  app.add("--core-netns", &options.core_netns, "Namespace of the core, name or path; default: this process's");
+  app.add("--netns-folder", &options.netns_folder, "Where names of namespaces are looked up").show_default();
+  app.add("--user", &options.user, "User to become, with the capabilities that are needed");
+  app.add("--group", &options.group, "Group that may connect to the control socket");
+  app.add_flag("--syslog", &options.to_syslog, "Log to syslog instead of standard error");
+  if (const std::optional<int> status = app.parse(argc, argv, 2)) return *status;
   try {
     forwarder::serve(options);
   } catch (const std::exception &error) {

@@ -1,10 +1,10 @@
 // mvpn-lab: several PEs on this machine, playing a scenario.
-#include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
 
 #include "lab/runner.h"
+#include "options/command_line.h"
 
 // Exit status.
 constexpr int kUsage = 2;
@@ -47,7 +47,7 @@ bool play(const std::string &file, lab::Options options, bool real, bool keep, c
 }  // namespace
 
 int main(int argc, char **argv) {
-  CLI::App app{"Plays a scenario with several PEs and tells whether what was expected happened."};
+  options::CommandLine app{"Plays a scenario with several PEs and tells whether what was expected happened."};
   std::string file;
   lab::Options options;
   options.binaries = std::filesystem::path(argv[0]).parent_path().string();
@@ -57,24 +57,18 @@ int main(int argc, char **argv) {
   bool real = false;
   bool skip = false;
   std::string pages;
-  app.add_option("SCENARIO", file, "scenario file")->required()->check(CLI::ExistingFile);
-  app.add_option("--bin", options.binaries, "folder of the programs")->capture_default_str();
-  app.add_option("--project", options.project, "folder that configuration files are relative to")
-      ->capture_default_str();
-  app.add_option("--work", options.work,
-                 "folder for stores, sockets, captures and logs, which stays; default: a new one");
-  app.add_option("--clock-scale", options.clock_scale, "platform seconds per second, in place of the scenario's");
-  app.add_flag("--real", real, "play a scenario that has a network: root makes namespaces for it, and removes them");
-  app.add_flag("--skip-without", skip,
+  app.add("SCENARIO", &file, "scenario file").required().existing_file();
+  app.add("--bin", &options.binaries, "folder of the programs").show_default();
+  app.add("--project", &options.project, "folder that configuration files are relative to").show_default();
+  app.add("--work", &options.work, "folder for stores, sockets, captures and logs, which stays; default: a new one");
+  app.add("--clock-scale", &options.clock_scale, "platform seconds per second, in place of the scenario's");
+  app.add_flag("--real", &real, "play a scenario that has a network: root makes namespaces for it, and removes them");
+  app.add_flag("--skip-without", &skip,
                "with --real: exit status 77 when namespaces or routing daemons are not to be had");
-  app.add_option("--prefix", options.prefix, "what the namespaces' names begin with")->capture_default_str();
-  app.add_option("--report", pages, "folder to write report.html and junit.xml to");
-  app.add_flag("--keep", keep, "keep the new folder even when everything held");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError &error) {
-    return app.exit(error) == 0 ? 0 : kUsage;
-  }
+  app.add("--prefix", &options.prefix, "what the namespaces' names begin with").show_default();
+  app.add("--report", &pages, "folder to write report.html and junit.xml to");
+  app.add_flag("--keep", &keep, "keep the new folder even when everything held");
+  if (const std::optional<int> status = app.parse(argc, argv, kUsage)) return *status;
   try {
     const std::string lacking = real && skip ? lab::why_not_real() : std::string();
     if (!lacking.empty()) {

@@ -1,8 +1,8 @@
 // mdt-reflector's command line.
-#include <CLI/CLI.hpp>
 #include <csignal>
 #include <iostream>
 
+#include "options/command_line.h"
 #include "reflector/reflector.h"
 
 namespace {
@@ -26,19 +26,15 @@ int run(reflector::Reflector::Options options, bool check_only) {
 int main(int argc, char **argv) {
   // Neither a log whose reader has gone nor a signal that means nothing here is a reason to end.
   for (const int number : {SIGPIPE, SIGUSR1, SIGUSR2}) std::signal(number, SIG_IGN);
-  CLI::App app{"Reflects the MDT SAFI routes of BGP neighbours to each other."};
+  options::CommandLine app{"Reflects the MDT SAFI routes of BGP neighbours to each other."};
   reflector::Reflector::Options options;
   bool check_only = false;
   std::string log = "stderr";
-  app.add_option("--config", options.config_file, "configuration file")->required();
-  app.add_flag("--check-config", check_only, "read the file and end; exit status 1 when it has errors");
-  app.add_option("--control", options.control_path, "control socket")->capture_default_str();
-  app.add_option("--log", log, "where messages go")->check(CLI::IsMember({"stderr", "syslog"}))->capture_default_str();
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError &error) {
-    return app.exit(error) == 0 ? 0 : kUsage;
-  }
+  app.add("--config", &options.config_file, "configuration file").required();
+  app.add_flag("--check-config", &check_only, "read the file and end; exit status 1 when it has errors");
+  app.add("--control", &options.control_path, "control socket").show_default();
+  app.add("--log", &log, "where messages go").one_of({"stderr", "syslog"}).show_default();
+  if (const std::optional<int> status = app.parse(argc, argv, kUsage)) return *status;
   options.log_to_syslog = log == "syslog";
   try {
     return run(std::move(options), check_only);

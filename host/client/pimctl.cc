@@ -1,7 +1,6 @@
 // pimctl: commands of pimhostd, one per call, from a terminal, or from a pipe. Output goes to standard output, reasons
 // of failures to standard error. The exit status is that of the command, or of the first that failed of a pipe's.
 #include <unistd.h>
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <clocale>
 #include <csignal>
@@ -15,6 +14,7 @@
 #include "host/client/line_editor.h"
 #include "host/client/pager.h"
 #include "host/client/session.h"
+#include "options/command_line.h"
 
 namespace {
 
@@ -119,25 +119,20 @@ void print_all_syntax() {
 }  // namespace
 
 int main(int argc, char **argv) {
-  CLI::App app{"Commands of pimhostd"};
-  app.footer(kFooter);
+  options::CommandLine app("Commands of pimhostd", kFooter);
   std::string path = host::kDefaultControlPath;
   double timeout = 10;
   bool json = false, xml = false, syntax = false;
   std::vector<std::string> words;
-  app.add_option("--control", path, "control socket of pimhostd")->capture_default_str();
-  app.add_option("--timeout", timeout, "seconds that pimhostd may be silent; 0: any time")
-      ->check(CLI::Range(0.0, 86400.0))
-      ->capture_default_str();
-  auto *as_json = app.add_flag("--json", json, "structured output of views, as JSON");
-  app.add_flag("--xml", xml, "structured output of views, as XML")->excludes(as_json);
-  app.add_flag("--syntax", syntax, "")->group("");  // hidden: the tables of the command reference
-  app.add_option("command", words, "the command's words");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError &error) {
-    return app.exit(error) == 0 ? 0 : static_cast<int>(host::kStatusSyntax);
-  }
+  app.add("--control", &path, "control socket of pimhostd").show_default();
+  app.add("--timeout", &timeout, "seconds that pimhostd may be silent; 0: any time")
+      .within(0.0, 86400.0)
+      .show_default();
+  const options::Option as_json = app.add_flag("--json", &json, "structured output of views, as JSON");
+  app.add_flag("--xml", &xml, "structured output of views, as XML").excludes(as_json);
+  app.add_flag("--syntax", &syntax, "").hidden();  // the tables of the command reference
+  app.add("command", &words, "the command's words");
+  if (const std::optional<int> status = app.parse(argc, argv, static_cast<int>(host::kStatusSyntax))) return *status;
   if (syntax) {
     print_all_syntax();
     return 0;

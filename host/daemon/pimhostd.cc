@@ -1,5 +1,4 @@
 // pimhostd's command line.
-#include <CLI/CLI.hpp>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
@@ -7,6 +6,7 @@
 #include <iostream>
 
 #include "host/daemon/daemon.h"
+#include "options/command_line.h"
 
 namespace {
 
@@ -53,34 +53,27 @@ int run(host::DaemonOptions options, bool check_only) {
 
 int main(int argc, char **argv) {
   ignore_signals();
-  CLI::App app{"Runs the multicast-VPN module on a configuration file."};
+  options::CommandLine app{"Runs the multicast-VPN module on a configuration file."};
   host::DaemonOptions options;
   options.control_path = host::kDefaultControlPath;
   options.module = default_module();
   bool check_only = false;
   double clock_scale = 0;
   std::string restart, log = "stderr";
-  app.add_option("--config", options.config_file, "configuration file")->required();
-  app.add_flag("--check-config", check_only, "try the file with the module and end; exit status 1 when it has errors");
-  app.add_option("--control", options.control_path, "control socket")->capture_default_str();
-  CLI::Option *store =
-      app.add_option("--store", options.store, "folder of what outlives the process; made when it is missing");
-  app.add_option("--module", options.module, "the module to load")->capture_default_str();
-  app.add_option("--restart", restart, "take up the state of the former process")
-      ->check(CLI::IsMember({"stateful"}))
-      ->needs(store);
-  app.add_option("--clock-scale", clock_scale, "platform seconds per second; overrides the file's")
-      ->check(CLI::Range(0.001, 10000.0));
-  app.add_option("--capture", options.capture, "pcap file for the core packets that are sent and received");
-  app.add_option("--agentx", options.agentx, "AgentX master to serve SNMP through: unix:PATH or tcp:HOST:PORT")
-      ->check(CLI::Validator(check_agentx_address, "ADDRESS"));
-  app.add_option("--log", log, "where messages go")->check(CLI::IsMember({"stderr", "syslog"}))->capture_default_str();
-  app.add_flag("--debug", options.debug, "log the module's debug messages from the start");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError &error) {
-    return app.exit(error) == 0 ? 0 : kUsage;
-  }
+  app.add("--config", &options.config_file, "configuration file").required();
+  app.add_flag("--check-config", &check_only, "try the file with the module and end; exit status 1 when it has errors");
+  app.add("--control", &options.control_path, "control socket").show_default();
+  const options::Option store =
+      app.add("--store", &options.store, "folder of what outlives the process; made when it is missing");
+  app.add("--module", &options.module, "the module to load").show_default();
+  app.add("--restart", &restart, "take up the state of the former process").one_of({"stateful"}).needs(store);
+  app.add("--clock-scale", &clock_scale, "platform seconds per second; overrides the file's").within(0.001, 10000.0);
+  app.add("--capture", &options.capture, "pcap file for the core packets that are sent and received");
+  app.add("--agentx", &options.agentx, "AgentX master to serve SNMP through: unix:PATH or tcp:HOST:PORT")
+      .check(check_agentx_address, "ADDRESS");
+  app.add("--log", &log, "where messages go").one_of({"stderr", "syslog"}).show_default();
+  app.add_flag("--debug", &options.debug, "log the module's debug messages from the start");
+  if (const std::optional<int> status = app.parse(argc, argv, kUsage)) return *status;
   if (clock_scale > 0) options.clock_scale = clock_scale;
   options.stateful_restart = !restart.empty();
   options.log_to_syslog = log == "syslog";

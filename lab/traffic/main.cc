@@ -1,7 +1,6 @@
 // mvpn-traffic: numbered multicast packets, sent, received and watched in the core.
 #include <poll.h>
 
-#include <CLI/CLI.hpp>
 #include <csignal>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -12,6 +11,7 @@
 #include "lab/traffic/hostile.h"
 #include "lab/traffic/receiver.h"
 #include "lab/traffic/sender.h"
+#include "options/command_line.h"
 
 namespace {
 
@@ -136,69 +136,67 @@ void attack(const Options &options) {
   std::cout << json{{"attacks", options.count}, {"datagrams", taken}} << std::endl;
 }
 
-void add_hostile(CLI::App *app, Options *options) {
-  auto *hostile = app->add_subcommand("hostile", "sends packets that no sound router sends, to try a forwarder");
-  hostile->add_option("INTERFACE", options->interface, "where they leave")->required();
-  hostile->add_option("SOURCE", options->source, "whose packets the PE takes")->required();
-  hostile->add_option("GROUP", options->group, "that it takes from there")->required();
-  hostile->add_option("PE", options->pe, "its own address in the core")->required();
-  hostile->add_flag("--customer", options->customer, "as from a customer; default: as from the core");
-  hostile->add_option("--count", options->count)->capture_default_str();
-  hostile->add_option("--rate", options->rate, "a second")->check(CLI::Range(1.0, 1e6))->capture_default_str();
-  hostile->add_option("--seed", options->seed, "of the details")->capture_default_str();
+void add_hostile(options::CommandLine *app, Options *options) {
+  options::Command hostile =
+      app->add_command("hostile", "sends packets that no sound router sends, to try a forwarder");
+  hostile.add("INTERFACE", &options->interface, "where they leave").required();
+  hostile.add("SOURCE", &options->source, "whose packets the PE takes").required();
+  hostile.add("GROUP", &options->group, "that it takes from there").required();
+  hostile.add("PE", &options->pe, "its own address in the core").required();
+  hostile.add_flag("--customer", &options->customer, "as from a customer; default: as from the core");
+  hostile.add("--count", &options->count).show_default();
+  hostile.add("--rate", &options->rate, "a second").within(1.0, 1e6).show_default();
+  hostile.add("--seed", &options->seed, "of the details").show_default();
 }
 
-void add_flow_options(CLI::App *command, Options *options) {
-  command->add_option("--flow", options->flow, "number of the flow, which its packets carry")->capture_default_str();
-  command->add_option("--port", options->port, "UDP port")->capture_default_str();
+void add_flow_options(options::Command command, Options *options) {
+  command.add("--flow", &options->flow, "number of the flow, which its packets carry").show_default();
+  command.add("--port", &options->port, "UDP port").show_default();
 }
 
-void add_commands(CLI::App *app, Options *options) {
-  app->require_subcommand(1);
-  auto *sending = app->add_subcommand("send", "sends a flow, and tells every second how many packets have left");
-  sending->add_option("SOURCE", options->source, "address of this machine")->required();
-  sending->add_option("GROUP", options->group)->required();
-  sending->add_option("--rate", options->rate, "packets a second")->capture_default_str();
-  sending->add_option("--size", options->size, "bytes of UDP payload")->capture_default_str();
+void add_commands(options::CommandLine *app, Options *options) {
+  app->require_command();
+  options::Command sending =
+      app->add_command("send", "sends a flow, and tells every second how many packets have left");
+  sending.add("SOURCE", &options->source, "address of this machine").required();
+  sending.add("GROUP", &options->group).required();
+  sending.add("--rate", &options->rate, "packets a second").show_default();
+  sending.add("--size", &options->size, "bytes of UDP payload").show_default();
   add_flow_options(sending, options);
-  auto *receiving =
-      app->add_subcommand("receive", "joins a flow, and tells every second what came and what is missing");
-  receiving->add_option("INTERFACE", options->interface)->required();
-  receiving->add_option("GROUP", options->group)->required();
-  receiving->add_option("--source", options->source, "only from there (IGMPv3); default: from anywhere");
+  options::Command receiving =
+      app->add_command("receive", "joins a flow, and tells every second what came and what is missing");
+  receiving.add("INTERFACE", &options->interface).required();
+  receiving.add("GROUP", &options->group).required();
+  receiving.add("--source", &options->source, "only from there (IGMPv3); default: from anywhere");
   add_flow_options(receiving, options);
-  auto *watching = app->add_subcommand("watch", "counts GRE packets of links in the core, by group and flow");
-  watching->add_option("INTERFACE", options->interfaces)->required();
-  watching->add_option("--write", options->write, "also write what comes in to a capture file");
-  for (CLI::App *command : {sending, receiving, watching})
-    command->add_option("--seconds", options->seconds, "ends after so long; default: at a signal");
+  options::Command watching = app->add_command("watch", "counts GRE packets of links in the core, by group and flow");
+  watching.add("INTERFACE", &options->interfaces).required();
+  watching.add("--write", &options->write, "also write what comes in to a capture file");
+  for (options::Command command : {sending, receiving, watching})
+    command.add("--seconds", &options->seconds, "ends after so long; default: at a signal");
   add_hostile(app, options);
-  app->add_subcommand("agent", "serves requests on standard input: the lab's hand in a namespace");
+  app->add_command("agent", "serves requests on standard input: the lab's hand in a namespace");
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  CLI::App app{
+  options::CommandLine app{
       "Sends and receives numbered multicast packets and tells what became of them. Prints JSON, one object a "
       "line."};
   Options options;
   add_commands(&app, &options);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError &error) {
-    return app.exit(error) == 0 ? 0 : kUsage;
-  }
+  if (const std::optional<int> status = app.parse(argc, argv, kUsage)) return *status;
   const auto on_signal = [](int) { stopped = 1; };
   std::signal(SIGINT, on_signal);
   std::signal(SIGTERM, on_signal);
   std::signal(SIGPIPE, SIG_IGN);
   try {
-    if (app.got_subcommand("send")) send(options);
-    if (app.got_subcommand("receive")) receive(options);
-    if (app.got_subcommand("watch")) watch(options);
-    if (app.got_subcommand("hostile")) attack(options);
-    if (app.got_subcommand("agent")) traffic::run_agent();
+    if (app.given("send")) send(options);
+    if (app.given("receive")) receive(options);
+    if (app.given("watch")) watch(options);
+    if (app.given("hostile")) attack(options);
+    if (app.given("agent")) traffic::run_agent();
     return 0;
   } catch (const std::exception &error) {
     std::cerr << "mvpn-traffic: " << error.what() << '\n';

@@ -19,7 +19,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
@@ -28,6 +27,7 @@
 #include <random>
 #include <sstream>
 
+#include "options/command_line.h"
 #include "routing/pim/mvpn/mvpn.h"
 #include "tests/faults/story.h"
 #include "tests/support/platform_trace.h"
@@ -422,16 +422,16 @@ class Sweep {
 
 int main(int argc, char **argv) {
   faults::Options options;
-  CLI::App app("Fails the platform calls of the module one by one and looks what helps.");
-  app.add_option("--every", options.every, "only every N-th call")->check(CLI::Range(1, 100000));
-  app.add_option("--pairs", options.pairs, "instead: so many random pairs of calls");
-  app.add_option("--seed", options.seed, "of the pairs");
-  app.add_option("--only", options.only, "one call: STEP:K, in this process");
-  app.add_option("--jobs", options.jobs, "runs at a time")->check(CLI::Range(1, 64));
-  app.add_option("--table", options.table, "what helps after which call");
-  app.add_flag("--update", options.update, "write the table anew");
-  app.add_flag("--verbose", options.verbose, "say of every call that needs help what it needs and why");
-  CLI11_PARSE(app, argc, argv);
+  options::CommandLine app("Fails the platform calls of the module one by one and looks what helps.");
+  app.add("--every", &options.every, "only every N-th call").within(1, 100000);
+  app.add("--pairs", &options.pairs, "instead: so many random pairs of calls");
+  app.add("--seed", &options.seed, "of the pairs");
+  app.add("--only", &options.only, "one call: STEP:K, in this process");
+  app.add("--jobs", &options.jobs, "runs at a time").within(1, 64);
+  app.add("--table", &options.table, "what helps after which call");
+  app.add_flag("--update", &options.update, "write the table anew");
+  app.add_flag("--verbose", &options.verbose, "say of every call that needs help what it needs and why");
+  if (const std::optional<int> status = app.parse(argc, argv, 2)) return *status;
   try {
     return faults::Sweep(options).run() ? 0 : 1;
   } catch (const std::exception &error) {
