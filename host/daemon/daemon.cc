@@ -16,6 +16,7 @@
 #include <thread>
 #include <utility>
 
+#include "host/daemon/metrics.h"
 #include "host/daemon/notify.h"
 
 namespace host {
@@ -49,9 +50,10 @@ Daemon::Daemon(DaemonOptions options, Config config)
   router_options.clock_scale = options_.clock_scale;
   router_options.capture = options_.capture;
   router_options.recovering = options_.stateful_restart;
+  router_options.follow_metrics = [this](const std::optional<EndpointValue> &at) { follow_metrics(at); };
   router_options.log = [this](const std::string &text) { log(text); };
   router_.emplace(loop_, module, std::move(router_options));
-  engine_.emplace(*router_);
+  engine_.emplace(*router_, loop_);
   if (options_.debug) engine_->debug("", true);
   // Clients that come early wait until the loop runs.
   control_.emplace(loop_.io(), options_.control_path,
@@ -75,6 +77,18 @@ Daemon::Daemon(DaemonOptions options, Config config)
 }
 
 Daemon::~Daemon() { loop_.set_turn_end(nullptr); }
+
+void Daemon::follow_metrics(const std::optional<EndpointValue> &at) {
+  if (!metrics_)
+    metrics_.emplace(
+        loop_.io(),
+        [this](metrics::Format format) {
+          Loop::Turn turn(loop_);
+          return metrics_text(*router_, loop_, format);
+        },
+        [this](const std::string &text) { log(text); });
+  metrics_->listen(at ? at->address : "", at ? at->port : 0);
+}
 
 void Daemon::open_store() {
   ref::set_stateful_restart(options_.stateful_restart);
@@ -175,6 +189,7 @@ void Daemon::stop() {
   log("stopping");
   check_.reset();
   agentx_.reset();
+  metrics_.reset();
   end_views();
   {
     Loop::Turn turn(loop_);

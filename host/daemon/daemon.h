@@ -15,6 +15,7 @@
 #include "host/daemon/engine.h"
 #include "host/daemon/loop.h"
 #include "host/daemon/router.h"
+#include "host/metrics/http_server.h"
 #include "host/snmp/agentx.h"
 
 namespace host {
@@ -45,6 +46,7 @@ class Daemon {
   void lock_store();
   void open_store();
   void check_capture() const;
+  void follow_metrics(const std::optional<EndpointValue> &at);
   void watch_signals();
   void reload();
   void finish_reload(const FileStamp &checked, const ConfigCheck::Result &check);
@@ -60,6 +62,7 @@ class Daemon {
   std::optional<Engine> engine_;
   std::optional<ControlServer> control_;
   std::optional<snmp::AgentX> agentx_;
+  std::optional<metrics::HttpServer> metrics_;
   boost::asio::signal_set signals_;
   boost::asio::steady_timer farewell_;
   std::unique_ptr<ConfigCheck> check_;  // while a reload waits for it

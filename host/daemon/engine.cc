@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "host/daemon/metrics.h"
 #include "platform/thread.h"
 
 namespace host {
@@ -100,7 +101,7 @@ Outcome clear_bgp(BgpService &bgp, const Statement &statement) {
 
 }  // namespace
 
-Engine::Engine(Router &router) : router_(router) { ref::set_yield_hook(wait_at_yield); }
+Engine::Engine(Router &router, const Loop &loop) : router_(router), loop_(loop) { ref::set_yield_hook(wait_at_yield); }
 
 Engine::~Engine() { ref::set_yield_hook(nullptr); }
 
@@ -221,6 +222,8 @@ Outcome Engine::operate(const std::vector<Statement> &statements) {
       return set_receiver(router_.running(), statement);
     case Command::test_remote_pe:
       return set_remote_pe(router_.running(), statement);
+    case Command::show_metrics:
+      return {true, metrics_text(router_, loop_, metrics::Format::text)};
     case Command::test_statistics:
       ref::statistics_pass();
       return {};

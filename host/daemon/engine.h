@@ -18,7 +18,7 @@ namespace host {
 
 class Engine {
  public:
-  explicit Engine(Router &router);
+  Engine(Router &router, const Loop &loop);
   ~Engine();
 
   // Runs a command line and ends the channel when it is done. On the main thread, with the scheduling locks.
@@ -47,6 +47,7 @@ class Engine {
   void debug_off();
 
   Router &router_;
+  const Loop &loop_;
   CounterBase counters_;
   int running_views_ = 0;
 };

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
+#include <ctime>
 
 #include "platform/reference/reference.h"
 
@@ -12,7 +13,7 @@ namespace host {
 
 using std::chrono::nanoseconds;
 
-Loop::Loop() : timer_(io_) {
+Loop::Loop() : timer_(io_), started_(time(nullptr)) {
   ref::reset();
   ref::set_waker([this] { wake(); });
   ref::main_release();
@@ -26,7 +27,9 @@ Loop::~Loop() {
 }
 
 Loop::Turn::Turn(Loop &loop) : loop_(loop) {
-  if (loop_.depth_++ == 0) ref::main_acquire();
+  if (loop_.depth_++ > 0) return;
+  ref::main_acquire();
+  loop_.turn_began_ = std::chrono::steady_clock::now();
 }
 
 Loop::Turn::~Turn() {
@@ -48,6 +51,14 @@ void Loop::end_turn() {
   if (turn_end_) turn_end_();
   ref::pss_flush();
   set_timer();
+  measure_turn();
+}
+
+void Loop::measure_turn() {
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - turn_began_;
+  for (auto &[bound, count] : turn_times_.buckets) count += took.count() <= bound ? 1 : 0;
+  turn_times_.count++;
+  turn_times_.sum += took.count();
 }
 
 void Loop::set_timer() {

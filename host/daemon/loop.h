@@ -9,6 +9,8 @@
 #include <functional>
 #include <optional>
 
+#include "host/metrics/exposition.h"
+
 namespace host {
 
 // The reference platform is in its first state before and after; the module must have stopped by then. Between turns the
@@ -39,6 +41,11 @@ class Loop {
   // Called at the end of every turn.
   void set_turn_end(std::function<void()> work) { turn_end_ = std::move(work); }
 
+  // How long turns took, in seconds of real time.
+  const metrics::Histogram &turn_times() const { return turn_times_; }
+  // When this was made, in seconds since 1970.
+  int64_t started() const { return started_; }
+
   // Serves until stop().
   void run();
   void stop() { io_.stop(); }
@@ -46,6 +53,7 @@ class Loop {
  private:
   void wake();
   void end_turn();
+  void measure_turn();
   void set_timer();
 
   boost::asio::io_context io_;
@@ -53,6 +61,9 @@ class Loop {
   std::atomic<bool> awake_ = false;  // a turn is queued
   std::function<void()> turn_end_;
   int depth_ = 0;
+  std::chrono::steady_clock::time_point turn_began_;
+  metrics::Histogram turn_times_{{{0.0001, 0}, {0.001, 0}, {0.01, 0}, {0.1, 0}, {1, 0}, {10, 0}}, 0, 0};
+  const int64_t started_;
   std::optional<std::chrono::nanoseconds> armed_for_;  // platform time
   double armed_scale_ = 0;
 };

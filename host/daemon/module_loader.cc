@@ -117,6 +117,7 @@ LoadedModule load_module(const std::string &path) {
   find(library, "mvpn_unconditional_announce_data_mdt_join", &module.announce);
   find(library, "pim_glb_trace_buffers", &module.trace_buffers);
   find(library, "pim_mvpn_detail_debug_flag", &module.detail_debug);
+  find(library, "mvpn_mti_status_str", &module.mti_status_names);
   find(library, "mvpn_data_mdt_recv_cache_limit", &module.recv_cache_limit);
   find_entries(library, &module.entries);
   return module;

@@ -18,6 +18,7 @@ struct LoadedModule {
   decltype(&mvpn_unconditional_announce_data_mdt_join) announce = nullptr;
   decltype(&pim_glb_trace_buffers) trace_buffers = nullptr;
   decltype(&pim_mvpn_detail_debug_flag) detail_debug = nullptr;
+  decltype(&mvpn_mti_status_str) mti_status_names = nullptr;
   decltype(&mvpn_data_mdt_recv_cache_limit) recv_cache_limit = nullptr;
   ref::Module entries;  // what the platform delivers to
 };

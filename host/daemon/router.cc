@@ -26,6 +26,7 @@ class TextSink : public ref::CliSink {
   std::string collected;
 };
 
+constexpr std::string_view kMetricsEndpoint = "127.0.0.1:9469";  // unless another one is configured
 constexpr std::string_view kDefaultHandler = "mdt_default_cmd";
 
 bool is_default_mdt(const Statement &statement) { return statement.handler == kDefaultHandler; }
@@ -451,6 +452,8 @@ void Router::apply_global(const LineChange &change) {
       return;
     case Command::clock_scale:
       return follow_clock();
+    case Command::metrics:
+      return follow_metrics();
     default:
       return;
   }
@@ -461,6 +464,14 @@ void Router::follow_clock() {
   const std::string *scale = global == nullptr ? nullptr : global->value(Command::clock_scale, "scale");
   const double configured = scale == nullptr ? 1 : static_cast<double>(number_value(*scale));
   ref::clock_use_real(options_.clock_scale.value_or(configured));
+}
+
+void Router::follow_metrics() {
+  if (!options_.follow_metrics) return;
+  const Block *global = running_.find({});
+  if (global == nullptr || global->find(Command::metrics) == nullptr) return options_.follow_metrics(std::nullopt);
+  const std::string *given = global->value(Command::metrics, "endpoint");
+  options_.follow_metrics(endpoint_value(given != nullptr ? std::string_view(*given) : kMetricsEndpoint));
 }
 
 void Router::follow_policy(const std::string &name) {

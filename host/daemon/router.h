@@ -32,6 +32,8 @@ class Router {
     bool recovering = false;  // started anew for a router that goes on
     bool offline = false;     // for a check of the configuration: without links to other PEs
     std::function<void(const std::string &)> log;
+    // Where the metrics are to be had, when that changes; nothing: nowhere.
+    std::function<void(const std::optional<EndpointValue> &at)> follow_metrics = {};
   };
 
   Router(Loop &loop, const LoadedModule &module, Options options);
@@ -82,6 +84,7 @@ class Router {
 
   void apply_global(const LineChange &change);
   void follow_clock();
+  void follow_metrics();
   void follow_policy(const std::string &name);
   void follow_vrf(const std::string &name);
   void follow_interface(const std::string &name);

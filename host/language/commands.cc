@@ -127,6 +127,10 @@ std::vector<Word> global_words() {
           .then({keyword("mvpn", "Multicast VPN; on unless it is switched off")
                      .runs(Command::feature_mvpn)
                      .by_default()}),
+      keyword("metrics", "Metrics for monitoring systems by HTTP; on 127.0.0.1:9469 unless an address is given")
+          .runs(Command::metrics)
+          .with({keyword("listen", "Where")
+                     .then({argument(ValueType::endpoint, "ADDRESS:PORT", "endpoint", "Address and TCP port")})}),
       keyword("route-map", "Policies that select customer flows")
           .then({argument(ValueType::policy, "NAME", "name", "Name of the route-map")
                      .identifies()
@@ -449,6 +453,7 @@ Word show_words() {
           view("running-config", "The configuration as a file, without passwords", Command::show_running_config)
               .with({flag("passwords", "With them: a file that loads to the same")}),
           view("clock", "The platform's clock", Command::show_clock),
+          keyword("metrics", "Metrics, as a monitoring system reads them").runs(Command::show_metrics),
       });
 }
 
