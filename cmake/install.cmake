@@ -28,7 +28,11 @@ install(FILES ${PROJECT_BINARY_DIR}/libmvpnConfig.cmake ${PROJECT_BINARY_DIR}/li
 
 install(FILES ${PROJECT_SOURCE_DIR}/host/snmp/LIBMVPN-MIB.txt DESTINATION ${CMAKE_INSTALL_DATADIR}/snmp/mibs)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/schema DESTINATION ${CMAKE_INSTALL_DATADIR}/mvpn)
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/lab/scenarios DESTINATION ${CMAKE_INSTALL_DATADIR}/mvpn)
+# What an installed mvpn-lab plays: the same tree as here.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/lab/scenarios ${PROJECT_SOURCE_DIR}/lab/templates
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/mvpn/lab)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples DESTINATION ${CMAKE_INSTALL_DATADIR}/mvpn FILES_MATCHING PATTERN "*.conf"
+  PATTERN c_host EXCLUDE)
 
 if(TARGET man)
   get_target_property(pages man PAGES)

@@ -12,8 +12,8 @@
 namespace lab {
 
 struct PeEvent {
-  double at = 0;  // seconds since the start of the run
-  std::string pe;
+  double at = 0;   // seconds since the start of the run
+  std::string pe;  // or "PE forwarder"
   std::string text;
 };
 

@@ -12,6 +12,22 @@ constexpr int kSkipped = 77;
 
 namespace {
 
+namespace fs = std::filesystem;
+
+// What scenarios name without saying where: here, or where an installation has it.
+std::string default_project(const std::string &binaries) {
+  const fs::path installed = fs::path(binaries).parent_path() / "share/mvpn";
+  return !fs::exists("lab/templates") && fs::exists(installed / "lab/templates") ? installed.string() : ".";
+}
+
+// A file, or the name of one among the project's scenarios.
+std::string find_scenario(const std::string &named, const std::string &project) {
+  const std::string folder = project + "/lab/scenarios/";
+  for (const std::string &file : {named, folder + named, folder + named + ".json"})
+    if (fs::is_regular_file(file)) return file;
+  throw std::runtime_error("there is no scenario " + named + ", neither here nor in " + folder);
+}
+
 lab::Scenario scenario_in(const std::string &file, bool real) {
   lab::Scenario scenario = lab::read_scenario(file);
   if (real != scenario.network.has_value())
@@ -50,14 +66,14 @@ int main(int argc, char **argv) {
   options::CommandLine app{"Plays a scenario with several PEs and tells whether what was expected happened."};
   std::string file;
   lab::Options options;
-  options.binaries = std::filesystem::path(argv[0]).parent_path().string();
-  options.project = ".";
+  options.binaries = fs::read_symlink("/proc/self/exe").parent_path().string();
+  options.project = default_project(options.binaries);
   options.prefix = "mlab";
   bool keep = false;
   bool real = false;
   bool skip = false;
   std::string pages;
-  app.add("SCENARIO", &file, "scenario file").required().existing_file();
+  app.add("SCENARIO", &file, "scenario: a file, or a name in lab/scenarios of the project").required();
   app.add("--bin", &options.binaries, "folder of the programs").show_default();
   app.add("--project", &options.project, "folder that configuration files are relative to").show_default();
   app.add("--work", &options.work, "folder for stores, sockets, captures and logs, which stays; default: a new one");
@@ -76,7 +92,7 @@ int main(int argc, char **argv) {
       return kSkipped;
     }
     lab::note_signals();
-    return play(file, options, real, keep, pages) ? 0 : 1;
+    return play(find_scenario(file, options.project), options, real, keep, pages) ? 0 : 1;
   } catch (const std::exception &error) {
     std::cerr << "mvpn-lab: " << error.what() << '\n';
     return 1;

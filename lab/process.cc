@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <thread>
@@ -144,6 +145,12 @@ class Child {
 };
 
 }  // namespace
+
+std::string program_in(const std::string &folder, const std::string &name) {
+  const std::string beside = folder + "/../sbin/" + name;
+  return !std::filesystem::exists(folder + "/" + name) && std::filesystem::exists(beside) ? beside
+                                                                                          : folder + "/" + name;
+}
 
 Process::Process(const Launch &launch) {
   const int log = open(launch.log_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);

@@ -12,6 +12,9 @@
 
 namespace lab {
 
+// A program of the lab: in the folder, or in the folder of system programs beside it, where an installation has daemons.
+std::string program_in(const std::string &folder, const std::string &name);
+
 struct Launch {
   std::vector<std::string> command;
   std::string log_file;                // gets the output, at its end; a piped program's standard error only

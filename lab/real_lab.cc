@@ -27,10 +27,11 @@ std::string why_not_real() {
 RealLab::RealLab(const Network &network, const Settings &settings)
     : settings_(settings),
       stage_(network, settings.prefix, settings.project, settings.work),
-      traffic_(built(stage_), settings.binaries + "/mvpn-traffic", settings.work) {
+      traffic_(built(stage_), program_in(settings.binaries, "mvpn-traffic"), settings.work) {
   // Shell commands of scenarios find the lab's programs.
   const char *path = std::getenv("PATH");
-  const std::string programs = std::filesystem::absolute(settings.binaries);
+  const std::string folder = std::filesystem::absolute(settings.binaries),
+                    programs = folder + ":" + folder + "/../sbin";
   ::setenv("PATH", path == nullptr ? programs.c_str() : (programs + ":" + path).c_str(), 1);
 }
 
@@ -60,12 +61,12 @@ void RealLab::start_forwarder(const std::string &pe) {
   if (forwarder_runs(pe)) return;
   forwarders_.erase(pe);
   std::filesystem::remove(socket_of(pe));
-  Process &process =
-      forwarders_
-          .emplace(pe, Process(Launch{.command = {settings_.binaries + "/mvpn-forwarder", "--control", socket_of(pe)},
-                                      .log_file = settings_.work + "/" + pe + ".forwarder.log",
-                                      .network_namespace = namespace_path(pe)}))
-          .first->second;
+  Process &process = forwarders_
+                         .emplace(pe, Process(Launch{.command = {program_in(settings_.binaries, "mvpn-forwarder"),
+                                                                 "--control", socket_of(pe)},
+                                                     .log_file = settings_.work + "/" + pe + ".forwarder.log",
+                                                     .network_namespace = namespace_path(pe)}))
+                         .first->second;
   for (int i = 0; i < 500; ++i) {
     if (std::filesystem::exists(socket_of(pe))) return;
     if (!process.running()) break;

@@ -1,7 +1,10 @@
 #include "lab/runner.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -72,6 +75,14 @@ std::string log_from(const std::string &file, uintmax_t position) {
   return text.str();
 }
 
+// Seconds since 1970 of a time as views write it: 2030-01-31T12:00:00.123Z.
+double seconds_of(const std::string &time) {
+  std::tm parts{};
+  const char *rest = strptime(time.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
+  if (rest == nullptr) throw std::runtime_error("'" + time + "' is no time");
+  return static_cast<double>(timegm(&parts)) + std::strtod(rest, nullptr);
+}
+
 constexpr int kNotUnderstood = 2;  // exit status of pimctl
 
 Clock::time_point after(double seconds) {
@@ -104,8 +115,8 @@ void Runner::check_files() const {
   const auto need = [](const std::string &file) {
     if (!std::filesystem::exists(file)) throw std::runtime_error("there is no " + file);
   };
-  for (const char *program : {"/pimhostd", "/pimctl"}) need(options_.binaries + program);
-  if (!scenario_.reflector.empty()) need(options_.binaries + "/mdt-reflector");
+  for (const char *program : {"pimhostd", "pimctl"}) need(program_in(options_.binaries, program));
+  if (!scenario_.reflector.empty()) need(program_in(options_.binaries, "mdt-reflector"));
   if (scenario_.network) return;
   for (const auto &[pe, config] : scenario_.configs)
     if (!config.file.empty()) need(options_.project + "/" + config.file);
@@ -121,6 +132,8 @@ void Runner::play_steps() {
   start_reflector();
   for (const Step &step : scenario_.steps) play(step);
   for (auto &[pe, daemon] : daemons_) collect_events(pe);
+  std::stable_sort(findings_.events.begin(), findings_.events.end(),
+                   [](const PeEvent &a, const PeEvent &b) { return a.at < b.at; });
   if (real_) findings_.flows = real_->traffic().history();
   for (auto &[pe, daemon] : daemons_) stop_control(pe);
 }
@@ -137,6 +150,19 @@ void Runner::collect_events(const std::string &pe) {
     const double ago =
         (time.at("seconds").get<double>() - event.at("time").get<double>()) / time.at("scale").get<double>();
     findings_.events.push_back({now - ago, pe, event.at("text").get<std::string>()});
+  }
+  if (real_) collect_forwarder_events(pe);
+}
+
+// The forwarder outlives the control plane that tells of them: the same events are asked for more than once.
+void Runner::collect_forwarder_events(const std::string &pe) {
+  const Result events = pimctl(pe, "show forwarding events | json");
+  if (events.status != 0) return;
+  const nlohmann::json list = nlohmann::json::parse(events.output);
+  for (const nlohmann::json &event : list.value("forwarding-event", nlohmann::json::array())) {
+    if (!forwarder_events_.insert(pe + event.dump()).second) continue;
+    const double at = seconds_of(event.at("time")) - static_cast<double>(report_->start_ns()) / 1e9;
+    findings_.events.push_back({at, pe + " forwarder", event.at("text").get<std::string>()});
   }
 }
 
@@ -202,8 +228,9 @@ void Runner::start_reflector() {
   if (scenario_.reflector.empty() && (!scenario_.network || scenario_.network->wired)) return;
   const std::string file =
       real_ ? real_->write_reflector_configuration() : options_.project + "/" + scenario_.reflector;
-  Launch launch{.command = {options_.binaries + "/mdt-reflector", "--config", file, "--control", socket_of(kReflector)},
-                .log_file = options_.work + "/reflector.log"};
+  Launch launch{
+      .command = {program_in(options_.binaries, "mdt-reflector"), "--config", file, "--control", socket_of(kReflector)},
+      .log_file = options_.work + "/reflector.log"};
   if (real_) launch.network_namespace = real_->namespace_path(scenario_.network->core_namespaces().front());
   daemons_.emplace(kReflector, Process(launch));
   wait_for_word(daemons_.at(kReflector), launch.log_file, 0, "serving on");
@@ -232,8 +259,8 @@ void Runner::start(const Step &step) {
 
 void Runner::start_control(const std::string &pe, bool stateful) {
   const std::string file = configuration_of(pe);
-  Launch launch{.command = {options_.binaries + "/pimhostd", "--config", file, "--control", socket_of(pe), "--store",
-                            options_.work + "/" + pe + ".store", "--clock-scale", std::to_string(scale_)},
+  Launch launch{.command = {program_in(options_.binaries, "pimhostd"), "--config", file, "--control", socket_of(pe),
+                            "--store", options_.work + "/" + pe + ".store", "--clock-scale", std::to_string(scale_)},
                 .log_file = options_.work + "/" + pe + ".log"};
   if (real_)
     launch.network_namespace = real_->namespace_path(pe);
@@ -265,7 +292,11 @@ void Runner::wait_for_word(Process &program, const std::string &log, uintmax_t f
 }
 
 void Runner::stop(const Step &step) {
-  if (!step.forwarder) return stop_control(step.pe);
+  if (!step.forwarder) {
+    collect_events(step.pe);
+    return stop_control(step.pe);
+  }
+  collect_forwarder_events(step.pe);
   const std::optional<int> status = real_->stop_forwarder(step.pe, SIGTERM);
   report_->expectation(step.pe + ": the forwarder stops in order",
                        status ? "exit status " + std::to_string(*status) : "it still runs", status == 0);
@@ -282,6 +313,7 @@ void Runner::stop_control(const std::string &pe) {
 
 void Runner::kill(const Step &step) {
   if (step.forwarder) {
+    collect_forwarder_events(step.pe);
     real_->stop_forwarder(step.pe, SIGKILL);
   } else {
     collect_events(step.pe);  // they go with it
@@ -294,7 +326,7 @@ void Runner::kill(const Step &step) {
 // ---------------------------------------------------------------------------------------------- commands and their texts
 
 Result Runner::pimctl(const std::string &pe, const std::string &command) {
-  std::vector<std::string> words{options_.binaries + "/pimctl", "--control", socket_of(pe)};
+  std::vector<std::string> words{program_in(options_.binaries, "pimctl"), "--control", socket_of(pe)};
   for (const std::string &word : split(command)) words.push_back(word);
   return run(words, 20s);
 }

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -39,6 +40,7 @@ class Runner {
  private:
   void play_steps();
   void collect_events(const std::string &pe);
+  void collect_forwarder_events(const std::string &pe);
   void play(const Step &step);
   void play_on_network(const Step &step);
   void start_reflector();
@@ -72,6 +74,7 @@ class Runner {
   std::optional<RealLab> real_;                                     // before the processes that run in its namespaces
   std::map<std::string, Process> daemons_;                          // the reflector is one of them
   std::map<std::pair<std::string, bool>, uint64_t> marked_memory_;  // KiB by PE, and whether it is the forwarder's
+  std::set<std::string> forwarder_events_;                          // that have been collected
   Findings findings_;
 };
 
