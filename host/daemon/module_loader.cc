@@ -113,6 +113,7 @@ LoadedModule load_module(const std::string &path) {
   find(library, "mvpn_deinit", &module.deinit);
   find(library, "mvpn_init_cli", &module.init_cli);
   find(library, "mvpn_cli_vrf_done", &module.cli_vrf_done);
+  find(library, "mvpn_leave_vrf", &module.leave_vrf);
   find(library, "mvpn_cli_done", &module.cli_done);
   find(library, "mvpn_unconditional_announce_data_mdt_join", &module.announce);
   find(library, "pim_glb_trace_buffers", &module.trace_buffers);

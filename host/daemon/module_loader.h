@@ -14,6 +14,7 @@ struct LoadedModule {
   decltype(&mvpn_deinit) deinit = nullptr;
   decltype(&mvpn_init_cli) init_cli = nullptr;
   decltype(&mvpn_cli_vrf_done) cli_vrf_done = nullptr;
+  decltype(&mvpn_leave_vrf) leave_vrf = nullptr;
   decltype(&mvpn_cli_done) cli_done = nullptr;
   decltype(&mvpn_unconditional_announce_data_mdt_join) announce = nullptr;
   decltype(&pim_glb_trace_buffers) trace_buffers = nullptr;

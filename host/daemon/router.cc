@@ -35,13 +35,6 @@ const Statement &statement_of(const LineChange &change) {
   return change.after != nullptr ? change.after->statement : change.before->statement;
 }
 
-Statement default_mdt_with(std::vector<Argument> arguments) {
-  Statement statement;
-  statement.handler = kDefaultHandler;
-  statement.arguments = std::move(arguments);
-  return statement;
-}
-
 // Lines of a VRF for the module, "mdt default" first.
 std::vector<const Line *> mdt_lines(const Block &vrf) {
   std::vector<const Line *> lines;
@@ -581,22 +574,11 @@ void Router::set_route(const std::string &vrf, const std::string &key) {
 // ----------------------------------------------------------------------------------------------------- leaving VRFs
 
 void Router::leave_vrf(const std::string &name) {
-  const pim_cibtype *pcib = pim_get_cib_by_context_name(name.c_str());
+  pim_cibtype *pcib = pim_get_cib_by_context_name(name.c_str());
   if (pcib == nullptr) return;
   for (const ref::CustomerRoute &route : ref::customer_routes(name)) ref::delete_customer_route(name, route.addrs);
-  if (pcib->mvpn != nullptr) {
-    if (pcib->mvpn->mdt_default_group == 0 && pcib->mvpn->mti_status == MVPN_MTI_NONE) lend_group(name);
-    run_handler(name, default_mdt_with({}), true, true);
-  }
+  if (module_runs_) module_.leave_vrf(pcib);
   leaving_.insert(name);
-}
-
-// The module keeps the context of a VRF whose default group it has refused, and gives it up with a default group only. A
-// group of the link-local block, which VRFs have no use for, serves for a moment.
-void Router::lend_group(const std::string &vrf) {
-  constexpr uint32_t kFirst = 0xE0000001, kLast = 0xE00000FF;
-  for (uint32_t group = kFirst; group <= kLast; group++)
-    if (run_handler(vrf, default_mdt_with({{"<mdt-default>", address_text(group)}}), false, false).accepted) return;
 }
 
 void Router::finish_leaving() {

@@ -91,7 +91,6 @@ class Router {
   void follow_route_distinguisher(const std::string &vrf);
   void follow_update_source();
   void leave_vrf(const std::string &name);
-  void lend_group(const std::string &vrf);
   bool is_there(const std::string &vrf) const;  // neither leaving nor waiting
   void finish_leaving();
   void bring_in(const std::string &vrf);

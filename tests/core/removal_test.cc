@@ -94,17 +94,40 @@ TEST_F(Removal, EveryStatusLeadsToTheEnd) {
   };
   start();
   add_vrf("red", 2);
-  for (const auto &c : cases) {
-    SCOPED_TRACE(mvpn_mti_status_str[c.status]);
-    c.lead();
-    ASSERT_EQ(context("red")->mti_status, c.status) << mvpn_mti_status_str[context("red")->mti_status];
-    EXPECT_EQ(command("mdt_default_cmd", "red", {}, true), CLI_RESULT_OK) << printed;
-    ref::set_oim_answers(true);
-    source(true);
-    ref::settle();
-    expect_nothing_left();
-    ASSERT_EQ(context("red"), nullptr);
+  for (const bool whole_vrf : {false, true}) {
+    for (const auto &c : cases) {
+      SCOPED_TRACE(std::string(mvpn_mti_status_str[c.status]) + (whole_vrf ? ", with its VRF" : ""));
+      c.lead();
+      ASSERT_EQ(context("red")->mti_status, c.status) << mvpn_mti_status_str[context("red")->mti_status];
+      if (whole_vrf) {
+        mvpn_leave_vrf(pim_get_cib_by_context_name("red"));
+        mvpn_leave_vrf(pim_get_cib_by_context_name("red"));  // once is enough
+      } else {
+        EXPECT_EQ(command("mdt_default_cmd", "red", {}, true), CLI_RESULT_OK) << printed;
+      }
+      ref::set_oim_answers(true);
+      source(true);
+      ref::settle();
+      expect_nothing_left();
+      ASSERT_EQ(context("red"), nullptr);
+    }
   }
+}
+
+// Such a VRF has a context all the same, and no command that would take it away.
+TEST_F(Removal, AVrfWhoseGroupWasRefusedGoesAtOnce) {
+  start();
+  add_vrf("red", 2);
+  configure("red", "239.1.1.1");
+  add_vrf("blue", 3);
+  EXPECT_EQ(command("mdt_default_cmd", "blue", {{"<mdt-default>", "239.1.1.1"}}), CLI_RESULT_REJECTED);
+  ASSERT_NE(context("blue"), nullptr);
+  EXPECT_EQ(command("mdt_default_cmd", "blue", {}, true), CLI_RESULT_REJECTED);
+  mvpn_leave_vrf(pim_get_cib_by_context_name("blue"));
+  EXPECT_EQ(context("blue"), nullptr);
+  EXPECT_EQ(context("red")->mti_status, MVPN_MTI_UP);
+  mvpn_leave_vrf(pim_get_cib_by_context_name("blue"));
+  mvpn_leave_vrf(nullptr);
 }
 
 // The last step yields while it drops what was left; in each of these yields the VRF's tunnel is reported deleted once

@@ -343,6 +343,10 @@ void mvpn_interface_status(im_iod_t iod, int up);
 void mvpn_interface_create(im_iod_t iod);
 void mvpn_process_address_change(im_iod_t iod);
 
+// The VRF is about to be removed: its default MDT goes, with the context; a context that never had a default group goes
+// at once. The host keeps the VRF until pcib->mvpn is null. Yields.
+void mvpn_leave_vrf(pim_cibtype *pcib);
+
 // Configuration replay: the stored commands of one VRF have ended; an end-of-replay notice has arrived. Return 1.
 int mvpn_cli_vrf_done(pim_cibtype *pcib);
 int mvpn_cli_done(void);

@@ -330,6 +330,14 @@ void mvpn_start_destroy_default_mdt(mvpn_cibtype *mvpn) {
   }
 }
 
+void mvpn_leave_vrf(pim_cibtype *pcib) {
+  mvpn_cibtype *mvpn = pcib != nullptr ? pcib->mvpn : nullptr;
+  if (!mvpn_is_up() || mvpn == nullptr) return;
+  // Without a group the removal is under way, unless the VRF never had one: it was refused, and left a context.
+  if (mvpn->mdt_default_group == 0 && mvpn->mti_status != MVPN_MTI_NONE) return;
+  mvpn_start_destroy_default_mdt(mvpn);
+}
+
 // Core routes and encapsulations. While the module runs they are withdrawn from the MRIB: a flow may have been moved in a
 // VRF that was down.
 static bool drop_leftovers_in_mrib(const mvpn_vrf_handle &vrf, mvpn_cibtype *mvpn) {
