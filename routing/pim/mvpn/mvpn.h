@@ -256,8 +256,10 @@ MVPN_CONSTANT(MVPN_MDT_SAFI_TREE_KEY_SIZE, 12);
 
 // Entry of the MDT SAFI database. Slab object.
 struct mvpn_bgp_mdt_safi {
-  ravl_node node;             // in mvpn_bgp_mdt_safi_db
+  ravl_node node;             // in mvpn_bgp_mdt_safi_db; user_data: the entry's left child in the tree of its group
   mvpn_bgp_mdt_safi_key key;  // never changes while the entry is stored
+  void *group_right;          // the right child there, a mvpn_bgp_mdt_safi; null: none
+  uint32_t group_rank;        // its place from the root there: none below it has a greater one
   uint8_t local;              // 1: this PE advertises it
 };
 

@@ -10,14 +10,18 @@
 // bytes lie in memory; on a little-endian machine that is not the numeric order of addresses. The group is no part of
 // the key: there is one entry per (source, RD). Two indexes, both in tree order, answer what would else be a walk of
 // the whole database:
-//   safi_by_group   every entry by group: rebuilding the routes of one VRF, the equivalent entry of another RD;
+//   safi_groups       the entries of each group: rebuilding the routes of one VRF, the equivalent entry of another RD;
 //   safi_local_by_rd  local entries by RD: what to withdraw.
+// There are many entries and each VRF's update looks at its own group only. So the entries of a group are a tree that is
+// linked through the entries themselves, and which has a hundred of them where the database has a hundred thousand: it
+// costs two words each, and few of the waits for memory that are most of what an update costs in a large database. The
+// tree is kept in shape by random ranks (a treap): each entry's rank is at least that of those below it.
 //
 // Flow. An advertisement fills a 56-byte entry of a message to BGP and records the triple; a withdrawal takes the
 // first local entry with the VRF's RD, fills it in and removes it. BGP may ask for the whole set, which goes out in
 // messages of at most 100 entries; the last entry is a mark that ends the set.
 //
-// Invariants. An entry is in the tree and in safi_by_group, or in neither; it is in safi_local_by_rd exactly while
+// Invariants. An entry is in the database's tree and in its group's, or in neither; it is in safi_local_by_rd exactly while
 // `local` is 1. The key never changes while an entry is stored. The database is told what was filled in, not
 // what the transport accepted: nothing is rolled back or sent again when a send fails.
 //
@@ -25,9 +29,11 @@
 #include "routing/pim/mvpn/mvpn_mdt_safi_internal.h"
 
 #include <cerrno>
+#include <compare>
 #include <cstring>
 #include <new>
 #include <set>
+#include <unordered_map>
 
 #include "platform/ip.h"
 #include "routing/pim/mvpn/mvpn_context.h"
@@ -50,61 +56,144 @@ static_assert(offsetof(mvpn_bgp_mdt_safi_key, bgp_rd) == 4 && offsetof(mvpn_bgp_
 
 namespace {
 
-// Byte order as the order of numbers: these comparisons are most of what an update costs in a large database.
-struct by_group {
-  bool operator()(const mvpn_bgp_mdt_safi *a, const mvpn_bgp_mdt_safi *b) const {
-    const mvpn_bgp_mdt_safi_key &x = a->key, &y = b->key;
-    if (x.mdt_grp != y.mdt_grp) return x.mdt_grp < y.mdt_grp;
-    if (x.mdt_src != y.mdt_src) return load_be32(&x.mdt_src) < load_be32(&y.mdt_src);
-    return std::memcmp(x.bgp_rd, y.bgp_rd, ROUTE_DISTINGUISHER_SIZE) < 0;
+using Entry = mvpn_bgp_mdt_safi;
+
+// Where an entry stands among those of its group: bytes in memory order, as the order of numbers.
+struct place {
+  uint32_t source;
+  uint64_t rd;
+  explicit place(const mvpn_bgp_mdt_safi_key &key) : source(load_be32(&key.mdt_src)), rd(load_be64(key.bgp_rd)) {}
+  auto operator<=>(const place &) const = default;
+};
+
+// The entries of one group. Links are void pointers, since the left one is the platform's.
+class group_tree {
+ public:
+  bool empty() const { return root_ == nullptr; }
+  Entry *root() const { return static_cast<Entry *>(root_); }
+
+  void insert(Entry *entry) {
+    const place at(entry->key);
+    void **link = &root_;
+    while (*link != nullptr && entry_at(link)->group_rank >= entry->group_rank) {
+      link = at < place(entry_at(link)->key) ? left_of(entry_at(link)) : right_of(entry_at(link));
+    }
+    // What stood here is parted into what comes before and behind the entry.
+    void *rest = *link;
+    *link = entry;
+    void **before = left_of(entry), **behind = right_of(entry);
+    while (rest != nullptr) {
+      auto *other = static_cast<Entry *>(rest);
+      void **&end = place(other->key) < at ? before : behind;
+      *end = other;
+      end = &end == &before ? right_of(other) : left_of(other);
+      rest = *end;
+    }
+    *before = nullptr;
+    *behind = nullptr;
   }
+
+  void erase(Entry *entry) {
+    const place at(entry->key);
+    void **link = &root_;
+    while (*link != entry) link = at < place(entry_at(link)->key) ? left_of(entry_at(link)) : right_of(entry_at(link));
+    // Its two sides become one.
+    void *before = *left_of(entry), *behind = *right_of(entry);
+    while (before != nullptr && behind != nullptr) {
+      auto *a = static_cast<Entry *>(before), *b = static_cast<Entry *>(behind);
+      const bool first = a->group_rank >= b->group_rank;
+      *link = first ? a : b;
+      link = first ? right_of(a) : left_of(b);
+      (first ? before : behind) = *link;
+    }
+    *link = before != nullptr ? before : behind;
+  }
+
+  // The first entry at a place or behind it, behind it only; null: none.
+  Entry *first_at(const place &at) const {
+    return first_with([&at](const Entry *entry) { return place(entry->key) >= at; });
+  }
+  Entry *first_behind(const place &at) const {
+    return first_with([&at](const Entry *entry) { return place(entry->key) > at; });
+  }
+
+ private:
+  static Entry *entry_at(void *const *link) { return static_cast<Entry *>(*link); }
+  static void **left_of(Entry *entry) { return &entry->node.user_data; }
+  static void **right_of(Entry *entry) { return &entry->group_right; }
+
+  template <typename Reached>
+  Entry *first_with(Reached reached) const {
+    Entry *found = nullptr;
+    for (Entry *entry = root(); entry != nullptr;) {
+      const bool there = reached(entry);
+      if (there) found = entry;
+      entry = entry_at(there ? left_of(entry) : right_of(entry));
+    }
+    return found;
+  }
+
+  void *root_ = nullptr;
 };
 
 // Entries with the same RD stand in tree order, which is then the order of their sources.
 struct by_rd {
-  bool operator()(const mvpn_bgp_mdt_safi *a, const mvpn_bgp_mdt_safi *b) const {
-    const int order = std::memcmp(a->key.bgp_rd, b->key.bgp_rd, ROUTE_DISTINGUISHER_SIZE);
-    return order != 0 ? order < 0 : load_be32(&a->key.mdt_src) < load_be32(&b->key.mdt_src);
+  bool operator()(const Entry *a, const Entry *b) const {
+    const place x(a->key), y(b->key);
+    return x.rd != y.rd ? x.rd < y.rd : x.source < y.source;
   }
 };
 
 }  // namespace
 
-static std::set<mvpn_bgp_mdt_safi *, by_group> safi_by_group;
-static std::set<mvpn_bgp_mdt_safi *, by_rd> safi_local_by_rd;
+static std::unordered_map<ip_addr_t, group_tree> safi_groups;  // every group that an entry names
+static std::set<Entry *, by_rd> safi_local_by_rd;
 
-// Inserts into an index; 0 after a report when memory ran out.
-template <typename Index>
-static int index_insert(Index &index, mvpn_bgp_mdt_safi *entry, const char *function) {
+// The next of a fixed row of ranks (xorshift): what others advertise has no influence on it.
+static uint32_t next_rank() {
+  static uint32_t rank = 1;
+  rank ^= rank << 13;
+  rank ^= rank >> 17;
+  rank ^= rank << 5;
+  return rank;
+}
+
+static void report_no_memory(const char *function) { mvpn_report(msg_error_PIM_MALLOC, sizeof(Entry *), function); }
+
+// 0 after a report when memory ran out.
+static int add_to_group(Entry *entry) {
+  entry->group_rank = next_rank();
   try {
-    index.insert(entry);
+    safi_groups[entry->key.mdt_grp].insert(entry);
     return 1;
   } catch (const std::bad_alloc &) {
-    // NOLINTNEXTLINE(bugprone-sizeof-expression): an index holds pointers
-    mvpn_report(msg_error_PIM_MALLOC, sizeof(typename Index::value_type), function);
+    report_no_memory("mvpn_bgp_create_mdt_safi_entry");
     return 0;
   }
 }
 
-// A record that serves as the bound of an index look-up only.
-static mvpn_bgp_mdt_safi probe_of(const mvpn_bgp_mdt_safi_key &key) {
-  mvpn_bgp_mdt_safi probe{};
-  probe.key = key;
-  return probe;
+static void drop_from_group(Entry *entry) {
+  const auto group = safi_groups.find(entry->key.mdt_grp);
+  group->second.erase(entry);
+  if (group->second.empty()) safi_groups.erase(group);
 }
 
 static bool same_rd(const uint8_t *a, const uint8_t *b) { return std::memcmp(a, b, ROUTE_DISTINGUISHER_SIZE) == 0; }
 
 mvpn_bgp_mdt_safi *mvpn_bgp_mdt_safi_of_group_after(ip_addr_t group, const mvpn_bgp_mdt_safi_key *key) {
-  mvpn_bgp_mdt_safi probe = probe_of(key != nullptr ? *key : mvpn_bgp_mdt_safi_key{});
-  probe.key.mdt_grp = group;
-  const auto found = key != nullptr ? safi_by_group.upper_bound(&probe) : safi_by_group.lower_bound(&probe);
-  return found != safi_by_group.end() && (*found)->key.mdt_grp == group ? *found : nullptr;
+  const auto found = safi_groups.find(group);
+  if (found == safi_groups.end()) return nullptr;
+  return key != nullptr ? found->second.first_behind(place(*key)) : found->second.first_at(place({}));
 }
 
 // The one place that changes an entry's local flag, which stays set until the entry is deleted. 0: memory ran out.
 static int mark_local(mvpn_bgp_mdt_safi *entry) {
-  if (index_insert(safi_local_by_rd, entry, __func__) == 0) return 0;
+  try {
+    safi_local_by_rd.insert(entry);
+  } catch (const std::bad_alloc &) {
+    report_no_memory(__func__);
+    return 0;
+  }
   entry->local = 1;
   return 1;
 }
@@ -121,8 +210,14 @@ static mvpn_bgp_mdt_safi *first_local_entry(const uint8_t *rd) {
 
 void mvpn_bgp_mdt_safi_init_db() {
   // Their slab was dropped by the stop that left them in place.
-  for (mvpn_bgp_mdt_safi *survivor : safi_by_group) slab_free(nullptr, survivor);
-  safi_by_group.clear();
+  for (auto &[group, entries] : safi_groups) {
+    while (!entries.empty()) {
+      Entry *survivor = entries.root();
+      entries.erase(survivor);
+      slab_free(nullptr, survivor);
+    }
+  }
+  safi_groups.clear();
   safi_local_by_rd.clear();
   ravl_init(&mvpn_bgp_mdt_safi_db, MVPN_MDT_SAFI_TREE_KEY_SIZE, offsetof(mvpn_bgp_mdt_safi, key), nullptr);
 }
@@ -139,7 +234,7 @@ mvpn_bgp_mdt_safi *mvpn_bgp_create_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *k
     slab_free(mvpn_slabs[MVPN_SLAB_BGP_MDT_SAFI], entry);
     return nullptr;
   }
-  if (index_insert(safi_by_group, entry, __func__) == 0) {
+  if (add_to_group(entry) == 0) {
     ravl_delete(&mvpn_bgp_mdt_safi_db, entry);
     slab_free(mvpn_slabs[MVPN_SLAB_BGP_MDT_SAFI], entry);
     return nullptr;
@@ -156,7 +251,7 @@ mvpn_bgp_mdt_safi *mvpn_bgp_get_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *key)
 int mvpn_bgp_delete_mdt_safi_entry(mvpn_bgp_mdt_safi *entry) {
   ravl_delete(&mvpn_bgp_mdt_safi_db, entry);
   if (entry->local != 0) safi_local_by_rd.erase(entry);
-  safi_by_group.erase(entry);
+  drop_from_group(entry);
   mvpn_ha_remove_mdt_safi_from_pss(entry);
   slab_free(mvpn_slabs[MVPN_SLAB_BGP_MDT_SAFI], entry);
   return 1;
@@ -164,16 +259,15 @@ int mvpn_bgp_delete_mdt_safi_entry(mvpn_bgp_mdt_safi *entry) {
 
 mvpn_bgp_mdt_safi *mvpn_bgp_get_equivalent_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *key) {
   if (key == nullptr) return nullptr;
+  const auto group = safi_groups.find(key->mdt_grp);
+  if (group == safi_groups.end()) return nullptr;
   // Of the group's entries, those of one source stand together; at most one of them has the key's own RD, so the
   // answer is the first or the second.
-  mvpn_bgp_mdt_safi probe = probe_of(*key);
-  std::memset(probe.key.bgp_rd, 0, sizeof probe.key.bgp_rd);
-  for (auto found = safi_by_group.lower_bound(&probe); found != safi_by_group.end(); ++found) {
-    mvpn_bgp_mdt_safi *entry = *found;
-    if (entry->key.mdt_grp != key->mdt_grp || entry->key.mdt_src != key->mdt_src) break;
-    if (!same_rd(entry->key.bgp_rd, key->bgp_rd)) return entry;
-  }
-  return nullptr;
+  mvpn_bgp_mdt_safi_key of_source{};
+  of_source.mdt_src = key->mdt_src;
+  Entry *entry = group->second.first_at(place(of_source));
+  if (entry != nullptr && place(entry->key) == place(*key)) entry = group->second.first_behind(place(*key));
+  return entry != nullptr && entry->key.mdt_src == key->mdt_src ? entry : nullptr;
 }
 
 mvpn_safi_lesson mvpn_bgp_mdt_safi_learn(const mvpn_bgp_mdt_safi_key &key) {
@@ -296,7 +390,7 @@ static void put_triple(uint8_t *buffer, const mvpn_cibtype *mvpn, const mvpn_bgp
 int mvpn_bgp_mdt_safi_fill_local_update(uint8_t *buffer, mvpn_cibtype *mvpn, int add) {
   if (buffer == nullptr) return 0;
   // The slot gets these even when there turns out to be nothing to withdraw; it is then not counted, and the next
-  //    entry overwrites it.
+  // entry overwrites it.
   uint8_t *slot = next_slot(buffer);
   put_vrf_name(slot, mvpn);
   slot[BGP_MDT_SAFI_ENTRY_ADD] = add != 0 ? 1 : 0;

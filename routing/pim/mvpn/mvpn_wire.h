@@ -27,6 +27,10 @@ inline uint32_t load_be32(const void *from) {
   return uint32_t{b[0]} << 24 | uint32_t{b[1]} << 16 | uint32_t{b[2]} << 8 | b[3];
 }
 
+inline uint64_t load_be64(const void *from) {
+  return uint64_t{load_be32(from)} << 32 | load_be32(static_cast<const uint8_t *>(from) + 4);
+}
+
 inline void store_be16(void *to, uint16_t value) {
   const uint8_t b[] = {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
   std::memcpy(to, b, sizeof b);
