@@ -362,6 +362,32 @@ TEST_F(Receive, AnnouncementsEndWithTheirCoreRoute) {
   check_invariants();
 }
 
+// The host takes a core route: what rides on it lets go, on either side. A route without the host's mark has nothing on it.
+TEST_F(Receive, WhatDependsOnACoreRouteOfTheHostLetsItGo) {
+  mvpn_cibtype *mvpn = start_red();
+  range("239.2.0.0/24");
+  pim_route *sent = active_flow("172.16.9.1", "225.0.0.9");
+  ASSERT_NE(sent->send_join_info->mdt_route, nullptr);
+  receiver("172.16.7.1", "225.0.0.1");
+  hear("172.16.7.1", "225.0.0.1", "239.7.0.1");
+  const auto take = [](ip_addr_t source, ip_addr_t group, uint8_t mark) {
+    pim_core_route core{};
+    core.addrs = {source, group, MROUTE_HOST_LEN, MROUTE_HOST_LEN, {}};
+    core.marker_b = mark;
+    mvpn_free_dependent_route_resources(pim_default_cib, &core);
+    ref::settle();
+  };
+  const ip_addr_t group = sent->send_join_info->mdt_route->group;
+  for (const uint8_t mark : {uint8_t{0}, uint8_t{1}}) {
+    take(addr(remote_pe), addr("239.7.0.1"), mark);
+    take(addr("10.0.0.1"), group, mark);
+    EXPECT_EQ(mvpn->data_mdt_recv_count, mark == 0 ? 1u : 0u);
+    EXPECT_EQ(sent->send_join_info != nullptr, mark == 0);
+    EXPECT_EQ(core_routes(mvpn).size(), mark == 0 ? 3u : 1u);
+    check_invariants();
+  }
+}
+
 // The route goes with referers that it does not list; announcements come and go in the yields of the search for them.
 TEST_F(Receive, UnlistedAnnouncementsAreFoundWhileTheCacheChanges) {
   mvpn_cibtype *mvpn = start_red();

@@ -1,7 +1,9 @@
 // Core routes: what is created for which request, the bytes of their MRIB entries, referers, batching and the worker.
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <map>
+#include <thread>
 
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_default_mdt_internal.h"
@@ -474,9 +476,34 @@ TEST_F(Routes, RoutesOutliveAStopWhileTheFeatureStays) {
   EXPECT_EQ(mvpn_deinit_mrib(1), 1);
   EXPECT_EQ(mvpn->mdt_route_count, 3u);
   ASSERT_EQ(mvpn_init_mrib(), 1);
-  queue(mvpn, 3);
   wake_and_settle();
-  EXPECT_EQ(ref::mrib_routes().size(), 3u);
+  EXPECT_EQ(ref::mrib_routes().size(), 3u) << "what waited for the worker waits for the next one";
+}
+
+// The worker is stopped where it gave way in the middle of its walk: its list and buffers are there until it has ended.
+TEST_F(Routes, AStopLetsTheWorkerFinishItsWalk) {
+  start();
+  mvpn_cibtype *mvpn = plain_vrf();
+  queue(mvpn, 3);
+  std::atomic<bool> gave_way = false, may_go_on = false;
+  trace::fail("tsp_should_sched_yield", 1, 1000);  // asks for a yield at every step
+  trace::on_yield([&, test = std::this_thread::get_id()](unsigned) {
+    if (std::this_thread::get_id() == test || gave_way) return false;
+    tsp_before_yield();
+    gave_way = true;
+    while (!may_go_on) std::this_thread::yield();
+    tsp_after_yield();
+    return false;
+  });
+  mvpn_mrib_wakeup_worker_thread();
+  tsp_before_yield();
+  while (!gave_way) std::this_thread::yield();
+  tsp_after_yield();
+  may_go_on = true;
+  EXPECT_EQ(mvpn_deinit_mrib(0), 1);
+  trace::reset();
+  EXPECT_EQ(mvpn_mrib_info, nullptr);
+  EXPECT_EQ(update_counts(), Counts{3});
 }
 
 }  // namespace

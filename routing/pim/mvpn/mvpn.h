@@ -91,7 +91,9 @@ MVPN_ENUM(mvpn_functionality_status_t, uint32_t){MVPN_FUNCTIONALITY_STATUS_LIST(
 MVPN_ENUM(mvpn_mti_status_t, uint32_t){MVPN_MTI_STATUS_LIST(MVPN_ENUM_CONSTANT)};
 
 // Statuses in which the MTI exists as a PIM interface, as a bit mask over mvpn_mti_status_t.
-MVPN_CONSTANT(MVPN_MTI_PIM_INTERFACE_STATUSES, 0x378);
+MVPN_CONSTANT(MVPN_MTI_PIM_INTERFACE_STATUSES, 1u << MVPN_MTI_DOWN_PENDING | 1u << MVPN_MTI_DOWN_IN_PROGRESS |
+                                                   1u << MVPN_MTI_DOWN | 1u << MVPN_MTI_DELETE_PENDING |
+                                                   1u << MVPN_MTI_UP_PENDING | 1u << MVPN_MTI_UP);
 
 // PIM mode of a group.
 #define MVPN_MDT_GROUP_MODE_LIST(X)        \
@@ -328,7 +330,7 @@ extern const char *const mvpn_mti_status_str[10];
 extern const char *const mvpn_mdt_group_mode_str[4];
 extern uint32_t mvpn_mvrf_count;                 // live contexts
 extern uint32_t mvpn_is_cli_done;                // 1: the configuration replay has ended; never cleared
-extern uint32_t mvpn_mdt_xid;                    // first value of the transaction-id counter, 0xaabbccdd
+extern uint32_t mvpn_mdt_xid;                    // where transaction ids begin, 0xaabbccdd: told easily in captures
 extern uint32_t mvpn_data_mdt_recv_cache_limit;  // set by the host: received announcements kept per VRF
 
 // Start and stop. deregister: non-zero ends the MRIB registration too. mvpn_init_cli registers the command handlers,

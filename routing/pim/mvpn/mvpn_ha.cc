@@ -272,7 +272,7 @@ int mvpn_ha_recovery_start() {
   if (pim_sup_state_active == 0) return 1;
   if (pim_sup_switchover == 0 && sysmgr_is_stateful_restart() == 0) return 1;
   // A period that is still open, from an earlier end of replay or an earlier life of the module, starts anew: its
-  //    timer would else close this one early.
+  // timer would else close this one early.
   MVPN_DEBUG(pim_null_pcib, "Creating and starting HA recovery timer");
   active_timer_cancel(mvpn_ha_recovery_timer);
   mvpn_ha_recovery_timer = active_timer_create(

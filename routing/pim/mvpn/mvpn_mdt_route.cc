@@ -35,6 +35,7 @@
 #include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "routing/pim/mvpn/mvpn_wire.h"
 
+// The host's binary interface: it sets these two bytes of a record whose layout is its own.
 static_assert(offsetof(pim_core_route, marker_a) == 150 && offsetof(pim_core_route, marker_b) == 151);
 static_assert(offsetof(pim_route, addrs) == 0);
 static_assert(MRIB_ENTRY_END == 92);

@@ -133,8 +133,8 @@ static int mvpn_deinit_mts() {
   int done = 1;
   for (const uint32_t opcode : notification_opcodes) {
     const uint32_t options = mts_options_get(mvpn_mts_q, opcode);
-    // All sixteen option bits but the module's own, MTS_OPTION_NOTIFY.
-    if (mts_options_set(mvpn_mts_q, opcode, options & 0xFFEF) < 0) done = 0;
+    // Options are sixteen bits; the others may be somebody else's.
+    if (mts_options_set(mvpn_mts_q, opcode, options & 0xFFFF & ~uint32_t{MTS_OPTION_NOTIFY}) < 0) done = 0;
   }
   return done;
 }

@@ -35,7 +35,7 @@ constexpr int HOLDDOWN_INTERVAL_SHOWN = 60;
 constexpr int TIMEOUT_INTERVAL_SHOWN = 180;
 
 constexpr uint32_t ROUTES_PER_YIELD = 100;
-constexpr uint32_t TXLIST_OBJECTS_PER_YIELD = 201;
+constexpr uint32_t TXLIST_OBJECTS_PER_YIELD = 201;  // 200 routes and the worker's mark among them
 
 // Runs a printer for the VRF that a command addresses, or for all.
 int show_vrfs(cli_command *command, mvpn_vrf_printer printer) {
