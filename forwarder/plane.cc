@@ -344,13 +344,13 @@ std::string Plane::put(const protocol::Item &item) {
   switch (item.item_case()) {
     case protocol::Item::kVrf: {
       const bool known = state_.find_vrf(item.vrf().name()) != nullptr;
-      const std::string reason = state_.put_vrf(item.vrf().name(), item.vrf().netns());
+      std::string reason = state_.put_vrf(item.vrf().name(), item.vrf().netns());
       if (reason.empty() && known) sites_.at(item.vrf().name())->repeat();
       return reason;
     }
     case protocol::Item::kTunnel: {
       const protocol::Tunnel &tunnel = item.tunnel();
-      const std::string reason = state_.put_tunnel(
+      std::string reason = state_.put_tunnel(
           tunnel.vrf(), {tunnel.device(), tunnel.source(), tunnel.destination(), tunnel.mtu(), tunnel.up()});
       if (reason.empty()) report_tunnel(tunnel.vrf(), sites_.at(tunnel.vrf())->tunnel_up());
       return reason;

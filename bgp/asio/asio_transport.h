@@ -31,7 +31,7 @@ class AsioTransport final : public Transport, public Clock {
   using Enter = std::function<void(const std::function<void()> &)>;
 
   AsioTransport(boost::asio::io_context &io, Enter enter);
-  ~AsioTransport();
+  ~AsioTransport() override;
   AsioTransport(const AsioTransport &) = delete;
   AsioTransport &operator=(const AsioTransport &) = delete;
 

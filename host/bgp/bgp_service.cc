@@ -110,7 +110,7 @@ std::string BgpService::missing_neighbor(const Statement &statement) const {
 }
 
 std::string BgpService::clear(const Statement &statement) {
-  if (const std::string reason = missing_neighbor(statement); !reason.empty()) return reason;
+  if (std::string reason = missing_neighbor(statement); !reason.empty()) return reason;
   const std::string *address = find_argument(statement, "address");
   const bgp::ClearKind kind = find_argument(statement, "in") != nullptr    ? bgp::ClearKind::soft_in
                               : find_argument(statement, "out") != nullptr ? bgp::ClearKind::soft_out

@@ -29,7 +29,7 @@ class BgpService final : bgp::Observer {
   // routes before complete(), or before the restart's time is over: with that mark they forget what they have kept and
   // not heard again.
   BgpService(boost::asio::io_context &io, Callbacks callbacks, bool restarting = false);
-  ~BgpService();
+  ~BgpService() override;
 
   // Becomes what a configuration says; nothing: no speaker. Neighbours that stay as they are notice nothing.
   void follow(const std::optional<BgpSettings> &settings);

@@ -10,7 +10,7 @@ using output::Listing;
 using output::Row;
 
 Cell address_cell(bgp::Ipv4 address) { return address == 0 ? Cell() : Cell(address_text(address)); }
-Cell text_cell(std::string text) { return text.empty() ? Cell() : Cell(printable(text)); }
+Cell text_cell(const std::string &text) { return text.empty() ? Cell() : Cell(printable(text)); }
 Cell number_cell(std::optional<uint32_t> number) { return number ? Cell(*number) : Cell(); }
 Cell non_zero(uint64_t number) { return number == 0 ? Cell() : Cell(number); }
 Cell seconds_cell(bgp::Duration duration) { return Cell::Seconds(duration); }

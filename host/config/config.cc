@@ -339,7 +339,7 @@ std::string Config::print(Passwords passwords) const {
 }
 
 std::string Config::value_or(const BlockId &id, Command command, std::string_view argument,
-                             std::string otherwise) const {
+                             const std::string &otherwise) const {
   const Block *block = find(id);
   const std::string *found = block == nullptr ? nullptr : block->value(command, argument);
   return found == nullptr ? otherwise : *found;

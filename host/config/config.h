@@ -105,7 +105,8 @@ class Config {
 
  private:
   Block &writable(const BlockId &id);
-  std::string value_or(const BlockId &id, Command command, std::string_view argument, std::string otherwise) const;
+  std::string value_or(const BlockId &id, Command command, std::string_view argument,
+                       const std::string &otherwise) const;
 
   Blocks blocks_;
 };

@@ -131,7 +131,7 @@ void Engine::start_view(std::unique_ptr<ViewRun> run) {
   const int error = quillon_pthread_create(&thread, &attributes, view_thread, run.get(), "pim-show");
   pthread_attr_destroy(&attributes);
   if (error == 0) {
-    run.release();  // the thread's
+    (void)run.release();  // the thread's
     return;
   }
   running_views_--;
