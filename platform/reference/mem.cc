@@ -1,5 +1,4 @@
-// Slabs and the memory tracker. Every object is an allocation of its own, so that the sanitizers see each of them and
-// objects outlive their slab.
+// Slabs and the memory tracker. A slab is a size: objects come out of pages that all slabs share, so they outlive it.
 #include "platform/mem.h"
 
 #include <atomic>
@@ -8,6 +7,7 @@
 #include <new>
 
 #include "platform/reference/internal.h"
+#include "platform/reference/object_pages.h"
 
 struct slab {
   size_t object_size;
@@ -38,14 +38,14 @@ slab_handle slab_create(size_t object_size, uint16_t, const slab_attr *, const c
 
 void *slab_calloc(slab_handle handle) {
   if (handle == nullptr) return nullptr;
-  void *object = std::calloc(1, handle->object_size);
+  void *object = ref::take_object(handle->object_size);
   if (object != nullptr) objects++;
   return object;
 }
 
 void slab_free(slab_handle, void *object) {
   if (object == nullptr) return;
-  std::free(object);
+  ref::give_object(object);
   objects--;
 }
 

@@ -1,10 +1,12 @@
 // AVL trees over Boost.Intrusive's algorithms. The node layout is the contract's, so node traits map it; keys are
-// compared as bytes unless the tree has a comparison of its own.
+// compared as bytes unless the tree has a comparison of its own. Keys of 8 to 16 bytes are compared as two numbers, their
+// first and their last 8 bytes: where the first are equal, what both share does not matter.
 #include "platform/ravl.h"
 
 #include <boost/intrusive/avltree_algorithms.hpp>
 #include <cstring>
 
+#include "platform/reference/wire.h"
 #include "platform/thread.h"
 
 namespace {
@@ -32,15 +34,23 @@ const uint8_t *key_of(const ravl_tree *tree, const ravl_node *node) {
   return reinterpret_cast<const uint8_t *>(node) + tree->key_place;
 }
 
+bool bytes_less(const uint8_t *a, const uint8_t *b, size_t length) {
+  constexpr size_t word = sizeof(uint64_t);
+  if (length < word || length > 2 * word) return std::memcmp(a, b, length) < 0;
+  const uint64_t first_a = ref::wire::load_be64(a), first_b = ref::wire::load_be64(b);
+  if (first_a != first_b) return first_a < first_b;
+  return ref::wire::load_be64(a + length - word) < ref::wire::load_be64(b + length - word);
+}
+
 // Compares keys, each given as a node or as bytes.
 struct Less {
   const ravl_tree *tree;
-  const void *bytes(const ravl_node *node) const { return key_of(tree, node); }
-  const void *bytes(const void *key) const { return key; }
+  const uint8_t *bytes(const ravl_node *node) const { return key_of(tree, node); }
+  const uint8_t *bytes(const void *key) const { return static_cast<const uint8_t *>(key); }
   template <typename A, typename B>
   bool operator()(A a, B b) const {
-    return (tree->compare != nullptr ? tree->compare(bytes(a), bytes(b))
-                                     : std::memcmp(bytes(a), bytes(b), tree->key_length)) < 0;
+    if (tree->compare != nullptr) return tree->compare(bytes(a), bytes(b)) < 0;
+    return bytes_less(bytes(a), bytes(b), tree->key_length);
   }
 };
 

@@ -23,6 +23,9 @@ inline uint16_t load_be16(const void *from) {
 inline uint32_t load_be32(const void *from) {
   return boost::endian::load_big_u32(static_cast<const unsigned char *>(from));
 }
+inline uint64_t load_be64(const void *from) {
+  return boost::endian::load_big_u64(static_cast<const unsigned char *>(from));
+}
 inline void store_be16(void *to, uint16_t value) {
   boost::endian::store_big_u16(static_cast<unsigned char *>(to), value);
 }

@@ -1,0 +1,22 @@
+// Small objects out of pages: no header for each, neighbours in memory, and what came back last is given out first. Each
+// page holds objects of one size. An object finds its page by its address, so whoever made it need not be there any more;
+// a page that all objects have left serves any size. Under the address sanitizer every object is an allocation of its own,
+// so that each of them is watched.
+//
+// Everything runs under the scheduling locks.
+#ifndef REFERENCE_OBJECT_PAGES_H
+#define REFERENCE_OBJECT_PAGES_H
+
+#include <cstddef>
+
+namespace ref {
+
+// A zero-filled object, aligned for any type; null when memory ran out.
+void *take_object(size_t octets);
+
+// Gives back what take_object made.
+void give_object(void *object);
+
+}  // namespace ref
+
+#endif  // REFERENCE_OBJECT_PAGES_H
