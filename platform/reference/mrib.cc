@@ -1,19 +1,19 @@
 // Multicast RIB: routes of the core and of the customer VRFs, encapsulations, and the dealings with its one client, the
 // module.
 //
-// A route is held by the client, who installs it with 92-byte entries, or by somebody else (a receiver in the core, the
-// host's customer routes), or by both; it goes when nobody holds it. Several of the client's VRFs may own one route, each
-// with its own tunnel; what counts is what the latest of them installed, and when that one goes what another did. The
-// first entry of a deletion takes one owner away, the second one, which names no owner, drops the client's hold when no
-// owner is left. Each VRF's groups keep their routes in a tree by source, as clients walk them.
+// The client installs a route with a 92-byte entry for each of its owners. The first entry of a deletion takes one owner
+// away, the second one, which names no owner, drops the client's hold when no owner is left. mrib_routes.h tells who else
+// holds routes. What clients read is made from the records when they ask: a group is shown as a tree of its routes by
+// source, which stays until some route changes.
 //
 // An accepted update is acknowledged from the main loop. Registrations are numbered, so that an acknowledgement cannot
 // reach a client that registered again meanwhile and counts its transactions anew.
 #include "platform/mrib.h"
 
+#include <array>
 #include <cstring>
+#include <deque>
 #include <map>
-#include <memory>
 #include <set>
 #include <tuple>
 
@@ -21,6 +21,7 @@
 #include "platform/pim.h"
 #include "platform/reference/forwarding_plane.h"
 #include "platform/reference/internal.h"
+#include "platform/reference/mrib_routes.h"
 #include "platform/reference/services.h"
 #include "platform/reference/text.h"
 #include "platform/reference/wire.h"
@@ -29,38 +30,43 @@ struct mrib_client_handle {
   uint64_t registration;  // 0: not registered
 };
 
-struct mrib_context {
-  struct Group : mrib_group {
-    size_t routes = 0;  // of every source length; the tree has the (*,G) route and those for single sources
-  };
-  std::map<std::pair<ip_addr_t, uint32_t>, Group> groups;  // by group, group length
-};
-
 namespace ref {
 namespace {
 
-struct RouteKey {
-  vrf_context_id_t context_id;
-  ip_addr_t group, source;
-  uint8_t group_len, source_len;
-  auto operator<=>(const RouteKey &) const = default;
-};
-
-struct Route {
-  mrib_route shown{};    // what clients read
-  bool foreign = false;  // held by somebody else than the client
-  im_iod_t foreign_mti = 0;
-  bool installed = false;                // held by the client
-  MribRoute client;                      // as it installed it
-  std::map<uint32_t, MribRoute> owners;  // VRFs of the client that want it, and what they installed
-  bool forwarded = false;                // a forwarding plane was told of it
-};
-
 using EncapKey = std::pair<vrf_context_id_t, uint16_t>;
 
+struct TreeKey {
+  explicit TreeKey(ip_addr_t source) { wire::store_be32(bytes, source); }
+  uint8_t bytes[4];
+};
+constexpr uint32_t tree_key_bits = 32;
+
+pt_attr *tree_attributes() { return pt_attr_create(0, 1, sizeof(TreeKey)); }
+
+// A group as clients see it.
+struct ShownGroup : mrib_group {
+  ShownGroup() : mrib_group{} {}
+  ~ShownGroup() {
+    for (const mrib_route &route : routes)
+      pt_delete(tree_attributes(), &sources, TreeKey(route.addrs.source).bytes, tree_key_bits);
+  }
+  ShownGroup(const ShownGroup &) = delete;
+  ShownGroup &operator=(const ShownGroup &) = delete;
+
+  void add(const mrib_route &route) {
+    routes.push_back(route);
+    mrib_route &kept = routes.back();
+    if (kept.addrs.source_len == MROUTE_ANY_SOURCE_LEN) star_g = &kept;
+    pt_add(tree_attributes(), &sources, sizeof(TreeKey), TreeKey(kept.addrs.source).bytes, tree_key_bits, &kept);
+  }
+  std::deque<mrib_route> routes;  // those that the tree has: the (*,G) route and those of single sources
+};
+
+using GroupKey = std::tuple<vrf_context_id_t, ip_addr_t, uint32_t>;  // context, group, group length
+
 struct State {
-  std::map<RouteKey, std::unique_ptr<Route>> routes;
-  std::map<vrf_context_id_t, std::unique_ptr<mrib_context>> contexts;
+  MribRoutes routes;
+  std::map<GroupKey, ShownGroup> shown;
   std::map<EncapKey, MribEncap> encaps;
   std::set<vrf_context_id_t> initializing;
   std::vector<MribUpdate> updates;
@@ -76,22 +82,6 @@ mrib_client_handle host_client{0};
 uint64_t registrations = 0;
 uint32_t readers = 0;
 
-RouteKey key_of(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &addrs) {
-  const bool any = addrs.source_len == MROUTE_ANY_SOURCE_LEN;
-  return {context_id, addrs.group, any ? 0 : addrs.source, addrs.group_len, addrs.source_len};
-}
-
-bool is_star_g(const RouteKey &key) { return key.source_len == MROUTE_ANY_SOURCE_LEN; }
-
-mvpn_mdt_route_addrs addrs_of(const RouteKey &key) {
-  mvpn_mdt_route_addrs addrs{};
-  addrs.source = key.source;
-  addrs.group = key.group;
-  addrs.source_len = key.source_len;
-  addrs.group_len = key.group_len;
-  return addrs;
-}
-
 bool is_route(const mvpn_mdt_route_addrs &addrs) {
   return addrs.group_len <= MROUTE_HOST_LEN &&
          (addrs.source_len == MROUTE_ANY_SOURCE_LEN || (addrs.source != 0 && addrs.source_len <= MROUTE_HOST_LEN));
@@ -99,70 +89,27 @@ bool is_route(const mvpn_mdt_route_addrs &addrs) {
 
 // ----------------------------------------------------------------------------------------------------------- routes
 
-struct TreeKey {
-  explicit TreeKey(ip_addr_t source) { wire::store_be32(bytes, source); }
-  uint8_t bytes[4];
-};
-constexpr uint32_t tree_key_bits = 32;
+using Id = MribRoutes::Id;
+using Record = MribRoutes::Record;
 
-pt_attr *tree_attributes() { return pt_attr_create(0, 1, sizeof(TreeKey)); }
-
-// Whether clients meet the route when they walk its group.
-bool is_walked(const RouteKey &key) { return is_star_g(key) || key.source_len == MROUTE_HOST_LEN; }
-
-void link(const RouteKey &key, Route &route) {
-  std::unique_ptr<mrib_context> &context = state.contexts[key.context_id];
-  if (context == nullptr) context = std::make_unique<mrib_context>();
-  mrib_context::Group &group = context->groups[{key.group, key.group_len}];
-  group.routes++;
-  if (is_star_g(key)) group.star_g = &route.shown;
-  if (is_walked(key))
-    pt_add(tree_attributes(), &group.sources, sizeof(TreeKey), TreeKey(key.source).bytes, tree_key_bits, &route.shown);
-}
-
-void unlink(const RouteKey &key) {
-  const auto context = state.contexts.find(key.context_id);
-  auto &groups = context->second->groups;
-  const auto group = groups.find({key.group, key.group_len});
-  if (is_star_g(key)) group->second.star_g = nullptr;
-  if (is_walked(key)) pt_delete(tree_attributes(), &group->second.sources, TreeKey(key.source).bytes, tree_key_bits);
-  if (--group->second.routes == 0) groups.erase(group);
-  if (groups.empty()) state.contexts.erase(context);
-}
-
-Route *find_route(const RouteKey &key) {
-  const auto found = state.routes.find(key);
-  return found == state.routes.end() ? nullptr : found->second.get();
-}
-
-Route &route_at(const RouteKey &key) {
-  std::unique_ptr<Route> &route = state.routes[key];
-  if (route == nullptr) {
-    route = std::make_unique<Route>();
-    route->shown.addrs = addrs_of(key);
-    link(key, *route);
-  }
-  return *route;
-}
-
-void tell_plane(Route &route) {
+void tell_plane(Record &route) {
   ForwardingPlane *plane = forwarding_plane();
   if (plane == nullptr || (!route.installed && !route.forwarded)) return;
-  plane->core_route_changed(route.client, route.installed);
+  plane->core_route_changed(mrib_route_of(route.its_key, route.client), route.installed);
   route.forwarded = route.installed;
 }
 
-// Brings what clients and the forwarding plane see up to date, or drops a route that nobody holds.
-void settle_route(const RouteKey &key) {
-  const auto found = state.routes.find(key);
-  Route &route = *found->second;
-  tell_plane(route);
-  if (route.installed || route.foreign) {
-    route.shown.mti_iod = route.installed && route.client.mti_iod != 0 ? route.client.mti_iod : route.foreign_mti;
-    return;
-  }
-  unlink(key);
-  state.routes.erase(found);
+// Brings what clients and the forwarding plane see up to date, and drops a route that nobody holds.
+void settle_route(Id id) {
+  state.shown.clear();
+  tell_plane(state.routes[id]);
+  state.routes.settle(id);
+}
+
+// Fills in what clients read; the rest of the route stays 0.
+void show_route(const Record &from, mrib_route &to) {
+  to.addrs = addrs_of(from.its_key);
+  to.mti_iod = from.installed && from.client.mti_iod != 0 ? from.client.mti_iod : from.foreign_mti;
 }
 
 template <typename Matches>
@@ -175,68 +122,51 @@ void erase_encaps(Matches matches) {
 }
 
 void drop_installed() {
-  std::vector<RouteKey> keys;
-  for (const auto &[key, route] : state.routes)
-    if (route->installed) keys.push_back(key);
-  for (const RouteKey &key : keys) {
-    Route &route = *state.routes.at(key);
-    route.installed = false;
-    route.owners.clear();
-    settle_route(key);
+  for (const Id id : state.routes.sorted([](const Record &route) { return route.installed; })) {
+    state.routes.forget_client(id);
+    settle_route(id);
   }
   erase_encaps([](const EncapKey &) { return true; });
 }
 
 // ---------------------------------------------------------------------------------------------------------- updates
 
-MribRoute decode_entry(const uint8_t *entry, uint32_t xid) {
-  MribRoute route;
-  route.context_id = wire::load_host<uint32_t>(entry + MRIB_ENTRY_CONTEXT_ID);
-  route.addrs.source = wire::load_host<uint32_t>(entry + MRIB_ENTRY_SOURCE);
-  route.addrs.group = wire::load_host<uint32_t>(entry + MRIB_ENTRY_GROUP);
-  route.addrs.source_len = entry[MRIB_ENTRY_SOURCE_LEN];
-  route.addrs.group_len = entry[MRIB_ENTRY_GROUP_LEN];
-  route.owner = wire::load_host<uint32_t>(entry + MRIB_ENTRY_OWNER);
-  route.mdt_source_iod = wire::load_host<uint32_t>(entry + MRIB_ENTRY_MDT_SOURCE_IOD);
-  if (entry[MRIB_ENTRY_MTI_IOD_SET] != 0) route.mti_iod = wire::load_host<uint32_t>(entry + MRIB_ENTRY_MTI_IOD);
+MribKey decode_key(const uint8_t *entry) {
+  mvpn_mdt_route_addrs addrs{};
+  addrs.source = wire::load_host<uint32_t>(entry + MRIB_ENTRY_SOURCE);
+  addrs.group = wire::load_host<uint32_t>(entry + MRIB_ENTRY_GROUP);
+  addrs.source_len = entry[MRIB_ENTRY_SOURCE_LEN];
+  addrs.group_len = entry[MRIB_ENTRY_GROUP_LEN];
+  return mrib_key(wire::load_host<uint32_t>(entry + MRIB_ENTRY_CONTEXT_ID), addrs);
+}
+
+MribInstalled decode_installed(const uint8_t *entry, uint32_t xid) {
+  MribInstalled installed;
+  installed.owner = wire::load_host<uint32_t>(entry + MRIB_ENTRY_OWNER);
+  installed.mdt_source_iod = wire::load_host<uint32_t>(entry + MRIB_ENTRY_MDT_SOURCE_IOD);
+  installed.mti_given = entry[MRIB_ENTRY_MTI_IOD_SET] != 0;
+  if (installed.mti_given) installed.mti_iod = wire::load_host<uint32_t>(entry + MRIB_ENTRY_MTI_IOD);
   if (wire::load_host<uint32_t>(entry + MRIB_ENTRY_RPF_ADDR_SET) != 0)
-    route.rpf_addr = wire::load_host<uint32_t>(entry + MRIB_ENTRY_RPF_ADDR);
-  route.local = entry[MRIB_ENTRY_LOCAL] != 0;
-  route.last_hop = entry[MRIB_ENTRY_LAST_HOP] != 0;
-  route.asm_shared_tree = entry[MRIB_ENTRY_ASM_SHARED_TREE] != 0;
-  route.entry.assign(entry, entry + MRIB_UPDATE_ENTRY_SIZE);
-  route.xid = xid;
-  return route;
-}
-
-void install(const RouteKey &key, MribRoute decoded) {
-  Route &route = route_at(key);
-  route.installed = true;
-  route.owners[decoded.owner] = decoded;
-  route.client = std::move(decoded);
-  settle_route(key);
-}
-
-void uninstall(const RouteKey &key, uint32_t owner) {
-  Route *route = find_route(key);
-  if (route == nullptr || !route->installed) return;
-  if (owner != 0) {
-    route->owners.erase(owner);
-    if (route->client.owner == owner && !route->owners.empty()) route->client = route->owners.begin()->second;
-  } else if (route->owners.empty()) {
-    route->installed = false;
-  }
-  settle_route(key);
+    installed.rpf_addr = wire::load_host<uint32_t>(entry + MRIB_ENTRY_RPF_ADDR);
+  installed.local = entry[MRIB_ENTRY_LOCAL] != 0;
+  installed.last_hop = entry[MRIB_ENTRY_LAST_HOP] != 0;
+  installed.asm_shared_tree = entry[MRIB_ENTRY_ASM_SHARED_TREE] != 0;
+  installed.teardown = entry[MRIB_ENTRY_TEARDOWN] != 0;
+  installed.xid = xid;
+  return installed;
 }
 
 void apply_entry(const uint8_t *entry, uint32_t xid) {
-  MribRoute decoded = decode_entry(entry, xid);
-  if (!is_route(decoded.addrs)) return;
-  const RouteKey key = key_of(decoded.context_id, decoded.addrs);
-  if (entry[MRIB_ENTRY_ADD] != 0)
-    install(key, std::move(decoded));
-  else
-    uninstall(key, decoded.owner);
+  const MribKey key = decode_key(entry);
+  if (!is_route(addrs_of(key))) return;
+  if (entry[MRIB_ENTRY_ADD] != 0) {
+    const Id id = state.routes.make(key);
+    state.routes.install(id, decode_installed(entry, xid));
+    settle_route(id);
+  } else if (const Id id = state.routes.find(key); id != 0 && state.routes[id].installed) {
+    state.routes.uninstall(id, wire::load_host<uint32_t>(entry + MRIB_ENTRY_OWNER));
+    settle_route(id);
+  }
 }
 
 void post_ack(uint64_t registration, uint32_t xid) {
@@ -292,51 +222,47 @@ void post_notification(const std::vector<std::vector<uint8_t>> &entries) {
 mrib_client_handle *mrib_host_client() { return &host_client; }
 
 void mrib_reset() {
-  for (const auto &[key, route] : state.routes) unlink(key);
   state = State{};
   client.registration = 0;
   readers = 0;
 }
 
 void mrib_hold_route(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &addrs, im_iod_t mti_iod) {
-  const RouteKey key = key_of(context_id, addrs);
-  Route &route = route_at(key);
-  route.foreign = true;
-  route.foreign_mti = mti_iod;
-  settle_route(key);
+  const Id id = state.routes.make(mrib_key(context_id, addrs));
+  state.routes[id].foreign = true;
+  state.routes[id].foreign_mti = mti_iod;
+  settle_route(id);
 }
 
 void mrib_release_route(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &addrs) {
-  const RouteKey key = key_of(context_id, addrs);
-  Route *route = find_route(key);
-  if (route == nullptr) return;
-  route->foreign = false;
-  route->foreign_mti = 0;
-  settle_route(key);
+  const Id id = state.routes.find(mrib_key(context_id, addrs));
+  if (id == 0) return;
+  state.routes[id].foreign = false;
+  state.routes[id].foreign_mti = 0;
+  settle_route(id);
 }
 
 void mrib_drop_context(vrf_context_id_t context_id) {
-  std::vector<RouteKey> keys;
-  for (const auto &[key, route] : state.routes)
-    if (key.context_id == context_id) keys.push_back(key);
-  for (const RouteKey &key : keys) {
-    state.routes.at(key)->foreign = state.routes.at(key)->installed = false;
-    settle_route(key);
-  }
+  if (state.routes.context(context_id) != nullptr)
+    for (const Id id : state.routes.sorted([=](const Record &route) { return route.its_key.context_id == context_id; })) {
+      state.routes.forget_client(id);
+      state.routes[id].foreign = false;
+      settle_route(id);
+    }
   erase_encaps([context_id](const EncapKey &key) { return key.first == context_id; });
   state.initializing.erase(context_id);
 }
 
 void mrib_tell_plane() {
-  for (const auto &[key, route] : state.routes) tell_plane(*route);
+  for (const Id id : state.routes.sorted([](const Record &) { return true; })) tell_plane(state.routes[id]);
   if (ForwardingPlane *plane = forwarding_plane())
     for (const auto &[key, encap] : state.encaps) plane->encap_changed(encap, true);
 }
 
 std::vector<MribRoute> mrib_routes() {
   std::vector<MribRoute> all;
-  for (const auto &[key, route] : state.routes)
-    if (route->installed) all.push_back(route->client);
+  for (const Id id : state.routes.sorted([](const Record &route) { return route.installed; }))
+    all.push_back(mrib_route_of(state.routes[id].its_key, state.routes[id].client));
   return all;
 }
 
@@ -368,8 +294,8 @@ void mrib_add_route(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &add
 }
 
 bool mrib_delete_route(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &addrs) {
-  const Route *route = find_route(key_of(context_id, addrs));
-  if (route == nullptr || !route->foreign) return false;
+  const Id id = state.routes.find(mrib_key(context_id, addrs));
+  if (id == 0 || !state.routes[id].foreign) return false;
   mrib_release_route(context_id, addrs);
   mrib_notify_delete(context_id, addrs);
   return true;
@@ -483,9 +409,13 @@ void mrib_trigger_join_notify(mrib_client_handle *) {
   ref::pim_count().join_triggers++;
   ref::post([] {
     std::vector<std::vector<uint8_t>> entries;
-    for (const auto &[key, route] : ref::state.routes)
-      if (route->foreign && key.context_id == VRF_CONTEXT_ID_DEFAULT && !ref::is_star_g(key))
-        entries.push_back(ref::notify_entry(key.context_id, route->shown.addrs, MRIB_NOTIFY_JOIN));
+    const auto joined = [](const ref::Record &route) {
+      return route.foreign && route.its_key.context_id == VRF_CONTEXT_ID_DEFAULT && !ref::is_star_g(route.its_key);
+    };
+    for (const ref::Id id : ref::state.routes.sorted(joined)) {
+      const ref::MribKey &key = ref::state.routes[id].its_key;
+      entries.push_back(ref::notify_entry(key.context_id, ref::addrs_of(key), MRIB_NOTIFY_JOIN));
+    }
     ref::post_notification(entries);
     ref::croute_notify_joins();
   });
@@ -496,20 +426,36 @@ void mrib_release_rdlock() {
   if (ref::readers > 0) ref::readers--;
 }
 
+// Answers are kept for as many calls as no client makes before it yields.
 const mrib_route *mrib_get_route_by_addr(vrf_context_id_t context_id, const mvpn_mdt_route_addrs *addrs) {
-  const ref::Route *route = ref::find_route(ref::key_of(context_id, *addrs));
-  return route == nullptr ? nullptr : &route->shown;
+  static std::array<mrib_route, 64> answers{};
+  static size_t next = 0;
+  const ref::Id id = ref::state.routes.find(ref::mrib_key(context_id, *addrs));
+  if (id == 0) return nullptr;
+  mrib_route &answer = answers[next++ % answers.size()];
+  ref::show_route(ref::state.routes[id], answer);
+  return &answer;
 }
 
 mrib_context *mrib_get_context_by_context_id(vrf_context_id_t context_id) {
-  const auto found = ref::state.contexts.find(context_id);
-  return found == ref::state.contexts.end() ? nullptr : found->second.get();
+  return ref::state.routes.context(context_id);
 }
 
 const mrib_group *mrib_get_group(mrib_context *context, ip_addr_t group, uint32_t group_len) {
   if (context == nullptr) return nullptr;
-  const auto found = context->groups.find({group, group_len});
-  return found == context->groups.end() ? nullptr : &found->second;
+  const auto [shown, is_new] = ref::state.shown.try_emplace({context->context_id, group, group_len});
+  if (!is_new) return &shown->second;
+  const std::vector<ref::Id> ids = ref::state.routes.of_group(context->context_id, group, group_len);
+  for (const ref::Id id : ids) {
+    const ref::Record &record = ref::state.routes[id];
+    if (!ref::is_star_g(record.its_key) && record.its_key.source_len != MROUTE_HOST_LEN) continue;  // no single source
+    mrib_route route{};
+    ref::show_route(record, route);
+    shown->second.add(route);
+  }
+  if (!ids.empty()) return &shown->second;
+  ref::state.shown.erase(shown);
+  return nullptr;
 }
 
 int mrib_context_initializing(vrf_context_id_t context_id) {

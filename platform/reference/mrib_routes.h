@@ -1,0 +1,141 @@
+// The routes of the MRIB: who holds each, what its owners installed, and its group.
+//
+// A route is held by the client, who installs it, or by somebody else (a receiver in the core, the host's customer routes),
+// or by both; it goes when nobody holds it. Several of the client's VRFs may own one route, each with its own tunnel; what
+// counts is what the latest of them installed, and when that one goes what another did.
+//
+// There may be a million, so a route is one small record in a hash table: nearly all have one owner, which stands in the
+// record, and the few with more have theirs in a map besides. A group's routes are a list through their records. What is
+// read in order is sorted when it is read.
+//
+// Everything runs under the scheduling locks.
+#ifndef REFERENCE_MRIB_ROUTES_H
+#define REFERENCE_MRIB_ROUTES_H
+
+#include <compare>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "platform/mrib.h"
+#include "platform/reference/record_table.h"
+#include "platform/reference/reference.h"
+
+struct mrib_context {
+  vrf_context_id_t context_id;
+  size_t routes;  // of either sort
+};
+
+namespace ref {
+
+struct MribKey {
+  vrf_context_id_t context_id = 0;
+  ip_addr_t group = 0;
+  ip_addr_t source = 0;  // 0 for (*,G)
+  uint8_t group_len = 0;
+  uint8_t source_len = 0;
+  auto operator<=>(const MribKey &) const = default;
+  uint64_t hash() const {
+    return mix(mix(uint64_t{group} << 32 | source) + (uint64_t{context_id} << 16 | group_len << 8 | source_len));
+  }
+};
+
+// Any source length that stands for any source counts as the (*,G) route.
+MribKey mrib_key(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &addrs);
+inline bool is_star_g(const MribKey &key) { return key.source_len == MROUTE_ANY_SOURCE_LEN; }
+mvpn_mdt_route_addrs addrs_of(const MribKey &key);
+
+// What an owner installed.
+struct MribInstalled {
+  uint32_t owner = 0;
+  im_iod_t mti_iod = 0;  // 0: none
+  im_iod_t mdt_source_iod = 0;
+  ip_addr_t rpf_addr = 0;  // 0: none was given
+  uint32_t xid = 0;
+  bool mti_given : 1 = false;
+  bool local : 1 = false;
+  bool last_hop : 1 = false;
+  bool asm_shared_tree : 1 = false;
+  bool teardown : 1 = false;
+};
+
+class MribRoutes {
+ public:
+  using Id = uint32_t;  // 0: none
+
+  struct Record {
+    const MribKey &key() const { return its_key; }
+    MribKey its_key;
+    uint32_t next = 0;           // the table's
+    Id before = 0, after = 0;    // in the group
+    MribInstalled client;        // what counts of what the owners installed
+    im_iod_t foreign_mti = 0;
+    bool foreign : 1 = false;    // held by somebody else than the client
+    bool installed : 1 = false;  // held by the client
+    bool owned : 1 = false;      // by the VRF in `client`, and by those in `shared` that stand under its key
+    bool forwarded : 1 = false;  // a forwarding plane was told of it
+  };
+
+  // Looks a route up, by `make` adding it where it is missing. Callers that changed what holds a route settle it.
+  Id find(const MribKey &key) const { return records_.find(key); }
+  Id make(const MribKey &key);
+  void settle(Id id);  // drops a route that nobody holds
+
+  Record &operator[](Id id) { return records_[id]; }
+  const Record &operator[](Id id) const { return records_[id]; }
+
+  void install(Id id, const MribInstalled &installed);
+  // Takes an owner away; 0: the client's hold, when no owner is left.
+  void uninstall(Id id, uint32_t owner);
+  // Takes every owner and the client's hold away.
+  void forget_client(Id id);
+
+  // Routes that match, in the order of their keys.
+  template <typename Matches>
+  std::vector<Id> sorted(Matches matches) const {
+    std::vector<Id> ids;
+    records_.for_each([&](Id id) {
+      if (matches(records_[id])) ids.push_back(id);
+    });
+    sort(ids);
+    return ids;
+  }
+
+  // Null: it has no route.
+  mrib_context *context(vrf_context_id_t context_id);
+  // Routes of a group, in no order.
+  std::vector<Id> of_group(vrf_context_id_t context_id, ip_addr_t group, uint32_t group_len) const;
+
+ private:
+  struct GroupKey {
+    vrf_context_id_t context_id = 0;
+    ip_addr_t group = 0;
+    uint32_t group_len = 0;
+    bool operator==(const GroupKey &) const = default;
+    uint64_t hash() const { return mix(mix(uint64_t{context_id} << 32 | group) + group_len); }
+  };
+  struct Group {
+    const GroupKey &key() const { return its_key; }
+    GroupKey its_key;
+    uint32_t next = 0;
+    Id first = 0;
+  };
+  static GroupKey group_key(const MribKey &key) { return {key.context_id, key.group, key.group_len}; }
+
+  void sort(std::vector<Id> &ids) const;
+  void link(Id id);
+  void unlink(Id id);
+
+  RecordTable<Record, MribKey> records_;
+  RecordTable<Group, GroupKey> groups_;
+  std::map<vrf_context_id_t, mrib_context> contexts_;
+  std::map<MribKey, std::map<uint32_t, MribInstalled>> shared_;  // routes with several owners: what each installed
+};
+
+// What a client reads of a route.
+MribRoute mrib_route_of(const MribKey &key, const MribInstalled &installed);
+
+}  // namespace ref
+
+#endif  // REFERENCE_MRIB_ROUTES_H

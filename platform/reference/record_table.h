@@ -1,0 +1,119 @@
+// Records of one kind by key: a hash table of which every record takes its own size and four octets more. Records stand in
+// chunks and never move. The table grows by linear hashing, one bucket for each record that comes, so that no insertion
+// pays for all; it has no order.
+//
+// A record has `uint32_t next`, which belongs to the table, and key(), which does not change while it is in the table. Its
+// key has hash() and ==.
+#ifndef REFERENCE_RECORD_TABLE_H
+#define REFERENCE_RECORD_TABLE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <vector>
+
+namespace ref {
+
+// Spreads what differs in a few bits over all of them.
+constexpr uint64_t mix(uint64_t value) {
+  value ^= value >> 32;
+  value *= 0x9E3779B97F4A7C15;
+  return value ^ value >> 29;
+}
+
+template <typename Record, typename Key>
+class RecordTable {
+ public:
+  using Id = uint32_t;  // 0: none
+
+  RecordTable() : buckets_(first_buckets), level_(first_buckets) {}
+
+  Record &operator[](Id id) { return chunks_[id / chunk_records][id % chunk_records]; }
+  const Record &operator[](Id id) const { return chunks_[id / chunk_records][id % chunk_records]; }
+
+  size_t size() const { return size_; }
+
+  // 0: there is none.
+  Id find(const Key &key) const {
+    Id id = buckets_[bucket(key)];
+    while (id != 0 && !((*this)[id].key() == key)) id = (*this)[id].next;
+    return id;
+  }
+
+  // Puts in a record whose key is not there yet.
+  Id add(Record record) {
+    if (size_ >= buckets_.size()) split_bucket();
+    const Id id = take();
+    (*this)[id] = std::move(record);
+    link(id);
+    return id;
+  }
+
+  void erase(Id id) {
+    Id *link = &buckets_[bucket((*this)[id].key())];
+    while (*link != id) link = &(*this)[*link].next;
+    *link = (*this)[id].next;
+    (*this)[id] = Record{};
+    (*this)[id].next = free_;
+    free_ = id;
+    size_--;
+  }
+
+  // Visits every id, in no order. The visitor leaves the table alone.
+  template <typename Visitor>
+  void for_each(Visitor visit) const {
+    for (Id id : buckets_)
+      for (; id != 0; id = (*this)[id].next) visit(id);
+  }
+
+ private:
+  static constexpr size_t first_buckets = 64, chunk_records = 256;
+
+  Id take() {
+    size_++;
+    if (free_ != 0) {
+      const Id id = free_;
+      free_ = (*this)[id].next;
+      return id;
+    }
+    if (end_ / chunk_records == chunks_.size()) chunks_.push_back(std::make_unique<Record[]>(chunk_records));
+    return end_++;
+  }
+
+  void link(Id id) {
+    Id &into = buckets_[bucket((*this)[id].key())];
+    (*this)[id].next = into;
+    into = id;
+  }
+
+  size_t bucket(const Key &key) const {
+    const uint64_t hash = key.hash();
+    const size_t place = hash & (level_ - 1);
+    return place < split_ ? hash & (2 * level_ - 1) : place;
+  }
+
+  void split_bucket() {
+    Id id = buckets_[split_];
+    buckets_[split_] = 0;
+    buckets_.push_back(0);
+    if (++split_ == level_) {
+      level_ *= 2;
+      split_ = 0;
+    }
+    while (id != 0) {
+      const Id next = (*this)[id].next;
+      link(id);
+      id = next;
+    }
+  }
+
+  std::vector<std::unique_ptr<Record[]>> chunks_;
+  std::deque<Id> buckets_;  // grows without being copied
+  size_t level_, split_ = 0, size_ = 0;
+  Id end_ = 1, free_ = 0;
+};
+
+}  // namespace ref
+
+#endif  // REFERENCE_RECORD_TABLE_H
