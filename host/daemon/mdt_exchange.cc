@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <utility>
 
 namespace host {
@@ -130,28 +131,42 @@ void MdtExchange::complete() {
 
 // ----------------------------------------------------------------------------------------------- the others' routes
 
+uint64_t MdtExchange::ToldKey::hash() const {
+  uint64_t number;
+  std::memcpy(&number, rd.data(), sizeof number);
+  return ref::mix(ref::mix(number) + source);
+}
+
 void MdtExchange::best_changed(std::span<const bgp::BestChange> changes) {
   RemoteChanges remote;
   for (const bgp::BestChange &change : changes) {
     const bool wanted = change.present && !change.local;
-    const auto found = told_.find(change.nlri.key);
-    if (found != told_.end() && (!wanted || found->second != change.nlri.group)) {
-      remote.add(entry_of(found->first, found->second), false);
-      told_.erase(found);
+    const bgp::Nlri &nlri = change.nlri;
+    const ToldKey key{nlri.key};
+    const uint32_t id = told_.find(key);
+    if (id != 0 && wanted && told_[id].group == nlri.group) continue;
+    if (id != 0) {
+      remote.add(entry_of(key, told_[id].group), false);
+      told_.erase(id);
     }
-    if (wanted && told_.emplace(change.nlri.key, change.nlri.group).second)
-      remote.add(entry_of(change.nlri.key, change.nlri.group), true);
+    if (!wanted) continue;
+    told_.add({key, nlri.group});
+    remote.add(entry_of(key, nlri.group), true);
   }
 }
 
 void MdtExchange::forget_remote() {
+  std::vector<std::pair<bgp::RouteKey, bgp::Ipv4>> forgotten;
+  told_.for_each([&](uint32_t id) { forgotten.emplace_back(told_[id].its_key, told_[id].group); });
+  told_ = {};
+  std::sort(forgotten.begin(), forgotten.end());
   RemoteChanges remote;
-  for (const auto &[key, group] : std::exchange(told_, {})) remote.add(entry_of(key, group), false);
+  for (const auto &[key, group] : forgotten) remote.add(entry_of(key, group), false);
 }
 
 bool MdtExchange::told(const ref::MdtSafi &entry) const {
-  const auto found = told_.find(key_of(entry));
-  return found != told_.end() && found->second == entry.group;
+  const uint32_t id = told_.find({key_of(entry)});
+  return id != 0 && told_[id].group == entry.group;
 }
 
 }  // namespace host

@@ -10,6 +10,7 @@
 
 #include "host/bgp/bgp_service.h"
 #include "host/daemon/loop.h"
+#include "platform/reference/record_table.h"
 #include "platform/reference/reference.h"
 
 namespace host {
@@ -31,6 +32,17 @@ class MdtExchange {
   bool told(const ref::MdtSafi &entry) const;
 
  private:
+  struct ToldKey : bgp::RouteKey {
+    uint64_t hash() const;
+  };
+  // A remote entry that the module was given. There may be a million.
+  struct Told {
+    const ToldKey &key() const { return its_key; }
+    ToldKey its_key;
+    bgp::Ipv4 group = 0;
+    uint32_t next = 0;  // the table's
+  };
+
   BgpService::Callbacks callbacks(Loop &loop, std::function<void(const std::string &)> log);
   void local_changed(const ref::MdtSafi &entry, bool add);
   void originate(const bgp::RouteKey &key);
@@ -40,8 +52,8 @@ class MdtExchange {
   void complete();
 
   std::map<bgp::RouteKey, std::map<std::string, bgp::Ipv4>> local_;  // what the module advertises: VRFs, their groups
-  std::map<bgp::RouteKey, bgp::Ipv4> told_;  // remote entries that the module was given, with their groups
-  std::set<std::string> awaited_;            // VRFs that the module has not advertised yet, after a restart
+  ref::RecordTable<Told, ToldKey> told_;
+  std::set<std::string> awaited_;  // VRFs that the module has not advertised yet, after a restart
   boost::asio::steady_timer patience_;
   BgpService bgp_;
 };

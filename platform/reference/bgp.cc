@@ -17,13 +17,12 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <set>
-#include <tuple>
 
 #include "platform/ip.h"
 #include "platform/mts.h"
 #include "platform/reference/internal.h"
 #include "platform/reference/parse.h"
+#include "platform/reference/record_table.h"
 #include "platform/reference/services.h"
 #include "platform/reference/text.h"
 #include "platform/reference/wire.h"
@@ -37,11 +36,18 @@ enum RdType : uint16_t { rd_as2 = 0, rd_address = 1, rd_as4 = 2 };
 using Rd = std::array<uint8_t, ROUTE_DISTINGUISHER_SIZE>;
 
 struct EntryKey {
-  std::string vrf_name;  // local entries only
-  ip_addr_t source;
-  Rd rd;
-  ip_addr_t group;
+  ip_addr_t source = 0;
+  Rd rd{};
+  ip_addr_t group = 0;
   auto operator<=>(const EntryKey &) const = default;
+  uint64_t hash() const { return mix(mix(wire::load_be64(rd.data())) + (uint64_t{source} << 32 | group)); }
+};
+
+// There may be a million.
+struct RemoteEntry {
+  const EntryKey &key() const { return its_key; }
+  EntryKey its_key;
+  uint32_t next = 0;
 };
 
 struct ConnectorAttribute {
@@ -53,7 +59,7 @@ struct State {
   std::map<std::string, Rd, std::less<>> rds;  // by VRF name
   std::string update_source;
   std::map<std::string, EntryKey, std::less<>> local;  // by VRF name
-  std::set<EntryKey> remote;
+  RecordTable<RemoteEntry, EntryKey> remote;
   std::function<void(const MdtSafi &, bool)> sink;
   std::vector<std::unique_ptr<ConnectorAttribute>> attributes;
 };
@@ -65,28 +71,15 @@ Rd rd_of(const uint8_t *bytes) {
   return rd;
 }
 
-EntryKey key_of(const MdtSafi &entry) { return {entry.vrf_name, entry.source, rd_of(entry.rd), entry.group}; }
+EntryKey key_of(const MdtSafi &entry) { return {entry.source, rd_of(entry.rd), entry.group}; }
 
-EntryKey remote_key_of(const MdtSafi &entry) {
-  EntryKey key = key_of(entry);
-  key.vrf_name.clear();
-  return key;
-}
-
-MdtSafi entry_of(const EntryKey &key) {
+MdtSafi entry_of(const EntryKey &key, std::string_view vrf_name = {}) {
   MdtSafi entry;
   entry.source = key.source;
   std::copy(key.rd.begin(), key.rd.end(), entry.rd);
   entry.group = key.group;
-  entry.vrf_name = key.vrf_name;
+  entry.vrf_name = vrf_name;
   return entry;
-}
-
-std::vector<MdtSafi> entries_of(const std::set<EntryKey> &keys) {
-  std::vector<MdtSafi> all;
-  all.reserve(keys.size());
-  for (const EntryKey &key : keys) all.push_back(entry_of(key));
-  return all;
 }
 
 // --------------------------------------------------------------------------------------------------------- messages
@@ -120,14 +113,14 @@ MdtSafi decode_entry(const uint8_t *from) {
 }
 
 void answer_request() {
-  send_remote(entries_of(state.remote), true);
+  send_remote(bgp_remote_entries(), true);
   bgp_end_of_rib();
 }
 
 void withdraw_local(std::string_view vrf_name) {
   const auto found = state.local.find(vrf_name);
   if (found == state.local.end()) return;
-  const MdtSafi withdrawn = entry_of(found->second);
+  const MdtSafi withdrawn = entry_of(found->second, vrf_name);
   state.local.erase(found);
   if (state.sink) state.sink(withdrawn, false);
 }
@@ -267,18 +260,30 @@ std::optional<std::vector<uint8_t>> bgp_parse_rd(std::string_view text) {
 
 std::vector<MdtSafi> bgp_local_entries() {
   std::vector<MdtSafi> all;
-  for (const auto &[vrf_name, key] : state.local) all.push_back(entry_of(key));
+  for (const auto &[vrf_name, key] : state.local) all.push_back(entry_of(key, vrf_name));
   return all;
 }
-std::vector<MdtSafi> bgp_remote_entries() { return entries_of(state.remote); }
+
+std::vector<MdtSafi> bgp_remote_entries() {
+  std::vector<EntryKey> keys;
+  keys.reserve(state.remote.size());
+  state.remote.for_each([&keys](uint32_t id) { keys.push_back(state.remote[id].its_key); });
+  std::sort(keys.begin(), keys.end());
+  std::vector<MdtSafi> all;
+  all.reserve(keys.size());
+  for (const EntryKey &key : keys) all.push_back(entry_of(key));
+  return all;
+}
 
 void bgp_add_remote(const std::vector<MdtSafi> &entries) {
-  for (const MdtSafi &entry : entries) state.remote.insert(remote_key_of(entry));
+  for (const MdtSafi &entry : entries)
+    if (const EntryKey key = key_of(entry); state.remote.find(key) == 0) state.remote.add({key});
   send_remote(entries, true);
 }
 
 void bgp_withdraw_remote(const std::vector<MdtSafi> &entries) {
-  for (const MdtSafi &entry : entries) state.remote.erase(remote_key_of(entry));
+  for (const MdtSafi &entry : entries)
+    if (const uint32_t id = state.remote.find(key_of(entry)); id != 0) state.remote.erase(id);
   send_remote(entries, false);
 }
 

@@ -244,7 +244,8 @@ void mrib_release_route(vrf_context_id_t context_id, const mvpn_mdt_route_addrs 
 
 void mrib_drop_context(vrf_context_id_t context_id) {
   if (state.routes.context(context_id) != nullptr)
-    for (const Id id : state.routes.sorted([=](const Record &route) { return route.its_key.context_id == context_id; })) {
+    for (const Id id :
+         state.routes.sorted([=](const Record &route) { return route.its_key.context_id == context_id; })) {
       state.routes.forget_client(id);
       state.routes[id].foreign = false;
       settle_route(id);

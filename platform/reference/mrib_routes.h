@@ -67,9 +67,9 @@ class MribRoutes {
   struct Record {
     const MribKey &key() const { return its_key; }
     MribKey its_key;
-    uint32_t next = 0;           // the table's
-    Id before = 0, after = 0;    // in the group
-    MribInstalled client;        // what counts of what the owners installed
+    uint32_t next = 0;         // the table's
+    Id before = 0, after = 0;  // in the group
+    MribInstalled client;      // what counts of what the owners installed
     im_iod_t foreign_mti = 0;
     bool foreign : 1 = false;    // held by somebody else than the client
     bool installed : 1 = false;  // held by the client

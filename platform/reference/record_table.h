@@ -11,12 +11,16 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <random>
 #include <vector>
 
 namespace ref {
 
-// Spreads what differs in a few bits over all of them.
-constexpr uint64_t mix(uint64_t value) {
+// Spreads what differs in a few bits over all of them, in another way in each process: keys come from other machines, none
+// of which may choose them so that they share a bucket.
+inline const uint64_t mix_seed = uint64_t{std::random_device()()} << 32 | std::random_device()();
+inline uint64_t mix(uint64_t value) {
+  value ^= mix_seed;
   value ^= value >> 32;
   value *= 0x9E3779B97F4A7C15;
   return value ^ value >> 29;
