@@ -226,7 +226,7 @@ class Bench:
     """One process of a daemon, from its start to its end."""
 
     def __init__(self, stack, binaries, daemon, vrfs):
-        self.stack, self.binaries = stack, binaries
+        self.stack, self.binaries = stack, binaries.resolve()
         self.folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="mvpn-bench-scale-")))
         self.machine = Machine(self, "here", DAEMON)
         with socket.socket() as probe:

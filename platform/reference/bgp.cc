@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -144,25 +145,35 @@ void take_local_entry(const uint8_t *from) {
 
 // ---------------------------------------------------------------------------------------------- route distinguishers
 
-std::string print_rd(const uint8_t *rd) {
-  const uint16_t type = wire::load_be16(rd);
-  const std::string small = ":" + std::to_string(wire::load_be16(rd + 6));
-  switch (type) {
-    case rd_as2:
-      return std::to_string(wire::load_be16(rd + 2)) + ":" + std::to_string(wire::load_be32(rd + 4));
-    case rd_address:
-      return ip_print_addr(wire::load_be32(rd + 2)) + small;
-    case rd_as4: {
-      const uint32_t as = wire::load_be32(rd + 2);
-      return (as <= 0xFFFF ? "0." + std::to_string(as) : std::to_string(as)) + small;
-    }
-    default: {
-      char text[2 + 2 * ROUTE_DISTINGUISHER_SIZE + 1] = "0x";
-      for (size_t i = 0; i < ROUTE_DISTINGUISHER_SIZE; i++) std::snprintf(text + 2 + 2 * i, 3, "%02x", rd[i]);
-      return text;
-    }
+// Text of an RD, which stands in most messages.
+struct PrintedRd {
+  explicit PrintedRd(const uint8_t *rd) {
+    const uint16_t type = wire::load_be16(rd), last = wire::load_be16(rd + 6);
+    const uint32_t first = wire::load_be32(rd + 2);
+    if (type == rd_as2)
+      number(wire::load_be16(rd + 2)).put(":").number(wire::load_be32(rd + 4));
+    else if (type == rd_address)
+      put(ip_print_addr(first)).put(":").number(last);
+    else if (type == rd_as4)
+      put(first <= 0xFFFF ? "0." : "").number(first).put(":").number(last);
+    else
+      put("0x").hexadecimal(rd);
+    *at = '\0';
   }
-}
+  PrintedRd &put(const char *words) {
+    while (*words != '\0') *at++ = *words++;
+    return *this;
+  }
+  PrintedRd &number(uint32_t value) {
+    at = std::to_chars(at, text + sizeof text, value).ptr;
+    return *this;
+  }
+  void hexadecimal(const uint8_t *rd) {
+    for (size_t i = 0; i < ROUTE_DISTINGUISHER_SIZE; i++) at += std::snprintf(at, 3, "%02x", rd[i]);
+  }
+  char text[32];
+  char *at = text;
+};
 
 // The part before the colon, with the type that it gives the whole.
 struct Administrator {
@@ -335,6 +346,8 @@ void bgp_mvpn_get_conattr(void *, void *attribute, uint8_t rd[ROUTE_DISTINGUISHE
   }
 }
 
-const char *mvpn_bgp_print_rd(const uint8_t rd[ROUTE_DISTINGUISHER_SIZE]) { return ref::keep_text(ref::print_rd(rd)); }
+const char *mvpn_bgp_print_rd(const uint8_t rd[ROUTE_DISTINGUISHER_SIZE]) {
+  return ref::keep_text(ref::PrintedRd(rd).text);
+}
 
 }  // extern "C"

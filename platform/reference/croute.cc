@@ -316,7 +316,7 @@ void croute_tell_plane() {
 
 void croute_recompute_rpf(vrf_context_id_t context_id) {
   const pim_cibtype *pcib = pim_get_cib_by_context_id(context_id);
-  if (pcib == nullptr) return;
+  if (pcib == nullptr || pcib->route_tree == nullptr) return;
   const std::string vrf_name = pcib->vrf_name;
   std::vector<std::pair<mvpn_mdt_route_addrs, Change>> changed;
   for (const auto &[key, record] : routes.by_vrf[vrf_name]) {

@@ -16,21 +16,26 @@ namespace {
 // Work comes from any thread, so the queue has a lock of its own.
 std::mutex mutex;
 std::deque<std::function<void()>> queue;
+uint64_t posted = 0;
 std::function<void()> waker;
 Module entry_points;
 
 constexpr size_t most_per_run = 10000;
 
-bool run_next_work() {
+enum class Worked { nothing, the_last, with_more_to_do };
+
+Worked run_next_work() {
   std::function<void()> work;
+  bool more = false;
   {
     const std::lock_guard guard(mutex);
-    if (queue.empty()) return false;
+    if (queue.empty()) return Worked::nothing;
     work = std::move(queue.front());
     queue.pop_front();
+    more = !queue.empty();
   }
   work();
-  return true;
+  return more ? Worked::with_more_to_do : Worked::the_last;
 }
 
 }  // namespace
@@ -48,8 +53,14 @@ void post(std::function<void()> work) {
   {
     const std::lock_guard guard(mutex);
     queue.push_back(std::move(work));
+    posted++;
   }
   wake_main_loop();
+}
+
+uint64_t posts() {
+  const std::lock_guard guard(mutex);
+  return posted;
 }
 
 void set_waker(std::function<void()> wake) {
@@ -62,10 +73,10 @@ size_t run_pending() {
   while (delivered < most_per_run) {
     const bool fired = fire_next_timer();
     if (fired) pass_baton();
-    const bool worked = run_next_work();
-    if (worked) pass_baton();
-    if (!fired && !worked) return delivered;
-    delivered += (fired ? 1 : 0) + (worked ? 1 : 0);
+    const Worked worked = run_next_work();
+    if (worked != Worked::nothing) offer_baton(worked == Worked::with_more_to_do);
+    if (!fired && worked == Worked::nothing) return delivered;
+    delivered += (fired ? 1 : 0) + (worked != Worked::nothing ? 1 : 0);
   }
   wake_main_loop();  // the rest is for the next turn
   return delivered;

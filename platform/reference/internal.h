@@ -16,6 +16,9 @@ namespace ref {
 // Delivers work from the main loop after a delay of platform time.
 void schedule(std::chrono::nanoseconds delay, std::function<void()> work);
 
+// Pieces of work that were ever queued.
+uint64_t posts();
+
 // Fires the first timer that is due; false when none is.
 bool fire_next_timer();
 
@@ -32,6 +35,10 @@ bool let_threads_sleep();
 
 // Gives other threads their turn; true when one ran. Does not call the yield hook.
 bool pass_baton();
+
+// The main loop's, after each piece of work: the same, unless there is more to do and it has not had the baton for long.
+// Each change of hands costs as much as some ten routes. With a stepped clock every piece of work is followed by a turn.
+void offer_baton(bool more_to_do);
 
 // Repeatable: whoever gives the baton up waits for the threads that are on their way to it, so that the order of turns
 // does not depend on how fast they wake. Otherwise only threads that have arrived count.

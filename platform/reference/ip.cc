@@ -1,21 +1,27 @@
 // IPv4 helpers: masks for any length, the Internet checksum, printing, and the addresses of interfaces.
 #include "platform/ip.h"
 
-#include <arpa/inet.h>
-
+#include <charconv>
 #include <cstring>
-#include <string>
+#include <string_view>
 
 #include "platform/reference/services.h"
 #include "platform/reference/text.h"
 
 namespace {
 
-std::string dotted(ip_addr_t addr) {
-  const in_addr network{htonl(addr)};
-  char buffer[INET_ADDRSTRLEN];
-  return inet_ntop(AF_INET, &network, buffer, sizeof buffer);
-}
+// Addresses stand in most messages: they are printed without the library's formatting.
+struct Dotted {
+  explicit Dotted(ip_addr_t addr) {
+    for (int shift = 24; shift >= 0; shift -= 8) {
+      end = std::to_chars(end, text + sizeof text, addr >> shift & 0xFF).ptr;
+      if (shift > 0) *end++ = '.';
+    }
+  }
+  char text[sizeof "255.255.255.255/4294967295"];
+  char *end = text;
+  std::string_view view() const { return {text, static_cast<size_t>(end - text)}; }
+};
 
 }  // namespace
 
@@ -59,10 +65,13 @@ int ip_is_addr_in_prefix(ip_addr_t addr, ip_addr_t prefix, uint32_t length) {
 ip_addr_t ip_bits2mask(uint32_t length) { return ref::prefix_mask(length); }
 ip_addr_t ip_wildcard_mask(uint32_t length) { return ~ref::prefix_mask(length); }
 
-const char *ip_print_addr(ip_addr_t addr) { return ref::keep_text(dotted(addr)); }
+const char *ip_print_addr(ip_addr_t addr) { return ref::keep_text(Dotted(addr).view()); }
 
 const char *ip_print_prefix(ip_addr_t prefix, uint32_t length) {
-  return ref::keep_text(dotted(prefix) + "/" + std::to_string(length));
+  Dotted printed(prefix);
+  *printed.end++ = '/';
+  printed.end = std::to_chars(printed.end, printed.text + sizeof printed.text, length).ptr;
+  return ref::keep_text(printed.view());
 }
 
 // RFC 1071 adds 16-bit words in any byte order, as long as the result is stored in the same.

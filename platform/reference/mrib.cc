@@ -14,6 +14,7 @@
 #include <cstring>
 #include <deque>
 #include <map>
+#include <memory>
 #include <set>
 #include <tuple>
 
@@ -75,6 +76,8 @@ struct State {
   bool acks = true;
   std::vector<std::pair<uint64_t, uint32_t>> held_acks;  // registration, xid
   uint32_t refuse_updates = 0, refuse_encaps = 0;
+  std::shared_ptr<std::vector<vrf_context_id_t>> rpf_batch;  // VRFs of the latest request; null: it has run
+  uint64_t rpf_place = 0;                                    // posts() when it was queued
 };
 State state;
 mrib_client_handle client{0};
@@ -187,6 +190,20 @@ void acknowledge(uint32_t xid) {
 }
 
 bool take_refusal(uint32_t &left) { return left > 0 && left-- > 0; }
+
+// What is asked for with nothing else queued in between is one piece of work: a client asks for each of many routes.
+void recompute_rpf_soon(vrf_context_id_t context_id) {
+  if (state.rpf_batch != nullptr && state.rpf_place == posts()) {
+    if (state.rpf_batch->back() != context_id) state.rpf_batch->push_back(context_id);
+    return;
+  }
+  state.rpf_batch = std::make_shared<std::vector<vrf_context_id_t>>(1, context_id);
+  post([batch = state.rpf_batch] {
+    if (state.rpf_batch == batch) state.rpf_batch = nullptr;
+    for (const vrf_context_id_t context : *batch) croute_recompute_rpf(context);
+  });
+  state.rpf_place = posts();
+}
 
 mrib_client_handle *register_client(const char *name) {
   if (std::strcmp(name, MRIB_CLIENT_NAME) != 0) return nullptr;
@@ -402,7 +419,7 @@ int mrib_update_mdt_encap_info(mrib_client_handle *client, const void *record, u
 
 void mrib_trigger_rpf_lookup(mrib_client_handle *, const mrib_rpf_request *request) {
   ref::pim_count().rpf_lookups++;
-  ref::post([context_id = request->context_id] { ref::croute_recompute_rpf(context_id); });
+  ref::recompute_rpf_soon(request->context_id);
 }
 
 // The customer routes with receivers, and the sources that others have joined in the core.

@@ -89,6 +89,7 @@ thread_local Member *self = nullptr;  // null: not started through the contract
 
 constexpr unsigned calls_per_slice = 64;  // repeatable: calls of tsp_should_sched_yield before it says yes
 constexpr auto slice = 5ms;               // otherwise
+constexpr auto main_slice = 500us;        // of the main loop, while others wait
 
 // The mutex, unless the thread has it already from tsp_release_locks_before_yield.
 class Locked {
@@ -301,6 +302,11 @@ bool pass_baton() {
   release_locked();
   acquire_locked();
   return state.turns > before + 1;  // one turn is the caller's own
+}
+
+void offer_baton(bool more_to_do) {
+  if (more_to_do && !state.repeatable && std::chrono::steady_clock::now() - state.slice_start < main_slice) return;
+  pass_baton();
 }
 
 void note_condition_wait(const void *condition) {
