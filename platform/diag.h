@@ -28,6 +28,19 @@ struct sdwrap_event {
 void sdwrap_his_log_event_for_uuid_inst(uint32_t uuid, uint32_t instance, uint32_t buffer, uint32_t reserved,
                                         uint32_t length, const struct sdwrap_event *event);
 
+/* Makes an event's text, NUL-terminated, from what was stored of it. */
+typedef void (*sdwrap_text_writer)(const void *record, char text[SDWRAP_EVENT_TEXT_MAX + 1]);
+
+enum { SDWRAP_RECORD_MAX = 512 }; /* bytes of such a record */
+
+/* Optional: a platform that lacks it leaves it null. Stores an event of the same identity whose text is made when
+ * somebody reads it: (SDWRAP_UUID_PIM, SDWRAP_HISTORY_MVPN, SDWRAP_HISTORY_BUFFER, writer, VRF name, size,
+ * record). VRF name: of the VRF that the text begins with, else null. size: a multiple
+ * of 8, at most SDWRAP_RECORD_MAX; the record is copied, and given to the writer at an address aligned for pointers, while
+ * the module is loaded. */
+void sdwrap_his_log_unformatted(uint32_t uuid, uint32_t instance, uint32_t buffer, sdwrap_text_writer writer,
+                                const char *vrf_name, uint32_t size, const void *record) __attribute__((weak));
+
 /* Non-zero when events of this type are filtered out of the history. */
 int sdwrap_hist_event_subtype_check(uint32_t instance, uint32_t type);
 

@@ -19,7 +19,7 @@
 namespace ref {
 namespace {
 
-constexpr std::ptrdiff_t history_kept = 10000;
+constexpr size_t history_kept = 10000;
 constexpr std::chrono::seconds limit_window{10};  // platform time
 constexpr unsigned limit_count = 50;              // reports of one kind in a window
 
@@ -29,8 +29,57 @@ struct Window {
   unsigned dropped = 0;
 };
 
+// Stands before what was stored of an event, at a multiple of 8 bytes.
+struct EventHead {
+  std::chrono::nanoseconds time;
+  sdwrap_text_writer writer;  // null: a text follows
+  uint32_t size;              // of what follows; of a text without its padding
+};
+
+// Events one after the other; the older half goes at once. The memory stays, so that nothing is allocated for an event.
+class History {
+ public:
+  void add(sdwrap_text_writer writer, const void *bytes, size_t size) {
+    if (count_ == history_kept) {
+      std::swap(older_, latest_);
+      latest_.clear();
+      count_ = 0;
+    }
+    const EventHead head{event_time(), writer, static_cast<uint32_t>(size)};
+    const size_t place = latest_.size(), padded = (size + 7) / 8 * 8;
+    latest_.resize(place + (sizeof head + padded) / 8);
+    std::memcpy(&latest_[place], &head, sizeof head);
+    if (size > 0) std::memcpy(&latest_[place + sizeof head / 8], bytes, size);
+    count_++;
+  }
+
+  std::vector<Event> read() const {
+    std::vector<Event> events;
+    for (const auto *half : {&older_, &latest_})
+      for (size_t at = 0; at < half->size();) at += read_one(&(*half)[at], events);
+    return events;
+  }
+
+ private:
+  // How many words it takes.
+  static size_t read_one(const uint64_t *from, std::vector<Event> &events) {
+    EventHead head;
+    std::memcpy(&head, from, sizeof head);
+    const uint64_t *record = from + sizeof head / 8;
+    char text[SDWRAP_EVENT_TEXT_MAX + 1];
+    if (head.writer != nullptr) head.writer(record, text);
+    events.push_back({head.time, head.writer != nullptr
+                                     ? std::string(text)
+                                     : std::string(reinterpret_cast<const char *>(record), head.size)});
+    return (sizeof head + (head.size + 7) / 8 * 8) / 8;
+  }
+
+  std::vector<uint64_t> older_, latest_;
+  size_t count_ = 0;  // in latest_
+};
+
 struct State {
-  std::vector<Event> history;
+  History history;
   std::vector<Report> reports;
   std::map<const syslog_descriptor *, Window> windows;
   LogSink sink = LogSink::standard_error;
@@ -66,8 +115,8 @@ std::string report_text(const syslog_descriptor *descriptor, uint32_t count, con
 
 }  // namespace
 
-const std::vector<Event> &history() { return state.history; }
-void clear_history() { state.history.clear(); }
+std::vector<Event> history() { return state.history.read(); }
+void clear_history() { state.history = {}; }
 const std::vector<Report> &reports() { return state.reports; }
 void clear_reports() { state.reports.clear(); }
 void set_log_sink(LogSink sink) { state.sink = sink; }
@@ -116,7 +165,12 @@ void sdwrap_his_log_event_for_uuid_inst(uint32_t, uint32_t, uint32_t, uint32_t, 
                                         const sdwrap_event *event) {
   const size_t room = length > sizeof event->type ? length - sizeof event->type : 0;
   const size_t size = strnlen(event->text, std::min<size_t>(room, SDWRAP_EVENT_TEXT_MAX));
-  remember(state.history, {now(), std::string(event->text, size)}, history_kept);
+  state.history.add(nullptr, event->text, size);
+}
+
+void sdwrap_his_log_unformatted(uint32_t, uint32_t, uint32_t, sdwrap_text_writer writer, const char *, uint32_t size,
+                                const void *record) {
+  state.history.add(writer, record, size);
 }
 
 int sdwrap_hist_event_subtype_check(uint32_t, uint32_t) { return 0; }
@@ -124,7 +178,8 @@ int sdwrap_hist_event_subtype_check(uint32_t, uint32_t) { return 0; }
 void sdwrap_hist_event(uint32_t, uint32_t, const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  remember(state.history, {now(), format_list(format, arguments)}, history_kept);
+  const std::string text = format_list(format, arguments);
+  state.history.add(nullptr, text.data(), text.size());
   va_end(arguments);
 }
 

@@ -145,7 +145,7 @@ struct Event {
   std::chrono::nanoseconds time;  // platform time
   std::string text;               // as the module wrote it
 };
-const std::vector<Event> &history();  // the latest 10000 events of the module, oldest first
+std::vector<Event> history();  // the latest 10000 events of the module, oldest first
 void clear_history();
 struct Report {
   std::string name;                    // of the descriptor

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 #include <map>
 #include <new>
 
@@ -77,10 +78,20 @@ bool fire_next_timer() {
   return true;
 }
 
-nanoseconds now() {
-  if (state.stepped) return state.stepped_now;
-  const auto passed = std::chrono::steady_clock::now() - state.real_start;
+static nanoseconds time_at(nanoseconds monotonic) {
+  const nanoseconds passed = monotonic - state.real_start.time_since_epoch();
   return state.real_base + std::chrono::duration_cast<nanoseconds>(passed * state.scale);
+}
+
+nanoseconds now() {
+  return state.stepped ? state.stepped_now : time_at(std::chrono::steady_clock::now().time_since_epoch());
+}
+
+nanoseconds event_time() {
+  if (state.stepped) return state.stepped_now;
+  timespec coarse;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &coarse);
+  return time_at(std::chrono::seconds(coarse.tv_sec) + nanoseconds(coarse.tv_nsec));
 }
 
 void clock_use_stepped() {

@@ -10,9 +10,12 @@
 // and interface names) is only ever an argument, never a format.
 #include "routing/pim/mvpn/mvpn_diag.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdarg>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -21,23 +24,78 @@ uint32_t pim_mvpn_detail_debug_flag;
 
 // ----------------------------------------------------------------------------------------------------- debug messages
 
-// What an event's text begins with: which VRF, or without one which thread, the message belongs to. Returns its length.
-static size_t write_prefix(char *text, size_t size, const pim_cibtype *pcib) {
+// The system is asked once for each thread. A process that another one forked has one thread, with a number of its own.
+static thread_local uint32_t known_thread_id;
+[[maybe_unused]] static const int at_fork = pthread_atfork(nullptr, nullptr, [] { known_thread_id = 0; });
+
+static uint32_t thread_id() {
+  if (known_thread_id == 0) known_thread_id = static_cast<uint32_t>(gettid());
+  return known_thread_id;
+}
+
+// What an event's text begins with: which VRF, or without one which thread, the message belongs to. vrf_name: null for
+// the default VRF and without one; thread: 0 with one. Returns its length.
+static size_t write_prefix(char *text, size_t size, const char *vrf_name, uint32_t thread) {
   int length;
-  if (pcib == nullptr) {
-    length = std::snprintf(text, size, "[%u]: ", static_cast<unsigned>(gettid()));
-  } else if (pcib->context_id != VRF_CONTEXT_ID_DEFAULT) {
-    length = std::snprintf(text, size, "(%s) : ", pcib->vrf_name);
+  if (thread != 0) {
+    length = std::snprintf(text, size, "[%u]: ", static_cast<unsigned>(thread));
+  } else if (vrf_name != nullptr) {
+    length = std::snprintf(text, size, "(%s) : ", vrf_name);
   } else {
     length = std::snprintf(text, size, ": ");
   }
   return static_cast<size_t>(length);
 }
 
+// Null: the default VRF, or none.
+static const char *shown_vrf_name(const pim_cibtype *pcib) {
+  return pcib != nullptr && pcib->context_id != VRF_CONTEXT_ID_DEFAULT ? pcib->vrf_name : nullptr;
+}
+
+static uint32_t shown_thread(const pim_cibtype *pcib) { return pcib == nullptr ? thread_id() : 0; }
+
+mvpn_event_record::mvpn_event_record(const pim_cibtype *pcib, const char *its_format, printer prints,
+                                     uint32_t arguments)
+    : print(prints), format(its_format), thread(shown_thread(pcib)), vrf_name(0) {
+  used = static_cast<uint16_t>(offsetof(mvpn_event_record, words) + arguments * sizeof words[0]);
+  if (const char *name = shown_vrf_name(pcib)) vrf_name = keep_text(name);
+}
+
+uint16_t mvpn_event_record::keep_rd(const uint8_t *rd) {
+  const uint16_t place = std::min<uint16_t>(used, size_t{SDWRAP_RECORD_MAX} - ROUTE_DISTINGUISHER_SIZE);
+  std::memcpy(reinterpret_cast<uint8_t *>(this) + place, rd, ROUTE_DISTINGUISHER_SIZE);
+  used = place + ROUTE_DISTINGUISHER_SIZE;
+  return place;
+}
+
+uint16_t mvpn_event_record::keep_text(const char *text) {
+  if (text == nullptr) text = "(null)";
+  const uint16_t place = std::min<uint16_t>(used, SDWRAP_RECORD_MAX - 1);
+  const size_t length = strnlen(text, std::min<size_t>(SDWRAP_EVENT_TEXT_MAX, SDWRAP_RECORD_MAX - 1 - place));
+  char *copy = reinterpret_cast<char *>(this) + place;
+  std::memcpy(copy, text, length);
+  copy[length] = '\0';
+  used = static_cast<uint16_t>(place + length + 1);
+  return place;
+}
+
+static void write_event(const void *bytes, char text[SDWRAP_EVENT_TEXT_MAX + 1]) {
+  const auto &record = *static_cast<const mvpn_event_record *>(bytes);
+  constexpr size_t size = SDWRAP_EVENT_TEXT_MAX + 1;
+  const char *vrf_name = record.vrf_name != 0 ? record.at(record.vrf_name) : nullptr;
+  const size_t length = write_prefix(text, size, vrf_name, record.thread);
+  record.print(record, text + length, size - length);
+}
+
+void mvpn_event_record::store() const {
+  sdwrap_his_log_unformatted(SDWRAP_UUID_PIM, SDWRAP_HISTORY_MVPN, SDWRAP_HISTORY_BUFFER, write_event,
+                             vrf_name != 0 ? at(vrf_name) : nullptr, (used + 7u) / 8 * 8, this);
+}
+
 static void record_in_history(const pim_cibtype *pcib, const char *message) {
   sdwrap_event event{};
   event.type = SDWRAP_EVENT_MVPN;
-  size_t length = write_prefix(event.text, sizeof event.text, pcib);
+  size_t length = write_prefix(event.text, sizeof event.text, shown_vrf_name(pcib), shown_thread(pcib));
   const size_t copied = strnlen(message, SDWRAP_EVENT_TEXT_MAX - length);
   std::memcpy(event.text + length, message, copied);
   length += copied;

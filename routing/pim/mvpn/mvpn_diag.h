@@ -13,6 +13,7 @@
 
 #include "platform/diag.h"
 #include "routing/pim/mvpn/mvpn.h"
+#include "routing/pim/mvpn/mvpn_event.h"
 
 // Whether any sink listens.
 inline bool mvpn_debug_wanted() {
@@ -21,19 +22,34 @@ inline bool mvpn_debug_wanted() {
                           0) != 0;
 }
 
+// Whether the history alone listens, and formats when it is read.
+inline bool mvpn_event_is_enough() {
+  return sdwrap_his_log_unformatted != nullptr && pim_debug_fp == nullptr && (pim_debug_flag & PIM_DEBUG_MVPN) == 0;
+}
+
 // Formats and delivers a message. Callers use the macros.
 void mvpn_debug_message(const pim_cibtype *pcib, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-// MVPN_DEBUG(pcib, format, ...): a message tied to pcib (null: pim_null_pcib semantics, no VRF prefix).
-#define MVPN_DEBUG(pcib, ...)                                       \
-  do {                                                              \
-    if (mvpn_debug_wanted()) mvpn_debug_message(pcib, __VA_ARGS__); \
+// MVPN_DEBUG(pcib, format, ...): a message tied to pcib (null: pim_null_pcib semantics, no VRF prefix). While nothing but
+// a history that formats when it is read wants it, its arguments are stored as they are. In that branch two printing
+// functions stand for what they would print, so that addresses are stored as numbers.
+#define MVPN_DEBUG(pcib, ...)                                         \
+  do {                                                                \
+    if (mvpn_debug_wanted()) {                                        \
+      if (mvpn_event_is_enough()) {                                   \
+        [[maybe_unused]] constexpr mvpn_address_shower ip_print_addr; \
+        [[maybe_unused]] constexpr mvpn_rd_shower mvpn_bgp_print_rd;  \
+        mvpn_store_event(pcib, __VA_ARGS__);                          \
+      } else {                                                        \
+        mvpn_debug_message(pcib, __VA_ARGS__);                        \
+      }                                                               \
+    }                                                                 \
   } while (0)
 
 // A message that is emitted only while detailed messages are on as well.
-#define MVPN_DEBUG_DETAIL(pcib, ...)                                                                   \
-  do {                                                                                                 \
-    if (pim_mvpn_detail_debug_flag != 0 && mvpn_debug_wanted()) mvpn_debug_message(pcib, __VA_ARGS__); \
+#define MVPN_DEBUG_DETAIL(pcib, ...)                                    \
+  do {                                                                  \
+    if (pim_mvpn_detail_debug_flag != 0) MVPN_DEBUG(pcib, __VA_ARGS__); \
   } while (0)
 
 // Delivers an error report whose arguments are texts already.
