@@ -251,11 +251,14 @@ static void mvpn_update_data_mdt_recv_join_stats_info(mvpn_cibtype *mvpn, int is
   }
   record->join_count++;
   mvpn->data_mdt_recv_join_count++;
-  if (zeph_sys_mclock_get(&record->expiry_time) != -1) {
-    record->expiry_time.seconds += mvpn->data_mdt_timeout + record->expiry_time.nanoseconds / kNanosecondsPerSecond;
-    record->expiry_time.nanoseconds %= kNanosecondsPerSecond;
+  // One reading serves both: reading the clock is a good part of what an announcement that is known already costs.
+  if (zeph_sys_mclock_get(&record->expiry_time) == -1) {
+    zeph_sys_mclock_get(&record->last_time);
+    return;
   }
-  zeph_sys_mclock_get(&record->last_time);
+  record->last_time = record->expiry_time;
+  record->expiry_time.seconds += mvpn->data_mdt_timeout + record->expiry_time.nanoseconds / kNanosecondsPerSecond;
+  record->expiry_time.nanoseconds %= kNanosecondsPerSecond;
 }
 
 static Record *mvpn_create_data_mdt_recv_join_info(mvpn_cibtype *mvpn, const mvpn_data_mdt_join &join,
