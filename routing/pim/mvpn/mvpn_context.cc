@@ -116,23 +116,20 @@ int compare_names(const mvpn_cibtype *a, const mvpn_cibtype *b) {
   return std::strcmp(a->pcib->vrf_name, b->pcib->vrf_name);
 }
 
-// A context's field value, and the name that contexts with this value are looked for behind.
-struct value_and_name {
+// A context in an index, with what it is found by: a comparison looks at no context, of which each has pages of its own.
+struct index_entry {
   uint32_t value;
-  const char *name;
+  const char *name;  // of its VRF
+  mvpn_cibtype *mvpn;
 };
 
-template <auto Field>
-struct by_field_then_name {
+struct by_value_then_name {
   using is_transparent = void;
-  bool operator()(const mvpn_cibtype *a, const mvpn_cibtype *b) const {
-    return a->*Field != b->*Field ? a->*Field < b->*Field : compare_names(a, b) < 0;
+  bool operator()(const index_entry &a, const index_entry &b) const {
+    return a.value != b.value ? a.value < b.value : std::strcmp(a.name, b.name) < 0;
   }
-  bool operator()(const mvpn_cibtype *a, uint32_t value) const { return a->*Field < value; }
-  bool operator()(uint32_t value, const mvpn_cibtype *b) const { return value < b->*Field; }
-  bool operator()(const value_and_name &a, const mvpn_cibtype *b) const {
-    return a.value != b->*Field ? a.value < b->*Field : std::strcmp(a.name, b->pcib->vrf_name) < 0;
-  }
+  bool operator()(const index_entry &a, uint32_t value) const { return a.value < value; }
+  bool operator()(uint32_t value, const index_entry &b) const { return value < b.value; }
 };
 
 // Every context by one of its fields, contexts with the same value in VRF-name order.
@@ -143,15 +140,11 @@ class context_index {
   uint32_t size() const { return static_cast<uint32_t>(contexts_.size()); }
   auto equal(uint32_t value) const { return contexts_.equal_range(value); }
 
-  mvpn_cibtype *first(uint32_t value) const {
-    const auto found = contexts_.lower_bound(value);
-    return found != contexts_.end() && (*found)->*Field == value ? *found : nullptr;
-  }
+  mvpn_cibtype *first(uint32_t value) const { return at(contexts_.lower_bound(value), value); }
 
   // The first with this value behind a VRF name.
   mvpn_cibtype *next(uint32_t value, const char *name) const {
-    const auto found = contexts_.upper_bound(value_and_name{value, name});
-    return found != contexts_.end() && (*found)->*Field == value ? *found : nullptr;
+    return at(contexts_.upper_bound(index_entry{value, name, nullptr}), value);
   }
 
   // Those whose values are first..last.
@@ -159,12 +152,14 @@ class context_index {
     return std::pair(contexts_.lower_bound(first), contexts_.upper_bound(last));
   }
 
-  void add(mvpn_cibtype *mvpn) { contexts_.insert(mvpn); }  // throws std::bad_alloc
-  void drop(mvpn_cibtype *mvpn) { contexts_.erase(mvpn); }
+  void add(mvpn_cibtype *mvpn) { contexts_.insert(entry_of(mvpn)); }  // throws std::bad_alloc
+  void drop(mvpn_cibtype *mvpn) { contexts_.erase(entry_of(mvpn)); }
 
   void set(mvpn_cibtype *mvpn, uint32_t value) {
-    auto entry = contexts_.extract(mvpn);
+    if (mvpn->*Field == value) return;
+    auto entry = contexts_.extract(entry_of(mvpn));
     mvpn->*Field = value;
+    entry.value().value = value;
     contexts_.insert(std::move(entry));
   }
 
@@ -174,14 +169,20 @@ class context_index {
     known.swap(contexts_);
     mvpn_for_each_context([&](mvpn_cibtype *mvpn) {
       auto entry = known.extract(known.begin());
-      entry.value() = mvpn;
+      entry.value() = entry_of(mvpn);
       contexts_.insert(std::move(entry));
       return !known.empty();
     });
   }
 
  private:
-  using contexts = std::set<mvpn_cibtype *, by_field_then_name<Field>>;
+  using contexts = std::set<index_entry, by_value_then_name>;
+
+  static index_entry entry_of(mvpn_cibtype *mvpn) { return {mvpn->*Field, mvpn->pcib->vrf_name, mvpn}; }
+  mvpn_cibtype *at(contexts::const_iterator found, uint32_t value) const {
+    return found != contexts_.end() && found->value == value ? found->mvpn : nullptr;
+  }
+
   contexts contexts_;
 };
 
@@ -360,9 +361,10 @@ mvpn_cibtype *mvpn_get_context_by_mti_iod(im_iod_t iod) {
   mvpn_cibtype *lowest = nullptr;
   auto [next, end] = contexts_by_mti_iod.equal(iod);
   for (; next != end; ++next) {
-    const vrf_context_id_t id = (*next)->pcib->context_id;
+    mvpn_cibtype *mvpn = next->mvpn;
+    const vrf_context_id_t id = mvpn->pcib->context_id;
     if (id == VRF_CONTEXT_ID_NONE) continue;
-    if (lowest == nullptr || id < lowest->pcib->context_id) lowest = *next;
+    if (lowest == nullptr || id < lowest->pcib->context_id) lowest = mvpn;
   }
   return lowest;
 }
@@ -378,7 +380,7 @@ mvpn_cibtype *mvpn_get_other_context_by_mdt_groups(const mvpn_cibtype *except, i
   mvpn_cibtype *found = nullptr;
   auto [next, end] = contexts_by_mdt_group.between(first, last);
   for (; next != end; ++next) {
-    if (*next != except) found = mvpn_first_by_name(found, *next);
+    if (next->mvpn != except) found = mvpn_first_by_name(found, next->mvpn);
   }
   return found;
 }
