@@ -9,6 +9,7 @@
 #include <syslog.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <iostream>
@@ -17,6 +18,7 @@
 #include "forwarder/plane.h"
 #include "forwarder/privileges.h"
 #include "options/command_line.h"
+#include "service/notify.h"
 
 namespace forwarder {
 namespace {
@@ -68,18 +70,32 @@ void log_line(const Options &options, const std::string &text) {
     std::cerr << "mvpn-forwarder: " << text << std::endl;
 }
 
+// Tells the service manager that the plane serves, as often as it wants to hear it.
+std::function<void()> watchdog() {
+  const auto interval = service::watchdog_interval();
+  if (!interval) return nullptr;
+  return [interval = *interval, next = std::chrono::steady_clock::time_point{}]() mutable {
+    if (std::chrono::steady_clock::now() < next) return;
+    next = std::chrono::steady_clock::now() + interval;
+    service::notify("WATCHDOG=1");
+  };
+}
+
 void serve(const Options &options) {
   if (options.to_syslog) ::openlog("mvpn-forwarder", LOG_PID, LOG_DAEMON);
   Descriptor listener = listen_on(options);
   keep_needed_privileges(options.user);
-  Plane plane({options.netns_folder, options.core_netns, [&](const std::string &text) { log_line(options, text); }});
+  Plane plane({options.netns_folder, options.core_netns, [&](const std::string &text) { log_line(options, text); },
+               watchdog()});
   running = &plane;
   struct sigaction action {};
   action.sa_handler = stop;
   ::sigaction(SIGTERM, &action, nullptr);
   ::sigaction(SIGINT, &action, nullptr);
   log_line(options, "ready on " + options.control);
+  service::notify("READY=1");
   plane.serve(std::move(listener));
+  service::notify("STOPPING=1");
 }
 
 }  // namespace

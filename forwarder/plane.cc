@@ -194,6 +194,7 @@ void Plane::serve(Descriptor listener) {
 }
 
 void Plane::tick() {
+  if (options_.alive) options_.alive();
   core_->tick();
   for (const auto &[name, site] : sites_) site->tick();
 }

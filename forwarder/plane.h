@@ -29,6 +29,7 @@ class Plane {
     std::string netns_folder;
     std::string core_netns;  // empty: the process's own
     std::function<void(const std::string &)> log;
+    std::function<void()> alive = {};  // called from time to time while the plane serves
   };
 
   // Throws std::runtime_error when the core cannot be entered.

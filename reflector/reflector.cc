@@ -55,11 +55,13 @@ Reflector::Reflector(Options options, host::Config config)
                [this](const host::ControlServer::Request &request,
                       const std::shared_ptr<host::OutputChannel> &channel) { execute(request, *channel); }),
       signals_(io_, SIGINT, SIGTERM, SIGHUP),
-      farewell_(io_) {
+      farewell_(io_),
+      watchdog_(io_) {
   if (options_.log_to_syslog) openlog("mdt-reflector", LOG_PID, LOG_DAEMON);
   bgp_.follow(host::bgp_settings(config_));
   watch_signals();
   log("serving on " + options_.control_path);
+  service::notify("READY=1");
 }
 
 void Reflector::log(const std::string &text) const {
@@ -80,6 +82,12 @@ void Reflector::watch_signals() {
 
 // A file with an error changes nothing; neighbours whose lines are the same notice nothing.
 void Reflector::reload() {
+  service::notify_reloading();
+  read_again();
+  service::notify("READY=1");
+}
+
+void Reflector::read_again() {
   host::ConfigFile file = read_file(options_.config_file);
   for (const ConfigError &error : file.errors) log(host::described(options_.config_file, error));
   if (!file.errors.empty()) return log("the configuration stays as it is");
@@ -89,6 +97,7 @@ void Reflector::reload() {
 }
 
 void Reflector::stop() {
+  service::notify("STOPPING=1");
   log("stopping");
   control_.close();
   bgp_.stop("");

@@ -16,6 +16,7 @@
 #include "host/bgp/bgp_service.h"
 #include "host/command/command_line.h"
 #include "host/config/config_file.h"
+#include "host/control/watchdog.h"
 #include "host/output/listing.h"
 
 namespace reflector {
@@ -42,6 +43,7 @@ class Reflector {
  private:
   void watch_signals();
   void reload();
+  void read_again();
   void stop();
   void end_when_delivered(std::chrono::steady_clock::time_point limit);
   void execute(const host::ControlServer::Request &request, host::OutputChannel &channel);
@@ -56,6 +58,7 @@ class Reflector {
   host::ControlServer control_;
   boost::asio::signal_set signals_;
   boost::asio::steady_timer farewell_;
+  host::Watchdog watchdog_;
 };
 
 }  // namespace reflector

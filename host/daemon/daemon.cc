@@ -17,7 +17,7 @@
 #include <utility>
 
 #include "host/daemon/metrics.h"
-#include "host/daemon/notify.h"
+#include "service/notify.h"
 
 namespace host {
 namespace {
@@ -73,7 +73,9 @@ Daemon::Daemon(DaemonOptions options, Config config)
   loop_.set_turn_end([this] { router_->settle(); });
   watch_signals();
   log("serving on " + options_.control_path);
-  notify_service_manager("READY=1");
+  service::notify("READY=1");
+  // Alive is who gets the scheduling locks and through a turn.
+  watchdog_.emplace(loop_.io(), [this] { Loop::Turn alive(loop_); });
 }
 
 Daemon::~Daemon() { loop_.set_turn_end(nullptr); }
@@ -141,7 +143,7 @@ void Daemon::reload() {
     reload_again_ = true;
     return;
   }
-  notify_service_manager("RELOADING=1");
+  service::notify_reloading();
   try {
     check_ = std::make_unique<ConfigCheck>(loop_.io(), options_.config_file, options_.module,
                                            [this, stamp = stamp_of(options_.config_file)](
@@ -170,7 +172,7 @@ void Daemon::finish_reload(const FileStamp &checked, const ConfigCheck::Result &
 void Daemon::end_reload(const std::vector<std::string> &messages, const std::string &outcome) {
   for (const std::string &message : messages) log(message);
   log(outcome);
-  notify_service_manager("READY=1");
+  service::notify("READY=1");
 }
 
 void Daemon::end_views() {
@@ -185,7 +187,7 @@ void Daemon::end_views() {
 }
 
 void Daemon::stop() {
-  notify_service_manager("STOPPING=1");
+  service::notify("STOPPING=1");
   log("stopping");
   check_.reset();
   agentx_.reset();

@@ -11,6 +11,7 @@
 
 #include "host/config/config_file.h"
 #include "host/control/control_server.h"
+#include "host/control/watchdog.h"
 #include "host/daemon/config_check.h"
 #include "host/daemon/engine.h"
 #include "host/daemon/loop.h"
@@ -65,6 +66,7 @@ class Daemon {
   std::optional<metrics::HttpServer> metrics_;
   boost::asio::signal_set signals_;
   boost::asio::steady_timer farewell_;
+  std::optional<Watchdog> watchdog_;
   std::unique_ptr<ConfigCheck> check_;  // while a reload waits for it
   bool reload_again_ = false;           // asked for meanwhile
 };

@@ -1,0 +1,139 @@
+"""The units under a real systemd: a container whose root is this machine's, with a layer above it that is thrown away.
+
+usage: units_test.py BIN_DIR
+
+The daemons are to start, say that they are ready, reload, run as users of their own, reach each other, be started anew when
+they hang, and stop in order. Skipped without root or systemd-nspawn.
+"""
+
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+BINARIES = pathlib.Path(sys.argv[1]).resolve()
+UNITS = ROOT / "packaging/debian"
+SKIPPED = 77
+
+# Runs inside. Each line says whether something holds.
+CHECKS = r"""
+say() { echo "$1 $2" >>/result; }
+holds() { what=$1; shift; if "$@" >>/log 2>&1; then say ok "$what"; else say WRONG "$what"; fi; }
+prop() { [ "$(systemctl show -P "$2" "$1")" = "$3" ]; }
+until_holds() { for i in $(seq 100); do "$@" && return 0; sleep 0.2; done; return 1; }
+user_of() { [ "$(stat -c %U /proc/"$(systemctl show -P MainPID "$1")")" = "$2" ]; }
+systemd-sysusers /etc/sysusers.d/mvpn.conf
+ip link add core0 type veth peer name core1
+ip address add 10.0.0.1/24 dev core0
+ip link set core0 up; ip link set core1 up
+chmod 666 /dev/net/tun  # as udev has it
+for unit in mvpn-forwarder pimhostd mdt-reflector; do
+  holds "$unit starts and says that it is ready" systemctl start $unit
+  holds "$unit is active" prop $unit ActiveState active
+done
+holds "pimhostd is mvpn" user_of pimhostd mvpn
+holds "the forwarder is mvpn-forwarder" user_of mvpn-forwarder mvpn-forwarder
+holds "the reflector is nobody else" user_of mdt-reflector mdt-reflector
+answers() { pimctl --control /run/mvpn/pimhostd.sock show forwarding | grep -q "control.sock *yes"; }
+holds "pimhostd reaches the forwarder" until_holds answers
+ip netns add red  # while the forwarder runs
+tunnel() { ip netns exec red ip link show up | grep -q mti; }
+holds "the forwarder makes the tunnel in a namespace" until_holds tunnel
+for unit in pimhostd mdt-reflector; do
+  holds "$unit reloads" systemctl reload $unit
+  holds "$unit goes on" until_holds prop $unit ActiveState active
+done
+for unit in mvpn-forwarder pimhostd mdt-reflector; do
+  before=$(systemctl show -P MainPID $unit)
+  kill -STOP "$before"
+  anew() { now=$(systemctl show -P MainPID $unit); [ "$now" != "$before" ] && [ "$now" != 0 ] && prop $unit ActiveState active; }
+  holds "$unit that hangs is started anew" until_holds anew
+done
+for unit in pimhostd mdt-reflector mvpn-forwarder; do
+  holds "$unit stops" systemctl stop $unit
+  holds "$unit stopped in order" prop $unit Result success
+done
+journalctl --no-pager -o cat >>/log
+systemctl poweroff --force
+"""
+
+CHECK_UNIT = """[Unit]
+Description=Checks
+After=basic.target
+[Service]
+Type=simple
+ExecStart=/bin/sh /checks
+"""
+
+
+def furnish(root):
+    for name in ["pimhostd", "mdt-reflector", "mvpn-forwarder"]:
+        shutil.copy(BINARIES / name, root / "usr/sbin" / name)
+    shutil.copy(BINARIES / "pimctl", root / "usr/bin")
+    shutil.copy(BINARIES / "libmvpn.so", root / "usr/sbin")
+    for unit in UNITS.glob("mvpn.*.service"):
+        name = unit.name.removeprefix("mvpn.")
+        shutil.copy(unit, root / "etc/systemd/system" / name)
+        # A watchdog that the test can wait for.
+        folder = root / "etc/systemd/system" / (name + ".d")
+        folder.mkdir()
+        (folder / "soon.conf").write_text("[Service]\nWatchdogSec=3\nRestartSec=0\nWatchdogSignal=SIGKILL\n"
+                                          "[Unit]\nStartLimitIntervalSec=0\n")
+    (root / "etc/sysusers.d").mkdir(exist_ok=True)
+    shutil.copy(UNITS / "mvpn.sysusers", root / "etc/sysusers.d/mvpn.conf")
+    (root / "etc/mvpn").mkdir()
+    (root / "etc/mvpn/pimhostd.conf").write_text(
+        "forwarding kernel\n  socket /run/mvpn-forwarder/control.sock\ninterface core0\n  ip address 10.0.0.1\n"
+        "pim\n  ssm range 239.1.0.0/16\nvrf red\n  rd 65000:1\n  mdt default 239.1.1.1\n"
+        "bgp\n  update-source core0\n")
+    (root / "etc/mvpn/mdt-reflector.conf").write_text(
+        "bgp\n  local-as 65000\n  router-id 10.0.0.9\n  listen 127.0.0.1:179\n")
+    (root / "etc/systemd/system/checks.service").write_text(CHECK_UNIT)
+    (root / "checks").write_text(CHECKS)
+    for name in ["result", "log"]:
+        (root / name).unlink(missing_ok=True)
+
+
+def main():
+    if os.geteuid() != 0 or shutil.which("systemd-nspawn") is None:
+        return SKIPPED
+    with tempfile.TemporaryDirectory(prefix="units") as folder:
+        layer, root = pathlib.Path(folder, "layer"), pathlib.Path(folder, "root")
+        layer.mkdir(), root.mkdir()
+        mounted = []
+        try:
+            for command in [["mount", "-t", "tmpfs", "none", layer], None,
+                            ["mount", "-t", "overlay", "overlay", "-o",
+                             f"lowerdir=/,upperdir={layer}/up,workdir={layer}/work", root]]:
+                if command is None:
+                    (layer / "up").mkdir(), (layer / "work").mkdir()
+                    continue
+                if subprocess.run(command).returncode != 0:
+                    print("the machine lets nobody mount a layer")
+                    return SKIPPED
+                mounted.append(command[-1])
+            furnish(root)
+            boot = subprocess.run(["systemd-nspawn", "--quiet", "-D", root, "--private-network", "--register=no",
+                                   "--keep-unit", "--boot", "systemd.unit=checks.service", "systemd.mask=frr.service"],
+                                  stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=240)
+            result = root / "result"
+            if not result.exists():
+                print(boot.stdout[-3000:], boot.stderr[-1000:])
+                print("the container did not come up")
+                return SKIPPED
+            said = result.read_text()
+            print(said)
+            if "WRONG" in said or "mvpn-forwarder stopped in order" not in said:
+                print((root / "log").read_text()[-6000:] if (root / "log").exists() else "")
+                return 1
+            return 0
+        finally:
+            for place in reversed(mounted):
+                subprocess.run(["umount", "-l", place])
+
+
+if __name__ == "__main__":
+    sys.exit(main())
