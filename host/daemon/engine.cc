@@ -94,6 +94,25 @@ Outcome set_remote_pe(const Config &config, const Statement &statement) {
   return {};
 }
 
+Outcome capture(Links &links, const Statement &statement) {
+  ref::Capture &file = links.capture();
+  if (statement.command == Command::capture_start) {
+    if (links.carrier() == nullptr) return {false, "there is no carrier of core packets; see 'core', 'carrier'\n"};
+    const std::string reason =
+        file.start(*find_argument(statement, "path"), find_argument(statement, "append") != nullptr);
+    return reason.empty() ? Outcome() : Outcome{false, reason + "\n"};
+  }
+  if (!file.running()) return {false, "there is no capture\n"};
+  const std::string packets = std::to_string(file.packets()) + " packets in ";
+  if (statement.command == Command::capture_stop) {
+    file.stop();
+    return {true, packets + file.path() + "\n"};
+  }
+  std::string kept;
+  const std::string reason = file.rotate(&kept);
+  return reason.empty() ? Outcome{true, packets + kept + "\n"} : Outcome{false, reason + "\n"};
+}
+
 Outcome clear_bgp(BgpService &bgp, const Statement &statement) {
   const std::string reason = bgp.clear(statement);
   return reason.empty() ? Outcome() : Outcome{false, reason + "\n"};
@@ -222,6 +241,10 @@ Outcome Engine::operate(const std::vector<Statement> &statements) {
       return set_receiver(router_.running(), statement);
     case Command::test_remote_pe:
       return set_remote_pe(router_.running(), statement);
+    case Command::capture_start:
+    case Command::capture_stop:
+    case Command::capture_rotate:
+      return capture(router_.links(), statement);
     case Command::show_metrics:
       return {true, metrics_text(router_, loop_, metrics::Format::text)};
     case Command::test_statistics:

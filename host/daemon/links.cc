@@ -14,13 +14,15 @@ constexpr std::chrono::seconds kCarrierRetry{5};
 
 }  // namespace
 
-Links::Links(Loop &loop, std::string capture, bool restarting, Log log)
+Links::Links(Loop &loop, const std::string &capture, bool restarting, Log log)
     : loop_(loop),
-      capture_(std::move(capture)),
       log_(std::move(log)),
       carrier_socket_(loop.io()),
       carrier_retry_(loop.io()),
-      exchange_(loop, restarting, log_) {}
+      exchange_(loop, restarting, log_) {
+  if (capture.empty()) return;
+  if (const std::string reason = capture_.start(capture, false); !reason.empty()) log_("no capture: " + reason);
+}
 
 void Links::follow(const Config &config) {
   const Block *core = config.find({Mode::core, ""});
@@ -62,7 +64,7 @@ void Links::open_carrier() {
   if (!carrier) return retry_carrier(endpoint + ": " + error);
   if (carrier_failed_) log_("core carrier " + endpoint + ": open");
   carrier_failed_ = false;
-  if (!capture_.empty() && !carrier->set_capture(capture_)) log_("cannot write the capture " + capture_);
+  carrier->set_capture(&capture_);
   carrier_ = carrier.get();
   ref::use_carrier(std::move(carrier));
   carrier_socket_.assign(carrier_->fd());

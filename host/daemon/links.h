@@ -21,7 +21,7 @@ class Links {
   using Log = std::function<void(const std::string &)>;
 
   // capture: file that receives what the carrier sends and receives; empty: none. restarting: see BgpService.
-  Links(Loop &loop, std::string capture, bool restarting, Log log);
+  Links(Loop &loop, const std::string &capture, bool restarting, Log log);
 
   // Opens, changes and closes links until they are what a configuration says.
   void follow(const Config &config);
@@ -32,6 +32,8 @@ class Links {
   const MdtExchange &exchange() const { return exchange_; }
   const ref::GreUdpCarrier *carrier() const { return carrier_; }
   void clear_counters();
+  // Of what the carrier sends and receives, whichever carrier there is.
+  ref::Capture &capture() { return capture_; }
 
  private:
   void open_carrier();
@@ -40,7 +42,7 @@ class Links {
   void watch_carrier();
 
   Loop &loop_;
-  std::string capture_;
+  ref::Capture capture_;
   Log log_;
   std::vector<std::string> carrier_wanted_;  // own endpoint, then the peers
   ref::GreUdpCarrier *carrier_ = nullptr;    // the platform's

@@ -516,6 +516,14 @@ std::vector<Word> exec_words() {
           .then({keyword("mvpn", "Multicast VPN").runs(Command::debug_mvpn).with({vrf_option(), detail_option()})}),
       keyword("no", "Ends something").then({keyword("debug", "Debug messages").runs(Command::debug_off)}),
       test_words(),
+      keyword("capture", "A file of core packets, for packet analysers")
+          .then({keyword("start", "Writes them from now on")
+                     .then({argument(ValueType::path, "PATH", "path", "File")
+                                .runs(Command::capture_start)
+                                .with({flag("append", "Behind what the file holds; otherwise it begins anew")})}),
+                 keyword("stop", "Ends it").runs(Command::capture_stop),
+                 keyword("rotate", "Keeps the file under another name and begins it anew")
+                     .runs(Command::capture_rotate)}),
   };
 }
 

@@ -91,6 +91,9 @@ enum class Command {
   test_receiver,
   test_remote_pe,
   test_statistics,
+  capture_start,
+  capture_stop,
+  capture_rotate,
 };
 
 // What an argument names, of what the daemon has.

@@ -9,9 +9,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <pcap/pcap.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -163,9 +161,6 @@ std::optional<CorePacket> decode_core_packet(std::span<const uint8_t> bytes) {
   return packet;
 }
 
-void GreUdpCarrier::CaptureCloser::operator()(pcap_dumper *dumper) const { pcap_dump_close(dumper); }
-void GreUdpCarrier::CaptureCloser::operator()(pcap *handle) const { pcap_close(handle); }
-
 GreUdpCarrier::GreUdpCarrier(int fd, Config config) : fd_(fd), config_(std::move(config)) {}
 
 GreUdpCarrier::~GreUdpCarrier() { ::close(fd_); }
@@ -193,7 +188,7 @@ void GreUdpCarrier::send(const CorePacket &packet) {
         ::sendto(fd_, bytes.data(), bytes.size(), MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&to), sizeof to);
     // A peer that is not there yet, or has no room, misses a datagram, as in any core.
     (sent < 0 ? counters_.send_errors : counters_.sent)++;
-    capture(config_.local, config_.port, peer, bytes);
+    store(config_.local, config_.port, peer, bytes);
   }
 }
 
@@ -218,7 +213,7 @@ void GreUdpCarrier::receive(ip_addr_t from, uint16_t from_port, std::span<const 
     return;
   }
   counters_.received++;
-  capture(from, from_port, config_.local, payload);
+  store(from, from_port, config_.local, payload);
   auto packet = decode_core_packet(payload);
   if (!packet)
     counters_.malformed++;
@@ -226,32 +221,19 @@ void GreUdpCarrier::receive(ip_addr_t from, uint16_t from_port, std::span<const 
     receiver_(std::move(*packet));
 }
 
-bool GreUdpCarrier::set_capture(const std::string &path) {
-  capture_file_.reset();
-  capture_handle_.reset();
-  if (path.empty()) return true;
-  capture_handle_.reset(pcap_open_dead(DLT_RAW, 0xFFFF));
-  if (capture_handle_ == nullptr) return false;
-  capture_file_.reset(pcap_dump_open(capture_handle_.get(), path.c_str()));
-  return capture_file_ != nullptr && pcap_dump_flush(capture_file_.get()) == 0;
-}
-
-// Flushed packet by packet, so that the file can be read while it grows and after a crash.
-void GreUdpCarrier::capture(ip_addr_t from, uint16_t from_port, ip_addr_t to, std::span<const uint8_t> payload) {
-  if (capture_file_ == nullptr) return;
+// To the registered port, whatever this one is: an analyser knows GRE in UDP by it. The ports that the PEs of one machine use
+// would tell it nothing.
+void GreUdpCarrier::store(ip_addr_t from, uint16_t from_port, ip_addr_t to, std::span<const uint8_t> payload) {
+  if (capture_ == nullptr || !capture_->running()) return;
   std::vector<uint8_t> bytes(ip_size + udp_size + payload.size());
   uint8_t *udp = &bytes[ip_size];
   write_ipv4(bytes.data(), protocol_udp, from, to, udp_size + payload.size());
   wire::store_be16(udp + udp_source, from_port);
-  wire::store_be16(udp + udp_destination, config_.port);
+  wire::store_be16(udp + udp_destination, gre_in_udp_port);
   wire::store_be16(udp + udp_length, static_cast<uint16_t>(udp_size + payload.size()));
   std::copy(payload.begin(), payload.end(), bytes.begin() + ip_size + udp_size);
   wire::store_host(udp + udp_checksum, checksum_of_udp(from, to, {udp, udp_size + payload.size()}));
-  pcap_pkthdr header{};
-  gettimeofday(&header.ts, nullptr);
-  header.caplen = header.len = static_cast<uint32_t>(bytes.size());
-  pcap_dump(reinterpret_cast<u_char *>(capture_file_.get()), &header, bytes.data());
-  pcap_dump_flush(capture_file_.get());
+  capture_->write(bytes);
 }
 
 }  // namespace ref

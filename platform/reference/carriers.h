@@ -10,10 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/reference/capture.h"
 #include "platform/reference/reference.h"
-
-struct pcap;
-struct pcap_dumper;
 
 namespace ref {
 
@@ -54,29 +52,22 @@ class GreUdpCarrier : public Carrier {
   // Reads what has arrived, at most 64 datagrams a call.
   void on_readable();
 
-  // Writes every datagram that is sent or received to a pcap file, from now on; empty: stops. False when it cannot be
-  // written.
-  bool set_capture(const std::string &path);
+  // Where every datagram that is sent or received is stored while it runs; outlives the carrier. Null: nowhere.
+  void set_capture(Capture *capture) { capture_ = capture; }
 
   const Counters &counters() const { return counters_; }
   void clear_counters() { counters_ = {}; }
 
  private:
-  struct CaptureCloser {
-    void operator()(pcap_dumper *dumper) const;
-    void operator()(pcap *handle) const;
-  };
-
   GreUdpCarrier(int fd, Config config);
-  void capture(ip_addr_t from, uint16_t from_port, ip_addr_t to, std::span<const uint8_t> payload);
+  void store(ip_addr_t from, uint16_t from_port, ip_addr_t to, std::span<const uint8_t> payload);
   void receive(ip_addr_t from, uint16_t from_port, std::span<const uint8_t> payload);
 
   int fd_;
   Config config_;
   Counters counters_;
   std::function<void(CorePacket)> receiver_;
-  std::unique_ptr<pcap, CaptureCloser> capture_handle_;  // outlives the dumper
-  std::unique_ptr<pcap_dumper, CaptureCloser> capture_file_;
+  Capture *capture_ = nullptr;
 };
 
 }  // namespace ref

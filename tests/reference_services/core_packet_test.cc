@@ -232,8 +232,10 @@ TEST_F(CarrierTest, CarriesPacketsToPeersOnly) {
 
 TEST_F(CarrierTest, CaptureHoldsDatagramsWithValidHeaders) {
   const auto path = std::filesystem::path(::testing::TempDir()) / ("capture." + std::to_string(::getpid()) + ".pcap");
-  ASSERT_TRUE(carriers_[1]->set_capture(path));
-  EXPECT_FALSE(carriers_[0]->set_capture("/nonexistent/directory/file.pcap"));
+  ref::Capture file;
+  ASSERT_EQ(file.start(path, false), "");
+  EXPECT_NE(file.start("/nonexistent/directory/file.pcap", false), "");
+  carriers_[1]->set_capture(&file);
   const ref::CorePacket packet{pes_[0], address("239.1.1.1"), join_datagram(pes_[0], 33)};
   carriers_[0]->send(packet);
   wait_readable(1);
@@ -253,7 +255,7 @@ TEST_F(CarrierTest, CaptureHoldsDatagramsWithValidHeaders) {
   for (const std::vector<uint8_t> &frame : frames) {
     EXPECT_EQ(ip_checksum(frame.data(), 20), 0);
     EXPECT_EQ(frame[2] << 8 | frame[3], static_cast<int>(frame.size()));
-    EXPECT_EQ(frame[22] << 8 | frame[23], port_);
+    EXPECT_EQ(frame[22] << 8 | frame[23], ref::gre_in_udp_port);
     // Pseudo header: addresses, protocol, length; together with the segment the sum is zero.
     std::vector<uint8_t> covered(frame.begin() + 12, frame.end());
     covered.insert(covered.begin() + 8, {0, 17, frame[24], frame[25]});
@@ -262,6 +264,7 @@ TEST_F(CarrierTest, CaptureHoldsDatagramsWithValidHeaders) {
   EXPECT_EQ(be32_at(frames[0], 12), pes_[0]) << "received";
   EXPECT_EQ(be32_at(frames[1], 12), pes_[1]) << "sent";
   EXPECT_TRUE(ref::decode_core_packet(std::span(frames[0]).subspan(28)));
+  carriers_[1]->set_capture(nullptr);
 }
 
 // ---------------------------------------------------------------------------------------------------------- sockets
