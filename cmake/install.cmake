@@ -34,6 +34,16 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/lab/scenarios ${PROJECT_SOURCE_DIR}/lab/
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples DESTINATION ${CMAKE_INSTALL_DATADIR}/mvpn FILES_MATCHING PATTERN "*.conf"
   PATTERN c_host EXCLUDE)
 
+install(FILES ${PROJECT_SOURCE_DIR}/examples/dashboard.json ${PROJECT_SOURCE_DIR}/examples/data-mdt-join.lua
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/mvpn)
+
+# bash looks for a file of each program's name, zsh for one that names the programs.
+set(completion_folder ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+foreach(program pimctl pimhostd mdt-reflector mvpn-forwarder mvpn-lab mvpn-traffic mvpn-contract-test)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/completion/mvpn.bash DESTINATION ${completion_folder} RENAME ${program})
+endforeach()
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/completion/_mvpn DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
+
 if(TARGET man)
   get_target_property(pages man PAGES)
   foreach(page IN LISTS pages)

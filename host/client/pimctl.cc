@@ -105,6 +105,14 @@ void print_syntax(const char *title, host::Mode mode) {
   std::cout << '\n';
 }
 
+// One a line, with its help behind a tab. Arguments that have no names yet are no completion.
+int print_completions(const std::string &path, const std::vector<std::string> &words) {
+  host::Session session(path, host::OutputFormat::text, false, std::chrono::seconds(1));
+  for (const host::Candidate &candidate : session.next(words))
+    if (candidate.is_keyword) std::cout << candidate.text << '\t' << candidate.help << '\n';
+  return 0;
+}
+
 void print_all_syntax() {
   print_syntax("Commands", host::Mode::exec);
   print_syntax("configure", host::Mode::global);
@@ -122,7 +130,7 @@ int main(int argc, char **argv) {
   options::CommandLine app("Commands of pimhostd", kFooter);
   std::string path = host::kDefaultControlPath;
   double timeout = 10;
-  bool json = false, xml = false, syntax = false;
+  bool json = false, xml = false, syntax = false, complete = false;
   std::vector<std::string> words;
   app.add("--control", &path, "control socket of pimhostd").show_default();
   app.add("--timeout", &timeout, "seconds that pimhostd may be silent; 0: any time")
@@ -130,7 +138,8 @@ int main(int argc, char **argv) {
       .show_default();
   const options::Option as_json = app.add_flag("--json", &json, "structured output of views, as JSON");
   app.add_flag("--xml", &xml, "structured output of views, as XML").excludes(as_json);
-  app.add_flag("--syntax", &syntax, "").hidden();  // the tables of the command reference
+  app.add_flag("--syntax", &syntax, "").hidden();      // the tables of the command reference
+  app.add_flag("--complete", &complete, "").hidden();  // what may stand behind the words, for a shell's completion
   app.add("command", &words, "the command's words");
   if (const std::optional<int> status = app.parse(argc, argv, static_cast<int>(host::kStatusSyntax))) return *status;
   if (syntax) {
@@ -144,6 +153,7 @@ int main(int argc, char **argv) {
   use_locale();
   const host::ControlClient::Timeout silence(static_cast<int64_t>(timeout * 1000));
   try {
+    if (complete) return print_completions(path, words);
     if (!words.empty()) return finish(run_once(host::ControlClient(path, silence), format, host::join_words(words)));
     const bool terminal = isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
     host::Session session(path, format, terminal, silence);
