@@ -101,10 +101,20 @@ void CoreSite::forget_senders() {
   last_source_ = 0;
 }
 
+// The interface that has the source, or the one that is configured; 0: neither is there.
+int CoreSite::interface_of(uint32_t source) const {
+  int index = 0;
+  for (const auto &[number, interface] : view_->interfaces()) {
+    const bool has = std::count(interface.addresses.begin(), interface.addresses.end(), source) != 0;
+    if (interface_.empty() ? has : interface.name == interface_) index = number;
+  }
+  return index;
+}
+
 CoreSite::Sender CoreSite::open_sender(int interface) const {
   const auto found = view_->interfaces().find(interface);
-  Sender sender{{}, interface, found != view_->interfaces().end() && found->second.ethernet &&
-                                   !found->second.forwards_multicast};
+  Sender sender{
+      {}, interface, found != view_->interfaces().end() && found->second.ethernet && !found->second.forwards_multicast};
   if (sender.frames) {
     sender.socket = Descriptor(::socket(AF_PACKET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   } else {
@@ -117,18 +127,13 @@ CoreSite::Sender CoreSite::open_sender(int interface) const {
   return sender;
 }
 
-// The interface that has the source, or the one that is configured; when neither is there, the route to the group decides.
 const CoreSite::Sender *CoreSite::sender_for(uint32_t source) {
   if (source == last_source_) return last_sender_;
   if (const auto known = sender_of_.find(source); known != sender_of_.end()) {
     last_source_ = source;
     return last_sender_ = known->second;
   }
-  int index = 0;
-  for (const auto &[number, interface] : view_->interfaces()) {
-    const bool has = std::count(interface.addresses.begin(), interface.addresses.end(), source) != 0;
-    if (interface_.empty() ? has : interface.name == interface_) index = number;
-  }
+  const int index = interface_of(source);
   if (!senders_.contains(index)) senders_[index] = open_sender(index);
   last_source_ = source;
   return last_sender_ = sender_of_[source] = &senders_[index];
@@ -142,7 +147,12 @@ void CoreSite::address(size_t at, uint32_t group) {
     messages_[at].msg_hdr.msg_namelen = sizeof destination.address;
     return;
   }
-  destination.frame = {AF_PACKET, htons(ETH_P_IP), sender_->interface, 0, 0, ETH_ALEN,
+  destination.frame = {AF_PACKET,
+                       htons(ETH_P_IP),
+                       sender_->interface,
+                       0,
+                       0,
+                       ETH_ALEN,
                        {0x01, 0x00, 0x5E, static_cast<uint8_t>(group >> 16 & 0x7F), static_cast<uint8_t>(group >> 8),
                         static_cast<uint8_t>(group)}};
   messages_[at].msg_hdr.msg_namelen = sizeof destination.frame;
@@ -236,11 +246,20 @@ void CoreSite::receive() {
 
 // --------------------------------------------------------------------------------------------------------- memberships
 
+int CoreSite::preferred(const CoreKey &key, int interface) const {
+  const auto route = state_.core_routes().find(key);
+  if (route == state_.core_routes().end() || !route->second.vrf->tunnel) return interface;
+  const auto own = view_->interfaces().find(interface_of(route->second.vrf->tunnel->source));
+  const bool connected = own != view_->interfaces().end() && own->second.up && own->second.is_connected_to(key.source);
+  return connected ? own->first : interface;
+}
+
 std::set<int> CoreSite::interfaces_for(const CoreKey &key) const {
   std::set<int> interfaces;
   if (key.source != 0) {
     const auto way = view_->way_to(key.source);
-    if (way && way->interface != 0) interfaces.insert(way->interface);
+    if (way && way->interface != 0)
+      interfaces.insert(way->gateway == 0 ? preferred(key, way->interface) : way->interface);
     return interfaces;
   }
   for (const auto &[index, interface] : view_->interfaces())
@@ -258,6 +277,13 @@ void CoreSite::follow(const CoreKey &key, bool present) {
     if (!wanted.contains(interface)) apply(plan_.drop({key.group, key.source, interface}));
   for (const int interface : wanted)
     if (!former.contains(interface)) apply(plan_.want({key.group, key.source, interface}));
+}
+
+void CoreSite::follow_pass(const CoreKey &key, const Vrf &from, const Vrf &to) {
+  const std::string source = key.source == 0 ? "*" : text_of(key.source);
+  callbacks_.event("core packets (" + source + ", " + text_of(key.group) + ") go to VRF " + to.name +
+                   " from now on, no more to VRF " + from.name);
+  look_again();
 }
 
 void CoreSite::refresh_memberships() {

@@ -9,8 +9,9 @@
 // memberships for each. The memberships stand on sockets of their own, which receive nothing. What other programs of the
 // namespace have joined arrives as well and is dropped as unknown.
 //
-// A single source is joined on the interface that the route to it leads to; any source on every interface of the core
-// but the loopback. Both follow the routes and the interfaces.
+// A single source is joined on the interface that the route to it leads to; where several links are connected to the
+// source's network the routes do not tell them apart, and it is the link of the VRF's own source. Any source is joined on
+// every interface of the core but the loopback. Both follow the routes, the interfaces and the tunnels.
 #ifndef FORWARDER_CORE_SITE_H
 #define FORWARDER_CORE_SITE_H
 
@@ -54,8 +55,11 @@ class CoreSite {
   // The interface that core packets leave by; empty: the one that has their source.
   void set_interface(const std::string &name);
 
-  // A core route came or went.
+  // A tunnel's source has changed: memberships are looked at again at the next tick.
+  void look_again() { ways_changed_ = true; }
+  // A core route came, changed or went.
   void follow(const CoreKey &key, bool present);
+  void follow_pass(const CoreKey &key, const Vrf &from, const Vrf &to);
   // Where a core route is joined; nothing: not at all. Empty name: on every interface of the core.
   struct Joined {
     std::string interface;
@@ -92,7 +96,9 @@ class CoreSite {
   void send_in_parts(size_t at);
   void forget_senders();
 
+  int interface_of(uint32_t source) const;
   std::set<int> interfaces_for(const CoreKey &key) const;
+  int preferred(const CoreKey &key, int interface) const;
   void refresh_memberships();
   void apply(const std::vector<MembershipPlan::Step> &steps);
   bool set_membership(const MembershipPlan::Step &step);
@@ -107,7 +113,7 @@ class CoreSite {
   Descriptor receiver_;
   std::unique_ptr<uint8_t[]> arrivals_;
 
-  std::map<int, Sender> senders_;                // by interface
+  std::map<int, Sender> senders_;                 // by interface
   std::map<uint32_t, const Sender *> sender_of_;  // by source
   uint32_t last_source_ = 0;
   const Sender *last_sender_ = nullptr;

@@ -20,8 +20,8 @@
 namespace forwarder {
 namespace {
 
-constexpr uint32_t kMonitored = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV4_MROUTE |
-                                1u << (RTNLGRP_IPV4_NETCONF - 1);
+constexpr uint32_t kMonitored =
+    RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV4_MROUTE | 1u << (RTNLGRP_IPV4_NETCONF - 1);
 constexpr int kMonitorBuffer = 4 << 20;  // bytes: a burst of routes
 constexpr size_t kMessage = 65536;       // bytes: the largest that the kernel sends at once
 
@@ -100,6 +100,12 @@ KernelView::~KernelView() = default;
 int KernelView::descriptor() const { return mnl_socket_get_fd(monitor_.get()); }
 
 void KernelView::start() { resynchronise(); }
+
+bool KernelInterface::is_connected_to(uint32_t address) const {
+  for (size_t i = 0; i < addresses.size(); i++)
+    if (lengths[i] != 0 && (addresses[i] ^ address) >> (32 - lengths[i]) == 0) return true;
+  return false;
+}
 
 // ----------------------------------------------------------------------------------------------------------- requests
 
@@ -283,9 +289,17 @@ void KernelView::take_address(const nlmsghdr *message) {
   const Attributes attributes(message, sizeof(ifaddrmsg));
   const uint32_t address = attributes.address(attributes.at[IFA_LOCAL] != nullptr ? IFA_LOCAL : IFA_ADDRESS);
   std::vector<uint32_t> &addresses = found->second.addresses;
+  std::vector<uint8_t> &lengths = found->second.lengths;
   const auto there = std::find(addresses.begin(), addresses.end(), address);
-  if (message->nlmsg_type == RTM_DELADDR && there != addresses.end()) addresses.erase(there);
-  if (message->nlmsg_type == RTM_NEWADDR && there == addresses.end()) addresses.push_back(address);
+  const auto length = lengths.begin() + (there - addresses.begin());
+  if (message->nlmsg_type == RTM_DELADDR && there != addresses.end()) {
+    addresses.erase(there);
+    lengths.erase(length);
+  }
+  if (message->nlmsg_type == RTM_NEWADDR && there == addresses.end()) {
+    addresses.push_back(address);
+    lengths.push_back(header->ifa_prefixlen);
+  }
   ways_changed_ = true;
 }
 

@@ -30,6 +30,9 @@ struct KernelInterface {
   bool forwards_multicast = false;  // a routing daemon of the namespace has it
   uint32_t mtu = 0;
   std::vector<uint32_t> addresses;  // host byte order, in the kernel's order
+  std::vector<uint8_t> lengths;     // of the networks that the addresses stand in, in bits
+  // Whether an address is one of a network that the interface is connected to.
+  bool is_connected_to(uint32_t address) const;
   bool operator==(const KernelInterface &) const = default;
 };
 

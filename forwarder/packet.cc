@@ -137,8 +137,8 @@ bool mark_congestion(std::span<uint8_t> datagram) {
   if (ecn == kNoEcn) return false;
   const uint16_t before = load16(&datagram[ip_version_ihl]);
   datagram[ip_tos] |= kCongested;
-  const uint32_t sum = static_cast<uint16_t>(~load16(&datagram[ip_checksum])) + uint32_t{static_cast<uint16_t>(~before)} +
-                       load16(&datagram[ip_version_ihl]);
+  const uint32_t sum = static_cast<uint16_t>(~load16(&datagram[ip_checksum])) +
+                       uint32_t{static_cast<uint16_t>(~before)} + load16(&datagram[ip_version_ihl]);
   store16(&datagram[ip_checksum], checksum_of(sum));
   return true;
 }

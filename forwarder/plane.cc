@@ -96,8 +96,14 @@ State::Observer Plane::observer() {
     sites_[vrf.name] = std::make_unique<VrfSite>(poller_, namespaces_, *core_, state_, vrf, callbacks_of(vrf));
   };
   observer.vrf_removed = [this](const Vrf &vrf) { sites_.erase(vrf.name); };
-  observer.tunnel_changed = [this](const Vrf &vrf) { sites_.at(vrf.name)->follow_tunnel(); };
+  observer.tunnel_changed = [this](const Vrf &vrf) {
+    sites_.at(vrf.name)->follow_tunnel();
+    core_->look_again();
+  };
   observer.core_route_changed = [this](const CoreKey &key, bool present) { core_->follow(key, present); };
+  observer.core_route_passes = [this](const CoreKey &key, const Vrf &from, const Vrf &to) {
+    core_->follow_pass(key, from, to);
+  };
   return observer;
 }
 

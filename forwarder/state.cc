@@ -1,6 +1,7 @@
 #include "forwarder/state.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace forwarder {
 namespace {
@@ -104,8 +105,9 @@ std::string State::put_core_route(const CoreKey &key, const std::string &name) {
   const bool fresh = found == core_routes_.end();
   if (fresh && core_routes_.size() >= kCoreRoutesMax) return "core route: there are too many";
   CoreRoute &route = core_routes_[key];
-  route.vrf = vrf;
+  const Vrf *former = std::exchange(route.vrf, vrf);
   route.claim = session_;
+  if (!fresh && former != vrf) observer_.core_route_passes(key, *former, *vrf);
   if (fresh) observer_.core_route_changed(key, true);
   return "";
 }

@@ -93,6 +93,8 @@ class State {
     std::function<void(Vrf &)> vrf_removed;
     std::function<void(Vrf &)> tunnel_changed;  // also: gone
     std::function<void(const CoreKey &, bool present)> core_route_changed;
+    // Another VRF takes its packets from now on: a core packet has one receiver at most.
+    std::function<void(const CoreKey &, const Vrf &from, const Vrf &to)> core_route_passes;
   };
   explicit State(Observer observer) : observer_(std::move(observer)) {}
 

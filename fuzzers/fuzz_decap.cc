@@ -16,7 +16,8 @@ constexpr uint32_t kOwn = 0x0A000001, kPeer = 0x0A000002, kGroup = 0xEF010101, k
 uint64_t sum(const DropCounters &counters) { return std::accumulate(counters.begin(), counters.end(), uint64_t{0}); }
 
 struct Held {
-  State state{{[](auto &) {}, [](auto &) {}, [](auto &) {}, [](const auto &, bool) {}}};
+  State state{
+      {[](auto &) {}, [](auto &) {}, [](auto &) {}, [](const auto &, bool) {}, [](const auto &, auto &, auto &) {}}};
   Held() {
     state.put_vrf("red", "red");
     state.put_tunnel("red", {"mti2", kOwn, kGroup, 1376, true});

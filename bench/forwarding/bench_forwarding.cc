@@ -169,7 +169,8 @@ void run(const char *core_name, const char *red_name) {
   NamespaceId id;
   const Descriptor red = namespaces.open(red_name, &id);
   Poller poller;
-  State state{{[](Vrf &) {}, [](Vrf &) {}, [](Vrf &) {}, [](const CoreKey &, bool) {}}};
+  State state{{[](Vrf &) {}, [](Vrf &) {}, [](Vrf &) {}, [](const CoreKey &, bool) {},
+               [](const CoreKey &, const Vrf &, const Vrf &) {}}};
   const KernelView::Callbacks seen{[](const auto &) {}, [](const auto &) {}, [](const auto &, auto *) {}, nullptr};
   CoreSite core(poller, state, {seen, [](Vrf &, std::span<const uint8_t>) {}, [](const std::string &) {}});
   const auto site = [&](const char *vrf) {

@@ -85,6 +85,11 @@ class Pe {
     item.mutable_vrf()->set_name("red");
     item.mutable_vrf()->set_netns(rooms_.name(name_ + "red"));
     client_->put(item);
+    put_tunnel();
+    put_encapsulation(1, kDefaultGroup);
+  }
+  void put_tunnel() {
+    protocol::Item item;
     item.mutable_tunnel()->set_vrf("red");
     item.mutable_tunnel()->set_device("mti2");
     item.mutable_tunnel()->set_source(source_);
@@ -92,7 +97,6 @@ class Pe {
     item.mutable_tunnel()->set_mtu(1376);
     item.mutable_tunnel()->set_up(true);
     client_->put(item);
-    put_encapsulation(1, kDefaultGroup);
   }
   void put_encapsulation(uint32_t index, uint32_t group) {
     protocol::Item item;
@@ -415,6 +419,20 @@ TEST_F(NamespacesTest, ARoutingDaemonOfTheCoreCarriesOnWhatThePeSends) {
     transmit(out_, numbered(number++), kGroup);
     return ::recv(heard.get(), bytes, sizeof bytes, MSG_DONTWAIT) > 0;
   }));
+}
+
+// Two links to the same network: the routes do not say which one, the tunnel's source does.
+TEST_F(NamespacesTest, MembershipsStandOnTheLinkOfTheTunnelsSource) {
+  rooms_.join("pe1", "core1", "10.0.0.11/24", "pe2", "core1", "10.0.0.12/24");
+  const auto stands_on = [this](const char *link) {
+    return eventually([&] { return two_->counters().core.at(0).interface() == link; });
+  };
+  EXPECT_TRUE(stands_on("core0"));
+  two_->source_ = 0x0A00000C;
+  two_->put_tunnel();
+  EXPECT_TRUE(stands_on("core1"));
+  rooms_.ip("pe2", "link set core1 down");
+  EXPECT_TRUE(stands_on("core0")) << "a link that is down carries nothing";
 }
 
 TEST_F(NamespacesTest, LargePacketsCrossASmallCore) {

@@ -218,8 +218,10 @@ class StateTest : public testing::Test {
   }
 
   std::vector<CoreKey> joined_, left_;
+  std::string passed_;
   State state_{{[](Vrf &) {}, [](Vrf &) {}, [](Vrf &) {},
-                [this](const CoreKey &key, bool present) { (present ? joined_ : left_).push_back(key); }}};
+                [this](const CoreKey &key, bool present) { (present ? joined_ : left_).push_back(key); },
+                [this](const CoreKey &, const Vrf &from, const Vrf &to) { passed_ += from.name + ">" + to.name; }}};
 };
 
 TEST_F(StateTest, FlowsTakeTheirIndexAndTheRestTheDefault) {
@@ -264,6 +266,21 @@ TEST_F(StateTest, TakesFromTheCoreWhatTheRoutesSay) {
   }
   EXPECT_EQ(group_of(own_core), 0u) << "a core packet of ours that a VRF sends";
   EXPECT_EQ(dropped(vrf().drops, Drop::looped), 3u);
+}
+
+TEST_F(StateTest, ACoreRouteHasOneVrfAndPasses) {
+  ASSERT_EQ(state_.put_vrf("blue", "blue"), "");
+  ASSERT_EQ(state_.put_tunnel("blue", {"mti3", kOwn, kDataGroup, 1376, true}), "");
+  ASSERT_EQ(state_.put_core_route({kPeer, kDefaultGroup}, "red"), "");
+  EXPECT_EQ(passed_, "") << "it was red's already";
+  ASSERT_EQ(state_.put_core_route({kPeer, kDefaultGroup}, "blue"), "");
+  EXPECT_EQ(passed_, "red>blue");
+  std::span<uint8_t> datagram;
+  Bytes packet = core_packet(kPeer, kDefaultGroup, customer());
+  EXPECT_EQ(state_.accept(packet, false, &datagram), state_.find_vrf("blue"));
+  state_.remove_vrf("red");
+  EXPECT_TRUE(left_.empty()) << "it is not red's any more";
+  EXPECT_TRUE(accepted(core_packet(kPeer, kDefaultGroup, customer())));
 }
 
 TEST_F(StateTest, WhatNobodyClaimsIsSwept) {
