@@ -1,6 +1,5 @@
 #include "forwarder/client.h"
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -11,9 +10,6 @@
 
 namespace forwarder {
 namespace {
-
-using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 
 constexpr size_t kUnsentMax = 64 << 20;
 constexpr uint32_t kFirstDataIndex = 2;
@@ -41,6 +37,7 @@ bool Client::connect() {
   socket_ = std::move(socket);
   framing_ = Framing(kUnsentMax);
   held_.clear();
+  counters_ = Counters();
   ready_ = false;
   protocol::Request request;
   request.mutable_hello()->set_version(kProtocolVersion);
@@ -210,46 +207,34 @@ void Client::handle(const protocol::Report &report) {
   }
 }
 
-bool Client::count(const protocol::Report &report) {
+void Client::count(const protocol::Report &report) {
   using Kind = protocol::Report;
   switch (report.report_case()) {
     case Kind::kFlow:
-      return counters_.flows.push_back(report.flow()), true;
+      return counters_.flows.push_back(report.flow());
     case Kind::kRouteBytes:
-      return counters_.routes.push_back(report.route_bytes()), true;
+      return counters_.routes.push_back(report.route_bytes());
     case Kind::kCore:
-      return counters_.core.push_back(report.core()), true;
+      return counters_.core.push_back(report.core());
     case Kind::kVrf:
-      return counters_.vrfs.push_back(report.vrf()), true;
+      return counters_.vrfs.push_back(report.vrf());
     case Kind::kDrop:
-      return counters_.drops.push_back(report.drop()), true;
+      return counters_.drops.push_back(report.drop());
     case Kind::kEvent:
-      return counters_.events.push_back(report.event()), true;
+      return counters_.events.push_back(report.event());
     case Kind::kCountersEnd:
-      return answered_ = report.counters_end().token(), true;
+      return callbacks_.counters(std::exchange(counters_, Counters()));
     default:
-      return false;
+      return;  // of a later version
   }
 }
 
-std::optional<Counters> Client::fetch(milliseconds timeout) {
-  if (!ready_) return std::nullopt;
-  counters_ = Counters();
+bool Client::request_counters() {
+  if (!ready_) return false;
   protocol::Request request;
-  request.set_counters(++token_);
+  request.set_counters(1);  // answers come in the order of requests: nobody has to tell them apart
   transmit(request);
-  const auto end = steady_clock::now() + timeout;
-  while (socket_ && answered_ != token_) {
-    const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now()).count();
-    pollfd ready{socket_.get(), static_cast<short>(POLLIN | (wants_to_write() ? POLLOUT : 0)), 0};
-    if (left <= 0 || (::poll(&ready, 1, static_cast<int>(left)) < 0 && errno != EINTR)) {
-      disconnect("it does not answer");
-      break;
-    }
-    on_ready();
-  }
-  if (!socket_) return std::nullopt;
-  return std::exchange(counters_, Counters());
+  return static_cast<bool>(socket_);
 }
 
 }  // namespace forwarder

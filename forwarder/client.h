@@ -6,18 +6,16 @@
 // a control plane that was started anew does not know yet what it will want, and does not take back what it is going to
 // ask for. A flow that is held on a data MDT does not go to the default MDT, and a tunnel that is up does not go down.
 //
-// Not a thread of its own: the owner waits for descriptor() and calls on_ready(). Callbacks come from there and from
-// fetch().
+// Not a thread of its own, and nothing here waits: the owner waits for descriptor() and calls on_ready(). Callbacks come
+// from there.
 #ifndef FORWARDER_CLIENT_H
 #define FORWARDER_CLIENT_H
 
 #include <forwarder/protocol.pb.h>
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <optional>
 #include <span>
 #include <string>
 #include <tuple>
@@ -44,6 +42,7 @@ class Client {
     std::function<void(const protocol::TunnelState &)> tunnel_state;
     std::function<void(const protocol::CustomerRoute &)> customer_route;
     std::function<void(const protocol::Datagram &)> datagram;
+    std::function<void(Counters)> counters;  // the answer to request_counters()
     std::function<void(const std::string &)> log;
     std::function<void()> connected, disconnected;
   };
@@ -67,8 +66,11 @@ class Client {
   void remove(const protocol::Item &item);  // its key counts
   bool send(const std::string &vrf, std::span<const uint8_t> datagram);
 
-  // Asks for all counters and waits for them; nothing when they do not come in time, which ends the connection.
-  std::optional<Counters> fetch(std::chrono::milliseconds timeout);
+  // Asks for all counters. One answer comes for each request, unless the connection ends before. False: the forwarder is
+  // not there, or has not said yet what it holds.
+  bool request_counters();
+  // Ends a connection that is of no use.
+  void give_up(const std::string &reason) { disconnect(reason); }
 
   // Items that the forwarder held when this connection began.
   size_t held() const { return held_.size(); }
@@ -87,7 +89,7 @@ class Client {
   void read();
   void handle(const protocol::Report &report);
   void greeted(const protocol::Welcome &welcome);
-  bool count(const protocol::Report &report);
+  void count(const protocol::Report &report);
   void disconnect(const std::string &reason);
 
   std::string path_, name_;
@@ -100,7 +102,6 @@ class Client {
   protocol::Settings settings_;
   Items wanted_, held_;
   Counters counters_;
-  uint64_t token_ = 0, answered_ = 0;
 };
 
 }  // namespace forwarder

@@ -84,9 +84,9 @@ void Daemon::follow_metrics(const std::optional<EndpointValue> &at) {
   if (!metrics_)
     metrics_.emplace(
         loop_.io(),
-        [this](metrics::Format format) {
+        [this](metrics::Format format, const std::function<void(std::string)> &answer) {
           Loop::Turn turn(loop_);
-          return metrics_text(*router_, loop_, format);
+          router_->forwarding().refresh([this, format, answer] { answer(metrics_text(*router_, loop_, format)); });
         },
         [this](const std::string &text) { log(text); });
   metrics_->listen(at ? at->address : "", at ? at->port : 0);

@@ -118,6 +118,12 @@ Outcome clear_bgp(BgpService &bgp, const Statement &statement) {
   return reason.empty() ? Outcome() : Outcome{false, reason + "\n"};
 }
 
+// Whether a command shows what the forwarder counts, which has to be asked for first.
+bool tells_of_forwarder(Command command) {
+  return command == Command::show_forwarding || command == Command::show_forwarding_events ||
+         command == Command::show_metrics;
+}
+
 }  // namespace
 
 Engine::Engine(Router &router, const Loop &loop) : router_(router), loop_(loop) { ref::set_yield_hook(wait_at_yield); }
@@ -131,10 +137,18 @@ void Engine::execute(const ControlServer::Request &request, const std::shared_pt
     channel->end(kStatusSyntax);
     return;
   }
-  const Statement &first = parsed.match.statements.front();
+  if (!tells_of_forwarder(parsed.match.statements.front().command)) return run(parsed, channel);
+  router_.forwarding().refresh([this, parsed, channel] {
+    if (channel->wanted()) return run(parsed, channel);
+    channel->end(kStatusFailed);
+  });
+}
+
+void Engine::run(const CommandLine &line, const std::shared_ptr<OutputChannel> &channel) {
+  const Statement &first = line.match.statements.front();
   if (is_view(first))
-    return start_view(std::make_unique<ViewRun>(ViewRun{this, first, parsed.format, parsed.filters, channel}));
-  const Outcome outcome = operate(parsed.match.statements);
+    return start_view(std::make_unique<ViewRun>(ViewRun{this, first, line.format, line.filters, channel}));
+  const Outcome outcome = operate(line.match.statements);
   outcome.accepted ? channel->output(outcome.text) : channel->error(outcome.text);
   channel->end(outcome.accepted ? kStatusDone : kStatusFailed);
 }

@@ -1,7 +1,8 @@
 // The command engine: runs the command lines of clients.
 //
 // Views run on threads of their own, under the scheduling locks: a listing yields to everything else, and a client that
-// reads slowly holds up nobody but itself. Every other command runs at once on the main thread.
+// reads slowly holds up nobody but itself. Every other command runs at once on the main thread. A command that shows what
+// the forwarder counts begins when the forwarder has answered.
 #ifndef HOST_ENGINE_H
 #define HOST_ENGINE_H
 
@@ -39,6 +40,7 @@ class Engine {
     std::shared_ptr<OutputChannel> channel;
   };
 
+  void run(const CommandLine &line, const std::shared_ptr<OutputChannel> &channel);
   void start_view(std::unique_ptr<ViewRun> run);
   static void *view_thread(void *argument);
   uint32_t show(const ViewRun &run);

@@ -26,7 +26,7 @@ constexpr seconds kRetry{1};
 constexpr seconds kGrace{10};          // for a forwarder that is started anew, before tunnels count as down
 constexpr seconds kTelling{3};         // for a forwarder to tell again what there is
 constexpr seconds kRecovery{240};      // of the platform's clock, as the module's own recovery
-constexpr milliseconds kAnswer{1000};  // for counters
+constexpr milliseconds kAnswer{5000};  // for counters; a forwarder that takes longer hangs
 constexpr double kBytesPerKbit = 125;
 constexpr double kSecondsAMinute = 60;
 
@@ -72,7 +72,8 @@ Forwarding::Forwarding(Loop &loop, Log log, std::function<void(const std::string
       started_(ref::now()),
       socket_(loop.io()),
       retry_(loop.io()),
-      grace_(loop.io()) {}
+      grace_(loop.io()),
+      answer_(loop.io()) {}
 
 Forwarding::~Forwarding() {
   unwatch();
@@ -153,6 +154,7 @@ void Forwarding::close() {
   flows_.clear();
   waiting_interfaces_.clear();
   waiting_routes_.clear();
+  refreshed(std::nullopt);
 }
 
 // The module leaves a VRF that is not configured any more in its own time; until then the forwarder keeps it.
@@ -229,6 +231,7 @@ forwarder::Client::Callbacks Forwarding::callbacks() {
     const auto *bytes = reinterpret_cast<const uint8_t *>(told.bytes().data());
     ref::receive_tunnel_datagram(told.vrf(), {bytes, told.bytes().size()});
   };
+  callbacks.counters = [this](forwarder::Counters counters) { refreshed(std::move(counters)); };
   callbacks.log = log_;
   callbacks.connected = [this] { on_connected(); };
   callbacks.disconnected = [this] { on_disconnected(); };
@@ -267,6 +270,7 @@ void Forwarding::drop_what_is_not_told() {
 
 void Forwarding::on_disconnected() {
   unwatch();
+  refreshed(std::nullopt);
   grace_.expires_after(kGrace);
   grace_.async_wait([this](const boost::system::error_code &error) {
     if (error || connected()) return;
@@ -460,18 +464,41 @@ bool Forwarding::apply_route(const RouteKey &key, CustomerRoute &route) {
   return done;
 }
 
-std::optional<forwarder::Counters> Forwarding::counters() {
-  return connected() ? client_->fetch(kAnswer) : std::nullopt;
+// ------------------------------------------------------------------------------------------------------------- counters
+
+void Forwarding::refresh(std::function<void()> then) {
+  waiting_answer_.push_back(std::move(then));
+  if (waiting_answer_.size() > 1) return;
+  if (!connected() || !client_->request_counters()) return refreshed(std::nullopt);
+  answer_.expires_after(kAnswer);
+  answer_.async_wait([this](const boost::system::error_code &error) {
+    if (error || waiting_answer_.empty() || client_ == nullptr) return;
+    Loop::Turn turn(loop_);
+    client_->give_up("it does not answer");
+  });
+}
+
+// Whoever is told may ask again.
+void Forwarding::refreshed(std::optional<forwarder::Counters> counters) {
+  answer_.cancel();
+  counters_ = std::move(counters);
+  answered_ = std::chrono::steady_clock::now();
+  for (const std::function<void()> &then : std::exchange(waiting_answer_, {})) then();
+}
+
+void Forwarding::count_customer_bytes(std::function<void()> then) {
+  refresh([this, then = std::move(then)] {
+    set_customer_bytes();
+    then();
+  });
 }
 
 // Rates are those of real time, whatever the platform's clock does: the packets are.
-void Forwarding::count_customer_bytes() {
-  const auto counters = client_->fetch(kAnswer);
-  const auto now = std::chrono::steady_clock::now();
-  if (!counters) return;
-  const double elapsed = counted_ ? std::chrono::duration<double>(now - *counted_).count() : kSecondsAMinute;
-  counted_ = now;
-  for (const forwarder::protocol::RouteBytes &counted : counters->routes) {
+void Forwarding::set_customer_bytes() {
+  if (!counters_) return;
+  const double elapsed = counted_ ? std::chrono::duration<double>(answered_ - *counted_).count() : kSecondsAMinute;
+  counted_ = answered_;
+  for (const forwarder::protocol::RouteBytes &counted : counters_->routes) {
     const auto found = routes_.find({counted.vrf(), counted.source(), counted.group()});
     if (found == routes_.end() || elapsed <= 0) continue;
     CustomerRoute &route = found->second;

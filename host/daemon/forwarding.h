@@ -52,8 +52,10 @@ class Forwarding : private ref::ForwardingPlane {
   const std::string &socket() const { return path_; }
   bool connected() const { return active() && client_->descriptor() >= 0; }
   bool recovering() const { return active() && client_->recovering(); }
-  // All counters and events of the forwarder; nothing without a connection. Waits for the answer, for a second at most.
-  std::optional<forwarder::Counters> counters();
+  // Asks the forwarder for its counters and events, and calls `then` once, in a turn of the main loop: when they have come,
+  // and at once or later when they will not. Until the next refresh they stand in counters(); nothing there: no answer.
+  void refresh(std::function<void()> then);
+  const std::optional<forwarder::Counters> &counters() const { return counters_; }
 
  private:
   using SeenKey = std::pair<std::string, std::string>;  // VRF (empty: the core), name in its namespace
@@ -79,7 +81,7 @@ class Forwarding : private ref::ForwardingPlane {
                               bool installed) override;
   void customer_route_deleted(const std::string &vrf_name, const mvpn_mdt_route_addrs &addrs) override;
   bool send(const ref::Tunnel &tunnel, const std::vector<uint8_t> &datagram) override;
-  void count_customer_bytes() override;
+  void count_customer_bytes(std::function<void()> then) override;
 
   void open(const std::string &path, const std::string &hostname);
   void follow_settings(const Block &block);
@@ -101,6 +103,8 @@ class Forwarding : private ref::ForwardingPlane {
   bool is_configured(const SeenKey &key) const;
   void route_told(const forwarder::protocol::CustomerRoute &told);
   bool apply_route(const RouteKey &key, CustomerRoute &route);
+  void refreshed(std::optional<forwarder::Counters> counters);
+  void set_customer_bytes();
   void put_flow(const RouteKey &key, uint16_t index);
   void end_index(const std::string &vrf, uint16_t index);
 
@@ -112,7 +116,7 @@ class Forwarding : private ref::ForwardingPlane {
   std::unique_ptr<forwarder::Client> client_;
   std::string path_;
   boost::asio::posix::stream_descriptor socket_;
-  boost::asio::steady_timer retry_, grace_;
+  boost::asio::steady_timer retry_, grace_, answer_;
   bool waits_to_read_ = false, waits_to_write_ = false;
   uint64_t connections_ = 0;  // that have ended
 
@@ -125,6 +129,9 @@ class Forwarding : private ref::ForwardingPlane {
   std::set<SeenKey> waiting_interfaces_;
   std::set<RouteKey> waiting_routes_;
   uint64_t round_ = 0;
+  std::optional<forwarder::Counters> counters_;
+  std::chrono::steady_clock::time_point answered_;     // when they came
+  std::vector<std::function<void()>> waiting_answer_;  // not empty: they have been asked for
   std::optional<std::chrono::steady_clock::time_point> counted_;
 };
 

@@ -91,9 +91,9 @@ std::string time_text(uint64_t milliseconds) {
 }  // namespace
 
 void show_forwarding(const ViewInput &input, Listing &listing) {
-  Forwarding &forwarding = input.router.forwarding();
+  const Forwarding &forwarding = input.router.forwarding();
   if (!forwarding.active()) return;
-  const auto counters = forwarding.counters();
+  const auto counters = forwarding.counters();  // a copy: rows yield
   listing.begin(output::kForwarder);
   if (!listing.row({forwarding.socket(), forwarding.connected(), forwarding.recovering()}) || !counters) return;
   const std::string *vrf = find_argument(input.statement, "vrf");

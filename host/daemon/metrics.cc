@@ -221,9 +221,9 @@ void write_forwarding_vrfs(Exposition &out, const forwarder::Counters &counters)
   }
 }
 
-void write_forwarding(Exposition &out, Forwarding &forwarding) {
+void write_forwarding(Exposition &out, const Forwarding &forwarding) {
   if (!forwarding.active()) return;
-  const auto counters = forwarding.counters();
+  const auto &counters = forwarding.counters();
   out.gauge("mvpn_forwarder_connected", "1 while the forwarder is there.");
   out.sample(uint64_t{forwarding.connected() ? 1u : 0u});
   if (!counters) return;

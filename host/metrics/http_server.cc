@@ -20,7 +20,7 @@ constexpr std::chrono::seconds kRetry{5};
 
 class HttpServer::Client : public std::enable_shared_from_this<Client> {
  public:
-  Client(tcp::socket socket, std::function<std::string(Format)> write, std::shared_ptr<size_t> clients)
+  Client(tcp::socket socket, Write write, std::shared_ptr<size_t> clients)
       : stream_(std::move(socket)), buffer_(kMaxRequest), write_(std::move(write)), clients_(std::move(clients)) {
     ++*clients_;
     parser_.header_limit(kMaxRequest);
@@ -49,9 +49,12 @@ class HttpServer::Client : public std::enable_shared_from_this<Client> {
       return refuse(http::status::method_not_allowed);
     const beast::string_view accept = request[http::field::accept];
     const Format format = accepted_format({accept.data(), accept.size()});
-    start(http::status::ok, media_type(format), write_(format));
-    if (request.method() == http::verb::head) response_.body().clear();  // its length stays
-    send();
+    const bool head = request.method() == http::verb::head;
+    write_(format, [self = shared_from_this(), format, head](std::string text) {
+      self->start(http::status::ok, media_type(format), std::move(text));
+      if (head) self->response_.body().clear();  // its length stays
+      self->send();
+    });
   }
 
   void refuse(http::status status) {
@@ -81,12 +84,11 @@ class HttpServer::Client : public std::enable_shared_from_this<Client> {
   beast::flat_buffer buffer_;
   http::request_parser<http::empty_body> parser_;
   http::response<http::string_body> response_;
-  std::function<std::string(Format)> write_;
+  Write write_;
   std::shared_ptr<size_t> clients_;
 };
 
-HttpServer::HttpServer(boost::asio::io_context &io, std::function<std::string(Format)> write,
-                       std::function<void(const std::string &)> log)
+HttpServer::HttpServer(boost::asio::io_context &io, Write write, std::function<void(const std::string &)> log)
     : write_(std::move(write)), log_(std::move(log)), acceptor_(io), retry_(io) {}
 
 HttpServer::~HttpServer() = default;

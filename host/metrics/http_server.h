@@ -22,9 +22,10 @@ class HttpServer {
   static constexpr uint32_t kMaxRequest = 8192;      // bytes of a request's head
   static constexpr std::chrono::seconds kLimit{10};  // of a client, from its connection to the last byte
 
-  // write: makes the text; called from the event loop. log: lines for people.
-  HttpServer(boost::asio::io_context &io, std::function<std::string(Format)> write,
-             std::function<void(const std::string &)> log);
+  // Makes the text and hands it over, at once or later. Called from the event loop, and answers there.
+  using Write = std::function<void(Format, std::function<void(std::string)> answer)>;
+  // log: lines for people.
+  HttpServer(boost::asio::io_context &io, Write write, std::function<void(const std::string &)> log);
   ~HttpServer();
 
   // Listens on an address (dotted) and port, or on none when the address is empty. An address that cannot be had is tried
@@ -36,7 +37,7 @@ class HttpServer {
   void open();
   void accept();
 
-  std::function<std::string(Format)> write_;
+  Write write_;
   std::function<void(const std::string &)> log_;
   std::string address_;
   uint16_t port_ = 0;

@@ -421,8 +421,11 @@ std::vector<CustomerRoute> customer_routes(std::string_view vrf_name) {
 }
 
 void statistics_pass() {
-  if (ForwardingPlane *plane = forwarding_plane()) plane->count_customer_bytes();
-  for (const std::string &name : vrf_names()) check_vrf(name);
+  const auto check_all = [] {
+    for (const std::string &name : vrf_names()) check_vrf(name);
+  };
+  ForwardingPlane *plane = forwarding_plane();
+  plane == nullptr ? check_all() : plane->count_customer_bytes(check_all);
 }
 
 void start_statistics() {

@@ -9,6 +9,7 @@
 #define PLATFORM_REFERENCE_FORWARDING_PLANE_H
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -38,8 +39,9 @@ class ForwardingPlane {
 
   // Sends a customer datagram, complete on the wire, into a tunnel. False: it cannot.
   virtual bool send(const Tunnel &tunnel, const std::vector<uint8_t> &datagram) = 0;
-  // A statistics pass begins: the bytes of customer routes are to be set (set_customer_bytes).
-  virtual void count_customer_bytes() = 0;
+  // A statistics pass begins: the bytes of customer routes are to be set (set_customer_bytes), then `then` is called once, at
+  // once or later.
+  virtual void count_customer_bytes(std::function<void()> then) = 0;
 };
 
 // Has everything told from now on, beginning with what there is. Null: the services simulate. The caller keeps it alive.

@@ -27,7 +27,6 @@ namespace forwarder {
 namespace {
 
 using std::chrono::milliseconds;
-using std::chrono::seconds;
 
 constexpr uint32_t kDefaultGroup = 0xEF010101, kDataGroup = 0xEF010800;  // 239.1.1.1, 239.1.8.0
 constexpr uint32_t kGroup = 0xE8010101;                                  // 232.1.1.1
@@ -71,6 +70,7 @@ class Pe {
       routes_[{told.source(), told.group()}] = told;
     };
     callbacks.datagram = [this](const protocol::Datagram &told) { datagrams_.push_back(told.bytes()); };
+    callbacks.counters = [this](Counters counters) { counters_ = std::move(counters); };
     callbacks.log = [](const std::string &) {};
     callbacks.connected = callbacks.disconnected = [] {};
     client_.emplace(path_, "test", std::move(callbacks));
@@ -134,9 +134,10 @@ class Pe {
     return until([this] { return up_["red"]; });
   }
   Counters counters() {
-    auto fetched = client_->fetch(seconds(2));
-    EXPECT_TRUE(fetched.has_value());
-    return fetched.value_or(Counters());
+    counters_.reset();
+    EXPECT_TRUE(until([this] { return client_->request_counters(); }));
+    EXPECT_TRUE(until([this] { return counters_.has_value(); }));
+    return counters_.value_or(Counters());
   }
   uint64_t drops(const std::string &reason) {
     for (const protocol::DropCounter &drop : counters().drops)
@@ -154,6 +155,7 @@ class Pe {
   std::map<std::string, bool> up_;
   std::map<std::pair<uint32_t, uint32_t>, protocol::CustomerRoute> routes_;
   std::vector<std::string> datagrams_;
+  std::optional<Counters> counters_;
 };
 
 sockaddr_in endpoint(uint32_t address, uint16_t port) {

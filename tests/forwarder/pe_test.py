@@ -311,6 +311,16 @@ class TwoPes(unittest.TestCase):
         self.assertEqual(numbers, list(range(numbers[0], sent)), "lost, repeated or out of order")
         self.assertLess(numbers[0], 100)
 
+    def test_a_forwarder_that_does_not_answer_holds_up_nobody_else(self):
+        pe = self.pes[0]
+        pe.forwarder.send_signal(signal.SIGSTOP)
+        with subprocess.Popen([PROGRAMS / "pimctl", "--control", f"{self.folder}/pe1.ctl", "show", "forwarding"],
+                              stdout=subprocess.PIPE, text=True) as waiting:
+            self.assertIn("Scale", pe.ask("show", "clock"))
+            self.assertIsNone(waiting.poll(), "it waits for the forwarder's counters")
+            pe.forwarder.send_signal(signal.SIGCONT)
+            self.assertIn("Core memberships", waiting.communicate(timeout=20)[0])
+
     def test_switchover_and_switchback_lose_nothing(self):
         self.start_traffic()
         self.switch_over()
