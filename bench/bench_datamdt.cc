@@ -13,6 +13,11 @@
 #include <vector>
 
 #include "bench/bench_world.h"
+#include "platform/reference/croute.h"
+#include "platform/reference/im.h"
+#include "platform/reference/pss.h"
+#include "platform/reference/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "platform/sockets.h"
 #include "routing/pim/mvpn/mvpn_datamdt_age_internal.h"
 #include "routing/pim/mvpn/mvpn_datamdt_join_internal.h"

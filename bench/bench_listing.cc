@@ -10,6 +10,8 @@
 
 #include "bench/bench_world.h"
 #include "host/output/output.h"
+#include "platform/reference/cli.h"
+#include "platform/reference/runtime.h"
 #include "routing/pim/mvpn/mvpn_mdt_route.h"
 #include "routing/pim/mvpn/mvpn_mrib_queue.h"
 

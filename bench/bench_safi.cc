@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "bench/bench_world.h"
+#include "platform/reference/mrib.h"
 #include "routing/pim/mvpn/mvpn_bgp.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_mdt_safi_internal.h"

@@ -7,6 +7,14 @@
 #include <cstring>
 #include <thread>
 
+#include "platform/reference/bgp.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/im.h"
+#include "platform/reference/l3vm.h"
+#include "platform/reference/module.h"
+#include "platform/reference/mts.h"
+#include "platform/reference/pim.h"
+#include "platform/reference/testing/services.h"
 #include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "tests/support/linked_module.h"
 

@@ -8,7 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/reference/reference.h"
+#include "platform/reference/cli.h"
+#include "platform/reference/runtime.h"
 #include "routing/pim/mvpn/mvpn.h"
 
 namespace bench {

@@ -1,5 +1,6 @@
 // Messages of BGP and of the tunnel manager: the first byte chooses the opcode, the rest is the payload.
 #include "fuzzers/fuzz_world.h"
+#include "platform/reference/mts.h"
 #include "routing/pim/mvpn/mvpn_mdt_safi.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {

@@ -4,6 +4,15 @@
 #include <cstdlib>
 #include <thread>
 
+#include "platform/reference/bgp.h"
+#include "platform/reference/cli.h"
+#include "platform/reference/croute.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/im.h"
+#include "platform/reference/l3vm.h"
+#include "platform/reference/module.h"
+#include "platform/reference/pim.h"
+#include "platform/reference/runtime.h"
 #include "routing/pim/mvpn/mvpn.h"
 #include "tests/support/linked_module.h"
 

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 
-#include "platform/reference/reference.h"
 #include "routing/pim/mvpn/mvpn.h"
 
 namespace fuzz {

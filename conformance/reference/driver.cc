@@ -8,7 +8,19 @@
 #include <deque>
 #include <thread>
 
-#include "platform/reference/reference.h"
+#include "platform/reference/bgp.h"
+#include "platform/reference/cli.h"
+#include "platform/reference/croute.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/im.h"
+#include "platform/reference/l3vm.h"
+#include "platform/reference/module.h"
+#include "platform/reference/mts.h"
+#include "platform/reference/pim.h"
+#include "platform/reference/pss.h"
+#include "platform/reference/rpm.h"
+#include "platform/reference/runtime.h"
+#include "platform/reference/testing/services.h"
 
 namespace {
 

@@ -20,6 +20,8 @@
 #include "host/daemon/loop.h"
 #include "host/daemon/module_loader.h"
 #include "host/daemon/router.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/runtime.h"
 
 namespace host {
 namespace {

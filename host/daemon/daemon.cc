@@ -17,6 +17,10 @@
 #include <utility>
 
 #include "host/daemon/metrics.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/oim.h"
+#include "platform/reference/pss.h"
+#include "platform/reference/runtime.h"
 #include "service/notify.h"
 
 namespace host {

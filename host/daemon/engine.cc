@@ -6,6 +6,11 @@
 #include <cstring>
 
 #include "host/daemon/metrics.h"
+#include "platform/reference/bgp.h"
+#include "platform/reference/cli.h"
+#include "platform/reference/croute.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/runtime.h"
 #include "platform/thread.h"
 
 namespace host {

@@ -12,6 +12,9 @@
 #include "platform/l3vm.h"
 #include "platform/oim.h"
 #include "platform/pim.h"
+#include "platform/reference/croute.h"
+#include "platform/reference/im.h"
+#include "platform/reference/runtime.h"
 #include "routing/pim/mvpn/mvpn.h"
 
 namespace host {

@@ -20,7 +20,10 @@
 #include "forwarder/client.h"
 #include "host/config/config.h"
 #include "host/daemon/loop.h"
+#include "platform/pim.h"
 #include "platform/reference/forwarding_plane.h"
+#include "platform/reference/mrib.h"
+#include "platform/reference/oim.h"
 
 namespace host {
 

@@ -5,6 +5,8 @@
 #include <chrono>
 #include <utility>
 
+#include "platform/reference/packet.h"
+
 namespace host {
 namespace {
 

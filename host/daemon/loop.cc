@@ -7,7 +7,8 @@
 #include <boost/asio/post.hpp>
 #include <ctime>
 
-#include "platform/reference/reference.h"
+#include "platform/reference/pss.h"
+#include "platform/reference/runtime.h"
 
 namespace host {
 

@@ -10,8 +10,8 @@
 
 #include "host/bgp/bgp_service.h"
 #include "host/daemon/loop.h"
+#include "platform/reference/bgp.h"
 #include "platform/reference/record_table.h"
-#include "platform/reference/reference.h"
 
 namespace host {
 

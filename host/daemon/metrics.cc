@@ -7,6 +7,11 @@
 #include <fstream>
 #include <map>
 
+#include "platform/reference/mem.h"
+#include "platform/reference/pim.h"
+#include "platform/reference/pss.h"
+#include "platform/reference/rpm.h"
+#include "platform/reference/runtime.h"
 #include "routing/pim/mvpn/mvpn.h"
 
 namespace host {

@@ -88,9 +88,6 @@ void find_entries(void *library, ref::Module *entries) {
   find(library, "mvpn_process_mrib_mdt_notify", &entries->mdt_notify);
   find(library, "mvpn_process_clear_route_notify", &entries->clear_route_notify);
   find(library, "mvpn_mrib_repopulate_mdt_routes", &entries->repopulate);
-  find(library, "mvpn_free_dependent_route_resources", &entries->free_dependent);
-  find(library, "mvpn_cli_vrf_done", &entries->cli_vrf_done);
-  find(library, "mvpn_cli_done", &entries->cli_done);
   find(library, "mvpn_process_mrib_join_notify", &entries->mrib_join);
   find(library, "mvpn_process_mrib_prune_notify", &entries->mrib_prune);
   find(library, "mvpn_process_pim_route_delete", &entries->route_delete);

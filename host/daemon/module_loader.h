@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "platform/reference/reference.h"
+#include "platform/reference/module.h"
 #include "routing/pim/mvpn/mvpn.h"
 
 namespace host {

@@ -15,6 +15,14 @@
 
 #include "host/snmp/tables.h"
 #include "platform/ip.h"
+#include "platform/reference/bgp.h"
+#include "platform/reference/cli.h"
+#include "platform/reference/im.h"
+#include "platform/reference/l3vm.h"
+#include "platform/reference/module.h"
+#include "platform/reference/pim.h"
+#include "platform/reference/rpm.h"
+#include "platform/reference/runtime.h"
 
 namespace host {
 namespace {

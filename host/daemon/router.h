@@ -15,6 +15,7 @@
 #include "host/daemon/links.h"
 #include "host/daemon/loop.h"
 #include "host/daemon/module_loader.h"
+#include "platform/reference/croute.h"
 
 namespace host {
 

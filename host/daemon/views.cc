@@ -10,6 +10,17 @@
 #include "host/daemon/forwarding_views.h"
 #include "platform/im.h"
 #include "platform/ip.h"
+#include "platform/oim.h"
+#include "platform/reference/bgp.h"
+#include "platform/reference/croute.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/im.h"
+#include "platform/reference/mem.h"
+#include "platform/reference/mrib.h"
+#include "platform/reference/oim.h"
+#include "platform/reference/pss.h"
+#include "platform/reference/rpm.h"
+#include "platform/reference/runtime.h"
 #include "routing/pim/mvpn/mvpn.h"
 
 namespace host {

@@ -7,6 +7,7 @@
 #include "host/daemon/router.h"
 #include "host/language/grammar.h"
 #include "host/output/listing.h"
+#include "platform/reference/pim.h"
 
 namespace host {
 

@@ -13,6 +13,7 @@
 
 #include "host/output/output.h"
 #include "host/output/schema.h"
+#include "platform/reference/cli.h"
 
 namespace output {
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "host/output/view.h"
-#include "platform/reference/reference.h"
+#include "platform/reference/cli.h"
 
 namespace output {
 

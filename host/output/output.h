@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/reference/reference.h"
+#include "platform/reference/cli.h"
 
 namespace output {
 

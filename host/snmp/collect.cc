@@ -28,7 +28,7 @@
 #include <tuple>
 
 #include "platform/cli_schema.h"
-#include "platform/reference/reference.h"
+#include "platform/reference/cli.h"
 
 namespace host::snmp {
 namespace {

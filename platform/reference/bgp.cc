@@ -21,10 +21,13 @@
 
 #include "platform/ip.h"
 #include "platform/mts.h"
+#include "platform/reference/bgp.h"
 #include "platform/reference/internal.h"
+#include "platform/reference/mts.h"
 #include "platform/reference/parse.h"
 #include "platform/reference/record_table.h"
 #include "platform/reference/services.h"
+#include "platform/reference/testing/services.h"
 #include "platform/reference/text.h"
 #include "platform/reference/wire.h"
 

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "platform/reference/runtime.h"
+
 namespace ref {
 namespace {
 

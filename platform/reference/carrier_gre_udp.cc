@@ -19,6 +19,7 @@
 
 #include "platform/ip.h"
 #include "platform/reference/carriers.h"
+#include "platform/reference/packet.h"
 #include "platform/reference/wire.h"
 
 namespace ref {

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "platform/reference/capture.h"
-#include "platform/reference/reference.h"
+#include "platform/reference/packet.h"
 
 namespace ref {
 

@@ -14,8 +14,11 @@
 #include <deque>
 #include <map>
 
+#include "platform/cli_schema.h"
 #include "platform/pim.h"
+#include "platform/reference/cli.h"
 #include "platform/reference/parse.h"
+#include "platform/reference/runtime.h"
 #include "platform/reference/services.h"
 
 struct cli_command {

@@ -21,8 +21,12 @@
 
 #include "platform/im.h"
 #include "platform/pim.h"
+#include "platform/reference/croute.h"
 #include "platform/reference/forwarding_plane.h"
+#include "platform/reference/im.h"
 #include "platform/reference/internal.h"
+#include "platform/reference/module.h"
+#include "platform/reference/runtime.h"
 #include "platform/reference/services.h"
 #include "platform/reference/wire.h"
 

@@ -12,7 +12,9 @@
 #include <cstring>
 #include <map>
 
+#include "platform/reference/diag.h"
 #include "platform/reference/internal.h"
+#include "platform/reference/runtime.h"
 #include "platform/reference/services.h"
 #include "platform/tlvu.h"
 

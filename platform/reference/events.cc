@@ -8,7 +8,9 @@
 #include <mutex>
 
 #include "platform/reference/internal.h"
+#include "platform/reference/module.h"
 #include "platform/reference/services.h"
+#include "platform/reference/testing/runtime.h"
 
 namespace ref {
 namespace {

@@ -15,7 +15,9 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/reference/reference.h"
+#include "platform/pim.h"
+#include "platform/reference/mrib.h"
+#include "platform/reference/oim.h"
 
 namespace ref {
 

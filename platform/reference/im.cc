@@ -16,6 +16,9 @@
 #include <set>
 
 #include "platform/ip.h"
+#include "platform/reference/im.h"
+#include "platform/reference/module.h"
+#include "platform/reference/runtime.h"
 #include "platform/reference/services.h"
 #include "platform/reference/text.h"
 

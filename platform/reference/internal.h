@@ -7,8 +7,6 @@
 #include <chrono>
 #include <functional>
 
-#include "platform/reference/reference.h"
-
 namespace ref {
 
 // ------------------------------------------------------------------------------------------------- main loop, timers

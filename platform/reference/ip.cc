@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "platform/reference/im.h"
 #include "platform/reference/services.h"
 #include "platform/reference/text.h"
 

@@ -6,7 +6,10 @@
 #include <map>
 #include <set>
 
+#include "platform/reference/im.h"
+#include "platform/reference/l3vm.h"
 #include "platform/reference/services.h"
+#include "platform/reference/testing/services.h"
 #include "platform/reference/text.h"
 
 namespace ref {

@@ -7,6 +7,7 @@
 #include <new>
 
 #include "platform/reference/internal.h"
+#include "platform/reference/mem.h"
 #include "platform/reference/object_pages.h"
 
 struct slab {

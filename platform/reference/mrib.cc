@@ -22,8 +22,12 @@
 #include "platform/pim.h"
 #include "platform/reference/forwarding_plane.h"
 #include "platform/reference/internal.h"
+#include "platform/reference/module.h"
+#include "platform/reference/mrib.h"
 #include "platform/reference/mrib_routes.h"
+#include "platform/reference/runtime.h"
 #include "platform/reference/services.h"
+#include "platform/reference/testing/services.h"
 #include "platform/reference/text.h"
 #include "platform/reference/wire.h"
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/reference/mrib.h"
 #include "platform/reference/wire.h"
 
 namespace ref {

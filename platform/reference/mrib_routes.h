@@ -19,8 +19,8 @@
 #include <vector>
 
 #include "platform/mrib.h"
+#include "platform/reference/mrib.h"
 #include "platform/reference/record_table.h"
-#include "platform/reference/reference.h"
 
 struct mrib_context {
   vrf_context_id_t context_id;

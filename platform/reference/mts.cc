@@ -6,6 +6,9 @@
 
 #include "platform/pim.h"
 #include "platform/reference/internal.h"
+#include "platform/reference/module.h"
+#include "platform/reference/mts.h"
+#include "platform/reference/runtime.h"
 #include "platform/reference/services.h"
 
 struct mts_queue {

@@ -14,7 +14,11 @@
 #include "platform/im.h"
 #include "platform/ip.h"
 #include "platform/reference/forwarding_plane.h"
+#include "platform/reference/im.h"
+#include "platform/reference/oim.h"
+#include "platform/reference/packet.h"
 #include "platform/reference/services.h"
+#include "platform/reference/testing/services.h"
 #include "platform/reference/wire.h"
 
 struct mbuf {

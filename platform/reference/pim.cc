@@ -14,8 +14,11 @@
 #include <memory>
 
 #include "platform/ip.h"
+#include "platform/reference/im.h"
 #include "platform/reference/internal.h"
+#include "platform/reference/pim.h"
 #include "platform/reference/services.h"
+#include "platform/reference/testing/services.h"
 
 namespace ref {
 namespace {
@@ -329,7 +332,7 @@ ip_addr_t pim_get_df_winner(ip_addr_t rp, im_iod_t iif) {
   return found == ref::process.df_winners.end() ? 0 : found->second;
 }
 
-void pim_mrib_wakeup_txlist_worker_thread() { ref::process.counters.host_worker_wakeups++; }
+void pim_mrib_wakeup_txlist_worker_thread() {}  // the stand-in installs at once and has no list of its own
 
 pim_iftype *pim_snmp_get_ifindex(if_index_t if_index, uint32_t) {
   im_iod_t iod = 0;

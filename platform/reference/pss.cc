@@ -17,10 +17,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <map>
+#include <memory>
 #include <set>
 
+#include "platform/diag.h"
 #include "platform/pim.h"
 #include "platform/reference/internal.h"
+#include "platform/reference/pss.h"
+#include "platform/reference/testing/services.h"
 
 struct ksink_pss {};
 

@@ -6,6 +6,7 @@
 
 #include "platform/ip.h"
 #include "platform/reference/internal.h"
+#include "platform/reference/rpm.h"
 
 namespace ref {
 namespace {

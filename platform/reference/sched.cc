@@ -34,6 +34,7 @@
 
 #include "platform/pim.h"
 #include "platform/reference/internal.h"
+#include "platform/reference/testing/runtime.h"
 
 struct tsp_lock {
   pthread_t owner;

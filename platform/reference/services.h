@@ -14,7 +14,11 @@
 
 #include "platform/im.h"
 #include "platform/l3vm.h"
-#include "platform/reference/reference.h"
+#include "platform/mrib.h"
+#include "platform/pim.h"
+#include "platform/reference/im.h"
+#include "platform/reference/mts.h"
+#include "platform/reference/pim.h"
 
 namespace ref {
 

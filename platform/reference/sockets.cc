@@ -16,6 +16,8 @@
 #include <span>
 
 #include "platform/reference/services.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "platform/reference/wire.h"
 
 namespace ref {

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "platform/reference/internal.h"
+#include "platform/reference/testing/runtime.h"
 #include "platform/reference/text.h"
 
 using namespace std::chrono_literals;

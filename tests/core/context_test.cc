@@ -2,6 +2,11 @@
 #include <cstring>
 
 #include "platform/im.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/module.h"
+#include "platform/reference/mts.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_default_mdt_internal.h"
 #include "routing/pim/mvpn/mvpn_diag.h"

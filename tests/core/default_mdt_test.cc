@@ -3,6 +3,18 @@
 #include <functional>
 
 #include "platform/l3vm.h"
+#include "platform/oim.h"
+#include "platform/reference/bgp.h"
+#include "platform/reference/croute.h"
+#include "platform/reference/im.h"
+#include "platform/reference/l3vm.h"
+#include "platform/reference/mrib.h"
+#include "platform/reference/mts.h"
+#include "platform/reference/oim.h"
+#include "platform/reference/pim.h"
+#include "platform/reference/rpm.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_default_mdt_internal.h"
 #include "routing/pim/mvpn/mvpn_mdt_route.h"

@@ -1,4 +1,11 @@
 // Start and stop of the module: the order of platform calls, failures at every step, and what survives.
+#include "platform/reference/diag.h"
+#include "platform/reference/im.h"
+#include "platform/reference/mem.h"
+#include "platform/reference/mrib.h"
+#include "platform/reference/mts.h"
+#include "platform/reference/pim.h"
+#include "platform/reference/testing/runtime.h"
 #include "routing/pim/mvpn/mvpn_mdt_safi.h"
 #include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "tests/support/module_test.h"

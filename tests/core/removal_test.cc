@@ -1,5 +1,12 @@
 // The end of a VRF: its default group is removed in every status, and it goes, or is configured anew, in the middle of its
 // own end.
+#include "platform/reference/bgp.h"
+#include "platform/reference/im.h"
+#include "platform/reference/l3vm.h"
+#include "platform/reference/mrib.h"
+#include "platform/reference/oim.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_default_mdt_internal.h"
 #include "routing/pim/mvpn/mvpn_mdt_route.h"

@@ -1,5 +1,13 @@
 // The Join datagram: its bytes, its buffer, sending it, and what the receiver thread makes of datagrams.
 #include "platform/ip.h"
+#include "platform/reference/croute.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/im.h"
+#include "platform/reference/l3vm.h"
+#include "platform/reference/packet.h"
+#include "platform/reference/pim.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_datamdt_join_internal.h"
 #include "routing/pim/mvpn/mvpn_datamdt_receiver_internal.h"

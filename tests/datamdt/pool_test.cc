@@ -1,5 +1,10 @@
 // Ranges, the mapping of customer routes onto them, the group pool with its counts and encapsulation indexes.
 #include "platform/l3vm.h"
+#include "platform/reference/croute.h"
+#include "platform/reference/pss.h"
+#include "platform/reference/rpm.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"
 #include "routing/pim/mvpn/mvpn_default_mdt.h"

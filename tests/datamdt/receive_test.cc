@@ -2,6 +2,12 @@
 #include <sched.h>
 
 #include "platform/im.h"
+#include "platform/reference/croute.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/im.h"
+#include "platform/reference/module.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "routing/pim/mvpn/mvpn_datamdt_age_internal.h"
 #include "routing/pim/mvpn/mvpn_datamdt_receiver_internal.h"
 #include "routing/pim/mvpn/mvpn_default_mdt.h"

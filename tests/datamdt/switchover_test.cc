@@ -1,4 +1,12 @@
 // The sending side: the rate check, switchover and switchback, flows that switch at once, and what ends a flow.
+#include "platform/reference/croute.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/im.h"
+#include "platform/reference/mrib.h"
+#include "platform/reference/packet.h"
+#include "platform/reference/pss.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"
 #include "routing/pim/mvpn/mvpn_datamdt_receiver.h"
 #include "routing/pim/mvpn/mvpn_datamdt_sender_internal.h"

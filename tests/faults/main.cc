@@ -28,6 +28,9 @@
 #include <sstream>
 
 #include "options/command_line.h"
+#include "platform/reference/mem.h"
+#include "platform/reference/pim.h"
+#include "platform/reference/testing/runtime.h"
 #include "routing/pim/mvpn/mvpn.h"
 #include "tests/faults/story.h"
 #include "tests/support/platform_trace.h"

@@ -5,6 +5,11 @@
 #include <chrono>
 
 #include "platform/l3vm.h"
+#include "platform/reference/bgp.h"
+#include "platform/reference/croute.h"
+#include "platform/reference/im.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "tests/support/module_test.h"
 
 namespace faults {

@@ -10,6 +10,20 @@
 #include <set>
 #include <type_traits>
 
+#include "platform/reference/bgp.h"
+#include "platform/reference/cli.h"
+#include "platform/reference/croute.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/im.h"
+#include "platform/reference/l3vm.h"
+#include "platform/reference/module.h"
+#include "platform/reference/mrib.h"
+#include "platform/reference/oim.h"
+#include "platform/reference/packet.h"
+#include "platform/reference/pim.h"
+#include "platform/reference/pss.h"
+#include "platform/reference/rpm.h"
+#include "platform/reference/testing/runtime.h"
 #include "tests/support/linked_module.h"
 #include "tests/support/module_test.h"
 

@@ -11,8 +11,6 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/reference/reference.h"
-
 namespace faults {
 
 class World {

@@ -1,4 +1,13 @@
 // Persisted encapsulation choices and the recovery period after a restart.
+#include "platform/reference/croute.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/im.h"
+#include "platform/reference/mem.h"
+#include "platform/reference/packet.h"
+#include "platform/reference/pim.h"
+#include "platform/reference/pss.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "routing/pim/mvpn/mvpn_datamdt_join.h"
 #include "routing/pim/mvpn/mvpn_ha_internal.h"
 #include "tests/support/data_mdt_test.h"

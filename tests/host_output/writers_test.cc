@@ -3,6 +3,7 @@
 #include <iterator>
 
 #include "host/output/output.h"
+#include "platform/reference/cli.h"
 #include "tests/host_output/document_check.h"
 
 namespace {

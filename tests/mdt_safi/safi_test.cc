@@ -1,6 +1,15 @@
 // MDT SAFI entries: the database, the local advertisement, remote updates and BGP's notifications.
 #include <cstring>
 
+#include "platform/reference/bgp.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/im.h"
+#include "platform/reference/mem.h"
+#include "platform/reference/mrib.h"
+#include "platform/reference/mts.h"
+#include "platform/reference/pim.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "routing/pim/mvpn/mvpn_bgp.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_default_mdt.h"

@@ -3,6 +3,12 @@
 #include <cstring>
 
 #include "platform/ip.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/im.h"
+#include "platform/reference/mrib.h"
+#include "platform/reference/pim.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_default_mdt_internal.h"
 #include "routing/pim/mvpn/mvpn_mdt_route.h"

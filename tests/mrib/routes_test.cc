@@ -5,6 +5,12 @@
 #include <map>
 #include <thread>
 
+#include "platform/reference/diag.h"
+#include "platform/reference/l3vm.h"
+#include "platform/reference/mrib.h"
+#include "platform/reference/pim.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_default_mdt_internal.h"
 #include "routing/pim/mvpn/mvpn_mdt_route_internal.h"

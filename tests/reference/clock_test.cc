@@ -3,6 +3,8 @@
 #include <string>
 
 #include "platform/reference/internal.h"
+#include "platform/reference/mem.h"
+#include "platform/reference/testing/runtime.h"
 #include "platform/thread.h"
 #include "platform/timer.h"
 #include "tests/reference/runtime_test.h"

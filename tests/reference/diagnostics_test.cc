@@ -3,7 +3,15 @@
 #include <cstring>
 #include <string>
 
+#include "platform/diag.h"
+#include "platform/mem.h"
 #include "platform/pim.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/mem.h"
+#include "platform/reference/module.h"
+#include "platform/reference/mts.h"
+#include "platform/reference/rpm.h"
+#include "platform/reference/testing/runtime.h"
 #include "platform/rpm.h"
 #include "platform/tlvu.h"
 #include "tests/reference/runtime_test.h"

@@ -4,7 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/reference/reference.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/runtime.h"
 
 class RuntimeTest : public ::testing::Test {
  protected:

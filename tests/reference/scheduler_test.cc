@@ -6,7 +6,9 @@
 #include <string>
 #include <thread>
 
+#include "platform/diag.h"
 #include "platform/pim.h"
+#include "platform/reference/testing/runtime.h"
 #include "platform/thread.h"
 #include "tests/reference/runtime_test.h"
 

@@ -11,6 +11,9 @@
 #include <random>
 
 #include "platform/pss.h"
+#include "platform/reference/pss.h"
+#include "platform/reference/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "platform/thread.h"
 #include "tests/reference/runtime_test.h"
 

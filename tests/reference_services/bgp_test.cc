@@ -1,6 +1,10 @@
 // Route distinguishers, MDT SAFI messages in both directions.
 #include "platform/bgp.h"
 
+#include "platform/reference/bgp.h"
+#include "platform/reference/l3vm.h"
+#include "platform/reference/module.h"
+#include "platform/reference/testing/runtime.h"
 #include "tests/reference_services/services_test.h"
 
 namespace {

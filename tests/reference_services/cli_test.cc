@@ -3,6 +3,8 @@
 
 #include <functional>
 
+#include "platform/reference/cli.h"
+#include "platform/reference/testing/runtime.h"
 #include "tests/reference_services/services_test.h"
 
 namespace {

@@ -1,6 +1,12 @@
 // Customer routes: what the module is told and when, the statistics pass, VRFs coming and going.
+#include "platform/reference/croute.h"
 #include "platform/im.h"
 #include "platform/mrib.h"
+#include "platform/oim.h"
+#include "platform/reference/im.h"
+#include "platform/reference/l3vm.h"
+#include "platform/reference/oim.h"
+#include "platform/reference/testing/runtime.h"
 #include "tests/reference_services/services_test.h"
 
 namespace {

@@ -1,6 +1,11 @@
 // Updates, acknowledgements, ownership and notifications of the MRIB.
 #include "platform/mrib.h"
 
+#include "platform/reference/im.h"
+#include "platform/reference/module.h"
+#include "platform/reference/mrib.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "tests/reference_services/services_test.h"
 
 namespace {

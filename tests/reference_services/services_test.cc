@@ -4,6 +4,12 @@
 #include "platform/ip.h"
 #include "platform/mrib.h"
 #include "platform/oim.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/im.h"
+#include "platform/reference/l3vm.h"
+#include "platform/reference/module.h"
+#include "platform/reference/oim.h"
+#include "platform/reference/testing/runtime.h"
 
 std::vector<std::string> told;
 

@@ -11,7 +11,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/reference/reference.h"
+#include "platform/mrib.h"
+#include "platform/pim.h"
 
 // What the module was told, one text per call.
 extern std::vector<std::string> told;

@@ -6,6 +6,11 @@
 #include "platform/im.h"
 #include "platform/l3vm.h"
 #include "platform/oim.h"
+#include "platform/reference/im.h"
+#include "platform/reference/l3vm.h"
+#include "platform/reference/oim.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "tests/reference_services/services_test.h"
 
 namespace {

@@ -19,6 +19,8 @@
 #include <map>
 #include <sstream>
 
+#include "platform/reference/croute.h"
+#include "platform/reference/diag.h"
 #include "tests/simulation/steps.h"
 #include "tests/simulation/world.h"
 

@@ -8,6 +8,14 @@
 
 #include "platform/l3vm.h"
 #include "platform/pim.h"
+#include "platform/reference/bgp.h"
+#include "platform/reference/croute.h"
+#include "platform/reference/im.h"
+#include "platform/reference/mrib.h"
+#include "platform/reference/mts.h"
+#include "platform/reference/oim.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "tests/support/platform_trace.h"
 
 namespace simulation {

@@ -10,6 +10,18 @@
 
 #include "platform/l3vm.h"
 #include "platform/mts.h"
+#include "platform/reference/bgp.h"
+#include "platform/reference/croute.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/l3vm.h"
+#include "platform/reference/module.h"
+#include "platform/reference/mts.h"
+#include "platform/reference/oim.h"
+#include "platform/reference/pim.h"
+#include "platform/reference/pss.h"
+#include "platform/reference/rpm.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "tests/support/linked_module.h"
 #include "tests/support/platform_trace.h"
 

@@ -16,7 +16,9 @@
 #include <tuple>
 #include <vector>
 
-#include "platform/reference/reference.h"
+#include "platform/reference/cli.h"
+#include "platform/reference/im.h"
+#include "platform/reference/runtime.h"
 #include "routing/pim/mvpn/mvpn.h"
 
 namespace simulation {

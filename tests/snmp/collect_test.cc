@@ -8,7 +8,7 @@
 
 #include "platform/cli.h"
 #include "platform/cli_schema.h"
-#include "platform/reference/reference.h"
+#include "platform/reference/runtime.h"
 
 namespace {
 

@@ -8,6 +8,12 @@
 #include <memory>
 #include <thread>
 
+#include "platform/reference/cli.h"
+#include "platform/reference/croute.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/im.h"
+#include "platform/reference/mrib.h"
+#include "platform/reference/testing/runtime.h"
 #include "routing/pim/mvpn/mvpn_datamdt_receiver_internal.h"
 #include "routing/pim/mvpn/mvpn_mdt_route.h"
 #include "tests/support/module_test.h"

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/reference/pss.h"
 #include "routing/pim/mvpn/mvpn_ha.h"
 #include "tests/support/module_test.h"
 

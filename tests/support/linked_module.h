@@ -2,7 +2,7 @@
 #ifndef TESTS_SUPPORT_LINKED_MODULE_H
 #define TESTS_SUPPORT_LINKED_MODULE_H
 
-#include "platform/reference/reference.h"
+#include "platform/reference/module.h"
 #include "routing/pim/mvpn/mvpn.h"
 
 inline ref::Module linked_module() {
@@ -15,9 +15,6 @@ inline ref::Module linked_module() {
   module.mdt_notify = mvpn_process_mrib_mdt_notify;
   module.clear_route_notify = mvpn_process_clear_route_notify;
   module.repopulate = mvpn_mrib_repopulate_mdt_routes;
-  module.free_dependent = mvpn_free_dependent_route_resources;
-  module.cli_vrf_done = mvpn_cli_vrf_done;
-  module.cli_done = mvpn_cli_done;
   module.mrib_join = mvpn_process_mrib_join_notify;
   module.mrib_prune = mvpn_process_mrib_prune_notify;
   module.route_delete = mvpn_process_pim_route_delete;

@@ -6,6 +6,14 @@
 #include <chrono>
 #include <cstring>
 
+#include "platform/reference/diag.h"
+#include "platform/reference/im.h"
+#include "platform/reference/l3vm.h"
+#include "platform/reference/mem.h"
+#include "platform/reference/module.h"
+#include "platform/reference/mts.h"
+#include "platform/reference/pim.h"
+#include "platform/reference/testing/runtime.h"
 #include "tests/support/linked_module.h"
 
 using namespace std::chrono_literals;

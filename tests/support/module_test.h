@@ -10,7 +10,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/reference/reference.h"
+#include "platform/reference/bgp.h"
+#include "platform/reference/cli.h"
 #include "routing/pim/mvpn/mvpn.h"
 #include "tests/support/platform_trace.h"
 

@@ -7,11 +7,16 @@
 #include <map>
 #include <mutex>
 
+#include "platform/bgp.h"
+#include "platform/diag.h"
 #include "platform/im.h"
 #include "platform/ip.h"
 #include "platform/l3vm.h"
+#include "platform/mem.h"
+#include "platform/oim.h"
 #include "platform/pim.h"
-#include "platform/reference/reference.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/rpm.h"
 #include "platform/rqueue.h"
 #include "platform/sockets.h"
 #include "platform/txlist.h"

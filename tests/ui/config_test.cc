@@ -2,6 +2,15 @@
 #include <cstring>
 #include <set>
 
+#include "platform/reference/cli.h"
+#include "platform/reference/diag.h"
+#include "platform/reference/im.h"
+#include "platform/reference/mrib.h"
+#include "platform/reference/oim.h"
+#include "platform/reference/pim.h"
+#include "platform/reference/rpm.h"
+#include "platform/reference/testing/runtime.h"
+#include "platform/reference/testing/services.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_default_mdt.h"
 #include "routing/pim/mvpn/mvpn_mdt_route.h"

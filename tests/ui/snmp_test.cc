@@ -1,6 +1,10 @@
 // SNMP scalars and tables: rows against their golden text, walks, gets, and get-next from any index.
 #include <map>
 
+#include "platform/reference/croute.h"
+#include "platform/reference/im.h"
+#include "platform/reference/l3vm.h"
+#include "platform/reference/testing/runtime.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_datamdt_receiver.h"
 #include "routing/pim/mvpn/mvpn_mdt_route.h"

@@ -9,6 +9,11 @@
 #include <iterator>
 
 #include "platform/cli_schema.h"
+#include "platform/reference/bgp.h"
+#include "platform/reference/cli.h"
+#include "platform/reference/croute.h"
+#include "platform/reference/im.h"
+#include "platform/reference/testing/runtime.h"
 #include "routing/pim/mvpn/mvpn_datamdt_receiver.h"
 #include "tests/support/data_mdt_test.h"
 
