@@ -105,17 +105,16 @@ CHECK(thread, "a thread starts with the locks, its handle stored, cancellation d
 
 CHECK(thread, "one thread runs at a time") {
   int inside = 0, most = 0, turns = 0;
-  std::vector<pthread_t> threads;
-  for (int thread = 0; thread < 3; thread++)
-    threads.push_back(start([&] {
-      for (int i = 0; i < 300; i++) {
-        most = std::max(most, ++inside);
-        std::this_thread::sleep_for(10us);
-        turns++;
-        inside--;
-        platform.tsp_sched_yield();
-      }
-    }));
+  const auto take_turns = [&] {
+    for (int i = 0; i < 300; i++) {
+      most = std::max(most, ++inside);
+      std::this_thread::sleep_for(10us);
+      turns++;
+      inside--;
+      platform.tsp_sched_yield();
+    }
+  };
+  const pthread_t threads[] = {start(take_turns), start(take_turns), start(take_turns)};
   for (const pthread_t thread : threads) join(thread);
   EXPECT_EQUAL(most, 1);
   EXPECT_EQUAL(turns, 900);
@@ -124,7 +123,7 @@ CHECK(thread, "one thread runs at a time") {
 CHECK(thread, "a yield tells whether another thread ran") {
   EXPECT(platform.tsp_sched_may_yield() == 0);
   int counter = 0;
-  bool stop = false;
+  std::atomic<bool> stop = false;
   const pthread_t thread = start([&] {
     for (; !stop; counter++) platform.tsp_sched_may_yield();
   });

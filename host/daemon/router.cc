@@ -292,7 +292,7 @@ Outcome Router::configure_module(Config wanted, const BlockId &block, const Stat
 // Whether the store changes is the handler's to say, also when the line is there already.
 Outcome Router::run_command(const BlockId &block, const Statement &command) {
   if (!is_there(block.name)) return {false, "VRF " + block.name + " waits for a VRF that is being deleted\n"};
-  const Outcome outcome = run_handler(block.name, command, command.no, true);
+  Outcome outcome = run_handler(block.name, command, command.no, true);
   if (outcome.accepted) running_.edit(block, command);
   return outcome;
 }
