@@ -225,7 +225,8 @@ std::string draw_network(const Network &network) {
   drawing.box(10, 6, std::max(width - 14, 330.0), 30, "#f3e9d8", core);
   for (size_t i = 0; i < network.pes.size(); ++i) {
     const double x = 10 + kPeWidth * static_cast<double>(i % columns);
-    const double y = 64 + row_height * static_cast<double>(i / columns);
+    const size_t row = i / columns;
+    const double y = 64 + row_height * static_cast<double>(row);
     const double middle = x + (kPeWidth - 14) / 2;
     if (i < columns) drawing.line(middle, 36, middle, y, "stroke:#5b6770;stroke-width:1.5");
     draw_pe(network, network.pes[i], x, y, &drawing);
