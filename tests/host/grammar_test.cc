@@ -39,7 +39,7 @@ TEST(GrammarTest, OptionsComeInAnyOrder) {
 
 TEST(GrammarTest, AbbreviationsMustBeUnique) {
   EXPECT_EQ(match(Mode::exec, "sh mv int st").statements.at(0).handler, "mvpn_show_internal_state_cmd");
-  EXPECT_EQ(match(Mode::exec, "show m").error->reason, "'m' is ambiguous: mvpn or mrib");
+  EXPECT_EQ(match(Mode::exec, "show m").error->reason, "'m' is ambiguous: mvpn, mrib or metrics");
   EXPECT_TRUE(match(Mode::exec, "sh clock", false).error);
 }
 
