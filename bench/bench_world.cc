@@ -13,6 +13,7 @@
 #include "platform/reference/l3vm.h"
 #include "platform/reference/module.h"
 #include "platform/reference/mts.h"
+#include "platform/reference/object_pages.h"
 #include "platform/reference/pim.h"
 #include "platform/reference/testing/services.h"
 #include "routing/pim/mvpn/mvpn_mrib_queue.h"
@@ -124,7 +125,7 @@ void forget_records() {
 
 size_t allocated_bytes() {
   const struct mallinfo2 info = mallinfo2();
-  return info.uordblks + info.hblkhd;
+  return info.uordblks + info.hblkhd + ref::object_page_octets();
 }
 
 }  // namespace bench

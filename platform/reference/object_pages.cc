@@ -23,6 +23,7 @@ namespace ref {
 
 void *take_object(size_t octets) { return std::calloc(1, octets); }
 void give_object(void *object) { std::free(object); }
+size_t object_page_octets() { return 0; }
 
 #else
 
@@ -43,6 +44,7 @@ struct alignas(64) Page {
   Page *before, *after;  // pages of this size with room
 };
 
+size_t pages_in_use;                                         // that serve a size
 std::vector<void *> &free_pages = *new std::vector<void *>;  // objects may come back while the process ends
 std::array<Page *, largest / grain + 1> open;  // by size: pages with room, the one that something came back to in front
 
@@ -79,6 +81,7 @@ Page *open_page(size_t object_octets) {
   const auto objects = static_cast<uint32_t>((page_octets - sizeof(Page)) / object_octets);
   auto *page = new (free_pages.back()) Page{object_octets, nullptr, 0, objects, nullptr, nullptr};
   free_pages.pop_back();
+  pages_in_use++;
   link(page);
   return page;
 }
@@ -87,6 +90,7 @@ Page *open_page(size_t object_octets) {
 void give_page(Page *page) {
   if (free_pages.size() >= warm_pages) madvise(page, page_octets, MADV_DONTNEED);
   free_pages.push_back(page);
+  pages_in_use--;
 }
 
 void *take_alone(size_t octets) {
@@ -132,6 +136,8 @@ void give_object(void *object) {
   unlink(page);
   give_page(page);
 }
+
+size_t object_page_octets() { return pages_in_use * page_octets; }
 
 #endif
 

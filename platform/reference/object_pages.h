@@ -17,6 +17,10 @@ void *take_object(size_t octets);
 // Gives back what take_object made.
 void give_object(void *object);
 
+// Octets of the pages that serve a size, room in them included. An object too large for a page's share is the heap's, and
+// under the address sanitizer all are.
+size_t object_page_octets();
+
 }  // namespace ref
 
 #endif  // REFERENCE_OBJECT_PAGES_H
