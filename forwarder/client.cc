@@ -29,16 +29,14 @@ bool Client::connect() {
   path_.copy(address.sun_path, path_.size());
   Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-    if (!std::exchange(failing_, true))
-      callbacks_.log("forwarder " + path_ + ": " + std::strerror(errno) + "; tried again every second");
+    say(std::string(std::strerror(errno)) + "; tried again every second");
     return false;
   }
-  failing_ = false;
   socket_ = std::move(socket);
   framing_ = Framing(kUnsentMax);
   held_.clear();
   counters_ = Counters();
-  ready_ = false;
+  ready_ = refused_ = false;
   protocol::Request request;
   request.mutable_hello()->set_version(kProtocolVersion);
   request.mutable_hello()->set_name(name_);
@@ -51,9 +49,13 @@ void Client::disconnect(const std::string &reason) {
   if (!socket_) return;
   socket_ = Descriptor();
   ready_ = false;
-  failing_ = true;
-  callbacks_.log("forwarder " + path_ + ": " + reason);
+  if (!refused_) say(reason);
   callbacks_.disconnected();
+}
+
+// Once, however often it is tried.
+void Client::say(const std::string &text) {
+  if (std::exchange(said_, text) != text) callbacks_.log("forwarder " + path_ + ": " + text);
 }
 
 // -------------------------------------------------------------------------------------------------------------- wishes
@@ -183,12 +185,17 @@ void Client::handle(const protocol::Report &report) {
     case Kind::kWelcome:
       return greeted(report.welcome());
     case Kind::kRefusal:
+      if (!ready_) {
+        refused_ = true;
+        return say(report.refusal().reason());
+      }
       return callbacks_.log("forwarder: " + report.refusal().reason());
     case Kind::kHeld:
       held_[key_of(report.held())] = report.held();
       return;
     case Kind::kHeldEnd:
       ready_ = true;
+      said_.clear();
       callbacks_.log("forwarder " + path_ + ": connected; it holds " + std::to_string(held_.size()) + " items");
       callbacks_.connected();
       replay();

@@ -91,6 +91,7 @@ class Client {
   void greeted(const protocol::Welcome &welcome);
   void count(const protocol::Report &report);
   void disconnect(const std::string &reason);
+  void say(const std::string &text);
 
   std::string path_, name_;
   Callbacks callbacks_;
@@ -98,7 +99,8 @@ class Client {
   Framing framing_;
   bool ready_ = false;  // the forwarder has said what it holds
   bool recovering_ = false;
-  bool failing_ = false;  // the last attempt to connect failed
+  bool refused_ = false;  // the forwarder has said why it will end the connection
+  std::string said_;      // last of why there is no connection, which is tried again and again
   protocol::Settings settings_;
   Items wanted_, held_;
   Counters counters_;

@@ -294,6 +294,7 @@ void Plane::greet(const protocol::Hello &hello) {
   if (hello.version() != kProtocolVersion) {
     refuse("the forwarder speaks version " + std::to_string(kProtocolVersion) + " of its protocol, the control plane " +
            std::to_string(hello.version()));
+    flush_session();
     if (session_ != nullptr) end_session("it speaks another version");
     return;
   }

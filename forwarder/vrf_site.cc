@@ -45,6 +45,8 @@ VrfSite::VrfSite(Poller &poller, const Namespaces &namespaces, CoreSite &core, S
       vrf_(vrf),
       callbacks_(std::move(callbacks)) {
   enter();
+  if (!namespace_)
+    callbacks_.event("VRF " + vrf_.name + ": there is no namespace " + vrf_.netns + "; it is waited for");
 }
 
 VrfSite::~VrfSite() {

@@ -86,7 +86,8 @@ int main(int argc, char **argv) {
   app.add_flag("--keep", &keep, "keep the new folder even when everything held");
   if (const std::optional<int> status = app.parse(argc, argv, kUsage)) return *status;
   try {
-    const std::string lacking = real && skip ? lab::why_not_real() : std::string();
+    const std::string lacking = real ? lab::why_not_real() : std::string();
+    if (!lacking.empty() && !skip) throw std::runtime_error(lacking);
     if (!lacking.empty()) {
       std::cout << "skipped: " << lacking << '\n';
       return kSkipped;

@@ -462,6 +462,27 @@ TEST_F(NamespacesTest, KeepsThreeCapabilitiesAndNoMore) {
   EXPECT_EQ(std::stoi(values["NoNewPrivs:"]), 1);
 }
 
+TEST_F(NamespacesTest, AControlPlaneOfAnotherVersionIsToldWhy) {
+  one_->disconnect();
+  const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  one_->path_.copy(address.sun_path, one_->path_.size());
+  ASSERT_EQ(::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+  protocol::Request hello;
+  hello.mutable_hello()->set_version(kProtocolVersion + 1);
+  const std::string bytes = hello.SerializeAsString();
+  const std::string framed = std::string(3, '\0') + static_cast<char>(bytes.size()) + bytes;
+  ASSERT_EQ(::send(socket.get(), framed.data(), framed.size(), MSG_NOSIGNAL), static_cast<ssize_t>(framed.size()));
+  char answer[512];
+  const ssize_t size = ::recv(socket.get(), answer, sizeof answer, 0);
+  ASSERT_GT(size, 4);
+  protocol::Report report;
+  ASSERT_TRUE(report.ParseFromArray(answer + 4, static_cast<int>(size - 4)));
+  EXPECT_NE(report.refusal().reason().find("version"), std::string::npos);
+  EXPECT_EQ(::recv(socket.get(), answer, sizeof answer, 0), 0);
+}
+
 TEST_F(NamespacesTest, StrangersOnTheControlSocketDoNoHarm) {
   const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM, 0));
   const std::string garbage("\xFF\xFF\xFF\xFFgarbage", 11);
