@@ -106,7 +106,7 @@ class Observer {
     return 0;
   }
 };
-inline constexpr size_t kBestBatch = 1024;
+inline constexpr size_t kBestBatch = 100;  // an observer does far more for each than the speaker
 
 // ------------------------------------------------------------------------------------------------------------- views
 

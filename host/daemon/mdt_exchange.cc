@@ -139,6 +139,7 @@ uint64_t MdtExchange::ToldKey::hash() const {
 
 void MdtExchange::best_changed(std::span<const bgp::BestChange> changes) {
   RemoteChanges remote;
+  told_.expect(changes.size(), [&changes](size_t i) { return ToldKey{changes[i].nlri.key}; });
   for (const bgp::BestChange &change : changes) {
     const bool wanted = change.present && !change.local;
     const bgp::Nlri &nlri = change.nlri;

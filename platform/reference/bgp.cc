@@ -289,13 +289,19 @@ std::vector<MdtSafi> bgp_remote_entries() {
   return all;
 }
 
+static void expect_remote(const std::vector<MdtSafi> &entries) {
+  state.remote.expect(entries.size(), [&entries](size_t i) { return key_of(entries[i]); });
+}
+
 void bgp_add_remote(const std::vector<MdtSafi> &entries) {
+  expect_remote(entries);
   for (const MdtSafi &entry : entries)
     if (const EntryKey key = key_of(entry); state.remote.find(key) == 0) state.remote.add({key});
   send_remote(entries, true);
 }
 
 void bgp_withdraw_remote(const std::vector<MdtSafi> &entries) {
+  expect_remote(entries);
   for (const MdtSafi &entry : entries)
     if (const uint32_t id = state.remote.find(key_of(entry)); id != 0) state.remote.erase(id);
   send_remote(entries, false);

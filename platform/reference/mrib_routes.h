@@ -80,6 +80,12 @@ class MribRoutes {
   // Looks a route up, by `make` adding it where it is missing. Callers that changed what holds a route settle it.
   Id find(const MribKey &key) const { return records_.find(key); }
   Id make(const MribKey &key);
+  // Look-ups of so many keys follow.
+  template <typename KeyOf>
+  void expect(size_t count, KeyOf key_of) const {
+    records_.expect(count, key_of);
+    groups_.expect(count, [&key_of](size_t i) { return group_key(key_of(i)); });
+  }
   void settle(Id id);  // drops a route that nobody holds
 
   Record &operator[](Id id) { return records_[id]; }
