@@ -24,6 +24,7 @@
 #include "platform/reference/bgp.h"
 #include "platform/reference/internal.h"
 #include "platform/reference/mts.h"
+#include "platform/reference/observer.h"
 #include "platform/reference/parse.h"
 #include "platform/reference/record_table.h"
 #include "platform/reference/services.h"
@@ -296,14 +297,20 @@ static void expect_remote(const std::vector<MdtSafi> &entries) {
 void bgp_add_remote(const std::vector<MdtSafi> &entries) {
   expect_remote(entries);
   for (const MdtSafi &entry : entries)
-    if (const EntryKey key = key_of(entry); state.remote.find(key) == 0) state.remote.add({key});
+    if (const EntryKey key = key_of(entry); state.remote.find(key) == 0) {
+      state.remote.add({key});
+      if (observer() != nullptr) observer()->remote_entry_changed(entry, true);
+    }
   send_remote(entries, true);
 }
 
 void bgp_withdraw_remote(const std::vector<MdtSafi> &entries) {
   expect_remote(entries);
   for (const MdtSafi &entry : entries)
-    if (const uint32_t id = state.remote.find(key_of(entry)); id != 0) state.remote.erase(id);
+    if (const uint32_t id = state.remote.find(key_of(entry)); id != 0) {
+      state.remote.erase(id);
+      if (observer() != nullptr) observer()->remote_entry_changed(entry, false);
+    }
   send_remote(entries, false);
 }
 

@@ -26,6 +26,7 @@
 #include "platform/reference/im.h"
 #include "platform/reference/internal.h"
 #include "platform/reference/module.h"
+#include "platform/reference/observer.h"
 #include "platform/reference/runtime.h"
 #include "platform/reference/services.h"
 #include "platform/reference/wire.h"
@@ -205,6 +206,7 @@ void free_record(pim_cibtype *pcib, const mvpn_mdt_route_addrs &addrs) {
   const auto found = records.find(key);
   if (found == records.end()) return;
   if (ForwardingPlane *plane = forwarding_plane()) plane->customer_route_deleted(pcib->vrf_name, addrs);
+  if (observer() != nullptr) observer()->customer_route_deleted(pcib->vrf_name, addrs);
   pt_delete(pt_attr_create(0, 1, PIM_ROUTE_KEY_BYTES), &pcib->route_tree, key.data(), key_bits);
   mrib_release_route(pcib->context_id, found->second->route.addrs);
   routes.by_address.erase(&found->second->route);
@@ -458,6 +460,7 @@ void pim_get_addrs_from_pt_key(const uint8_t *key, mvpn_mdt_route_addrs *addrs) 
 void pim_add_route(pim_cibtype *pcib, pim_route *route, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t) {
   ref::pim_count().routes_reinstalled++;
   ref::tell_plane(pcib->vrf_name, route->addrs, true);
+  if (ref::observer() != nullptr) ref::observer()->customer_route_installed(pcib->vrf_name, *route);
 }
 
 uint64_t pim_data_bytes_in_last_minute(const pim_route *route) {

@@ -14,6 +14,7 @@
 
 #include "platform/reference/diag.h"
 #include "platform/reference/internal.h"
+#include "platform/reference/observer.h"
 #include "platform/reference/runtime.h"
 #include "platform/reference/services.h"
 #include "platform/tlvu.h"
@@ -85,18 +86,17 @@ struct State {
   std::vector<Report> reports;
   std::map<const syslog_descriptor *, Window> windows;
   LogSink sink = LogSink::standard_error;
+  LogWriter writer;  // instead of standard error
   sdwrap_facility facility{7};
 };
 State state;
 
 void write_line(uint32_t severity, const std::string &text) {
   const NoCancellation no_cancellation;
-  if (state.sink == LogSink::standard_error) {
-    const bool ends = !text.empty() && text.back() == '\n';
-    std::fprintf(stderr, "%s%s", text.c_str(), ends ? "" : "\n");
-  } else if (state.sink == LogSink::syslog) {
-    ::syslog(static_cast<int>(severity), "%s", text.c_str());
-  }
+  if (state.sink == LogSink::none) return;
+  const std::string_view line = std::string_view(text).substr(0, text.size() - (text.ends_with('\n') ? 1 : 0));
+  if (state.writer) return state.writer(severity, line);
+  std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
 }
 
 __attribute__((format(printf, 1, 0))) std::string format_list(const char *format, va_list arguments) {
@@ -115,6 +115,12 @@ std::string report_text(const syslog_descriptor *descriptor, uint32_t count, con
   return text;
 }
 
+// An event of a VRF begins with its name: "(red) : ".
+void tell_vrf(std::string_view text) {
+  const size_t end = text.find(") : ");
+  if (text.starts_with('(') && end != text.npos) observer()->vrf_touched(text.substr(1, end - 1));
+}
+
 }  // namespace
 
 std::vector<Event> history() { return state.history.read(); }
@@ -122,6 +128,7 @@ void clear_history() { state.history = {}; }
 const std::vector<Report> &reports() { return state.reports; }
 void clear_reports() { state.reports.clear(); }
 void set_log_sink(LogSink sink) { state.sink = sink; }
+void set_log_writer(LogWriter writer) { state.writer = std::move(writer); }
 
 void diag_reset() {
   state = State{};
@@ -167,11 +174,13 @@ void sdwrap_his_log_event_for_uuid_inst(uint32_t, uint32_t, uint32_t, uint32_t, 
                                         const sdwrap_event *event) {
   const size_t room = length > sizeof event->type ? length - sizeof event->type : 0;
   const size_t size = strnlen(event->text, std::min<size_t>(room, SDWRAP_EVENT_TEXT_MAX));
+  if (observer() != nullptr) tell_vrf({event->text, size});
   state.history.add(nullptr, event->text, size);
 }
 
-void sdwrap_his_log_unformatted(uint32_t, uint32_t, uint32_t, sdwrap_text_writer writer, const char *, uint32_t size,
-                                const void *record) {
+void sdwrap_his_log_unformatted(uint32_t, uint32_t, uint32_t, sdwrap_text_writer writer, const char *vrf_name,
+                                uint32_t size, const void *record) {
+  if (observer() != nullptr && vrf_name != nullptr) observer()->vrf_touched(vrf_name);
   state.history.add(writer, record, size);
 }
 

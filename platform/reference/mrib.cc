@@ -25,6 +25,7 @@
 #include "platform/reference/module.h"
 #include "platform/reference/mrib.h"
 #include "platform/reference/mrib_routes.h"
+#include "platform/reference/observer.h"
 #include "platform/reference/runtime.h"
 #include "platform/reference/services.h"
 #include "platform/reference/testing/services.h"
@@ -101,9 +102,11 @@ using Id = MribRoutes::Id;
 using Record = MribRoutes::Record;
 
 void tell_plane(Record &route) {
-  ForwardingPlane *plane = forwarding_plane();
-  if (plane == nullptr || (!route.installed && !route.forwarded)) return;
-  plane->core_route_changed(mrib_route_of(route.its_key, route.client), route.installed);
+  if (!route.installed && !route.forwarded) return;
+  if (ForwardingPlane *plane = forwarding_plane())
+    plane->core_route_changed(mrib_route_of(route.its_key, route.client), route.installed);
+  if (observer() != nullptr && !route.client.local && route.installed != route.forwarded)
+    observer()->core_route_joined(route.client.owner, route.its_key.source, route.its_key.group, route.installed);
   route.forwarded = route.installed;
 }
 

@@ -74,7 +74,7 @@ class MribRoutes {
     bool foreign : 1 = false;    // held by somebody else than the client
     bool installed : 1 = false;  // held by the client
     bool owned : 1 = false;      // by the VRF in `client`, and by those in `shared` that stand under its key
-    bool forwarded : 1 = false;  // a forwarding plane was told of it
+    bool forwarded : 1 = false;  // a forwarding plane, when there is one, was told
   };
 
   // Looks a route up, by `make` adding it where it is missing. Callers that changed what holds a route settle it.

@@ -19,10 +19,12 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <utility>
 
 #include "platform/diag.h"
 #include "platform/pim.h"
 #include "platform/reference/internal.h"
+#include "platform/reference/observer.h"
 #include "platform/reference/pss.h"
 #include "platform/reference/testing/services.h"
 
@@ -35,7 +37,7 @@ using Bytes = std::vector<uint8_t>;
 using Records = std::map<Bytes, Bytes>;
 
 constexpr size_t map_size = size_t{1} << 30;
-constexpr uint32_t severity_error = 3;
+constexpr uint32_t severity_error = 3, severity_notice = 5;
 
 class Database {
  public:
@@ -192,14 +194,20 @@ bool pss_use_directory(const std::string &path) {
   return true;
 }
 
+// A store that fails fails every turn; what changes is said.
+static void tell_failing(int error) {
+  if (observer() != nullptr) return observer()->store_changed(error == 0 ? "" : mdb_strerror(error));
+  if (error != 0)
+    syslog_log(severity_error, "pss: records cannot be written, tried again every turn: %s", mdb_strerror(error));
+  else
+    syslog_log(severity_notice, "pss: records are written again");
+}
+
 void pss_flush() {
   if (state.database == nullptr || state.unwritten.empty()) return;
   const int error = state.database->write(state.records, state.unwritten);
-  if (error == 0)
-    state.unwritten.clear();
-  else if (!state.failing)
-    syslog_log(severity_error, "pss: records cannot be written, tried again every turn: %s", mdb_strerror(error));
-  state.failing = error != 0;
+  if (error == 0) state.unwritten.clear();
+  if (std::exchange(state.failing, error != 0) != state.failing) tell_failing(error);
 }
 
 void set_stateful_restart(bool on) { state.stateful = on; }

@@ -1,0 +1,11 @@
+#include "platform/reference/observer.h"
+
+namespace ref {
+namespace {
+Observer *watching = nullptr;
+}
+
+void set_observer(Observer *observer) { watching = observer; }
+Observer *observer() { return watching; }
+
+}  // namespace ref
