@@ -81,10 +81,6 @@ void Peer::state_changed(std::string reason) {
   const State from = std::exchange(shown_, now);
   since_ = core_.timers.now();
   if (now == State::idle || now == State::active) reason_ = reason;
-  if (now == State::established)  // the reason may be that of the other connection of a collision
-    core_.log(LogLevel::info, name() + " is up");
-  else if (from == State::established)
-    core_.log(LogLevel::warning, name() + " is down" + (reason.empty() ? "" : ": " + reason));
   core_.events.push_back({Event::Kind::session, LogLevel::info, config_.address, from, now, std::move(reason), 0});
 }
 

@@ -112,6 +112,7 @@ int main(int argc, char **argv) {
   app.add("--user", &options.user, "User to become, with the capabilities that are needed");
   app.add("--group", &options.group, "Group that may connect to the control socket");
   app.add_flag("--syslog", &options.to_syslog, "Log to syslog instead of standard error");
+  app.version("mvpn-forwarder " MVPN_VERSION);
   if (const std::optional<int> status = app.parse(argc, argv, 2)) return *status;
   try {
     forwarder::serve(options);

@@ -84,6 +84,7 @@ int main(int argc, char **argv) {
   app.add("--prefix", &options.prefix, "what the namespaces' names begin with").show_default();
   app.add("--report", &pages, "folder to write report.html and junit.xml to");
   app.add_flag("--keep", &keep, "keep the new folder even when everything held");
+  app.version("mvpn-lab " MVPN_VERSION);
   if (const std::optional<int> status = app.parse(argc, argv, kUsage)) return *status;
   try {
     const std::string lacking = real ? lab::why_not_real() : std::string();

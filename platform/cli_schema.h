@@ -140,6 +140,8 @@ enum cli_record { CLI_RECORD_NONE, CLI_RECORD_LIST(CLI_RECORD_CONSTANT) };
     "Data-MDT Join messages sent.")                                                                                    \
   X(CLI_ELEMENT_VRF_RECEIVED_JOINS, 122, "received-join-count", CLI_TYPE_NUMBER, CLI_RECORD_VRF, CLI_FIELD,            \
     "Announcements received.")                                                                                         \
+  X(CLI_ELEMENT_VRF_NOT_UP_REASON, 123, "not-up-reason", CLI_TYPE_STRING, CLI_RECORD_VRF, CLI_FIELD,                   \
+    "The first condition of the default MDT that is not met; recorded by the host, unless mti-status is Up.")          \
   X(CLI_ELEMENT_RANGE_PREFIX, 200, "prefix", CLI_TYPE_ADDRESS, CLI_RECORD_DATA_RANGE, CLI_BEGINS,                      \
     "First group of the range.")                                                                                       \
   X(CLI_ELEMENT_RANGE_LENGTH, 201, "prefix-length", CLI_TYPE_NUMBER, CLI_RECORD_DATA_RANGE, CLI_FIELD,                 \

@@ -2,9 +2,6 @@
 // reads slowly waits in its channel, which bounds it.
 #include "reflector/reflector.h"
 
-#include <syslog.h>
-
-#include <iostream>
 #include <sstream>
 
 #include "host/bgp/bgp_views.h"
@@ -13,6 +10,7 @@ namespace reflector {
 
 using host::Command;
 using host::ConfigError;
+using host::Level;
 using host::Mode;
 
 namespace {
@@ -48,27 +46,28 @@ host::ConfigFile read_file(const std::string &path) {
 
 Reflector::Reflector(Options options, host::Config config)
     : options_(std::move(options)),
+      log_("mdt-reflector", options_.log_to_syslog),
+      change_log_(events_, log_),
+      monitor_(events_),
       config_(std::move(config)),
       bgp_(io_, {.enter = [](const std::function<void()> &work) { work(); },
-                 .log = [this](const std::string &text) { log(text); }}),
-      control_(io_, options_.control_path,
+                 .changed = [this](host::Change change) { events_.publish(std::move(change)); },
+                 .log = [this](host::Level level, const std::string &text) { log_.write(level, text); }}),
+      control_(io_, options_.control,
                [this](const host::ControlServer::Request &request,
-                      const std::shared_ptr<host::OutputChannel> &channel) { execute(request, *channel); }),
+                      const std::shared_ptr<host::OutputChannel> &channel) { execute(request, channel); }),
       signals_(io_, SIGINT, SIGTERM, SIGHUP),
       farewell_(io_),
       watchdog_(io_) {
-  if (options_.log_to_syslog) openlog("mdt-reflector", LOG_PID, LOG_DAEMON);
+  log_.set_level(options_.log_level);
+  if (!options_.looking.path.empty())
+    looking_.emplace(io_, options_.looking,
+                     [this](const host::ControlServer::Request &request,
+                            const std::shared_ptr<host::OutputChannel> &channel) { execute(request, channel); });
   bgp_.follow(host::bgp_settings(config_));
   watch_signals();
-  log("serving on " + options_.control_path);
+  log_.write(Level::notice, "serving on " + options_.control.path);
   service::notify("READY=1");
-}
-
-void Reflector::log(const std::string &text) const {
-  if (options_.log_to_syslog)
-    syslog(LOG_NOTICE, "%s", text.c_str());
-  else
-    std::cerr << "mdt-reflector: " << text << std::endl;
 }
 
 void Reflector::watch_signals() {
@@ -89,17 +88,18 @@ void Reflector::reload() {
 
 void Reflector::read_again() {
   host::ConfigFile file = read_file(options_.config_file);
-  for (const ConfigError &error : file.errors) log(host::described(options_.config_file, error));
-  if (!file.errors.empty()) return log("the configuration stays as it is");
+  for (const ConfigError &error : file.errors) log_.write(Level::error, host::described(options_.config_file, error));
+  if (!file.errors.empty()) return log_.write(Level::error, "the configuration stays as it is");
   config_ = std::move(file.config);
   bgp_.follow(host::bgp_settings(config_));
-  log("reloaded " + options_.config_file);
+  log_.write(Level::notice, "reloaded " + options_.config_file);
 }
 
 void Reflector::stop() {
   service::notify("STOPPING=1");
-  log("stopping");
+  log_.write(Level::notice, "stopping");
   control_.close();
+  if (looking_) looking_->close();
   bgp_.stop("");
   end_when_delivered(std::chrono::steady_clock::now() + kFarewell);
 }
@@ -114,20 +114,38 @@ void Reflector::end_when_delivered(std::chrono::steady_clock::time_point limit) 
 
 // --------------------------------------------------------------------------------------------------------- commands
 
-void Reflector::execute(const host::ControlServer::Request &request, host::OutputChannel &channel) {
+void Reflector::execute(const host::ControlServer::Request &request,
+                        const std::shared_ptr<host::OutputChannel> &channel) {
   const host::CommandLine line = host::read_command_line(request);
   if (!line.error.empty()) {
-    channel.error(line.error);
-    return channel.end(host::kStatusSyntax);
+    channel->error(line.error);
+    return channel->end(host::kStatusSyntax);
   }
   const host::Statement &statement = line.match.statements.front();
-  if (is_view(statement)) return channel.end(show(line, channel));
-  const std::string reason = statement.command == Command::clear_bgp_neighbor
-                                 ? bgp_.clear(statement)
-                                 : "mdt-reflector has no such command; it is configured by its file, " +
-                                       options_.config_file + ", and reads it again on SIGHUP";
-  if (!reason.empty()) channel.error(reason + "\n");
-  channel.end(reason.empty() ? host::kStatusDone : host::kStatusFailed);
+  if (is_view(statement)) return channel->end(show(line, *channel));
+  if (statement.command == Command::monitor) {
+    const bool json = find_argument(statement, "json") != nullptr;
+    return monitor_.serve(json ? host::OutputFormat::json : line.format, line.filters, channel);
+  }
+  const std::string reason = operate(statement, request.by);
+  if (!reason.empty()) channel->error(reason + "\n");
+  channel->end(reason.empty() ? host::kStatusDone : host::kStatusFailed);
+}
+
+// Empty: done; else why not.
+std::string Reflector::operate(const host::Statement &statement, const std::string &by) {
+  events_.set_cause(by);
+  std::string reason;
+  if (statement.command == Command::log_level)
+    log_.set_level(*host::level_of(statement.arguments.front().name));
+  else if (statement.command == Command::clear_bgp_neighbor)
+    reason = bgp_.clear(statement);
+  else
+    reason = "mdt-reflector has no such command; it is configured by its file, " + options_.config_file +
+             ", and reads it again on SIGHUP";
+  if (reason.empty()) events_.publish({.what = host::CommandChange{statement.text}});
+  events_.set_cause("");
+  return reason;
 }
 
 uint32_t Reflector::show(const host::CommandLine &line, host::OutputChannel &channel) {

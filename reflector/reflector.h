@@ -10,6 +10,7 @@
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,8 @@
 #include "host/command/command_line.h"
 #include "host/config/config_file.h"
 #include "host/control/watchdog.h"
+#include "host/event/change_log.h"
+#include "host/event/monitor.h"
 #include "host/output/listing.h"
 
 namespace reflector {
@@ -30,8 +33,9 @@ class Reflector {
  public:
   struct Options {
     std::string config_file;
-    std::string control_path = kDefaultControlPath;
+    host::ControlServer::Access control{kDefaultControlPath}, looking{"", "", true};  // without a path: none
     bool log_to_syslog = false;
+    host::Level log_level = host::Level::info;
   };
 
   // Starts everything. Throws std::runtime_error with the reason when it cannot.
@@ -46,16 +50,21 @@ class Reflector {
   void read_again();
   void stop();
   void end_when_delivered(std::chrono::steady_clock::time_point limit);
-  void execute(const host::ControlServer::Request &request, host::OutputChannel &channel);
+  void execute(const host::ControlServer::Request &request, const std::shared_ptr<host::OutputChannel> &channel);
+  std::string operate(const host::Statement &statement, const std::string &by);
   uint32_t show(const host::CommandLine &line, host::OutputChannel &channel);
   void show_config(bool passwords, output::Listing &listing) const;
-  void log(const std::string &text) const;
 
   Options options_;
+  host::Log log_;
+  host::EventBus events_;
+  host::ChangeLog change_log_;
+  host::Monitor monitor_;
   boost::asio::io_context io_;
   host::Config config_;
   host::BgpService bgp_;
   host::ControlServer control_;
+  std::optional<host::ControlServer> looking_;  // for looking only
   boost::asio::signal_set signals_;
   boost::asio::steady_timer farewell_;
   host::Watchdog watchdog_;

@@ -21,7 +21,7 @@ std::string endpoint_text(const BgpSettings &settings) {
   return address_text(settings.listen_address) + ":" + std::to_string(settings.listen_port);
 }
 
-std::string name_of(bgp::Ipv4 neighbor) { return "BGP: neighbor " + address_text(neighbor); }
+std::string neighbor_name(bgp::Ipv4 neighbor) { return "BGP: neighbor " + address_text(neighbor); }
 
 }  // namespace
 
@@ -81,7 +81,7 @@ void BgpService::set_neighbors(const BgpSettings &settings) {
   }
   for (const bgp::NeighborConfig &neighbor : settings.neighbors)
     if (const std::string words = speaker_->set_neighbor(neighbor); !words.empty())
-      callbacks_.log(name_of(neighbor.address) + ": " + words);
+      callbacks_.log(Level::error, neighbor_name(neighbor.address) + ": " + words);
 }
 
 void BgpService::end() {
@@ -130,7 +130,8 @@ void BgpService::listen() {
   const std::string reason = transport_.listen(settings_->listen_address, settings_->listen_port);
   const std::string result = reason.empty() ? endpoint : endpoint + ": " + reason;
   if (result != std::exchange(listening_, result))
-    callbacks_.log(reason.empty() ? "BGP listens on " + endpoint
+    callbacks_.log(reason.empty() ? Level::notice : Level::error,
+                   reason.empty() ? "BGP listens on " + endpoint
                                   : "BGP cannot listen on " + result + "; tried again every " +
                                         std::to_string(kListenRetry.count()) + " seconds");
   listen_retry_.cancel();
@@ -151,18 +152,25 @@ void BgpService::end_of_rib(bgp::Ipv4 neighbor) {
   if (callbacks_.end_of_rib) callbacks_.end_of_rib(neighbor);
 }
 
-// The speaker logs sessions that come and go. Why there is none is logged here, when it is not what was said before: a
-// neighbour that is away is tried again and again.
+// Sessions that come and go are told, and why there is none, when it is not what was said before: a neighbour that is
+// away is tried again and again.
 void BgpService::session_changed(bgp::Ipv4 neighbor, bgp::State from, bgp::State to, std::string_view reason) {
-  if (to == bgp::State::established) failures_.erase(neighbor);
-  if (from == bgp::State::established) failures_[neighbor] = reason;
-  if (reason.empty() || to != bgp::State::idle) return;
-  if (std::exchange(failures_[neighbor], std::string(reason)) != reason)
-    callbacks_.log(name_of(neighbor) + ": no session: " + printable(reason));
+  const bool up = to == bgp::State::established, down = from == bgp::State::established;
+  if (up) failures_.erase(neighbor);
+  if (down) failures_[neighbor] = reason;
+  const bool news =
+      up || down ||
+      (to == bgp::State::idle && !reason.empty() && std::exchange(failures_[neighbor], std::string(reason)) != reason);
+  if (!news) return;
+  // The reason may be that of the other connection of a collision.
+  callbacks_.changed({.what = SessionChange{neighbor, to_string(from), to_string(to)},
+                      .level = up ? Level::notice : Level::warning,
+                      .reason = up ? "" : printable(reason)});
 }
 
 void BgpService::log(bgp::LogLevel level, std::string_view line) {
-  if (level != bgp::LogLevel::debug) callbacks_.log("BGP: " + printable(line));
+  constexpr Level levels[] = {Level::debug, Level::info, Level::warning, Level::error};
+  callbacks_.log(levels[static_cast<size_t>(level)], "BGP: " + printable(line));
 }
 
 }  // namespace host

@@ -11,6 +11,7 @@
 
 #include "bgp/asio/asio_transport.h"
 #include "host/config/bgp_settings.h"
+#include "host/event/change.h"
 
 namespace host {
 
@@ -20,9 +21,10 @@ class BgpService final : bgp::Observer {
     bgp::AsioTransport::Enter enter;  // around everything that happens from the event loop
     std::function<void(std::span<const bgp::BestChange>)> best_changed = {};
     std::function<void(bgp::Ipv4 neighbor)> end_of_rib = {};
-    std::function<void()> began = {};  // there is a speaker, without routes
-    std::function<void()> ended = {};  // there is none any more, nor any of its routes
-    std::function<void(const std::string &)> log;
+    std::function<void()> began = {};     // there is a speaker, without routes
+    std::function<void()> ended = {};     // there is none any more, nor any of its routes
+    std::function<void(Change)> changed;  // sessions
+    LogLine log;
   };
 
   // restarting: the process starts anew and its forwarding state was preserved. Its neighbours hear of no end of its

@@ -9,6 +9,8 @@ using output::Cell;
 using output::Listing;
 using output::Row;
 
+constexpr const char *kSilent = "BGP does not speak: the configuration has no 'local-as' in its bgp block";
+
 Cell address_cell(bgp::Ipv4 address) { return address == 0 ? Cell() : Cell(address_text(address)); }
 Cell text_cell(const std::string &text) { return text.empty() ? Cell() : Cell(printable(text)); }
 Cell number_cell(std::optional<uint32_t> number) { return number ? Cell(*number) : Cell(); }
@@ -182,9 +184,9 @@ Row path_row(const bgp::RouteKey &key, const bgp::PathView &path, const std::str
 }  // namespace
 
 void show_bgp_summary(const BgpService &bgp, Listing &listing) {
-  listing.begin(output::kBgpSpeaker);
   const bgp::Speaker *speaker = bgp.speaker();
-  if (speaker == nullptr) return;
+  if (speaker == nullptr) return listing.note(kSilent);
+  listing.begin(output::kBgpSpeaker);
   const bgp::SpeakerConfig &config = speaker->config();
   const bgp::TableSizes sizes = speaker->sizes();
   const std::vector<bgp::Ipv4> neighbors = speaker->neighbors();
@@ -209,6 +211,7 @@ void show_bgp_summary(const BgpService &bgp, Listing &listing) {
 }
 
 void show_bgp_neighbors(const BgpService &bgp, bgp::Ipv4 address, Listing &listing) {
+  if (bgp.speaker() == nullptr) return listing.note(kSilent);
   listing.begin(output::kBgpNeighbors);
   const std::vector<bgp::Ipv4> all = bgp.speaker() == nullptr ? std::vector<bgp::Ipv4>() : bgp.speaker()->neighbors();
   for (const bgp::Ipv4 neighbor : all) {

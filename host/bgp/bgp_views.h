@@ -11,7 +11,7 @@
 namespace host {
 
 // Each prints its view row by row and yields between rows of long ones; what it shows may have changed meanwhile, the
-// speaker may have gone. Without a speaker a view shows nothing but its heading.
+// speaker may have gone. Without a speaker the first two say so.
 void show_bgp_summary(const BgpService &bgp, output::Listing &listing);
 // One neighbour, or all of them with the address 0.
 void show_bgp_neighbors(const BgpService &bgp, bgp::Ipv4 address, output::Listing &listing);

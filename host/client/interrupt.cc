@@ -21,8 +21,8 @@ InterruptGuard::~InterruptGuard() { sigaction(SIGINT, &former_, nullptr); }
 const volatile sig_atomic_t &InterruptGuard::flag() { return interrupts; }
 
 std::string_view note_of_abandoned(std::string_view line) {
-  const Match match = match_line(Mode::exec, read_pipeline(split_words(line)).command, true);
-  if (match.error || is_view(match.statements.front())) return "";
+  const Match match = match_line(Mode::exec, read_pipeline(split_pipeline(line)).command, true);
+  if (match.error || is_view(match.statements.front()) || is_endless(line)) return "";
   return "the line had been sent already and may still be carried out\n";
 }
 

@@ -149,7 +149,9 @@ std::optional<std::string> LineEditor::read() {
 }
 
 void LineEditor::remember(const char *line) {
-  if (split_words(std::string_view(line).substr(0, std::string_view(line).find('\n'))).empty()) return;
+  if (split_words(std::string_view(line).substr(0, std::string_view(line).find('\n'))).empty() ||
+      session_.is_secret(line))
+    return;
   HistEvent event;
   history(history_.get(), &event, H_ENTER, line);
   if (history_file_.empty()) return;

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 
 namespace host {
 namespace {
@@ -60,9 +61,14 @@ bool write_output(std::string_view text) {
 
 int write_error() { return first_write_error; }
 
-Pager::Pager(bool paging, const volatile sig_atomic_t &interrupted) : paging_(paging), interrupted_(interrupted) {
-  if (paging) measure();
+Pager::Pager(const Paging &paging, const volatile sig_atomic_t &interrupted)
+    : paging_(paging), interrupted_(interrupted) {
+  if (paging.wanted()) measure();
   left_ = page_;
+}
+
+Pager::~Pager() {
+  if (program_ != nullptr) pclose(program_);
 }
 
 // The terminal may have changed its size since the last page.
@@ -71,10 +77,25 @@ void Pager::measure() {
   if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return;
   if (size.ws_col > 0) columns_ = size.ws_col;
   if (size.ws_row > 1) page_ = size.ws_row - 1u;
+  if (paging_.rows.value_or(0) > 1) page_ = *paging_.rows - 1;
+}
+
+// The program begins with the first output: a command that says nothing needs none. What fits on a page it should not
+// stop at.
+bool Pager::show_in_program(std::string_view text) {
+  if (program_ == nullptr) {
+    setenv("LESS", "FRX", 0);
+    program_ = popen(paging_.program.c_str(), "we");
+  }
+  if (program_ == nullptr) return write_output(text);
+  const bool taken = std::fwrite(text.data(), 1, text.size(), program_) == text.size() && std::fflush(program_) == 0;
+  quit_ = !taken;
+  return taken;
 }
 
 bool Pager::show(std::string_view text) {
-  if (!paging_) return write_output(text);
+  if (!paging_.wanted()) return write_output(text);
+  if (!paging_.program.empty()) return show_in_program(text);
   while (!text.empty() && !quit_) {
     const size_t end = text.find('\n');
     const std::string_view line = text.substr(0, end == std::string_view::npos ? end : end + 1);

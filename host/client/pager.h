@@ -6,6 +6,9 @@
 #define HOST_PAGER_H
 
 #include <csignal>
+#include <cstdio>
+#include <optional>
+#include <string>
 #include <string_view>
 
 namespace host {
@@ -15,11 +18,22 @@ bool write_output(std::string_view text);
 // Why that failed first, an errno; 0: it never did.
 int write_error();
 
+// How the operator wants pages. On: standard input and output are a terminal.
+struct Paging {
+  bool on = false;
+  std::optional<size_t> rows = {};  // of a page; 0: no pages; nothing: as the terminal says
+  std::string program = {};         // shows the pages instead, by way of the shell; empty: none
+
+  bool wanted() const { return on && rows != 0; }
+};
+
 class Pager {
  public:
-  // paging: standard input and output are a terminal, and the operator wants pages. interrupted: set by the handler of
-  // SIGINT, and no page is begun any more; outlives the pager.
-  Pager(bool paging, const volatile sig_atomic_t &interrupted);
+  // interrupted: set by the handler of SIGINT, and no page is begun any more; outlives the pager.
+  Pager(const Paging &paging, const volatile sig_atomic_t &interrupted);
+  ~Pager();  // waits for the program
+  Pager(const Pager &) = delete;
+  Pager &operator=(const Pager &) = delete;
 
   // Prints a part of the output; false: the operator has quit.
   bool show(std::string_view text);
@@ -29,7 +43,10 @@ class Pager {
   bool ask();  // at the end of a page
   void measure();
 
-  bool paging_;
+  bool show_in_program(std::string_view text);
+
+  const Paging paging_;
+  std::FILE *program_ = nullptr;  // while it runs
   const volatile sig_atomic_t &interrupted_;
   bool quit_ = false;
   size_t columns_ = 80;

@@ -21,9 +21,9 @@ namespace {
 constexpr const char *kFooter = R"(
 With a command pimctl runs it. Without one it opens a session on a terminal, or runs the lines of its input until one
 fails. In a session Tab completes a word and ? lists what may stand at the cursor; configure opens the configuration,
-exit leaves a mode or the session, end leaves the configuration.
+exit leaves a mode or the session, end leaves the configuration; help says more.
 
-Behind a view: | include TEXT, | count, | json, | xml, | no-more
+Behind a view: | include PATTERN, | exclude, | begin, | section, | count, | json, | xml, | no-more
 
 Exit status: 0 done, 1 failed, 2 not understood, 3 pimhostd cannot be reached, 4 it does not answer in time
 
@@ -69,6 +69,11 @@ int finish(uint32_t status) {
   return static_cast<int>(status == host::kStatusDone ? host::kStatusFailed : status);
 }
 
+host::Paging paging_of_terminal() {
+  const char *program = std::getenv("PAGER");
+  return {true, {}, program == nullptr ? "" : program};
+}
+
 uint32_t run_lines(host::Session &session) {
   std::string line;
   for (size_t number = 1; !session.ended() && std::getline(std::cin, line); number++) {
@@ -107,7 +112,7 @@ void print_syntax(const char *title, host::Mode mode) {
 
 // One a line, with its help behind a tab. Arguments that have no names yet are no completion.
 int print_completions(const std::string &path, const std::vector<std::string> &words) {
-  host::Session session(path, host::OutputFormat::text, false, std::chrono::seconds(1));
+  host::Session session(path, host::OutputFormat::text, host::Paging(), std::chrono::seconds(1));
   for (const host::Candidate &candidate : session.next(words))
     if (candidate.is_keyword) std::cout << candidate.text << '\t' << candidate.help << '\n';
   return 0;
@@ -141,6 +146,7 @@ int main(int argc, char **argv) {
   app.add_flag("--syntax", &syntax, "").hidden();      // the tables of the command reference
   app.add_flag("--complete", &complete, "").hidden();  // what may stand behind the words, for a shell's completion
   app.add("command", &words, "the command's words");
+  app.version("pimctl " MVPN_VERSION);
   if (const std::optional<int> status = app.parse(argc, argv, static_cast<int>(host::kStatusSyntax))) return *status;
   if (syntax) {
     print_all_syntax();
@@ -156,7 +162,7 @@ int main(int argc, char **argv) {
     if (complete) return print_completions(path, words);
     if (!words.empty()) return finish(run_once(host::ControlClient(path, silence), format, host::join_words(words)));
     const bool terminal = isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
-    host::Session session(path, format, terminal, silence);
+    host::Session session(path, format, terminal ? paging_of_terminal() : host::Paging(), silence);
     return finish(terminal ? run_session(session) : run_lines(session));
   } catch (const host::NoAnswer &error) {
     return static_cast<int>(host::tell_lost(error, ""));

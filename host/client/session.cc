@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
@@ -14,6 +15,16 @@
 
 namespace host {
 namespace {
+
+constexpr const char *kHelp =
+    "Tab completes a word, ? lists what may stand at the cursor. Words may be cut while they stay unambiguous.\n"
+    "\n"
+    "  show ...              what there is; behind it | include PATTERN, exclude, begin, section, count, json, xml\n"
+    "  monitor               changes as they happen, until Ctrl-C\n"
+    "  configure             opens the configuration; a block's header opens the block, no LINE takes a line away\n"
+    "  exit, end, quit       leave a block, the configuration, the session\n"
+    "  do COMMAND            a command that is not of the configuration\n"
+    "  terminal length ROWS  rows of a page; 0: no pages. $PAGER, when it is set, shows the pages\n";
 
 bool is_word_of(Mode mode, const std::string &word) { return !candidates(mode, {word}).empty(); }
 
@@ -41,8 +52,8 @@ uint32_t tell_lost(const std::runtime_error &error, std::string_view line) {
   return kStatusNoAnswer;
 }
 
-Session::Session(std::string path, OutputFormat format, bool paging, ControlClient::Timeout timeout)
-    : path_(std::move(path)), format_(format), paging_(paging), timeout_(timeout), names_(path_) {}
+Session::Session(std::string path, OutputFormat format, Paging paging, ControlClient::Timeout timeout)
+    : path_(std::move(path)), format_(format), paging_(std::move(paging)), timeout_(timeout), names_(path_) {}
 
 // The daemon closes a connection that is idle for long.
 ControlClient &Session::connected() {
@@ -68,10 +79,10 @@ void Session::leave_block() {
   before_ = "configure";
 }
 
-// `exit` and `end`.
+// `exit`, `quit` and `end`.
 bool Session::moves(const std::vector<std::string> &words) {
   if (words.size() != 1) return false;
-  const bool exits = abbreviates(words.front(), "exit");
+  const bool exits = abbreviates(words.front(), "exit") || abbreviates(words.front(), "quit");
   if (!exits && (mode_ == Mode::exec || !abbreviates(words.front(), "end"))) return false;
   ended_ = exits && mode_ == Mode::exec;
   if (exits && mode_ != Mode::exec && mode_ != Mode::global) {
@@ -83,10 +94,38 @@ bool Session::moves(const std::vector<std::string> &words) {
   return true;
 }
 
-uint32_t Session::run(std::string_view text) {
+// `help` and `terminal length ROWS`, which are the client's own.
+std::optional<uint32_t> Session::run_here(const std::vector<std::string> &words) {
+  if (words.size() == 1 && abbreviates(words.front(), "help")) {
+    write_output(kHelp);
+    return kStatusDone;
+  }
+  if (!abbreviates(words.front(), "terminal")) return std::nullopt;
+  std::string reason;
+  const bool shaped = words.size() == 3 && abbreviates(words[1], "length");
+  const auto rows = shaped ? check_value(ValueType::number, {0, 10000}, words[2], &reason) : std::nullopt;
+  if (!rows) {
+    print_error("expected terminal length <0-10000>, 0 for no pages\n");
+    return kStatusSyntax;
+  }
+  paging_.rows = static_cast<size_t>(number_value(*rows));
+  return kStatusDone;
+}
+
+bool Session::is_secret(std::string_view text) const {
   const std::vector<std::string> words = split_words(text);
+  const auto is_password = [](const std::string &word) {
+    return word.size() > 3 && std::string_view("password").starts_with(word);
+  };
+  const auto password = std::ranges::find_if(words, is_password);
+  return password != words.end() && password + 1 != words.end();
+}
+
+uint32_t Session::run(std::string_view text) {
+  const std::vector<std::string> words = split_pipeline(text);
   if (text.starts_with('!')) leave_block();
   if (words.empty() || words.front().starts_with("!") || moves(words)) return kStatusDone;
+  if (const auto status = run_here(words)) return *status;
   const Pipeline line = read_pipeline(words);
   const Target target = target_of(line.command);
   const Match match = match_line(target.mode, target.words, true);
@@ -102,7 +141,7 @@ uint32_t Session::run(std::string_view text) {
     std::vector<std::string> command = target.words;
     command.insert(command.end(), words.begin() + static_cast<std::ptrdiff_t>(line.command.size()), words.end());
     status = send(target.before + (target.before.empty() ? "" : " ") + join_words(command),
-                  paging_ && !line.filters.no_more);
+                  !line.filters.no_more && first != Command::monitor);
     if (first == Command::configure || target.mode != Mode::exec) names_.forget();
   }
   if (status == kStatusDone) enter(target, match);
@@ -127,7 +166,7 @@ void Session::enter(const Target &target, const Match &match) {
 
 uint32_t Session::send(std::string_view line, bool paging) {
   const InterruptGuard guard;
-  Pager pager(paging, InterruptGuard::flag());
+  Pager pager(paging ? paging_ : Paging(), InterruptGuard::flag());
   bool quit = false;
   try {
     const uint32_t status = connected().execute(format_, line, [&](FrameType type, std::string_view part) {
@@ -178,7 +217,7 @@ void Session::add_names(std::vector<Candidate> *all) {
 }
 
 std::vector<Candidate> Session::next(const std::vector<std::string> &words) {
-  const Pipeline line = read_pipeline(words);
+  const Pipeline line = read_pipeline(split_pipeline(join_words(words)));
   if (line.filtered) return filter_candidates(words);
   if (words.empty()) {
     std::vector<Candidate> all = candidates(mode_, words);
@@ -187,6 +226,8 @@ std::vector<Candidate> Session::next(const std::vector<std::string> &words) {
       all.push_back({"do", "Runs a command that is not of the configuration", true});
       all.push_back({"end", "Leaves the configuration", true});
     }
+    all.push_back({"help", "How a session is used", true});
+    all.push_back({"terminal", "length ROWS: rows of a page, 0 for none", true});
     all.push_back({"exit", mode_ == Mode::exec ? "Ends the session" : "Leaves this mode", true});
     return all;
   }

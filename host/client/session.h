@@ -6,12 +6,14 @@
 #define HOST_SESSION_H
 
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "host/client/known_names.h"
+#include "host/client/pager.h"
 #include "host/control/control_client.h"
 #include "host/control/pipeline.h"
 
@@ -24,11 +26,14 @@ constexpr uint32_t kStatusNoAnswer = 4;
 
 class Session {
  public:
-  // paging: views stop at each page.
-  Session(std::string path, OutputFormat format, bool paging, ControlClient::Timeout timeout);
+  // paging: of views.
+  Session(std::string path, OutputFormat format, Paging paging, ControlClient::Timeout timeout);
 
   // Runs a line: output to standard output, reasons to standard error. Returns the exit status.
   uint32_t run(std::string_view text);
+
+  // Whether a line holds a password, which no history should keep.
+  bool is_secret(std::string_view text) const;
 
   bool ended() const { return ended_; }  // by `exit`
   std::string prompt();
@@ -45,6 +50,7 @@ class Session {
   ControlClient &connected();
   Target target_of(const std::vector<std::string> &words) const;
   void leave_block();
+  std::optional<uint32_t> run_here(const std::vector<std::string> &words);
   bool moves(const std::vector<std::string> &words);
   uint32_t send(std::string_view line, bool paging);
   void enter(const Target &target, const Match &match);
@@ -53,7 +59,7 @@ class Session {
 
   std::string path_;
   OutputFormat format_;
-  bool paging_;
+  Paging paging_;
   ControlClient::Timeout timeout_;
   std::unique_ptr<ControlClient> client_;
   KnownNames names_;

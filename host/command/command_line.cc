@@ -1,17 +1,47 @@
 #include "host/command/command_line.h"
 
+#include "host/output/filters.h"
+
 namespace host {
 
+namespace {
+
+output::LineFilter line_filter_of(LinePattern pattern) {
+  switch (pattern) {
+    case LinePattern::include:
+      return output::LineFilter::include;
+    case LinePattern::exclude:
+      return output::LineFilter::exclude;
+    case LinePattern::begin:
+      return output::LineFilter::begin;
+    default:
+      return output::LineFilter::section;
+  }
+}
+
+bool is_looking(const Statement &statement) {
+  if (statement.command == Command::monitor || statement.command == Command::show_metrics) return true;
+  return is_view(statement) && find_argument(statement, "passwords") == nullptr;
+}
+
+}  // namespace
+
 CommandLine read_command_line(const ControlServer::Request &request) {
-  const std::vector<std::string> words = split_words(request.line);
+  const std::vector<std::string> words = split_pipeline(request.line);
   const Pipeline line = read_pipeline(words);
   CommandLine read{match_line(Mode::exec, line.command, true), line.filters.format.value_or(request.format),
-                   line.filters, ""};
+                   line.filters, "", request.by};
   const std::optional<SyntaxError> &error = read.match.error ? read.match.error : line.error;
   if (error)
     read.error = point_out(words, *error);
-  else if (line.filtered && !is_view(read.match.statements.back()))
+  else if (line.filtered && !is_view(read.match.statements.back()) &&
+           read.match.statements.back().command != Command::monitor)
     read.error = "only views can be filtered\n";
+  if (read.error.empty() && request.read_only && !is_looking(read.match.statements.front()))
+    read.error = "this socket is for looking only: it takes views without passwords, and monitor\n";
+  for (const auto &[kind, pattern] : line.filters.patterns)
+    if (const std::string fault = output::pattern_fault(pattern); !fault.empty() && read.error.empty())
+      read.error = "'" + printable(pattern) + "' " + fault + "\n";
   return read;
 }
 
@@ -24,7 +54,8 @@ std::unique_ptr<output::Writer> writer_for(OutputFormat format, const Filters &f
                                            : format == OutputFormat::xml ? output::xml_writer(bytes)
                                                                          : output::text_writer(bytes);
   if (filters.count) writer = output::count_lines(std::move(writer));
-  if (filters.include) writer = output::include_lines(*filters.include, std::move(writer));
+  for (auto pattern = filters.patterns.rbegin(); pattern != filters.patterns.rend(); ++pattern)
+    writer = output::filter_lines(line_filter_of(pattern->first), pattern->second, std::move(writer));
   return writer;
 }
 

@@ -17,7 +17,9 @@ struct CommandLine {
   OutputFormat format = OutputFormat::text;
   Filters filters;
   std::string error;  // for the client; empty: the line is right
+  std::string by;     // who asks
 };
+// A socket that is for looking takes views and `monitor`, and shows no passwords.
 CommandLine read_command_line(const ControlServer::Request &request);
 
 // Where a view's output goes, in the form and through the filters that the client asked for. The channel outlives it.

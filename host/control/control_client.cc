@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <thread>
 
+#include "host/control/pipeline.h"
+
 namespace host {
 
 namespace asio = boost::asio;
@@ -39,29 +41,30 @@ bool ControlClient::open() const {
   return poll(&readable, 1, 0) == 0;
 }
 
-void ControlClient::read(void *bytes, size_t size) {
-  const int wait = timeout_.count() > 0 ? static_cast<int>(timeout_.count()) : -1;
+void ControlClient::read(void *bytes, size_t size, Timeout timeout) {
+  const int wait = timeout.count() > 0 ? static_cast<int>(timeout.count()) : -1;
   for (size_t done = 0; done < size;) {
     pollfd readable{socket_.native_handle(), POLLIN, 0};
     const int ready = poll(&readable, 1, wait);
     if (ready < 0) throw boost::system::system_error(errno, boost::system::system_category());
-    if (ready == 0) throw NoAnswer("pimhostd does not answer within " + std::to_string(timeout_.count() / 1000) + " s");
+    if (ready == 0) throw NoAnswer("pimhostd does not answer within " + std::to_string(timeout.count() / 1000) + " s");
     done += socket_.read_some(asio::buffer(static_cast<char *>(bytes) + done, size - done));
   }
 }
 
 uint32_t ControlClient::execute(OutputFormat format, std::string_view line, const Take &take) {
   if (line.size() > kMaxRequest) throw std::runtime_error("the command line is too long");
+  const Timeout timeout = is_endless(line) ? Timeout(0) : timeout_;
   try {
     asio::write(socket_, asio::buffer(encode_request(format, line)));
     std::string body;
     for (;;) {
       std::array<uint8_t, kFrameHeaderSize> bytes;
-      read(bytes.data(), bytes.size());
+      read(bytes.data(), bytes.size(), timeout);
       FrameHeader header;
       if (!decode_header(bytes.data(), kMaxOutputFrame, &header)) throw std::runtime_error("the answer cannot be read");
       body.resize(header.body_size);
-      read(body.data(), body.size());
+      read(body.data(), body.size(), timeout);
       if (header.type == FrameType::end) return decode_status(body);
       if (take(header.type, body)) continue;
       socket_.close();

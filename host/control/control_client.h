@@ -36,6 +36,7 @@ class ControlClient {
 
   // Runs a command line; its exit status. Throws std::runtime_error when the connection is lost, NoAnswer when nothing
   // comes in time.
+  // `monitor` may be silent for as long as nothing changes.
   uint32_t execute(OutputFormat format, std::string_view line, const Take &take);
 
   // What a command prints as text, cut behind the first megabyte. Throws as execute().
@@ -43,7 +44,7 @@ class ControlClient {
 
  private:
   bool connect(const std::string &path);
-  void read(void *bytes, size_t size);
+  void read(void *bytes, size_t size, Timeout timeout);
 
   Timeout timeout_;
   boost::asio::io_context io_;

@@ -6,6 +6,9 @@
 // client needs its place. Only a client that finds every place taken by a running command is turned away, with a reason.
 #include "host/control/control_server.h"
 
+#include <grp.h>
+#include <pwd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,8 +17,10 @@
 #include <boost/asio/read.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <stdexcept>
 
@@ -36,12 +41,24 @@ std::string refusal(const std::string &reason) {
   return encode_frames(FrameType::error, reason + "\n") + encode_end(kStatusFailed);
 }
 
+// "root, process 4711"; the number where the user has no name.
+std::string peer_of(stream_protocol::socket &socket) {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  if (getsockopt(socket.native_handle(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return "";
+  static std::map<uid_t, std::string> names;  // a directory of users may be far away: each is asked for once
+  const auto [name, unknown] = names.try_emplace(peer.uid, "user " + std::to_string(peer.uid));
+  if (unknown)
+    if (const passwd *user = getpwuid(peer.uid)) name->second = user->pw_name;
+  return name->second + ", process " + std::to_string(peer.pid);
+}
+
 }  // namespace
 
 class ControlConnection : public std::enable_shared_from_this<ControlConnection> {
  public:
   ControlConnection(ControlServer &server, stream_protocol::socket socket)
-      : server_(server), socket_(std::move(socket)), timer_(socket_.get_executor()) {}
+      : server_(server), socket_(std::move(socket)), timer_(socket_.get_executor()), by_(peer_of(socket_)) {}
 
   void read_request();
   // Ends the connection, with a reason that the client reads when it asks for something.
@@ -63,6 +80,7 @@ class ControlConnection : public std::enable_shared_from_this<ControlConnection>
   ControlServer &server_;
   stream_protocol::socket socket_;
   asio::steady_timer timer_;  // while a request is awaited or read
+  const std::string by_;      // who is at the other end
   steady_clock::time_point idle_since_ = steady_clock::now();
   std::array<uint8_t, kFrameHeaderSize> header_{};
   std::string body_;
@@ -110,7 +128,7 @@ void ControlConnection::read_body(size_t size) {
 
 void ControlConnection::take_request() {
   timer_.cancel();
-  waiting_ = ControlServer::Request{static_cast<OutputFormat>(body_.front()), body_.substr(1)};
+  waiting_ = ControlServer::Request{static_cast<OutputFormat>(body_.front()), body_.substr(1), by_, server_.read_only_};
   if (!channel_) start();
 }
 
@@ -185,6 +203,14 @@ void free_path(asio::io_context &io, const std::string &path) {
   unlink(path.c_str());
 }
 
+// Members of a group may connect, too. The socket does not listen yet.
+void let_in(const std::string &path, const std::string &group) {
+  const struct group *known = getgrnam(group.c_str());
+  if (known == nullptr) throw std::runtime_error(path + ": there is no group " + group);
+  if (chown(path.c_str(), static_cast<uid_t>(-1), known->gr_gid) != 0 || chmod(path.c_str(), 0660) != 0)
+    throw boost::system::system_error(errno, boost::system::system_category());
+}
+
 std::optional<SocketFile> file_at(const std::string &path) {
   struct stat status {};
   if (lstat(path.c_str(), &status) != 0) return std::nullopt;
@@ -193,21 +219,27 @@ std::optional<SocketFile> file_at(const std::string &path) {
 
 }  // namespace
 
-ControlServer::ControlServer(asio::io_context &io, const std::string &path, Execute execute)
-    : io_(io), path_(path), execute_(std::move(execute)), acceptor_(io), accept_timer_(io) {
-  free_path(io, path);
+ControlServer::ControlServer(asio::io_context &io, const Access &access, Execute execute)
+    : io_(io),
+      path_(access.path),
+      read_only_(access.read_only),
+      execute_(std::move(execute)),
+      acceptor_(io),
+      accept_timer_(io) {
+  free_path(io, path_);
   try {
-    const stream_protocol::endpoint endpoint(path);
+    const stream_protocol::endpoint endpoint(path_);
     acceptor_.open(endpoint.protocol());
-    const mode_t former = umask(0077);  // only this user commands the daemon
+    const mode_t former = umask(0077);  // only this user commands the daemon, and the group that is let in below
     error_code error;
     acceptor_.bind(endpoint, error);
     umask(former);
     if (error) throw boost::system::system_error(error);
-    file_ = file_at(path);
+    file_ = file_at(path_);
+    if (!access.group.empty()) let_in(path_, access.group);
     acceptor_.listen();
   } catch (const boost::system::system_error &error) {
-    throw std::runtime_error(path + ": " + error.code().message());
+    throw std::runtime_error(path_ + ": " + error.code().message());
   }
   accept();
 }

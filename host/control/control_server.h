@@ -32,6 +32,8 @@ class ControlServer {
   struct Request {
     OutputFormat format = OutputFormat::text;
     std::string line;
+    std::string by;          // who asks: "root, process 4711"
+    bool read_only = false;  // over a socket that is for looking only
   };
   // Runs a command; ends the channel when it is done, now or later, from any thread.
   using Execute = std::function<void(const Request &request, const std::shared_ptr<OutputChannel> &channel)>;
@@ -39,8 +41,15 @@ class ControlServer {
   // With so many the client that has been idle the longest makes room for another one.
   static constexpr size_t kMaxClients = 64;
 
+  // Where clients connect, and which. Without a group only the user of this process does.
+  struct Access {
+    std::string path;
+    std::string group = {};
+    bool read_only = false;
+  };
+
   // Takes over a socket file that no process listens on. Throws std::runtime_error when the path cannot be used.
-  ControlServer(boost::asio::io_context &io, const std::string &path, Execute execute);
+  ControlServer(boost::asio::io_context &io, const Access &access, Execute execute);
   ~ControlServer();
 
   // Takes no more clients, and ends the commands of those that are there.
@@ -54,7 +63,8 @@ class ControlServer {
   void make_room(const std::shared_ptr<ControlConnection> &newest);
 
   boost::asio::io_context &io_;
-  std::string path_;
+  const std::string path_;
+  const bool read_only_;
   std::optional<SocketFile> file_;  // that this server made at the path
   Execute execute_;
   boost::asio::local::stream_protocol::acceptor acceptor_;

@@ -1,9 +1,11 @@
-// The filters behind a command: `show ... | include TEXT | count`.
+// The filters behind a command: `show ... | include PATTERN | count`.
 #ifndef HOST_PIPELINE_H
 #define HOST_PIPELINE_H
 
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "host/control/control_protocol.h"
@@ -11,11 +13,13 @@
 
 namespace host {
 
+enum class LinePattern { include, exclude, begin, section };
+
 struct Filters {
-  std::optional<std::string> include;  // only lines that contain this
-  bool count = false;                  // the number of lines instead of the lines
-  bool no_more = false;                // no pages
-  std::optional<OutputFormat> format;  // another than the client's
+  std::vector<std::pair<LinePattern, std::string>> patterns;  // in their order
+  bool count = false;                                         // the number of lines instead of the lines
+  bool no_more = false;                                       // no pages
+  std::optional<OutputFormat> format;                         // another than the client's
 };
 
 struct Pipeline {
@@ -25,6 +29,9 @@ struct Pipeline {
   std::optional<SyntaxError> error;  // in a filter; its word counts from the start of the line
 };
 
+// The words of a line, with a word of its own for each '|' in front of a filter: blanks around it may be left out.
+std::vector<std::string> split_pipeline(std::string_view line);
+
 Pipeline read_pipeline(const std::vector<std::string> &words);
 
 // What may stand behind the words of an incomplete line that has a '|' among them.
@@ -32,6 +39,9 @@ std::vector<Candidate> filter_candidates(const std::vector<std::string> &words);
 
 // The line with a mark below the word that is wrong, and the reason.
 std::string point_out(const std::vector<std::string> &words, const SyntaxError &error);
+
+// Whether a command line is one that goes on until the client ends it.
+bool is_endless(std::string_view line);
 
 // Only the output of views can be filtered.
 bool is_view(const Statement &statement);

@@ -36,6 +36,7 @@ std::vector<ConfigError> try_config(const std::string &module, Config config) {
   const LoadedModule loaded = load_module(module);
   Loop loop;
   std::vector<ConfigError> refused, logged;
+  EventBus events;
   std::optional<Router> router;
   {
     Loop::Turn turn(loop);
@@ -43,7 +44,8 @@ std::vector<ConfigError> try_config(const std::string &module, Config config) {
     ref::clock_use_real(1);
     Router::Options options;
     options.offline = true;
-    options.log = [&logged](const std::string &text) { logged.push_back({0, text}); };
+    options.events = &events;
+    options.log = [&logged](Level, const std::string &text) { logged.push_back({0, text}); };
     router.emplace(loop, loaded, std::move(options));
     refused = router->start(std::move(config));
   }

@@ -8,10 +8,10 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <iostream>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -41,11 +41,15 @@ constexpr std::chrono::seconds kFarewell{2};
 }  // namespace
 
 Daemon::Daemon(DaemonOptions options, Config config)
-    : options_(std::move(options)), signals_(loop_.io(), SIGINT, SIGTERM, SIGHUP), farewell_(loop_.io()) {
-  if (options_.log_to_syslog) openlog("pimhostd", LOG_PID, LOG_DAEMON);
+    : options_(std::move(options)),
+      log_("pimhostd", options_.log_to_syslog),
+      change_log_(events_, log_),
+      signals_(loop_.io(), SIGINT, SIGTERM, SIGHUP),
+      farewell_(loop_.io()) {
+  log_.set_level(options_.log_level);
   const LoadedModule module = load_module(options_.module);
   Loop::Turn turn(loop_);
-  ref::set_log_sink(options_.log_to_syslog ? ref::LogSink::syslog : ref::LogSink::standard_error);
+  ref::set_log_writer([this](uint32_t severity, std::string_view line) { log_module(severity, line); });
   ref::clock_use_real(options_.clock_scale.value_or(1));
   open_store();
   check_capture();
@@ -55,16 +59,14 @@ Daemon::Daemon(DaemonOptions options, Config config)
   router_options.capture = options_.capture;
   router_options.recovering = options_.stateful_restart;
   router_options.follow_metrics = [this](const std::optional<EndpointValue> &at) { follow_metrics(at); };
-  router_options.log = [this](const std::string &text) { log(text); };
+  router_options.events = &events_;
+  router_options.log = [this](Level level, const std::string &text) { log_.write(level, text); };
   router_.emplace(loop_, module, std::move(router_options));
-  engine_.emplace(*router_, loop_);
+  watcher_.emplace(*router_, events_);
+  process_.emplace(Process{events_, log_, *watcher_, options_.module, !options_.store.empty(), loop_});
+  engine_.emplace(*router_, *process_);
   if (options_.debug) engine_->debug("", true);
-  // Clients that come early wait until the loop runs.
-  control_.emplace(loop_.io(), options_.control_path,
-                   [this](const ControlServer::Request &request, const std::shared_ptr<OutputChannel> &channel) {
-                     Loop::Turn command(loop_);
-                     engine_->execute(request, channel);
-                   });
+  open_sockets();
   if (!options_.agentx.empty())
     agentx_.emplace(
         loop_.io(), options_.agentx,
@@ -72,17 +74,44 @@ Daemon::Daemon(DaemonOptions options, Config config)
           Loop::Turn agent_turn(loop_);
           work();
         },
-        [this](const std::string &text) { log(text); });
-  for (const std::string &line : described(options_.config_file, router_->start(std::move(config)))) log(line);
-  loop_.set_turn_end([this] { router_->settle(); });
+        [this](const std::string &text) { log_.write(Level::notice, text); });
+  for (const std::string &line : described(options_.config_file, router_->start(std::move(config))))
+    log_.write(Level::error, line);
+  loop_.set_turn_end([this] { settle(); });
   watch_signals();
-  log("serving on " + options_.control_path);
+  log_.write(Level::notice, "serving on " + options_.control.path);
   service::notify("READY=1");
   // Alive is who gets the scheduling locks and through a turn.
   watchdog_.emplace(loop_.io(), [this] { Loop::Turn alive(loop_); });
 }
 
-Daemon::~Daemon() { loop_.set_turn_end(nullptr); }
+Daemon::~Daemon() {
+  loop_.set_turn_end(nullptr);
+  ref::set_log_writer(nullptr);
+}
+
+// Clients that come early wait until the loop runs.
+void Daemon::open_sockets() {
+  const auto execute = [this](const ControlServer::Request &request, const std::shared_ptr<OutputChannel> &channel) {
+    Loop::Turn command(loop_);
+    engine_->execute(request, channel);
+  };
+  control_.emplace(loop_.io(), options_.control, execute);
+  if (!options_.looking.path.empty()) looking_.emplace(loop_.io(), options_.looking, execute);
+}
+
+void Daemon::settle() {
+  router_->settle();
+  watcher_->settle();
+  events_.set_cause("");
+  change_log_.settle();
+}
+
+// Debug messages have a switch of their own, which is why the log's level does not matter to them.
+void Daemon::log_module(uint32_t severity, std::string_view line) {
+  const Level level = static_cast<Level>(std::clamp(severity, uint32_t{LOG_ERR}, uint32_t{LOG_DEBUG}));
+  level == Level::debug ? log_.write_always(level, line) : log_.write(level, line);
+}
 
 void Daemon::follow_metrics(const std::optional<EndpointValue> &at) {
   if (!metrics_)
@@ -92,7 +121,7 @@ void Daemon::follow_metrics(const std::optional<EndpointValue> &at) {
           Loop::Turn turn(loop_);
           router_->forwarding().refresh([this, format, answer] { answer(metrics_text(*router_, loop_, format)); });
         },
-        [this](const std::string &text) { log(text); });
+        [this](const std::string &text) { log_.write(Level::error, text); });
   metrics_->listen(at ? at->address : "", at ? at->port : 0);
 }
 
@@ -168,19 +197,21 @@ void Daemon::finish_reload(const FileStamp &checked, const ConfigCheck::Result &
   std::vector<std::string> messages = described(options_.config_file, file.errors);
   if (messages.empty()) {
     Loop::Turn turn(loop_);
+    events_.set_cause("SIGHUP");
     messages = described(options_.config_file, router_->replace(std::move(file.config)));
   }
   end_reload(messages, messages.empty() ? "the configuration was read again" : "the former configuration is restored");
 }
 
 void Daemon::end_reload(const std::vector<std::string> &messages, const std::string &outcome) {
-  for (const std::string &message : messages) log(message);
-  log(outcome);
+  for (const std::string &message : messages) log_.write(Level::error, message);
+  log_.write(messages.empty() ? Level::notice : Level::error, outcome);
   service::notify("READY=1");
 }
 
 void Daemon::end_views() {
   control_->close();
+  if (looking_) looking_->close();
   for (;;) {
     {
       Loop::Turn turn(loop_);
@@ -192,7 +223,7 @@ void Daemon::end_views() {
 
 void Daemon::stop() {
   service::notify("STOPPING=1");
-  log("stopping");
+  log_.write(Level::notice, "stopping");
   check_.reset();
   agentx_.reset();
   metrics_.reset();
@@ -200,7 +231,7 @@ void Daemon::stop() {
   {
     Loop::Turn turn(loop_);
     router_->stop();
-    if (!ref::wait_for_threads()) log("a thread of the module has not ended");
+    if (!ref::wait_for_threads()) log_.write(Level::error, "a thread of the module has not ended");
   }
   end_when_delivered(std::chrono::steady_clock::now() + kFarewell);
 }
@@ -212,14 +243,6 @@ void Daemon::end_when_delivered(std::chrono::steady_clock::time_point limit) {
   farewell_.async_wait([this, limit](const boost::system::error_code &error) {
     if (!error) end_when_delivered(limit);
   });
-}
-
-void Daemon::log(const std::string &text) {
-  if (options_.log_to_syslog)
-    syslog(LOG_NOTICE, "%s", text.c_str());
-  else
-    std::cerr << "pimhostd: " << text << (text.ends_with('\n') ? "" : "\n");
-  std::cerr.clear();  // what could not be written is lost, and what follows may be written
 }
 
 }  // namespace host

@@ -16,6 +16,8 @@
 #include "host/daemon/engine.h"
 #include "host/daemon/loop.h"
 #include "host/daemon/router.h"
+#include "host/daemon/watcher.h"
+#include "host/event/change_log.h"
 #include "host/metrics/http_server.h"
 #include "host/snmp/agentx.h"
 
@@ -23,14 +25,15 @@ namespace host {
 
 struct DaemonOptions {
   std::string config_file;
-  std::string control_path;
-  std::string store;    // folder of what outlives the process; empty: nothing does
-  std::string module;   // libmvpn.so
-  std::string capture;  // file; empty: none
-  std::string agentx;   // AgentX master; empty: no SNMP
+  ControlServer::Access control, looking;  // the second for looking only; without a path there is none
+  std::string store;                       // folder of what outlives the process; empty: nothing does
+  std::string module;                      // libmvpn.so
+  std::string capture;                     // file; empty: none
+  std::string agentx;                      // AgentX master; empty: no SNMP
   std::optional<double> clock_scale;
   bool stateful_restart = false;
   bool log_to_syslog = false;
+  Level log_level = Level::info;
   bool debug = false;
 };
 
@@ -55,13 +58,20 @@ class Daemon {
   void stop();
   void end_when_delivered(std::chrono::steady_clock::time_point limit);
   void end_views();
-  void log(const std::string &text);
+  void open_sockets();
+  void settle();
+  void log_module(uint32_t severity, std::string_view line);
 
   DaemonOptions options_;
+  Log log_;
   Loop loop_;
+  EventBus events_;
+  ChangeLog change_log_;
   std::optional<Router> router_;
+  std::optional<Watcher> watcher_;
+  std::optional<Process> process_;
   std::optional<Engine> engine_;
-  std::optional<ControlServer> control_;
+  std::optional<ControlServer> control_, looking_;
   std::optional<snmp::AgentX> agentx_;
   std::optional<metrics::HttpServer> metrics_;
   boost::asio::signal_set signals_;

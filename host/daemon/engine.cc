@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "host/daemon/metrics.h"
+#include "host/daemon/module_view.h"
 #include "platform/reference/bgp.h"
 #include "platform/reference/cli.h"
 #include "platform/reference/croute.h"
@@ -118,6 +119,14 @@ Outcome capture(Links &links, const Statement &statement) {
   return reason.empty() ? Outcome{true, packets + kept + "\n"} : Outcome{false, reason + "\n"};
 }
 
+// What was asked, in full and without passwords.
+std::string line_of(const std::vector<Statement> &statements) {
+  std::string line;
+  for (const Statement &statement : statements)
+    line += (line.empty() ? "" : " ") + std::string(statement.no ? "no " : "") + shown_text(statement);
+  return line;
+}
+
 Outcome clear_bgp(BgpService &bgp, const Statement &statement) {
   const std::string reason = bgp.clear(statement);
   return reason.empty() ? Outcome() : Outcome{false, reason + "\n"};
@@ -131,7 +140,9 @@ bool tells_of_forwarder(Command command) {
 
 }  // namespace
 
-Engine::Engine(Router &router, const Loop &loop) : router_(router), loop_(loop) { ref::set_yield_hook(wait_at_yield); }
+Engine::Engine(Router &router, const Process &process) : router_(router), process_(process), monitor_(process.events) {
+  ref::set_yield_hook(wait_at_yield);
+}
 
 Engine::~Engine() { ref::set_yield_hook(nullptr); }
 
@@ -153,7 +164,14 @@ void Engine::run(const CommandLine &line, const std::shared_ptr<OutputChannel> &
   const Statement &first = line.match.statements.front();
   if (is_view(first))
     return start_view(std::make_unique<ViewRun>(ViewRun{this, first, line.format, line.filters, channel}));
+  if (first.command == Command::monitor) {
+    const bool json = find_argument(first, "json") != nullptr;
+    return monitor_.serve(json ? OutputFormat::json : line.format, line.filters, channel);
+  }
+  process_.events.set_cause(line.by);  // until the turn ends
   const Outcome outcome = operate(line.match.statements);
+  if (outcome.accepted && first.command != Command::show_metrics)
+    process_.events.publish({.what = CommandChange{line_of(line.match.statements)}});
   outcome.accepted ? channel->output(outcome.text) : channel->error(outcome.text);
   channel->end(outcome.accepted ? kStatusDone : kStatusFailed);
 }
@@ -201,7 +219,7 @@ uint32_t Engine::show(const ViewRun &run) {
     }
   const std::unique_ptr<output::Writer> writer = writer_for(run.format, run.filters, *run.channel);
   output::Listing listing(*writer);
-  show_view({router_, run.statement, counters_}, listing);
+  show_view({router_, run.statement, counters_, process_}, listing);
   writer->finish();
   return kStatusDone;
 }
@@ -217,7 +235,9 @@ uint32_t Engine::show_module(const ViewRun &run) {
       invocation.arguments.push_back({argument.name, argument.value});
   }
   invocation.all_vrfs = invocation.vrf_name.empty();
-  const int result = ref::cli_invoke(invocation, *writer);
+  ModuleView view(router_, run.statement, *writer);
+  const int result = ref::cli_invoke(invocation, view);
+  view.finish();
   writer->finish();
   return result == CLI_RESULT_OK ? kStatusDone : kStatusFailed;
 }
@@ -230,6 +250,9 @@ Outcome Engine::operate(const std::vector<Statement> &statements) {
     case Command::configure:
       if (statements.size() == 1) return {false, "what is to be configured? configure COMMAND\n"};
       return router_.configure({statements.begin() + 1, statements.end()});
+    case Command::log_level:
+      process_.log.set_level(*level_of(statement.arguments.front().name));
+      return {};
     case Command::clear_counters:
       counters_ = counters_now();
       router_.links().clear_counters();
@@ -265,7 +288,7 @@ Outcome Engine::operate(const std::vector<Statement> &statements) {
     case Command::capture_rotate:
       return capture(router_.links(), statement);
     case Command::show_metrics:
-      return {true, metrics_text(router_, loop_, metrics::Format::text)};
+      return {true, metrics_text(router_, process_.loop, metrics::Format::text)};
     case Command::test_statistics:
       ref::statistics_pass();
       return {};

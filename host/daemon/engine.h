@@ -14,12 +14,15 @@
 #include "host/command/command_line.h"
 #include "host/daemon/router.h"
 #include "host/daemon/views.h"
+#include "host/event/log.h"
+#include "host/event/monitor.h"
 
 namespace host {
 
 class Engine {
  public:
-  Engine(Router &router, const Loop &loop);
+  // Both outlive it.
+  Engine(Router &router, const Process &process);
   ~Engine();
 
   // Runs a command line and ends the channel when it is done. On the main thread, with the scheduling locks.
@@ -49,7 +52,8 @@ class Engine {
   void debug_off();
 
   Router &router_;
-  const Loop &loop_;
+  const Process &process_;
+  Monitor monitor_;
   CounterBase counters_;
   int running_views_ = 0;
 };

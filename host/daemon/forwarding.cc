@@ -67,8 +67,10 @@ mvpn_mdt_route_addrs addrs_of(ip_addr_t source, ip_addr_t group) {
 
 }  // namespace
 
-Forwarding::Forwarding(Loop &loop, Log log, std::function<void(const std::string &)> follow_interface, bool recovering)
+Forwarding::Forwarding(Loop &loop, EventBus &events, LogLine log,
+                       std::function<void(const std::string &)> follow_interface, bool recovering)
     : loop_(loop),
+      events_(events),
       log_(std::move(log)),
       follow_interface_(std::move(follow_interface)),
       recovering_(recovering),
@@ -235,7 +237,7 @@ forwarder::Client::Callbacks Forwarding::callbacks() {
     ref::receive_tunnel_datagram(told.vrf(), {bytes, told.bytes().size()});
   };
   callbacks.counters = [this](forwarder::Counters counters) { refreshed(std::move(counters)); };
-  callbacks.log = log_;
+  callbacks.log = [this](const std::string &text) { log_(Level::notice, text); };
   callbacks.connected = [this] { on_connected(); };
   callbacks.disconnected = [this] { on_disconnected(); };
   return callbacks;
@@ -243,6 +245,7 @@ forwarder::Client::Callbacks Forwarding::callbacks() {
 
 // What the kernel has meanwhile lost is not told: it is gone when it has not been told again for a moment.
 void Forwarding::on_connected() {
+  events_.publish({.what = ServiceChange{"forwarder", "away", "connected"}, .reason = path_});
   round_++;
   grace_.expires_after(kTelling);
   grace_.async_wait([this](const boost::system::error_code &error) {
@@ -272,13 +275,14 @@ void Forwarding::drop_what_is_not_told() {
 }
 
 void Forwarding::on_disconnected() {
+  events_.publish({.what = ServiceChange{"forwarder", "connected", "away"}, .level = Level::warning, .reason = path_});
   unwatch();
   refreshed(std::nullopt);
   grace_.expires_after(kGrace);
   grace_.async_wait([this](const boost::system::error_code &error) {
     if (error || connected()) return;
     Loop::Turn turn(loop_);
-    log_("forwarder " + path_ + ": still not there; the tunnels are down");
+    log_(Level::warning, "forwarder " + path_ + ": still not there; the tunnels are down");
     for (const auto &[name, netns] : vrfs_) ref::report_tunnel_state(name, false);
   });
   connect_later();

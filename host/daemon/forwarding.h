@@ -20,6 +20,7 @@
 #include "forwarder/client.h"
 #include "host/config/config.h"
 #include "host/daemon/loop.h"
+#include "host/event/change.h"
 #include "platform/pim.h"
 #include "platform/reference/forwarding_plane.h"
 #include "platform/reference/mrib.h"
@@ -29,11 +30,10 @@ namespace host {
 
 class Forwarding : private ref::ForwardingPlane {
  public:
-  using Log = std::function<void(const std::string &)>;
-
   // follow_interface: called when the kernel says something new of an interface that the configuration names.
   // recovering: this process was started anew for a router that goes on.
-  Forwarding(Loop &loop, Log log, std::function<void(const std::string &)> follow_interface, bool recovering);
+  Forwarding(Loop &loop, EventBus &events, LogLine log, std::function<void(const std::string &)> follow_interface,
+             bool recovering);
   ~Forwarding() override;
 
   // Connects, changes and disconnects until it is what a configuration says.
@@ -112,7 +112,8 @@ class Forwarding : private ref::ForwardingPlane {
   void end_index(const std::string &vrf, uint16_t index);
 
   Loop &loop_;
-  Log log_;
+  EventBus &events_;
+  LogLine log_;
   std::function<void(const std::string &)> follow_interface_;
   const bool recovering_;
   const std::chrono::nanoseconds started_;

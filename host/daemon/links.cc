@@ -16,14 +16,15 @@ constexpr std::chrono::seconds kCarrierRetry{5};
 
 }  // namespace
 
-Links::Links(Loop &loop, const std::string &capture, bool restarting, Log log)
+Links::Links(Loop &loop, const std::string &capture, bool restarting, EventBus &events, LogLine log)
     : loop_(loop),
       log_(std::move(log)),
       carrier_socket_(loop.io()),
       carrier_retry_(loop.io()),
-      exchange_(loop, restarting, log_) {
+      exchange_(loop, restarting, events, log_) {
   if (capture.empty()) return;
-  if (const std::string reason = capture_.start(capture, false); !reason.empty()) log_("no capture: " + reason);
+  if (const std::string reason = capture_.start(capture, false); !reason.empty())
+    log_(Level::error, "no capture: " + reason);
 }
 
 void Links::follow(const Config &config) {
@@ -64,7 +65,7 @@ void Links::open_carrier() {
   std::string error;
   std::unique_ptr<ref::GreUdpCarrier> carrier = ref::GreUdpCarrier::open(config, &error);
   if (!carrier) return retry_carrier(endpoint + ": " + error);
-  if (carrier_failed_) log_("core carrier " + endpoint + ": open");
+  if (carrier_failed_) log_(Level::notice, "core carrier " + endpoint + ": open");
   carrier_failed_ = false;
   carrier->set_capture(&capture_);
   carrier_ = carrier.get();
@@ -76,7 +77,8 @@ void Links::open_carrier() {
 // Its address or port may be free later.
 void Links::retry_carrier(const std::string &reason) {
   if (!carrier_failed_)
-    log_("core carrier " + reason + ", tried again every " + std::to_string(kCarrierRetry.count()) + " seconds");
+    log_(Level::error,
+         "core carrier " + reason + ", tried again every " + std::to_string(kCarrierRetry.count()) + " seconds");
   carrier_failed_ = true;
   carrier_retry_.expires_after(kCarrierRetry);
   carrier_retry_.async_wait([this](const boost::system::error_code &error) {

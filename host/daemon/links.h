@@ -4,7 +4,6 @@
 
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,10 +17,8 @@ namespace host {
 
 class Links {
  public:
-  using Log = std::function<void(const std::string &)>;
-
   // capture: file that receives what the carrier sends and receives; empty: none. restarting: see BgpService.
-  Links(Loop &loop, const std::string &capture, bool restarting, Log log);
+  Links(Loop &loop, const std::string &capture, bool restarting, EventBus &events, LogLine log);
 
   // Opens, changes and closes links until they are what a configuration says.
   void follow(const Config &config);
@@ -43,7 +40,7 @@ class Links {
 
   Loop &loop_;
   ref::Capture capture_;
-  Log log_;
+  LogLine log_;
   std::vector<std::string> carrier_wanted_;  // own endpoint, then the peers
   ref::GreUdpCarrier *carrier_ = nullptr;    // the platform's
   bool carrier_failed_ = false;              // the last attempt to open it

@@ -53,8 +53,8 @@ constexpr std::chrono::seconds kPatience{30};
 
 }  // namespace
 
-MdtExchange::MdtExchange(Loop &loop, bool restarting, std::function<void(const std::string &)> log)
-    : patience_(loop.io()), bgp_(loop.io(), callbacks(loop, std::move(log)), restarting) {
+MdtExchange::MdtExchange(Loop &loop, bool restarting, EventBus &events, LogLine log)
+    : patience_(loop.io()), bgp_(loop.io(), callbacks(loop, events, std::move(log)), restarting) {
   ref::set_bgp_local_sink([this](const ref::MdtSafi &entry, bool add) { local_changed(entry, add); });
   if (!restarting) return;
   patience_.expires_after(kPatience);
@@ -67,7 +67,7 @@ MdtExchange::MdtExchange(Loop &loop, bool restarting, std::function<void(const s
 
 MdtExchange::~MdtExchange() { ref::set_bgp_local_sink(nullptr); }
 
-BgpService::Callbacks MdtExchange::callbacks(Loop &loop, std::function<void(const std::string &)> log) {
+BgpService::Callbacks MdtExchange::callbacks(Loop &loop, EventBus &events, LogLine log) {
   BgpService::Callbacks callbacks;
   callbacks.enter = [&loop](const std::function<void()> &work) {
     Loop::Turn turn(loop);
@@ -79,6 +79,7 @@ BgpService::Callbacks MdtExchange::callbacks(Loop &loop, std::function<void(cons
     for (const auto &[key, vrfs] : local_) originate(key);
   };
   callbacks.ended = [this] { forget_remote(); };
+  callbacks.changed = [&events](Change change) { events.publish(std::move(change)); };
   callbacks.log = std::move(log);
   return callbacks;
 }

@@ -19,7 +19,7 @@ class MdtExchange {
  public:
   // restarting: see BgpService; this router's routes are complete when the module has advertised the VRFs of await(), or
   // has had its time for it.
-  MdtExchange(Loop &loop, bool restarting, std::function<void(const std::string &)> log);
+  MdtExchange(Loop &loop, bool restarting, EventBus &events, LogLine log);
   ~MdtExchange();
 
   BgpService &bgp() { return bgp_; }
@@ -43,7 +43,7 @@ class MdtExchange {
     uint32_t next = 0;  // the table's
   };
 
-  BgpService::Callbacks callbacks(Loop &loop, std::function<void(const std::string &)> log);
+  BgpService::Callbacks callbacks(Loop &loop, EventBus &events, LogLine log);
   void local_changed(const ref::MdtSafi &entry, bool add);
   void originate(const bgp::RouteKey &key);
   void best_changed(std::span<const bgp::BestChange> changes);

@@ -137,9 +137,10 @@ ref::CustomerRoute customer_route(const Statement &statement) {
 Router::Router(Loop &loop, const LoadedModule &module, Options options)
     : module_(module),
       options_(std::move(options)),
-      links_(loop, options_.capture, options_.recovering, options_.log),
+      links_(loop, options_.capture, options_.recovering, *options_.events, options_.log),
       forwarding_(std::make_unique<Forwarding>(
-          loop, options_.log, [this](const std::string &name) { follow_interface(name); }, options_.recovering)),
+          loop, *options_.events, options_.log, [this](const std::string &name) { follow_interface(name); },
+          options_.recovering)),
       default_mtu_(pim_mtu),
       default_announcement_limit_(*module.recv_cache_limit) {}
 
@@ -245,7 +246,7 @@ void Router::replay_vrf(const std::string &vrf) {
   if (block == nullptr || !module_runs_) return;
   for (const Line *line : mdt_lines(*block)) {
     const Outcome outcome = run_handler(vrf, line->statement, line->statement.no, false);
-    if (!outcome.accepted) options_.log("VRF " + vrf + ": " + line->statement.text + ": " + outcome.text);
+    if (!outcome.accepted) options_.log(Level::error, "VRF " + vrf + ": " + line->statement.text + ": " + outcome.text);
   }
   if (pim_cibtype *pcib = pim_get_cib_by_context_name(vrf.c_str())) module_.cli_vrf_done(pcib);
 }
@@ -509,7 +510,7 @@ void Router::follow_vrf(const std::string &name) {
   else if (!leaving_.empty())
     waiting_.insert(name);  // its numbers may be those of a VRF that is leaving
   else
-    options_.log("VRF " + name + " cannot be created");
+    options_.log(Level::error, "VRF " + name + " cannot be created");
 }
 
 void Router::follow_route_distinguisher(const std::string &vrf) {
@@ -557,7 +558,7 @@ void Router::follow_interface(const std::string &name) {
   if (!vrf_ready || ref::find_interface(std::string_view(name)) != nullptr)
     interfaces_.insert(name);
   else if (ref::create_interface(name, pcib->context_id, address, up) == 0)
-    options_.log("interface " + name + " cannot be created");
+    options_.log(Level::error, "interface " + name + " cannot be created");
 }
 
 bool Router::set_link(const std::string &interface, bool up) {
@@ -614,7 +615,7 @@ void Router::bring_in(const std::string &vrf) {
     const Outcome outcome = run_handler(vrf, line->statement, line->statement.no, true);
     if (outcome.accepted) continue;
     const Rejection rejection{{{Mode::vrf, vrf}, nullptr, line}, outcome.text};
-    options_.log(error_of(rejection).reason);
+    options_.log(Level::error, error_of(rejection).reason);
     put_back(Config(), rejection);
   }
   for (const auto &[place, line] : kept->lines())

@@ -15,6 +15,7 @@
 #include "host/daemon/links.h"
 #include "host/daemon/loop.h"
 #include "host/daemon/module_loader.h"
+#include "host/event/change.h"
 #include "platform/reference/croute.h"
 
 namespace host {
@@ -30,9 +31,10 @@ class Router {
   struct Options {
     std::optional<double> clock_scale;  // overrides the configuration's
     std::string capture;
-    bool recovering = false;  // started anew for a router that goes on
-    bool offline = false;     // for a check of the configuration: without links to other PEs
-    std::function<void(const std::string &)> log;
+    bool recovering = false;     // started anew for a router that goes on
+    bool offline = false;        // for a check of the configuration: without links to other PEs
+    EventBus *events = nullptr;  // outlives the router
+    LogLine log;
     // Where the metrics are to be had, when that changes; nothing: nowhere.
     std::function<void(const std::optional<EndpointValue> &at)> follow_metrics = {};
   };

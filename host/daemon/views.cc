@@ -8,6 +8,7 @@
 
 #include "host/bgp/bgp_views.h"
 #include "host/daemon/forwarding_views.h"
+#include "host/daemon/status_views.h"
 #include "platform/im.h"
 #include "platform/ip.h"
 #include "platform/oim.h"
@@ -302,6 +303,9 @@ CounterBase counters_now() { return {ref::pim_counters(), ref::mrib_updates_tota
 bool show_view(const ViewInput &input, Listing &listing) {
   using View = void (*)(const ViewInput &, Listing &);
   static const std::map<Command, View> views = {
+      {Command::show_vrfs, show_vrfs},
+      {Command::show_version, show_version},
+      {Command::show_status, show_status},
       {Command::show_interfaces, show_interfaces},
       {Command::show_tunnels, show_tunnels},
       {Command::show_bgp_summary, show_summary},

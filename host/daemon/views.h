@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "host/daemon/process.h"
 #include "host/daemon/router.h"
 #include "host/language/grammar.h"
 #include "host/output/listing.h"
@@ -22,6 +23,7 @@ struct ViewInput {
   const Router &router;
   const Statement &statement;
   const CounterBase &counters;
+  const Process &process;
 };
 
 // Prints the view of a command; false when the command is not one. Yields between rows of long views.

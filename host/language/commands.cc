@@ -431,6 +431,9 @@ Word show_words() {
   return keyword("show", "Shows state")
       .then({
           show_mvpn_words(),
+          view("vrfs", "VRFs, and why one is not up", Command::show_vrfs),
+          view("version", "The program and its module", Command::show_version),
+          view("status", "The program: uptime, memory, counts", Command::show_status),
           view("interfaces", "Interfaces", Command::show_interfaces),
           view("tunnels", "Tunnels, as the tunnel manager holds them", Command::show_tunnels),
           keyword("bgp", "BGP")
@@ -506,9 +509,21 @@ Word clear_bgp_words() {
 }
 
 std::vector<Word> exec_words() {
+  const auto log_level = [](std::string text, std::string help) {
+    return flag(std::move(text), std::move(help)).runs(Command::log_level);
+  };
   return {
       show_words(),
       keyword("configure", "Changes the configuration").runs(Command::configure).opens(Mode::global),
+      keyword("monitor", "Changes of state as they happen, until Ctrl-C")
+          .runs(Command::monitor)
+          .with({flag("json", "A JSON document in each line")}),
+      keyword("log", "The daemon's log")
+          .then({keyword("level", "The least that is written; until the daemon ends")
+                     .then({log_level("error", "What needs somebody"), log_level("warning", "What may need somebody"),
+                            log_level("notice", "Changes of VRFs, sessions and services, and commands"),
+                            log_level("info", "Changes of tunnels, PEs and data MDTs too"),
+                            log_level("debug", "Everything")})}),
       keyword("clear", "Starts records anew")
           .then({keyword("counters", "Counters").runs(Command::clear_counters),
                  keyword("events", "Event history and error reports").runs(Command::clear_events), clear_bgp_words()}),

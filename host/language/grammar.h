@@ -64,7 +64,12 @@ enum class Command {
   netns,
   // operation
   configure,
+  monitor,
+  log_level,
   show_module,
+  show_vrfs,
+  show_version,
+  show_status,
   show_interfaces,
   show_tunnels,
   show_bgp_summary,

@@ -112,6 +112,11 @@ bool Listing::row(const Row &row) {
   return sink_.more();
 }
 
+void Listing::note(const std::string &text) {
+  begin(kNotes);
+  row({text});
+}
+
 void Listing::text_of(const Row &row) { view_->sheet ? sheet_of(row) : line_of(row); }
 
 // Values that there are; those behind the first, which names the row, are indented.

@@ -40,6 +40,8 @@ class Listing {
   void begin(const View &view, bool detail = false);
   // A row of the table, then sometimes a yield. False: nobody wants more.
   bool row(const Row &row);
+  // A sentence instead of rows, or behind them.
+  void note(const std::string &text);
 
  private:
   void heading();

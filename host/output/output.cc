@@ -23,79 +23,6 @@ class TextWriter : public Writer {
   bool stopped_ = false;
 };
 
-// A writer in front of another one: passes on what it does not change.
-class Filter : public Writer {
- public:
-  explicit Filter(std::unique_ptr<Writer> next) : next_(std::move(next)) {}
-  void text(std::string_view text) override { next_->text(text); }
-  void value(const ref::CliValue &value) override { next_->value(value); }
-  bool more() override { return next_->more(); }
-  void finish() override { next_->finish(); }
-
- protected:
-  std::unique_ptr<Writer> next_;
-};
-
-// A filter that sees whole lines, without their newline. Handlers print a line in several pieces.
-class LineFilter : public Filter {
- public:
-  using Filter::Filter;
-  void text(std::string_view text) override {
-    for (size_t end = text.find('\n'); end != std::string_view::npos; end = text.find('\n')) {
-      line_.append(text.substr(0, end));
-      line(line_);
-      line_.clear();
-      text.remove_prefix(end + 1);
-    }
-    line_.append(text);
-  }
-  void finish() override {
-    if (!line_.empty()) line(line_);
-    line_.clear();
-    end_of_lines();
-    Filter::finish();
-  }
-
- protected:
-  virtual void line(const std::string &line) = 0;
-  virtual void end_of_lines() {}
-
- private:
-  std::string line_;  // without its end so far
-};
-
-class IncludeFilter : public LineFilter {
- public:
-  IncludeFilter(std::string wanted, std::unique_ptr<Writer> next)
-      : LineFilter(std::move(next)), wanted_(std::move(wanted)) {}
-
- protected:
-  void line(const std::string &line) override {
-    if (line.find(wanted_) != std::string::npos) next_->text(line + '\n');
-  }
-
- private:
-  std::string wanted_;
-};
-
-class CountFilter : public LineFilter {
- public:
-  using LineFilter::LineFilter;
-
- protected:
-  void line(const std::string &) override { lines_++; }
-  void end_of_lines() override { next_->text(std::to_string(lines_) + '\n'); }
-
- private:
-  uint64_t lines_ = 0;
-};
-
-class NoMoreFilter : public Filter {
- public:
-  using Filter::Filter;
-  bool more() override { return true; }
-};
-
 // ------------------------------------------------------------------------------------------------------------- JSON
 //
 // {
@@ -223,15 +150,5 @@ class XmlWriter : public DocumentWriter {
 std::unique_ptr<Writer> text_writer(ByteSink bytes) { return std::make_unique<TextWriter>(std::move(bytes)); }
 std::unique_ptr<Writer> json_writer(ByteSink bytes) { return std::make_unique<JsonWriter>(std::move(bytes)); }
 std::unique_ptr<Writer> xml_writer(ByteSink bytes) { return std::make_unique<XmlWriter>(std::move(bytes)); }
-
-std::unique_ptr<Writer> include_lines(std::string wanted, std::unique_ptr<Writer> next) {
-  return std::make_unique<IncludeFilter>(std::move(wanted), std::move(next));
-}
-std::unique_ptr<Writer> count_lines(std::unique_ptr<Writer> next) {
-  return std::make_unique<CountFilter>(std::move(next));
-}
-std::unique_ptr<Writer> no_more(std::unique_ptr<Writer> next) {
-  return std::make_unique<NoMoreFilter>(std::move(next));
-}
 
 }  // namespace output

@@ -32,12 +32,6 @@ std::unique_ptr<Writer> text_writer(ByteSink bytes);
 std::unique_ptr<Writer> json_writer(ByteSink bytes);
 std::unique_ptr<Writer> xml_writer(ByteSink bytes);
 
-// Filters; they act on text and pass recorded values on. Lines that contain a text; the number of lines; everything,
-// without asking anybody whether more is wanted.
-std::unique_ptr<Writer> include_lines(std::string wanted, std::unique_ptr<Writer> next);
-std::unique_ptr<Writer> count_lines(std::unique_ptr<Writer> next);
-std::unique_ptr<Writer> no_more(std::unique_ptr<Writer> next);
-
 }  // namespace output
 
 #endif  // HOST_OUTPUT_OUTPUT_H

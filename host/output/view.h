@@ -348,10 +348,85 @@ inline constexpr View kForwardingEvents = {"forwarding-event", "An event of the 
                                            kForwardingEventColumns};
 
 // Every view, by number; the items of lists follow the view that they belong to.
+inline constexpr Column kChangeColumns[] = {
+    {4900, "kind", CLI_TYPE_STRING, "vrf, tunnel, pe, bgp-session, data-mdt, service or command.", "Kind", 14},
+    {4901, "time", CLI_TYPE_STRING, "When it happened: RFC 3339, UTC.", "Time", 26},
+    {4902, "level", CLI_TYPE_STRING, "error, warning, notice, info or debug.", "Level", 9},
+    {4903, "vrf", CLI_TYPE_STRING, "VRF that it concerns.", "VRF", 16},
+    {4904, "name", CLI_TYPE_STRING,
+     "What changed, where the kind has several: tunnel, neighbour, service; of a data MDT sent or received; the line.",
+     "Name", 20},
+    {4905, "before", CLI_TYPE_STRING, "State before.", "Before", 16},
+    {4906, "after", CLI_TYPE_STRING, "State now.", "After", 16},
+    {4907, "source", CLI_TYPE_ADDRESS, "Provider source: a PE.", "Source", 17},
+    {4908, "group", CLI_TYPE_ADDRESS, "Provider group.", "Group", 17},
+    {4909, "customer-source", CLI_TYPE_SOURCE, "Source of a customer's flow.", "Customer source", 17},
+    {4910, "customer-group", CLI_TYPE_ADDRESS, "Group of a customer's flow.", "Customer group", 17},
+    {4911, "rd", CLI_TYPE_STRING, "Route distinguisher of a PE's entry.", "RD", 22},
+    {4912, "reason", CLI_TYPE_STRING, "Why.", "Reason", 30},
+    {4913, "by", CLI_TYPE_STRING, "Who asked for it.", "By", 20},
+    {4914, "text", CLI_TYPE_STRING, "All of it in a line, as the log has it.", "Text"},
+};
+inline constexpr View kChanges = {"change", "A change of state. `monitor json`", kChangeColumns};
+
+inline constexpr Column kMissedChangeColumns[] = {
+    {4950, "count", CLI_TYPE_NUMBER, "How many.", "Missed"},
+};
+inline constexpr View kMissedChanges = {
+    "missed-changes", "Changes that came faster than the client read. `monitor json`", kMissedChangeColumns};
+
+inline constexpr Column kNoteColumns[] = {{4960, "text", CLI_TYPE_STRING, "A sentence or part of one.", ""}};
+inline constexpr View kNotes = {"note", "What there is to say about an answer, such as why it is empty. Any view",
+                                kNoteColumns};
+
+inline constexpr Column kVrfColumns[] = {
+    {5000, "vrf", CLI_TYPE_STRING, "Name of the VRF.", "VRF", 16},
+    {5001, "default-group", CLI_TYPE_ADDRESS, "Default MDT group.", "Default group", 17},
+    {5002, "mti-interface", CLI_TYPE_INTERFACE, "Multicast tunnel interface.", "MTI", 10},
+    {5003, "mti-status", CLI_TYPE_STRING, "Status of the tunnel interface, None to Up.", "Status", 18},
+    {5004, "not-up-reason", CLI_TYPE_STRING, "The first condition of the default MDT that is not met.", "Why not Up"},
+};
+inline constexpr View kVrfs = {"vrf-status", "A VRF of the configuration. `show vrfs`", kVrfColumns};
+
+inline constexpr Column kVersionColumns[] = {
+    {5100, "program", CLI_TYPE_STRING, "Name of the program.", "Program"},
+    {5101, "version", CLI_TYPE_STRING, "Its version.", "Version"},
+    {5102, "compiler", CLI_TYPE_STRING, "What built it.", "Built by"},
+    {5103, "module", CLI_TYPE_STRING, "File of the module that is loaded.", "Module"},
+};
+inline constexpr View kVersion = {
+    .record = "version", .description = "A program. `show version`", .columns = kVersionColumns, .sheet = true};
+
+inline constexpr Column kStatusColumns[] = {
+    {5200, "started", CLI_TYPE_STRING, "When the program started: RFC 3339, UTC.", "Started"},
+    {5201, "uptime-seconds", CLI_TYPE_DURATION, "How long it has been running.", "Uptime, seconds"},
+    {5202, "process", CLI_TYPE_NUMBER, "Process id.", "Process"},
+    {5203, "memory-bytes", CLI_TYPE_NUMBER, "Memory that is resident.", "Memory, bytes"},
+    {5204, "threads", CLI_TYPE_NUMBER, "Threads of the process.", "Threads"},
+    {5205, "log-level", CLI_TYPE_STRING, "The least that the log takes.", "Log level"},
+    {5206, "log-lines-lost", CLI_TYPE_NUMBER, "Lines that nobody read.", "Log lines lost"},
+    {5207, "mvpn-feature", CLI_TYPE_STRING, "on or off.", "MVPN"},
+    {5208, "store", CLI_TYPE_STRING, "memory, writing, or failing and why.", "Store"},
+    {5209, "forwarder", CLI_TYPE_STRING, "connected, away, or none: customers' packets are simulated.", "Forwarder"},
+    {5210, "configuration", CLI_TYPE_STRING, "Whether the file has what runs.", "Configuration"},
+    {5211, "vrfs", CLI_TYPE_NUMBER, "VRFs of the configuration.", "VRFs"},
+    {5212, "vrfs-up", CLI_TYPE_NUMBER, "VRFs whose default MDT is up.", "VRFs up"},
+    {5213, "tunnels", CLI_TYPE_NUMBER, "Tunnels of the tunnel manager.", "Tunnels"},
+    {5214, "remote-entries", CLI_TYPE_NUMBER, "MDT SAFI entries of other PEs.", "Entries of other PEs"},
+    {5215, "bgp-neighbors", CLI_TYPE_NUMBER, "BGP neighbours of the configuration.", "BGP neighbors"},
+    {5216, "bgp-sessions-up", CLI_TYPE_NUMBER, "BGP sessions that are Established.", "BGP sessions up"},
+    {5217, "core-routes", CLI_TYPE_NUMBER, "Core routes in the MRIB.", "Core routes"},
+    {5218, "flows-on-data-mdts", CLI_TYPE_NUMBER, "Flows that this PE sends on data MDTs.", "Flows on data MDTs"},
+    {5219, "data-mdts-joined", CLI_TYPE_NUMBER, "Data MDTs of other PEs that this PE receives.", "Data MDTs joined"},
+};
+inline constexpr View kStatus = {
+    .record = "status", .description = "The program. `show status`", .columns = kStatusColumns, .sheet = true};
+
 inline constexpr const View *kViews[] = {
-    &kInterfaces, &kTunnels,   &kBgpSpeaker,     &kBgpSessions, &kBgpNeighbors, &kBgp,      &kRoutes,
-    &kEncaps,     &kGroups,    &kCustomers,      &kEvents,      &kErrors,       &kCounters, &kConfig,
-    &kClock,      &kForwarder, &kForwardingVrfs, &kFlows,       &kMemberships,  &kDrops,    &kForwardingEvents};
+    &kInterfaces, &kTunnels,       &kBgpSpeaker,     &kBgpSessions, &kBgpNeighbors, &kBgp,      &kRoutes,
+    &kEncaps,     &kGroups,        &kCustomers,      &kEvents,      &kErrors,       &kCounters, &kConfig,
+    &kClock,      &kForwarder,     &kForwardingVrfs, &kFlows,       &kMemberships,  &kDrops,    &kForwardingEvents,
+    &kChanges,    &kMissedChanges, &kNotes,          &kVrfs,        &kVersion,      &kStatus};
 
 }  // namespace output
 

@@ -186,6 +186,7 @@ int main(int argc, char **argv) {
       "line."};
   Options options;
   add_commands(&app, &options);
+  app.version("mvpn-traffic " MVPN_VERSION);
   if (const std::optional<int> status = app.parse(argc, argv, kUsage)) return *status;
   const auto on_signal = [](int) { stopped = 1; };
   std::signal(SIGINT, on_signal);

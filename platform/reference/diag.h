@@ -3,7 +3,10 @@
 #define REFERENCE_DIAG_H
 
 #include <chrono>
+#include <cstdint>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace ref {

@@ -207,7 +207,7 @@ void pss_flush() {
   if (state.database == nullptr || state.unwritten.empty()) return;
   const int error = state.database->write(state.records, state.unwritten);
   if (error == 0) state.unwritten.clear();
-  if (std::exchange(state.failing, error != 0) != state.failing) tell_failing(error);
+  if (const bool failing = error != 0; std::exchange(state.failing, failing) != failing) tell_failing(error);
 }
 
 void set_stateful_restart(bool on) { state.stateful = on; }

@@ -24,8 +24,9 @@ ESCAPES = re.compile(r"\x1b\[[0-9;?]*[A-Za-z]")
 class Terminal:
     """A session of pimctl on a terminal of 10 rows and 200 columns."""
 
-    def __init__(self, socket, state, colour=False):
-        environment = {k: v for k, v in os.environ.items() if k != "NO_COLOR"}
+    def __init__(self, socket, state, colour=False, pager=None):
+        environment = {k: v for k, v in os.environ.items() if k not in ("NO_COLOR", "PAGER")}
+        environment |= {"PAGER": pager} if pager else {}
         environment |= {"XDG_STATE_HOME": str(state), "TERM": "xterm"} | ({} if colour else {"NO_COLOR": "1"})
         main, terminal = pty.openpty()
         fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 10, 200, 0, 0))
@@ -103,6 +104,34 @@ class InteractiveTest(unittest.TestCase):
         self.assertEqual(terminal.process.wait(LIMIT), 0)
         self.assertIn("\n  mdt mtu 1300\n", daemon.show("running-config"))
 
+    def test_habits_of_other_routers_work_here(self):
+        daemon = self.start()
+        terminal = self.open(daemon)
+        for typed, seen in [("help", "Tab completes a word"), ("terminal length x", "expected terminal length"),
+                            ("show vrfs|include blue|count", "1\n"),
+                            # 10 rows: without pages the end comes at once
+                            ("terminal length 0", ""), ("show counters", "stored-records")]:
+            terminal.type(typed + "\n")
+            self.assertIn(seen, terminal.expect("pe1> "), typed)
+        terminal.type("configure bgp neighbor 10.0.0.9 password s3cret\n")
+        terminal.expect("pe1> ")
+        terminal.type("show clock\n")
+        terminal.expect("pe1> ")
+        history = (self.folder / "state/pimctl/history").read_text()
+        self.assertIn("clock", history)
+        self.assertNotIn("s3cret", history)
+        terminal.type("quit\n")
+        self.assertEqual(terminal.process.wait(LIMIT), 0)
+
+    def test_a_pager_of_ones_own_shows_the_pages(self):
+        daemon = self.start()
+        pager = self.folder / "pager"
+        pager.write_text("#!/bin/sh\nsed s/^/paged:/\n")
+        pager.chmod(0o755)
+        terminal = self.open(daemon, pager=str(pager))
+        terminal.type("show vrfs\n")
+        self.assertIn("paged:blue", terminal.expect("pe1> "))
+
     def test_question_mark_lists_what_may_stand_there(self):
         terminal = self.open(self.start())
         for typed, listed in [
@@ -110,7 +139,7 @@ class InteractiveTest(unittest.TestCase):
             ("show mvpn mdt send history ?", ["<1-10080>  Minutes"]),
             ("show mvpn mdt send history 5 ?", ["detail", "vrf", "<cr>", "|"]),
             ("show mrib r?", ["routes  Core routes"]),
-            ("show clock | ?", ["include  Only lines that contain a text", "count", "no-more", "json", "xml"]),
+            ("show clock | ?", ["include  Only lines that match a pattern", "section", "count", "no-more", "json", "xml"]),
             ("configure vrf red no mdt ?", ["default", "mtu"]),
             ("show bogus ?", ["nothing is known here"]),
         ]:

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "host/output/filters.h"
 #include "host/output/output.h"
 #include "platform/reference/cli.h"
 #include "tests/host_output/document_check.h"
@@ -241,39 +242,53 @@ TEST(Documents, ConvertValuesToTheTypeOfTheirElement) {
 }
 
 TEST(Filters, ActOnWholeLinesOfText) {
-  const Texts pieces = {"VRF red", " up\nVRF ", "blue down\n\n", "no end: red"};
+  using output::LineFilter;
+  const Texts pieces = {"vrf red", " up\n  rd 1\n  ", "group 239.1.1.1\nvrf ", "blue down\n\n", "no end: red"};
   const struct {
-    std::function<std::unique_ptr<output::Writer>(std::unique_ptr<output::Writer>)> filter;
+    std::vector<std::pair<LineFilter, const char *>> filters;
     const char *expected;
   } cases[] = {
-      {[](auto next) { return output::include_lines("red", std::move(next)); }, "VRF red up\nno end: red\n"},
-      {[](auto next) { return output::include_lines("", std::move(next)); },
-       "VRF red up\nVRF blue down\n\nno end: red\n"},
-      {[](auto next) { return output::include_lines("VRF b", std::move(next)); }, "VRF blue down\n"},
-      {[](auto next) { return output::count_lines(std::move(next)); }, "4\n"},
-      {[](auto next) { return output::include_lines("VRF", output::count_lines(std::move(next))); }, "2\n"},
-      {[](auto next) { return output::count_lines(output::include_lines("4", std::move(next))); }, "4\n"},
-      {[](auto next) { return output::no_more(std::move(next)); }, "VRF red up\nVRF blue down\n\nno end: red"},
+      {{{LineFilter::include, "red"}}, "vrf red up\nno end: red\n"},
+      {{{LineFilter::include, "^vrf (red|blue)"}}, "vrf red up\nvrf blue down\n"},
+      {{{LineFilter::include, ""}}, "vrf red up\n  rd 1\n  group 239.1.1.1\nvrf blue down\n\nno end: red\n"},
+      {{{LineFilter::exclude, "^ |^$"}}, "vrf red up\nvrf blue down\nno end: red\n"},
+      {{{LineFilter::begin, "blue"}}, "vrf blue down\n\nno end: red\n"},
+      {{{LineFilter::section, "^vrf"}}, "vrf red up\n  rd 1\n  group 239.1.1.1\nvrf blue down\n"},
+      {{{LineFilter::section, "vrf red"}, {LineFilter::exclude, "rd"}}, "vrf red up\n  group 239.1.1.1\n"},
   };
   for (const auto &c : cases) {
-    std::string bytes;
-    const auto writer = c.filter(output::text_writer([&bytes](std::string_view piece) {
-      bytes.append(piece);
-      return true;
-    }));
-    for (const std::string &piece : pieces) writer->text(piece);
-    writer->finish();
-    EXPECT_EQ(bytes, c.expected);
+    for (const bool counted : {false, true}) {
+      std::string bytes;
+      std::unique_ptr<output::Writer> writer = output::text_writer([&bytes](std::string_view piece) {
+        bytes.append(piece);
+        return true;
+      });
+      if (counted) writer = output::count_lines(std::move(writer));
+      for (auto filter = c.filters.rbegin(); filter != c.filters.rend(); ++filter)
+        writer = output::filter_lines(filter->first, filter->second, std::move(writer));
+      for (const std::string &piece : pieces) writer->text(piece);
+      writer->finish();
+      const std::string expected = c.expected;
+      EXPECT_EQ(bytes, counted ? std::to_string(std::ranges::count(expected, '\n')) + "\n" : expected);
+    }
   }
 }
 
+TEST(Filters, TakeNoPatternThatIsNone) {
+  EXPECT_EQ(output::pattern_fault("^mti[0-9]+ "), "");
+  EXPECT_NE(output::pattern_fault("MTI(mti2"), "");
+  EXPECT_NE(output::pattern_fault(std::string(256, 'a')), "");
+  EXPECT_NE(output::pattern_fault("((a{100}){100}){100}"), "") << "one that would take much memory";
+}
+
 TEST(Filters, StopAndPassOn) {
+  using output::LineFilter;
   std::string bytes;
   const auto once = [&bytes](std::string_view piece) {
     bytes.append(piece);
     return false;
   };
-  auto writer = output::include_lines("a", output::text_writer(once));
+  auto writer = output::filter_lines(LineFilter::include, "a", output::text_writer(once));
   EXPECT_TRUE(writer->more());
   writer->text("b\n");
   EXPECT_TRUE(writer->more()) << "nothing was sent";
@@ -283,19 +298,15 @@ TEST(Filters, StopAndPassOn) {
   writer->finish();
   EXPECT_EQ(bytes, "a1\n");
 
-  writer = output::no_more(output::text_writer(once));
-  writer->text("x");
-  EXPECT_TRUE(writer->more()) << "nobody is asked";
-
   // Values go through filters of text.
   bytes.clear();
-  writer = output::include_lines("nothing", output::json_writer([&bytes](std::string_view piece) {
-                                   bytes.append(piece);
-                                   return true;
-                                 }));
+  writer = output::filter_lines(LineFilter::include, "nothing", output::json_writer([&bytes](std::string_view piece) {
+                                  bytes.append(piece);
+                                  return true;
+                                }));
   writer->value(text_value(CLI_ELEMENT_VRF_NAME, "red"));
   writer->finish();
-  EXPECT_EQ(Json::parse(bytes), Json::parse(R"({"vrf": [{"name": "red"}]})"));
+  EXPECT_EQ(Json::parse(bytes)["vrf"], Json::parse(R"([{"name": "red"}])"));
 }
 
 TEST(Schema, FilesAreWhatTheToolPrints) {

@@ -1,0 +1,84 @@
+// Finds out what changed in the router and publishes it.
+//
+// The module tells nobody of its states, but it writes an event wherever one may change: the VRF that the event is of is
+// looked at again when the turn ends. So a VRF that passes through several states in a turn shows as one change, and a
+// turn costs what happened in it, not what is configured. Flows, core routes and PEs are told by the services that hold
+// them.
+#ifndef HOST_DAEMON_WATCHER_H
+#define HOST_DAEMON_WATCHER_H
+
+#include <map>
+#include <set>
+#include <string>
+#include <tuple>
+
+#include "host/daemon/router.h"
+#include "host/event/change.h"
+#include "platform/reference/observer.h"
+
+namespace host {
+
+class Watcher : private ref::Observer {
+ public:
+  // Router and bus outlive it. One at a time.
+  Watcher(const Router &router, EventBus &bus);
+  ~Watcher() override;
+
+  // Publishes what changed. At every turn's end.
+  void settle();
+
+  // Data MDTs in use now: flows that this PE sends, data MDTs of others that it has joined.
+  size_t sent() const { return flows_.size(); }
+  size_t received() const { return joined_.size(); }
+  // The store's last write failed, for this reason; empty: it did not.
+  const std::string &store_failure() const { return store_failure_; }
+
+ private:
+  struct Tunnel {
+    std::string name;
+    if_index_t if_index = 0;
+    std::string state = "absent";
+    ip_addr_t source = 0, group = 0;
+    bool operator==(const Tunnel &) const = default;
+  };
+  struct Vrf {
+    std::string status;  // empty: no default MDT
+    std::string reason;  // why it is not up
+    ip_addr_t group = 0;
+    ip_addr_t last_group = 0;  // that it had; 0: none ever
+    Tunnel tunnel;
+    std::string by;  // who asked for what it is doing
+  };
+  using Flow = std::tuple<std::string, ip_addr_t, ip_addr_t>;         // VRF, source, group
+  using Joined = std::tuple<vrf_context_id_t, ip_addr_t, ip_addr_t>;  // of the VRF; PE, group
+
+  // ref::Observer
+  void vrf_touched(std::string_view vrf_name) override;
+  void customer_route_installed(const std::string &vrf_name, const pim_route &route) override;
+  void customer_route_deleted(const std::string &vrf_name, const mvpn_mdt_route_addrs &addrs) override;
+  void core_route_joined(vrf_context_id_t owner, ip_addr_t source, ip_addr_t group, bool joined) override;
+  void remote_entry_changed(const ref::MdtSafi &entry, bool present) override;
+  void store_changed(const std::string &failure) override;
+
+  void settle_feature();
+  void settle_vrf(const std::string &name);
+  void settle_status(const std::string &name, Vrf &vrf);
+  void settle_tunnel(const std::string &name, Vrf &vrf);
+  void end_flows(const std::string &vrf);
+  void end_flow(std::map<Flow, ip_addr_t>::iterator flow, const std::string &reason);
+
+  const Router &router_;
+  EventBus &bus_;
+  std::set<std::string, std::less<>> touched_;
+  std::string last_touched_;  // events come in rows of one VRF
+  std::map<std::string, Vrf> vrfs_;
+  std::map<ip_addr_t, std::string> by_group_;  // VRFs by their default groups
+  std::map<Flow, ip_addr_t> flows_;            // with their data groups
+  std::map<Joined, std::string> joined_;       // with the VRF's name
+  bool feature_ = true;
+  std::string store_failure_;
+};
+
+}  // namespace host
+
+#endif  // HOST_DAEMON_WATCHER_H

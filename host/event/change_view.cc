@@ -1,0 +1,106 @@
+#include "host/event/change_view.h"
+
+#include <nlohmann/json.hpp>
+
+#include "host/language/values.h"
+#include "host/output/output.h"
+#include "host/output/wall_time.h"
+
+namespace host {
+namespace {
+
+using output::Cell;
+using output::Row;
+
+Cell text_cell(const std::string &text) { return text.empty() ? Cell() : Cell(text); }
+Cell address_cell(uint32_t address) { return address == 0 ? Cell() : Cell(address_text(address)); }
+
+// What the kinds of changes have in common, under one name each.
+struct Parts {
+  Cell vrf = {}, name = {}, before = {}, after = {};
+  Cell source = {}, group = {}, customer_source = {}, customer_group = {}, rd = {};
+};
+
+struct ToParts {
+  Parts operator()(const VrfChange &change) const {
+    return {.vrf = change.vrf,
+            .before = text_cell(change.before),
+            .after = text_cell(change.after),
+            .group = address_cell(change.group)};
+  }
+  Parts operator()(const TunnelChange &change) const {
+    return {.vrf = change.vrf,
+            .name = change.name,
+            .before = change.before,
+            .after = change.after,
+            .source = address_cell(change.source),
+            .group = address_cell(change.group)};
+  }
+  Parts operator()(const PeChange &change) const {
+    return {.vrf = text_cell(change.vrf),
+            .after = change.joined ? "joined" : "left",
+            .source = address_cell(change.address),
+            .group = address_cell(change.group),
+            .rd = change.rd};
+  }
+  Parts operator()(const SessionChange &change) const {
+    return {.name = address_text(change.neighbor), .before = change.before, .after = change.after};
+  }
+  Parts operator()(const DataMdtChange &change) const {
+    const bool flow = change.sent;
+    return {.vrf = change.vrf,
+            .name = flow ? "sent" : "received",
+            .after = change.in_use ? "joined" : "left",
+            .source = address_cell(change.source),
+            .group = address_cell(change.group),
+            .customer_source = !flow                         ? Cell()
+                               : change.customer_source == 0 ? Cell("*")
+                                                             : Cell(address_text(change.customer_source)),
+            .customer_group = address_cell(change.customer_group)};
+  }
+  Parts operator()(const ServiceChange &change) const {
+    return {.name = change.name, .before = text_cell(change.before), .after = text_cell(change.after)};
+  }
+  Parts operator()(const CommandChange &change) const { return {.name = change.line}; }
+};
+
+// A document without what makes it readable for people.
+std::string line_of(const output::View &view, const Row &row) {
+  std::string text;
+  const auto writer = output::json_writer([&text](std::string_view part) {
+    text += part;
+    return true;
+  });
+  output::Listing listing(*writer);
+  listing.begin(view);
+  listing.row(row);
+  writer->finish();
+  return nlohmann::ordered_json::parse(text).dump() + "\n";
+}
+
+}  // namespace
+
+Row row_of(const Change &change) {
+  const Parts parts = std::visit(ToParts{}, change.what);
+  return {kind_of(change),
+          output::wall_time(change.when),
+          std::string(name_of(change.level)),
+          parts.vrf,
+          parts.name,
+          parts.before,
+          parts.after,
+          parts.source,
+          parts.group,
+          parts.customer_source,
+          parts.customer_group,
+          parts.rd,
+          text_cell(change.reason),
+          text_cell(change.by),
+          text_of(change)};
+}
+
+std::string document_of(const Change &change) { return line_of(output::kChanges, row_of(change)); }
+
+std::string missed_document(uint64_t missed) { return line_of(output::kMissedChanges, {missed}); }
+
+}  // namespace host

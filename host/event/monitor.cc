@@ -1,0 +1,50 @@
+#include "host/event/monitor.h"
+
+#include <chrono>
+
+#include "host/event/change_view.h"
+#include "host/output/wall_time.h"
+
+namespace host {
+namespace {
+
+std::string missed_text(uint64_t missed) {
+  return output::wall_time(std::chrono::system_clock::now()) + " " + std::to_string(missed) +
+         " changes were missed: they came faster than they were read\n";
+}
+
+}  // namespace
+
+Monitor::Monitor(EventBus &bus) : subscription_(bus.subscribe([this](const Change &change) { tell(change); })) {}
+
+void Monitor::serve(OutputFormat format, const Filters &filters, const std::shared_ptr<OutputChannel> &channel) {
+  if (format == OutputFormat::xml || filters.count) {
+    channel->error(filters.count ? "monitor has no end at which lines could be counted\n"
+                                 : "monitor writes lines of text, or of JSON\n");
+    return channel->end(kStatusFailed);
+  }
+  std::erase_if(clients_, [](const Client &client) { return !client.channel->wanted(); });
+  clients_.push_back({channel, format, writer_for(OutputFormat::text, filters, *channel)});
+}
+
+void Monitor::tell(const Change &change) {
+  std::erase_if(clients_, [](const Client &client) { return !client.channel->wanted(); });
+  for (Client &client : clients_) tell(client, change);
+}
+
+void Monitor::tell(Client &client, const Change &change) {
+  if (client.channel->full()) {
+    client.missed++;
+    return;
+  }
+  const bool json = client.format == OutputFormat::json;
+  if (client.missed > 0) client.channel->output(json ? missed_document(client.missed) : missed_text(client.missed));
+  client.missed = 0;
+  if (json)
+    client.channel->output(document_of(change));
+  else
+    client.text->text(output::wall_time(change.when) + " " + std::string(name_of(change.level)) + " " +
+                      text_of(change) + "\n");
+}
+
+}  // namespace host

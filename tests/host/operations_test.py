@@ -1,0 +1,222 @@
+"""What operators are told, and how they work: log, monitor, configuration work.  usage: operations_test.py BIN_DIR"""
+
+import json
+import os
+import re
+import select
+import socket
+import struct
+import subprocess
+import unittest
+
+import programs_test
+from programs_test import BIN, DOCS, LIMIT, schema_faults, wait_until
+
+TIME = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z"
+OPERATOR = rf"{os.environ.get('USER', 'root')}, process \d+"
+
+
+class OperationsTest(unittest.TestCase):
+    setUp = programs_test.ProgramsTest.setUp
+    start = programs_test.ProgramsTest.start
+    start_example = programs_test.ProgramsTest.start_example
+
+    def set_up_flow(self, daemon):
+        for line in ["configure vrf red mdt data 239.1.8.0/24 threshold 100",
+                     "configure vrf red mroute 192.168.1.5 232.1.1.1 iif red-lan rpf 192.168.1.5 oif mvpn rate 500"]:
+            self.assertEqual(daemon.run(line).returncode, 0)
+
+    def monitor(self, daemon, *words):
+        client = subprocess.Popen([BIN / "pimctl", "--control", daemon.socket, "--timeout", "1", "monitor", *words],
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.stack.callback(client.communicate)
+        self.stack.callback(client.kill)
+        # The client is there when it is told of something.
+        wait_until(lambda: daemon.run("log level info").returncode == 0 and client.poll() is None
+                   and select_line(client.stdout), "the monitor hears")
+        return client
+
+    def test_the_log_says_what_changed_and_why_and_who_asked(self):
+        daemon = self.start_example()
+        self.set_up_flow(daemon)
+        self.assertEqual(daemon.run("test remote-pe 10.0.0.2 65000:1 239.1.1.1 advertise").returncode, 0)
+        self.assertEqual(daemon.run("test statistics").returncode, 0)
+        daemon.wait_for_log("moved to data MDT")
+        self.assertEqual(daemon.run("test interface loopback0 down").returncode, 0)
+        daemon.wait_for("vrfs", "red .*loopback0, is down")
+        self.assertEqual(daemon.run("configure no feature mvpn").returncode, 0)
+        log = daemon.log.read_text()
+        for level, text in [
+            ("notice", r"VRF red: Up"),
+            ("info", r"tunnel mti2 of VRF red: up, was absent, from 10\.0\.0\.1 to 239\.1\.1\.1"),
+            ("notice", rf"command: configure vrf red mdt data 239\.1\.8\.0/24 threshold 100 \[{OPERATOR}\]"),
+            ("info", rf"PE 10\.0\.0\.2 joined 239\.1\.1\.1 of VRF red with 65000:1 \[{OPERATOR}\]"),
+            ("info", r"VRF red: flow \(192\.168\.1\.5, 232\.1\.1\.1\) moved to data MDT 239\.1\.8\.0: it had 500 kbit/s, "
+                     r"the threshold is 100"),
+            ("info", r"VRF red: flow \(192\.168\.1\.5, 232\.1\.1\.1\) left data MDT 239\.1\.8\.0: the default MDT goes down"),
+            ("warning", rf"VRF red: Down( in Progress)?, was Up: its MDT source, interface loopback0, is down \[{OPERATOR}\]"),
+            ("notice", rf"mvpn: off, was on \[{OPERATOR}\]"),
+        ]:
+            with self.subTest(text):
+                wait_until(lambda: re.search(rf"(?m)^{TIME} {level} pimhostd: {text}", daemon.log.read_text()), text)
+
+    def test_the_first_unmet_condition_is_in_the_views(self):
+        daemon = self.start_example()
+        vrf = "vrf green "
+        for line, reason in [
+            (vrf + "mdt mtu 1400", "it has no default MDT group ('mdt default')"),
+            (vrf + "mdt default 239.1.1.9", "it has no route distinguisher ('rd')"),
+            (vrf + "mdt source loopback9", "it has no route distinguisher ('rd')"),
+            (vrf + "rd 65000:9", "its MDT source, interface loopback9, does not exist"),
+            ("interface loopback9 shutdown", "its MDT source, interface loopback9, is down"),
+            ("interface loopback9 no shutdown", "its MDT source, interface loopback9, has no address"),
+            ("interface loopback9 ip address 10.0.9.9", ""),
+        ]:
+            with self.subTest(line):
+                self.assertEqual(daemon.run("configure " + line).returncode, 0)
+                row = lambda: next(r for r in json.loads(daemon.show("vrfs", "--json"))["vrf-status"] if r["vrf"] == "green")
+                wait_until(lambda: row().get("not-up-reason", "") == reason, f"{reason}, not {row()}")
+                shown = daemon.show("mvpn mdt vrf green")
+                self.assertEqual(f"VRF green is not Up: {reason}\n" in shown, reason != "", shown)
+                document = json.loads(daemon.show("mvpn mdt vrf green", "--json"))
+                if "vrf" in document and document["vrf"]:
+                    self.assertEqual(document["vrf"][0].get("not-up-reason", ""), reason)
+        self.assertEqual(daemon.run("configure no feature mvpn").returncode, 0)
+        for view in ("mvpn mdt", "mvpn mdt route", "mvpn mdt bgp"):
+            self.assertIn("MVPN is switched off", daemon.show(view))
+        self.assertIn("no 'local-as'", daemon.show("bgp summary"))
+
+    def test_levels_and_the_journal(self):
+        config = "hostname a\n"
+        with (self.folder / "journal").open("w") as log, socket.socket(socket.AF_UNIX) as listener:
+            path = str(self.folder / "j")
+            listener.bind(path)
+            listener.listen()
+            stream = socket.socket(socket.AF_UNIX)
+            self.stack.callback(stream.close)
+            stream.connect(path)
+            journal, _ = listener.accept()
+            self.stack.callback(journal.close)
+            status = os.fstat(stream.fileno())
+            daemon = self.start(config, "--log-level", "warning", log=stream.fileno(),
+                                env={"JOURNAL_STREAM": f"{status.st_dev}:{status.st_ino}"})
+            daemon.run("configure hostname b")  # a notice
+            daemon.run("log level notice")
+            daemon.run("configure hostname c")
+            self.assertEqual(daemon.stop(), 0)
+            journal.settimeout(LIMIT)
+            stream.close()
+            text = b"".join(iter(lambda: journal.recv(65536), b"")).decode()
+        self.assertNotIn("hostname b", text)
+        self.assertRegex(text, rf"(?m)^<5>command: log level notice \[{OPERATOR}\]$")
+        self.assertRegex(text, rf"(?m)^<5>command: configure hostname c \[{OPERATOR}\]$")
+
+    def test_a_log_that_nobody_reads_holds_up_nobody(self):
+        reading, writing = os.pipe()
+        daemon = self.start("hostname a\n", log=writing)
+        os.close(writing)
+        # A pipe takes 64 kB, which is less than these lines.
+        for _ in range(10):
+            lines = "".join(f"configure interface i{n} ip address 10.1.{n // 250}.{n % 250 + 1}\n" for n in range(200))
+            done = subprocess.run([BIN / "pimctl", "--control", daemon.socket], input=lines, text=True, timeout=LIMIT,
+                                  capture_output=True)
+            self.assertEqual((done.returncode, done.stderr), (0, ""))
+        lost = int(re.search(r"Log lines lost: (\d+)", daemon.show("status")).group(1))
+        self.assertGreater(lost, 0)
+        os.set_blocking(reading, False)
+        read = os.read(reading, 1 << 20)
+        self.assertEqual(daemon.run("configure hostname b").returncode, 0)
+        read = os.read(reading, 1 << 20).decode()
+        os.close(reading)
+        self.assertRegex(read, rf"^{TIME} warning pimhostd: {lost} lines of the log are missing here: nobody read them\n"
+                               rf"{TIME} notice pimhostd: command: configure hostname b")
+        self.assertEqual(daemon.stop(), 0)
+
+    def test_a_store_that_fails_and_recovers_is_said(self):
+        # A file system that is full, and has room again.
+        store = self.folder / "store"
+        store.mkdir()
+        mounted = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=256k", "none", store], capture_output=True)
+        if mounted.returncode != 0:
+            self.skipTest("file systems cannot be mounted here")
+        self.stack.callback(lambda: subprocess.run(["umount", "-l", store], check=True))
+        daemon = self.start_example("--store", str(store))
+        with (store / "filler").open("wb") as filler:
+            try:
+                while True:
+                    os.write(filler.fileno(), bytes(4096))
+            except OSError:
+                pass
+        self.set_up_flow(daemon)
+        routes = "".join(f"configure vrf red mroute 192.168.2.{n} 232.1.1.1 iif red-lan rpf 192.168.1.5 oif mvpn rate 500\n"
+                         for n in range(1, 200))
+        subprocess.run([BIN / "pimctl", "--control", daemon.socket], input=routes, text=True, check=True)
+        self.assertEqual(daemon.run("test statistics").returncode, 0)
+        daemon.wait_for_log("error pimhostd: store: failing, was writing: ")
+        self.assertRegex(daemon.show("status"), r"Store: failing: \S")
+        (store / "filler").unlink()
+        daemon.run("show clock")
+        daemon.wait_for_log("notice pimhostd: store: writing, was failing: ")
+        self.assertIn("Store: writing\n", daemon.show("status"))
+
+    def test_monitor_tells_changes_as_they_happen(self):
+        daemon = self.start_example()
+        text, documents = self.monitor(daemon), self.monitor(daemon, "json")
+        self.assertEqual(daemon.run("configure vrf red no mdt default").returncode, 0)
+        schema = json.loads((DOCS / "schema/mvpn-output.schema.json").read_text())
+        seen = []
+        while not any(change["kind"] == "vrf" and "after" not in change for change in seen):
+            document = json.loads(documents.stdout.readline())
+            self.assertEqual(schema_faults(document, schema, schema), [])
+            seen += document["change"]
+        gone = seen[-1]
+        self.assertEqual((gone["vrf"], gone["group"], gone["level"]), ("red", "239.1.1.1", "notice"))
+        self.assertRegex(gone["by"], OPERATOR)
+        lines = ""
+        while "VRF red: no default MDT" not in lines:
+            lines += text.stdout.readline()
+        self.assertRegex(lines, rf"(?m)^{TIME} info tunnel mti2 of VRF red: absent, was ")
+        self.assertEqual(daemon.run("monitor | xml").returncode, 1)
+
+    def test_a_monitor_that_reads_slowly_is_told_what_it_missed(self):
+        daemon = self.start("hostname a\n")
+        slow = socket.socket(socket.AF_UNIX)
+        self.stack.callback(slow.close)
+        slow.connect(daemon.socket)
+        slow.sendall(struct.pack(">IB", 2 + len("monitor json"), 1) + b"\0monitor json")
+        wait_until(lambda: daemon.run("log level error").returncode == 0 and readable(slow), "the monitor hears")
+        lines = "".join(f"configure interface i{n} ip address 10.1.{n // 250}.{n % 250 + 1}\n" for n in range(2500))
+        done = subprocess.run([BIN / "pimctl", "--control", daemon.socket], input=lines, text=True, capture_output=True)
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        slow.settimeout(LIMIT)
+        frames = b""
+        while b'"missed-changes":' not in frames:
+            while readable(slow):
+                frames += slow.recv(1 << 20)
+            daemon.run("configure hostname b")
+        heard = text_of_frames(frames)
+        before, _, after = heard.partition('"missed-changes":[{"count":')
+        told = int(re.match(r"\d+", after).group())
+        self.assertGreater(told, 0)
+        self.assertIn(before.count("command: configure interface") + told - 2500, range(0, 50))  # the hostnames that were missed
+
+
+def text_of_frames(frames):
+    text = b""
+    while len(frames) >= 5:
+        size, kind = struct.unpack(">IB", frames[:5])
+        text += frames[5:4 + size] if kind == 2 else b""
+        frames = frames[4 + size:]
+    return text.decode()
+
+
+def readable(stream):
+    return bool(select.select([stream], [], [], 0)[0])
+
+
+def select_line(stream):
+    return readable(stream) and stream.readline()
+
+
+if __name__ == "__main__":
+    unittest.main()
