@@ -25,6 +25,7 @@
 #include <net-snmp/library/large_fd_set.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/post.hpp>
@@ -33,7 +34,9 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstdlib>
+#include <initializer_list>
 #include <mutex>
+#include <span>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -41,6 +44,7 @@
 
 #include "host/snmp/agentx.h"
 #include "host/snmp/collect.h"
+#include "platform/reference/runtime.h"
 
 namespace host::snmp {
 namespace {
@@ -77,6 +81,7 @@ u_char asn_type(Syntax syntax) {
     case Syntax::unsigned_number:
       return ASN_UNSIGNED;
     case Syntax::ticks:
+    case Syntax::instant:
       return ASN_TIMETICKS;
   }
   return ASN_NULL;
@@ -101,6 +106,23 @@ const Column *find_column(const Table &table, uint32_t arc) {
   for (const Column &column : table.values)
     if (column.arc == arc) return &column;
   return nullptr;
+}
+
+// What sysUpTime was at a time of the module's clock, both in hundredths of a second modulo 2^32. Times before the master
+// started are 0. The library follows the master's clock.
+std::string uptime_at(const std::string &text, uint32_t clock_now) {
+  const auto at = to_number(text);
+  if (!at) return text;
+  const uint32_t age = clock_now - *at;
+  const auto uptime = static_cast<uint32_t>(netsnmp_get_agent_uptime());
+  return std::to_string(uptime > age ? uptime - age : 0);
+}
+
+void make_uptimes(const Table &table, uint32_t clock_now, Values *values) {
+  for (const Column &column : table.values)
+    if (column.syntax == Syntax::instant)
+      for (auto &[element, text] : *values)
+        if (element == column.element) text = uptime_at(text, clock_now);
 }
 
 void free_row(void *row, void *) { delete static_cast<ServedRow *>(row); }
@@ -166,6 +188,7 @@ class AgentX::Impl {
  public:
   Impl(boost::asio::io_context &io, std::string address, std::shared_ptr<Main> main, Options options);
   ~Impl();
+  void notify(const Notification &notification);
 
  private:
   using Descriptor = boost::asio::posix::stream_descriptor;
@@ -328,6 +351,9 @@ void AgentX::Impl::fill(const ServedTable &served) {
   Collector collector(*served.table);
   for (bool more = true; more;)
     if (!Main::run(main_, [&] { more = collector.run_for(kSlice); })) return;
+  uint32_t clock_now = 0;
+  const auto read_clock = [&] { clock_now = static_cast<uint32_t>(ref::now() / std::chrono::milliseconds(10)); };
+  if (!Main::run(main_, read_clock)) return;
   Collection collection = collector.take();
   if (!collection.complete)
     Main::log(main_, std::string("SNMP: ") + served.table->name +
@@ -338,6 +364,7 @@ void AgentX::Impl::fill(const ServedTable &served) {
     added->oids.assign(row.index.begin(), row.index.end());
     added->index = {added->oids.size(), added->oids.data()};
     added->values = std::move(row.values);
+    make_uptimes(*served.table, clock_now, &added->values);
     if (CONTAINER_INSERT(served.rows, added.get()) == 0) (void)added.release();
   }
 }
@@ -377,6 +404,37 @@ int AgentX::Impl::answer_scalar(netsnmp_mib_handler *handler, netsnmp_handler_re
     if (!text || !set_value(request->requestvb, served->scalar->syntax, *text))
       netsnmp_set_request_error(info, request, SNMP_NOSUCHINSTANCE);
   return SNMP_ERR_NOERROR;
+}
+
+// ---------------------------------------------------------------------------------------------------- notifications
+
+namespace {
+
+Oid oid_under(std::span<const uint32_t> root, std::initializer_list<uint32_t> arcs) {
+  Oid oids(root.begin(), root.end());
+  oids.insert(oids.end(), arcs.begin(), arcs.end());
+  return oids;
+}
+
+// Appends a variable with a value to a list; false when there is no memory or the value is not of its syntax.
+bool append(netsnmp_variable_list **list, const Oid &name, Syntax syntax, const std::string &text) {
+  netsnmp_variable_list *added = snmp_varlist_add_variable(list, name.data(), name.size(), ASN_NULL, nullptr, 0);
+  return added != nullptr && set_value(added, syntax, text);
+}
+
+}  // namespace
+
+// The session of the subagent makes an AgentX Notify of it; without a session it goes nowhere.
+void AgentX::Impl::notify(const Notification &notification) {
+  static constexpr oid trap_name[] = {1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};  // snmpTrapOID.0
+  const Oid value = oid_under(kNotifications, {notification.arc});
+  netsnmp_variable_list *list = nullptr;
+  bool whole = snmp_varlist_add_variable(&list, trap_name, OID_LENGTH(trap_name), ASN_OBJECT_ID, value.data(),
+                                         value.size() * sizeof value[0]) != nullptr;
+  for (const Notification::Object &object : notification.objects)
+    whole = whole && append(&list, oid_under(kNotifyObjects, {object.arc, 0}), object.syntax, object.text);
+  if (whole) send_v2trap(list);
+  snmp_free_varbind(list);
 }
 
 // ------------------------------------------------------------------------------------------------------------- loop
@@ -439,10 +497,13 @@ class AgentX::Worker {
  public:
   Worker(boost::asio::io_context &main, std::string address, InTurn in_turn, Log log, Options options);
   ~Worker();
+  void notify(Notification notification);
 
  private:
   struct Shared {
     std::shared_ptr<Main> main;
+    Impl *impl = nullptr;             // of the thread, which alone uses it
+    std::atomic<size_t> waiting = 0;  // notifications
     boost::asio::io_context io{1};
     std::mutex mutex;
     std::condition_variable changed;
@@ -490,8 +551,21 @@ void AgentX::Worker::run(const std::shared_ptr<Shared> &shared, const std::strin
 void AgentX::Worker::serve(Shared &shared, const std::string &address, Options options) {
   const auto work = boost::asio::make_work_guard(shared.io);
   Impl impl(shared.io, address, shared.main, options);
+  shared.impl = &impl;
   shared.io.run();
+  shared.impl = nullptr;
 }
+
+void AgentX::Worker::notify(Notification notification) {
+  if (shared_->waiting >= kMostWaiting) return;
+  shared_->waiting++;
+  boost::asio::post(shared_->io, [shared = shared_.get(), notification = std::move(notification)] {
+    shared->waiting--;
+    if (shared->impl != nullptr) shared->impl->notify(notification);
+  });
+}
+
+void AgentX::notify(Notification notification) { worker_->notify(std::move(notification)); }
 
 AgentX::AgentX(boost::asio::io_context &main, std::string address, InTurn in_turn, Log log)
     : AgentX(main, std::move(address), std::move(in_turn), std::move(log), Options{}) {}

@@ -10,6 +10,8 @@
 #include <memory>
 #include <string>
 
+#include "host/snmp/notification.h"
+
 namespace host::snmp {
 
 // One in the life of a process: the agent library keeps state that outlasts its shutdown. Throws std::runtime_error.
@@ -29,6 +31,12 @@ class AgentX {
   // Withdraws the objects from the master, unless it hangs: then the thread is left to itself, which does nothing more,
   // and the process should end.
   ~AgentX();
+
+  // Tells managers of something, by way of the master; on the thread that constructs. Returns at once. It is lost while the
+  // master is away, and when more than kMostWaiting wait for one that is slow.
+  static constexpr size_t kMostWaiting = 1000;
+  void notify(Notification notification);
+
   AgentX(const AgentX &) = delete;
   AgentX &operator=(const AgentX &) = delete;
 

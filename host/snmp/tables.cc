@@ -44,7 +44,7 @@ Table generic_table() {
           Walk::whole,
           {column(CLI_ELEMENT_MIB_GENERIC_VRF, 1, Syntax::text)},
           {column(CLI_ELEMENT_MIB_GENERIC_CHANGE, 2, Syntax::integer),
-           column(CLI_ELEMENT_MIB_GENERIC_CHANGE_TIME, 3, Syntax::ticks),
+           column(CLI_ELEMENT_MIB_GENERIC_CHANGE_TIME, 3, Syntax::instant),
            column(CLI_ELEMENT_MIB_GENERIC_INTERFACES, 4, Syntax::unsigned_number),
            column(CLI_ELEMENT_MIB_GENERIC_ROW_STATUS, 5, Syntax::integer)},
           {}};

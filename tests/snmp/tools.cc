@@ -109,24 +109,33 @@ Result run(const Folder &folder, std::vector<std::string> arguments, const std::
   return result;
 }
 
-Master::Master(const Folder &folder) : folder_(folder), port_(free_udp_port()) {
-  std::ofstream config(folder.path() + "/master.conf");
-  config << "agentaddress " << manager_address() << "\nrocommunity public 127.0.0.1\nmaster agentx\nagentXSocket "
-         << agentx_address() << "\ndontLogTCPWrappersConnects yes\n";
+Daemon::Daemon(const Folder &folder, std::string name)
+    : folder_(folder), name_(std::move(name)), port_(free_udp_port()) {}
+
+void Daemon::start(std::vector<std::string> arguments) {
+  const std::string files = folder_.path() + "/" + name_;
+  pid_ = spawn(folder_, std::move(arguments), files + ".out", files + ".err");
 }
 
-void Master::start() {
-  pid_ = spawn(folder_, {SNMPD, "-f", "-r", "-C", "-c", folder_.path() + "/master.conf", "-I", "-smux", "-Le"},
-               folder_.path() + "/master.out", folder_.path() + "/master.err");
-}
-
-void Master::stop() {
+void Daemon::stop() {
   if (pid_ < 0) return;
   kill(pid_, SIGKILL);
   waitpid(pid_, nullptr, 0);
   pid_ = -1;
 }
 
-std::string Master::messages() const { return contents(folder_.path() + "/master.err"); }
+std::string Daemon::output() const { return contents(folder_.path() + "/" + name_ + ".out"); }
+std::string Daemon::messages() const { return contents(folder_.path() + "/" + name_ + ".err"); }
+
+Master::Master(const Folder &folder, uint16_t receiver) : Daemon(folder, "master") {
+  std::ofstream config(folder.path() + "/master.conf");
+  config << "agentaddress " << manager_address() << "\nrocommunity public 127.0.0.1\nmaster agentx\nagentXSocket "
+         << agentx_address() << "\ndontLogTCPWrappersConnects yes\n";
+  if (receiver != 0) config << "trap2sink 127.0.0.1:" << receiver << " public\n";
+}
+
+void Master::start() {
+  Daemon::start({SNMPD, "-f", "-r", "-C", "-c", folder_.path() + "/master.conf", "-I", "-smux", "-Le"});
+}
 
 }  // namespace snmp_tools

@@ -32,24 +32,40 @@ struct Result {
 // Runs a program to its end, at most half a minute. serve is called while it runs, again and again.
 Result run(const Folder &folder, std::vector<std::string> arguments, const std::function<void()> &serve);
 
-// Debian's snmpd on loopback, with a configuration of its own.
-class Master {
+// A daemon of Debian's on loopback, with a configuration of its own. Its files in the folder begin with its name.
+class Daemon {
  public:
-  explicit Master(const Folder &folder);
-  ~Master() { stop(); }
-  Master(const Master &) = delete;
-  Master &operator=(const Master &) = delete;
+  Daemon(const Folder &folder, std::string name);
+  ~Daemon() { stop(); }
+  Daemon(const Daemon &) = delete;
+  Daemon &operator=(const Daemon &) = delete;
 
-  void start();
+  void start(std::vector<std::string> arguments);
   void stop();  // at once, as in a crash
-  std::string manager_address() const { return "udp:127.0.0.1:" + std::to_string(port_); }
-  std::string agentx_address() const { return "unix:" + folder_.path() + "/agentx"; }
+  std::string output() const;
   std::string messages() const;
+  uint16_t port() const { return port_; }  // UDP, for it to listen on
+
+ protected:
+  const Folder &folder_;
 
  private:
-  const Folder &folder_;
+  std::string name_;
   uint16_t port_;
   pid_t pid_ = -1;
+};
+
+// snmpd.
+class Master : private Daemon {
+ public:
+  // receiver: UDP port that notifications are sent to; 0: none.
+  explicit Master(const Folder &folder, uint16_t receiver = 0);
+
+  void start();
+  using Daemon::messages;
+  using Daemon::stop;
+  std::string manager_address() const { return "udp:127.0.0.1:" + std::to_string(port()); }
+  std::string agentx_address() const { return "unix:" + folder_.path() + "/agentx"; }
 };
 
 }  // namespace snmp_tools
