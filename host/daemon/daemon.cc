@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "host/daemon/metrics.h"
+#include "host/daemon/notifications.h"
 #include "platform/reference/diag.h"
 #include "platform/reference/oim.h"
 #include "platform/reference/pss.h"
@@ -67,14 +68,7 @@ Daemon::Daemon(DaemonOptions options, Config config)
   engine_.emplace(*router_, *process_);
   if (options_.debug) engine_->debug("", true);
   open_sockets();
-  if (!options_.agentx.empty())
-    agentx_.emplace(
-        loop_.io(), options_.agentx,
-        [this](const std::function<void()> &work) {
-          Loop::Turn agent_turn(loop_);
-          work();
-        },
-        [this](const std::string &text) { log_.write(Level::notice, text); });
+  if (!options_.agentx.empty()) start_agent();
   for (const std::string &line : described(options_.config_file, router_->start(std::move(config))))
     log_.write(Level::error, line);
   loop_.set_turn_end([this] { settle(); });
@@ -98,6 +92,19 @@ void Daemon::open_sockets() {
   };
   control_.emplace(loop_.io(), options_.control, execute);
   if (!options_.looking.path.empty()) looking_.emplace(loop_.io(), options_.looking, execute);
+}
+
+void Daemon::start_agent() {
+  agentx_.emplace(
+      loop_.io(), options_.agentx,
+      [this](const std::function<void()> &work) {
+        Loop::Turn agent_turn(loop_);
+        work();
+      },
+      [this](const std::string &text) { log_.write(Level::notice, text); });
+  told_ = events_.subscribe([this](const Change &change) {
+    if (auto notification = notification_of(change)) agentx_->notify(std::move(*notification));
+  });
 }
 
 void Daemon::settle() {
@@ -225,6 +232,7 @@ void Daemon::stop() {
   service::notify("STOPPING=1");
   log_.write(Level::notice, "stopping");
   check_.reset();
+  told_ = {};
   agentx_.reset();
   metrics_.reset();
   end_views();

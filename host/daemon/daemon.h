@@ -59,6 +59,7 @@ class Daemon {
   void end_when_delivered(std::chrono::steady_clock::time_point limit);
   void end_views();
   void open_sockets();
+  void start_agent();
   void settle();
   void log_module(uint32_t severity, std::string_view line);
 
@@ -73,6 +74,7 @@ class Daemon {
   std::optional<Engine> engine_;
   std::optional<ControlServer> control_, looking_;
   std::optional<snmp::AgentX> agentx_;
+  EventBus::Subscription told_;  // agentx_ of changes
   std::optional<metrics::HttpServer> metrics_;
   boost::asio::signal_set signals_;
   boost::asio::steady_timer farewell_;
