@@ -1,5 +1,6 @@
 // Prints the output schema in one of three forms: md, xsd, json. The committed documents are what it prints.
 #include <cstring>
+#include <exception>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <pugixml.hpp>
@@ -211,7 +212,7 @@ void print_markdown() {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv) try {
   const char *form = argc == 2 ? argv[1] : "";
   if (std::strcmp(form, "md") == 0)
     print_markdown();
@@ -224,4 +225,7 @@ int main(int argc, char **argv) {
     return 2;
   }
   return std::cout.flush() ? 0 : 1;
+} catch (const std::exception &error) {
+  std::cerr << "schema_tool: " << error.what() << '\n';
+  return 1;
 }
