@@ -1,6 +1,7 @@
-// A route reflector's work without its sockets: UPDATE messages from one neighbour through decoding, table and selection
-// into the UPDATE messages for another, 100,000 routes of 10 or 1,000 VRFs. The floor in the same run is what no speaker
-// can do without: reading the NLRI of the same messages into one flat hash table, and copying the octets out.
+// A route reflector's work without its sockets: UPDATE messages from one neighbour through decoding, table and
+// selection into the UPDATE messages for another, 100,000 routes of 10 or 1,000 VRFs. The floor in the same run is what
+// no speaker can do without: reading the NLRI of the same messages into one flat hash table, and copying the octets
+// out.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 

@@ -41,8 +41,8 @@ class World {
   static mvpn_cibtype *mvpn(uint32_t number) { return pcib(number)->mvpn; }
 };
 
-// The longest stretch between two yields of this thread, the start and the end included, in its own processor time: what
-// it waits for others is not its doing.
+// The longest stretch between two yields of this thread, the start and the end included, in its own processor time:
+// what it waits for others is not its doing.
 class YieldMeter {
  public:
   YieldMeter() {

@@ -1,7 +1,8 @@
 // What one neighbour has been told, and what it is to be told next.
 //
 // It reads the table's changes, a bounded number at a time, and puts routes with equal attributes into the same UPDATE.
-// The set of routes that the neighbour holds is one bit each, kept by the reader; everything else follows from the table.
+// The set of routes that the neighbour holds is one bit each, kept by the reader; everything else follows from the
+// table.
 #ifndef BGP_ADJ_RIB_OUT_H
 #define BGP_ADJ_RIB_OUT_H
 

@@ -1,7 +1,7 @@
 // Path attributes one by one: decoding with the severity of what is wrong, and encoding.
 //
-// RFC 7606 gives each attribute its own answer to being malformed. The answers stand in one table in attributes.cc beside
-// the flags that each attribute must have, so that a new attribute is a row there.
+// RFC 7606 gives each attribute its own answer to being malformed. The answers stand in one table in attributes.cc
+// beside the flags that each attribute must have, so that a new attribute is a row there.
 #ifndef BGP_ATTRIBUTES_H
 #define BGP_ATTRIBUTES_H
 

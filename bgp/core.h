@@ -1,4 +1,5 @@
-// What all parts of one speaker share: configuration, the outside, timers, tables, and what is to be told to the observer.
+// What all parts of one speaker share: configuration, the outside, timers, tables, and what is to be told to the
+// observer.
 //
 // Events are kept until the end of a turn: an observer may then change neighbours and routes without pulling the ground
 // from under the work that caused the event.

@@ -1,5 +1,5 @@
-// What one neighbour may be told, and in which words: route reflection (RFC 4456), and the changes that attributes undergo
-// on their way out of a speaker (RFC 4271, 5.1).
+// What one neighbour may be told, and in which words: route reflection (RFC 4456), and the changes that attributes
+// undergo on their way out of a speaker (RFC 4271, 5.1).
 #ifndef BGP_EXPORT_H
 #define BGP_EXPORT_H
 

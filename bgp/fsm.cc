@@ -1,5 +1,5 @@
-// What a session does with each message in each state (RFC 4271, 8.2.2), from the moment its connection stands: OpenSent,
-// OpenConfirm, Established. The states before, Idle, Connect and Active, are the peer's (peer.cc).
+// What a session does with each message in each state (RFC 4271, 8.2.2), from the moment its connection stands:
+// OpenSent, OpenConfirm, Established. The states before, Idle, Connect and Active, are the peer's (peer.cc).
 #include <algorithm>
 
 #include "bgp/peer.h"

@@ -1,7 +1,8 @@
 // OPEN (RFC 4271, 4.2) and the capabilities in it (RFC 5492).
 //
-// The optional parameters are two lists in one another, each with lengths of its own; whatever does not fit exactly is an
-// OPEN error without subcode. Capabilities that are not known are remembered by their code for the views and ignored.
+// The optional parameters are two lists in one another, each with lengths of its own; whatever does not fit exactly is
+// an OPEN error without subcode. Capabilities that are not known are remembered by their code for the views and
+// ignored.
 #include <algorithm>
 
 #include "bgp/header.h"

@@ -1,9 +1,9 @@
 // The states Idle, Connect and Active (RFC 4271, 8.2.2), and the choice between two connections (6.8).
 //
-// Failures lead to Idle, and out of it again after a hold that doubles from one second, so that two speakers that cannot
-// agree do not do so in a tight loop. A connection that cannot be made is tried again after the connect retry time. The
-// neighbour's own connection is taken in Idle too, unless the neighbour is held down for good reason: it may have been
-// restarted, and its next try may be minutes away.
+// Failures lead to Idle, and out of it again after a hold that doubles from one second, so that two speakers that
+// cannot agree do not do so in a tight loop. A connection that cannot be made is tried again after the connect retry
+// time. The neighbour's own connection is taken in Idle too, unless the neighbour is held down for good reason: it may
+// have been restarted, and its next try may be minutes away.
 #include "bgp/peer.h"
 
 #include <algorithm>
@@ -303,7 +303,8 @@ void Peer::session_ended(Session &session, Session::Stage reached, SessionEnd en
   state_changed(std::move(end.words));
 }
 
-// ----------------------------------------------------------------------------------------------------------- routes out
+// ----------------------------------------------------------------------------------------------------------- routes
+// out
 
 void Peer::start_output() {
   if (established_ == nullptr || !mdt_agreed(*established_)) return;

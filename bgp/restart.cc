@@ -3,8 +3,8 @@
 // A neighbour that restarts keeps forwarding, so its routes are kept while it is away, and only those that it does not
 // announce again go. They are dated by generation (table.h): losing the session raises the number, which makes all of
 // them stale at once. The routes go when the neighbour does not come back within its restart time, comes back without
-// having preserved its forwarding state, or has sent its end-of-RIB mark. A session that ended by a NOTIFICATION ended on
-// purpose: its routes go at once.
+// having preserved its forwarding state, or has sent its end-of-RIB mark. A session that ended by a NOTIFICATION ended
+// on purpose: its routes go at once.
 #include <algorithm>
 
 #include "bgp/peer.h"

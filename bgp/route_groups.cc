@@ -1,5 +1,5 @@
-// Sorting by counting, with the group's number noted in the attribute set for the length of a batch: no comparison and no
-// hashing for a route, whatever order the routes come in.
+// Sorting by counting, with the group's number noted in the attribute set for the length of a batch: no comparison and
+// no hashing for a route, whatever order the routes come in.
 #include "bgp/route_groups.h"
 
 namespace bgp {

@@ -1,6 +1,6 @@
-// The steps are a table, each a number that a smaller value wins by; only the multi-exit discriminator compares paths of
-// one neighbouring AS with one another and not with the rest. Candidates fall out step by step, as the RFC describes it:
-// comparing pairs instead would make the result depend on the order in which paths arrived.
+// The steps are a table, each a number that a smaller value wins by; only the multi-exit discriminator compares paths
+// of one neighbouring AS with one another and not with the rest. Candidates fall out step by step, as the RFC describes
+// it: comparing pairs instead would make the result depend on the order in which paths arrived.
 #include "bgp/selection.h"
 
 #include <algorithm>

@@ -41,8 +41,8 @@ struct SpeakerConfig {
   uint16_t deferral_time = 360;  // seconds selection waits for end-of-RIB marks when restarting
   bool restarting = false;       // this process starts anew with its forwarding state preserved: the OPEN says so,
                                  // nothing is selected or sent before the neighbours' end-of-RIB marks
-  // With restarting: the end-of-RIB marks to the neighbors also wait for Speaker::local_complete, at most for the deferral
-  // time, because a neighbor forgets with the mark what it has not heard again.
+  // With restarting: the end-of-RIB marks to the neighbors also wait for Speaker::local_complete, at most for the
+  // deferral time, because a neighbor forgets with the mark what it has not heard again.
   bool await_local = false;
 };
 

@@ -1,8 +1,9 @@
 // Routes and paths: the Adj-RIB-In of every neighbour and the Loc-RIB in one.
 //
-// A route is a key; a path is what one source, a neighbour or this speaker itself, says about it. A route's paths hang on
-// it with the best in front; a source's paths hang on the source, so that what a lost neighbour said is found without
-// walking the table. With a hundred thousand routes each octet counts: a route takes 32 and a path 28, both in pools.
+// A route is a key; a path is what one source, a neighbour or this speaker itself, says about it. A route's paths hang
+// on it with the best in front; a source's paths hang on the source, so that what a lost neighbour said is found
+// without walking the table. With a hundred thousand routes each octet counts: a route takes 32 and a path 28, both in
+// pools.
 //
 // Changes are kept as a log of route numbers. Whoever wants to know of them, each neighbour's output and the observer,
 // reads the log at its own pace with a ChangeReader; a route that changes again moves to the end, so that a slow reader
@@ -137,7 +138,8 @@ class Table {
   uint64_t seed_;
   Pool<Route> routes_;
   Pool<Path> paths_;
-  // Linear hashing: one bucket is split for each route that comes beyond one a bucket, so that no insertion pays for all.
+  // Linear hashing: one bucket is split for each route that comes beyond one a bucket, so that no insertion pays for
+  // all.
   std::deque<RouteId> buckets_;  // grows without being copied
   size_t level_, split_ = 0;
   std::vector<Source> sources_;

@@ -1,7 +1,7 @@
 // Timers on the clock that the speaker is given. One alarm of the clock serves all of them.
 //
-// A hold timer is restarted by every message, and almost never expires: restarting only moves its deadline, and the queue
-// learns of it when the old deadline has come.
+// A hold timer is restarted by every message, and almost never expires: restarting only moves its deadline, and the
+// queue learns of it when the old deadline has come.
 #ifndef BGP_TIMER_H
 #define BGP_TIMER_H
 

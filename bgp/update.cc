@@ -1,9 +1,9 @@
 // UPDATE (RFC 4271, 4.3) with the multiprotocol attributes (RFC 4760) of this family.
 //
-// A message is judged by the worst thing in it (RFC 7606): attributes are dropped, its routes are taken as withdrawn, or
-// the session ends. Where the routes cannot be found, because the list of attributes breaks off before MP_REACH_NLRI or
-// that attribute itself is wrong, only the end of the session remains: routes would otherwise be kept that the neighbour
-// believes replaced.
+// A message is judged by the worst thing in it (RFC 7606): attributes are dropped, its routes are taken as withdrawn,
+// or the session ends. Where the routes cannot be found, because the list of attributes breaks off before MP_REACH_NLRI
+// or that attribute itself is wrong, only the end of the session remains: routes would otherwise be kept that the
+// neighbour believes replaced.
 #include <algorithm>
 #include <bitset>
 

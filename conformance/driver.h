@@ -5,8 +5,8 @@
  * with. The first block is needed. Without an operation of the second block the checks that use it are skipped, and the
  * kit says so.
  *
- * Every check is a process of its own that starts the platform once, so a platform that cannot be started twice is fine.
- * All calls come from one thread, which holds the scheduling locks from contract_start to contract_stop. */
+ * Every check is a process of its own that starts the platform once, so a platform that cannot be started twice is
+ * fine. All calls come from one thread, which holds the scheduling locks from contract_start to contract_stop. */
 #ifndef CONFORMANCE_DRIVER_H
 #define CONFORMANCE_DRIVER_H
 
@@ -56,7 +56,8 @@ int contract_set_interface(const char *name, ip_addr_t address, int up);
 /* Queues a message for the module, as BGP would. payload: size bytes, copied; null when size is 0. */
 int contract_deliver(uint32_t opcode, const void *payload, uint32_t size);
 
-/* The oldest message that was sent to a component and not taken yet; *size: room in payload, then the length. 0: none. */
+/* The oldest message that was sent to a component and not taken yet; *size: room in payload, then the length. 0: none.
+ */
 int contract_take_sent(uint32_t *destination, uint32_t *opcode, void *payload, uint32_t *size);
 
 /* Runs a registered handler as an operator's command does. names, values: count arguments, by the names under which

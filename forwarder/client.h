@@ -6,8 +6,8 @@
 // a control plane that was started anew does not know yet what it will want, and does not take back what it is going to
 // ask for. A flow that is held on a data MDT does not go to the default MDT, and a tunnel that is up does not go down.
 //
-// Not a thread of its own, and nothing here waits: the owner waits for descriptor() and calls on_ready(). Callbacks come
-// from there.
+// Not a thread of its own, and nothing here waits: the owner waits for descriptor() and calls on_ready(). Callbacks
+// come from there.
 #ifndef FORWARDER_CLIENT_H
 #define FORWARDER_CLIENT_H
 
@@ -66,8 +66,8 @@ class Client {
   void remove(const protocol::Item &item);  // its key counts
   bool send(const std::string &vrf, std::span<const uint8_t> datagram);
 
-  // Asks for all counters. One answer comes for each request, unless the connection ends before. False: the forwarder is
-  // not there, or has not said yet what it holds.
+  // Asks for all counters. One answer comes for each request, unless the connection ends before. False: the forwarder
+  // is not there, or has not said yet what it holds.
   bool request_counters();
   // Ends a connection that is of no use.
   void give_up(const std::string &reason) { disconnect(reason); }

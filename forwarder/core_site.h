@@ -1,17 +1,17 @@
 // The forwarder in the core's namespace: where core packets leave and arrive, and what it has joined.
 //
-// Packets leave a batch at a time, on the interface that has their source: one socket for each such interface. On Ethernet
-// that is a packet socket: a group says what its frames are addressed to, and the kernel is spared looking up a route for
-// each packet, a third of the whole work. A raw socket serves other interfaces; those that a routing daemon of the
-// namespace forwards multicast on, since it must see what this PE sends; and, when no interface has the source, the route
-// to the group. Headers are ours on both. They arrive on one raw socket that joins nothing: a socket without memberships is
-// given everything that the namespace takes in, so a packet arrives once, and the kernel does not search lists of
-// memberships for each. The memberships stand on sockets of their own, which receive nothing. What other programs of the
-// namespace have joined arrives as well and is dropped as unknown.
+// Packets leave a batch at a time, on the interface that has their source: one socket for each such interface. On
+// Ethernet that is a packet socket: a group says what its frames are addressed to, and the kernel is spared looking up
+// a route for each packet, a third of the whole work. A raw socket serves other interfaces; those that a routing daemon
+// of the namespace forwards multicast on, since it must see what this PE sends; and, when no interface has the source,
+// the route to the group. Headers are ours on both. They arrive on one raw socket that joins nothing: a socket without
+// memberships is given everything that the namespace takes in, so a packet arrives once, and the kernel does not search
+// lists of memberships for each. The memberships stand on sockets of their own, which receive nothing. What other
+// programs of the namespace have joined arrives as well and is dropped as unknown.
 //
 // A single source is joined on the interface that the route to it leads to; where several links are connected to the
-// source's network the routes do not tell them apart, and it is the link of the VRF's own source. Any source is joined on
-// every interface of the core but the loopback. Both follow the routes, the interfaces and the tunnels.
+// source's network the routes do not tell them apart, and it is the link of the VRF's own source. Any source is joined
+// on every interface of the core but the loopback. Both follow the routes, the interfaces and the tunnels.
 #ifndef FORWARDER_CORE_SITE_H
 #define FORWARDER_CORE_SITE_H
 

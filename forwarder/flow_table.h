@@ -1,9 +1,9 @@
 // The flows of a VRF: customer source and group to the encapsulation index in force.
 //
-// Open addressing with linear probing; a flow takes half a cache line, its counters included, so that a packet costs one
-// miss however many flows there are, and the next place is mostly on the same line. What packets do not need stands in a
-// table beside it. Removal moves the flows behind the gap up, so that there are no tombstones and a
-// table that changes for ever does not decay.
+// Open addressing with linear probing; a flow takes half a cache line, its counters included, so that a packet costs
+// one miss however many flows there are, and the next place is mostly on the same line. What packets do not need stands
+// in a table beside it. Removal moves the flows behind the gap up, so that there are no tombstones and a table that
+// changes for ever does not decay.
 #ifndef FORWARDER_FLOW_TABLE_H
 #define FORWARDER_FLOW_TABLE_H
 

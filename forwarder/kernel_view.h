@@ -2,8 +2,8 @@
 // routes towards sources.
 //
 // Changes are followed by notifications. When those overflow, everything is read again and compared, so that what the
-// callbacks tell is complete in the end. Unicast routes are not copied: when any of them changes the way to each customer
-// source is looked up again, at most once a tick.
+// callbacks tell is complete in the end. Unicast routes are not copied: when any of them changes the way to each
+// customer source is looked up again, at most once a tick.
 #ifndef FORWARDER_KERNEL_VIEW_H
 #define FORWARDER_KERNEL_VIEW_H
 

@@ -1,7 +1,7 @@
 // mvpn-forwarder: the process.
 //
-// What it needs of the file system is opened before it gives its privileges up: the control socket. Everything else is in
-// namespaces, which it may enter later.
+// What it needs of the file system is opened before it gives its privileges up: the control socket. Everything else is
+// in namespaces, which it may enter later.
 #include <grp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>

@@ -22,8 +22,8 @@ struct NamespaceId {
 
 class Namespaces {
  public:
-  // core: name or path of the core's namespace; empty: the one that the process is in. Throws std::runtime_error when it
-  // cannot be opened. The process is in the core's namespace from then on.
+  // core: name or path of the core's namespace; empty: the one that the process is in. Throws std::runtime_error when
+  // it cannot be opened. The process is in the core's namespace from then on.
   Namespaces(std::string folder, const std::string &core);
 
   // Opens a namespace and tells which it is; nothing when there is none under this name. name: a file's name in the

@@ -1,7 +1,8 @@
 // Core packets: IPv4, GRE (RFC 2784) without options, the customer's IPv4 datagram. Nothing here calls the system.
 //
-// Outgoing headers are made once for an encapsulation and patched for each packet, their checksum included. Incoming packets are taken as a raw socket gives them, from the IPv4 header on; every length is
-// checked against the bytes that are there before it is used. Addresses are numbers in host byte order.
+// Outgoing headers are made once for an encapsulation and patched for each packet, their checksum included. Incoming
+// packets are taken as a raw socket gives them, from the IPv4 header on; every length is checked against the bytes that
+// are there before it is used. Addresses are numbers in host byte order.
 #ifndef FORWARDER_PACKET_H
 #define FORWARDER_PACKET_H
 
@@ -69,7 +70,8 @@ struct Customer {
   uint32_t source = 0;
   uint32_t group = 0;  // destination, whatever it is
 };
-// The datagram that a VRF sends into its tunnel: fills *customer, or says why it is not carried. bytes: the whole of it.
+// The datagram that a VRF sends into its tunnel: fills *customer, or says why it is not carried. bytes: the whole of
+// it.
 std::optional<Drop> inspect_customer(std::span<const uint8_t> bytes, Customer *customer);
 
 // A core packet taken apart; the customer's datagram is a part of the packet's bytes.
@@ -88,8 +90,8 @@ std::optional<Customer> core_packet_within(std::span<const uint8_t> datagram);
 // Hands a congestion mark on to a customer datagram. False: it knows no marks and is dropped.
 bool mark_congestion(std::span<uint8_t> datagram);
 
-// Whether a core packet's header lets it be cut into fragments; the fragments, each at most mtu bytes (RFC 791). A whole
-// core packet of ours: a header without options.
+// Whether a core packet's header lets it be cut into fragments; the fragments, each at most mtu bytes (RFC 791). A
+// whole core packet of ours: a header without options.
 bool may_be_cut(std::span<const uint8_t> packet);
 std::vector<std::vector<uint8_t>> cut(std::span<const uint8_t> packet, size_t mtu);
 

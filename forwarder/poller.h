@@ -15,8 +15,9 @@ class Poller {
  public:
   Poller();
 
-  // Calls `ready` while the descriptor is readable; with `writable` also while it takes more. Watching it again replaces
-  // both. The descriptor is forgotten with forget(), which may be called from inside `ready`, its own included.
+  // Calls `ready` while the descriptor is readable; with `writable` also while it takes more. Watching it again
+  // replaces both. The descriptor is forgotten with forget(), which may be called from inside `ready`, its own
+  // included.
   void watch(int descriptor, std::function<void()> ready, bool writable = false);
   void forget(int descriptor);
 

@@ -204,7 +204,8 @@ size_t State::sweep() {
 void State::prefetch(const Vrf &vrf, std::span<const uint8_t> datagram) {
   Customer customer;
   if (inspect_customer(datagram, &customer)) return;
-  // Here and not in an inline function that does nothing else: the compiler takes such a one for empty and leaves it out.
+  // Here and not in an inline function that does nothing else: the compiler takes such a one for empty and leaves it
+  // out.
   __builtin_prefetch(vrf.flows.begin_of(customer.source, customer.group), 1);
 }
 

@@ -1,8 +1,8 @@
 // What the forwarder holds: VRFs with their tunnels, encapsulations and flows, and the core routes. No system calls.
 //
-// Everything has a key, and putting it again changes the rest. It is held until it is removed, whether or not there is a
-// control plane. Each item remembers the session (connection of a control plane) that put it last: that is the claim. A
-// control plane that was started anew puts what it wants, and sweep() removes what it did not.
+// Everything has a key, and putting it again changes the rest. It is held until it is removed, whether or not there is
+// a control plane. Each item remembers the session (connection of a control plane) that put it last: that is the claim.
+// A control plane that was started anew puts what it wants, and sweep() removes what it did not.
 //
 // Until then the flows of the former one go on with the index that they have. An index that is bound to another group
 // meanwhile would take them along to a group that nobody expects them in: flows that are not claimed go to the default

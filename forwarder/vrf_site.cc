@@ -198,9 +198,8 @@ void VrfSite::tell_tunnel() {
 
 // ------------------------------------------------------------------------------------------------------------ packets
 
-// Reads a batch, then looks its flows up. The memory that a flow stands in is asked for as soon as its packet is read, so
-// that it arrives while the kernel hands out the next ones.
-// False: there was no more than that.
+// Reads a batch, then looks its flows up. The memory that a flow stands in is asked for as soon as its packet is read,
+// so that it arrives while the kernel hands out the next ones. False: there was no more than that.
 bool VrfSite::encapsulate_batch() {
   constexpr size_t line = 64;  // of the cache
   std::array<std::span<uint8_t>, kBatch> datagrams;

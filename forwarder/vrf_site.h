@@ -1,8 +1,8 @@
 // The forwarder in a VRF's namespace: the tunnel device, and what the kernel says there.
 //
-// The tunnel is a TUN device: what the kernel routes into it is encapsulated, what arrives from the core comes out of it.
-// The control plane's own datagrams take the same way: they are sent and received by a raw socket that is bound to the
-// device, so that a capture on it shows them.
+// The tunnel is a TUN device: what the kernel routes into it is encapsulated, what arrives from the core comes out of
+// it. The control plane's own datagrams take the same way: they are sent and received by a raw socket that is bound to
+// the device, so that a capture on it shows them.
 //
 // The namespace is followed by name. When its file is gone, or leads to another namespace, everything is given up and
 // made anew where the name leads now: an open device would go on taking packets into a namespace that nobody can see.

@@ -1,4 +1,5 @@
-// GRE-in-UDP datagrams from the core: any bytes are decoded or refused, and what was decoded encodes to the same packet.
+// GRE-in-UDP datagrams from the core: any bytes are decoded or refused, and what was decoded encodes to the same
+// packet.
 #include <cstdlib>
 
 #include "platform/reference/carriers.h"

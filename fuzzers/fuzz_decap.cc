@@ -1,5 +1,5 @@
-// Packets from the core, and datagrams from a VRF: any bytes are taken or dropped for one reason, and what is taken lies
-// within the packet and crosses the core again unchanged.
+// Packets from the core, and datagrams from a VRF: any bytes are taken or dropped for one reason, and what is taken
+// lies within the packet and crosses the core again unchanged.
 #include <algorithm>
 #include <cstdlib>
 #include <numeric>

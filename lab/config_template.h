@@ -1,5 +1,5 @@
-// Configuration files made from templates: {{NAME}} stands for a value, {{#LIST}} … {{/LIST}} for a part that is repeated
-// for each item of a list, with the item's own values and those around it.
+// Configuration files made from templates: {{NAME}} stands for a value, {{#LIST}} … {{/LIST}} for a part that is
+// repeated for each item of a list, with the item's own values and those around it.
 #ifndef LAB_CONFIG_TEMPLATE_H
 #define LAB_CONFIG_TEMPLATE_H
 

@@ -1,8 +1,8 @@
 // Network namespaces of a lab run.
 //
 // Their names begin with the run's prefix, so that whatever an earlier run left behind, killed in the middle, is found
-// and removed at the next start: its processes by the namespace that they are in, then the namespaces. Links between two
-// namespaces go with them. One run at a time uses a prefix: a lock that the system takes back from a dead process.
+// and removed at the next start: its processes by the namespace that they are in, then the namespaces. Links between
+// two namespaces go with them. One run at a time uses a prefix: a lock that the system takes back from a dead process.
 #ifndef LAB_NAMESPACES_H
 #define LAB_NAMESPACES_H
 

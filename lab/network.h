@@ -1,5 +1,5 @@
-// The network of a real scenario: a provider core, PEs, VRFs with a customer's site behind each PE, and flows. Names and
-// addresses follow from the numbers of PEs and VRFs, so that a scenario says only what is its own:
+// The network of a real scenario: a provider core, PEs, VRFs with a customer's site behind each PE, and flows. Names
+// and addresses follow from the numbers of PEs and VRFs, so that a scenario says only what is its own:
 //
 //   "network": {
 //     "core": "bridge",                       one link that snoops IGMP, with a querier ("routed": two P routers)

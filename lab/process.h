@@ -12,7 +12,8 @@
 
 namespace lab {
 
-// A program of the lab: in the folder, or in the folder of system programs beside it, where an installation has daemons.
+// A program of the lab: in the folder, or in the folder of system programs beside it, where an installation has
+// daemons.
 std::string program_in(const std::string &folder, const std::string &name);
 
 struct Launch {
@@ -36,8 +37,8 @@ class Process {
   bool running();
   uint64_t resident_kib() const;  // memory; 0: it has ended
 
-  // A piped program's standard input and output, a line each. Throw std::runtime_error when it has ended or takes longer
-  // than the limit.
+  // A piped program's standard input and output, a line each. Throw std::runtime_error when it has ended or takes
+  // longer than the limit.
   void write_line(const std::string &line);
   std::string read_line(std::chrono::milliseconds limit);
 

@@ -9,8 +9,8 @@
 //     "steps": [ … ]
 //   }
 //
-// A step is an object with one of these keys; "why" may stand beside any of them. "all" in place of a PE is every PE, one
-// after the other; with a flow, every PE that it goes to. "*" in place of a flow is every flow.
+// A step is an object with one of these keys; "why" may stand beside any of them. "all" in place of a PE is every PE,
+// one after the other; with a flow, every PE that it goes to. "*" in place of a flow is every flow.
 //   "say": "text"                                     prints a heading
 //   "start": "pe1", "restart": "stateful"             starts a PE (stateful: optional)
 //   "stop": "pe1"                                     SIGTERM, waits; the exit status must be 0

@@ -1,6 +1,6 @@
 // Builds the network of a real scenario out of namespaces, Ethernet pairs, a bridge, and the routing daemons that stand
-// for the customers' (and in a routed core the provider's) routers: zebra, staticd and pimd of the frr package, a set for
-// each VRF, in folders of the run, so that none of the machine's own is touched.
+// for the customers' (and in a routed core the provider's) routers: zebra, staticd and pimd of the frr package, a set
+// for each VRF, in folders of the run, so that none of the machine's own is touched.
 //
 // Traps. A fresh bridge floods every group until its querier's response interval has passed, which is set short before
 // the querier is switched on. A namespace whose tunnel somebody else holds open outlives its name: the link to the

@@ -2,7 +2,8 @@
 // receives, one in each namespace of the core watches the PEs' links.
 //
 // Judgements are about what was sent since a mark. The sender says which numbers these are, the receiver which of them
-// came, the core which group each of them went over; so a loss has a group, and one that no link of the core saw has none.
+// came, the core which group each of them went over; so a loss has a group, and one that no link of the core saw has
+// none.
 #ifndef LAB_TRAFFIC_CONTROL_H
 #define LAB_TRAFFIC_CONTROL_H
 
@@ -54,8 +55,8 @@ class TrafficControl {
   // GRE packets since the mark over a PE's core link to it (or from it), whose group lies in the prefix A.B.C.D/LENGTH.
   uint64_t carried(const std::string &pe, const std::string &groups, bool from_pe);
 
-  // What the report draws: [{flow, vrf, from, group, sent: series, received: {PE: series}, groups: {core group: series},
-  // joined: {PE: [[first, last], …]}}]; a series is [[tenth of a second of CLOCK_REALTIME, packets], …].
+  // What the report draws: [{flow, vrf, from, group, sent: series, received: {PE: series}, groups: {core group:
+  // series}, joined: {PE: [[first, last], …]}}]; a series is [[tenth of a second of CLOCK_REALTIME, packets], …].
   nlohmann::json history();
 
  private:

@@ -1,6 +1,7 @@
 // A program's command line: options are tied to variables; help, checks and messages come of themselves.
 //
-// It stands in front of CLI11, whose header costs a source more than everything else in it: only command_line.cc has it.
+// It stands in front of CLI11, whose header costs a source more than everything else in it: only command_line.cc has
+// it.
 #pragma once
 
 #include <optional>

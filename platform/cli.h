@@ -36,9 +36,9 @@ int cli_is_getnext(cli_command *command);
 int cli_is_set(cli_command *command, const char *keyword);
 
 /* Argument readers: non-zero when the argument is present and could be read, else *out is unchanged. An argument that
- * is present and cannot be read (malformed, out of range, an interface name of IF_NAME_SIZE bytes or more) is an error of
- * the command and not its default: cli_is_set(command, name) tells it from one that is absent. Texts stay valid until the
- * handler returns. */
+ * is present and cannot be read (malformed, out of range, an interface name of IF_NAME_SIZE bytes or more) is an error
+ * of the command and not its default: cli_is_set(command, name) tells it from one that is absent. Texts stay valid
+ * until the handler returns. */
 int cli_get_uinteger(cli_command *command, const char *name, uint32_t *out);
 int cli_get_integer(cli_command *command, const char *name, int32_t *out);
 int cli_get_ipaddr(cli_command *command, const char *name, ip_addr_t *out);

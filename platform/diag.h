@@ -36,8 +36,8 @@ enum { SDWRAP_RECORD_MAX = 512 }; /* bytes of such a record */
 /* Optional: a platform that lacks it leaves it null. Stores an event of the same identity whose text is made when
  * somebody reads it: (SDWRAP_UUID_PIM, SDWRAP_HISTORY_MVPN, SDWRAP_HISTORY_BUFFER, writer, VRF name, size,
  * record). VRF name: of the VRF that the text begins with, else null. size: a multiple
- * of 8, at most SDWRAP_RECORD_MAX; the record is copied, and given to the writer at an address aligned for pointers, while
- * the module is loaded. */
+ * of 8, at most SDWRAP_RECORD_MAX; the record is copied, and given to the writer at an address aligned for pointers,
+ * while the module is loaded. */
 void sdwrap_his_log_unformatted(uint32_t uuid, uint32_t instance, uint32_t buffer, sdwrap_text_writer writer,
                                 const char *vrf_name, uint32_t size, const void *record) __attribute__((weak));
 

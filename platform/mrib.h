@@ -39,8 +39,8 @@ enum {
   MRIB_UPDATE_XID = MRIB_ACK_XID_OFFSET,
 };
 
-/* Update-route entry. A deletion is two entries: one takes the owner's claim away; the second one, which carries context,
- * addresses, lengths and the teardown mark only, gives the route up when no owner is left. */
+/* Update-route entry. A deletion is two entries: one takes the owner's claim away; the second one, which carries
+ * context, addresses, lengths and the teardown mark only, gives the route up when no owner is left. */
 enum mrib_update_entry {
   MRIB_ENTRY_CONTEXT_ID = 0, /* vrf_context_id_t of the core */
   MRIB_ENTRY_SOURCE = 4,     /* 0 for (*,G) */

@@ -37,8 +37,8 @@ enum {
 };
 
 /* Response: count (2 bytes), then per interface if-index, iod and result (4 bytes each; result 0 = success), all in
- * network byte order. OIM_RESPONSE_ENTRIES is the offset of the first interface's in the response, the others are offsets
- * in an interface's. */
+ * network byte order. OIM_RESPONSE_ENTRIES is the offset of the first interface's in the response, the others are
+ * offsets in an interface's. */
 enum {
   OIM_RESPONSE_ENTRIES = 2,
   OIM_RESPONSE_ENTRY_SIZE = 12,

@@ -80,8 +80,8 @@ uint32_t txlist_get_obj_version(const struct txlist_obj *obj);
 
 /* A walk that survives yields. create: null when memory ran out. next: the next object, members included and
  * iterators (this one too) excluded; null at the end. commit: parks the iterator behind the last object returned;
- * call it before a yield. remove: takes the iterator off the list and frees it; also after its list was destroyed, which
- * unlinks it like every other object. */
+ * call it before a yield. remove: takes the iterator off the list and frees it; also after its list was destroyed,
+ * which unlinks it like every other object. */
 txlist_iterator *txlist_iterator_create(txlist *list);
 struct txlist_obj *txlist_iterator_next(txlist_iterator *iterator);
 void txlist_iterator_commit(txlist_iterator *iterator);

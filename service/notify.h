@@ -1,5 +1,5 @@
-// What a service manager wants to hear of a program, by the protocol of sd_notify(3): a datagram of VARIABLE=VALUE lines
-// to the socket that the environment names. A few lines of ours rather than a library in every program.
+// What a service manager wants to hear of a program, by the protocol of sd_notify(3): a datagram of VARIABLE=VALUE
+// lines to the socket that the environment names. A few lines of ours rather than a library in every program.
 #ifndef SERVICE_NOTIFY_H
 #define SERVICE_NOTIFY_H
 

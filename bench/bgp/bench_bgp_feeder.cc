@@ -1,9 +1,11 @@
-// One BGP neighbour that announces the routes of many PEs, for scripts/bench-bgp: a speaker of the library, with sockets.
+// One BGP neighbour that announces the routes of many PEs, for scripts/bench-bgp: a speaker of the library, with
+// sockets.
 //
 //   bench_bgp_feeder ADDRESS REFLECTOR PORT VRFS PES
 //
-// Each PE's VRFs share its next hop, so that they can share messages, as a reflector of another cluster would send them. It
-// says "established" and "sent MESSAGES OCTETS" on its output, once each, stays until its input ends, and takes leave.
+// Each PE's VRFs share its next hop, so that they can share messages, as a reflector of another cluster would send
+// them. It says "established" and "sent MESSAGES OCTETS" on its output, once each, stays until its input ends, and
+// takes leave.
 #include <arpa/inet.h>
 #include <unistd.h>
 

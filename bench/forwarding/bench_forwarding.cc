@@ -1,8 +1,8 @@
 // How fast the forwarder encapsulates, beside a loop that does nothing else: TUN to raw GRE with sendmmsg.
 //
-// The packets are put into the device's queue first; only taking them out and sending them is timed, in CPU time of this
-// thread. Rounds of the loop and of the forwarder with 1,000 and 100,000 flows take turns, so that what else the machine
-// does meets all alike; the medians are compared.
+// The packets are put into the device's queue first; only taking them out and sending them is timed, in CPU time of
+// this thread. Rounds of the loop and of the forwarder with 1,000 and 100,000 flows take turns, so that what else the
+// machine does meets all alike; the medians are compared.
 //
 //   bench_forwarding CORE RED     names of two namespaces; the core has a device "core0" with the address 10.0.0.1
 #include <fcntl.h>

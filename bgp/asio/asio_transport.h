@@ -27,7 +27,8 @@ namespace bgp {
 // One thread runs the event loop and calls everything here.
 class AsioTransport final : public Transport, public Clock {
  public:
-  // Every call of the speaker from the event loop happens inside `enter`, which the embedding may use to take its locks.
+  // Every call of the speaker from the event loop happens inside `enter`, which the embedding may use to take its
+  // locks.
   using Enter = std::function<void(const std::function<void()> &)>;
 
   AsioTransport(boost::asio::io_context &io, Enter enter);

@@ -1,5 +1,5 @@
-// The reference platform as a library for mvpn-contract-test. Its clock is real and fast, so that threads run as they do
-// in the daemon and a minute takes less than a second.
+// The reference platform as a library for mvpn-contract-test. Its clock is real and fast, so that threads run as they
+// do in the daemon and a minute takes less than a second.
 #include "conformance/driver.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 // Names come from the configuration, where every VRF and interface that an operator can name has a block. The daemon
-// filters its lines, so that what travels does not grow with the routes. A connection of its own keeps a slow answer out
-// of the session's: whatever goes wrong there is no reason to disturb a line that is being typed.
+// filters its lines, so that what travels does not grow with the routes. A connection of its own keeps a slow answer
+// out of the session's: whatever goes wrong there is no reason to disturb a line that is being typed.
 #include "host/client/known_names.h"
 
 #include <algorithm>

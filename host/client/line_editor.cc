@@ -130,7 +130,8 @@ LineEditor::LineEditor(Session &session, std::string history_file)
 std::optional<std::string> LineEditor::read() {
   const std::string text = session_.prompt();
   const std::string mark(1, kLiteral);
-  // The editor writes such parts together with the character behind them: the end of the colour stands before the blank.
+  // The editor writes such parts together with the character behind them: the end of the colour stands before the
+  // blank.
   const std::string last = text.substr(text.size() - 1);
   prompt_ = in_colour(STDOUT_FILENO)
                 ? mark + "\033[1m" + mark + text.substr(0, text.size() - 1) + mark + "\033[0m" + mark + last

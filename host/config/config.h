@@ -1,8 +1,8 @@
-// The configuration as data: blocks of lines. Read from a file or changed line by line, checked as a whole, printed as a
-// file that loads to the same state, compared.
+// The configuration as data: blocks of lines. Read from a file or changed line by line, checked as a whole, printed as
+// a file that loads to the same state, compared.
 //
-// Blocks are shared between copies of a configuration and copied when they change, so that taking a copy, editing it and
-// comparing it with the original costs what was edited.
+// Blocks are shared between copies of a configuration and copied when they change, so that taking a copy, editing it
+// and comparing it with the original costs what was edited.
 #ifndef HOST_CONFIG_H
 #define HOST_CONFIG_H
 

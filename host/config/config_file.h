@@ -1,7 +1,7 @@
 // The configuration file: reading it, and how its errors are told.
 //
-// What a file can cost is bounded: a longer one is refused before it is read, one that is wrong throughout is not read to
-// its end, and of its errors the first few are told. A file given by mistake must not fill the log.
+// What a file can cost is bounded: a longer one is refused before it is read, one that is wrong throughout is not read
+// to its end, and of its errors the first few are told. A file given by mistake must not fill the log.
 #ifndef HOST_CONFIG_FILE_H
 #define HOST_CONFIG_FILE_H
 

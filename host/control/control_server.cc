@@ -3,7 +3,8 @@
 //
 // Connections are few, so that clients which hold theirs without using it must not keep others out. A request has to
 // come whole soon after its first byte; a connection without a command ends after a while, and earlier when another
-// client needs its place. Only a client that finds every place taken by a running command is turned away, with a reason.
+// client needs its place. Only a client that finds every place taken by a running command is turned away, with a
+// reason.
 #include "host/control/control_server.h"
 
 #include <grp.h>

@@ -1,7 +1,7 @@
 // Tells the service manager from an event loop that the program is alive.
 //
-// What says so is a handler of the loop that does the program's work, and `alive` runs in it: when the loop hangs, or waits
-// for something that does not come, the service manager hears nothing more and starts the program anew.
+// What says so is a handler of the loop that does the program's work, and `alive` runs in it: when the loop hangs, or
+// waits for something that does not come, the service manager hears nothing more and starts the program anew.
 #ifndef HOST_CONTROL_WATCHDOG_H
 #define HOST_CONTROL_WATCHDOG_H
 

@@ -1,5 +1,5 @@
-// The process is this program again, with --check-config: what the operator can run by hand is what guards a reload. Its
-// output ends when it ends, so the end of the output is the sign to collect its status.
+// The process is this program again, with --check-config: what the operator can run by hand is what guards a reload.
+// Its output ends when it ends, so the end of the output is the sign to collect its status.
 #include "host/daemon/config_check.h"
 
 #include <fcntl.h>

@@ -1,5 +1,5 @@
-// Start and stop. Everything that can be refused is tried before the module starts: files, the store, the control socket.
-// The module stops when nothing calls it any more: control socket, views, links, module.
+// Start and stop. Everything that can be refused is tried before the module starts: files, the store, the control
+// socket. The module stops when nothing calls it any more: control socket, views, links, module.
 #include "host/daemon/daemon.h"
 
 #include <fcntl.h>

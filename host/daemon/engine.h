@@ -1,8 +1,8 @@
 // The command engine: runs the command lines of clients.
 //
 // Views run on threads of their own, under the scheduling locks: a listing yields to everything else, and a client that
-// reads slowly holds up nobody but itself. Every other command runs at once on the main thread. A command that shows what
-// the forwarder counts begins when the forwarder has answered.
+// reads slowly holds up nobody but itself. Every other command runs at once on the main thread. A command that shows
+// what the forwarder counts begins when the forwarder has answered.
 #ifndef HOST_ENGINE_H
 #define HOST_ENGINE_H
 

@@ -1,9 +1,9 @@
 // Interfaces of the core keep the kernel's names. Interfaces of VRFs do so when the configuration names them; else they
 // are called NAME@VRF, since two VRFs may each have an eth0.
 //
-// The index in force of a flow is the one that the module last asked to be installed. It is given up when the module has
-// chosen another for the route, or when it stands for nothing any more, and the flow goes on the default MDT: a choice
-// that has not been installed yet does not count.
+// The index in force of a flow is the one that the module last asked to be installed. It is given up when the module
+// has chosen another for the route, or when it stands for nothing any more, and the flow goes on the default MDT: a
+// choice that has not been installed yet does not count.
 #include "host/daemon/forwarding.h"
 
 #include <algorithm>
@@ -288,7 +288,8 @@ void Forwarding::on_disconnected() {
   connect_later();
 }
 
-// --------------------------------------------------------------------------------------------------- what is to be done
+// --------------------------------------------------------------------------------------------------- what is to be
+// done
 
 void Forwarding::tunnel_changed(const ref::Tunnel &tunnel, bool wanted_up) {
   if (!vrfs_.contains(tunnel.vrf_name)) return;
@@ -471,7 +472,8 @@ bool Forwarding::apply_route(const RouteKey &key, CustomerRoute &route) {
   return done;
 }
 
-// ------------------------------------------------------------------------------------------------------------- counters
+// -------------------------------------------------------------------------------------------------------------
+// counters
 
 void Forwarding::refresh(std::function<void()> then) {
   waiting_answer_.push_back(std::move(then));

@@ -1,8 +1,9 @@
 // The forwarding plane behind the platform, when the configuration says "forwarding kernel".
 //
-// What the services hold is told to mvpn-forwarder, and what the kernel says becomes interfaces, addresses, tunnel states,
-// customer routes and rates of the services. The forwarder may be started later, or anew, and outlives this process: the
-// client library (forwarder/client.h) tells it again what is wanted, and keeps what it held through a recovery.
+// What the services hold is told to mvpn-forwarder, and what the kernel says becomes interfaces, addresses, tunnel
+// states, customer routes and rates of the services. The forwarder may be started later, or anew, and outlives this
+// process: the client library (forwarder/client.h) tells it again what is wanted, and keeps what it held through a
+// recovery.
 #ifndef HOST_DAEMON_FORWARDING_H
 #define HOST_DAEMON_FORWARDING_H
 
@@ -43,8 +44,8 @@ class Forwarding : private ref::ForwardingPlane {
   // An orderly stop: takes everything back from the forwarder.
   void close();
 
-  // Whether the kernel forwards; then: what it says of an interface of the configuration, down without an address when it
-  // has none.
+  // Whether the kernel forwards; then: what it says of an interface of the configuration, down without an address when
+  // it has none.
   bool active() const { return client_ != nullptr; }
   struct Seen {
     bool up = false;
@@ -55,8 +56,9 @@ class Forwarding : private ref::ForwardingPlane {
   const std::string &socket() const { return path_; }
   bool connected() const { return active() && client_->descriptor() >= 0; }
   bool recovering() const { return active() && client_->recovering(); }
-  // Asks the forwarder for its counters and events, and calls `then` once, in a turn of the main loop: when they have come,
-  // and at once or later when they will not. Until the next refresh they stand in counters(); nothing there: no answer.
+  // Asks the forwarder for its counters and events, and calls `then` once, in a turn of the main loop: when they have
+  // come, and at once or later when they will not. Until the next refresh they stand in counters(); nothing there: no
+  // answer.
   void refresh(std::function<void()> then);
   const std::optional<forwarder::Counters> &counters() const { return counters_; }
 

@@ -13,8 +13,8 @@
 
 namespace host {
 
-// The reference platform is in its first state before and after; the module must have stopped by then. Between turns the
-// module's threads run.
+// The reference platform is in its first state before and after; the module must have stopped by then. Between turns
+// the module's threads run.
 class Loop {
  public:
   Loop();

@@ -17,8 +17,8 @@ namespace host {
 
 class MdtExchange {
  public:
-  // restarting: see BgpService; this router's routes are complete when the module has advertised the VRFs of await(), or
-  // has had its time for it.
+  // restarting: see BgpService; this router's routes are complete when the module has advertised the VRFs of await(),
+  // or has had its time for it.
   MdtExchange(Loop &loop, bool restarting, EventBus &events, LogLine log);
   ~MdtExchange();
 

@@ -10,8 +10,8 @@
 
 namespace host {
 
-// Every metric as it is now. On the main thread, with the scheduling locks. Those of the forwarding plane are what it said
-// last: Forwarding::refresh() comes before.
+// Every metric as it is now. On the main thread, with the scheduling locks. Those of the forwarding plane are what it
+// said last: Forwarding::refresh() comes before.
 std::string metrics_text(const Router &router, const Loop &loop, metrics::Format format);
 
 }  // namespace host

@@ -6,8 +6,8 @@
 // default", which may free the VRF's settings; VRFs before interfaces; "mdt default", which makes a VRF's settings
 // exist, before the other MDT commands.
 //
-// A VRF can be deleted only when the module has left it, which takes a tunnel's teardown. Until then it is "leaving", and
-// a VRF that needs its name or its numbers is "waiting"; when it has gone, what the configuration says is built.
+// A VRF can be deleted only when the module has left it, which takes a tunnel's teardown. Until then it is "leaving",
+// and a VRF that needs its name or its numbers is "waiting"; when it has gone, what the configuration says is built.
 #include "host/daemon/router.h"
 
 #include <algorithm>
@@ -73,8 +73,8 @@ std::optional<std::string> enter_blocks(const std::vector<Statement> &statements
   return std::nullopt;
 }
 
-// The range of a VRF that a new default group lies in; empty: none. The module takes such a group, but refuses the range
-// when both come from a file, where the group is first: the configuration could not be loaded again.
+// The range of a VRF that a new default group lies in; empty: none. The module takes such a group, but refuses the
+// range when both come from a file, where the group is first: the configuration could not be loaded again.
 std::string range_with_default(const Block *vrf, const Statement &command) {
   const std::string *group = find_argument(command, "<mdt-default>");
   if (vrf == nullptr || command.no || group == nullptr) return "";

@@ -58,10 +58,12 @@ class Router {
   Forwarding &forwarding() const { return *forwarding_; }
   const LoadedModule &module() const { return module_; }
 
-  // State of a link that is not configured: the interface stays down until it is set up again. False: no such interface.
+  // State of a link that is not configured: the interface stays down until it is set up again. False: no such
+  // interface.
   bool set_link(const std::string &interface, bool up);
 
-  // Goes on with what had to wait: VRFs that the module has not left yet, and what depends on them. At every turn's end.
+  // Goes on with what had to wait: VRFs that the module has not left yet, and what depends on them. At every turn's
+  // end.
   void settle();
 
  private:

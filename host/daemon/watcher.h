@@ -1,9 +1,9 @@
 // Finds out what changed in the router and publishes it.
 //
-// The module tells nobody of its states, but it writes an event wherever one may change: the VRF that the event is of is
-// looked at again when the turn ends. So a VRF that passes through several states in a turn shows as one change, and a
-// turn costs what happened in it, not what is configured. Flows, core routes and PEs are told by the services that hold
-// them.
+// The module tells nobody of its states, but it writes an event wherever one may change: the VRF that the event is of
+// is looked at again when the turn ends. So a VRF that passes through several states in a turn shows as one change, and
+// a turn costs what happened in it, not what is configured. Flows, core routes and PEs are told by the services that
+// hold them.
 #ifndef HOST_DAEMON_WATCHER_H
 #define HOST_DAEMON_WATCHER_H
 

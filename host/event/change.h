@@ -1,5 +1,5 @@
-// What changed in a router, as an operator hears of it: one record for each change, and one bus that hands it to whoever
-// wants it: the log, `monitor`, SNMP notifications.
+// What changed in a router, as an operator hears of it: one record for each change, and one bus that hands it to
+// whoever wants it: the log, `monitor`, SNMP notifications.
 //
 // Addresses are numbers in host byte order; 0: none, or any. States are words, as views show them.
 #ifndef HOST_EVENT_CHANGE_H

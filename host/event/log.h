@@ -1,7 +1,7 @@
 // The log of a daemon: standard error or syslog, a line each, with its level and the wall time.
 //
-// It never waits for a reader. A line that cannot be written at once is dropped and counted, and the next one that can be
-// is preceded by how many are missing.
+// It never waits for a reader. A line that cannot be written at once is dropped and counted, and the next one that can
+// be is preceded by how many are missing.
 #ifndef HOST_EVENT_LOG_H
 #define HOST_EVENT_LOG_H
 

@@ -151,8 +151,8 @@ struct Statement {
 
 const std::string *find_argument(const Statement &statement, std::string_view name);
 
-// The statement's text for listings and messages: with kHiddenPassword in the place of a password, which is the argument
-// "secret" and the last word of its line.
+// The statement's text for listings and messages: with kHiddenPassword in the place of a password, which is the
+// argument "secret" and the last word of its line.
 std::string shown_text(const Statement &statement);
 
 struct SyntaxError {

@@ -52,8 +52,8 @@ EndpointValue endpoint_value(std::string_view word);
 
 std::string address_text(uint32_t address);
 
-// What listings show in the place of a password. It is no password itself: a listing that is loaded says what is missing
-// instead of setting another password.
+// What listings show in the place of a password. It is no password itself: a listing that is loaded says what is
+// missing instead of setting another password.
 inline constexpr std::string_view kHiddenPassword = "<hidden>";
 
 // Text that came from outside, for messages: bytes that are no printable ASCII characters are written as \xHH.

@@ -1,5 +1,5 @@
-// Metrics as text, in the two formats that monitoring systems read: OpenMetrics 1.0 and its predecessor, the text format
-// 0.0.4. They differ in the names that stand for counters and in the end mark.
+// Metrics as text, in the two formats that monitoring systems read: OpenMetrics 1.0 and its predecessor, the text
+// format 0.0.4. They differ in the names that stand for counters and in the end mark.
 #ifndef HOST_METRICS_EXPOSITION_H
 #define HOST_METRICS_EXPOSITION_H
 

@@ -1,7 +1,7 @@
 // Serves one text by HTTP: GET /metrics.
 //
-// What comes from outside is bounded: so many clients, so many bytes of a request, so many seconds for a request and its
-// answer. A connection carries one request. A client that reads slowly holds its own answer and nothing else.
+// What comes from outside is bounded: so many clients, so many bytes of a request, so many seconds for a request and
+// its answer. A connection carries one request. A client that reads slowly holds its own answer and nothing else.
 #ifndef HOST_METRICS_HTTP_SERVER_H
 #define HOST_METRICS_HTTP_SERVER_H
 
@@ -28,8 +28,8 @@ class HttpServer {
   HttpServer(boost::asio::io_context &io, Write write, std::function<void(const std::string &)> log);
   ~HttpServer();
 
-  // Listens on an address (dotted) and port, or on none when the address is empty. An address that cannot be had is tried
-  // again every five seconds.
+  // Listens on an address (dotted) and port, or on none when the address is empty. An address that cannot be had is
+  // tried again every five seconds.
   void listen(const std::string &address, uint16_t port);
 
  private:

@@ -1,5 +1,5 @@
-// Prints the host's own views: each row goes to a sink as a line of text and as recorded values, as the module's handlers
-// do it, and the writer behind the sink takes what it shows.
+// Prints the host's own views: each row goes to a sink as a line of text and as recorded values, as the module's
+// handlers do it, and the writer behind the sink takes what it shows.
 #ifndef HOST_OUTPUT_LISTING_H
 #define HOST_OUTPUT_LISTING_H
 

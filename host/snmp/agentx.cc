@@ -2,8 +2,8 @@
 //
 // Objects. Every table is a sorted container of rows behind three helpers of the library: the table helper takes object
 // identifiers apart, the cache helper has the container filled when its rows are older than kCacheSeconds, the
-// container helper finds the row or the one after it, and answer_row gives the value of a column. A walk of a table thus
-// reads one state of it, or a few, and each of them sorted.
+// container helper finds the row or the one after it, and answer_row gives the value of a column. A walk of a table
+// thus reads one state of it, or a few, and each of them sorted.
 //
 // Turns. After each piece of work the library says which descriptors and which time it waits for, and both are waited
 // for anew (arm). The descriptors are duplicated for that: the library closes its own whenever it likes, and a number
@@ -12,8 +12,8 @@
 // Threads. The library waits for the master's answers: a master that is alive and does not answer holds it up for
 // kAnswerSeconds at every request of an attempt, a minute in all, and one that takes no connection for longer. So the
 // library, its objects and the event loop that drives it belong to a thread of their own (Worker). The main thread does
-// for it what needs the scheduling locks (Main): it collects a table in slices, between which the main loop goes on. The
-// end does not wait for a master that hangs. The thread then keeps what it uses and finds the main thread closed.
+// for it what needs the scheduling locks (Main): it collects a table in slices, between which the main loop goes on.
+// The end does not wait for a master that hangs. The thread then keeps what it uses and finds the main thread closed.
 //
 // Failures. A master that goes away closes the connection; the library drops the session and tries again at intervals,
 // as it does when there was none at the start, and registers everything anew. Its messages go to the log.
@@ -108,8 +108,8 @@ const Column *find_column(const Table &table, uint32_t arc) {
   return nullptr;
 }
 
-// What sysUpTime was at a time of the module's clock, both in hundredths of a second modulo 2^32. Times before the master
-// started are 0. The library follows the master's clock.
+// What sysUpTime was at a time of the module's clock, both in hundredths of a second modulo 2^32. Times before the
+// master started are 0. The library follows the master's clock.
 std::string uptime_at(const std::string &text, uint32_t clock_now) {
   const auto at = to_number(text);
   if (!at) return text;

@@ -23,17 +23,17 @@ class AgentX {
     int retry_seconds = 10;  // between attempts to reach a master that is away, and between checks of one that is there
   };
 
-  // main: the event loop of the thread that constructs; log and in_turn are called from it. in_turn runs a function with
-  // the scheduling locks, before it returns. address: of the master, as "unix:/run/agentx.sock" or "tcp:127.0.0.1:705";
-  // a master that is away is tried again for ever.
+  // main: the event loop of the thread that constructs; log and in_turn are called from it. in_turn runs a function
+  // with the scheduling locks, before it returns. address: of the master, as "unix:/run/agentx.sock" or
+  // "tcp:127.0.0.1:705"; a master that is away is tried again for ever.
   AgentX(boost::asio::io_context &main, std::string address, InTurn in_turn, Log log);
   AgentX(boost::asio::io_context &main, std::string address, InTurn in_turn, Log log, Options options);
   // Withdraws the objects from the master, unless it hangs: then the thread is left to itself, which does nothing more,
   // and the process should end.
   ~AgentX();
 
-  // Tells managers of something, by way of the master; on the thread that constructs. Returns at once. It is lost while the
-  // master is away, and when more than kMostWaiting wait for one that is slow.
+  // Tells managers of something, by way of the master; on the thread that constructs. Returns at once. It is lost while
+  // the master is away, and when more than kMostWaiting wait for one that is slow.
   static constexpr size_t kMostWaiting = 1000;
   void notify(Notification notification);
 

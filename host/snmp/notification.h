@@ -28,8 +28,8 @@ struct Notification {
 Notification vrf_notification(const std::string &vrf, const std::string &before, const std::string &after,
                               const std::string &group);
 
-// A data MDT is in use in a VRF, or not any more. sent: by this PE; then source and group are those of the customer's flow,
-// otherwise source is the PE that sends and group 0.0.0.0. Addresses are dotted.
+// A data MDT is in use in a VRF, or not any more. sent: by this PE; then source and group are those of the customer's
+// flow, otherwise source is the PE that sends and group 0.0.0.0. Addresses are dotted.
 struct DataMdtUse {
   std::string vrf;
   bool sent = false;

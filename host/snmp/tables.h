@@ -15,8 +15,8 @@ namespace host::snmp {
 // libmvpnObjects: scalars and tables stand under it.
 inline constexpr uint32_t kObjects[] = {1, 3, 6, 1, 4, 1, 8072, 9999, 9999, 6513, 1};
 
-// ticks: a time span, in hundredths of a second. instant: served as sysUpTime was then; handlers print it in hundredths of
-// a second on the module's clock.
+// ticks: a time span, in hundredths of a second. instant: served as sysUpTime was then; handlers print it in hundredths
+// of a second on the module's clock.
 enum class Syntax { text, address, integer, unsigned_number, ticks, instant };
 
 // A value of a row. Its object's name is that of its element in the output schema.

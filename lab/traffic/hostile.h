@@ -67,8 +67,8 @@ class Hostile {
   size_t round_ = 0;
 };
 
-// Sends so many attacks out of an interface of this network namespace, at a rate a second above 0, while go_on() says so.
-// Returns how many datagrams the system took. Throws std::runtime_error.
+// Sends so many attacks out of an interface of this network namespace, at a rate a second above 0, while go_on() says
+// so. Returns how many datagrams the system took. Throws std::runtime_error.
 uint64_t flood(const std::string &interface, Hostile *hostile, uint64_t attacks, double rate,
                const std::function<bool()> &go_on);
 

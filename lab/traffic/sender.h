@@ -1,5 +1,6 @@
 // Sends numbered packets of several flows at steady rates. The rate of a flow may change while it runs; the numbers go
-// on. A packet that the system refuses keeps its number for the next try, so that a number stands for a packet that left.
+// on. A packet that the system refuses keeps its number for the next try, so that a number stands for a packet that
+// left.
 #ifndef LAB_TRAFFIC_SENDER_H
 #define LAB_TRAFFIC_SENDER_H
 

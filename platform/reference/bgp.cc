@@ -2,9 +2,10 @@
 //
 // What the module advertises arrives as local-update messages (bgp_receive). A VRF has one entry at most: a newer one
 // takes its place, and a withdrawal takes away what is there. An entry goes with the route distinguisher that it was
-// advertised under, and with its VRF: a module that has left the VRF by then does not tell. What other PEs advertise is given to the module in
-// remote updates of at most 100 entries. A request of the module for the whole set is answered with every remote entry,
-// closed by an end-of-RIB mark: an entry that withdraws nothing. Everything goes through the transport's queue.
+// advertised under, and with its VRF: a module that has left the VRF by then does not tell. What other PEs advertise is
+// given to the module in remote updates of at most 100 entries. A request of the module for the whole set is answered
+// with every remote entry, closed by an end-of-RIB mark: an entry that withdraws nothing. Everything goes through the
+// transport's queue.
 //
 // Route distinguishers are printed as RFC 4364 has them: 2-byte AS and number (type 0), address and number (type 1),
 // 4-byte AS and number (type 2). A 4-byte AS that would fit into two bytes is written high.low, so that every printed

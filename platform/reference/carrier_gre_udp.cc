@@ -222,8 +222,8 @@ void GreUdpCarrier::receive(ip_addr_t from, uint16_t from_port, std::span<const 
     receiver_(std::move(*packet));
 }
 
-// To the registered port, whatever this one is: an analyser knows GRE in UDP by it. The ports that the PEs of one machine use
-// would tell it nothing.
+// To the registered port, whatever this one is: an analyser knows GRE in UDP by it. The ports that the PEs of one
+// machine use would tell it nothing.
 void GreUdpCarrier::store(ip_addr_t from, uint16_t from_port, ip_addr_t to, std::span<const uint8_t> payload) {
   if (capture_ == nullptr || !capture_->running()) return;
   std::vector<uint8_t> bytes(ip_size + udp_size + payload.size());

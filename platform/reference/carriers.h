@@ -22,8 +22,8 @@ constexpr uint16_t gre_in_udp_port = 4754;  // RFC 8086
 //     IPv4, protocol 47: provider source to provider group
 //       GRE, protocol IPv4
 //         the customer datagram
-// This is the payload of a GRE-in-UDP datagram. encode: empty when the packet does not fit into one. decode: nullopt for
-// anything malformed; lengths and checksums are verified, trailing bytes ignored.
+// This is the payload of a GRE-in-UDP datagram. encode: empty when the packet does not fit into one. decode: nullopt
+// for anything malformed; lengths and checksums are verified, trailing bytes ignored.
 std::vector<uint8_t> encode_core_packet(const CorePacket &packet);
 std::optional<CorePacket> decode_core_packet(std::span<const uint8_t> bytes);
 

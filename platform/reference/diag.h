@@ -23,8 +23,8 @@ struct Report {
 };
 const std::vector<Report> &reports();  // the latest 1000 error reports that passed the rate limit
 void clear_reports();
-// Where error reports and debug output go: nowhere (tests), standard error, or a writer of the host's, which is called by
-// any thread that holds the scheduling locks and must not wait. severity: 0..7, as syslog has it; lines come without
+// Where error reports and debug output go: nowhere (tests), standard error, or a writer of the host's, which is called
+// by any thread that holds the scheduling locks and must not wait. severity: 0..7, as syslog has it; lines come without
 // their end.
 enum class LogSink { none, standard_error };
 void set_log_sink(LogSink sink);

@@ -1,8 +1,8 @@
 // A forwarding plane outside of this process, behind the services: what it is told, and what it tells.
 //
-// Without one the services simulate: a tunnel is up when it is asked to be, customer routes and their rates are what the
-// host sets, and datagrams cross the core by a carrier (carriers.h). With one, tunnels are up when it says so, datagrams
-// leave through it, and the host sets customer routes, rates and interfaces from what it reports.
+// Without one the services simulate: a tunnel is up when it is asked to be, customer routes and their rates are what
+// the host sets, and datagrams cross the core by a carrier (carriers.h). With one, tunnels are up when it says so,
+// datagrams leave through it, and the host sets customer routes, rates and interfaces from what it reports.
 //
 // Everything here is called on the main thread with the scheduling locks, or by a thread of the module that holds them.
 #ifndef PLATFORM_REFERENCE_FORWARDING_PLANE_H
@@ -33,20 +33,21 @@ class ForwardingPlane {
   virtual void core_route_changed(const MribRoute &route, bool present) = 0;
   virtual void encap_changed(const MribEncap &encap, bool present) = 0;
   // The module may have chosen another encapsulation for the route. into_tunnel: the VRF's tunnel is an outgoing
-  // interface. installed: the module asked for the choice to take effect; otherwise only a choice that the route had and
-  // has lost does.
+  // interface. installed: the module asked for the choice to take effect; otherwise only a choice that the route had
+  // and has lost does.
   virtual void customer_route_changed(const std::string &vrf_name, const pim_route &route, bool into_tunnel,
                                       bool installed) = 0;
   virtual void customer_route_deleted(const std::string &vrf_name, const mvpn_mdt_route_addrs &addrs) = 0;
 
   // Sends a customer datagram, complete on the wire, into a tunnel. False: it cannot.
   virtual bool send(const Tunnel &tunnel, const std::vector<uint8_t> &datagram) = 0;
-  // A statistics pass begins: the bytes of customer routes are to be set (set_customer_bytes), then `then` is called once, at
-  // once or later.
+  // A statistics pass begins: the bytes of customer routes are to be set (set_customer_bytes), then `then` is called
+  // once, at once or later.
   virtual void count_customer_bytes(std::function<void()> then) = 0;
 };
 
-// Has everything told from now on, beginning with what there is. Null: the services simulate. The caller keeps it alive.
+// Has everything told from now on, beginning with what there is. Null: the services simulate. The caller keeps it
+// alive.
 void use_forwarding_plane(ForwardingPlane *plane);
 
 // What the forwarding plane says: a VRF's tunnel is up or down; a datagram came out of it.

@@ -1,10 +1,10 @@
 // Interface manager: the table of interfaces, their ordinals and if-indexes, and the events that it reports.
 //
-// Ordinals are given out in rotation, so that an event for an interface that is gone does not hit a new one. An ordinary
-// interface that is entered again under its old name gets its old ordinal: whoever remembers it by ordinal, as a VRF
-// does its tunnel's source, means this one. Tunnels' names say nothing of that kind, and their ordinals rotate. If-indexes
-// carry their sort in the top byte: ordinary interfaces are numbered by ordinal, overlay interfaces by table id, which
-// makes the if-index of a VRF's tunnel computable before the tunnel exists and recognisable after it is gone.
+// Ordinals are given out in rotation, so that an event for an interface that is gone does not hit a new one. An
+// ordinary interface that is entered again under its old name gets its old ordinal: whoever remembers it by ordinal, as
+// a VRF does its tunnel's source, means this one. Tunnels' names say nothing of that kind, and their ordinals rotate.
+// If-indexes carry their sort in the top byte: ordinary interfaces are numbered by ordinal, overlay interfaces by table
+// id, which makes the if-index of a VRF's tunnel computable before the tunnel exists and recognisable after it is gone.
 //
 // Events reach the module through the main loop and only while they are enabled: a host enables them when its
 // configuration has been replayed, and is then told of every interface that is up.

@@ -37,8 +37,9 @@ bool let_threads_sleep();
 // Gives other threads their turn; true when one ran. Does not call the yield hook.
 bool pass_baton();
 
-// The main loop's, after each piece of work: the same, unless there is more to do and it has not had the baton for long.
-// Each change of hands costs as much as some ten routes. With a stepped clock every piece of work is followed by a turn.
+// The main loop's, after each piece of work: the same, unless there is more to do and it has not had the baton for
+// long. Each change of hands costs as much as some ten routes. With a stepped clock every piece of work is followed by
+// a turn.
 void offer_baton(bool more_to_do);
 
 // Repeatable: whoever gives the baton up waits for the threads that are on their way to it, so that the order of turns

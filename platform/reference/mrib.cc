@@ -1,10 +1,10 @@
 // Multicast RIB: routes of the core and of the customer VRFs, encapsulations, and the dealings with its one client, the
 // module.
 //
-// The client installs a route with a 92-byte entry for each of its owners. The first entry of a deletion takes one owner
-// away, the second one, which names no owner, drops the client's hold when no owner is left. mrib_routes.h tells who else
-// holds routes. What clients read is made from the records when they ask: a group is shown as a tree of its routes by
-// source, which stays until some route changes.
+// The client installs a route with a 92-byte entry for each of its owners. The first entry of a deletion takes one
+// owner away, the second one, which names no owner, drops the client's hold when no owner is left. mrib_routes.h tells
+// who else holds routes. What clients read is made from the records when they ask: a group is shown as a tree of its
+// routes by source, which stays until some route changes.
 //
 // An accepted update is acknowledged from the main loop. Registrations are numbered, so that an acknowledgement cannot
 // reach a client that registered again meanwhile and counts its transactions anew.

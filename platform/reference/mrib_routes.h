@@ -1,12 +1,12 @@
 // The routes of the MRIB: who holds each, what its owners installed, and its group.
 //
-// A route is held by the client, who installs it, or by somebody else (a receiver in the core, the host's customer routes),
-// or by both; it goes when nobody holds it. Several of the client's VRFs may own one route, each with its own tunnel; what
-// counts is what the latest of them installed, and when that one goes what another did.
+// A route is held by the client, who installs it, or by somebody else (a receiver in the core, the host's customer
+// routes), or by both; it goes when nobody holds it. Several of the client's VRFs may own one route, each with its own
+// tunnel; what counts is what the latest of them installed, and when that one goes what another did.
 //
-// There may be a million, so a route is one small record in a hash table: nearly all have one owner, which stands in the
-// record, and the few with more have theirs in a map besides. A group's routes are a list through their records. What is
-// read in order is sorted when it is read.
+// There may be a million, so a route is one small record in a hash table: nearly all have one owner, which stands in
+// the record, and the few with more have theirs in a map besides. A group's routes are a list through their records.
+// What is read in order is sorted when it is read.
 //
 // Everything runs under the scheduling locks.
 #ifndef REFERENCE_MRIB_ROUTES_H

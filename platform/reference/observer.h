@@ -1,7 +1,8 @@
-// Somebody who watches what the services see, without a part in it: what the main loop's owner logs and tells operators.
+// Somebody who watches what the services see, without a part in it: what the main loop's owner logs and tells
+// operators.
 //
-// Called by the thread that holds the scheduling locks, in the middle of the service's work: an observer takes notes and
-// calls nothing here that changes anything.
+// Called by the thread that holds the scheduling locks, in the middle of the service's work: an observer takes notes
+// and calls nothing here that changes anything.
 #ifndef PLATFORM_REFERENCE_OBSERVER_H
 #define PLATFORM_REFERENCE_OBSERVER_H
 
@@ -19,7 +20,8 @@ class Observer {
 
   // The module has written an event of a VRF: something may have changed there.
   virtual void vrf_touched(std::string_view vrf_name) = 0;
-  // The module asked for a customer route to be installed, so that its encapsulation takes effect; the route is deleted.
+  // The module asked for a customer route to be installed, so that its encapsulation takes effect; the route is
+  // deleted.
   virtual void customer_route_installed(const std::string &vrf_name, const pim_route &route) = 0;
   virtual void customer_route_deleted(const std::string &vrf_name, const mvpn_mdt_route_addrs &addrs) = 0;
   // A VRF joined a core route of another PE, or left it. source: 0 for any.

@@ -9,9 +9,10 @@
 // delete are then answered by a response, bring-up and bring-down by the interface's state notification, and by nothing
 // when the state does not change. Deleting removes the interface without a notification before the response.
 //
-// The database may be kept in a file, so that tunnels outlive the process as they outlive it on a router. They outlive it
-// with their parameters and down: a tunnel is up on behalf of a client, and one that nobody serves would carry packets to
-// a group that may not be the VRF's any more. A client that finds its tunnel down describes it anew before it brings it up.
+// The database may be kept in a file, so that tunnels outlive the process as they outlive it on a router. They outlive
+// it with their parameters and down: a tunnel is up on behalf of a client, and one that nobody serves would carry
+// packets to a group that may not be the VRF's any more. A client that finds its tunnel down describes it anew before
+// it brings it up.
 #include "platform/oim.h"
 
 #include <fcntl.h>

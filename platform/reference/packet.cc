@@ -1,8 +1,8 @@
 // Packet output and the core: buffers, what leaves through a tunnel, what arrives from other PEs.
 //
-// A datagram that leaves a VRF's tunnel gets the header that RFC 791 wants (total length in network byte order, checksum
-// over the header alone) and crosses the core inside the tunnel's provider group, by whatever carrier is in use. What
-// arrives goes to the VRF whose tunnel has that group as destination; a PE does not hear itself.
+// A datagram that leaves a VRF's tunnel gets the header that RFC 791 wants (total length in network byte order,
+// checksum over the header alone) and crosses the core inside the tunnel's provider group, by whatever carrier is in
+// use. What arrives goes to the VRF whose tunnel has that group as destination; a PE does not hear itself.
 #include "platform/packet.h"
 
 #include <pthread.h>

@@ -26,7 +26,8 @@ class Carrier {
   virtual void set_receiver(std::function<void(CorePacket)> receiver) = 0;
 };
 void use_carrier(std::unique_ptr<Carrier> carrier);  // null: in memory, packets are only recorded
-// A packet arrives from the core: handed to the VRF whose tunnel has this group as destination. Also what carriers call.
+// A packet arrives from the core: handed to the VRF whose tunnel has this group as destination. Also what carriers
+// call.
 void receive_core_packet(const CorePacket &packet);
 
 }  // namespace ref

@@ -1,6 +1,6 @@
-// Patricia trees as ordered trees of numbers: the walks that the contract promises are by key and by prefix, which any order
-// of the keys gives and keeps through every deletion. A key is two numbers in network byte order, so that a comparison
-// is one of numbers; a node is an object that never moves.
+// Patricia trees as ordered trees of numbers: the walks that the contract promises are by key and by prefix, which any
+// order of the keys gives and keeps through every deletion. A key is two numbers in network byte order, so that a
+// comparison is one of numbers; a node is an object that never moves.
 #include "platform/pt.h"
 
 #include <algorithm>

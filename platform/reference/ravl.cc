@@ -1,6 +1,6 @@
 // AVL trees over Boost.Intrusive's algorithms. The node layout is the contract's, so node traits map it; keys are
-// compared as bytes unless the tree has a comparison of its own. Keys of 8 to 16 bytes are compared as two numbers, their
-// first and their last 8 bytes: where the first are equal, what both share does not matter.
+// compared as bytes unless the tree has a comparison of its own. Keys of 8 to 16 bytes are compared as two numbers,
+// their first and their last 8 bytes: where the first are equal, what both share does not matter.
 #include "platform/ravl.h"
 
 #include <boost/intrusive/avltree_algorithms.hpp>

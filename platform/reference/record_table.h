@@ -1,9 +1,9 @@
-// Records of one kind by key: a hash table of which every record takes its own size and four octets more. Records stand in
-// chunks and never move. The table grows by linear hashing, one bucket for each record that comes, so that no insertion
-// pays for all; it has no order.
+// Records of one kind by key: a hash table of which every record takes its own size and four octets more. Records stand
+// in chunks and never move. The table grows by linear hashing, one bucket for each record that comes, so that no
+// insertion pays for all; it has no order.
 //
-// A record has `uint32_t next`, which belongs to the table, and key(), which does not change while it is in the table. Its
-// key has hash() and ==.
+// A record has `uint32_t next`, which belongs to the table, and key(), which does not change while it is in the table.
+// Its key has hash() and ==.
 #ifndef REFERENCE_RECORD_TABLE_H
 #define REFERENCE_RECORD_TABLE_H
 
@@ -16,8 +16,8 @@
 
 namespace ref {
 
-// Spreads what differs in a few bits over all of them, in another way in each process: keys come from other machines, none
-// of which may choose them so that they share a bucket.
+// Spreads what differs in a few bits over all of them, in another way in each process: keys come from other machines,
+// none of which may choose them so that they share a bucket.
 inline const uint64_t mix_seed = uint64_t{std::random_device()()} << 32 | std::random_device()();
 inline uint64_t mix(uint64_t value) {
   value ^= mix_seed;
@@ -45,7 +45,8 @@ class RecordTable {
     return id;
   }
 
-  // Has the memory of so many keys' records fetched: look-ups that follow wait for it once instead of one after the other.
+  // Has the memory of so many keys' records fetched: look-ups that follow wait for it once instead of one after the
+  // other.
   template <typename KeyOf>
   void expect(size_t count, KeyOf key_of) const {
     for (size_t i = 0; i < count; i++) __builtin_prefetch(&buckets_[bucket(key_of(i))]);

@@ -1,7 +1,7 @@
 // reset() of everything: the one place that knows every service, so that no service has to know the others.
 //
-// Users are reset before what they use. The VRF manager comes last, since it makes the default VRF of the first state, and
-// the queue is emptied again behind it: what the services posted on the way concerns nobody any more.
+// Users are reset before what they use. The VRF manager comes last, since it makes the default VRF of the first state,
+// and the queue is emptied again behind it: what the services posted on the way concerns nobody any more.
 #include "platform/reference/internal.h"
 #include "platform/reference/runtime.h"
 #include "platform/reference/services.h"

@@ -15,8 +15,8 @@ namespace ref {
 
 // ------------------------------------------------------------------------------------------------------- lifetime
 
-// Drops everything: VRFs, interfaces, routes, events, timers, sockets, records of what was told; stepped clock at 1000 s,
-// first-come scheduler, in-memory store and carrier. The module must be stopped, its threads ended.
+// Drops everything: VRFs, interfaces, routes, events, timers, sockets, records of what was told; stepped clock at 1000
+// s, first-come scheduler, in-memory store and carrier. The module must be stopped, its threads ended.
 void reset();
 
 // ------------------------------------------------------------------------------------------- main loop and clock

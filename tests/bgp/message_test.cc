@@ -205,7 +205,8 @@ TEST(Update, OldSpeakersGetAsTransAndTheAs4Attributes) {
                                                        "c0 12 08 fa56ea00 0a000003")));
 }
 
-// What arrives from a speaker with two-octet numbers: path, aggregator, AS4 path, AS4 aggregator, and what becomes of it.
+// What arrives from a speaker with two-octet numbers: path, aggregator, AS4 path, AS4 aggregator, and what becomes of
+// it.
 TEST(Update, As4AttributesAreMerged) {
   struct Case {
     const char *name, *attributes;

@@ -275,8 +275,8 @@ TEST_F(Restart, EndToEndThroughAReflector) {
 
 // ---------------------------------------------------------------------------------------------------------- simulation
 
-// Speakers around two reflectors that are killed, cleared, changed and restarted, and originate and withdraw, all from a
-// seed. When it is quiet again everybody must know exactly what is originated, and hold nothing else.
+// Speakers around two reflectors that are killed, cleared, changed and restarted, and originate and withdraw, all from
+// a seed. When it is quiet again everybody must know exactly what is originated, and hold nothing else.
 class Simulation : public testing::TestWithParam<uint32_t> {
  protected:
   static constexpr uint8_t kPes = 6;

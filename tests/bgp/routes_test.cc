@@ -305,8 +305,8 @@ TEST_F(Routes, MaximumPrefix) {
 
 // -------------------------------------------------------------------------------------------------------------- export
 
-// Who is told about a route from whom. The columns are the neighbours: client, other client, no client, other no client,
-// outside, other outside.
+// Who is told about a route from whom. The columns are the neighbours: client, other client, no client, other no
+// client, outside, other outside.
 TEST_F(Routes, WhoIsTold) {
   struct Kind {
     const char *name;

@@ -1,5 +1,5 @@
-// The table against a model of maps: sources that say, withdraw, are lost and come back, with sweeps and readers that are
-// interrupted anywhere, from a seed.
+// The table against a model of maps: sources that say, withdraw, are lost and come back, with sweeps and readers that
+// are interrupted anywhere, from a seed.
 #include "bgp/table.h"
 
 #include <gtest/gtest.h>

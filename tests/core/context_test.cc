@@ -143,7 +143,8 @@ TEST_F(Context, TheDebugFileGetsEveryMessageAndANewline) {
   EXPECT_EQ(line.substr(blank), " PIM: Evaluating it if orphan\n\n");
 }
 
-// The debug output: a message of a VRF passes by the VRF's name or "all", a message of none always, and is kept as well.
+// The debug output: a message of a VRF passes by the VRF's name or "all", a message of none always, and is kept as
+// well.
 TEST_F(Context, DebugOutputIsFilteredByVrf) {
   start();
   pim_cibtype *red = add_vrf("red", 2);

@@ -177,7 +177,8 @@ TEST_F(DefaultMdt, ReadinessNamesTheFirstConditionThatFails) {
   }
 }
 
-// The default group may be removed while any answer is outstanding: tunnel and context go once what was asked for is done.
+// The default group may be removed while any answer is outstanding: tunnel and context go once what was asked for is
+// done.
 TEST_F(DefaultMdt, TheGroupMayGoInEveryStatus) {
   const auto settle = [] { ref::settle(); };
   const auto unanswered = [] { ref::set_oim_answers(false); };

@@ -1,5 +1,5 @@
-// The end of a VRF: its default group is removed in every status, and it goes, or is configured anew, in the middle of its
-// own end.
+// The end of a VRF: its default group is removed in every status, and it goes, or is configured anew, in the middle of
+// its own end.
 #include "platform/reference/bgp.h"
 #include "platform/reference/im.h"
 #include "platform/reference/l3vm.h"

@@ -368,7 +368,8 @@ TEST_F(Receive, AnnouncementsEndWithTheirCoreRoute) {
   check_invariants();
 }
 
-// The host takes a core route: what rides on it lets go, on either side. A route without the host's mark has nothing on it.
+// The host takes a core route: what rides on it lets go, on either side. A route without the host's mark has nothing on
+// it.
 TEST_F(Receive, WhatDependsOnACoreRouteOfTheHostLetsItGo) {
   mvpn_cibtype *mvpn = start_red();
   range("239.2.0.0/24");

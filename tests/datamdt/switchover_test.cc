@@ -327,7 +327,8 @@ TEST_F(Switchover, OtherFlowsAreLeftWhereTheyAre) {
   EXPECT_TRUE(ref::sent_core_packets().empty());
 }
 
-// A flow between two sites is switched when its way to the source is found; one from elsewhere is not this PE's to switch.
+// A flow between two sites is switched when its way to the source is found; one from elsewhere is not this PE's to
+// switch.
 TEST_F(Switchover, AFoundRpfSwitchesFlowsOfThisSide) {
   mvpn_cibtype *mvpn = start_red();
   range("239.2.0.0/24", "0", true);
@@ -448,8 +449,8 @@ TEST_F(Switchover, ACustomerRouteMayGoBetweenTheTeardownAndTheWorker) {
 }
 
 // Each platform call on the way of a flow fails once.
-// A Bidir flow does not need the tunnel to be moved. What it left in the MRIB goes with the VRF, also while the MRIB has
-// no room for it.
+// A Bidir flow does not need the tunnel to be moved. What it left in the MRIB goes with the VRF, also while the MRIB
+// has no room for it.
 TEST_F(Switchover, WhatWasMovedWhileTheVrfWasDownIsWithdrawnWithTheVrf) {
   for (const bool congested : {false, true}) {
     SCOPED_TRACE(congested ? "congested" : "not congested");

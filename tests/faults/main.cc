@@ -7,9 +7,9 @@
 // the states stay comparable. After that the rest of the story is told. No run may crash, hang, leave records
 // that disagree with each other, or leave memory behind.
 //
-// What helps after which call stands in a table; a call that needs more than its row fails the sweep. One row covers all
-// calls of a function in a step, so that the table survives changes that make a call more or less. A call that is not in
-// the table needs nothing.
+// What helps after which call stands in a table; a call that needs more than its row fails the sweep. One row covers
+// all calls of a function in a step, so that the table survives changes that make a call more or less. A call that is
+// not in the table needs nothing.
 //
 // Each run is a process of its own, forked before the platform has started a thread; a run that takes longer than a
 // minute counts as hung. The order of threads is first come, first served, so that the k-th call of a step is the same

@@ -196,7 +196,8 @@ void transmit(const Descriptor &socket, const Bytes &datagram, uint32_t to) {
             static_cast<ssize_t>(datagram.size()));
 }
 
-// What a routing daemon does in the namespace of the thread: multicast routing of two devices, and a route between them.
+// What a routing daemon does in the namespace of the thread: multicast routing of two devices, and a route between
+// them.
 Descriptor routing_daemon(const char *from, const char *to, uint32_t source, uint32_t group) {
   Descriptor daemon(::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_IGMP));
   const int on = 1;

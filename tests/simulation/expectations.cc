@@ -1,7 +1,7 @@
-// What must hold, worked out from the wishes of the operator and the neighbours without asking the module what is right.
-// The module is judged by what the platform holds: tunnels, routes and encapsulations of the multicast RIB, BGP's
-// entries, the store, datagrams sent. Only which group a flow was given is read from its record, since any group of the
-// range will do.
+// What must hold, worked out from the wishes of the operator and the neighbours without asking the module what is
+// right. The module is judged by what the platform holds: tunnels, routes and encapsulations of the multicast RIB,
+// BGP's entries, the store, datagrams sent. Only which group a flow was given is read from its record, since any group
+// of the range will do.
 //
 // Known consequences of how the system is meant to work stand as exceptions beside the check that they touch, each with
 // its reason.
@@ -282,8 +282,8 @@ class Expectation {
     return "(" + (route.first == 0 ? "*" : dotted(route.first)) + ", " + dotted(route.second) + ")";
   }
 
-  // A flow whose tunnel went down keeps its choice in the store until it chooses again or is deleted, which may be never
-  // when its sources have moved away or its rate has fallen meanwhile.
+  // A flow whose tunnel went down keeps its choice in the store until it chooses again or is deleted, which may be
+  // never when its sources have moved away or its rate has fallen meanwhile.
   bool keeps_choice(const FlowKey &flow) const {
     const auto &[name, source, group] = flow;
     const auto routes = ref::customer_routes(name);
@@ -409,8 +409,8 @@ void flap_sources(World &world, bool all) {
     }
 }
 
-// A context without a group, which only another group ends: of a VRF that was refused one while an earlier life's tunnel
-// was there, and of one whose deletion could not be asked for.
+// A context without a group, which only another group ends: of a VRF that was refused one while an earlier life's
+// tunnel was there, and of one whose deletion could not be asked for.
 void end_contexts_without_group(World &world) {
   for (const auto &[name, vrf] : world.vrfs()) {
     if (vrf.config.group != 0 || status_of(vrf) == "no context") continue;

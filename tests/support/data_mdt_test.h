@@ -1,4 +1,5 @@
-// Fixture of the data-MDT and high-availability tests: a VRF with its default MDT up, flows into it, receivers behind it.
+// Fixture of the data-MDT and high-availability tests: a VRF with its default MDT up, flows into it, receivers behind
+// it.
 #ifndef TESTS_SUPPORT_DATA_MDT_TEST_H
 #define TESTS_SUPPORT_DATA_MDT_TEST_H
 

@@ -29,7 +29,8 @@ size_t count(std::string_view name);
 // The n-th call (1 = the next) of a function fails, `times` of them in a row. A failing call does not reach the
 // platform.
 void fail(std::string_view name, unsigned nth = 1, unsigned times = 1);
-// The k-th call (1 = the next) of any function that can fail does so, once; then: and the then-th one after it. 0: none.
+// The k-th call (1 = the next) of any function that can fail does so, once; then: and the then-th one after it. 0:
+// none.
 void fail_any(unsigned k, unsigned then = 0);
 // How many calls that can fail were made since reset() or fail_any().
 unsigned failable_calls();

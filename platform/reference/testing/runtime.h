@@ -11,7 +11,8 @@
 namespace ref {
 
 // Delivers and lets the module's threads run until nothing is left to do: no event, no due timer, no thread that could
-// run. Repeatable with a stepped clock. The condition waits of the threads must be visible: note_condition_wait() below.
+// run. Repeatable with a stepped clock. The condition waits of the threads must be visible: note_condition_wait()
+// below.
 void settle();
 
 // A stepped clock, as after reset(), moves only by advance(): timers fire in order, settle() after each.

@@ -1,5 +1,5 @@
-// What tests need of the services beyond their driver headers: records of what each was told, faults, and events that no
-// host can cause.
+// What tests need of the services beyond their driver headers: records of what each was told, faults, and events that
+// no host can cause.
 #ifndef REFERENCE_TESTING_SERVICES_H
 #define REFERENCE_TESTING_SERVICES_H
 

@@ -5,8 +5,8 @@
 // host byte order. Every entry point is called under the host's scheduling locks (thread.h); those marked "yields" may
 // let other threads run, after which no record that the caller held is certain to exist.
 //
-// The header is read by C++20 and by C11. C11 cannot say how wide an enumeration is, so there an enumeration's name stands
-// for its number, and constants are enumerators.
+// The header is read by C++20 and by C11. C11 cannot say how wide an enumeration is, so there an enumeration's name
+// stands for its number, and constants are enumerators.
 #ifndef MVPN_H
 #define MVPN_H
 
@@ -183,7 +183,8 @@ struct mvpn_data_mdt_range {
 };
 
 // MVPN context of a VRF. Slab object; lives from the first 'mdt default' to mvpn_finish_destroy_default_mdt.
-// mdt_default_group, mti_iod, mti_ifindex and mdt_source_iod are indexed: change them with the setters of mvpn_context.h.
+// mdt_default_group, mti_iod, mti_ifindex and mdt_source_iod are indexed: change them with the setters of
+// mvpn_context.h.
 struct mvpn_cibtype {
   pim_cibtype *pcib;                              // owning PIM context
   pim_iftype *mti_pim_if;                         // the MTI in PIM; null = not up in PIM
@@ -356,8 +357,8 @@ int mvpn_cli_vrf_done(pim_cibtype *pcib);
 int mvpn_cli_done(void);
 
 // MRIB: acknowledgement (xid at MRIB_ACK_XID_OFFSET), notification, cleared routes (count entries of
-// MRIB_NOTIFY_ENTRY_SIZE bytes, the caller's and unchanged until the call returns), request to send routes again (filter
-// null: all; route_type 0: every type). Yield.
+// MRIB_NOTIFY_ENTRY_SIZE bytes, the caller's and unchanged until the call returns), request to send routes again
+// (filter null: all; route_type 0: every type). Yield.
 void mvpn_process_mrib_mts_update_route_ack(const void *message);
 void mvpn_process_mrib_mdt_notify(const void *message);
 void mvpn_process_clear_route_notify(pim_cibtype *pcib, const void *entries, uint32_t count);

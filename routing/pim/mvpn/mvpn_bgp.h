@@ -11,8 +11,8 @@ void mvpn_deinit_bgp();
 // Asks for the update source unless its name is known, and resolves its interface.
 void mvpn_bgp_resolve_update_src();
 
-// Remote entries. receive: payload of payload_length bytes, entries beyond it are refused; 1. request: all of them anew; 0
-// when it was not sent.
+// Remote entries. receive: payload of payload_length bytes, entries beyond it are refused; 1. request: all of them
+// anew; 0 when it was not sent.
 int mvpn_bgp_mdt_safi_receive_remote_update(const void *payload, size_t payload_length);
 int mvpn_request_remote_mdt_safis();
 

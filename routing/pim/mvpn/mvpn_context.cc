@@ -1,5 +1,5 @@
-// The per-VRF contexts: their creation and defaults, how they are found, what a yield leaves of them, and the words that
-// every subsystem shares. Everything else in the module stands above this source.
+// The per-VRF contexts: their creation and defaults, how they are found, what a yield leaves of them, and the words
+// that every subsystem shares. Everything else in the module stands above this source.
 //
 // A VRF with a default MDT group has an mvpn_cibtype, which hangs on its PIM context. Messages and events name a VRF by
 // its tunnel's if-index, by its tunnel's ordinal, by its default group or by the interface that is its source. These
@@ -116,7 +116,8 @@ int compare_names(const mvpn_cibtype *a, const mvpn_cibtype *b) {
   return std::strcmp(a->pcib->vrf_name, b->pcib->vrf_name);
 }
 
-// A context in an index, with what it is found by: a comparison looks at no context, of which each has pages of its own.
+// A context in an index, with what it is found by: a comparison looks at no context, of which each has pages of its
+// own.
 struct index_entry {
   uint32_t value;
   const char *name;  // of its VRF

@@ -1,7 +1,8 @@
-// What the host tells of its customer routes, and the announcement of everything that is stored. These entry points concern
-// the sending and the receiving side, so they stand above both.
+// What the host tells of its customer routes, and the announcement of everything that is stored. These entry points
+// concern the sending and the receiving side, so they stand above both.
 //
-// What yields: the changes of a route's reverse path, which may map it onto the sending side as well, and announcements.
+// What yields: the changes of a route's reverse path, which may map it onto the sending side as well, and
+// announcements.
 #include <new>
 
 #include "platform/im.h"

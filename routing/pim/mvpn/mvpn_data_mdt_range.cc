@@ -1,5 +1,5 @@
-// Data-MDT ranges as records: which addresses those of all VRFs take up, how a range is bound to its policy, and how the
-// ranges of a VRF end. A range is freed only after every use of it has been cleared.
+// Data-MDT ranges as records: which addresses those of all VRFs take up, how a range is bound to its policy, and how
+// the ranges of a VRF end. A range is freed only after every use of it has been cleared.
 #include "routing/pim/mvpn/mvpn_data_mdt_range.h"
 
 #include <cstring>

@@ -1,4 +1,5 @@
-// Data-MDT ranges outside the commands that configure them: their place among those of all VRFs, their policies, their end.
+// Data-MDT ranges outside the commands that configure them: their place among those of all VRFs, their policies, their
+// end.
 #ifndef MVPN_DATA_MDT_RANGE_H
 #define MVPN_DATA_MDT_RANGE_H
 

@@ -7,9 +7,9 @@
 // referers and one persisted choice. These come and go together: take_group, give_back_group. Only when the record goes
 // with its tunnel does the choice stay in the store, until the flow makes another or goes itself (unclaimed_choices).
 //
-// Invariants: a send record has a core route if and only if its customer route is among that route's referers; no record
-// names a range that is not in the list; an index is handed out only with its entry in the VRF's encapsulation table.
-// Index 1 is the default MDT's and never a flow's, also while the default tunnel is down and its entry is free.
+// Invariants: a send record has a core route if and only if its customer route is among that route's referers; no
+// record names a range that is not in the list; an index is handed out only with its entry in the VRF's encapsulation
+// table. Index 1 is the default MDT's and never a flow's, also while the default tunnel is down and its entry is free.
 #include "routing/pim/mvpn/mvpn_datamdt.h"
 
 #include <algorithm>
@@ -30,8 +30,8 @@ constexpr uint32_t kRoutesBetweenYields = 1000;
 
 // ---------------------------------------------------------------------------------------- walks over customer routes
 
-// Calls visit(key, route) for every customer route of a VRF, in tree order. Yields after every thousandth; false when the
-// VRF went away.
+// Calls visit(key, route) for every customer route of a VRF, in tree order. Yields after every thousandth; false when
+// the VRF went away.
 template <typename Visit>
 bool for_each_customer_route(mvpn_cibtype *mvpn, Visit visit) {
   uint8_t tree_key[PIM_ROUTE_KEY_BYTES];

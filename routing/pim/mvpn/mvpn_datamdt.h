@@ -6,12 +6,13 @@
 
 // ------------------------------------------------------------------------------------------------ ranges and mapping
 
-// Maps a flow onto the first range that it may use; one that is on a data MDT stays while its range takes it. 1: it has a
-// range, or has just left its data MDT.
+// Maps a flow onto the first range that it may use; one that is on a data MDT stays while its range takes it. 1: it has
+// a range, or has just left its data MDT.
 int mvpn_map_data_mdt_config(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_route *croute);
 // Maps every flow of the VRF anew. Yields.
 void mvpn_process_data_mdt_config_change(mvpn_cibtype *mvpn);
-// Clears every use of a range that is about to be freed, null: of all ranges; finds what the pass above could not reach.
+// Clears every use of a range that is about to be freed, null: of all ranges; finds what the pass above could not
+// reach.
 void mvpn_forget_data_mdt_range(mvpn_cibtype *mvpn, mvpn_data_mdt_range *range);
 
 // --------------------------------------------------------------------------------------------------------- group pool
@@ -33,8 +34,8 @@ void mvpn_give_back_data_mdt_group(mvpn_cibtype *mvpn, mvpn_data_mdt_range *rang
                                    const mvpn_mdt_route_addrs *key, mvpn_mdt_route *route, int wakeup,
                                    mvpn_release_trace trace);
 
-// The same for a flow with a record; it leaves the route's referers first. The rest of its record stays. Nothing happens
-// to a flow that holds no group.
+// The same for a flow with a record; it leaves the route's referers first. The rest of its record stays. Nothing
+// happens to a flow that holds no group.
 void mvpn_release_data_mdt_group(mvpn_cibtype *mvpn, pim_route *croute, const mvpn_mdt_route_addrs *key, int wakeup,
                                  mvpn_release_trace trace);
 

@@ -2,9 +2,9 @@
 // announcements, and the thread that receives those of all VRFs.
 //
 // A Join is an IPv4/UDP datagram (RFC 791, RFC 768) from the MDT source to all PIM routers, port 3232, TTL 1, with
-// 16-byte entries. A VRF's packet is allocated with its first entry, filled up to the tunnel's MTU, sent when it is full
-// or when somebody asks, and then reused. The header is built once per packet. Total length stays in host byte order and
-// the checksum covers everything: the host's output routine expects that form and writes the final one.
+// 16-byte entries. A VRF's packet is allocated with its first entry, filled up to the tunnel's MTU, sent when it is
+// full or when somebody asks, and then reused. The header is built once per packet. Total length stays in host byte
+// order and the checksum covers everything: the host's output routine expects that form and writes the final one.
 //
 // Sending yields. Before it does, the packet is reset to its bare header, so that entries appended during the yield are
 // kept; afterwards nothing is known of the VRF but its name.

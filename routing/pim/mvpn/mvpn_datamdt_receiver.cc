@@ -1,10 +1,11 @@
-// The receiving side of data MDTs: the cache of announcements, and the mapping between them and the customer routes that
-// have receivers behind this PE.
+// The receiving side of data MDTs: the cache of announcements, and the mapping between them and the customer routes
+// that have receivers behind this PE.
 //
-// An announcement (customer source, customer group, PE) is kept until it lapses, whether anybody wants it or not; when a
-// customer route of the flow should receive it, the provider group is joined by a core route, with the announcement among
-// that route's referers. Mapping runs from both ends: a new announcement looks for routes, a route that gains or loses
-// interest looks for announcements. The cache is ordered by group, source, PE, so that each looks at its own only.
+// An announcement (customer source, customer group, PE) is kept until it lapses, whether anybody wants it or not; when
+// a customer route of the flow should receive it, the provider group is joined by a core route, with the announcement
+// among that route's referers. Mapping runs from both ends: a new announcement looks for routes, a route that gains or
+// loses interest looks for announcements. The cache is ordered by group, source, PE, so that each looks at its own
+// only.
 //
 // Invariants: an announcement has a core route if and only if it is among that route's referers and carries a flag for
 // each kind of customer route that it is installed for. A core route of a default MDT is never deleted from here, even
@@ -46,8 +47,8 @@ void mvpn_build_data_mdt_recv_join_info_pt_key(ip_addr_t c_src, ip_addr_t c_grp,
   store_be32(key + 8, p_src);
 }
 
-// Calls visit(record) for every announcement under a prefix of the key, in tree order, until it returns false. The record
-// may be destroyed by the visit.
+// Calls visit(record) for every announcement under a prefix of the key, in tree order, until it returns false. The
+// record may be destroyed by the visit.
 template <typename Visit>
 void for_each_under(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_addr_t c_grp, uint32_t prefix_bits, Visit visit) {
   uint8_t key[MVPN_RECV_KEY_BYTES];
@@ -200,7 +201,8 @@ static uint32_t mvpn_get_recv_join_info_mask_len(int is_star_g) {
   return is_star_g != 0 ? kGroupBits : kGroupSourceBits;
 }
 
-// ----------------------------------------------------------------------------------------- mapping from the announcement
+// ----------------------------------------------------------------------------------------- mapping from the
+// announcement
 
 static int mvpn_data_mdt_map_remote_source_to_receiver(mvpn_cibtype *mvpn, Record *record) {
   MVPN_DEBUG(mvpn->pcib, "Mapping customer route for new receive join entry (%s %s)", ip_print_addr(record->c_src),
@@ -356,7 +358,8 @@ void mvpn_destroy_data_mdt_recv_cache(mvpn_cibtype *mvpn, ip_addr_t p_src) {
   }
 }
 
-// -------------------------------------------------------------------------------------- mapping from the customer route
+// -------------------------------------------------------------------------------------- mapping from the customer
+// route
 
 int mvpn_data_mdt_map_receiver_to_remote_source(mvpn_cibtype *mvpn, pim_route *croute,
                                                 const mvpn_mdt_route_addrs *key) {

@@ -1,9 +1,9 @@
 // The sending side of data MDTs: the periodic check of each flow's rate, the switchover to a data MDT and back, the
 // flows of a VRF that wait for the end of their switchover, and the mapping of customer routes to the local source.
 //
-// A flow above its range's threshold, with receivers across the MVPN, takes a group, gets a core route and is announced;
-// when the VRF's switchover timer expires it is installed again with the new encapsulation. It goes back after two
-// consecutive checks below the threshold. An immediate switch starts as soon as a flow is mapped.
+// A flow above its range's threshold, with receivers across the MVPN, takes a group, gets a core route and is
+// announced; when the VRF's switchover timer expires it is installed again with the new encapsulation. It goes back
+// after two consecutive checks below the threshold. An immediate switch starts as soon as a flow is mapped.
 //
 // Appending a Join entry may send the packet, which yields: every function here does that last, and touches neither the
 // VRF nor the customer route afterwards.

@@ -338,8 +338,8 @@ void mvpn_leave_vrf(pim_cibtype *pcib) {
   mvpn_start_destroy_default_mdt(mvpn);
 }
 
-// Core routes and encapsulations. While the module runs they are withdrawn from the MRIB: a flow may have been moved in a
-// VRF that was down.
+// Core routes and encapsulations. While the module runs they are withdrawn from the MRIB: a flow may have been moved in
+// a VRF that was down.
 static bool drop_leftovers_in_mrib(const mvpn_vrf_handle &vrf, mvpn_cibtype *mvpn) {
   if (mvpn_is_stopping() || mvpn_mrib_info == nullptr) {
     mvpn_mrib_clear_mdt_routes(mvpn, {}, 1, 0);
@@ -353,8 +353,8 @@ static bool drop_leftovers_in_mrib(const mvpn_vrf_handle &vrf, mvpn_cibtype *mvp
   return true;
 }
 
-// Frees what still hangs on a context whose end came before its teardown was through. False when the context is no longer
-// to be freed: it went away, or was configured anew, in a yield.
+// Frees what still hangs on a context whose end came before its teardown was through. False when the context is no
+// longer to be freed: it went away, or was configured anew, in a yield.
 static bool drop_leftovers(mvpn_cibtype *mvpn) {
   const mvpn_vrf_handle vrf(mvpn);
   const ip_addr_t group = mvpn->mdt_default_group;
@@ -384,7 +384,8 @@ void mvpn_finish_destroy_default_mdt(mvpn_cibtype *mvpn) {
   mvpn_free_context(mvpn);
 }
 
-// ------------------------------------------------------------------------------------- what the tunnel and the worker say
+// ------------------------------------------------------------------------------------- what the tunnel and the worker
+// say
 
 void mvpn_default_tunnel_created(mvpn_cibtype *mvpn) {
   mvpn_set_mti_status(mvpn, MVPN_MTI_CREATED, "create response");

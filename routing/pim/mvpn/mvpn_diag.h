@@ -30,9 +30,9 @@ inline bool mvpn_event_is_enough() {
 // Formats and delivers a message. Callers use the macros.
 void mvpn_debug_message(const pim_cibtype *pcib, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-// MVPN_DEBUG(pcib, format, ...): a message tied to pcib (null: pim_null_pcib semantics, no VRF prefix). While nothing but
-// a history that formats when it is read wants it, its arguments are stored as they are. In that branch two printing
-// functions stand for what they would print, so that addresses are stored as numbers.
+// MVPN_DEBUG(pcib, format, ...): a message tied to pcib (null: pim_null_pcib semantics, no VRF prefix). While nothing
+// but a history that formats when it is read wants it, its arguments are stored as they are. In that branch two
+// printing functions stand for what they would print, so that addresses are stored as numbers.
 #define MVPN_DEBUG(pcib, ...)                                         \
   do {                                                                \
     if (mvpn_debug_wanted()) {                                        \

@@ -21,8 +21,8 @@
 // The hooks for MDT SAFI entries and the update source mark where those change; they store nothing, since BGP gives
 // both again.
 //
-// Everything runs on the main thread, but for the deletion of a choice, which the MRIB worker needs too when a core route
-// ends. The sweep and the announcement yield.
+// Everything runs on the main thread, but for the deletion of a choice, which the MRIB worker needs too when a core
+// route ends. The sweep and the announcement yield.
 #include "routing/pim/mvpn/mvpn_ha_internal.h"
 
 #include <cstring>

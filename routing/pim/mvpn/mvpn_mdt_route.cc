@@ -58,8 +58,8 @@ struct route_key {
 
 }  // namespace
 
-// Attributes of the route trees, made once: trees outlive the interface to the MRIB when the process stops without losing
-// its configuration.
+// Attributes of the route trees, made once: trees outlive the interface to the MRIB when the process stops without
+// losing its configuration.
 static pt_attr *tree_attributes() {
   static pt_attr *attributes;
   if (mvpn_mrib_info != nullptr && mvpn_mrib_info->route_tree_attr != nullptr) {

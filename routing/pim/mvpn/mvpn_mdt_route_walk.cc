@@ -1,8 +1,8 @@
 // Walks over the core routes of a VRF: clearing, withdrawing, sending again.
 //
-// Freeing a route, and the offers to yield in long walks, let other work run: the route, its neighbours and the VRF itself
-// may be gone afterwards. A walk therefore takes its next route by the key of the last one, and ends when the VRF's context
-// is not the one that it began with. A filter that names one route is looked up, not searched.
+// Freeing a route, and the offers to yield in long walks, let other work run: the route, its neighbours and the VRF
+// itself may be gone afterwards. A walk therefore takes its next route by the key of the last one, and ends when the
+// VRF's context is not the one that it began with. A filter that names one route is looked up, not searched.
 #include "routing/pim/mvpn/mvpn_mdt_route_walk.h"
 
 #include "platform/ip.h"
@@ -115,7 +115,8 @@ void mvpn_mrib_withdraw_mdt_routes(mvpn_cibtype *mvpn) {
   if (clear_routes(mvpn, {}, 1, disposal::withdraw) != 0) mvpn_mrib_wakeup_worker_thread();
 }
 
-// ---------------------------------------------------------------------------------------------------------- repopulation
+// ----------------------------------------------------------------------------------------------------------
+// repopulation
 
 // Sends a route again. One that is pending reaches the MRIB anyway.
 static void repopulate_route(mvpn_mdt_route *route, const mvpn_mdt_route_addrs *filter, uint32_t route_type) {

@@ -12,18 +12,18 @@
 // the whole database:
 //   safi_groups       the entries of each group: rebuilding the routes of one VRF, the equivalent entry of another RD;
 //   safi_local_by_rd  local entries by RD: what to withdraw.
-// There are many entries and each VRF's update looks at its own group only. So the entries of a group are a tree that is
-// linked through the entries themselves, and which has a hundred of them where the database has a hundred thousand: it
-// costs two words each, and few of the waits for memory that are most of what an update costs in a large database. The
-// tree is kept in shape by random ranks (a treap): each entry's rank is at least that of those below it.
+// There are many entries and each VRF's update looks at its own group only. So the entries of a group are a tree that
+// is linked through the entries themselves, and which has a hundred of them where the database has a hundred thousand:
+// it costs two words each, and few of the waits for memory that are most of what an update costs in a large database.
+// The tree is kept in shape by random ranks (a treap): each entry's rank is at least that of those below it.
 //
 // Flow. An advertisement fills a 56-byte entry of a message to BGP and records the triple; a withdrawal takes the
 // first local entry with the VRF's RD, fills it in and removes it. BGP may ask for the whole set, which goes out in
 // messages of at most 100 entries; the last entry is a mark that ends the set.
 //
-// Invariants. An entry is in the database's tree and in its group's, or in neither; it is in safi_local_by_rd exactly while
-// `local` is 1. The key never changes while an entry is stored. The database is told what was filled in, not
-// what the transport accepted: nothing is rolled back or sent again when a send fails.
+// Invariants. An entry is in the database's tree and in its group's, or in neither; it is in safi_local_by_rd exactly
+// while `local` is 1. The key never changes while an entry is stored. The database is told what was filled in, not what
+// the transport accepted: nothing is rolled back or sent again when a send fails.
 //
 // Everything runs on the main thread and nothing here yields.
 #include "routing/pim/mvpn/mvpn_mdt_safi_internal.h"

@@ -13,8 +13,8 @@ constexpr uint32_t MVPN_BGP_ONE_UPDATE_SIZE = BGP_MDT_SAFI_COUNT_SIZE + BGP_MDT_
 
 extern ravl_tree mvpn_bgp_mdt_safi_db;  // by the first 12 bytes of the key
 
-// Database. init_db makes it empty: entries that a stop left in place are dropped. get ignores the key's group. delete_all
-// empties the database. Nothing yields.
+// Database. init_db makes it empty: entries that a stop left in place are dropped. get ignores the key's group.
+// delete_all empties the database. Nothing yields.
 void mvpn_bgp_mdt_safi_init_db();
 mvpn_bgp_mdt_safi *mvpn_bgp_get_mdt_safi_entry(const mvpn_bgp_mdt_safi_key *key);
 int mvpn_bgp_delete_mdt_safi_entry(mvpn_bgp_mdt_safi *entry);

@@ -1,8 +1,8 @@
 // The MDT source of the VRFs: its interface is replaced, or its address changes.
 //
-// The default MDT is sourced from one interface of the PE: the one that 'mdt source' names, else BGP's update source. Its
-// address is the tunnel's source, the source of the local core route and the address that is advertised. When it changes,
-// the tunnel is taken through a bring-down and a bring-up, or told the new source while it is still coming up.
+// The default MDT is sourced from one interface of the PE: the one that 'mdt source' names, else BGP's update source.
+// Its address is the tunnel's source, the source of the local core route and the address that is advertised. When it
+// changes, the tunnel is taken through a bring-down and a bring-up, or told the new source while it is still coming up.
 #include "routing/pim/mvpn/mvpn_mdt_source.h"
 
 #include "platform/im.h"

@@ -1,5 +1,5 @@
-// The module as a whole: start and stop, the dispatch of messages, the registration of command handlers, and what the end
-// of the configuration replay sets off. Above everything else: nothing calls it but the host.
+// The module as a whole: start and stop, the dispatch of messages, the registration of command handlers, and what the
+// end of the configuration replay sets off. Above everything else: nothing calls it but the host.
 //
 // Start and stop. mvpn_init builds the module up step by step; a step that fails ends the start and undoes nothing,
 // so that the module is left in Up Pending, where it answers messages already but takes no configuration. mvpn_deinit
@@ -79,8 +79,8 @@ static int mvpn_init_mts() {
   return 1;
 }
 
-// A VRF that a stop left in place: its source may have another address, and its tunnel, which the tunnel manager keeps down
-// while nobody serves it, needs to come up again.
+// A VRF that a stop left in place: its source may have another address, and its tunnel, which the tunnel manager keeps
+// down while nobody serves it, needs to come up again.
 static void follow_missed_events(mvpn_cibtype *mvpn) {
   const bool tunnel_went =
       mvpn->mti_status == MVPN_MTI_UP && mvpn->mti_iod != 0 && ksink_im_is_if_up(mvpn->mti_iod) == 0;

@@ -1,6 +1,6 @@
-// Notifications of the MRIB. They keep the route tables (mvpn_mdt_route.cc) in step with it: a source that joins a shared
-// tree gets a route of its own, a route that the MRIB dropped is installed again, cleared routes are forgotten and
-// rebuilt. None of them talks to the MRIB; they change records and wake the worker.
+// Notifications of the MRIB. They keep the route tables (mvpn_mdt_route.cc) in step with it: a source that joins a
+// shared tree gets a route of its own, a route that the MRIB dropped is installed again, cleared routes are forgotten
+// and rebuilt. None of them talks to the MRIB; they change records and wake the worker.
 #include "platform/ip.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_default_mdt.h"

@@ -1,9 +1,9 @@
 // The low side of the interface to the MRIB: the record that holds its state, the transmit list, transaction ids, the
 // worker's wake-up, encapsulations and the request for a new reverse path.
 //
-// Producers put routes, VRFs and withdrawals at the tail of the one transmit list; the worker (mvpn_mrib_worker.cc) takes
-// them off. The interface is started while its record is `registered` and has a list; without a list, producers leave
-// their work marked, and the next start queues it.
+// Producers put routes, VRFs and withdrawals at the tail of the one transmit list; the worker (mvpn_mrib_worker.cc)
+// takes them off. The interface is started while its record is `registered` and has a list; without a list, producers
+// leave their work marked, and the next start queues it.
 //
 // Encapsulations tie a VRF's encapsulation index to a provider group. They are told to the MRIB one by one, at once and
 // unacknowledged. A slot of the VRF's table is set exactly while the MRIB has the encapsulation, as far as it answered.

@@ -67,7 +67,8 @@ uint32_t mvpn_mrib_next_xid();
 // Has RPF recomputed for the VRF's routes.
 void mvpn_mrib_trigger_rpf_lookup(mvpn_cibtype *mvpn);
 
-// Encapsulation indexes; 1, or 0 when the MRIB was not told. While the module stops, a delete only clears the group's slot.
+// Encapsulation indexes; 1, or 0 when the MRIB was not told. While the module stops, a delete only clears the group's
+// slot.
 int mvpn_add_mdt_encap_info(mvpn_cibtype *mvpn, ip_addr_t mdt_group, uint32_t encap_index);
 int mvpn_delete_mdt_encap_info(mvpn_cibtype *mvpn, ip_addr_t mdt_group);
 int mvpn_delete_all_mdt_encap_info(mvpn_cibtype *mvpn, int tell_mrib);

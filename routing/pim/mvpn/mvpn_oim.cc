@@ -1,9 +1,9 @@
 // What is asked of the tunnel manager: interface lists, and the requests that are made of them.
 //
-// A VRF's multicast tunnel interface (MTI) belongs to the tunnel manager. The module describes tunnels in interface lists
-// (an interface header followed by parameters) and asks for their creation, change, bring-up, bring-down and deletion. A
-// request is sent once and not tested. What a request means for the VRF's mti_status, and what an answer does, is the
-// default MDT's business; here nothing is decided.
+// A VRF's multicast tunnel interface (MTI) belongs to the tunnel manager. The module describes tunnels in interface
+// lists (an interface header followed by parameters) and asks for their creation, change, bring-up, bring-down and
+// deletion. A request is sent once and not tested. What a request means for the VRF's mti_status, and what an answer
+// does, is the default MDT's business; here nothing is decided.
 #include "routing/pim/mvpn/mvpn_oim_internal.h"
 
 #include <algorithm>

@@ -11,8 +11,8 @@
 //     answer for a tunnel that is nobody's, and one that tells of a failure, changes nothing.
 //   - Messages are bounded by their payload; if-index 0 is no tunnel, though it is what a VRF without one carries.
 //
-// The walk for missing tunnels yields, and so may the teardown that an answer or an event starts or ends: handlers do not
-// touch the VRF's context after it.
+// The walk for missing tunnels yields, and so may the teardown that an answer or an event starts or ends: handlers do
+// not touch the VRF's context after it.
 #include "routing/pim/mvpn/mvpn_tunnel_events.h"
 
 #include <algorithm>

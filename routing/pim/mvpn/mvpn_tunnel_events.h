@@ -4,8 +4,8 @@
 
 #include "routing/pim/mvpn/mvpn.h"
 
-// Registration; init: 0 after a report. It requests the MTI of every configured VRF that has none, once the configuration
-// replay has ended.
+// Registration; init: 0 after a report. It requests the MTI of every configured VRF that has none, once the
+// configuration replay has ended.
 int mvpn_init_oim();
 void mvpn_deinit_oim();
 

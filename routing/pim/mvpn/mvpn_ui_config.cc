@@ -57,8 +57,8 @@ static mvpn_cibtype *context_to_change(cli_command *command, bool even_unusable 
   return even_unusable || pim_is_pcib_usable(mvpn->pcib) ? mvpn : nullptr;
 }
 
-// Whether an argument that its reader did not give was typed all the same: malformed, or too long. The operator is told;
-// what was meant is not known, so that the default may not be taken for it.
+// Whether an argument that its reader did not give was typed all the same: malformed, or too long. The operator is
+// told; what was meant is not known, so that the default may not be taken for it.
 static bool is_unreadable(cli_command *command, const char *name) {
   if (!cli_is_set(command, name)) return false;
   cli_cmd_printf(command, "Invalid value for %s\n", name);

@@ -1,5 +1,5 @@
-// The module, but for one whim: an operator's MTU of 1301 bytes is refused, while a stored one is taken. A configuration
-// that passes every check can thus be refused while it is applied.
+// The module, but for one whim: an operator's MTU of 1301 bytes is refused, while a stored one is taken. A
+// configuration that passes every check can thus be refused while it is applied.
 #include "platform/cli.h"
 
 namespace {
