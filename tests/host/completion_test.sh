@@ -26,8 +26,8 @@ offers "mdt bgp internal" pimctl show mvpn ""
 offers "start stop rotate" pimctl capture ""
 offers "default data" pimctl configure vrf red mdt d
 offers "" pimctl show nothing ""
-offers "--control" pimctl --con
-offers "--config --control" pimhostd --con
-offers "--config --control" mdt-reflector --con
+offers "--control" pimctl --contr
+offers "--config" pimhostd --conf
+offers "--config" mdt-reflector --conf
 if command -v zsh >/dev/null; then zsh -n "$files/_mvpn" || wrong=$((wrong + 1)); fi
 exit $((wrong > 0))
