@@ -30,7 +30,7 @@ yields that always say so|thread: a yield tells|may_yield\(\) == 0
 a cancellation point|thread: no operation|trace is  and not b
 walks that look ahead|ravl: a walk survives|not so|ends
 walks that end with the prefix|pss: a walk starts|walk.next
-lengths that are one too many|mts: messages come|payloads|bytes == nullptr
+lengths that are one too many|mts: messages come|payloads|bytes == nullptr|AddressSanitizer: heap-buffer-overflow
 output of a failure|im: what does not exist|iod is 0 and not 99
 EOF
 unset FAULT
