@@ -2,6 +2,7 @@
 #include <csignal>
 #include <iostream>
 
+#include "host/event/daemon_options.h"
 #include "options/command_line.h"
 #include "reflector/reflector.h"
 
@@ -29,22 +30,15 @@ int main(int argc, char **argv) {
   options::CommandLine app{"Reflects the MDT SAFI routes of BGP neighbours to each other."};
   reflector::Reflector::Options options;
   bool check_only = false;
-  std::string log = "stderr", level = "info";
+  host::LogOptions log;
   app.add("--config", &options.config_file, "configuration file").required();
   app.add_flag("--check-config", &check_only, "read the file and end; exit status 1 when it has errors");
-  app.add("--control", &options.control.path, "control socket").show_default();
-  app.add("--control-group", &options.control.group, "group whose members may use the control socket, too");
-  const options::Option looking =
-      app.add("--control-read-only", &options.looking.path, "another socket, which takes views only");
-  app.add("--read-only-group", &options.looking.group, "group whose members may use it").needs(looking);
-  app.add("--log", &log, "where messages go").one_of({"stderr", "syslog"}).show_default();
-  app.add("--log-level", &level, "the least that is written")
-      .one_of({"error", "warning", "notice", "info", "debug"})
-      .show_default();
+  host::add_control_options(app, &options.control, &options.looking);
+  host::add_log_options(app, &log);
   app.version("mdt-reflector " MVPN_VERSION);
   if (const std::optional<int> status = app.parse(argc, argv, kUsage)) return *status;
-  options.log_to_syslog = log == "syslog";
-  options.log_level = *host::level_of(level);
+  options.log_to_syslog = log.to_syslog();
+  options.log_level = log.least();
   try {
     return run(std::move(options), check_only);
   } catch (const std::exception &error) {

@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "host/daemon/daemon.h"
+#include "host/event/daemon_options.h"
 #include "options/command_line.h"
 
 namespace {
@@ -59,14 +60,11 @@ int main(int argc, char **argv) {
   options.module = default_module();
   bool check_only = false;
   double clock_scale = 0;
-  std::string restart, log = "stderr", level = "info";
+  std::string restart;
+  host::LogOptions log;
   app.add("--config", &options.config_file, "configuration file").required();
   app.add_flag("--check-config", &check_only, "try the file with the module and end; exit status 1 when it has errors");
-  app.add("--control", &options.control.path, "control socket").show_default();
-  app.add("--control-group", &options.control.group, "group whose members may use the control socket, too");
-  const options::Option looking =
-      app.add("--control-read-only", &options.looking.path, "another socket, which takes views only");
-  app.add("--read-only-group", &options.looking.group, "group whose members may use it").needs(looking);
+  host::add_control_options(app, &options.control, &options.looking);
   const options::Option store =
       app.add("--store", &options.store, "folder of what outlives the process; made when it is missing");
   app.add("--module", &options.module, "the module to load").show_default();
@@ -75,18 +73,15 @@ int main(int argc, char **argv) {
   app.add("--capture", &options.capture, "pcap file for the core packets that are sent and received");
   app.add("--agentx", &options.agentx, "AgentX master to serve SNMP through: unix:PATH or tcp:HOST:PORT")
       .check(check_agentx_address, "ADDRESS");
-  app.add("--log", &log, "where messages go").one_of({"stderr", "syslog"}).show_default();
-  app.add("--log-level", &level, "the least that is written")
-      .one_of({"error", "warning", "notice", "info", "debug"})
-      .show_default();
+  host::add_log_options(app, &log);
   app.add_flag("--debug", &options.debug, "log the module's debug messages from the start");
   app.version("pimhostd " MVPN_VERSION);
   if (const std::optional<int> status = app.parse(argc, argv, kUsage)) return *status;
   if (clock_scale > 0) options.clock_scale = clock_scale;
   options.looking.read_only = true;
   options.stateful_restart = !restart.empty();
-  options.log_to_syslog = log == "syslog";
-  options.log_level = *host::level_of(level);
+  options.log_to_syslog = log.to_syslog();
+  options.log_level = log.least();
   try {
     return run(std::move(options), check_only);
   } catch (const std::exception &error) {
