@@ -1,3 +1,6 @@
+// Fills configuration templates in. Everything comes from the scenario and from the network's numbering; nothing is
+// read from the machine. The library expands, and this file adds what it lacks: a name that has no value is refused,
+// since the library would leave a hole in a PE's configuration and say nothing.
 #include "lab/config_template.h"
 
 #include <ctemplate/template.h>
@@ -34,6 +37,8 @@ void refuse_unknown_names(const std::string &text, const std::set<std::string> &
 }
 
 // Names of items of lists that are empty here.
+// A list without items brings no names along, so the names of items are told here; a new name of an item in
+// lab/stage.cc belongs here too.
 const std::set<std::string> kItems{"PE",   "VRF",       "NUMBER", "ADDRESS", "NETNS",  "TABLE",    "GROUP",
                                    "DATA", "THRESHOLD", "LINE",   "SITE",    "TUNNEL", "INTERFACE"};
 

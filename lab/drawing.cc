@@ -1,3 +1,8 @@
+// Draws by writing SVG elements as text. Each picture has its own coordinates; those with a time axis share kLeft and
+// kWidth, so that pictures that stand below each other in the report have the same moment at the same place.
+//
+// Units: a bucket is a tenth of a second of CLOCK_REALTIME, as the traffic agents count; an axis is in seconds since
+// the start of the run. Axis alone converts. Every text from outside passes escaped() on its way into an element.
 #include "lab/drawing.h"
 
 #include <algorithm>
@@ -12,9 +17,9 @@ namespace {
 
 using nlohmann::json;
 
-constexpr double kWidth = 1100;
-constexpr double kLeft = 150;
-constexpr double kRight = 20;
+constexpr double kWidth = 1100;  // units of the view box; the page scales a picture to its own width
+constexpr double kLeft = 150;    // where a time axis begins: names stand to the left of it
+constexpr double kRight = 20;    // what stays free behind its end
 constexpr double kBucket = 0.1;  // seconds of a bucket of the series
 constexpr int kSmooth = 5;       // buckets that a rate is the mean of
 constexpr std::array kColors{"#4878a8", "#d1793b", "#5a9e6f", "#a65d9c", "#b5a33a", "#5fa8b3", "#c25b6e", "#7d6fb0"};

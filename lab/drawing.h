@@ -12,9 +12,9 @@
 namespace lab {
 
 struct PeEvent {
-  double at = 0;   // seconds since the start of the run
-  std::string pe;  // or "PE forwarder"
-  std::string text;
+  double at = 0;     // seconds since the start of the run
+  std::string pe;    // or "PE forwarder"
+  std::string text;  // for people; one line
 };
 
 // The core, its PEs and the VRFs of each.

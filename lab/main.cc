@@ -8,7 +8,7 @@
 
 // Exit status.
 constexpr int kUsage = 2;
-constexpr int kSkipped = 77;
+constexpr int kSkipped = 77;  // test drivers take it for a test that was skipped
 
 namespace {
 

@@ -1,3 +1,10 @@
+// Makes and removes namespaces by means of the program ip, as an operator would, so that what a run builds can be
+// looked at with the same program.
+//
+// Removing is done by description, never from memory: all namespaces whose names begin with the prefix, and all
+// processes that are in one of them. So an earlier run that was killed leaves nothing behind. A namespace that a
+// process is in outlives its name; processes are therefore killed before names are deleted. /proc tells by the inode of
+// its ns/net who is in which.
 #include "lab/namespaces.h"
 
 #include <fcntl.h>
@@ -21,7 +28,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const std::filesystem::path kFolder = "/run/netns";
+const std::filesystem::path kFolder = "/run/netns";  // where ip keeps the names of namespaces
 
 void run_or_throw(const std::vector<std::string> &command) {
   const Result result = run(command, 30s);

@@ -1,3 +1,8 @@
+// Reads the "network" of a scenario, and derives names and addresses from the numbers of PEs and VRFs.
+//
+// Whatever is wrong is found while the scenario is read, before anything is built: names that are too long for an
+// interface, members that are not there, words that nobody knows. The order of the file matters, since it numbers VRFs
+// and flows; the JSON type keeps it.
 #include "lab/network.h"
 
 #include <algorithm>
@@ -10,8 +15,8 @@ namespace {
 
 using json = nlohmann::ordered_json;  // VRFs and flows are numbered in the order in which they are written
 
-constexpr int kMostPes = 99;  // core2 addresses end with 100 + number
-constexpr int kMostVrfs = 100;
+constexpr int kMostPes = 99;    // core2 addresses end with 100 + number
+constexpr int kMostVrfs = 100;  // the VRF's number is a byte of its groups, and 7 more than it one of its data range
 constexpr char kTemplate[] = "lab/templates/pe.conf";
 
 void refuse_unknown(const json &object, const std::set<std::string> &known) {

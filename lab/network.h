@@ -40,38 +40,39 @@
 namespace lab {
 
 struct NetworkVrf {
-  std::string name;
-  int number = 0;  // from 1
-  std::vector<std::string> pes;
-  std::string default_group;
-  std::string data_range;
-  int threshold = 100;  // kbit/s
-  std::vector<std::string> lines;
+  std::string name;                // 1 to 12 small letters and digits; part of namespaces' and files' names
+  int number = 0;                  // from 1, in the order of the file
+  std::vector<std::string> pes;    // names of the PEs that have it
+  std::string default_group;       // 239.1.1.NUMBER
+  std::string data_range;          // prefix of provider groups: A.B.C.D/LENGTH
+  int threshold = 100;             // kbit/s
+  std::vector<std::string> lines;  // further lines of its block in the PEs' configurations
 
   int table() const { return number + 1; }  // context and table: 1 is the default VRF's
   std::string tunnel() const { return "mti" + std::to_string(table()); }
 };
 
 struct NetworkPe {
-  std::string name;
-  int number = 0;  // from 1
-  std::vector<std::string> lines;
+  std::string name;                // as a VRF's
+  int number = 0;                  // from 1, in the order of the file; the last byte of its core address
+  std::vector<std::string> lines;  // further lines of its configuration
 };
 
 struct NetworkFlow {
-  std::string name;
-  uint32_t number = 0;  // from 1
-  std::string vrf;
-  std::string from;
-  std::vector<std::string> to;
-  std::string group;
-  size_t size = 200;  // bytes of UDP payload
+  std::string name;             // with "each": NAME-VRF
+  uint32_t number = 0;          // from 1; test packets carry it
+  std::string vrf;              // name of a VRF that the sending PE has
+  std::string from;             // PE that the source is behind
+  std::vector<std::string> to;  // PEs that receivers may be behind; never the sending one
+  std::string group;            // the customer's, in dotted form
+  size_t size = 200;            // bytes of UDP payload
 };
 
 struct Network {
-  bool routed = false;
-  bool wired = false;  // Ethernet links in place of tunnels
-  std::string config_template;
+  bool routed = false;          // two P routers; false: a bridge
+  bool wired = false;           // Ethernet links in place of tunnels
+  std::string config_template;  // file of the template of a PE's configuration, relative to the project
+  // In the order of the file: number - 1 is the index.
   std::vector<NetworkPe> pes;
   std::vector<NetworkVrf> vrfs;
   std::vector<NetworkFlow> flows;

@@ -1,3 +1,5 @@
+// Writes the pages. A template of the project decides what report.html looks like; this file gives it values, with
+// pictures from lab/drawing.cc. Called once, at the end of a run, from what the run recorded.
 #include "lab/pages.h"
 
 #include <ctemplate/template.h>

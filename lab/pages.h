@@ -15,9 +15,9 @@
 namespace lab {
 
 struct Findings {
-  std::optional<Network> network;
+  std::optional<Network> network;                  // nothing: the scenario had none
   nlohmann::json flows = nlohmann::json::array();  // TrafficControl::history
-  std::vector<PeEvent> events;
+  std::vector<PeEvent> events;                     // by time, the earliest first
 };
 
 // Writes report.html and junit.xml into a folder, which is made. project: where lab/templates is. Throws

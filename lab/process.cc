@@ -1,3 +1,8 @@
+// Starts programs, talks to them and waits for them. The lab has one thread; every wait is a loop of short sleeps or
+// polls, so that a signal to the lab ends it soon (check_interrupted).
+//
+// Nothing that the lab starts outlives it: a child asks the system to be killed when the thread that made it ends. A
+// child's network namespace is opened before the fork, where an error can be told, and entered behind it.
 #include "lab/process.h"
 
 #include <fcntl.h>
@@ -22,7 +27,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-volatile std::sig_atomic_t interrupted = 0;
+volatile std::sig_atomic_t interrupted = 0;  // written by the handler of SIGINT and SIGTERM alone
 
 // Throws once: what the lab takes down on its way out is waited for, whatever comes then.
 void check_interrupted() {

@@ -17,7 +17,7 @@ namespace lab {
 std::string program_in(const std::string &folder, const std::string &name);
 
 struct Launch {
-  std::vector<std::string> command;
+  std::vector<std::string> command;    // the program, looked for in PATH unless it has a slash, and its arguments
   std::string log_file;                // gets the output, at its end; a piped program's standard error only
   std::string network_namespace = {};  // path of its file; empty: the lab's own
   bool piped = false;                  // requests and answers go through write_line and read_line
@@ -44,10 +44,10 @@ class Process {
 
  private:
   pid_t pid_ = -1;
-  std::optional<int> status_;
-  int input_ = -1;  // a piped program's
+  std::optional<int> status_;  // once it has ended and was reaped; its pid may be somebody else's from then on
+  int input_ = -1;             // a piped program's
   int output_ = -1;
-  std::string unread_;
+  std::string unread_;  // what came behind the last line that was read
 };
 
 struct Result {

@@ -1,3 +1,5 @@
+// Puts the parts of a real scenario together and owns the forwarders. A forwarder is a process beside its PE's control
+// plane and is started and killed apart from it, since outliving the control plane is what scenarios want to see.
 #include "lab/real_lab.h"
 
 #include <csignal>

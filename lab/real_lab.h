@@ -17,10 +17,10 @@ std::string why_not_real();
 class RealLab {
  public:
   struct Settings {
-    std::string binaries;
-    std::string project;
-    std::string work;
-    std::string prefix;  // of the namespaces' names
+    std::string binaries;  // folder of the programs
+    std::string project;   // folder that templates are relative to
+    std::string work;      // folder for configurations, sockets, logs and captures; exists
+    std::string prefix;    // of the namespaces' names
   };
 
   // Builds the network. Throws std::runtime_error; what was built is gone then.
@@ -47,7 +47,7 @@ class RealLab {
   Settings settings_;
   Stage stage_;
   TrafficControl traffic_;
-  std::map<std::string, Process> forwarders_;
+  std::map<std::string, Process> forwarders_;  // by PE; those that have ended too, until they are started again
 };
 
 }  // namespace lab

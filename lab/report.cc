@@ -1,3 +1,6 @@
+// Prints while the run goes on and records the same things. Times are of the steady clock, so that a clock that is set
+// in the middle of a run does not matter; the start is noted on CLOCK_REALTIME too, because traffic and forwarders tell
+// times on that. Progress is printed for terminals only and never recorded.
 #include "lab/report.h"
 
 #include <unistd.h>

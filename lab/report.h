@@ -19,11 +19,12 @@ struct Entry {
     block,  // output of a command
     expectation
   };
+  // What the log shows of it, and what expectation alone has besides.
   Kind kind = Kind::line;
-  double at = 0;  // seconds since the start
-  std::string text;
-  std::string happened;  // expectation
-  bool holds = true;     // expectation
+  double at = 0;         // seconds since the start
+  std::string text;      // heading, action, line; block: several lines; expectation: what was expected
+  std::string happened;  // expectation: one line; else empty
+  bool holds = true;     // expectation; else true
 };
 
 class Report {
@@ -42,7 +43,7 @@ class Report {
   // Records that the run itself could not go on.
   void broken(const std::string &reason) { expectation("the scenario is played to its end", reason, false); }
 
-  // Prints the table and the closing line; true when everything expected happened.
+  // Prints the table and the closing line; true when everything expected happened, and something was expected.
   bool finish();
 
   const std::string &name() const { return name_; }

@@ -1,3 +1,12 @@
+// Plays the steps one after the other, in the lab's one thread. Each kind of step is a function; what it does goes to
+// the report as an action, what it expects as an expectation.
+//
+// PEs are asked through pimctl, as an operator asks them: the run sees what an operator would see. What is expected may
+// take its time, so it is asked for again and again until it is there or the step's limit has come. A control plane or
+// a reflector counts as started when it says in its own log that it serves; whoever answers at its address may be a
+// stranger.
+//
+// Two clocks: limits are in real seconds, "wait" is in seconds of the platform, which a scenario may let run faster.
 #include "lab/runner.h"
 
 #include <algorithm>

@@ -79,21 +79,21 @@ struct Step {
     lose,
     set_vrf
   };
-  Kind kind = Kind::say;
-  std::string text;  // say, mark: heading; whoever expects: what; impair: netem's arguments
-  std::string pe;
-  std::string place;  // command, expect: a namespace in place of pimctl
-  std::string flow;
-  std::string vrf;
+  Kind kind = Kind::say;               // tells which of the fields below count; the others keep these values
+  std::string text;                    // say, mark: heading; whoever expects: what; impair: netem's arguments
+  std::string pe;                      // whom it is done to, asked of or judged at; never "all", which is several steps
+  std::string place;                   // command, expect: a namespace in place of pimctl
+  std::string flow;                    // name; empty: none
+  std::string vrf;                     // set_vrf
   std::string groups;                  // carried: prefix
   std::vector<std::string> commands;   // command: run in order; expect: one
-  std::string pattern;                 // expect
+  std::string pattern;                 // expect: an ECMAScript regular expression, ^ and $ at lines
   bool absent = false;                 // expect: the pattern must not match
   int times = -1;                      // expect: exact number of matches; -1: at least one
   bool print = false;                  // command: show the output
-  bool stateful = false;               // start
-  bool forwarder = false;              // start, stop, kill, memory
-  bool from_pe = false;                // carried
+  bool stateful = false;               // start: with the choices that its store holds
+  bool forwarder = false;              // start, stop, kill, memory: the forwarder in place of the control plane
+  bool from_pe = false;                // carried: from the PE into the core; false: out of the core to it
   bool present = false;                // set_link: up; set_vrf: present
   double seconds = 0;                  // whoever expects: limit in real seconds; wait: platform seconds
   double rate = 0;                     // rate: packets a second; lose: percent
@@ -107,17 +107,17 @@ struct Step {
 inline constexpr const char *kReflector = "reflector";  // its name among the PEs in steps
 
 struct PeConfig {
-  std::string file;  // relative to the project; empty: the lines
-  std::vector<std::string> lines;
+  std::string file;                // relative to the project; empty: the lines
+  std::vector<std::string> lines;  // of its configuration, unless there is a file
 };
 
 struct Scenario {
-  std::string name;
-  double clock_scale = 1;
+  std::string name;                         // one line for people
+  double clock_scale = 1;                   // platform seconds per second, above 0
   std::map<std::string, PeConfig> configs;  // by PE
   std::string reflector;                    // its configuration file; empty: none, or the network's
   std::optional<Network> network;           // real packets
-  std::vector<Step> steps;
+  std::vector<Step> steps;                  // "all" and "*" spelled out
 };
 
 // Reads a scenario. Throws std::runtime_error that names the file and what is wrong.

@@ -1,3 +1,8 @@
+// Builds the network by means of the programs ip, tc, nft and sysctl and of daemon configurations made from templates.
+//
+// Order matters in three places: interfaces stand before the daemons that read them are started; the bridge's querier
+// is switched on last; the zebra of a place listens before the other daemons of that place look for it. What is built
+// is not undone here but with remove_vrf(): it goes with its namespace.
 #include "lab/stage.h"
 
 #include <pwd.h>

@@ -1,3 +1,9 @@
+// Asks the agents and puts their answers together. Agents answer each request with one line, so that one is asked at a
+// time and a lost answer is an error and not a wrong figure.
+//
+// A loss is assigned to a core group by numbers: those that the receiver misses, and those that the sending PE's link
+// carried under that group. Trap: lists of missing numbers and of carried runs are cut by the agents beyond a length,
+// so the groups' losses may sum up to less than the loss as a whole; the rest is then shown as lost before the core.
 #include "lab/traffic_control.h"
 
 #include <arpa/inet.h>
@@ -13,7 +19,7 @@ namespace {
 using namespace std::chrono_literals;
 using nlohmann::json;
 
-constexpr auto kAnswerLimit = 20s;
+constexpr auto kAnswerLimit = 20s;  // an agent answers at once; one that takes longer hangs, or the machine does
 
 uint32_t address_of(const std::string &text) {
   in_addr address{};

@@ -20,15 +20,15 @@
 namespace lab {
 
 struct FlowResult {
-  uint64_t sent = 0;  // since the mark
-  uint64_t received = 0;
-  uint64_t lost = 0;
-  uint64_t duplicates = 0;
-  uint64_t reordered = 0;
+  uint64_t sent = 0;          // since the mark
+  uint64_t received = 0;      // different numbers
+  uint64_t lost = 0;          // numbers that were sent and did not come
+  uint64_t duplicates = 0;    // arrivals of a number that had come before
+  uint64_t reordered = 0;     // arrivals behind a higher number
   uint64_t dropped_here = 0;  // by a full socket of the receiver, at any time: losses that are the lab's own
   double gap_ms = 0;          // longest time between two packets
   std::map<std::string, uint64_t> lost_by_group;  // core group, or "before the core"
-  std::map<std::string, uint64_t> sent_by_group;
+  std::map<std::string, uint64_t> sent_by_group;  // as the sending PE's core link carried them
 
   std::string text() const;
 };

@@ -1,3 +1,8 @@
+// The agent's loop, in one thread: it sends what is due, takes what has arrived, and serves requests between. Times of
+// arrival are the system's and not the loop's, so that a long answer delays no measurement; what the loop sends late is
+// sent late for all to see.
+//
+// Called from the program's main with "agent"; the lab holds the other ends of the two pipes.
 #include "lab/traffic/agent.h"
 
 #include <poll.h>

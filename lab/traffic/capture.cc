@@ -1,3 +1,7 @@
+// Captures with libpcap, one handle for each direction of an interface: an Ethernet capture does not say in which
+// direction a frame went. Handles do not block; the caller polls their descriptors.
+//
+// Trap: a handle that is full drops silently. dropped() has to be asked with every figure that is taken from here.
 #include "lab/traffic/capture.h"
 
 #include <stdexcept>
@@ -5,9 +9,9 @@
 namespace traffic {
 namespace {
 
-constexpr int kSnapLength = 4096;
-constexpr int kBuffer = 8 << 20;
-constexpr size_t kMostRuns = 10000;
+constexpr int kSnapLength = 4096;    // bytes of a frame that are kept: more than any link of a lab carries
+constexpr int kBuffer = 8 << 20;     // bytes of each handle: room for a busy link while the agent does something else
+constexpr size_t kMostRuns = 10000;  // of a key, 16 bytes each: a flow that is lost here and there stays far below
 constexpr size_t kEthernetHeader = 14;
 constexpr uint8_t kGreProtocol = 47;
 constexpr size_t kProtocolAt = kEthernetHeader + 9;

@@ -19,7 +19,7 @@ namespace traffic {
 enum class Direction { in, out };  // as the interface's own machine sees it
 
 struct Carried {
-  uint64_t packets = 0;
+  uint64_t packets = 0;                // GRE datagrams
   uint64_t bytes = 0;                  // of the outer datagrams
   uint64_t repeated = 0;               // numbers that were not higher than the one before
   Ranges numbers;                      // the first 10000 runs of numbers that follow each other
@@ -29,10 +29,10 @@ struct Carried {
 class Capture {
  public:
   struct Key {
-    std::string interface;
-    Direction direction;
-    uint32_t group;  // host byte order
-    uint32_t flow;   // 0: datagrams that are no test packets
+    std::string interface;  // its name in this network namespace
+    Direction direction;    // in the lab's core, in is what the PE sent
+    uint32_t group;         // host byte order
+    uint32_t flow;          // 0: datagrams that are no test packets
     auto operator<=>(const Key &) const = default;
   };
 

@@ -1,3 +1,6 @@
+// Makes the hostile packets. A maker breaks one thing of a sound packet, so that the packet reaches the check that it
+// is meant for and is not dropped by an earlier one; a few send noise. Outer IPv4 checksums are right, because a system
+// drops a packet with a wrong one before any forwarder sees it.
 #include "lab/traffic/hostile.h"
 
 #include <arpa/inet.h>
@@ -80,6 +83,7 @@ Datagram Hostile::noise(size_t size) {
 
 // A sound datagram of a customer that nobody receives.
 Datagram Hostile::customer() {
+  // From 192.168.99.0/24, the site of a PE 99, to 232.99.0.0/16.
   return ipv4({0xC0A86300 + below(256), 0xE8630000 + below(65536), kUdp}, noise(8 + below(100)));
 }
 
@@ -93,9 +97,11 @@ Datagram Hostile::from_customer(uint8_t protocol, const Datagram &payload) const
 }
 
 std::vector<Datagram> Hostile::another_group() {
+  // 239.255.0.0/16: the lab's VRFs have their groups in 239.1.0.0/16, unless a scenario says otherwise.
   return {ipv4({target_.source, 0xEFFF0000 + below(65536), kGre}, gre(customer()))};
 }
 std::vector<Datagram> Hostile::another_source() {
+  // The same /24, from .200 to .249, where a bridged core has nobody.
   return {ipv4({(target_.source & 0xFFFFFF00) + 200 + below(50), target_.group, kGre}, gre(customer()))};
 }
 std::vector<Datagram> Hostile::own_source() { return {ipv4({target_.pe, target_.group, kGre}, gre(customer()))}; }

@@ -1,3 +1,6 @@
+// Receives. A socket is bound to its group and port, so that the system sorts packets to flows; several flows to one
+// group each have a socket that takes its own source only. IP_MULTICAST_ALL is off, or else a socket would also get
+// what other sockets of the machine have joined. The system stamps arrivals and counts what a full socket dropped.
 #include "lab/traffic/receiver.h"
 
 #include <arpa/inet.h>
@@ -12,7 +15,7 @@
 namespace traffic {
 namespace {
 
-constexpr int kReceiveBuffer = 4 << 20;
+constexpr int kReceiveBuffer = 4 << 20;  // bytes: some thousand packets while the agent does something else
 
 sockaddr_storage storage_of(uint32_t address, uint16_t port) {
   sockaddr_storage result{};

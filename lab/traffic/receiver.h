@@ -26,9 +26,9 @@ class Receiver {
   void read(int descriptor);
 
   struct Flow {
-    Descriptor socket;
-    bool joined = false;
-    Tally tally;
+    Descriptor socket;     // open while it is joined
+    bool joined = false;   // now
+    Tally tally;           // of all the times that it was joined
     uint64_t foreign = 0;  // packets of another flow, or no test packets at all
     uint32_t dropped = 0;  // packets that the system dropped because the socket's buffer was full
   };

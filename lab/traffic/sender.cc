@@ -1,3 +1,5 @@
+// Sends at steady rates. Each flow has a time at which its next packet is due; send_due() sends what is due and tells
+// the caller how long it may sleep. Nothing here blocks and nothing has a thread.
 #include "lab/traffic/sender.h"
 
 #include <arpa/inet.h>
@@ -9,11 +11,11 @@
 namespace traffic {
 namespace {
 
-constexpr int64_t kLongestSleepNs = 500'000'000;
+constexpr int64_t kLongestSleepNs = 500'000'000;  // a bound for callers that have nothing due
 // Who was held up longer than this goes on from now: a burst would not be the rate that was asked for.
 constexpr int64_t kLongestArrearsNs = 50'000'000;
-constexpr double kHighestRate = 1e6;
-constexpr int kTimeToLive = 16;
+constexpr double kHighestRate = 1e6;  // packets a second, against slips; the interval stays at a microsecond or more
+constexpr int kTimeToLive = 16;       // crosses any lab's routers, and no more
 
 sockaddr_in socket_address(uint32_t address, uint16_t port) {
   sockaddr_in result{};

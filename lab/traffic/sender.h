@@ -17,9 +17,9 @@ namespace traffic {
 constexpr uint16_t kDefaultPort = 5000;
 
 struct FlowAddress {
-  uint32_t source = 0;  // host byte order; 0 with a receiver: any source
-  uint32_t group = 0;
-  uint16_t port = kDefaultPort;
+  uint32_t source = 0;           // host byte order; 0 with a receiver: any source
+  uint32_t group = 0;            // host byte order
+  uint16_t port = kDefaultPort;  // UDP, host byte order
 };
 
 class Sender {
@@ -35,9 +35,9 @@ class Sender {
   int64_t send_due();
 
   struct Sent {
-    uint64_t last = 0;    // number of the last packet that left
-    uint64_t errors = 0;  // times that the system refused one
-    std::map<int64_t, uint32_t> series;
+    uint64_t last = 0;                   // number of the last packet that left
+    uint64_t errors = 0;                 // times that the system refused one
+    std::map<int64_t, uint32_t> series;  // as Tally::series
   };
   const Sent &sent(uint32_t flow) const { return flows_.at(flow).sent; }
 

@@ -1,3 +1,4 @@
+// The system calls behind socket.h, with errors as exceptions that name the call.
 #include "lab/traffic/socket.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,5 @@
+// Keeps a time of arrival for each number, not sums: a stretch of a flow is judged when its ends are known, which is
+// after the packets have come. What is rare, repetitions and late arrivals, stands in lists of its own.
 #include "lab/traffic/tally.h"
 
 #include <algorithm>
@@ -5,7 +7,7 @@
 namespace traffic {
 namespace {
 
-constexpr size_t kMostRanges = 1000;
+constexpr size_t kMostRanges = 1000;  // of one answer: enough to see where a loss is, and an answer stays short
 
 uint64_t count_between(const std::vector<uint64_t> &numbers, uint64_t first, uint64_t last) {
   return static_cast<uint64_t>(std::count_if(numbers.begin(), numbers.end(),

@@ -1,3 +1,5 @@
+// Writes and reads test packets. Numbers are in network byte order: mark, flow, number and time of sending at bytes 0,
+// 4, 8 and 16. Reading is bounded by what was received: watched links carry whatever the machine sends.
 #include "lab/traffic/test_packet.h"
 
 namespace traffic {

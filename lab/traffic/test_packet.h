@@ -11,7 +11,7 @@
 namespace traffic {
 
 struct TestPacket {
-  uint32_t flow = 0;
+  uint32_t flow = 0;    // number of the flow, from 1
   uint64_t number = 0;  // from 1
   int64_t sent_ns = 0;  // CLOCK_REALTIME
 };
@@ -28,8 +28,8 @@ std::optional<TestPacket> decode(std::span<const uint8_t> payload);
 
 // A test packet in the core: IPv4, GRE without options (RFC 2784), the customer's IPv4, UDP and payload.
 struct CorePacket {
-  uint32_t source = 0;  // outer addresses, host byte order
-  uint32_t group = 0;
+  uint32_t source = 0;             // outer addresses, host byte order
+  uint32_t group = 0;              // the provider group
   std::optional<TestPacket> test;  // nothing when the GRE payload is another datagram
 };
 
