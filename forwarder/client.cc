@@ -1,3 +1,9 @@
+// Keeps what is wanted in one map and what the forwarder holds in another, both by key; a connection that begins or
+// ends changes the second one only. Everything runs in the owner's thread, here pimhostd's main loop. Callbacks come
+// out of on_ready(); log() also out of connect(), and disconnected() out of whatever transmits.
+//
+// During a recovery a put that would take a held item back is kept to itself (steps_back) and sent when the recovery
+// ends. Trap: each call that transmits may end the connection, so callers look at socket_ again behind it.
 #include "forwarder/client.h"
 
 #include <sys/socket.h>
@@ -11,14 +17,14 @@
 namespace forwarder {
 namespace {
 
-constexpr size_t kUnsentMax = 64 << 20;
-constexpr uint32_t kFirstDataIndex = 2;
+constexpr size_t kUnsentMax = 64 << 20;  // bytes; a forwarder that lets so much wait does not read any more
+constexpr uint32_t kFirstDataIndex = 2;  // 1 is the default MDT's
 
 }  // namespace
 
 Client::Client(std::string path, std::string name, Callbacks callbacks)
     : path_(std::move(path)), name_(std::move(name)), callbacks_(std::move(callbacks)), framing_(kUnsentMax) {
-  settings_.set_ttl(64);
+  settings_.set_ttl(64);  // what hosts commonly begin with, until settings come
 }
 
 bool Client::connect() {

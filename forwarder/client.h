@@ -27,23 +27,28 @@
 namespace forwarder {
 
 struct Counters {
+  // Counted from the start of the forwarder on, routes from when the kernel has them. Only events have an order.
   std::vector<protocol::VrfCounters> vrfs;
-  std::vector<protocol::FlowCounters> flows;
-  std::vector<protocol::RouteBytes> routes;
-  std::vector<protocol::CoreCounters> core;
-  std::vector<protocol::DropCounter> drops;
-  std::vector<protocol::Event> events;
+  std::vector<protocol::FlowCounters> flows;  // those that have an index of their own
+  std::vector<protocol::RouteBytes> routes;   // customer routes, as the kernel counts them
+  std::vector<protocol::CoreCounters> core;   // core routes and their memberships
+  std::vector<protocol::DropCounter> drops;   // of VRFs, and of the core (VRF ""); those that are 0 are left out
+  std::vector<protocol::Event> events;        // the oldest first
 };
 
 class Client {
  public:
   struct Callbacks {
+    // What the forwarder sees: everything at the beginning of a connection, then what changes.
     std::function<void(const protocol::Interface &)> interface;
     std::function<void(const protocol::TunnelState &)> tunnel_state;
     std::function<void(const protocol::CustomerRoute &)> customer_route;
+    // From a tunnel, for the control plane.
     std::function<void(const protocol::Datagram &)> datagram;
     std::function<void(Counters)> counters;  // the answer to request_counters()
+    // One line, for the log.
     std::function<void(const std::string &)> log;
+    // connected: what the forwarder holds is known, nothing of it has been swept yet.
     std::function<void()> connected, disconnected;
   };
 

@@ -1,3 +1,9 @@
+// The core's sockets. Sending: queue() collects packets that leave by the same socket, flush() sends them in one system
+// call and counts each for its VRF, as sent or as dropped. Receiving: a bounded number of batches a turn; what they
+// carry is decided in State::accept(). Memberships: MembershipPlan says which socket joins what, here it is carried
+// out; a join that the kernel refuses is tried again at each tick, since mostly an interface was not up yet.
+//
+// Trap: senders are remembered by source and point into senders_; both are forgotten together.
 #include "forwarder/core_site.h"
 
 #include <arpa/inet.h>
@@ -14,6 +20,7 @@ namespace forwarder {
 namespace {
 
 constexpr size_t kArrivalMax = 60 + 4 + kCustomerMax;  // with the longest outer header
+// Bytes. A burst has to fit while a turn does something else; the kernel takes less when it is not allowed so much.
 constexpr int kReceiveBuffer = 32 << 20, kSendBuffer = 8 << 20;
 constexpr int kBatchesATurn = 8;             // so that one port does not keep the others waiting
 constexpr size_t kMembershipsASocket = 128;  // the kernel's option memory is good for some hundreds
@@ -57,6 +64,7 @@ CoreSite::CoreSite(Poller &poller, State &state, Callbacks callbacks)
       arrivals_(std::make_unique<uint8_t[]>(kBatch * kArrivalMax)),
       buffer_(std::make_unique<uint8_t[]>(kRoom)),
       plan_(kMembershipsASocket) {
+  // Above what a socket gets (kMembershipsASocket), and above the sources that a group may have on one.
   raise_limit("igmp_max_memberships", 4096);
   raise_limit("igmp_max_msf", 4096);
   open_receiver();

@@ -40,9 +40,9 @@ constexpr size_t kBatch = 64;  // packets of a system call
 class CoreSite {
  public:
   struct Callbacks {
-    KernelView::Callbacks view;  // ways_changed is the site's own
-    std::function<void(Vrf &, std::span<const uint8_t>)> arrived;
-    std::function<void(const std::string &)> event;
+    KernelView::Callbacks view;                                    // ways_changed is the site's own
+    std::function<void(Vrf &, std::span<const uint8_t>)> arrived;  // a customer datagram, valid during the call
+    std::function<void(const std::string &)> event;                // one line, for the list of events
   };
 
   // The process is in the core's namespace. Throws std::runtime_error when a socket cannot be opened.
@@ -62,8 +62,8 @@ class CoreSite {
   void follow_pass(const CoreKey &key, const Vrf &from, const Vrf &to);
   // Where a core route is joined; nothing: not at all. Empty name: on every interface of the core.
   struct Joined {
-    std::string interface;
-    bool joined = false;
+    std::string interface;  // its name; empty: any source, or the interface has gone
+    bool joined = false;    // the kernel took every membership of it
   };
   Joined joined(const CoreKey &key) const;
 

@@ -1,3 +1,5 @@
+// The memory of the table: growing to twice the size at half full, removing without tombstones. Counters and rates move
+// with their flow. Looking a flow up, which packets wait for, stands in the header.
 #include "forwarder/flow_table.h"
 
 #include <sys/mman.h>
@@ -9,8 +11,8 @@
 
 namespace forwarder {
 namespace {
-constexpr size_t kFirstPlaces = 64;
-constexpr size_t kLargePage = 2 << 20;
+constexpr size_t kFirstPlaces = 64;     // 2 KiB; a power of two
+constexpr size_t kLargePage = 2 << 20;  // bytes: the size of large pages on x86-64 and on arm64 with 4 KiB pages
 
 }  // namespace
 

@@ -15,11 +15,11 @@
 namespace forwarder {
 
 struct alignas(32) Flow {
-  uint32_t source = 0;  // addresses in host byte order
-  uint32_t group = 0;   // 0: an empty place
-  uint16_t index = 0;   // encapsulation index, 1 to 1023
-  uint32_t claim = 0;   // session that asked for it last
-  uint64_t packets = 0, bytes = 0;
+  uint32_t source = 0;              // addresses in host byte order
+  uint32_t group = 0;               // 0: an empty place
+  uint16_t index = 0;               // encapsulation index, 1 to 1023
+  uint32_t claim = 0;               // session that asked for it last
+  uint64_t packets = 0, bytes = 0;  // of customer datagrams on their way into the core, IPv4 headers included
 };
 static_assert(sizeof(Flow) == 32);
 

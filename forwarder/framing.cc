@@ -1,3 +1,5 @@
+// Buffers for both directions. What has been read or written is not moved to the front at once but when it is worth it,
+// so that many small messages cost no more than their bytes. Nothing here blocks; both ends of the protocol use it.
 #include "forwarder/framing.h"
 
 #include <google/protobuf/message_lite.h>
@@ -8,9 +10,9 @@
 namespace forwarder {
 namespace {
 
-constexpr size_t kLength = 4;
-constexpr size_t kReadAtOnce = 65536;
-constexpr int kReadsACall = 16;  // so that a peer that never stops does not keep everything else waiting
+constexpr size_t kLength = 4;          // bytes, most significant first
+constexpr size_t kReadAtOnce = 65536;  // bytes of a system call
+constexpr int kReadsACall = 16;        // so that a peer that never stops does not keep everything else waiting
 
 uint32_t load_length(const char *from) {
   uint32_t value = 0;

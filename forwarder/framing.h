@@ -14,7 +14,7 @@ class MessageLite;
 namespace forwarder {
 
 constexpr uint32_t kProtocolVersion = 1;
-constexpr size_t kMessageMax = 65536;
+constexpr size_t kMessageMax = 65536;  // bytes; bounds what a peer can make the other end keep
 
 // One end of a connection: buffers what has come and what is to go. The descriptor is non-blocking and stays the
 // caller's.

@@ -1,3 +1,12 @@
+// Netlink. One socket hears what changes, another asks, so that an answer never stands between notifications.
+//
+// What the kernel tells is kept as it came (interfaces_, raw_); what callers were told is kept beside it (told_,
+// routes_), and tell() hands on the difference. So a notification that is repeated or late does no harm, and one that
+// was lost is made good by reading everything again.
+//
+// Traps. Routes name interfaces by index, callers know them by name: an interface that is renamed changes its routes
+// too, at the next tick. Every length in a message is checked against what was received. Requests wait for the kernel's
+// answer, which comes at once; the process enters a namespace only to open the sockets, which stay in it.
 #include "forwarder/kernel_view.h"
 
 #include <arpa/inet.h>

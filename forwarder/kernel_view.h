@@ -22,13 +22,13 @@ struct nlmsghdr;
 namespace forwarder {
 
 struct KernelInterface {
-  int index = 0;
-  std::string name;
-  bool up = false;  // administratively, and carrying
-  bool loopback = false;
+  int index = 0;                    // the kernel's, above 0
+  std::string name;                 // at most 15 characters
+  bool up = false;                  // administratively, and carrying
+  bool loopback = false;            // core packets are never received there
   bool ethernet = false;            // frames with a MAC address
   bool forwards_multicast = false;  // a routing daemon of the namespace has it
-  uint32_t mtu = 0;
+  uint32_t mtu = 0;                 // bytes of an IP packet
   std::vector<uint32_t> addresses;  // host byte order, in the kernel's order
   std::vector<uint8_t> lengths;     // of the networks that the addresses stand in, in bits
   // Whether an address is one of a network that the interface is connected to.
@@ -38,22 +38,24 @@ struct KernelInterface {
 
 struct RouteKey {       // host byte order
   uint32_t source = 0;  // 0: any
-  uint32_t group = 0;
+  uint32_t group = 0;   // never 0
   auto operator<=>(const RouteKey &) const = default;
 };
 struct KernelRoute {
+  // Names of interfaces of the namespace; those that are gone are left out. outgoing is in alphabetical order and has
+  // each once.
   std::string incoming;
   std::vector<std::string> outgoing;
   uint32_t rpf_neighbor = 0;  // the source itself when it is directly connected; 0: no route
   bool operator==(const KernelRoute &) const = default;
 };
 struct RouteTraffic {
-  RouteKey key;
-  uint64_t packets = 0, bytes = 0;
+  RouteKey key;                     // which route
+  uint64_t packets = 0, bytes = 0;  // since the kernel has the route, IPv4 headers included
 };
 
 struct NextHop {
-  int interface = 0;
+  int interface = 0;     // index; 0: none
   uint32_t gateway = 0;  // 0: directly connected
 };
 
@@ -61,7 +63,7 @@ class KernelView {
  public:
   struct Callbacks {
     std::function<void(const KernelInterface &)> interface_changed;  // new, or changed
-    std::function<void(const std::string &name)> interface_gone;
+    std::function<void(const std::string &name)> interface_gone;     // behind the changes of the routes that named it
     std::function<void(const RouteKey &, const KernelRoute *)> route_changed;  // null: gone
     std::function<void()> ways_changed;                                        // interfaces or unicast routes
   };
@@ -99,8 +101,8 @@ class KernelView {
   };
   using Socket = std::unique_ptr<mnl_socket, Closer>;
   struct RawRoute {
-    int incoming = 0;
-    std::vector<int> outgoing;
+    int incoming = 0;           // index
+    std::vector<int> outgoing;  // indexes, as the kernel lists them
   };
 
   static Socket open_socket(uint32_t groups);

@@ -1,3 +1,6 @@
+// Which socket a group stands on, and what its wishes mean there. A group has one socket for all its sources and
+// interfaces, the first with room when its first wish comes, and keeps it until its last wish goes. While any source is
+// wanted, single sources of the group are not joined on that interface, since one socket cannot have both.
 #include "forwarder/memberships.h"
 
 #include <algorithm>

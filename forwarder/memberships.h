@@ -24,9 +24,9 @@ struct Membership {
 class MembershipPlan {
  public:
   struct Step {
-    size_t socket;  // number, from 0
-    bool join;
-    Membership membership;
+    size_t socket;          // number, from 0
+    bool join;              // false: leave
+    Membership membership;  // to be joined, or left, on that socket
     auto operator<=>(const Step &) const = default;
   };
 

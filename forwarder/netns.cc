@@ -1,3 +1,5 @@
+// A thread belongs to one network namespace at a time, and a socket stays in the one that it was made in. The
+// forwarder's one thread is in the core's namespace and enters others only to make sockets and devices there.
 #include "forwarder/netns.h"
 
 #include <fcntl.h>

@@ -15,6 +15,8 @@
 namespace forwarder {
 
 struct NamespaceId {
+  // The file that stands for the namespace. The pair is the namespace's own as long as somebody holds it open;
+  // afterwards another one may get it.
   dev_t device = 0;
   ino_t inode = 0;
   bool operator==(const NamespaceId &) const = default;

@@ -1,3 +1,6 @@
+// Reading and writing of headers, byte by byte: nothing is cast to a struct, so alignment and byte order do not matter.
+// Every packet passes here: what can be computed once for an encapsulation is (OuterHeader), and nothing allocates but
+// cut(), which is rare.
 #include "forwarder/packet.h"
 
 #include <algorithm>
@@ -5,6 +8,7 @@
 namespace forwarder {
 namespace {
 
+// Byte offsets of the fields, and the size of a header without options.
 enum Ipv4 : size_t {
   ip_version_ihl = 0,
   ip_tos = 1,

@@ -39,13 +39,13 @@ constexpr size_t kDrops = static_cast<size_t>(Drop::count);
 const char *drop_name(Drop reason);
 using DropCounters = std::array<uint64_t, kDrops>;
 
-enum class DontFragment : uint8_t { copy, set, clear };
+enum class DontFragment : uint8_t { copy, set, clear };  // of the outer header; copy: as the customer's says
 
 // How outer headers are written.
 struct OuterPolicy {
-  uint8_t ttl = 64;
-  std::optional<uint8_t> tos;  // upper six bits; nothing: those of the customer's header
-  DontFragment df = DontFragment::copy;
+  uint8_t ttl = 64;                      // 1 to 255
+  std::optional<uint8_t> tos;            // upper six bits; nothing: those of the customer's header
+  DontFragment df = DontFragment::copy;  // of outer headers
   bool operator==(const OuterPolicy &) const = default;
 };
 
@@ -67,8 +67,8 @@ class OuterHeader {
 
 // What a customer's header says.
 struct Customer {
-  uint32_t source = 0;
-  uint32_t group = 0;  // destination, whatever it is
+  uint32_t source = 0;  // host byte order
+  uint32_t group = 0;   // destination, whatever it is
 };
 // The datagram that a VRF sends into its tunnel: fills *customer, or says why it is not carried. bytes: the whole of
 // it.
@@ -76,10 +76,11 @@ std::optional<Drop> inspect_customer(std::span<const uint8_t> bytes, Customer *c
 
 // A core packet taken apart; the customer's datagram is a part of the packet's bytes.
 struct CorePacket {
+  // The outer header's, in host byte order.
   uint32_t source = 0;
   uint32_t group = 0;
-  bool congested = false;  // marked so on the way
-  std::span<uint8_t> datagram;
+  bool congested = false;       // marked so on the way
+  std::span<uint8_t> datagram;  // the customer's, whole, without what a link has padded
 };
 // Fills *packet, or says why it is dropped. truncated: the packet was larger than the bytes.
 std::optional<Drop> decapsulate(std::span<uint8_t> bytes, bool truncated, CorePacket *packet);

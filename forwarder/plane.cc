@@ -1,3 +1,10 @@
+// The forwarder's loop, and the protocol's server side. A turn waits for whatever is ready and calls it; behind each
+// turn leaves what the control plane is to hear. Kernel views, retries and rates have their time a few times a second
+// (tick).
+//
+// State says what changes and this file sees that it is carried out: a VRF has a site while it is held, the tunnel's
+// and the routes' changes go to the sites. Trap: a report may end the session, when the control plane does not read; so
+// session_ is looked at again behind each.
 #include "forwarder/plane.h"
 
 #include <sys/socket.h>
@@ -12,9 +19,9 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr milliseconds kTick{250};
-constexpr milliseconds kSample{2000};
-constexpr size_t kEventsKept = 1000;
+constexpr milliseconds kTick{250};       // how late a namespace that comes or goes, or a changed route, may be noticed
+constexpr milliseconds kSample{2000};    // rates are means over this: long enough for slow flows not to jump
+constexpr size_t kEventsKept = 1000;     // of all VRFs together; the oldest goes for the newest
 constexpr size_t kUnsentMax = 64 << 20;  // bytes: all counters of a full forwarder fit
 
 uint64_t milliseconds_now() {

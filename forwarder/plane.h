@@ -26,10 +26,10 @@ namespace forwarder {
 class Plane {
  public:
   struct Options {
-    std::string netns_folder;
-    std::string core_netns;  // empty: the process's own
-    std::function<void(const std::string &)> log;
-    std::function<void()> alive = {};  // called from time to time while the plane serves
+    std::string netns_folder;                      // where names of namespaces are files
+    std::string core_netns;                        // empty: the process's own
+    std::function<void(const std::string &)> log;  // one line
+    std::function<void()> alive = {};              // called from time to time while the plane serves
   };
 
   // Throws std::runtime_error when the core cannot be entered.

@@ -1,3 +1,5 @@
+// epoll, level-triggered: whoever leaves something unread is called again. A watch is kept alive while it is being
+// called, so that it may forget itself.
 #include "forwarder/poller.h"
 
 #include <sys/epoll.h>

@@ -1,3 +1,6 @@
+// Order matters: the bounding set needs a capability that is given up afterwards, and a change of the user would take
+// all capabilities along but for PR_SET_KEEPCAPS, which keeps permitted ones only; they are made effective again behind
+// it. Called once, before the process has threads or packets.
 #include "forwarder/privileges.h"
 
 #include <grp.h>

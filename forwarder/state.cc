@@ -1,3 +1,8 @@
+// What is held, and the decisions about packets that follow from it. Keys are checked here, so that nothing else has to
+// doubt them. Observers are called behind the change, but for a VRF that is removed, which they see a last time.
+//
+// Packets take choose() and accept(): no allocation, no system call, a few look-ups in hash tables, and a
+// drop is always counted.
 #include "forwarder/state.h"
 
 #include <algorithm>
@@ -6,8 +11,8 @@
 namespace forwarder {
 namespace {
 
-constexpr uint32_t kMtuMin = 68, kMtuMax = kCustomerMax;
-constexpr size_t kDeviceMax = 15;  // characters of a device's name
+constexpr uint32_t kMtuMin = 68, kMtuMax = kCustomerMax;  // 68: the least that IPv4 lets a link have (RFC 791)
+constexpr size_t kDeviceMax = 15;                         // characters of a device's name
 
 std::nullptr_t drop(DropCounters &counters, Drop reason) {
   counters[static_cast<size_t>(reason)]++;

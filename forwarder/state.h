@@ -24,32 +24,32 @@
 
 namespace forwarder {
 
-constexpr uint16_t kDefaultIndex = 1;
-constexpr uint16_t kIndexes = 1024;
-constexpr size_t kVrfsMax = 4096;
+constexpr uint16_t kDefaultIndex = 1;    // the default MDT's; flows without an index of their own take it
+constexpr uint16_t kIndexes = 1024;      // 0 is not used; 2 to 1023 are data MDTs'
+constexpr size_t kVrfsMax = 4096;        // bounds on what a broken control plane can ask for; so are the next two
 constexpr size_t kFlowsMax = 1'000'000;  // of all VRFs
 constexpr size_t kCoreRoutesMax = 1'000'000;
 constexpr size_t kNameMax = 64;  // characters of VRFs and namespaces
 
 struct TunnelSettings {
-  std::string device;
-  uint32_t source = 0;  // addresses in host byte order
-  uint32_t destination = 0;
-  uint32_t mtu = 0;
-  bool up = false;
+  std::string device;        // name of the TUN device in the VRF's namespace, at most 15 characters
+  uint32_t source = 0;       // of core packets, and the device's address; host byte order; 0: none
+  uint32_t destination = 0;  // the default MDT's group, host byte order; held, not used
+  uint32_t mtu = 0;          // of the device: bytes of a customer datagram, 68 to kCustomerMax
+  bool up = false;           // wanted; whether it is, the site knows
   bool operator==(const TunnelSettings &) const = default;
 };
 
 struct Encapsulation {
-  uint32_t group = 0;  // 0: none
-  uint32_t source = 0;
-  uint32_t claim = 0;
+  uint32_t group = 0;           // of the core, host byte order; 0: none, and nothing else counts
+  uint32_t source = 0;          // this PE's address in the core, host byte order
+  uint32_t claim = 0;           // session that put it last
   uint16_t identification = 0;  // of the next packet
-  OuterHeader header;
+  OuterHeader header;           // made anew when group, source or policy change
 };
 
 struct Traffic {
-  uint64_t packets = 0, bytes = 0;
+  uint64_t packets = 0, bytes = 0;  // of customer datagrams, without what the tunnel adds
   void count(size_t size) {
     packets++;
     bytes += size;
@@ -57,25 +57,25 @@ struct Traffic {
 };
 
 struct Vrf {
-  std::string name;
-  std::string netns;
-  uint32_t claim = 0;
-  std::optional<TunnelSettings> tunnel;
-  uint32_t tunnel_claim = 0;
-  std::vector<Encapsulation> encapsulations = std::vector<Encapsulation>(kIndexes);
-  FlowTable flows;
-  Traffic sent, received, unlisted;
-  DropCounters drops{};
+  std::string name;                      // 1 to kNameMax characters; never changes
+  std::string netns;                     // name of its namespace, a file name or a path
+  uint32_t claim = 0;                    // session that put it last
+  std::optional<TunnelSettings> tunnel;  // nothing: it has none
+  uint32_t tunnel_claim = 0;             // session that put the tunnel last
+  std::vector<Encapsulation> encapsulations = std::vector<Encapsulation>(kIndexes);  // by index; never resized
+  FlowTable flows;                   // those that have an index of their own
+  Traffic sent, received, unlisted;  // into the core, out of it; unlisted: sent, of flows that are not in the table
+  DropCounters drops{};              // by reason, both directions
 };
 
 struct CoreRoute {
-  Vrf *vrf = nullptr;
-  uint32_t claim = 0;
-  Traffic received;
+  Vrf *vrf = nullptr;  // that takes the packets; never null once it stands in the table
+  uint32_t claim = 0;  // session that put it last
+  Traffic received;    // also by VRFs that it belonged to before
 };
 struct CoreKey {
-  uint32_t source = 0;  // 0: any
-  uint32_t group = 0;
+  uint32_t source = 0;  // the sending PE, host byte order; 0: any
+  uint32_t group = 0;   // host byte order
   bool operator==(const CoreKey &) const = default;
 };
 struct CoreKeyHash {
@@ -89,10 +89,10 @@ class State {
   using CoreRoutes = std::unordered_map<CoreKey, CoreRoute, CoreKeyHash>;
   // Who carries out what changes. A VRF that is removed has lost its tunnel, flows and routes before.
   struct Observer {
-    std::function<void(Vrf &)> vrf_changed;  // new, or of another namespace
-    std::function<void(Vrf &)> vrf_removed;
-    std::function<void(Vrf &)> tunnel_changed;  // also: gone
-    std::function<void(const CoreKey &, bool present)> core_route_changed;
+    std::function<void(Vrf &)> vrf_changed;                                 // new, or of another namespace
+    std::function<void(Vrf &)> vrf_removed;                                 // called while the VRF is still there
+    std::function<void(Vrf &)> tunnel_changed;                              // also: gone
+    std::function<void(const CoreKey &, bool present)> core_route_changed;  // it came or went
     // Another VRF takes its packets from now on: a core packet has one receiver at most.
     std::function<void(const CoreKey &, const Vrf &from, const Vrf &to)> core_route_passes;
   };

@@ -1,3 +1,11 @@
+// The device's life in its namespace, and the packets through it. A device is set up as often as its settings change,
+// and again at the next tick when something of that failed; each failure is told once.
+//
+// Packets: encapsulate() takes a bounded number of batches a turn from the device to the core, arrive() puts one into
+// it. A device that says that it is broken is no longer watched until tick() has looked whether its namespace still
+// stands.
+//
+// Trap: the file that enter() opens keeps the namespace alive after its name has gone, so leave() has to let go of it.
 #include "forwarder/vrf_site.h"
 
 #include <arpa/inet.h>
@@ -13,12 +21,12 @@
 namespace forwarder {
 namespace {
 
-constexpr uint32_t kQueue = 10000;  // packets that the device keeps while the forwarder is busy
-constexpr int kBatchesATurn = 8;
+constexpr uint32_t kQueue = 10000;               // packets that the device keeps while the forwarder is busy
+constexpr int kBatchesATurn = 8;                 // so that one VRF does not keep the others waiting
 constexpr uint32_t kAllPimRouters = 0xE000000D;  // 224.0.0.13
-constexpr size_t kDatagramMax = 65535;
-constexpr int kDatagramsATurn = 64;
-constexpr size_t kDestination = 16;  // byte offset in an IPv4 header
+constexpr size_t kDatagramMax = 65535;           // bytes: the most that IPv4 has
+constexpr int kDatagramsATurn = 64;              // a bound; PIM and Join datagrams are few
+constexpr size_t kDestination = 16;              // byte offset in an IPv4 header
 
 Descriptor make_device(const std::string &name) {
   Descriptor device(::open("/dev/net/tun", O_RDWR | O_NONBLOCK | O_CLOEXEC));

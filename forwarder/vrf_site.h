@@ -27,10 +27,10 @@ namespace forwarder {
 class VrfSite {
  public:
   struct Callbacks {
-    KernelView::Callbacks view;
-    std::function<void(bool up)> tunnel_state;
+    KernelView::Callbacks view;                              // ways_changed may be empty
+    std::function<void(bool up)> tunnel_state;               // when it has changed
     std::function<void(std::span<const uint8_t>)> datagram;  // for the control plane
-    std::function<void(const std::string &)> event;
+    std::function<void(const std::string &)> event;          // one line, for the list of events
   };
 
   VrfSite(Poller &poller, const Namespaces &namespaces, CoreSite &core, State &state, Vrf &vrf, Callbacks callbacks);

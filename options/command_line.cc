@@ -1,3 +1,5 @@
+// The only source that includes CLI11. Handles are pointers into the library's own objects, which live as long as the
+// CommandLine. Called by programs' mains before they start any thread.
 #include "options/command_line.h"
 
 #include <CLI/CLI.hpp>

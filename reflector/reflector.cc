@@ -15,7 +15,7 @@ using host::Mode;
 
 namespace {
 
-constexpr std::chrono::seconds kFarewell{2};
+constexpr std::chrono::seconds kFarewell{2};  // so long neighbours may take to be told that it ends
 
 // Lines that only a router has a use for.
 std::vector<ConfigError> foreign_lines(const host::Config &config) {

@@ -32,10 +32,10 @@ host::ConfigFile read_file(const std::string &path);
 class Reflector {
  public:
   struct Options {
-    std::string config_file;
+    std::string config_file;  // path; read at the start, and again on SIGHUP
     host::ControlServer::Access control{kDefaultControlPath}, looking{"", "", true};  // without a path: none
-    bool log_to_syslog = false;
-    host::Level log_level = host::Level::info;
+    bool log_to_syslog = false;                                                       // false: standard error
+    host::Level log_level = host::Level::info;                                        // the least that is logged
   };
 
   // Starts everything. Throws std::runtime_error with the reason when it cannot.

@@ -1,3 +1,5 @@
+// Reads the environment at each call and keeps nothing, so that it may be called at any time and from any thread. What
+// cannot be told is dropped: a service manager that does not listen is no reason to serve nobody.
 #include "service/notify.h"
 
 #include <sys/socket.h>
