@@ -1,3 +1,10 @@
+// A turn's share of what one neighbour is told: routes are gathered from the reader, grouped by attributes, and written
+// as UPDATEs, announcements first, withdrawals behind them. A route that was told and may no longer be sent is
+// withdrawn.
+//
+// Invariant: a route's bit in the reader is set exactly when the neighbour holds the route once it has read the output.
+// Trap: attributes that alone fill a message are found out while announcing; such routes are withdrawn in the same
+// turn.
 #include "bgp/adj_rib_out.h"
 
 namespace bgp {

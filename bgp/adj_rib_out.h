@@ -17,7 +17,7 @@ class AdjRibOut {
  public:
   // Messages that a turn has written.
   struct Written {
-    size_t updates = 0, refreshes = 0;
+    size_t updates = 0, refreshes = 0;  // messages; refreshes: the marks of RFC 7313
   };
 
   AdjRibOut(Table &table, const ExportTarget &target) : table_(table), target_(target), reader_(table) {}

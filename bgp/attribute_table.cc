@@ -1,3 +1,6 @@
+// Interning. A set is looked for by the octets that encode_attributes() writes for an internal neighbour with
+// four-octet AS numbers: of all forms, this one loses nothing. What selection compares is taken out once, when a set is
+// added.
 #include "bgp/attribute_table.h"
 
 #include <algorithm>
@@ -11,8 +14,10 @@ namespace {
 
 constexpr size_t kNextHopSize = 4;
 constexpr size_t kFirstBuckets = 64;
-constexpr uint32_t kDefaultLocalPref = 100;
+constexpr uint32_t kDefaultLocalPref = 100;  // of routes that come without one; what speakers commonly take
+// Well-known communities (RFC 1997). There are no confederations here: the last one means what the first one does.
 constexpr uint32_t kNoExport = 0xFFFFFF01, kNoAdvertise = 0xFFFFFF02, kNoExportSubconfed = 0xFFFFFF03;
+// internal, four-octet AS, no AS to be prepended
 constexpr UpdateContext kCanonical{true, true, 0};
 
 uint32_t hash_of(const Octets &octets) {

@@ -16,19 +16,19 @@ namespace bgp {
 using AttributeId = uint32_t;  // 0: none
 
 struct AttributeSet {
-  uint32_t next = 0;  // in the bucket
-  uint32_t references = 0;
-  uint32_t hash = 0;
-  uint32_t size = 0;
-  std::unique_ptr<uint8_t[]> octets;
-  Ipv4 next_hop = 0;
-  uint32_t local_pref = 0;  // 100 where the attribute is missing
-  uint32_t med = 0;         // 0 where it is missing
-  uint32_t path_length = 0;
-  AsNumber neighbor_as = 0;  // the first of the path; 0: from this AS
-  Ipv4 originator_id = 0;    // 0: none
-  uint16_t clusters = 0;     // in the cluster list
-  Origin origin = Origin::igp;
+  uint32_t next = 0;                             // in the bucket
+  uint32_t references = 0;                       // paths that have it, and calls that hold it; at 0 it goes
+  uint32_t hash = 0;                             // of the octets
+  uint32_t size = 0;                             // octets
+  std::unique_ptr<uint8_t[]> octets;             // next hop in network byte order, then the attributes as in an UPDATE
+  Ipv4 next_hop = 0;                             // 0: of the session that it is sent on
+  uint32_t local_pref = 0;                       // 100 where the attribute is missing
+  uint32_t med = 0;                              // 0 where it is missing
+  uint32_t path_length = 0;                      // AS numbers; a set counts as one (RFC 4271, 9.1.2.2)
+  AsNumber neighbor_as = 0;                      // the first of the path; 0: from this AS
+  Ipv4 originator_id = 0;                        // 0: none
+  uint16_t clusters = 0;                         // in the cluster list
+  Origin origin = Origin::igp;                   // lower is better
   bool no_advertise = false, no_export = false;  // well-known communities (RFC 1997)
   uint32_t slot = 0, turn = 0;                   // scratch of whoever groups routes by attributes
 };

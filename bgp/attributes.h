@@ -40,23 +40,24 @@ enum class Treatment : uint8_t { accept, discard, as_withdraw, reset };
 
 struct AttributeFault {
   Treatment treatment = Treatment::accept;
-  UpdateError subcode = UpdateError::malformed_attribute_list;
+  UpdateError subcode = UpdateError::malformed_attribute_list;  // reset: of the NOTIFICATION; else for the log
 };
 
 // One attribute as it stands in a message.
 struct RawAttribute {
-  uint8_t flags = 0, type = 0;
-  View value;
-  View whole;  // flags, type, length and value, which an error quotes
+  uint8_t flags = 0, type = 0;  // AttributeFlag bits, AttributeType or an unknown type
+  View value;                   // points into the message
+  View whole;                   // flags, type, length and value, which an error quotes
 };
 
 // What attributes are decoded into. The AS4 ones (RFC 6793) are merged once all are there.
 struct AttributeSink {
+  // Both outlive the decoding of one message.
   const UpdateContext &context;
   Attributes &attributes;
-  std::vector<AsSegment> as4_path;
-  std::optional<Aggregator> as4_aggregator;
-  bool has_origin = false, has_as_path = false;
+  std::vector<AsSegment> as4_path;               // empty: none came, or it was malformed
+  std::optional<Aggregator> as4_aggregator;      // nothing: none came
+  bool has_origin = false, has_as_path = false;  // came and were sound
 };
 
 // Any type but the two multiprotocol ones.

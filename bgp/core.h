@@ -22,12 +22,17 @@ namespace bgp {
 class Session;
 
 struct Event {
-  enum class Kind : uint8_t { log, session, end_of_rib, selection } kind = Kind::log;
-  LogLevel level = LogLevel::info;
-  Ipv4 neighbor = 0;
-  State from = State::idle, to = State::idle;
-  std::string text;
-  uint64_t position = 0;  // end_of_rib: not before the observer has read the changes so far
+  enum class Kind : uint8_t {
+    log,
+    session,
+    end_of_rib,
+    selection
+  } kind = Kind::log;                          // which of the fields below mean something
+  LogLevel level = LogLevel::info;             // log
+  Ipv4 neighbor = 0;                           // session, end_of_rib
+  State from = State::idle, to = State::idle;  // session
+  std::string text;                            // log: the line; session: the reason
+  uint64_t position = 0;                       // end_of_rib: not before the observer has read the changes so far
 };
 
 struct Core {
@@ -45,24 +50,25 @@ struct Core {
   Core(const Core &) = delete;
   Core &operator=(const Core &) = delete;
 
-  SpeakerConfig config;
+  SpeakerConfig config;  // checked
+  // The embedding's; they outlive the speaker.
   Transport &transport;
   Clock &clock;
   Observer &observer;
-  TimerQueue timers;
-  AttributeTable attributes;
-  Table table;
-  ChangeReader news;  // the observer's
-  RouteGroups groups;
-  std::deque<Event> events;
-  std::minstd_rand random;
-  bool stopped = false;
-  bool local_awaited = false;  // the end-of-RIB marks wait for this speaker's own routes
-  ConnectionId last_connection = 0;
-  std::unordered_map<ConnectionId, Session *> sessions;
-  std::vector<Session *> readable;                  // in the order of their turns
-  std::vector<std::unique_ptr<Session>> graveyard;  // closed, and perhaps still on the call stack
-  Octets input;                                     // scratch of whichever session reads
+  TimerQueue timers;                                     // of sessions, peers and the deferral
+  AttributeTable attributes;                             // of all paths
+  Table table;                                           // Adj-RIBs-In and Loc-RIB
+  ChangeReader news;                                     // the observer's
+  RouteGroups groups;                                    // scratch of whichever neighbour's output is made
+  std::deque<Event> events;                              // the oldest first, told at the end of the turn
+  std::minstd_rand random;                               // of the jitter; seeded, so that tests repeat
+  bool stopped = false;                                  // for good: nothing is started again
+  bool local_awaited = false;                            // the end-of-RIB marks wait for this speaker's own routes
+  ConnectionId last_connection = 0;                      // ids are given out upwards from 1
+  std::unordered_map<ConnectionId, Session *> sessions;  // that have a connection; each takes itself out
+  std::vector<Session *> readable;                       // in the order of their turns
+  std::vector<std::unique_ptr<Session>> graveyard;       // closed, and perhaps still on the call stack
+  Octets input;                                          // scratch of whichever session reads
 
   Ipv4 cluster_id() const { return config.cluster_id != 0 ? config.cluster_id : config.router_id; }
   void log(LogLevel level, std::string text);

@@ -1,3 +1,5 @@
+// Two questions about a route and a neighbour: may it be sent, and what becomes of its attributes. Both are asked for
+// every route that is told, so nothing here looks anything up but the route's own set of attributes.
 #include "bgp/export.h"
 
 #include "bgp/attributes.h"
@@ -5,8 +7,8 @@
 namespace bgp {
 namespace {
 
-constexpr uint32_t kDefaultLocalPref = 100;
-constexpr size_t kSegmentMax = 255;
+constexpr uint32_t kDefaultLocalPref = 100;                      // as selection assumes where the attribute is missing
+constexpr size_t kSegmentMax = 255;                              // AS numbers: the count is one octet
 constexpr uint64_t kNonTransitiveCommunity = uint64_t{1} << 62;  // RFC 4360, section 2
 
 void prepend(AsNumber as, std::vector<AsSegment> &path) {

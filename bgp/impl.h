@@ -39,7 +39,7 @@ class Speaker::Impl {
   std::vector<RouteKey> keys_advertised(Ipv4 neighbor) const;
   std::optional<PathView> advertised(Ipv4 neighbor, const RouteKey &key) const;
 
-  Core core;
+  Core core;  // public for the sources that share the speaker's inside
 
  private:
   // What the transport told, until the next turn.

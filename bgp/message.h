@@ -81,9 +81,9 @@ enum class Cease : uint8_t {
 enum class RefreshError : uint8_t { bad_length = 1 };
 
 struct Notification {
-  ErrorCode code = ErrorCode::cease;
-  uint8_t subcode = 0;
-  Octets data;
+  ErrorCode code = ErrorCode::cease;  // of a received one any value
+  uint8_t subcode = 0;                // of the code's enumeration; 0: unspecific
+  Octets data;                        // as RFCs say for the code and subcode; mostly empty
   bool operator==(const Notification &) const = default;
 };
 
@@ -100,14 +100,14 @@ Notification cease(Cease subcode, std::string_view communication = {});
 // ------------------------------------------------------------------------------------------------------------ header
 
 struct Header {
-  MessageType type = MessageType::keepalive;
-  size_t length = kHeaderSize;  // of the message, header included
+  MessageType type = MessageType::keepalive;  // one that exists
+  size_t length = kHeaderSize;                // of the message, header included
 };
 
 template <class T>
 struct Decoded {
-  T value{};
-  std::optional<Notification> error;  // set: `value` means nothing
+  T value{};                          // means something without an error only
+  std::optional<Notification> error;  // what the sender must get; nothing: the value counts
 };
 
 // Of at least kHeaderSize octets. `largest`: 4096, or 65535 once extended messages are agreed.
@@ -122,10 +122,10 @@ struct RestartFamily {
 };
 
 struct GracefulRestart {
-  bool restarting = false;    // R
-  bool notification = false;  // N (RFC 8538): understood when received, not offered
-  uint16_t time = 0;          // seconds, 12 bits
-  std::vector<RestartFamily> families;
+  bool restarting = false;              // R
+  bool notification = false;            // N (RFC 8538): understood when received, not offered
+  uint16_t time = 0;                    // seconds, 12 bits
+  std::vector<RestartFamily> families;  // empty: only understands restarts of others
   bool operator==(const GracefulRestart &) const = default;
 };
 
@@ -141,18 +141,18 @@ struct Capabilities {
 };
 
 struct Open {
-  AsNumber as = 0;  // the four-octet one where that capability is there
-  uint16_t hold_time = 0;
-  Ipv4 router_id = 0;
-  Capabilities capabilities;
+  AsNumber as = 0;            // the four-octet one where that capability is there
+  uint16_t hold_time = 0;     // seconds offered; 0 or 3 to 65535
+  Ipv4 router_id = 0;         // BGP identifier, not 0
+  Capabilities capabilities;  // of the one side that sends it
   bool operator==(const Open &) const = default;
 };
 
 // What an OPEN must agree with.
 struct OpenExpectation {
-  AsNumber remote_as = 0;
-  AsNumber local_as = 0;
-  Ipv4 local_router_id = 0;
+  AsNumber remote_as = 0;    // as configured; another one is refused
+  AsNumber local_as = 0;     // equal to remote_as: internal
+  Ipv4 local_router_id = 0;  // an internal neighbour may not have the same
 };
 
 Decoded<Open> decode_open(View body, const OpenExpectation &expected);
@@ -161,9 +161,9 @@ void encode_open(const Open &open, Octets &out);
 // ------------------------------------------------------------------------------------------------------------ update
 
 struct UpdateContext {
-  bool internal = true;  // the neighbour is in this AS
-  bool four_octet_as = true;
-  AsNumber remote_as = 0;
+  bool internal = true;       // the neighbour is in this AS
+  bool four_octet_as = true;  // agreed: AS numbers of paths take four octets (RFC 6793)
+  AsNumber remote_as = 0;     // an external path must begin with it
 };
 
 // The NLRI of this family in a message, checked for form: a multiple of kNlriSize octets, each with kNlriBits.
@@ -180,13 +180,13 @@ class NlriList {
 };
 
 struct Update {
-  NlriList reachable, unreachable;  // point into the message
-  Attributes attributes;            // of the reachable ones
-  std::optional<Family> end_of_rib;
-  uint32_t unicast = 0;      // IPv4 unicast NLRI, announced and withdrawn, that were skipped
-  uint32_t discarded = 0;    // attributes dropped (RFC 7606)
-  bool as_withdraw = false;  // the reachable ones are to be taken as withdrawn (RFC 7606)
-  std::string remark;        // what was wrong when something was; for the log
+  NlriList reachable, unreachable;   // point into the message
+  Attributes attributes;             // of the reachable ones
+  std::optional<Family> end_of_rib;  // nothing: the message is no mark
+  uint32_t unicast = 0;              // IPv4 unicast NLRI, announced and withdrawn, that were skipped
+  uint32_t discarded = 0;            // attributes dropped (RFC 7606)
+  bool as_withdraw = false;          // the reachable ones are to be taken as withdrawn (RFC 7606)
+  std::string remark;                // what was wrong when something was; for the log
 };
 
 // Into `update`, which is reused between calls so that nothing is allocated for it. Set: the session ends with it.
@@ -224,9 +224,9 @@ Decoded<Notification> decode_notification(View body);
 enum class RefreshKind : uint8_t { request = 0, begin = 1, end = 2 };  // RFC 7313
 
 struct RouteRefresh {
-  Family family;
-  RefreshKind kind = RefreshKind::request;
-  bool known = true;  // false: a kind to be ignored
+  Family family;                            // others than MDT are ignored
+  RefreshKind kind = RefreshKind::request;  // as it means where enhanced refresh is agreed
+  bool known = true;                        // false: a kind to be ignored
 };
 
 Decoded<RouteRefresh> decode_route_refresh(View message, bool enhanced);  // the whole message: errors quote it

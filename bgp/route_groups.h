@@ -10,8 +10,8 @@
 namespace bgp {
 
 struct RouteGroup {
-  AttributeId attributes = 0;
-  SourceId source = 0;
+  AttributeId attributes = 0;       // the table's; a reference is not taken
+  SourceId source = 0;              // that said so: what is sent depends on it too
   std::span<const RouteId> routes;  // in the order in which they were added
 };
 

@@ -1,3 +1,10 @@
+// The connection's framing, output and timers. Input is read a share at a time into a buffer that all sessions have in
+// common; what a share cuts a message in two of is kept (leftover_). Output is appended to one buffer and leaves as the
+// socket takes it.
+//
+// Everything that ends a session goes through finish(), which tells the peer; abandon() alone ends it without. Trap:
+// handling a message may end the session, so callers look at the stage behind it. The object stays until the end of the
+// turn.
 #include "bgp/session.h"
 
 #include <algorithm>

@@ -20,7 +20,7 @@ struct SessionEnd {
     sent,       // one was sent
     quietly     // neither: closed without a word, for the neighbour to keep the routes
   } by = By::transport;
-  std::string words;
+  std::string words;  // for the log and the views
 };
 
 class Session {

@@ -55,17 +55,17 @@ struct MaximumPrefix {
 };
 
 struct NeighborConfig {
-  Ipv4 address = 0;
-  AsNumber remote_as = 0;  // equal to the local AS: internal
-  std::string description{};
-  uint16_t port = 179;
+  Ipv4 address = 0;           // identifies the neighbour; not 0
+  AsNumber remote_as = 0;     // equal to the local AS: internal
+  std::string description{};  // for views
+  uint16_t port = 179;        // as the next three: PeerOptions
   Ipv4 local_address = 0;
   std::string password{};
-  uint8_t ttl_security = 0;     // as in PeerOptions
-  uint16_t hold_time = 90;      // seconds offered; 0 (no keepalives) or 3 to 65535
-  uint16_t connect_retry = 30;  // seconds, 1 to 65535
-  bool passive = false;         // wait for the neighbour's connection
-  bool shutdown = false;
+  uint8_t ttl_security = 0;        // as in PeerOptions
+  uint16_t hold_time = 90;         // seconds offered; 0 (no keepalives) or 3 to 65535
+  uint16_t connect_retry = 30;     // seconds, 1 to 65535
+  bool passive = false;            // wait for the neighbour's connection
+  bool shutdown = false;           // no session; one that is there ends with Cease, Administrative Shutdown
   std::string shutdown_message{};  // RFC 9003, UTF-8, at most 255 octets; cut there
   bool reflector_client = false;   // this speaker reflects routes for it (internal neighbours)
   // Offers IPv4 unicast as well, for neighbours that end a session without a family in common. None is sent, what comes
@@ -80,8 +80,8 @@ struct BestChange {
   Nlri nlri;             // of a route that is gone: the last one reported
   bool present = false;  // false: there is no route any more
   bool local = false;    // originated here
-  Ipv4 next_hop = 0;
-  Ipv4 neighbor = 0;  // it came from; 0: originated here
+  Ipv4 next_hop = 0;     // of the best path; 0: originated here without one, or gone
+  Ipv4 neighbor = 0;     // it came from; 0: originated here
 };
 
 enum class LogLevel : uint8_t { debug, info, warning, error };
@@ -111,53 +111,54 @@ inline constexpr size_t kBestBatch = 100;  // an observer does far more for each
 // ------------------------------------------------------------------------------------------------------------- views
 
 struct MessageCounters {
+  // Since the neighbour was configured, over all its sessions. octets: of all messages.
   uint64_t open = 0, update = 0, notification = 0, keepalive = 0, route_refresh = 0;
   uint64_t octets = 0;
   uint64_t total() const { return open + update + notification + keepalive + route_refresh; }
 };
 
 struct ErrorView {
-  Notification notification;
-  std::string words;  // "Cease, Administrative Shutdown: maintenance until noon"
-  Time when{};
+  Notification notification;  // as sent or received
+  std::string words;          // "Cease, Administrative Shutdown: maintenance until noon"
+  Time when{};                // by the speaker's clock
 };
 
 struct NeighborView {
-  NeighborConfig config;
-  State state = State::idle;
+  NeighborConfig config;        // as set; who shows it leaves the password out
+  State state = State::idle;    // of the session that has come farthest
   Time since{};                 // of the state
   std::string reason;           // of the last change to Idle or Active, in words; may be empty
   Ipv4 router_id = 0;           // of the neighbour; 0 before its OPEN
   Ipv4 local_address = 0;       // of the session; 0 without one
   uint16_t hold_time = 0;       // seconds, negotiated; 0 without a session or without keepalives
   uint16_t keepalive_time = 0;  // seconds
-  bool internal = false;
+  bool internal = false;        // in this speaker's AS
   Capabilities sent, received;  // of the current or last session
   bool four_octet_as = false, route_refresh = false, enhanced_refresh = false, extended_messages = false;  // agreed
-  bool mdt = false;  // the family is agreed
-  MessageCounters in, out;
-  uint32_t accepted = 0;  // routes in the Adj-RIB-In, stale ones included
-  uint32_t stale = 0;
-  uint32_t advertised = 0;  // routes in the Adj-RIB-Out
-  uint64_t established_count = 0;
-  uint64_t refused_loops = 0;                                  // routes refused for an AS, originator or cluster loop
+  bool mdt = false;                // the family is agreed
+  MessageCounters in, out;         // received, sent
+  uint32_t accepted = 0;           // routes in the Adj-RIB-In, stale ones included
+  uint32_t stale = 0;              // of the accepted ones: from before a restart, not said again yet
+  uint32_t advertised = 0;         // routes in the Adj-RIB-Out
+  uint64_t established_count = 0;  // times that a session was established
+  uint64_t refused_loops = 0;      // routes refused for an AS, originator or cluster loop
   uint64_t treated_as_withdraw = 0, discarded_attributes = 0;  // RFC 7606: messages, attributes
   uint64_t ignored_unicast = 0;                                // IPv4 unicast NLRI dropped
   bool over_limit = false;                                     // held down or warned about maximum-prefix
-  bool end_of_rib_received = false, end_of_rib_sent = false;
-  std::optional<Time> restart_deadline;  // the neighbour restarts: its routes are kept until then
-  std::optional<ErrorView> last_sent, last_received;
-  size_t output_pending = 0;  // octets that the socket has not taken yet
+  bool end_of_rib_received = false, end_of_rib_sent = false;   // in the present session
+  std::optional<Time> restart_deadline;                        // the neighbour restarts: its routes are kept until then
+  std::optional<ErrorView> last_sent, last_received;           // NOTIFICATIONs; nothing: never
+  size_t output_pending = 0;                                   // octets that the socket has not taken yet
 };
 
 struct PathView {
-  Ipv4 neighbor = 0;  // 0: originated here
-  Ipv4 group = 0;
-  Attributes attributes;
-  bool internal = false;
-  bool best = false;
-  bool stale = false;
-  std::string why;  // of the best: the step that made it so; of the others: the step they lost at
+  Ipv4 neighbor = 0;      // 0: originated here
+  Ipv4 group = 0;         // default MDT group
+  Attributes attributes;  // as received; of advertised(): as sent
+  bool internal = false;  // from a neighbour in this AS
+  bool best = false;      // selected; at most one of a route
+  bool stale = false;     // from before the neighbour's restart, not said again yet
+  std::string why;        // of the best: the step that made it so; of the others: the step they lost at
 };
 
 struct RouteView {
@@ -166,8 +167,8 @@ struct RouteView {
 };
 
 struct TableSizes {
-  uint64_t routes = 0, paths = 0, attribute_sets = 0;
-  uint64_t octets = 0;  // held by tables, attributes and pending changes
+  uint64_t routes = 0, paths = 0, attribute_sets = 0;  // numbers of records
+  uint64_t octets = 0;                                 // held by tables, attributes and pending changes
 };
 
 enum class ClearKind : uint8_t {

@@ -1,3 +1,10 @@
+// The table's four parts: routes in a hash table that grows by one bucket at a time; sources with their lists of paths;
+// paths and selection; the log of changes with its readers. Whatever is long is done in shares that the caller gives.
+//
+// Invariants: the best path is the first of its route while the route is selected; a route without paths stays while
+// its latest change has not been passed by every reader; a position in the log counts only if it is the latest of its
+// route. Path generations are eight bits and compared by difference: a sweep has to be through before 255 more sessions
+// are lost.
 #include "bgp/table.h"
 
 #include <algorithm>

@@ -30,7 +30,7 @@ using SourceId = uint16_t;  // kLocal: this speaker
 inline constexpr SourceId kLocal = 0;
 
 struct Route {
-  RouteKey key;
+  RouteKey key;           // never changes
   Ipv4 group = 0;         // of the best path; of the last one when there is none any more
   RouteId next = 0;       // in the bucket
   PathId paths = 0;       // the best first, when one is selected
@@ -40,28 +40,28 @@ struct Route {
 };
 
 struct Path {
-  PathId next = 0;  // of the same route
-  RouteId route = 0;
-  AttributeId attributes = 0;
+  PathId next = 0;               // of the same route
+  RouteId route = 0;             // that it is a path of
+  AttributeId attributes = 0;    // one reference
   PathId before = 0, after = 0;  // of the same source
-  Ipv4 group = 0;
-  SourceId source = 0;
-  uint8_t generation = 0;
+  Ipv4 group = 0;                // as the source said
+  SourceId source = 0;           // who said it; one path of a route for each
+  uint8_t generation = 0;        // the source's when it was said last; another: stale
 };
 
 // Where paths come from, as selection sees it.
 struct Source {
-  Ipv4 address = 0;  // 0: this speaker
-  Ipv4 router_id = 0;
-  bool internal = true;
-  bool client = false;  // of this reflector
-  bool in_use = false;
-  uint8_t generation = 0;
-  PathId first = 0, last = 0;
-  uint32_t paths = 0;     // all
-  uint32_t fresh = 0;     // of the present generation
-  PathId sweep = 0;       // where a sweep goes on
-  uint8_t sweep_age = 0;  // paths this many generations old, or older, are removed; 0: no sweep
+  Ipv4 address = 0;            // 0: this speaker
+  Ipv4 router_id = 0;          // the neighbour's, from its OPEN
+  bool internal = true;        // in this AS
+  bool client = false;         // of this reflector
+  bool in_use = false;         // false: the number may be given out again once it has no paths
+  uint8_t generation = 0;      // raised when a session is lost; wraps
+  PathId first = 0, last = 0;  // its paths; 0: none
+  uint32_t paths = 0;          // all
+  uint32_t fresh = 0;          // of the present generation
+  PathId sweep = 0;            // where a sweep goes on
+  uint8_t sweep_age = 0;       // paths this many generations old, or older, are removed; 0: no sweep
 };
 
 // What a next hop costs; nothing: it cannot be reached.

@@ -1,3 +1,6 @@
+// The queue keeps each timer at most once, at a time that is never later than its deadline; one that comes up too early
+// is put back at its deadline. Expired functions may start and stop any timer and destroy others, because run() looks
+// at the queue anew for each.
 #include "bgp/timer.h"
 
 namespace bgp {

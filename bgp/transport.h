@@ -33,7 +33,7 @@ struct Received {
     closed        // the other side closed or reset the connection; close() is still called
   };
   Status status = Status::would_block;
-  size_t bytes = 0;
+  size_t bytes = 0;  // of data; else 0
 };
 
 class Transport {

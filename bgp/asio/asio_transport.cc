@@ -1,3 +1,9 @@
+// Sockets by Boost.Asio, their reading and writing by plain calls: the speaker asks when it has time, and Asio only
+// tells when asking is worth it. One thread, that of the io_context.
+//
+// Traps. A handler that is queued runs after what it belongs to has gone: each looks first whether the transport lives
+// (alive_) and whether the connection is still the one that it was made for. The speaker may not be called from within
+// its own calls, so what fails in one of them is posted (fail).
 #include "bgp/asio/asio_transport.h"
 
 #include <sys/socket.h>

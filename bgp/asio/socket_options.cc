@@ -1,3 +1,4 @@
+// setsockopt() with numbers of Linux. Error texts end with the system's words, for operators.
 #include "bgp/asio/socket_options.h"
 
 #include <linux/tcp.h>
@@ -11,7 +12,7 @@ namespace bgp {
 namespace {
 
 constexpr int kFullTtl = 255;
-constexpr int kSystemDefault = -1;
+constexpr int kSystemDefault = -1;  // as IP_TTL: what the system is set to
 
 std::string set_number(int socket, int option, int value, const char *what) {
   if (setsockopt(socket, IPPROTO_IP, option, &value, sizeof value) == 0) return "";
