@@ -10,8 +10,8 @@ extern "C" {
 
 /* Zero-filled: the empty set. Filled by its owner, the host; the module only reads it. */
 struct bitfield {
-  uint32_t *words; /* 32 bits a word, lowest bit first; null when word_count is 0 */
-  uint32_t word_count;
+  uint32_t *words;     /* 32 bits a word, lowest bit first; null when word_count is 0 */
+  uint32_t word_count; /* 0: the empty set */
 };
 
 /* Non-zero when the bit is in the set; bits beyond the words are not. */

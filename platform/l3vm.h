@@ -15,9 +15,9 @@ enum l3vm_state {
 };
 
 struct l3vm_context_info {
-  uint32_t state; /* enum l3vm_state */
-  uint32_t table_id;
-  char name[VRF_NAME_MAX + 1];
+  uint32_t state;              /* enum l3vm_state */
+  uint32_t table_id;           /* 0 = none */
+  char name[VRF_NAME_MAX + 1]; /* NUL-terminated */
 };
 
 /* Non-zero on success; 0 when there is no such VRF, *info is then unspecified. */

@@ -10,8 +10,8 @@ extern "C" {
 
 /* Attributes of slabs; filled by slab_set_attr only. */
 struct slab_attr {
-  uint32_t kind;
-  uint32_t flags;
+  uint32_t kind;  /* the service's */
+  uint32_t flags; /* the service's */
 };
 
 typedef struct slab *slab_handle; /* 0 (null) = no slab */

@@ -94,16 +94,16 @@ enum mrib_notify_event {
 
 /* A route of the MRIB. Read-only for clients; valid until the caller yields. */
 struct mrib_route {
-  struct mvpn_mdt_route_addrs addrs;
-  uint8_t reserved1[80];
-  im_iod_t mti_iod; /* byte offset 92: tunnel interface that the route was installed with; 0 = none */
-  uint8_t reserved2[56];
+  struct mvpn_mdt_route_addrs addrs; /* the record begins with its address */
+  uint8_t reserved1[80];             /* the service's */
+  im_iod_t mti_iod;                  /* byte offset 92: tunnel interface that the route was installed with; 0 = none */
+  uint8_t reserved2[56];             /* the service's */
 };
 
 /* A group of the MRIB. sources: tree of the group's routes by source, 4-byte keys in network byte order, data a
  * struct mrib_route or null; the group's own (*,G) route stands in it under key 0. */
 struct mrib_group {
-  pt_root *sources;
+  pt_root *sources;                /* null: no route */
   const struct mrib_route *star_g; /* the group's own (*,G) route; null when there is none */
 };
 

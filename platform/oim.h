@@ -76,8 +76,8 @@ int oim_send_if_bringdown_request(if_index_t if_index, uint32_t reserved);
 
 /* An interface of the manager's database. The walk continues after info->if_index, present or not. */
 struct oim_if_info {
-  if_index_t if_index;
-  im_iod_t iod;
+  if_index_t if_index; /* where a walk goes on */
+  im_iod_t iod;        /* 0 = none */
 };
 
 /* Non-zero while an entry was returned. */

@@ -37,9 +37,9 @@ struct pim_cibtype {
 
 /* PIM interface. Owned by the host. */
 struct pim_iftype {
-  struct pim_cibtype *pcib; /* VRF of the interface; null = none */
-  im_iod_t iod;
-  if_index_t if_index;
+  struct pim_cibtype *pcib;        /* VRF of the interface; null = none */
+  im_iod_t iod;                    /* not 0 */
+  if_index_t if_index;             /* not 0 */
   uint8_t pim_enabled;             /* 1: PIM runs on the interface */
   ip_addr_t local_addr;            /* 0 = none */
   uint32_t hello_interval;         /* milliseconds */
@@ -67,15 +67,15 @@ struct pim_route {
 
 /* A core route of the host. Begins with the MRIB address record of the core source and group. */
 struct pim_core_route {
-  struct mvpn_mdt_route_addrs addrs;
-  uint8_t reserved[138];
-  uint8_t marker_a; /* byte offset 150: the host's; non-zero = the route had dependent routes */
-  uint8_t marker_b; /* byte offset 151: as marker_a */
+  struct mvpn_mdt_route_addrs addrs; /* core source and group */
+  uint8_t reserved[138];             /* the host's */
+  uint8_t marker_a;                  /* byte offset 150: the host's; non-zero = the route had dependent routes */
+  uint8_t marker_b;                  /* byte offset 151: as marker_a */
 };
 
 /* Iterator over PIM contexts in name order; lives on the caller's stack and survives any change of the contexts. */
 struct pim_cib_iterator {
-  char vrf_name[VRF_NAME_MAX + 1];
+  char vrf_name[VRF_NAME_MAX + 1]; /* of the context returned last */
 };
 
 /* Queues and handles of the process. */

@@ -36,9 +36,9 @@ struct ravl_tree {
 
 /* A position in a walk: the key of the last record returned. Lives on the caller's stack. */
 struct ravl_iterator {
-  struct ravl_tree *tree;
-  uint32_t started;
-  uint8_t key[RAVL_KEY_MAX];
+  struct ravl_tree *tree;    /* the one that is walked; outlives the walk */
+  uint32_t started;          /* 0: nothing was returned yet, and key means nothing */
+  uint8_t key[RAVL_KEY_MAX]; /* of the record returned last; key_length bytes count */
 };
 
 /* Empties a tree and fixes its order. key_length: 1..RAVL_KEY_MAX. compare: null for byte order. */

@@ -25,10 +25,10 @@ struct rpm_binding {
 
 /* What a policy is matched against. */
 struct rpm_mroute_match {
-  ip_addr_t source;
-  ip_addr_t group;
+  ip_addr_t source;   /* customer source; 0 when source_len is 0 */
+  ip_addr_t group;    /* customer group */
   uint8_t source_len; /* 32, or 0 for any source */
-  uint8_t group_len;
+  uint8_t group_len;  /* mask length 0..32 */
 };
 
 /* Characters of the longest policy name. */

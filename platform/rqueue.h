@@ -17,9 +17,9 @@ enum { RQUEUE_LINKING = 0, RQUEUE_DATA = 1 };
 struct rqueue {
   void *head;
   void *tail;
-  uint32_t count;
-  uint32_t flag;
-  void *index; /* data queues: null while empty */
+  uint32_t count; /* items */
+  uint32_t flag;  /* RQUEUE_LINKING or RQUEUE_DATA */
+  void *index;    /* data queues: null while empty */
 };
 
 /* Empties a queue without freeing anything: rqueue_init(queue, RQUEUE_LINKING or RQUEUE_DATA, 0). */

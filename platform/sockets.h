@@ -27,9 +27,9 @@ enum {
 
 /* Socket address. Ports and addresses in network byte order. */
 struct quillon_sockaddr_in {
-  uint16_t family;
-  uint16_t port;
-  uint32_t address;
+  uint16_t family;     /* QUILLON_AF_INET, host byte order */
+  uint16_t port;       /* network byte order */
+  uint32_t address;    /* network byte order; 0 = any */
   uint16_t iod;        /* byte offset 8: ordinal of the receiving interface, host byte order; 0 when sending */
   uint8_t reserved[6]; /* 0 */
 };

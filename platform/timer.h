@@ -36,7 +36,7 @@ void active_timer_cancel(active_timer *timer);
 
 /* Monotonic time since an arbitrary start. */
 struct zeph_timestamp {
-  uint64_t seconds;
+  uint64_t seconds;     /* whole ones */
   uint64_t nanoseconds; /* 0..999999999 */
 };
 

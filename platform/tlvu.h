@@ -23,9 +23,9 @@ struct tlvu_field {
 };
 
 struct tlvu_table {
-  uint32_t record_size;
-  const char *record_name;
-  const struct tlvu_field *fields;
+  uint32_t record_size;            /* bytes */
+  const char *record_name;         /* for error texts */
+  const struct tlvu_field *fields; /* ends with a row of TLVU_END; lives as long as the table */
 };
 
 /* Error codes; 0 is success. */
@@ -53,6 +53,7 @@ int tlvu_table_struct_size(const struct tlvu_table *table, const uint8_t *tlv, u
 /* Walk over the encoded fields. get_next: 0 and *id, *value, *size filled; TLVU_ERR_TRUNCATED for bad bytes; -1 at
  * the end. get_field: the field with an id; -1 when absent. Values stay in the encoded bytes, network byte order. */
 struct tlvu_field_iterator {
+  /* The service's; tlv stays the caller's and outlives the walk. length and position count bytes. */
   const uint8_t *tlv;
   uint32_t length;
   uint32_t position;

@@ -22,10 +22,10 @@ enum { TXLIST_KIND_ITERATOR = 0, TXLIST_KIND_MAX = 7 };
 struct txlist_obj {
   struct txlist_obj *next;
   struct txlist_obj *prev;
-  txlist *list; /* null while not linked */
-  uint32_t version;
-  uint8_t kind;
-  uint8_t is_member;
+  txlist *list;      /* null while not linked */
+  uint32_t version;  /* of its last insertion; wraps */
+  uint8_t kind;      /* 1..TXLIST_KIND_MAX, or TXLIST_KIND_ITERATOR */
+  uint8_t is_member; /* 1: a member, 0: an element */
 };
 
 struct txlist_element {

@@ -1,3 +1,6 @@
+// Writes by libpcap, which is told a file without a device. Times in the file are the wall clock's and not the
+// platform's: whoever looks at it compares it with other machines' captures. A capture that cannot be written loses
+// packets and says nothing; start() tries, so that a path or a full disk is noticed by the operator who asks for it.
 #include "platform/reference/capture.h"
 
 #include <pcap/pcap.h>

@@ -12,18 +12,18 @@ namespace ref {
 
 // One argument of an invocation, by the name that handlers read it under; keywords have no value.
 struct CliArgument {
-  std::string name;
+  std::string name;   // of the argument in the command's grammar, or the keyword itself
   std::string value;  // as typed
 };
 // Where output goes. text: what the operator sees; value: recorded values in order.
 enum class CliValueType { string, number, unsigned_number, boolean, duration };
 struct CliValue {
-  int element = 0;  // CLI_ELEMENT_...
-  CliValueType type = CliValueType::string;
-  std::string text;  // string; also the decimal form of numbers
-  int64_t number = 0;
-  uint64_t unsigned_number = 0;
-  double seconds = 0;  // duration
+  int element = 0;                           // CLI_ELEMENT_...
+  CliValueType type = CliValueType::string;  // which of the fields below holds it
+  std::string text;                          // string; also the decimal form of numbers
+  int64_t number = 0;                        // number; boolean: 0 or 1
+  uint64_t unsigned_number = 0;              // unsigned_number
+  double seconds = 0;                        // duration
 };
 class CliSink {
  public:
@@ -33,13 +33,13 @@ class CliSink {
   virtual bool more() { return true; }  // cli_more_output
 };
 struct CliInvocation {
-  std::string handler;
-  std::vector<CliArgument> arguments;
-  std::string vrf_name;   // context that the command addresses; empty: none
-  bool all_vrfs = false;  // show: every VRF
-  bool no_form = false;
-  bool interactive = true;
-  bool getnext = false;
+  std::string handler;                 // as the module registered it
+  std::vector<CliArgument> arguments;  // keywords among them, in the order of the line
+  std::string vrf_name;                // context that the command addresses; empty: none
+  bool all_vrfs = false;               // show: every VRF
+  bool no_form = false;                // the line began with "no"
+  bool interactive = true;             // typed by an operator; false: replayed from the configuration
+  bool getnext = false;                // SNMP asks for the entry behind the one that the arguments name
 };
 // Runs a registered handler; its result. -2: there is no such handler.
 int cli_invoke(const CliInvocation &invocation, CliSink &sink);

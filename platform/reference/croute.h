@@ -13,7 +13,7 @@
 namespace ref {
 
 struct CustomerRoute {
-  mvpn_mdt_route_addrs addrs{};
+  mvpn_mdt_route_addrs addrs{};   // identifies the route in its VRF
   std::string iif;                // empty: none; "mvpn": the VRF's tunnel whenever it is up
   ip_addr_t rpf_neighbor = 0;     // 0: none
   std::vector<std::string> oifs;  // outgoing interfaces of the VRF, its tunnel apart

@@ -1,3 +1,5 @@
+// Which forwarding plane is in use. One that comes is told of everything that the services hold: tunnels before the
+// core routes that name them, customer routes last.
 #include "platform/reference/forwarding_plane.h"
 
 #include "platform/reference/services.h"

@@ -19,9 +19,9 @@ struct Interface {
   vrf_context_id_t context_id = VRF_CONTEXT_ID_DEFAULT;  // VRF that it belongs to
   ip_addr_t address = 0;                                 // 0: none
   uint32_t mtu = 1500;                                   // bytes
-  bool up = false;
-  bool mvpn_tunnel = false;   // made by the tunnel manager
-  std::string unnumbered_to;  // interface whose address it uses; empty: its own
+  bool up = false;                                       // one state, administrative and physical in one
+  bool mvpn_tunnel = false;                              // made by the tunnel manager
+  std::string unnumbered_to;                             // interface whose address it uses; empty: its own
 };
 // Creates an interface (iod 0: the next free one); 0 when the name is taken. Notifications go to the module through the
 // main loop: creation, state and address changes, each only when something changes and while enabled.

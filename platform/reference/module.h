@@ -11,6 +11,8 @@ namespace ref {
 
 // Entry points of the module that the platform delivers to; null members are not called.
 struct Module {
+  // Each is the function of mvpn.h that the host's module loader binds it to; mvpn.h says what it means. All are called
+  // on the main thread with the scheduling locks.
   int (*process_msg)(mts_message *msg) = nullptr;
   void (*interface_status)(im_iod_t iod, int up) = nullptr;
   void (*interface_create)(im_iod_t iod) = nullptr;

@@ -12,7 +12,7 @@ namespace ref {
 
 // A core route as its owner installed it.
 struct MribRoute {
-  mvpn_mdt_route_addrs addrs{};
+  mvpn_mdt_route_addrs addrs{};     // core source and group
   vrf_context_id_t context_id = 0;  // of the core
   uint32_t owner = 0;               // context id of the customer VRF
   im_iod_t mti_iod = 0;             // the owner's tunnel; 0: none was given

@@ -1,3 +1,8 @@
+// Records of routes, their groups and their owners. Which owner's installation counts is decided in install() and
+// uninstall() alone. A client reads a route in the form in which it was installed; that form is made when it is asked
+// for (mrib_route_of), not kept.
+//
+// Trap: ids and references to records stay valid while other records come and go, but not beyond settle() of their own.
 #include "platform/reference/mrib_routes.h"
 
 #include <algorithm>

@@ -23,18 +23,18 @@
 #include "platform/reference/record_table.h"
 
 struct mrib_context {
-  vrf_context_id_t context_id;
-  size_t routes;  // of either sort
+  vrf_context_id_t context_id;  // of the routes; the core's, or a customer VRF's
+  size_t routes;                // of either sort
 };
 
 namespace ref {
 
 struct MribKey {
-  vrf_context_id_t context_id = 0;
-  ip_addr_t group = 0;
-  ip_addr_t source = 0;  // 0 for (*,G)
-  uint8_t group_len = 0;
-  uint8_t source_len = 0;
+  vrf_context_id_t context_id = 0;  // that the route stands in
+  ip_addr_t group = 0;              // host byte order
+  ip_addr_t source = 0;             // 0 for (*,G)
+  uint8_t group_len = 0;            // 0..32
+  uint8_t source_len = 0;           // 0..32; MROUTE_ANY_SOURCE_LEN: (*,G)
   auto operator<=>(const MribKey &) const = default;
   uint64_t hash() const {
     return mix(mix(uint64_t{group} << 32 | source) + (uint64_t{context_id} << 16 | group_len << 8 | source_len));
@@ -48,12 +48,12 @@ mvpn_mdt_route_addrs addrs_of(const MribKey &key);
 
 // What an owner installed.
 struct MribInstalled {
-  uint32_t owner = 0;
-  im_iod_t mti_iod = 0;  // 0: none
-  im_iod_t mdt_source_iod = 0;
-  ip_addr_t rpf_addr = 0;  // 0: none was given
-  uint32_t xid = 0;
-  bool mti_given : 1 = false;
+  uint32_t owner = 0;           // context id of the customer VRF; 0: nobody
+  im_iod_t mti_iod = 0;         // 0: none
+  im_iod_t mdt_source_iod = 0;  // 0: none
+  ip_addr_t rpf_addr = 0;       // 0: none was given
+  uint32_t xid = 0;             // transaction id of the update
+  bool mti_given : 1 = false;   // as the next four: flags of the update entry (platform/mrib.h)
   bool local : 1 = false;
   bool last_hop : 1 = false;
   bool asm_shared_tree : 1 = false;
@@ -66,11 +66,11 @@ class MribRoutes {
 
   struct Record {
     const MribKey &key() const { return its_key; }
-    MribKey its_key;
-    uint32_t next = 0;         // the table's
-    Id before = 0, after = 0;  // in the group
-    MribInstalled client;      // what counts of what the owners installed
-    im_iod_t foreign_mti = 0;
+    MribKey its_key;             // never changes
+    uint32_t next = 0;           // the table's
+    Id before = 0, after = 0;    // in the group
+    MribInstalled client;        // what counts of what the owners installed
+    im_iod_t foreign_mti = 0;    // tunnel that somebody else gave it; 0: none
     bool foreign : 1 = false;    // held by somebody else than the client
     bool installed : 1 = false;  // held by the client
     bool owned : 1 = false;      // by the VRF in `client`, and by those in `shared` that stand under its key
@@ -115,17 +115,17 @@ class MribRoutes {
 
  private:
   struct GroupKey {
-    vrf_context_id_t context_id = 0;
-    ip_addr_t group = 0;
-    uint32_t group_len = 0;
+    vrf_context_id_t context_id = 0;  // as the routes'
+    ip_addr_t group = 0;              // host byte order
+    uint32_t group_len = 0;           // 0..32
     bool operator==(const GroupKey &) const = default;
     uint64_t hash() const { return mix(mix(uint64_t{context_id} << 32 | group) + group_len); }
   };
   struct Group {
     const GroupKey &key() const { return its_key; }
     GroupKey its_key;
-    uint32_t next = 0;
-    Id first = 0;
+    uint32_t next = 0;  // the table's
+    Id first = 0;       // head of the list of its routes
   };
   static GroupKey group_key(const MribKey &key) { return {key.context_id, key.group, key.group_len}; }
 

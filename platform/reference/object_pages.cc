@@ -1,3 +1,10 @@
+// Pages of 64 KiB at addresses that are multiples of 64 KiB, so that an object's page is found by clearing the lower
+// bits of its address. A page keeps the list of its free objects; pages of a size with room form a list, and those
+// without are in none: their objects bring them back. Objects that are too large for this are allocations of their own
+// behind a page's head.
+//
+// Traps. What is given back must be zeroed by whoever takes it next, which take_object() does; and the first word of a
+// free object is a link, so a use after give_object() shows as a damaged list, unless the address sanitizer is there.
 #include "platform/reference/object_pages.h"
 
 #include <sys/mman.h>

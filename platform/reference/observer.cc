@@ -1,3 +1,4 @@
+// Who watches. A plain pointer: it is set and read under the scheduling locks.
 #include "platform/reference/observer.h"
 
 namespace ref {

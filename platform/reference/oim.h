@@ -11,14 +11,14 @@
 namespace ref {
 
 struct Tunnel {
-  if_index_t if_index = 0;  // of overlay sort: made of the VRF's table id
-  im_iod_t iod = 0;         // its interface
-  uint8_t admin_up = 0;     // 1: the module wants it up
-  std::string vrf_name;
+  if_index_t if_index = 0;    // of overlay sort: made of the VRF's table id
+  im_iod_t iod = 0;           // its interface
+  uint8_t admin_up = 0;       // 1: the module wants it up
+  std::string vrf_name;       // empty: of a VRF that is not there yet
   uint32_t mtu = 0;           // bytes; 0: not given yet
   ip_addr_t source = 0;       // 0: not given yet
   ip_addr_t destination = 0;  // the default group; 0: not given yet
-  bool up = false;
+  bool up = false;            // its interface is
 };
 std::vector<Tunnel> tunnels();  // by if-index
 const Tunnel *find_tunnel(if_index_t if_index);

@@ -18,6 +18,7 @@ void remove_bidir_range(ip_addr_t prefix, uint32_t length);
 void set_feature_configured(bool configured);
 
 struct PimCounters {
+  // How often the module had the process do each, since reset().
   uint64_t hellos_sent = 0, routes_reinstalled = 0, oif_removals = 0, encap_setups = 0;
   uint64_t rpf_lookups = 0, join_triggers = 0;
 };

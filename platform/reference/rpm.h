@@ -13,7 +13,7 @@ namespace ref {
 
 // The first entry that a flow matches decides; a flow that matches none is denied.
 struct PolicyEntry {
-  bool permit = true;
+  bool permit = true;                      // false: the entry denies
   ip_addr_t source = 0, group = 0;         // prefixes
   uint32_t source_len = 0, group_len = 0;  // their lengths, 0..32; 0 matches everything
 };

@@ -1,5 +1,5 @@
 // What the routing services of the reference platform know of each other: interfaces, VRFs, tunnels, customer routes,
-// MRIB. Nothing here is for hosts or tests; they use reference.h.
+// MRIB. Nothing here is for hosts or tests; they use runtime.h and the driver headers.
 //
 // All of it runs under the scheduling locks. A service never calls the module: it posts work that looks its target up
 // again by name or number when it runs, because VRFs, interfaces and routes may have gone meanwhile.

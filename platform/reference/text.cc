@@ -1,3 +1,5 @@
+// Texts that services hand to C code. Each thread has its own ring, so that no other thread's results overwrite one;
+// the module may use eight in one message, and the ring has room for twice that.
 #include "platform/reference/text.h"
 
 #include <algorithm>

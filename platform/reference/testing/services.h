@@ -27,9 +27,9 @@ void set_df_winner(ip_addr_t rp, im_iod_t iif, ip_addr_t winner);
 // ------------------------------------------------------------------------------------------------------------ tunnels
 
 struct OimRequest {
-  std::string operation;  // "create", "modify", "delete", "bringup", "bringdown"
-  if_index_t if_index = 0;
-  im_iod_t iod = 0;                                               // as the request names it; 0: it names none
+  std::string operation;    // "create", "modify", "delete", "bringup", "bringdown"
+  if_index_t if_index = 0;  // as the request names it
+  im_iod_t iod = 0;         // as the request names it; 0: it names none
   std::vector<std::pair<uint16_t, std::vector<uint8_t>>> params;  // type, value in network byte order
 };
 const std::vector<OimRequest> &oim_requests();  // the latest 1000
@@ -79,9 +79,9 @@ void clear_sent_core_packets();
 void inject_datagram(im_iod_t iod, const void *datagram, size_t size);
 // Options set on the socket that was opened last, in order.
 struct SocketOption {
-  int level = 0;
-  int option = 0;
-  std::vector<uint8_t> value;
+  int level = 0;               // QUILLON_... of platform/sockets.h
+  int option = 0;              // of the level
+  std::vector<uint8_t> value;  // as it was given
 };
 std::vector<SocketOption> socket_options();
 // The next n calls fail: "m_get_prio", "m_copyback", "recvfrom".

@@ -34,8 +34,11 @@ constexpr int SWITCHOVER_INTERVAL_SHOWN = 3;
 constexpr int HOLDDOWN_INTERVAL_SHOWN = 60;
 constexpr int TIMEOUT_INTERVAL_SHOWN = 180;
 
+// What is printed between two yields: more keeps other threads waiting for longer, less makes a long view slower, since
+// the place is looked for again behind each. No finer reason; the second is 200 routes and the worker's mark among
+// them.
 constexpr uint32_t ROUTES_PER_YIELD = 100;
-constexpr uint32_t TXLIST_OBJECTS_PER_YIELD = 201;  // 200 routes and the worker's mark among them
+constexpr uint32_t TXLIST_OBJECTS_PER_YIELD = 201;
 
 // Runs a printer for the VRF that a command addresses, or for all.
 int show_vrfs(cli_command *command, mvpn_vrf_printer printer) {
