@@ -1,0 +1,32 @@
+// The commands of a VRF that the module judges: in which order it wants them, and what becomes of one that it refuses.
+#ifndef HOST_DAEMON_VRF_COMMANDS_H
+#define HOST_DAEMON_VRF_COMMANDS_H
+
+#include <string>
+#include <vector>
+
+#include "host/config/config.h"
+
+namespace host {
+
+bool is_default_mdt(const Statement &statement);
+
+// A VRF's lines for the module, "mdt default" first.
+std::vector<const Line *> mdt_lines(const Block &vrf);
+
+// The statement that a change is about: the new one, else the one that goes.
+const Statement &statement_of(const LineChange &change);
+
+// A change that a handler refused, and what it printed.
+struct Rejection {
+  LineChange change;
+  std::string text;
+};
+ConfigError error_of(const Rejection &rejection);
+// The refused line goes back to what it was `before`, so that the running configuration never claims what the module
+// does not do.
+void put_back(const Config &before, const Rejection &rejection, Config *running);
+
+}  // namespace host
+
+#endif  // HOST_DAEMON_VRF_COMMANDS_H
