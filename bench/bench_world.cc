@@ -1,3 +1,5 @@
+// The module on the reference platform with a real clock, as benchmarks need it: no test framework, no invariants
+// checked, records of what happened thrown away, so that what is measured is the module's and the services' work.
 #include "bench/bench_world.h"
 
 #include <malloc.h>

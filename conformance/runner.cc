@@ -1,3 +1,9 @@
+// Runs each check in processes of its own and reads what they report over a pipe, a line each. A report that does not
+// end with its closing line is a crash. Whether a check holds is decided outside of its process; inside, differences
+// are only written down, by any thread, one write each.
+//
+// The recording module stands in for a real one: it notes what it is told, and notices calls from another thread or
+// from inside a call of the kit.
 #include "conformance/runner.h"
 
 #include <fcntl.h>

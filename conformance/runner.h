@@ -51,9 +51,9 @@ bool run_until(const std::function<bool()> &condition);
 void set_message_watcher(std::function<void(mts_message *)> watcher);
 
 struct Options {
-  std::string library;
-  std::string only;  // part of a component's or a check's name; empty: all
-  bool list = false;
+  std::string library;  // path of the platform's shared library
+  std::string only;     // part of a component's or a check's name; empty: all
+  bool list = false;    // prints the checks' names and runs none
 };
 // Prints a line for each check, and what differs below it; 0 when all hold, 1 when something differs, 2 when
 // the library cannot be loaded.

@@ -1,3 +1,5 @@
+// Finds the platform's services by name. The list of them is services.def, which is included here once for looking them
+// up and once for naming those that are missing. The library stays loaded.
 #include "conformance/services.h"
 
 #include <dlfcn.h>

@@ -36,8 +36,8 @@ namespace conformance {
 
 // A service, or an operation of the driver, that the library does not have.
 struct Missing {
-  const char *name;
-  bool optional;  // an operation of the driver without which a platform may be
+  const char *name;  // of the function or datum; lives as long as the program
+  bool optional;     // an operation of the driver without which a platform may be
 };
 
 // A function is called as it is; a datum is read with *.
@@ -70,6 +70,7 @@ struct Services {
 };
 
 struct Driver {
+  // What driver.h tells, under its names without "contract_".
   Service<decltype(contract_version)> version{"contract_version", false};
   Service<decltype(contract_start)> start{"contract_start", false};
   Service<decltype(contract_stop)> stop{"contract_stop", false};

@@ -1,3 +1,5 @@
+// A started module with one VRF, made once for all inputs of a process. An input's effects stay, as they would in a
+// router, so what an input meets depends on those before it.
 #include "fuzzers/fuzz_world.h"
 
 #include <cstdio>

@@ -1,3 +1,8 @@
+// Follows the configuration: a speaker while there is a local AS, changed in place where that is possible, so that
+// sessions whose lines stay the same stay up. All of it runs on the main thread, in turns of the loop that
+// Callbacks::enter opens.
+//
+// Words that come from neighbours are made printable before they reach the log or a change.
 #include "host/bgp/bgp_service.h"
 
 #include <algorithm>
@@ -9,8 +14,8 @@
 namespace host {
 namespace {
 
-constexpr std::chrono::seconds kListenRetry{5};
-constexpr uint16_t kDeferralLeast = 30;  // seconds
+constexpr std::chrono::seconds kListenRetry{5};  // an address that comes later is soon served, a log is not filled
+constexpr uint16_t kDeferralLeast = 30;          // seconds
 
 bool same(const bgp::SpeakerConfig &a, const bgp::SpeakerConfig &b) {
   return a.local_as == b.local_as && a.router_id == b.router_id && a.cluster_id == b.cluster_id &&

@@ -19,12 +19,13 @@ class BgpService final : bgp::Observer {
  public:
   struct Callbacks {
     bgp::AsioTransport::Enter enter;  // around everything that happens from the event loop
+    // As bgp::Observer has them; empty: nobody wants to know.
     std::function<void(std::span<const bgp::BestChange>)> best_changed = {};
     std::function<void(bgp::Ipv4 neighbor)> end_of_rib = {};
     std::function<void()> began = {};     // there is a speaker, without routes
     std::function<void()> ended = {};     // there is none any more, nor any of its routes
     std::function<void(Change)> changed;  // sessions
-    LogLine log;
+    LogLine log;                          // never empty; lines begin with "BGP"
   };
 
   // restarting: the process starts anew and its forwarding state was preserved. Its neighbours hear of no end of its

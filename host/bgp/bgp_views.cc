@@ -1,3 +1,6 @@
+// Rows of the views, from the speaker's own pictures of its neighbours and routes. Keys are copied before the first
+// row, and each is looked up when its turn comes: a listing yields, and what it was about to show may have gone. What
+// neighbours sent as text is made printable.
 #include "host/bgp/bgp_views.h"
 
 #include <cstdio>

@@ -1,3 +1,5 @@
+// The handler of SIGINT sets one flag. Without SA_RESTART a wait of the system returns early, and whoever waits looks
+// at the flag. Guards do not nest.
 #include "host/client/interrupt.h"
 
 #include "host/control/pipeline.h"

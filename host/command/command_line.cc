@@ -1,3 +1,6 @@
+// Reads a client's line on the daemon's side, once more and by the same grammar as the client: what comes over a socket
+// is not believed. The filters behind '|' become writers in front of the one that writes the form; the first one
+// written is the first that lines pass.
 #include "host/command/command_line.h"
 
 #include "host/output/filters.h"

@@ -13,11 +13,11 @@
 namespace host {
 
 struct CommandLine {
-  Match match;
-  OutputFormat format = OutputFormat::text;
-  Filters filters;
-  std::string error;  // for the client; empty: the line is right
-  std::string by;     // who asks
+  Match match;                               // means something without an error only
+  OutputFormat format = OutputFormat::text;  // the request's, or that of a filter
+  Filters filters;                           // for views and monitor; their patterns are sound
+  std::string error;                         // for the client; empty: the line is right
+  std::string by;                            // who asks
 };
 // A socket that is for looking takes views and `monitor`, and shows no passwords.
 CommandLine read_command_line(const ControlServer::Request &request);

@@ -1,3 +1,5 @@
+// Texts of changes, and the bus. publish() calls the listeners at once and in the order in which they came; a listener
+// may end other subscriptions but publishes nothing.
 #include "host/event/change.h"
 
 #include <algorithm>

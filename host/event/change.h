@@ -21,37 +21,37 @@ namespace host {
 // The default MDT of a VRF: the status of its tunnel interface, "None" to "Up"; empty: the VRF has none.
 struct VrfChange {
   std::string vrf;
-  std::string before, after;
-  uint32_t group = 0;  // default MDT group
+  std::string before, after;  // before is empty too when it had none
+  uint32_t group = 0;         // default MDT group
 };
 
 // A VRF's tunnel: "absent", "down" or "up"; also when its addresses change.
 struct TunnelChange {
-  std::string name, vrf;
+  std::string name, vrf;  // name: of its interface
   std::string before, after;
-  uint32_t source = 0, group = 0;
+  uint32_t source = 0, group = 0;  // of core packets; group: the default MDT's
 };
 
 // Another PE joined a default MDT, or left it.
 struct PeChange {
-  uint32_t address = 0;
-  std::string rd;
-  uint32_t group = 0;
-  std::string vrf;  // whose default group that is; empty: none here
-  bool joined = false;
+  uint32_t address = 0;  // of the PE
+  std::string rd;        // in the written form, "65000:1"
+  uint32_t group = 0;    // default MDT group
+  std::string vrf;       // whose default group that is; empty: none here
+  bool joined = false;   // false: left
 };
 
 // A BGP session. Only the states that last are told: Established, and Idle with another reason than before.
 struct SessionChange {
-  uint32_t neighbor = 0;
-  std::string before, after;
+  uint32_t neighbor = 0;      // address
+  std::string before, after;  // states of RFC 4271: "Idle", "Established"
 };
 
 // A flow of this PE moved to a data MDT or back; or this PE joined a data MDT of another PE, or left it.
 struct DataMdtChange {
   std::string vrf;
-  bool sent = false;  // by this PE
-  bool in_use = false;
+  bool sent = false;                                 // by this PE; false: received from another
+  bool in_use = false;                               // from now on; false: not any more
   uint32_t customer_source = 0, customer_group = 0;  // of a flow that is sent
   uint32_t source = 0;                               // the PE that sends; 0: this one
   uint32_t group = 0;                                // of the data MDT
@@ -60,19 +60,19 @@ struct DataMdtChange {
 // Something that the router stands on: "mvpn" (the feature), "store", "forwarder".
 struct ServiceChange {
   std::string name;
-  std::string before, after;
+  std::string before, after;  // in words; before: empty when there is none
 };
 
 // A command that changed something, of the configuration or not; passwords are hidden.
 struct CommandChange {
-  std::string line;
+  std::string line;  // as read, keywords in full
 };
 
 struct Change {
   using What =
       std::variant<VrfChange, TunnelChange, PeChange, SessionChange, DataMdtChange, ServiceChange, CommandChange>;
-  What what;
-  Level level = Level::notice;
+  What what;                                        // which record it holds is the kind
+  Level level = Level::notice;                      // of the log's line
   std::string reason = {};                          // in words; empty: it is plain
   std::string by = {};                              // who asked; empty: nobody did, or the bus fills it in
   std::chrono::system_clock::time_point when = {};  // the bus fills it in

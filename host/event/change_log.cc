@@ -1,3 +1,5 @@
+// Changes of PEs and data MDTs are counted within a second of the steady clock; those beyond the bound are left out and
+// their number is told when the second is over. Other kinds are few and are always written.
 #include "host/event/change_log.h"
 
 namespace host {

@@ -1,3 +1,5 @@
+// Every kind of change fits one row: columns that a kind has no use for stay empty. `monitor` sends the same row as a
+// JSON document without line breaks, so that a reader may take it line by line.
 #include "host/event/change_view.h"
 
 #include <nlohmann/json.hpp>

@@ -1,3 +1,5 @@
+// One place for the options that pimhostd and mdt-reflector have in common, so that their names and words stay the
+// same.
 #include "host/event/daemon_options.h"
 
 namespace host {

@@ -11,6 +11,7 @@ namespace host {
 
 // Where messages go and the least that is written, as words of a command line.
 struct LogOptions {
+  // target: "stderr" or "syslog"; level: as name_of(Level).
   std::string target = "stderr", level = "info";
 
   bool to_syslog() const;

@@ -1,3 +1,5 @@
+// Clients that watch. A channel that is full gets nothing until there is room again, since publishing must not wait; a
+// client that has gone is noticed at the next change and dropped.
 #include "host/event/monitor.h"
 
 #include <chrono>

@@ -109,9 +109,9 @@ enum class Ends { never, always, no_form };
 
 struct Word {
   enum class Kind { keyword, argument };
-  Kind kind = Kind::keyword;
-  std::string text;  // keyword; argument: what stands for it in syntax and help, such as A.B.C.D
-  std::string help;  // one line
+  Kind kind = Kind::keyword;  // which of the fields below count
+  std::string text;           // keyword; argument: what stands for it in syntax and help, such as A.B.C.D
+  std::string help;           // one line
   // Arguments.
   ValueType type = ValueType::name;
   NumberRange range;
@@ -131,22 +131,22 @@ struct Word {
 };
 
 struct Argument {
-  std::string name;
+  std::string name;   // as Word::name; of a recorded keyword the same
   std::string value;  // empty for keywords
   auto operator<=>(const Argument &) const = default;
 };
 
 // A line of one mode.
 struct Statement {
-  Mode mode = Mode::exec;
-  Command command = Command::none;
-  std::string handler;
-  bool no = false;
-  bool on_by_default = false;
-  std::optional<Mode> enters;
-  std::vector<Argument> arguments;
-  std::string text;  // with every keyword in full, without "no"
-  std::string key;   // identity among the lines of its block
+  Mode mode = Mode::exec;           // that the line stands in
+  Command command = Command::none;  // what it does
+  std::string handler;              // as Word::handler
+  bool no = false;                  // the line begins with "no"
+  bool on_by_default = false;       // as Word::on_by_default
+  std::optional<Mode> enters;       // of a block's header: the block's mode
+  std::vector<Argument> arguments;  // in the order of the line
+  std::string text;                 // with every keyword in full, without "no"
+  std::string key;                  // identity among the lines of its block
 };
 
 const std::string *find_argument(const Statement &statement, std::string_view name);
@@ -175,9 +175,9 @@ Match match_line(Mode mode, const std::vector<std::string> &words, bool abbrevia
 
 // What may stand behind the words of an incomplete line: text (keywords; the form of arguments) and help.
 struct Candidate {
-  std::string text;
-  std::string help;
-  bool is_keyword = true;
+  std::string text;                 // keyword, form of an argument, or kEndOfLine
+  std::string help;                 // one line; may be empty
+  bool is_keyword = true;           // false: text stands for a value and is not to be typed
   NameKind names = NameKind::none;  // of arguments
 };
 constexpr std::string_view kEndOfLine = "<cr>";  // candidate: the line may end here
@@ -185,8 +185,8 @@ std::vector<Candidate> candidates(Mode mode, const std::vector<std::string> &wor
 
 // Syntax of every command of a mode in the notation of the documentation, with its help.
 struct SyntaxLine {
-  std::string syntax;
-  std::string help;
+  std::string syntax;  // in the notation of docs/commands.md
+  std::string help;    // of its last keyword, and of the value behind that
 };
 std::vector<SyntaxLine> syntax_of(Mode mode);
 

@@ -28,6 +28,7 @@ enum class ValueType {
 };
 
 struct NumberRange {
+  // Both included.
   uint64_t low = 0;
   uint64_t high = UINT32_MAX;
 };
@@ -40,13 +41,13 @@ std::optional<std::string> check_value(ValueType type, NumberRange range, std::s
 uint32_t address_value(std::string_view word);  // host byte order; 0 for *
 struct PrefixValue {
   uint32_t address;  // host byte order
-  uint32_t length;
+  uint32_t length;   // 0..32
 };
 PrefixValue prefix_value(std::string_view word);
 uint64_t number_value(std::string_view word);
 struct EndpointValue {
-  std::string address;
-  uint16_t port;
+  std::string address;  // dotted
+  uint16_t port;        // host byte order, 1..65535
 };
 EndpointValue endpoint_value(std::string_view word);
 

@@ -1,3 +1,5 @@
+// Writes metric families. Numbers go through std::to_chars: the shortest form that reads back as the same value, and no
+// locale. Nothing is sorted or checked: families come once each, in the order of the calls.
 #include "host/metrics/exposition.h"
 
 #include <charconv>

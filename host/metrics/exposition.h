@@ -24,8 +24,8 @@ using Labels = std::vector<std::pair<std::string_view, std::string>>;
 // Samples of a histogram: how many observations were at most each bound, ascending, in the metric's unit.
 struct Histogram {
   std::vector<std::pair<double, uint64_t>> buckets;  // bound, observations up to it
-  uint64_t count = 0;
-  double sum = 0;
+  uint64_t count = 0;                                // observations, beyond the last bound too
+  double sum = 0;                                    // of them, in the metric's unit
 };
 
 // Builds a text family by family: a metric's samples follow its name and help.

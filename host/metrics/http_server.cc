@@ -1,3 +1,9 @@
+// HTTP by Boost.Beast. A client is an object that its own handlers keep alive; it counts itself, so that the bound on
+// clients holds for those that are being answered as well. One deadline covers a client from its connection to the last
+// byte.
+//
+// Trap: the text may come later than the call that asks for it (the forwarder is asked first), when the server may have
+// gone; the client therefore has a copy of what it calls.
 #include "host/metrics/http_server.h"
 
 #include <boost/beast/core/flat_buffer.hpp>
