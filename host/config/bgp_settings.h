@@ -11,10 +11,10 @@
 namespace host {
 
 struct BgpSettings {
-  bgp::SpeakerConfig speaker;  // but for what a start knows: seed, restarting
-  bgp::Ipv4 listen_address = 0;
-  uint16_t listen_port = 179;
-  std::vector<bgp::NeighborConfig> neighbors;
+  bgp::SpeakerConfig speaker;                  // but for what a start knows: seed, restarting
+  bgp::Ipv4 listen_address = 0;                // 0: every address
+  uint16_t listen_port = 179;                  // host byte order
+  std::vector<bgp::NeighborConfig> neighbors;  // ascending by address, each once
 };
 
 // Nothing: no local AS, so BGP speaks to nobody. Of a configuration that check_bgp() has found right.

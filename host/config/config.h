@@ -17,22 +17,22 @@
 namespace host {
 
 struct BlockId {
-  Mode mode = Mode::global;
-  std::string name;  // interfaces and VRFs; else empty
+  Mode mode = Mode::global;  // of the lines in the block
+  std::string name;          // interfaces and VRFs; else empty
   auto operator<=>(const BlockId &) const = default;
 };
 
 struct Line {
-  Statement statement;
-  int number = 0;  // in its file; 0: entered by an operator, or chosen
+  Statement statement;  // complete, never the header of a block
+  int number = 0;       // in its file; 0: entered by an operator, or chosen
 };
 
 class Block {
  public:
   // Lines stand in the order of the grammar; those of one command in the order in which they came.
   struct Place {
-    Command command;
-    uint64_t sequence;
+    Command command;    // their order is that of the enumeration
+    uint64_t sequence;  // grows with each line that is added; one that changes keeps its own
     auto operator<=>(const Place &) const = default;
   };
 
@@ -58,8 +58,8 @@ class Block {
 };
 
 struct ConfigError {
-  int line = 0;  // 0: not of one line
-  std::string reason;
+  int line = 0;        // 0: not of one line
+  std::string reason;  // for people, without the line's number
 };
 
 class Config {
@@ -116,9 +116,9 @@ BlockId block_of(const Statement &header);
 
 // A line that is in one configuration and not, or not like that, in the other. Null: not there.
 struct LineChange {
-  BlockId block;
-  const Line *before = nullptr;
-  const Line *after = nullptr;
+  BlockId block;                 // that the line stands in, in both
+  const Line *before = nullptr;  // null: it is new
+  const Line *after = nullptr;   // null: it goes
 };
 // Changes in the order of the blocks, and of their lines. Pointers are into the two configurations.
 std::vector<LineChange> difference(const Config &before, const Config &after);

@@ -1,3 +1,5 @@
+// Reads files with what may be wrong with them: one that is a folder or a pipe, that is longer than a configuration,
+// that holds nothing. Called by the daemons at their start and at a reload, and by the checks beside a running one.
 #include "host/config/config_file.h"
 
 #include <sys/stat.h>

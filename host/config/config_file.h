@@ -19,7 +19,7 @@ constexpr size_t kMaxConfigFile = 16u << 20;  // bytes; some hundred thousand li
 constexpr size_t kMaxErrorsTold = 20;
 
 struct ConfigFile {
-  Config config;
+  Config config;                    // without the lines that are wrong
   std::vector<ConfigError> errors;  // in line order; of line 0 when the file cannot be read
 };
 
@@ -28,6 +28,7 @@ ConfigFile read_config_file(const std::string &path);
 
 // What tells whether a file has been changed or replaced. All zero for a file that is not there.
 struct FileStamp {
+  // Another file at the path has another pair.
   dev_t device = 0;
   ino_t inode = 0;
   off_t size = 0;           // bytes

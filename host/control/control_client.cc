@@ -1,3 +1,5 @@
+// A client that waits: it has one thread and nothing else to do. Only the wait for the next byte has a limit, so that a
+// view may take its time as long as something comes.
 #include "host/control/control_client.h"
 
 #include <poll.h>

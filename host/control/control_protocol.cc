@@ -1,3 +1,5 @@
+// Frames, written and read byte by byte. Lengths are compared with a limit before a body is read; types that nobody
+// knows are for the reader to refuse.
 #include "host/control/control_protocol.h"
 
 #include <algorithm>

@@ -35,8 +35,8 @@ std::string encode_request(OutputFormat format, std::string_view line);
 std::string encode_end(uint32_t status);
 
 struct FrameHeader {
-  size_t body_size = 0;
-  FrameType type = FrameType::request;
+  size_t body_size = 0;                 // bytes behind the header
+  FrameType type = FrameType::request;  // as received; may be none of the four
 };
 // Reads a header; false when it is malformed or its body is longer than limit.
 bool decode_header(const uint8_t *bytes, size_t limit, FrameHeader *header);

@@ -22,6 +22,7 @@ class ControlConnection;
 
 // A file as such, whatever its path.
 struct SocketFile {
+  // The pair is the file's own while it exists.
   dev_t device;
   ino_t inode;
   bool operator==(const SocketFile &) const = default;
@@ -30,10 +31,10 @@ struct SocketFile {
 class ControlServer {
  public:
   struct Request {
-    OutputFormat format = OutputFormat::text;
-    std::string line;
-    std::string by;          // who asks: "root, process 4711"
-    bool read_only = false;  // over a socket that is for looking only
+    OutputFormat format = OutputFormat::text;  // of the output, unless a filter names another
+    std::string line;                          // as the client sent it, at most kMaxRequest bytes; not checked
+    std::string by;                            // who asks: "root, process 4711"
+    bool read_only = false;                    // over a socket that is for looking only
   };
   // Runs a command; ends the channel when it is done, now or later, from any thread.
   using Execute = std::function<void(const Request &request, const std::shared_ptr<OutputChannel> &channel)>;
@@ -43,9 +44,9 @@ class ControlServer {
 
   // Where clients connect, and which. Without a group only the user of this process does.
   struct Access {
-    std::string path;
-    std::string group = {};
-    bool read_only = false;
+    std::string path;        // of the socket, at most 107 characters
+    std::string group = {};  // whose members may connect; empty: nobody else
+    bool read_only = false;  // its clients may only look
   };
 
   // Takes over a socket file that no process listens on. Throws std::runtime_error when the path cannot be used.

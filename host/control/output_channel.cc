@@ -1,3 +1,6 @@
+// Two threads meet here: the command's, which holds the scheduling locks, and that of the event loop. The channel's
+// mutex is held for moments only and never while waiting for the locks: wait_for_client() gives them up before it
+// waits, and `ready` is called without the mutex.
 #include "host/control/output_channel.h"
 
 #include <utility>

@@ -18,6 +18,8 @@ namespace host {
 
 class OutputChannel {
  public:
+  // Bytes queued: a command begins to wait above the first and goes on below the second, which are far apart, so that
+  // it does not change hands for each frame that the client reads.
   static constexpr size_t kHighWater = 256 * 1024;
   static constexpr size_t kLowWater = 64 * 1024;
   static constexpr size_t kLimit = 64u << 20;

@@ -24,8 +24,8 @@ struct Filters {
 
 struct Pipeline {
   std::vector<std::string> command;  // the words before the first '|'
-  bool filtered = false;
-  Filters filters;
+  bool filtered = false;             // there is a '|', a wrong one included
+  Filters filters;                   // as far as they are right
   std::optional<SyntaxError> error;  // in a filter; its word counts from the start of the line
 };
 

@@ -26,8 +26,8 @@ std::vector<ConfigError> try_config(const std::string &module, Config config);
 class ConfigCheck {
  public:
   struct Result {
-    bool passed = false;
-    std::vector<std::string> problems;
+    bool passed = false;                // the file may be loaded
+    std::vector<std::string> problems;  // lines for people; empty when it passed
   };
   using Done = std::function<void(Result)>;
 

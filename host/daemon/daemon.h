@@ -24,17 +24,17 @@
 namespace host {
 
 struct DaemonOptions {
-  std::string config_file;
+  std::string config_file;                 // path; read at the start, and again on SIGHUP
   ControlServer::Access control, looking;  // the second for looking only; without a path there is none
   std::string store;                       // folder of what outlives the process; empty: nothing does
   std::string module;                      // libmvpn.so
   std::string capture;                     // file; empty: none
   std::string agentx;                      // AgentX master; empty: no SNMP
-  std::optional<double> clock_scale;
-  bool stateful_restart = false;
-  bool log_to_syslog = false;
-  Level log_level = Level::info;
-  bool debug = false;
+  std::optional<double> clock_scale;       // platform seconds per real second; nothing: the configuration's
+  bool stateful_restart = false;           // takes up what the store and the forwarder hold of a former process
+  bool log_to_syslog = false;              // false: standard error
+  Level log_level = Level::info;           // the least that is logged
+  bool debug = false;                      // the module's debug output from the start, for all VRFs
 };
 
 class Daemon {

@@ -48,8 +48,8 @@ class Forwarding : private ref::ForwardingPlane {
   // it has none.
   bool active() const { return client_ != nullptr; }
   struct Seen {
-    bool up = false;
-    std::vector<ip_addr_t> addresses;
+    bool up = false;                   // administratively, and carrying
+    std::vector<ip_addr_t> addresses;  // host byte order; the first is the primary one
   };
   Seen seen(const std::string &interface) const;
 

@@ -1,3 +1,5 @@
+// Prints copies of what the forwarder said last. The engine has it asked before the view begins, so that it is fresh;
+// rows come in an order of their own, since the forwarder tells them in none.
 #include "host/daemon/forwarding_views.h"
 
 #include <algorithm>
@@ -15,7 +17,7 @@ using output::Cell;
 using output::Listing;
 using output::Row;
 
-constexpr uint64_t kBytesPerKbit = 125;
+constexpr uint64_t kBytesPerKbit = 125;  // kilobits of 1000 bits
 
 Cell address_or_none(uint32_t address) { return address == 0 ? Cell() : Cell(address_text(address)); }
 Cell text_or_none(const std::string &text) { return text.empty() ? Cell() : Cell(text); }

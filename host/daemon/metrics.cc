@@ -1,3 +1,6 @@
+// One function for each subject writes its families. Everything is read in one turn of the main loop, so that the
+// numbers belong together; a walk of the VRFs and their customer routes is the longest of it. Names and labels are an
+// interface: docs/metrics.md lists them, dashboards ask for them.
 #include "host/daemon/metrics.h"
 
 #include <sys/resource.h>

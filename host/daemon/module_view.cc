@@ -1,3 +1,5 @@
+// Stands between a handler of the module and the writer of a form. The module's text passes untouched; what the host
+// knows besides is recorded at its place in the record, and told in text when the handler has returned.
 #include "host/daemon/module_view.h"
 
 #include "host/daemon/readiness.h"

@@ -1,3 +1,5 @@
+// Two kinds of changes become notifications: the default MDT's and data MDTs'. The rest is for operators of this
+// machine.
 #include "host/daemon/notifications.h"
 
 #include <variant>

@@ -1,3 +1,5 @@
+// Views that are gathered from many places. Each row reads what there is at that moment; a VRF that has gone while the
+// listing yielded shows as one without a context.
 #include "host/daemon/status_views.h"
 
 #include <unistd.h>

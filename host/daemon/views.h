@@ -14,12 +14,13 @@ namespace host {
 
 // Counters as they stood when they were cleared.
 struct CounterBase {
-  ref::PimCounters pim;
-  uint64_t mrib_updates = 0;
+  ref::PimCounters pim;                // the services' counters only grow, so views show differences
+  uint64_t mrib_updates = 0;           // ref::mrib_updates_total() then
   uint64_t announcements_refused = 0;  // of the VRFs that there are
 };
 
 struct ViewInput {
+  // All outlive the view.
   const Router &router;
   const Statement &statement;
   const CounterBase &counters;

@@ -1,3 +1,9 @@
+// Looks at what changed when a turn ends, compares it with what was told last (vrfs_, flows_, joined_), and publishes
+// the difference. Services call the observer's functions in the middle of their work, on any thread that holds the
+// scheduling locks; vrf_touched() takes a note, the others publish at once.
+//
+// A change is somebody's doing when a command was running (EventBus::cause), and stays so until the VRF has settled: a
+// tunnel that a command brought up comes up turns later.
 #include "host/daemon/watcher.h"
 
 #include <utility>

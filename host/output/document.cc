@@ -1,3 +1,6 @@
+// Sorts recorded values into records and gives them their types. The order of the values decides: a value of another
+// record closes what it does not stand under, and one that begins its record opens the next instance. Text that neither
+// JSON nor XML can carry is replaced, since much of it comes from other machines.
 #include "host/output/document.h"
 
 #include <algorithm>

@@ -20,8 +20,8 @@ namespace output {
 using Json = nlohmann::ordered_json;
 
 struct Field {
-  const SchemaElement *element;
-  Json value;
+  const SchemaElement *element;  // of the schema's tables; never null
+  Json value;                    // a string, a number or a boolean
 };
 
 // What a recorded value is in a document: a string, number or boolean as its element's type wants it. A text that is no

@@ -1,3 +1,6 @@
+// A row is printed twice: as text, for whoever reads, and as recorded values, for documents; which of the two is used
+// is the writer's business. Every hundred rows it offers a yield, so whatever a caller knows of the module or of a
+// service may be stale behind row().
 #include "host/output/listing.h"
 
 #include <cstdio>
@@ -7,7 +10,7 @@
 namespace output {
 namespace {
 
-constexpr size_t kRowsBetweenYields = 100;
+constexpr size_t kRowsBetweenYields = 100;  // less changes hands too often, more keeps other threads waiting
 
 void append_padded(const std::string &text, int width, std::string *line) {
   *line += text;

@@ -27,6 +27,7 @@ struct Cell {
   Cell(Seconds time) : value(time) {}
   Cell(std::vector<std::vector<Cell>> list) : items(std::move(list)) {}
 
+  // monostate: there is none, or the cell is a list.
   std::variant<std::monostate, std::string, uint64_t, bool, Seconds> value;
   std::vector<std::vector<Cell>> items;  // of a list
 };

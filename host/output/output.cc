@@ -1,3 +1,5 @@
+// The syntax of the three forms. Lines break where a record ends, so that tools that work line by line get whole
+// records.
 #include "host/output/output.h"
 
 #include <pugixml.hpp>

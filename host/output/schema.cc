@@ -1,3 +1,5 @@
+// The tables are made by the compiler out of the lists of cli_schema.h and the views, and it checks them: numbers are
+// unique and ascending, parents come before children, exactly the first element of a record begins it.
 #include "host/output/schema.h"
 
 #include <algorithm>

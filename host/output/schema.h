@@ -10,27 +10,27 @@
 namespace output {
 
 struct SchemaType {
-  const char *name;
-  const char *description;
+  const char *name;         // as documents and the schema files write it
+  const char *description;  // one sentence
 };
 
 // A record: one of cli_record, or of the numbers behind them, which the records of views have.
 using RecordId = int;
 
 struct SchemaRecord {
-  RecordId id;
-  const char *name;
-  RecordId parent;  // CLI_RECORD_NONE: the root
-  const char *description;
+  RecordId id;              // its place in the tables, from 1
+  const char *name;         // of an instance in documents
+  RecordId parent;          // CLI_RECORD_NONE: the root
+  const char *description;  // a sentence or two
 };
 
 struct SchemaElement {
-  int number;
-  const char *name;
-  cli_type type;
-  RecordId record;
-  bool begins;  // a value opens a new instance of the record
-  const char *description;
+  int number;               // its own for ever
+  const char *name;         // of the field in documents
+  cli_type type;            // what typed_value() makes of it
+  RecordId record;          // that it is a field of
+  bool begins;              // a value opens a new instance of the record
+  const char *description;  // a sentence or two
 };
 
 const SchemaType &type_of(cli_type type);

@@ -15,20 +15,20 @@ namespace output {
 struct View;
 
 struct Column {
-  int number;  // of the element; 0: a list, whose items are records of their own
-  const char *name;
-  cli_type type;
-  const char *description;
-  const char *title = nullptr;                                // in the text form's heading
-  int width = 0;                                              // there; 0: as wide as the value
+  int number;                   // of the element; 0: a list, whose items are records of their own
+  const char *name;             // of the field in documents
+  cli_type type;                // what a cell has to hold
+  const char *description;      // for the schema files: a sentence
+  const char *title = nullptr;  // in the text form's heading
+  int width = 0;                // there; 0: as wide as the value
   enum class Form { plain, hexadecimal } form = Form::plain;  // of numbers in text
-  bool only_in_detail = false;
-  const View *items = nullptr;  // what a list consists of
+  bool only_in_detail = false;                                // shown with "detail" only, in documents too
+  const View *items = nullptr;                                // what a list consists of
 };
 
 struct View {
-  const char *record;  // name of a row in documents
-  const char *description;
+  const char *record;               // name of a row in documents
+  const char *description;          // for the schema files: a sentence
   std::span<const Column> columns;  // every row has the first
   const char *title = nullptr;      // in text, above the heading
   bool sheet = false;               // in text, a line for each value behind its title, instead of a table

@@ -1,3 +1,4 @@
+// The C library's conversions, which know leap years and nothing of leap seconds; UTC, so that no zone is asked for.
 #include "host/output/wall_time.h"
 
 #include <cstdio>
