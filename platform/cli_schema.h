@@ -20,6 +20,8 @@
 #ifndef PLATFORM_CLI_SCHEMA_H
 #define PLATFORM_CLI_SCHEMA_H
 
+#include "platform/cli_mib.h"
+
 /* What a value is in a document. The service converts what the command recorded: "Yes", "TRUE" and any other text but
  * "", "No", "False" and "FALSE" are true; a number under a duration is seconds. */
 #define CLI_TYPE_LIST(X)                                                         \
@@ -54,14 +56,7 @@ enum cli_place { CLI_FIELD = 0, CLI_BEGINS = 1 };
   X(CLI_RECORD_TRANSMIT_OBJECT, "transmit-list-object", CLI_RECORD_DOCUMENT,                                          \
     "An object on the transmit list: a core route; a VRF to be checked again, with vrf-name; or, with neither, the "  \
     "mark of how far the worker has come.")                                                                           \
-  X(CLI_RECORD_MIB_DEFAULT, "korvaMvpnMdtDefaultEntry", CLI_RECORD_DOCUMENT, "SNMP: default MDT of a VRF.")           \
-  X(CLI_RECORD_MIB_DATA, "korvaMvpnMdtDataEntry", CLI_RECORD_DOCUMENT, "SNMP: first data-MDT range of a VRF.")        \
-  X(CLI_RECORD_MIB_GENERIC, "korvaMvpnGenericEntry", CLI_RECORD_DOCUMENT, "SNMP: state of a VRF.")                    \
-  X(CLI_RECORD_MIB_TUNNEL, "korvaMvpnTunnelEntry", CLI_RECORD_DOCUMENT, "SNMP: tunnel interface of a VRF.")           \
-  X(CLI_RECORD_MIB_MROUTE, "korvaMvpnMrouteMdtEntry", CLI_RECORD_DOCUMENT, "SNMP: core route of a VRF.")              \
-  X(CLI_RECORD_MIB_JN_SEND, "korvaMvpnMdtJnSendEntry", CLI_RECORD_DOCUMENT, "SNMP: flow sent on a data MDT.")         \
-  X(CLI_RECORD_MIB_JN_RCV, "korvaMvpnMdtJnRcvEntry", CLI_RECORD_DOCUMENT, "SNMP: announced data MDT.")                \
-  X(CLI_RECORD_MIB_BGP, "korvaMvpnBgpMdtUpdateEntry", CLI_RECORD_DOCUMENT, "SNMP: MDT SAFI entry.")
+  CLI_MIB_TABLE_LIST(CLI_MIB_TABLE_RECORD, X)
 
 #define CLI_RECORD_CONSTANT(id, name, parent, text) id,
 enum cli_record { CLI_RECORD_NONE, CLI_RECORD_LIST(CLI_RECORD_CONSTANT) };
@@ -90,10 +85,7 @@ enum cli_record { CLI_RECORD_NONE, CLI_RECORD_LIST(CLI_RECORD_CONSTANT) };
   X(CLI_ELEMENT_TRANSMIT_LIST_VERSION, 13, "transmit-list-version", CLI_TYPE_NUMBER, CLI_RECORD_DOCUMENT, CLI_FIELD,   \
     "Version of the transmit list.")                                                                                   \
   /* SNMP scalars. */                                                                                                  \
-  X(CLI_ELEMENT_MIB_MVRF_NUMBER, 20, "korvaMvpnMvrfNumber", CLI_TYPE_NUMBER, CLI_RECORD_DOCUMENT, CLI_FIELD,           \
-    "VRFs with a default MDT group.")                                                                                  \
-  X(CLI_ELEMENT_MIB_NOTIFICATION_ENABLE, 21, "korvaMvpnNotificationEnable", CLI_TYPE_NUMBER, CLI_RECORD_DOCUMENT,      \
-    CLI_FIELD, "Whether notifications are sent: 1 yes, 2 no.")                                                         \
+  CLI_MIB_SCALAR_LIST(CLI_MIB_SCALAR_ELEMENT, X)                                                                       \
   /* A VRF. */                                                                                                         \
   X(CLI_ELEMENT_VRF_NAME, 100, "name", CLI_TYPE_STRING, CLI_RECORD_VRF, CLI_BEGINS, "Name of the VRF.")                \
   X(CLI_ELEMENT_VRF_MTI_NAME, 101, "mti-interface", CLI_TYPE_INTERFACE, CLI_RECORD_VRF, CLI_FIELD,                     \
@@ -237,108 +229,7 @@ enum cli_record { CLI_RECORD_NONE, CLI_RECORD_LIST(CLI_RECORD_CONSTANT) };
   X(CLI_ELEMENT_OBJECT_VRF_NAME, 1005, "vrf-name", CLI_TYPE_STRING, CLI_RECORD_TRANSMIT_OBJECT, CLI_FIELD,             \
     "VRF to be checked again.")                                                                                        \
   /* SNMP tables, columns in the order of a row. Times are hundredths of a second. */                                  \
-  X(CLI_ELEMENT_MIB_DEFAULT_VRF, 2000, "mplsVpnVrfName", CLI_TYPE_STRING, CLI_RECORD_MIB_DEFAULT, CLI_BEGINS,          \
-    "Index: VRF.")                                                                                                     \
-  X(CLI_ELEMENT_MIB_DEFAULT_ADDR_TYPE, 2001, "korvaMvpnMdtDefaultAddrType", CLI_TYPE_NUMBER, CLI_RECORD_MIB_DEFAULT,   \
-    CLI_FIELD, "1: IPv4.")                                                                                             \
-  X(CLI_ELEMENT_MIB_DEFAULT_ADDR, 2002, "korvaMvpnMdtDefaultAddr", CLI_TYPE_ADDRESS, CLI_RECORD_MIB_DEFAULT,           \
-    CLI_FIELD, "Default MDT group.")                                                                                   \
-  X(CLI_ELEMENT_MIB_DEFAULT_ENCAPS, 2003, "korvaMvpnMdtDefaultEncapsType", CLI_TYPE_NUMBER, CLI_RECORD_MIB_DEFAULT,    \
-    CLI_FIELD, "1: GRE.")                                                                                              \
-  X(CLI_ELEMENT_MIB_DEFAULT_ROW_STATUS, 2004, "korvaMvpnMdtDefaultRowStatus", CLI_TYPE_NUMBER, CLI_RECORD_MIB_DEFAULT, \
-    CLI_FIELD, "1: active.")                                                                                           \
-  X(CLI_ELEMENT_MIB_DATA_VRF, 2100, "mplsVpnVrfName", CLI_TYPE_STRING, CLI_RECORD_MIB_DATA, CLI_BEGINS, "Index: VRF.") \
-  X(CLI_ELEMENT_MIB_DATA_ADDR_TYPE, 2101, "korvaMvpnMdtDataAddrType", CLI_TYPE_NUMBER, CLI_RECORD_MIB_DATA, CLI_FIELD, \
-    "1: IPv4.")                                                                                                        \
-  X(CLI_ELEMENT_MIB_DATA_ADDR, 2102, "korvaMvpnMdtDataAddr", CLI_TYPE_ADDRESS, CLI_RECORD_MIB_DATA, CLI_FIELD,         \
-    "First group of the range.")                                                                                       \
-  X(CLI_ELEMENT_MIB_DATA_WILDCARD_TYPE, 2103, "korvaMvpnMdtDataWildcardType", CLI_TYPE_NUMBER, CLI_RECORD_MIB_DATA,    \
-    CLI_FIELD, "1: IPv4.")                                                                                             \
-  X(CLI_ELEMENT_MIB_DATA_WILDCARD, 2104, "korvaMvpnMdtDataWildcard", CLI_TYPE_ADDRESS, CLI_RECORD_MIB_DATA, CLI_FIELD, \
-    "Wildcard mask of the range.")                                                                                     \
-  X(CLI_ELEMENT_MIB_DATA_THRESHOLD, 2105, "korvaMvpnMdtDataThreshold", CLI_TYPE_NUMBER, CLI_RECORD_MIB_DATA,           \
-    CLI_FIELD, "Threshold, kbit/s.")                                                                                   \
-  X(CLI_ELEMENT_MIB_DATA_ROW_STATUS, 2106, "korvaMvpnMdtDataRowStatus", CLI_TYPE_NUMBER, CLI_RECORD_MIB_DATA,          \
-    CLI_FIELD, "1: active.")                                                                                           \
-  X(CLI_ELEMENT_MIB_GENERIC_VRF, 2200, "mplsVpnVrfName", CLI_TYPE_STRING, CLI_RECORD_MIB_GENERIC, CLI_BEGINS,          \
-    "Index: VRF.")                                                                                                     \
-  X(CLI_ELEMENT_MIB_GENERIC_CHANGE, 2201, "korvaMvpnGenOperStatusChange", CLI_TYPE_NUMBER, CLI_RECORD_MIB_GENERIC,     \
-    CLI_FIELD, "Last change: 1 created, 3 default MDT, 4 data MDT.")                                                   \
-  X(CLI_ELEMENT_MIB_GENERIC_CHANGE_TIME, 2202, "korvaMvpnGenOperChangeTime", CLI_TYPE_NUMBER, CLI_RECORD_MIB_GENERIC,  \
-    CLI_FIELD, "When that was.")                                                                                       \
-  X(CLI_ELEMENT_MIB_GENERIC_INTERFACES, 2203, "korvaMvpnGenAssociatedInterfaces", CLI_TYPE_NUMBER,                     \
-    CLI_RECORD_MIB_GENERIC, CLI_FIELD, "PIM interfaces of the VRF.")                                                   \
-  X(CLI_ELEMENT_MIB_GENERIC_ROW_STATUS, 2204, "korvaMvpnGenRowStatus", CLI_TYPE_NUMBER, CLI_RECORD_MIB_GENERIC,        \
-    CLI_FIELD, "1: active.")                                                                                           \
-  X(CLI_ELEMENT_MIB_TUNNEL_IF_INDEX, 2300, "ifIndex", CLI_TYPE_NUMBER, CLI_RECORD_MIB_TUNNEL, CLI_BEGINS,              \
-    "Index: tunnel interface.")                                                                                        \
-  X(CLI_ELEMENT_MIB_TUNNEL_NAME, 2301, "korvaMvpnTunnelName", CLI_TYPE_INTERFACE, CLI_RECORD_MIB_TUNNEL, CLI_FIELD,    \
-    "Name of the tunnel interface.")                                                                                   \
-  X(CLI_ELEMENT_MIB_TUNNEL_VRF, 2302, "mplsVpnVrfName", CLI_TYPE_STRING, CLI_RECORD_MIB_TUNNEL, CLI_FIELD, "VRF.")     \
-  X(CLI_ELEMENT_MIB_MROUTE_VRF, 2400, "mplsVpnVrfName", CLI_TYPE_STRING, CLI_RECORD_MIB_MROUTE, CLI_BEGINS,            \
-    "Index: VRF.")                                                                                                     \
-  X(CLI_ELEMENT_MIB_MROUTE_GROUP_TYPE, 2401, "korvaMvpnMrouteMvrfGrpAddrType", CLI_TYPE_NUMBER, CLI_RECORD_MIB_MROUTE, \
-    CLI_FIELD, "Index: 1, IPv4.")                                                                                      \
-  X(CLI_ELEMENT_MIB_MROUTE_GROUP, 2402, "korvaMvpnMrouteMvrfGroup", CLI_TYPE_ADDRESS, CLI_RECORD_MIB_MROUTE,           \
-    CLI_FIELD, "Index: group of the route.")                                                                           \
-  X(CLI_ELEMENT_MIB_MROUTE_SOURCE_TYPE, 2403, "korvaMvpnMrouteMvrfSrcAddrType", CLI_TYPE_NUMBER,                       \
-    CLI_RECORD_MIB_MROUTE, CLI_FIELD, "Index: 1, IPv4.")                                                               \
-  X(CLI_ELEMENT_MIB_MROUTE_SOURCE, 2404, "korvaMvpnMrouteMvrfSource", CLI_TYPE_ADDRESS, CLI_RECORD_MIB_MROUTE,         \
-    CLI_FIELD, "Index: source of the route.")                                                                          \
-  X(CLI_ELEMENT_MIB_MROUTE_DIRECTION, 2405, "korvaMvpnMrouteUpDownStreamInfo", CLI_TYPE_NUMBER, CLI_RECORD_MIB_MROUTE, \
-    CLI_FIELD, "Index: 1 upstream, 2 downstream.")                                                                     \
-  X(CLI_ELEMENT_MIB_MROUTE_MDT_TYPE, 2406, "korvaMvpnMrouteMdtGrpAddrType", CLI_TYPE_NUMBER, CLI_RECORD_MIB_MROUTE,    \
-    CLI_FIELD, "1: IPv4.")                                                                                             \
-  X(CLI_ELEMENT_MIB_MROUTE_MDT_GROUP, 2407, "korvaMvpnMrouteMdtGroup", CLI_TYPE_ADDRESS, CLI_RECORD_MIB_MROUTE,        \
-    CLI_FIELD, "Default MDT group of the VRF.")                                                                        \
-  X(CLI_ELEMENT_MIB_MROUTE_MDT_KIND, 2408, "korvaMvpnMrouteMdtType", CLI_TYPE_NUMBER, CLI_RECORD_MIB_MROUTE,           \
-    CLI_FIELD, "1 default MDT, 2 data MDT.")                                                                           \
-  X(CLI_ELEMENT_MIB_JN_SEND_VRF, 2500, "mplsVpnVrfName", CLI_TYPE_STRING, CLI_RECORD_MIB_JN_SEND, CLI_BEGINS,          \
-    "Index: VRF.")                                                                                                     \
-  X(CLI_ELEMENT_MIB_JN_SEND_GROUP_TYPE, 2501, "korvaMvpnMdtJnSendGrpAddrType", CLI_TYPE_NUMBER,                        \
-    CLI_RECORD_MIB_JN_SEND, CLI_FIELD, "Index: 1, IPv4.")                                                              \
-  X(CLI_ELEMENT_MIB_JN_SEND_GROUP, 2502, "korvaMvpnMdtJnSendGroup", CLI_TYPE_ADDRESS, CLI_RECORD_MIB_JN_SEND,          \
-    CLI_FIELD, "Index: customer group.")                                                                               \
-  X(CLI_ELEMENT_MIB_JN_SEND_SOURCE_TYPE, 2503, "korvaMvpnMdtJnSendSrcAddrType", CLI_TYPE_NUMBER,                       \
-    CLI_RECORD_MIB_JN_SEND, CLI_FIELD, "Index: 1, IPv4.")                                                              \
-  X(CLI_ELEMENT_MIB_JN_SEND_SOURCE, 2504, "korvaMvpnMdtJnSendSource", CLI_TYPE_ADDRESS, CLI_RECORD_MIB_JN_SEND,        \
-    CLI_FIELD, "Index: customer source.")                                                                              \
-  X(CLI_ELEMENT_MIB_JN_SEND_MDT_GROUP, 2505, "korvaMvpnMdtJnSendMdtGroup", CLI_TYPE_ADDRESS, CLI_RECORD_MIB_JN_SEND,   \
-    CLI_FIELD, "Data-MDT group of the flow.")                                                                          \
-  X(CLI_ELEMENT_MIB_JN_SEND_REFERENCES, 2506, "korvaMvpnMdtJnSendMdtRefCount", CLI_TYPE_NUMBER,                        \
-    CLI_RECORD_MIB_JN_SEND, CLI_FIELD, "Flows on that group.")                                                         \
-  X(CLI_ELEMENT_MIB_JN_RCV_VRF, 2600, "mplsVpnVrfName", CLI_TYPE_STRING, CLI_RECORD_MIB_JN_RCV, CLI_BEGINS,            \
-    "Index: VRF.")                                                                                                     \
-  X(CLI_ELEMENT_MIB_JN_RCV_GROUP_TYPE, 2601, "korvaMvpnMdtJnRcvGrpAddrType", CLI_TYPE_NUMBER, CLI_RECORD_MIB_JN_RCV,   \
-    CLI_FIELD, "Index: 1, IPv4.")                                                                                      \
-  X(CLI_ELEMENT_MIB_JN_RCV_GROUP, 2602, "korvaMvpnMdtJnRcvGroup", CLI_TYPE_ADDRESS, CLI_RECORD_MIB_JN_RCV, CLI_FIELD,  \
-    "Index: data-MDT group.")                                                                                          \
-  X(CLI_ELEMENT_MIB_JN_RCV_SOURCE_TYPE, 2603, "korvaMvpnMdtJnRcvSrcAddrType", CLI_TYPE_NUMBER, CLI_RECORD_MIB_JN_RCV,  \
-    CLI_FIELD, "Index: 1, IPv4.")                                                                                      \
-  X(CLI_ELEMENT_MIB_JN_RCV_SOURCE, 2604, "korvaMvpnMdtJnRcvSource", CLI_TYPE_ADDRESS, CLI_RECORD_MIB_JN_RCV,           \
-    CLI_FIELD, "Index: announcing PE.")                                                                                \
-  X(CLI_ELEMENT_MIB_JN_RCV_UP_TIME, 2605, "korvaMvpnMdtJnRcvUpTime", CLI_TYPE_NUMBER, CLI_RECORD_MIB_JN_RCV,           \
-    CLI_FIELD, "Time since the first announcement.")                                                                   \
-  X(CLI_ELEMENT_MIB_JN_RCV_EXP_TIME, 2606, "korvaMvpnMdtJnRcvExpTime", CLI_TYPE_NUMBER, CLI_RECORD_MIB_JN_RCV,         \
-    CLI_FIELD, "Time until it lapses.")                                                                                \
-  X(CLI_ELEMENT_MIB_BGP_GROUP_TYPE, 2700, "korvaMvpnBgpMdtUpdGrpAddrType", CLI_TYPE_NUMBER, CLI_RECORD_MIB_BGP,        \
-    CLI_BEGINS, "Index: 1, IPv4.")                                                                                     \
-  X(CLI_ELEMENT_MIB_BGP_GROUP, 2701, "korvaMvpnBgpMdtUpdateGroup", CLI_TYPE_ADDRESS, CLI_RECORD_MIB_BGP, CLI_FIELD,    \
-    "Index: announced default MDT group.")                                                                             \
-  X(CLI_ELEMENT_MIB_BGP_RD, 2702, "korvaMvpnBgpMdtUpdateRd", CLI_TYPE_STRING, CLI_RECORD_MIB_BGP, CLI_FIELD,           \
-    "Route distinguisher of the announcing VRF.")                                                                      \
-  X(CLI_ELEMENT_MIB_BGP_SOURCE_TYPE, 2703, "korvaMvpnBgpMdtUpdSrcAddrType", CLI_TYPE_NUMBER, CLI_RECORD_MIB_BGP,       \
-    CLI_FIELD, "Index: 1, IPv4.")                                                                                      \
-  X(CLI_ELEMENT_MIB_BGP_SOURCE, 2704, "korvaMvpnBgpMdtUpdateSource", CLI_TYPE_ADDRESS, CLI_RECORD_MIB_BGP, CLI_FIELD,  \
-    "Index: announcing PE.")                                                                                           \
-  X(CLI_ELEMENT_MIB_BGP_CONFIGURED_TYPE, 2705, "korvaMvpnBgpMdtUpdConfGrpAddrType", CLI_TYPE_NUMBER,                   \
-    CLI_RECORD_MIB_BGP, CLI_FIELD, "1: IPv4.")                                                                         \
-  X(CLI_ELEMENT_MIB_BGP_CONFIGURED_GROUP, 2706, "korvaMvpnBgpMdtUpdateConfGroup", CLI_TYPE_ADDRESS,                    \
-    CLI_RECORD_MIB_BGP, CLI_FIELD, "Default MDT group of the VRF that uses it, as configured.")                        \
-  X(CLI_ELEMENT_MIB_BGP_USED_TYPE, 2707, "korvaMvpnBgpMdtUpdUsedGrpAddrType", CLI_TYPE_NUMBER, CLI_RECORD_MIB_BGP,     \
-    CLI_FIELD, "1: IPv4.")                                                                                             \
-  X(CLI_ELEMENT_MIB_BGP_USED_GROUP, 2708, "korvaMvpnBgpMdtUpdateUsedGroup", CLI_TYPE_ADDRESS, CLI_RECORD_MIB_BGP,      \
-    CLI_FIELD, "Default MDT group of the VRF that uses it, as in use.")
+  CLI_MIB_COLUMN_LIST(CLI_MIB_COLUMN_ELEMENT, X)
 
 /* CLI_ELEMENT_NONE keeps a value out of the document. */
 #define CLI_ELEMENT_CONSTANT(id, number, name, type, record, place, text) id = number,

@@ -70,35 +70,37 @@ struct ServedRow {
   Values values;
 };
 
-u_char asn_type(Syntax syntax) {
+u_char asn_type(cli_mib_syntax syntax) {
   switch (syntax) {
-    case Syntax::text:
+    case CLI_MIB_TEXT:
+    case CLI_MIB_INTERFACE:
       return ASN_OCTET_STR;
-    case Syntax::address:
+    case CLI_MIB_ADDRESS:
       return ASN_IPADDRESS;
-    case Syntax::integer:
+    case CLI_MIB_INTEGER:
       return ASN_INTEGER;
-    case Syntax::unsigned_number:
+    case CLI_MIB_UNSIGNED:
+    case CLI_MIB_GAUGE:
       return ASN_UNSIGNED;
-    case Syntax::ticks:
-    case Syntax::instant:
+    case CLI_MIB_TICKS:
+    case CLI_MIB_INSTANT:
       return ASN_TIMETICKS;
   }
   return ASN_NULL;
 }
 
 // Puts a value into an answer; false when it is not what its object says.
-bool set_value(netsnmp_variable_list *variable, Syntax syntax, const std::string &text) {
+bool set_value(netsnmp_variable_list *variable, cli_mib_syntax syntax, const std::string &text) {
   const u_char type = asn_type(syntax);
-  if (syntax == Syntax::text) return snmp_set_var_typed_value(variable, type, text.data(), text.size()) == 0;
-  if (syntax == Syntax::address) {
+  if (type == ASN_OCTET_STR) return snmp_set_var_typed_value(variable, type, text.data(), text.size()) == 0;
+  if (type == ASN_IPADDRESS) {
     const auto address = to_address(text);
     const in_addr_t bytes = htonl(address.value_or(0));
     return address && snmp_set_var_typed_value(variable, type, &bytes, sizeof bytes) == 0;
   }
   const auto number = to_number(text);
   if (!number) return false;
-  const long value = syntax == Syntax::integer ? long{static_cast<int32_t>(*number)} : static_cast<long>(*number);
+  const long value = type == ASN_INTEGER ? long{static_cast<int32_t>(*number)} : static_cast<long>(*number);
   return snmp_set_var_typed_value(variable, type, &value, sizeof value) == 0;
 }
 
@@ -120,7 +122,7 @@ std::string uptime_at(const std::string &text, uint32_t clock_now) {
 
 void make_uptimes(const Table &table, uint32_t clock_now, Values *values) {
   for (const Column &column : table.values)
-    if (column.syntax == Syntax::instant)
+    if (column.syntax == CLI_MIB_INSTANT)
       for (auto &[element, text] : *values)
         if (element == column.element) text = uptime_at(text, clock_now);
 }
@@ -417,7 +419,7 @@ Oid oid_under(std::span<const uint32_t> root, std::initializer_list<uint32_t> ar
 }
 
 // Appends a variable with a value to a list; false when there is no memory or the value is not of its syntax.
-bool append(netsnmp_variable_list **list, const Oid &name, Syntax syntax, const std::string &text) {
+bool append(netsnmp_variable_list **list, const Oid &name, cli_mib_syntax syntax, const std::string &text) {
   netsnmp_variable_list *added = snmp_varlist_add_variable(list, name.data(), name.size(), ASN_NULL, nullptr, 0);
   return added != nullptr && set_value(added, syntax, text);
 }

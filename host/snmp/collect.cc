@@ -98,11 +98,11 @@ bool append_number(const std::string &text, std::vector<uint32_t> *index) {
   return number.has_value();
 }
 
-bool append_part(Syntax syntax, const std::string &text, std::vector<uint32_t> *index) {
+bool append_part(cli_mib_syntax syntax, const std::string &text, std::vector<uint32_t> *index) {
   switch (syntax) {
-    case Syntax::text:
+    case CLI_MIB_TEXT:
       return append_text(text, index);
-    case Syntax::address:
+    case CLI_MIB_ADDRESS:
       return append_address(text, index);
     default:
       return append_number(text, index);
@@ -113,8 +113,7 @@ bool append_part(Syntax syntax, const std::string &text, std::vector<uint32_t> *
 Arguments index_arguments(const Table &table, const Values &values) {
   Arguments arguments;
   for (const Column &part : table.index)
-    if (const std::string *text = find_value(values, part.element))
-      arguments.push_back({argument_name(part.element), *text});
+    if (const std::string *text = find_value(values, part.element)) arguments.push_back({part.argument(), *text});
   return arguments;
 }
 
@@ -253,23 +252,21 @@ void Collector::Impl::take_name() {
 
 // What is asked of a VRF.
 void Collector::Impl::plan(const std::string &vrf) {
-  if (table_.walk == Walk::per_vrf) walks_.push_back({{argument_name(table_.index.front().element), vrf}});
+  if (table_.walk == Walk::per_vrf) walks_.push_back({{table_.index.front().argument(), vrf}});
   if (table_.walk == Walk::listed) listings_.push_back(vrf);
-  if (table_.walk == Walk::routes)
-    walks_.push_back({{argument_name(CLI_ELEMENT_MIB_MROUTE_VRF), vrf},
-                      {argument_name(CLI_ELEMENT_MIB_MROUTE_GROUP), kLastAddress},
-                      {argument_name(CLI_ELEMENT_MIB_MROUTE_SOURCE), kLastAddress}});
+  if (table_.walk == Walk::routes) walks_.push_back(pair_arguments(vrf, {kLastAddress, kLastAddress}));
 }
 
-// Index arguments of a row that a listing shows: the table's first address is the group, its second the source.
+// Index arguments of a VRF and a pair of addresses; handlers take a direction that is absent for 1.
 Arguments Collector::Impl::pair_arguments(const std::string &vrf, const AddressPair &pair) const {
   Arguments arguments;
-  bool group_done = false;
   for (const Column &part : table_.index) {
+    if (part.place == CLI_MIB_INDEX_DIRECTION) continue;
     std::string value = kIpv4;
-    if (part.syntax == Syntax::text) value = vrf;
-    if (part.syntax == Syntax::address) value = std::exchange(group_done, true) ? pair.first : pair.second;
-    arguments.push_back({argument_name(part.element), std::move(value)});
+    if (part.place == CLI_MIB_INDEX_VRF) value = vrf;
+    if (part.place == CLI_MIB_INDEX_GROUP) value = pair.second;
+    if (part.place == CLI_MIB_INDEX_SOURCE) value = pair.first;
+    arguments.push_back({part.argument(), std::move(value)});
   }
   return arguments;
 }

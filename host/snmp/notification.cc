@@ -25,20 +25,20 @@ const char *use_text(bool in_use) { return in_use ? "1" : "2"; }
 Notification vrf_notification(const std::string &vrf, const std::string &before, const std::string &after,
                               const std::string &group) {
   return {kVrfStatusChange,
-          {{kVrf, Syntax::text, vrf},
-           {kFormerStatus, Syntax::text, before},
-           {kStatus, Syntax::text, after},
-           {kDefaultGroup, Syntax::address, group}}};
+          {{kVrf, CLI_MIB_TEXT, vrf},
+           {kFormerStatus, CLI_MIB_TEXT, before},
+           {kStatus, CLI_MIB_TEXT, after},
+           {kDefaultGroup, CLI_MIB_ADDRESS, group}}};
 }
 
 Notification data_mdt_notification(const DataMdtUse &use) {
   return {kDataMdtChange,
-          {{kVrf, Syntax::text, use.vrf},
-           {kDirection, Syntax::integer, direction_text(use.sent)},
-           {kUse, Syntax::integer, use_text(use.in_use)},
-           {kSource, Syntax::address, use.source},
-           {kGroup, Syntax::address, use.group},
-           {kDataGroup, Syntax::address, use.mdt_group}}};
+          {{kVrf, CLI_MIB_TEXT, use.vrf},
+           {kDirection, CLI_MIB_INTEGER, direction_text(use.sent)},
+           {kUse, CLI_MIB_INTEGER, use_text(use.in_use)},
+           {kSource, CLI_MIB_ADDRESS, use.source},
+           {kGroup, CLI_MIB_ADDRESS, use.group},
+           {kDataGroup, CLI_MIB_ADDRESS, use.mdt_group}}};
 }
 
 }  // namespace host::snmp

@@ -17,7 +17,7 @@ inline constexpr uint32_t kNotifyObjects[] = {1, 3, 6, 1, 4, 1, 8072, 9999, 9999
 struct Notification {
   struct Object {
     uint32_t arc;  // under libmvpnNotifyObjects
-    Syntax syntax;
+    cli_mib_syntax syntax;
     std::string text;  // as set_value takes it: numbers in decimal, addresses dotted
   };
   uint32_t arc;  // under libmvpnNotifications

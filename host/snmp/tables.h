@@ -1,5 +1,6 @@
 // The tables and scalars that the SNMP agent serves: which handler prints a row, which of its values are the index, and
-// under which object identifiers they appear. LIBMVPN-MIB.txt says the same to a network manager.
+// under which object identifiers they appear: the lists of platform/cli_mib.h as tables, and how the rows of each are
+// found. LIBMVPN-MIB.txt says the same to a network manager.
 #ifndef HOST_SNMP_TABLES_H
 #define HOST_SNMP_TABLES_H
 
@@ -7,23 +8,25 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <string_view>
 #include <vector>
+
+#include "platform/cli_mib.h"
 
 namespace host::snmp {
 
 // libmvpnObjects: scalars and tables stand under it.
 inline constexpr uint32_t kObjects[] = {1, 3, 6, 1, 4, 1, 8072, 9999, 9999, 6513, 1};
 
-// ticks: a time span, in hundredths of a second. instant: served as sysUpTime was then; handlers print it in hundredths
-// of a second on the module's clock.
-enum class Syntax { text, address, integer, unsigned_number, ticks, instant };
-
-// A value of a row. Its object's name is that of its element in the output schema.
+// A value of a row.
 struct Column {
   int element;
-  uint32_t arc;  // under the table's entry
-  Syntax syntax;
+  uint32_t arc;      // under the table's entry
+  const char *name;  // of its element in the output schema
+  cli_mib_syntax syntax;
+  cli_mib_place place;  // in the index
+
+  // Name of the argument under which a handler reads it.
+  std::string argument() const { return "<" + std::string(name) + "-in>"; }
 };
 
 // How the rows of a table are found.
@@ -57,7 +60,7 @@ struct Scalar {
   uint32_t arc;
   const char *handler;
   int element;
-  Syntax syntax;
+  cli_mib_syntax syntax;
 };
 
 const std::vector<Table> &tables();
@@ -66,11 +69,6 @@ const Table &default_mdt_table();  // has a row for every VRF
 
 // Names of the module's handlers that tables and scalars are read from.
 std::set<std::string> handlers_of_objects();
-
-// Name of an element in the output schema; empty for none.
-std::string_view element_name(int element);
-// Name of the argument under which a handler reads an index object.
-std::string argument_name(int element);
 
 }  // namespace host::snmp
 

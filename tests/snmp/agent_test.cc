@@ -327,39 +327,6 @@ TEST_F(AgentTest, CommandsAndObjectsNameEveryHandlerOfTheModule) {
   EXPECT_EQ(named, registered);
 }
 
-// The MIB module names what the tables serve, and the tools take it without complaint.
-TEST_F(AgentTest, MibModuleAndTablesAgree) {
-  Texts names, expected;
-  const auto add = [&](const std::string &name, const Arcs &arcs) {
-    names.push_back("LIBMVPN-MIB::" + name);
-    expected.push_back(dotted_oid(arcs));
-  };
-  for (const host::snmp::Scalar &scalar : host::snmp::scalars()) add(scalar.name, object(scalar.arc));
-  for (const Table &table : host::snmp::tables()) {
-    add(table.name, object(table.arc));
-    for (const auto *columns : {&table.index, &table.values})
-      for (const host::snmp::Column &column : *columns) {
-        std::string name(host::snmp::element_name(column.element));
-        // Names are unique in a module: an index object of several tables belongs to the first.
-        if (name == "mplsVpnVrfName" && column.element != CLI_ELEMENT_MIB_DEFAULT_VRF) {
-          if (columns == &table.index) continue;
-          name = "korvaMvpnTunnelVrfName";
-        }
-        Arcs arcs = object(table.arc);
-        arcs.insert(arcs.end(), {1, column.arc});
-        add(name, arcs);
-      }
-  }
-  Texts arguments = {SNMPTRANSLATE, "-M", MIB_FOLDERS, "-m", "LIBMVPN-MIB", "-Pw", "-On"};
-  arguments.insert(arguments.end(), names.begin(), names.end());
-  const auto translated = tool(arguments);
-  EXPECT_EQ(translated.err, "");
-  Texts lines;
-  for (const std::string &line : translated.lines())
-    if (!line.empty()) lines.push_back(line);
-  EXPECT_EQ(lines, expected);
-}
-
 // From the agent through the master to a receiver that knows the MIB.
 TEST_F(AgentTest, NotificationsReachAReceiver) {
   if (std::string_view(SNMPTRAPD).ends_with("NOTFOUND")) GTEST_SKIP() << "no snmptrapd";

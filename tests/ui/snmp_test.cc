@@ -15,43 +15,33 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// A table: its handler and the arguments of a row's index by the elements that a row shows them under.
+// A table: its handler, and the parts of its index by their place there.
+struct IndexPart {
+  cli_record table;
+  int element;  // that a row shows it under
+  cli_mib_place place;
+  const char *argument;
+};
 struct Table {
   const char *handler;
-  std::vector<std::pair<int, const char *>> index;
+  std::map<cli_mib_place, IndexPart> index;
 };
-const Table DEFAULT_TABLE = {"mvpn_show_snmp_korva_mvpn_mdt_default_table_command",
-                             {{CLI_ELEMENT_MIB_DEFAULT_VRF, "<mplsVpnVrfName-in>"}}};
-const Table DATA_TABLE = {"mvpn_show_snmp_korva_mvpn_mdt_data_table_command",
-                          {{CLI_ELEMENT_MIB_DATA_VRF, "<mplsVpnVrfName-in>"}}};
-const Table GENERIC_TABLE = {"mvpn_show_snmp_korva_generic_table_command",
-                             {{CLI_ELEMENT_MIB_GENERIC_VRF, "<mplsVpnVrfName-in>"}}};
-const Table TUNNEL_TABLE = {"mvpn_show_snmp_korva_tunnel_table_command",
-                            {{CLI_ELEMENT_MIB_TUNNEL_IF_INDEX, "<ifIndex-in>"}}};
-const Table MROUTE_TABLE = {"mvpn_show_snmp_korva_mroute_mdt_table_command",
-                            {{CLI_ELEMENT_MIB_MROUTE_VRF, "<mplsVpnVrfName-in>"},
-                             {CLI_ELEMENT_MIB_MROUTE_GROUP, "<korvaMvpnMrouteMvrfGroup-in>"},
-                             {CLI_ELEMENT_MIB_MROUTE_SOURCE, "<korvaMvpnMrouteMvrfSource-in>"},
-                             {CLI_ELEMENT_MIB_MROUTE_DIRECTION, "<korvaMvpnMrouteUpDownStreamInfo-in>"},
-                             {CLI_ELEMENT_MIB_MROUTE_GROUP_TYPE, "<korvaMvpnMrouteMvrfGrpAddrType-in>"},
-                             {CLI_ELEMENT_MIB_MROUTE_SOURCE_TYPE, "<korvaMvpnMrouteMvrfSrcAddrType-in>"}}};
-const Table SEND_TABLE = {"mvpn_show_snmp_korva_mdt_jn_send_table_command",
-                          {{CLI_ELEMENT_MIB_JN_SEND_VRF, "<mplsVpnVrfName-in>"},
-                           {CLI_ELEMENT_MIB_JN_SEND_GROUP, "<korvaMvpnMdtJnSendGroup-in>"},
-                           {CLI_ELEMENT_MIB_JN_SEND_SOURCE, "<korvaMvpnMdtJnSendSource-in>"},
-                           {CLI_ELEMENT_MIB_JN_SEND_GROUP_TYPE, "<korvaMvpnMdtJnSendGrpAddrType-in>"},
-                           {CLI_ELEMENT_MIB_JN_SEND_SOURCE_TYPE, "<korvaMvpnMdtJnSendSrcAddrType-in>"}}};
-const Table RECEIVE_TABLE = {"mvpn_show_snmp_korva_mdt_jn_rcv_table_command",
-                             {{CLI_ELEMENT_MIB_JN_RCV_VRF, "<mplsVpnVrfName-in>"},
-                              {CLI_ELEMENT_MIB_JN_RCV_GROUP, "<korvaMvpnMdtJnRcvGroup-in>"},
-                              {CLI_ELEMENT_MIB_JN_RCV_SOURCE, "<korvaMvpnMdtJnRcvSource-in>"},
-                              {CLI_ELEMENT_MIB_JN_RCV_GROUP_TYPE, "<korvaMvpnMdtJnRcvGrpAddrType-in>"},
-                              {CLI_ELEMENT_MIB_JN_RCV_SOURCE_TYPE, "<korvaMvpnMdtJnRcvSrcAddrType-in>"}}};
-const Table BGP_TABLE = {"mvpn_show_snmp_korva_bgp_mdt_update_table_command",
-                         {{CLI_ELEMENT_MIB_BGP_SOURCE, "<korvaMvpnBgpMdtUpdateSource-in>"},
-                          {CLI_ELEMENT_MIB_BGP_GROUP, "<korvaMvpnBgpMdtUpdateGroup-in>"},
-                          {CLI_ELEMENT_MIB_BGP_GROUP_TYPE, "<korvaMvpnBgpMdtUpdGrpAddrType-in>"},
-                          {CLI_ELEMENT_MIB_BGP_SOURCE_TYPE, "<korvaMvpnBgpMdtUpdSrcAddrType-in>"}}};
+
+Table table_of(cli_record record, const char *handler) {
+#define COLUMN(X, id, table, arc, name, syntax, place, text) \
+  {CLI_RECORD_MIB_##table, id, CLI_MIB_##place, "<" name "-in>"},
+  static constexpr IndexPart columns[] = {CLI_MIB_COLUMN_LIST(COLUMN, )};
+#undef COLUMN
+  Table table = {handler, {}};
+  for (const IndexPart &column : columns)
+    if (column.table == record && column.place != CLI_MIB_VALUE) table.index[column.place] = column;
+  return table;
+}
+
+#define TABLE(X, table, first, arc, name, handler, text) \
+  const Table table##_TABLE = table_of(CLI_RECORD_MIB_##table, #handler);
+CLI_MIB_TABLE_LIST(TABLE, )
+#undef TABLE
 
 class Snmp : public UiTest {
  protected:
@@ -60,7 +50,7 @@ class Snmp : public UiTest {
   // The index of a row, as the agent gives it back.
   static Arguments index_of(const Table &table, const Output &row) {
     Arguments arguments;
-    for (const auto &[element, name] : table.index) arguments.push_back({name, row.value_of(element)});
+    for (const auto &[place, part] : table.index) arguments.push_back({part.argument, row.value_of(part.element)});
     return arguments;
   }
   // Rows from the first one on. A walk that comes back to a row ends there and fails the test.
@@ -82,36 +72,30 @@ class Snmp : public UiTest {
     return text;
   }
 
-  // Index of a join table, of the core routes, of the BGP table.
+  // Index of a table that has at least these parts; of the core routes; of the BGP table.
   static Arguments flow_index(const Table &table, const std::string &vrf, const std::string &group,
-                              const std::string &source, const std::string &types = "1") {
-    return {{table.index[0].second, vrf},
-            {table.index[1].second, group},
-            {table.index[2].second, source},
-            {table.index[3].second, types},
-            {table.index[4].second, types}};
+                              const std::string &source, const std::string &types = "1",
+                              const std::string &direction = "1") {
+    const std::map<cli_mib_place, std::string> values = {
+        {CLI_MIB_INDEX_VRF, vrf},          {CLI_MIB_INDEX_GROUP, group},       {CLI_MIB_INDEX_SOURCE, source},
+        {CLI_MIB_INDEX_GROUP_TYPE, types}, {CLI_MIB_INDEX_SOURCE_TYPE, types}, {CLI_MIB_INDEX_DIRECTION, direction}};
+    Arguments arguments;
+    for (const auto &[place, part] : table.index) arguments.push_back({part.argument, values.at(place)});
+    return arguments;
   }
   static Arguments route_index(const std::string &vrf, const std::string &group, const std::string &source,
                                const std::string &direction, const std::string &types = "1") {
-    return {{"<mplsVpnVrfName-in>", vrf},
-            {"<korvaMvpnMrouteMvrfGroup-in>", group},
-            {"<korvaMvpnMrouteMvrfSource-in>", source},
-            {"<korvaMvpnMrouteUpDownStreamInfo-in>", direction},
-            {"<korvaMvpnMrouteMvrfGrpAddrType-in>", types},
-            {"<korvaMvpnMrouteMvrfSrcAddrType-in>", types}};
+    return flow_index(MROUTE_TABLE, vrf, group, source, types, direction);
   }
   static Arguments bgp_index(const std::string &group, const std::string &source, const std::string &types = "1") {
-    return {{"<korvaMvpnBgpMdtUpdateSource-in>", source},
-            {"<korvaMvpnBgpMdtUpdateGroup-in>", group},
-            {"<korvaMvpnBgpMdtUpdGrpAddrType-in>", types},
-            {"<korvaMvpnBgpMdtUpdSrcAddrType-in>", types}};
+    return flow_index(BGP_TABLE, "", group, source, types);
   }
 
   // "vrf group source" of a row of such a table.
   static std::string flow_of_row(const Table &table, const Output &row) {
     if (row.printed.empty()) return "";
-    return row.value_of(table.index[0].first) + " " + row.value_of(table.index[1].first) + " " +
-           row.value_of(table.index[2].first);
+    const auto part = [&](cli_mib_place place) { return row.value_of(table.index.at(place).element); };
+    return part(CLI_MIB_INDEX_VRF) + " " + part(CLI_MIB_INDEX_GROUP) + " " + part(CLI_MIB_INDEX_SOURCE);
   }
 
   void TearDown() override {
@@ -167,8 +151,8 @@ TEST_F(Snmp, RowsOfEveryTable) {
   const struct {
     const Table &table;
     size_t rows;
-  } cases[] = {{DEFAULT_TABLE, 3}, {DATA_TABLE, 2}, {GENERIC_TABLE, 3}, {TUNNEL_TABLE, 3},
-               {MROUTE_TABLE, 10}, {SEND_TABLE, 5}, {RECEIVE_TABLE, 3}, {BGP_TABLE, 4}};
+  } cases[] = {{DEFAULT_TABLE, 3}, {DATA_TABLE, 2},    {GENERIC_TABLE, 3}, {TUNNEL_TABLE, 3},
+               {MROUTE_TABLE, 10}, {JN_SEND_TABLE, 5}, {JN_RCV_TABLE, 3},  {BGP_TABLE, 4}};
   for (const auto &c : cases) {
     SCOPED_TRACE(c.table.handler);
     // The order of the BGP table is not that of its indexes: with this entry a walk would come back to bravo's.
@@ -188,8 +172,8 @@ TEST_F(Snmp, RowsOfEveryTable) {
 
 TEST_F(Snmp, EmptyTables) {
   start();
-  const Table *const tables[] = {&DEFAULT_TABLE, &DATA_TABLE, &GENERIC_TABLE, &TUNNEL_TABLE,
-                                 &MROUTE_TABLE,  &SEND_TABLE, &RECEIVE_TABLE, &BGP_TABLE};
+  const Table *const tables[] = {&DEFAULT_TABLE, &DATA_TABLE,    &GENERIC_TABLE, &TUNNEL_TABLE,
+                                 &MROUTE_TABLE,  &JN_SEND_TABLE, &JN_RCV_TABLE,  &BGP_TABLE};
   add_vrf("plain", 9);
   for (const Table *table : tables) {
     EXPECT_EQ(next(*table, {}).printed, "") << table->handler;
@@ -225,7 +209,7 @@ TEST_F(Snmp, NextVrf) {
     const Arguments name = *c.name == '\0' ? Arguments{} : Arguments{{"<mplsVpnVrfName-in>", c.name}};
     const auto row = [&](const Table &table) {
       const Output output = next(table, name);
-      return output.printed.empty() ? std::string() : output.value_of(table.index[0].first);
+      return output.printed.empty() ? std::string() : output.value_of(table.index.at(CLI_MIB_INDEX_VRF).element);
     };
     EXPECT_EQ(row(DEFAULT_TABLE), c.default_row);
     EXPECT_EQ(row(DATA_TABLE), c.data_row);
@@ -378,17 +362,19 @@ TEST_F(Snmp, NextSentFlowFromAnyIndex) {
       {"zzz", "0.0.0.0", "0.0.0.0", ""},
   };
   for (const auto &c : cases)
-    EXPECT_EQ(flow_of_row(SEND_TABLE, next(SEND_TABLE, flow_index(SEND_TABLE, c.vrf, c.group, c.source))), c.expected)
+    EXPECT_EQ(flow_of_row(JN_SEND_TABLE, next(JN_SEND_TABLE, flow_index(JN_SEND_TABLE, c.vrf, c.group, c.source))),
+              c.expected)
         << c.vrf << " " << c.group << " " << c.source;
-  EXPECT_EQ(get(SEND_TABLE, flow_index(SEND_TABLE, "alpha", "225.0.0.3", "172.16.9.3")).printed, "") << "not moved yet";
-  EXPECT_EQ(get(SEND_TABLE, flow_index(SEND_TABLE, "alpha", "225.0.0.1", "172.16.9.2")).printed, "");
-  EXPECT_EQ(get(SEND_TABLE, flow_index(SEND_TABLE, "alpha", "225.0.0.1", "172.16.9.1", "2")).printed, "");
-  EXPECT_EQ(get(SEND_TABLE, flow_index(SEND_TABLE, "bravo", "225.0.0.1", "172.16.9.1")).printed, "");
+  EXPECT_EQ(get(JN_SEND_TABLE, flow_index(JN_SEND_TABLE, "alpha", "225.0.0.3", "172.16.9.3")).printed, "")
+      << "not moved yet";
+  EXPECT_EQ(get(JN_SEND_TABLE, flow_index(JN_SEND_TABLE, "alpha", "225.0.0.1", "172.16.9.2")).printed, "");
+  EXPECT_EQ(get(JN_SEND_TABLE, flow_index(JN_SEND_TABLE, "alpha", "225.0.0.1", "172.16.9.1", "2")).printed, "");
+  EXPECT_EQ(get(JN_SEND_TABLE, flow_index(JN_SEND_TABLE, "bravo", "225.0.0.1", "172.16.9.1")).printed, "");
   // The first row of a VRF is that of a flow with a source, as a bidirectional one has none.
   pim_route *croute = announced_flow("alpha", "172.16.9.3", "225.0.0.3");
   finish_switchovers("alpha");
   EXPECT_EQ(croute->send_join_info->state, MVPN_DATA_MDT_STATE_ACTIVE);
-  EXPECT_EQ(walk(SEND_TABLE).size(), 6u);
+  EXPECT_EQ(walk(JN_SEND_TABLE).size(), 6u);
 }
 
 // Groups that came from the store can lie where the range counts nothing.
@@ -406,7 +392,7 @@ TEST_F(Snmp, CountsOfDistantGroups) {
   record->config->group_refcount[1023] = 9;
   for (const auto &c : cases) {
     record->group = addr(c.group);
-    const Output row = next(SEND_TABLE, {});
+    const Output row = next(JN_SEND_TABLE, {});
     EXPECT_EQ(row.printed, "red\n1\n225.0.0.1\n1\n172.16.9.1\n" + std::string(c.group) + "\n" + c.count);
   }
   record->group = group;
@@ -426,9 +412,9 @@ TEST_F(Snmp, ReceivedAnnouncements) {
   }
   hear_in("charlie", "172.20.0.1", "225.0.0.5", "10.0.0.9", "239.2.0.1");
   std::vector<std::string> indexes;
-  for (const Output &row : walk(RECEIVE_TABLE)) {
-    indexes.push_back(flow_of_row(RECEIVE_TABLE, row));
-    EXPECT_EQ(get(RECEIVE_TABLE, index_of(RECEIVE_TABLE, row)).value_of(CLI_ELEMENT_MIB_JN_RCV_GROUP),
+  for (const Output &row : walk(JN_RCV_TABLE)) {
+    indexes.push_back(flow_of_row(JN_RCV_TABLE, row));
+    EXPECT_EQ(get(JN_RCV_TABLE, index_of(JN_RCV_TABLE, row)).value_of(CLI_ELEMENT_MIB_JN_RCV_GROUP),
               row.value_of(CLI_ELEMENT_MIB_JN_RCV_GROUP));
   }
   ASSERT_EQ(indexes.size(), 66u);
@@ -438,12 +424,12 @@ TEST_F(Snmp, ReceivedAnnouncements) {
   EXPECT_EQ(std::unique(sorted.begin(), sorted.end()), sorted.end());
 
   // An index whose records went away is followed by what followed it.
-  const std::vector<Output> rows = walk(RECEIVE_TABLE);
-  const Arguments gone = index_of(RECEIVE_TABLE, rows[20]);
+  const std::vector<Output> rows = walk(JN_RCV_TABLE);
+  const Arguments gone = index_of(JN_RCV_TABLE, rows[20]);
   mvpn_destroy_data_mdt_recv_cache(context("alpha"), addr(rows[20].value_of(CLI_ELEMENT_MIB_JN_RCV_SOURCE)));
-  EXPECT_EQ(get(RECEIVE_TABLE, gone).printed, "");
-  EXPECT_EQ(flow_of_row(RECEIVE_TABLE, next(RECEIVE_TABLE, gone)), indexes[21]);
-  EXPECT_EQ(get(RECEIVE_TABLE, flow_index(RECEIVE_TABLE, "charlie", "239.2.0.1", "10.0.0.9", "2")).printed, "");
+  EXPECT_EQ(get(JN_RCV_TABLE, gone).printed, "");
+  EXPECT_EQ(flow_of_row(JN_RCV_TABLE, next(JN_RCV_TABLE, gone)), indexes[21]);
+  EXPECT_EQ(get(JN_RCV_TABLE, flow_index(JN_RCV_TABLE, "charlie", "239.2.0.1", "10.0.0.9", "2")).printed, "");
 
   const std::string last = "charlie 239.2.0.1 10.0.0.9";
   const struct {
@@ -451,7 +437,7 @@ TEST_F(Snmp, ReceivedAnnouncements) {
     std::string expected;
   } cases[] = {{"alphabet", last}, {"bravo", last}, {"", indexes[0]}, {"charlie", last}, {"zzz", ""}};
   for (const auto &c : cases)
-    EXPECT_EQ(flow_of_row(RECEIVE_TABLE, next(RECEIVE_TABLE, flow_index(RECEIVE_TABLE, c.vrf, "0.0.0.0", "0.0.0.0"))),
+    EXPECT_EQ(flow_of_row(JN_RCV_TABLE, next(JN_RCV_TABLE, flow_index(JN_RCV_TABLE, c.vrf, "0.0.0.0", "0.0.0.0"))),
               c.expected)
         << c.vrf;
 }
@@ -504,7 +490,7 @@ TEST_F(Snmp, BgpUpdates) {
 // A VRF that goes away while a table is walked has no row; the platform's records are not touched afterwards.
 TEST_F(Snmp, VrfsVanishDuringAWalk) {
   start();
-  for (const Table *table : {&SEND_TABLE, &RECEIVE_TABLE})
+  for (const Table *table : {&JN_SEND_TABLE, &JN_RCV_TABLE})
     for (const bool getnext : {false, true}) {
       SCOPED_TRACE(std::string(table->handler) + (getnext ? " next" : " get"));
       vrf_with_site("red", 2, "239.1.1.1");
@@ -512,16 +498,16 @@ TEST_F(Snmp, VrfsVanishDuringAWalk) {
       range_of("red", "239.2.0.0/24");
       for (int i = 1; i <= 60; i++) {
         const std::string flow = "172.17.0." + std::to_string(i);
-        if (table == &SEND_TABLE)
+        if (table == &JN_SEND_TABLE)
           announced_flow("red", flow, "225.0.0.1");
         else
           hear_in("red", flow, "225.0.0.1", "10.0.1." + std::to_string(i), "239.9.0.1");
       }
       finish_switchovers("red");
-      const Arguments last = table == &SEND_TABLE ? flow_index(*table, "red", "225.0.0.1", "172.17.0.60")
-                                                  : flow_index(*table, "red", "239.9.0.1", "10.0.1.60");
+      const Arguments last = table == &JN_SEND_TABLE ? flow_index(*table, "red", "225.0.0.1", "172.17.0.60")
+                                                     : flow_index(*table, "red", "239.9.0.1", "10.0.1.60");
       const Arguments first = flow_index(*table, "red", "239.9.0.1", "10.0.1.1");
-      if (!getnext || table == &RECEIVE_TABLE) {
+      if (!getnext || table == &JN_RCV_TABLE) {
         EXPECT_NE(run(table->handler, "", getnext ? first : last, getnext).printed, "");
         EXPECT_EQ(run(table->handler, "", getnext ? first : last, getnext, 1).printed, "") << "nobody wants the answer";
       }

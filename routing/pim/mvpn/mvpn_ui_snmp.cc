@@ -22,7 +22,6 @@
 #include "routing/pim/mvpn/mvpn_ui_snmp.h"
 
 #include <cstring>
-#include <span>
 #include <utility>
 
 #include "platform/im.h"
@@ -48,8 +47,7 @@ constexpr int DIRECTION_REMOTE = 2;
 constexpr int MDT_TYPE_DEFAULT = 1;
 constexpr int MDT_TYPE_DATA = 2;
 
-// Index of a row: of the core-route table, of the tables of announcements (direction unused). An argument that is
-// absent counts as no VRF name, 0, or direction 1.
+// Index of a row. A part that is absent, or that the table does not have, counts as no VRF name, 0, or direction 1.
 struct mvpn_snmp_index {
   const char *vrf_name = nullptr;
   ip_addr_t group = 0;
@@ -57,6 +55,7 @@ struct mvpn_snmp_index {
   int32_t direction = 1;   // 1: local route, 2: remote route
   int32_t group_type = 0;  // address types: address_type_val() in every row
   int32_t source_type = 0;
+  int32_t if_index = 0;  // an if_index_t; arguments have a sign
 };
 
 // ---------------------------------------------------------------------------------------------------------- columns
@@ -89,12 +88,6 @@ int hundredths(const zeph_timestamp &time) {
 }
 
 // ------------------------------------------------------------------------------------------------------------- VRFs
-
-const char *vrf_name_argument(cli_command *command) {
-  const char *name = nullptr;
-  cli_get_string(command, "<mplsVpnVrfName-in>", &name);
-  return name;
-}
 
 // The PIM context of a name, null for none.
 pim_cibtype *pcib_named(const char *name) { return name == nullptr ? nullptr : pim_get_cib_by_context_name(name); }
@@ -136,59 +129,50 @@ bool has_range(const mvpn_cibtype *mvpn) { return mvpn->data_mdt_config != nullp
 
 // ---------------------------------------------------------------------------------------------------------- indexes
 
-// An index argument: an address or a number, and its place in an index.
+// The argument under which an agent gives a part of a table's index.
 struct index_argument {
+  cli_record table;
+  cli_mib_place place;
   const char *name;
-  ip_addr_t mvpn_snmp_index::*address;
-  int32_t mvpn_snmp_index::*number;
 };
 
-constexpr index_argument address_of(const char *name, ip_addr_t mvpn_snmp_index::*place) {
-  return {name, place, nullptr};
-}
-constexpr index_argument number_of(const char *name, int32_t mvpn_snmp_index::*place) { return {name, nullptr, place}; }
+#define COLUMN_ARGUMENT(X, id, table, arc, name, syntax, place, text) \
+  {CLI_RECORD_MIB_##table, CLI_MIB_##place, "<" name "-in>"},
+constexpr index_argument column_arguments[] = {CLI_MIB_COLUMN_LIST(COLUMN_ARGUMENT, )};
+#undef COLUMN_ARGUMENT
 
-constexpr index_argument mroute_arguments[] = {
-    address_of("<korvaMvpnMrouteMvrfGroup-in>", &mvpn_snmp_index::group),
-    address_of("<korvaMvpnMrouteMvrfSource-in>", &mvpn_snmp_index::source),
-    number_of("<korvaMvpnMrouteUpDownStreamInfo-in>", &mvpn_snmp_index::direction),
-    number_of("<korvaMvpnMrouteMvrfGrpAddrType-in>", &mvpn_snmp_index::group_type),
-    number_of("<korvaMvpnMrouteMvrfSrcAddrType-in>", &mvpn_snmp_index::source_type),
-};
-constexpr index_argument join_send_arguments[] = {
-    address_of("<korvaMvpnMdtJnSendGroup-in>", &mvpn_snmp_index::group),
-    address_of("<korvaMvpnMdtJnSendSource-in>", &mvpn_snmp_index::source),
-    number_of("<korvaMvpnMdtJnSendGrpAddrType-in>", &mvpn_snmp_index::group_type),
-    number_of("<korvaMvpnMdtJnSendSrcAddrType-in>", &mvpn_snmp_index::source_type),
-};
-constexpr index_argument join_receive_arguments[] = {
-    address_of("<korvaMvpnMdtJnRcvGroup-in>", &mvpn_snmp_index::group),
-    address_of("<korvaMvpnMdtJnRcvSource-in>", &mvpn_snmp_index::source),
-    number_of("<korvaMvpnMdtJnRcvGrpAddrType-in>", &mvpn_snmp_index::group_type),
-    number_of("<korvaMvpnMdtJnRcvSrcAddrType-in>", &mvpn_snmp_index::source_type),
-};
-constexpr index_argument bgp_update_arguments[] = {
-    address_of("<korvaMvpnBgpMdtUpdateSource-in>", &mvpn_snmp_index::source),
-    address_of("<korvaMvpnBgpMdtUpdateGroup-in>", &mvpn_snmp_index::group),
-    number_of("<korvaMvpnBgpMdtUpdGrpAddrType-in>", &mvpn_snmp_index::group_type),
-    number_of("<korvaMvpnBgpMdtUpdSrcAddrType-in>", &mvpn_snmp_index::source_type),
-};
-
-// What is absent keeps the index's own default.
-void read_arguments(cli_command *command, std::span<const index_argument> arguments, mvpn_snmp_index *index) {
-  for (const index_argument &argument : arguments) {
-    if (argument.address != nullptr)
-      cli_get_ipaddr(command, argument.name, &(index->*argument.address));
-    else
-      cli_get_integer(command, argument.name, &(index->*argument.number));
+void read_part(cli_command *command, const index_argument &argument, mvpn_snmp_index *index) {
+  switch (argument.place) {
+    case CLI_MIB_INDEX_VRF:
+      cli_get_string(command, argument.name, &index->vrf_name);
+      break;
+    case CLI_MIB_INDEX_IF_INDEX:
+      cli_get_integer(command, argument.name, &index->if_index);
+      break;
+    case CLI_MIB_INDEX_GROUP_TYPE:
+      cli_get_integer(command, argument.name, &index->group_type);
+      break;
+    case CLI_MIB_INDEX_GROUP:
+      cli_get_ipaddr(command, argument.name, &index->group);
+      break;
+    case CLI_MIB_INDEX_SOURCE_TYPE:
+      cli_get_integer(command, argument.name, &index->source_type);
+      break;
+    case CLI_MIB_INDEX_SOURCE:
+      cli_get_ipaddr(command, argument.name, &index->source);
+      break;
+    case CLI_MIB_INDEX_DIRECTION:
+      cli_get_integer(command, argument.name, &index->direction);
+      break;
+    case CLI_MIB_VALUE:
+      break;
   }
 }
 
-// An index of a table that has rows per VRF.
-mvpn_snmp_index read_vrf_index(cli_command *command, std::span<const index_argument> arguments) {
+mvpn_snmp_index read_index(cli_command *command, cli_record table) {
   mvpn_snmp_index index;
-  index.vrf_name = vrf_name_argument(command);
-  read_arguments(command, arguments, &index);
+  for (const index_argument &argument : column_arguments)
+    if (argument.table == table) read_part(command, argument, &index);
   return index;
 }
 
@@ -570,21 +554,21 @@ int mvpn_show_snmp_korva_mvpn_notification_enable_command(cli_command *command) 
 }
 
 int mvpn_show_snmp_korva_mvpn_mdt_default_table_command(cli_command *command) {
-  const char *name = vrf_name_argument(command);
+  const char *name = read_index(command, CLI_RECORD_MIB_DEFAULT).vrf_name;
   const mvpn_cibtype *mvpn = cli_is_getnext(command) ? first_vrf_after(name) : vrf_named(name);
   if (mvpn != nullptr) mvpn_show_snmp_korva_mvpn_default_table_cmd(command, mvpn);
   return CLI_RESULT_OK;
 }
 
 int mvpn_show_snmp_korva_mvpn_mdt_data_table_command(cli_command *command) {
-  const char *name = vrf_name_argument(command);
+  const char *name = read_index(command, CLI_RECORD_MIB_DATA).vrf_name;
   const mvpn_cibtype *mvpn = cli_is_getnext(command) ? first_vrf_after(name, has_range) : vrf_named(name);
   if (mvpn != nullptr && has_range(mvpn)) mvpn_show_snmp_korva_mvpn_data_table_cmd(command, mvpn);
   return CLI_RESULT_OK;
 }
 
 int mvpn_show_snmp_korva_generic_table_command(cli_command *command) {
-  const char *name = vrf_name_argument(command);
+  const char *name = read_index(command, CLI_RECORD_MIB_GENERIC).vrf_name;
   const mvpn_cibtype *mvpn = vrf_named(name);
   if (cli_is_getnext(command)) {
     // A name that nothing has starts the table again; a PIM context without MVPN ends it.
@@ -599,28 +583,26 @@ int mvpn_show_snmp_korva_generic_table_command(cli_command *command) {
 
 int mvpn_show_snmp_korva_tunnel_table_command(cli_command *command) {
   if (!mvpn_is_up()) return CLI_RESULT_OK;
-  int32_t argument = 0;
-  cli_get_integer(command, "<ifIndex-in>", &argument);
-  const auto if_index = static_cast<if_index_t>(argument);
+  const auto if_index = static_cast<if_index_t>(read_index(command, CLI_RECORD_MIB_TUNNEL).if_index);
   const mvpn_cibtype *mvpn = cli_is_getnext(command) ? tunnel_after(if_index) : tunnel_at(if_index);
   if (mvpn != nullptr) print_tunnel_row(command, mvpn);
   return CLI_RESULT_OK;
 }
 
 int mvpn_show_snmp_korva_mroute_mdt_table_command(cli_command *command) {
-  const mvpn_snmp_index index = read_vrf_index(command, mroute_arguments);
+  const mvpn_snmp_index index = read_index(command, CLI_RECORD_MIB_MROUTE);
   return cli_is_getnext(command) ? mvpn_show_mvpn_mroute_mdt_table_next(command, index)
                                  : mvpn_show_mvpn_mroute_mdt_table_get(command, index);
 }
 
 int mvpn_show_snmp_korva_mdt_jn_send_table_command(cli_command *command) {
-  const mvpn_snmp_index index = read_vrf_index(command, join_send_arguments);
+  const mvpn_snmp_index index = read_index(command, CLI_RECORD_MIB_JN_SEND);
   return cli_is_getnext(command) ? mvpn_show_snmp_vrf_mdt_send_get_next(command, index)
                                  : mvpn_show_snmp_vrf_mdt_send_get(command, index);
 }
 
 int mvpn_show_snmp_korva_mdt_jn_rcv_table_command(cli_command *command) {
-  const mvpn_snmp_index index = read_vrf_index(command, join_receive_arguments);
+  const mvpn_snmp_index index = read_index(command, CLI_RECORD_MIB_JN_RCV);
   if (cli_is_getnext(command))
     join_receive_next(command, index);
   else
@@ -630,8 +612,7 @@ int mvpn_show_snmp_korva_mdt_jn_rcv_table_command(cli_command *command) {
 
 int mvpn_show_snmp_korva_bgp_mdt_update_table_command(cli_command *command) {
   if (!mvpn_is_up()) return CLI_RESULT_OK;
-  mvpn_snmp_index index;
-  read_arguments(command, bgp_update_arguments, &index);
+  const mvpn_snmp_index index = read_index(command, CLI_RECORD_MIB_BGP);
   const bool getnext = cli_is_getnext(command) != 0;
   if (!getnext && !has_address_types(index)) return CLI_RESULT_OK;
   const mvpn_bgp_mdt_safi *entry = find_bgp_update(index.group, index.source, getnext);
