@@ -13,7 +13,7 @@ namespace bgp {
 namespace {
 
 constexpr size_t kNextHopSize = 4;
-constexpr size_t kFirstBuckets = 64;
+constexpr size_t kFirstBuckets = 64;         // doubled as sets come; most tables hold few sets
 constexpr uint32_t kDefaultLocalPref = 100;  // of routes that come without one; what speakers commonly take
 // Well-known communities (RFC 1997). There are no confederations here: the last one means what the first one does.
 constexpr uint32_t kNoExport = 0xFFFFFF01, kNoAdvertise = 0xFFFFFF02, kNoExportSubconfed = 0xFFFFFF03;

@@ -131,11 +131,11 @@ struct GracefulRestart {
 
 struct Capabilities {
   std::vector<Family> families;            // multiprotocol; empty: IPv4 unicast alone
-  bool route_refresh = false;              // 2
-  bool extended_messages = false;          // 6
-  std::optional<GracefulRestart> restart;  // 64
-  std::optional<AsNumber> four_octet_as;   // 65
-  bool enhanced_refresh = false;           // 70
+  bool route_refresh = false;              // capability code 2 (RFC 2918)
+  bool extended_messages = false;          // code 6 (RFC 8654)
+  std::optional<GracefulRestart> restart;  // code 64 (RFC 4724)
+  std::optional<AsNumber> four_octet_as;   // code 65 (RFC 6793)
+  bool enhanced_refresh = false;           // code 70 (RFC 7313)
   std::vector<uint8_t> others;             // codes that this speaker does not know, ascending
   bool operator==(const Capabilities &) const = default;
 };

@@ -15,7 +15,7 @@ constexpr uint8_t kVersion = 4;
 constexpr uint8_t kCapabilitiesParameter = 2;
 constexpr uint8_t kExtendedLength = 255;  // RFC 9072: as length and as type, lengths of two octets follow
 constexpr size_t kFixedSize = 10;
-constexpr uint8_t kHoldTimeMin = 3;
+constexpr uint8_t kHoldTimeMin = 3;  // seconds, but for 0 (RFC 4271, 4.2)
 
 enum CapabilityCode : uint8_t {
   multiprotocol = 1,

@@ -13,6 +13,8 @@ namespace {
 
 using std::chrono::seconds;
 
+// Between two attempts that fail, doubled each time: soon enough for a neighbour that only begins anew, seldom enough
+// for one that is misconfigured (RFC 4271, 8.1.1, leaves the numbers open).
 constexpr Duration kIdleHoldFirst = seconds(1), kIdleHoldMost = seconds(64);
 constexpr size_t kOutputHigh = 64 * 1024;      // octets waiting for the socket, beyond which no more are made
 constexpr Duration kLastedLong = seconds(60);  // a session of that length ends the doubling

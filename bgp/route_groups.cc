@@ -5,7 +5,7 @@
 namespace bgp {
 namespace {
 
-constexpr size_t kMessageOverhead = 64;
+constexpr size_t kMessageOverhead = 64;  // octets of an UPDATE besides attributes and NLRI, roughly
 
 }  // namespace
 

@@ -11,6 +11,7 @@
 namespace bgp {
 namespace {
 
+// Shares of a turn. Larger ones cost less for each route, smaller ones let the owner's loop go on sooner.
 constexpr size_t kInputOfSession = 16 * 1024;  // octets a turn
 constexpr size_t kInputOfTurn = 32 * 1024;
 constexpr size_t kCallCost = 128;       // octets that a call of the transport is worth

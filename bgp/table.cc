@@ -15,8 +15,8 @@
 namespace bgp {
 namespace {
 
-constexpr size_t kFirstBuckets = 1024;
-constexpr size_t kLogSlack = 4096;  // changes kept twice before the log is made dense
+constexpr size_t kFirstBuckets = 1024;  // 4 KiB; one more for each route beyond
+constexpr size_t kLogSlack = 4096;      // changes kept twice before the log is made dense
 constexpr size_t kSourcesMax = UINT16_MAX;
 
 uint64_t mix(uint64_t value) {

@@ -29,7 +29,7 @@ using namespace std::chrono_literals;
 
 constexpr auto longest_life = 30s;      // real time that a check's process gets
 constexpr uint32_t run_limit = 60'000;  // ms of platform time that run_until waits
-constexpr uint32_t run_step = 100;
+constexpr uint32_t run_step = 100;      // ms between two looks at the condition
 
 std::vector<Check> &checks() {
   static std::vector<Check> all;

@@ -70,6 +70,8 @@ class CoreSite {
   // Room for the packets of a batch. Each has kOuterSize bytes in front of it for the outer header, then at most
   // kCustomerMax. They stand close together: packets that are pages apart would push each other out of the cache.
   uint8_t *room() { return buffer_.get(); }
+  // A batch of packets of ordinary size, and a largest one behind them: 2048 bytes are an Ethernet frame's rounded up.
+  // When packets are larger a batch has fewer.
   static constexpr size_t kRoom = kBatch * 2048 + kOuterSize + kCustomerMax;
 
   // Adds a customer datagram in the room to what flush() sends.

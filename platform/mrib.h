@@ -16,8 +16,8 @@ typedef struct mrib_context mrib_context;             /* opaque: one VRF's multi
 #define MRIB_CLIENT_NAME "mvpn"
 
 enum {
-  MRIB_REGISTER_FLAGS = 1288,      /* registration code of a first start */
-  MRIB_REREGISTER_FLAGS = 210,     /* registration code after a crash */
+  MRIB_REGISTER_FLAGS = 1288,  /* registration code of a first start: the MRIB's own number, which means nothing here */
+  MRIB_REREGISTER_FLAGS = 210, /* registration code after a crash: the same */
   MRIB_UPDATE_HEADER_SIZE = 64,    /* bytes of an update-route buffer before its entries; the MRIB fills them */
   MRIB_UPDATE_ENTRY_SIZE = 92,     /* bytes of an update-route entry */
   MRIB_ENCAP_RECORD_SIZE = 88,     /* bytes of an encapsulation record */

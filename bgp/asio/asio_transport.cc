@@ -24,7 +24,7 @@ using boost::system::error_code;
 
 namespace {
 
-constexpr std::chrono::seconds kLinger{1};
+constexpr std::chrono::seconds kLinger{1};              // a neighbour that lives has read a NOTIFICATION by then
 constexpr std::chrono::milliseconds kAcceptRetry{200};  // when the process has no descriptor left
 
 tcp::endpoint endpoint_of(Ipv4 address, uint16_t port) { return {asio::ip::address_v4(address), port}; }

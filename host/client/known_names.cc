@@ -11,9 +11,9 @@
 namespace host {
 namespace {
 
-constexpr std::chrono::seconds kKept{5};
-constexpr std::chrono::milliseconds kPatience{500};
-constexpr size_t kMaxNames = 2000;
+constexpr std::chrono::seconds kKept{5};             // spares the daemon a question for each key; new names show soon
+constexpr std::chrono::milliseconds kPatience{500};  // somebody waits at the keyboard
+constexpr size_t kMaxNames = 2000;                   // more than anybody reads in a list
 
 // The names behind a word at the beginning of a line; lines of blocks begin with blanks.
 std::vector<std::string> names_behind(const std::string &word, const std::string &text) {

@@ -18,8 +18,8 @@
 namespace host {
 namespace {
 
-constexpr int kHistoryLines = 1000;
-constexpr char kLiteral = 1;  // around the parts of a prompt that take no room
+constexpr int kHistoryLines = 1000;  // written whole after each line, so it stays short
+constexpr char kLiteral = 1;         // around the parts of a prompt that take no room
 
 struct Typed {
   std::vector<std::string> words;  // complete ones

@@ -16,7 +16,7 @@
 namespace host {
 
 constexpr size_t kMaxConfigFile = 16u << 20;  // bytes; some hundred thousand lines
-constexpr size_t kMaxErrorsTold = 20;
+constexpr size_t kMaxErrorsTold = 20;         // a screen of them; the first ones explain the rest
 
 struct ConfigFile {
   Config config;                    // without the lines that are wrong

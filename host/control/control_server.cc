@@ -34,7 +34,7 @@ using std::chrono::steady_clock;
 
 namespace {
 
-constexpr std::chrono::seconds kLongestIdle{300};
+constexpr std::chrono::seconds kLongestIdle{300};       // of a connection without a command; clients connect anew
 constexpr std::chrono::seconds kLongestRequest{10};     // from its first byte to its last
 constexpr std::chrono::milliseconds kAcceptPause{500};  // when no connection can be taken, as without descriptors
 

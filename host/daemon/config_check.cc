@@ -26,8 +26,8 @@
 namespace host {
 namespace {
 
-constexpr std::chrono::seconds kTimeLimit{60};
-constexpr size_t kOutputLimit = 65536;
+constexpr std::chrono::seconds kTimeLimit{60};  // one that takes longer hangs, and a reload waits for it
+constexpr size_t kOutputLimit = 65536;          // bytes; kMaxErrorsTold lines are shorter
 constexpr std::string_view kOwnPrefix = "pimhostd: ";
 
 }  // namespace

@@ -37,7 +37,7 @@ void make_folder(const std::string &path) {
     throw std::runtime_error("--store: " + path + ": " + std::strerror(ENOTDIR));
 }
 
-constexpr std::chrono::seconds kFarewell{2};
+constexpr std::chrono::seconds kFarewell{2};  // so long neighbours and clients may take to read their last words
 
 }  // namespace
 

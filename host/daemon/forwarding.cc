@@ -25,12 +25,12 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr char kDefaultSocket[] = "/run/mvpn-forwarder.sock";
-constexpr seconds kRetry{1};
+constexpr seconds kRetry{1};           // the log says that it is every second
 constexpr seconds kGrace{10};          // for a forwarder that is started anew, before tunnels count as down
 constexpr seconds kTelling{3};         // for a forwarder to tell again what there is
 constexpr seconds kRecovery{240};      // of the platform's clock, as the module's own recovery
 constexpr milliseconds kAnswer{5000};  // for counters; a forwarder that takes longer hangs
-constexpr double kBytesPerKbit = 125;
+constexpr double kBytesPerKbit = 125;  // kilobits of 1000 bits
 constexpr double kSecondsAMinute = 60;
 
 Item tunnel_item(const ref::Tunnel &tunnel, bool up) {

@@ -12,7 +12,7 @@ namespace {
 
 namespace asio = boost::asio;
 
-constexpr std::chrono::seconds kCarrierRetry{5};
+constexpr std::chrono::seconds kCarrierRetry{5};  // an address that comes later is soon used, a log is not filled
 
 }  // namespace
 

@@ -29,7 +29,7 @@ const mvpn_cibtype *context_of(const std::string &vrf) {
 std::string why_moved(const pim_route &route, const mvpn_data_mdt_send_join_info &info) {
   if (info.config == nullptr) return "";
   if (info.config->immediate_switch != 0) return "flows of its range move at once";
-  constexpr uint64_t kBytesAMinutePerKbps = 7500;
+  constexpr uint64_t kBytesAMinutePerKbps = 7500;  // 60 s of 1000 bits
   return "it had " + std::to_string(pim_data_bytes_in_last_minute(&route) / kBytesAMinutePerKbps) +
          " kbit/s, the threshold is " + std::to_string(info.config->threshold);
 }

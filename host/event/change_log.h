@@ -19,7 +19,7 @@ class ChangeLog {
   void settle();
 
  private:
-  static constexpr uint32_t kLinesASecond = 100;
+  static constexpr uint32_t kLinesASecond = 100;  // more than a person reads, less than what fills a disk
   void take(const Change &change);
 
   Log &log_;

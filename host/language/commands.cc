@@ -90,7 +90,7 @@ Build number(std::string name, std::string help, uint64_t low, uint64_t high) {
 }
 
 constexpr uint64_t kMax32 = UINT32_MAX;
-constexpr uint64_t kMaxTableId = 0xFFFFFF;
+constexpr uint64_t kMaxTableId = 0xFFFFFF;  // what an if-index has room for below its sort
 constexpr uint64_t kMaxRate = 100'000'000;  // kbps
 
 Build vrf_name(std::string name, std::string help) {

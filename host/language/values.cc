@@ -10,12 +10,12 @@
 namespace host {
 namespace {
 
-constexpr size_t kNameMax = 32;
-constexpr size_t kInterfaceMax = 39;
-constexpr size_t kPathMax = 107;  // of a Unix socket
-constexpr size_t kPolicyMax = 255;
-constexpr size_t kPasswordMax = 80;  // of a TCP signature's key
-constexpr size_t kLineMax = 255;
+constexpr size_t kNameMax = 32;       // VRF_NAME_MAX
+constexpr size_t kInterfaceMax = 39;  // IF_NAME_SIZE with its NUL
+constexpr size_t kPathMax = 107;      // of a Unix socket
+constexpr size_t kPolicyMax = 255;    // a bound only: the policy manager has its own, which is lower
+constexpr size_t kPasswordMax = 80;   // of a TCP signature's key
+constexpr size_t kLineMax = 255;      // of a text, such as a description
 
 std::optional<uint64_t> read_number(std::string_view word) {
   uint64_t value = 0;

@@ -20,7 +20,7 @@ namespace http = boost::beast::http;
 using boost::asio::ip::tcp;
 using boost::system::error_code;
 
-constexpr std::chrono::seconds kRetry{5};
+constexpr std::chrono::seconds kRetry{5};  // as http_server.h says
 
 }  // namespace
 

@@ -8,7 +8,7 @@
 namespace output {
 namespace {
 
-constexpr size_t kLongestPattern = 255;
+constexpr size_t kLongestPattern = 255;  // bytes; bounds what compiling one takes
 
 RE2::Options pattern_options() {
   RE2::Options options;

@@ -49,8 +49,8 @@
 namespace host::snmp {
 namespace {
 
-constexpr int kCacheSeconds = 2;
-constexpr int kAnswerSeconds = 1;
+constexpr int kCacheSeconds = 2;   // a walk's requests find one state of a table; a manager sees nothing older
+constexpr int kAnswerSeconds = 1;  // of the master, for one request of the library
 constexpr const char *kAgentName = "pimhostd";
 constexpr std::chrono::milliseconds kSlice{5};            // of the main loop's time, for collecting
 constexpr std::chrono::milliseconds kPatienceAtEnd{500};  // with a library that waits for its master

@@ -35,8 +35,8 @@ namespace {
 
 using Arguments = std::vector<ref::CliArgument>;
 
-constexpr size_t kLongestText = 64;
-constexpr const char *kLastAddress = "255.255.255.255";
+constexpr size_t kLongestText = 64;                      // characters of a text in an index; names are shorter
+constexpr const char *kLastAddress = "255.255.255.255";  // no index comes behind it
 constexpr const char *kIpv4 = "1";
 constexpr const char *kDirections[] = {"1", "2"};
 

@@ -20,12 +20,12 @@ using Values = std::vector<std::pair<int, std::string>>;
 
 struct Row {
   std::vector<uint32_t> index;  // its part of an object identifier
-  Values values;
+  Values values;                // in the order in which they were recorded
 };
 
 struct Limits {
-  size_t rows = 200000;
-  std::chrono::milliseconds time{2000};
+  size_t rows = 200000;                  // of one table: a bound on its memory
+  std::chrono::milliseconds time{2000};  // of the main thread, for one table
 };
 
 struct Collection {

@@ -1,3 +1,4 @@
+// The values of notifications, in the order in which the MIB lists them. Enumerations are written as their numbers.
 #include "host/snmp/notification.h"
 
 namespace host::snmp {

@@ -19,11 +19,11 @@ inline constexpr uint32_t kObjects[] = {1, 3, 6, 1, 4, 1, 8072, 9999, 9999, 6513
 
 // A value of a row.
 struct Column {
-  int element;
-  uint32_t arc;      // under the table's entry
-  const char *name;  // of its element in the output schema
-  cli_mib_syntax syntax;
-  cli_mib_place place;  // in the index
+  int element;            // CLI_ELEMENT_MIB_..., under which the handler records it
+  uint32_t arc;           // under the table's entry
+  const char *name;       // of its element in the output schema
+  cli_mib_syntax syntax;  // what the recorded text stands for
+  cli_mib_place place;    // in the index
 
   // Name of the argument under which a handler reads it.
   std::string argument() const { return "<" + std::string(name) + "-in>"; }
@@ -39,28 +39,28 @@ enum class Walk {
 
 // A listing of pairs of addresses.
 struct Listing {
-  const char *handler;
-  bool per_vrf;
-  int source;  // elements; a pair is complete with its group
-  int group;
+  const char *handler;  // that prints the pairs
+  bool per_vrf;         // it is asked for each VRF; false: once
+  int source;           // elements; a pair is complete with its group
+  int group;            // recorded behind the source
 };
 
 struct Table {
-  const char *name;
-  uint32_t arc;
-  const char *handler;
-  Walk walk;
-  std::vector<Column> index;   // in the order of the object identifier
-  std::vector<Column> values;  // by arc
-  std::optional<Listing> listing;
+  const char *name;                // as in the MIB, without "Table"
+  uint32_t arc;                    // under kObjects
+  const char *handler;             // that prints a row
+  Walk walk;                       // as collect.cc explains
+  std::vector<Column> index;       // in the order of the object identifier
+  std::vector<Column> values;      // by arc
+  std::optional<Listing> listing;  // with Walk::listed only
 };
 
 struct Scalar {
-  const char *name;
-  uint32_t arc;
-  const char *handler;
-  int element;
-  cli_mib_syntax syntax;
+  const char *name;       // as in the MIB
+  uint32_t arc;           // under kObjects
+  const char *handler;    // that prints it
+  int element;            // under which the handler records it
+  cli_mib_syntax syntax;  // what the recorded text stands for
 };
 
 const std::vector<Table> &tables();

@@ -36,7 +36,7 @@
 namespace ref {
 namespace {
 
-constexpr size_t entries_a_message = 100;
+constexpr size_t entries_a_message = 100;  // as many as the module puts into one of its own
 enum RdType : uint16_t { rd_as2 = 0, rd_address = 1, rd_as4 = 2 };
 
 using Rd = std::array<uint8_t, ROUTE_DISTINGUISHER_SIZE>;

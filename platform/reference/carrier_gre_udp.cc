@@ -29,7 +29,7 @@ constexpr uint16_t ethertype_ipv4 = 0x0800;
 constexpr uint8_t protocol_udp = 17;
 constexpr uint8_t protocol_gre = 47;
 constexpr uint8_t internetwork_control = 0xC0;  // type of service
-constexpr uint8_t core_ttl = 64;
+constexpr uint8_t core_ttl = 64;                // what hosts commonly begin with
 
 enum GreOffset { gre_flags = 0, gre_protocol = 2 };
 constexpr size_t gre_size = 4;
@@ -55,7 +55,7 @@ enum UdpOffset { udp_source = 0, udp_destination = 2, udp_length = 4, udp_checks
 constexpr size_t udp_size = 8;
 constexpr size_t udp_payload_max = 0xFFFF - ip_size - udp_size;
 constexpr size_t core_overhead = gre_size + ip_size + gre_size;
-constexpr int reads_a_call = 64;
+constexpr int reads_a_call = 64;  // so that a flood of datagrams does not keep the main loop
 
 using Bytes = std::span<const uint8_t>;
 

@@ -22,7 +22,7 @@
 namespace ref {
 namespace {
 
-constexpr size_t history_kept = 10000;
+constexpr size_t history_kept = 10000;            // events, at least; up to twice as many are held
 constexpr std::chrono::seconds limit_window{10};  // platform time
 constexpr unsigned limit_count = 50;              // reports of one kind in a window
 

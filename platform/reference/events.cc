@@ -22,7 +22,7 @@ uint64_t posted = 0;
 std::function<void()> waker;
 Module entry_points;
 
-constexpr size_t most_per_run = 10000;
+constexpr size_t most_per_run = 10000;  // work that makes work must not keep a turn from ending
 
 enum class Worked { nothing, the_last, with_more_to_do };
 

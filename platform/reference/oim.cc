@@ -208,7 +208,7 @@ void store(const Tunnel &tunnel) {
   changed();
 }
 
-constexpr uint32_t default_mtu = 1500;
+constexpr uint32_t default_mtu = 1500;  // of a tunnel that was given none
 
 // Adds the interface of a new tunnel and the tunnel itself; false when the interface manager refuses it.
 bool add_tunnel(Tunnel tunnel) {

@@ -36,7 +36,7 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 using Records = std::map<Bytes, Bytes>;
 
-constexpr size_t map_size = size_t{1} << 30;
+constexpr size_t map_size = size_t{1} << 30;  // bytes of address space; LMDB's file grows with what it holds only
 constexpr uint32_t severity_error = 3, severity_notice = 5;
 
 class Database {

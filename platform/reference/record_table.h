@@ -81,7 +81,7 @@ class RecordTable {
   }
 
  private:
-  static constexpr size_t first_buckets = 64, chunk_records = 256;
+  static constexpr size_t first_buckets = 64, chunk_records = 256;  // powers of two; small tables stay small
 
   Id take() {
     size_++;

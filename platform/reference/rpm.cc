@@ -11,7 +11,7 @@
 namespace ref {
 namespace {
 
-constexpr uint32_t name_length_max = 63;
+constexpr uint32_t name_length_max = 63;  // this policy manager's own bound; clients ask for it
 
 struct State {
   std::map<std::string, std::vector<PolicyEntry>, std::less<>> policies;

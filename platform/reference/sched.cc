@@ -220,7 +220,7 @@ struct Start {
 // place for an overflow. Called where code runs on the way out of a thread.
 #if defined(__SANITIZE_ADDRESS__)
 __attribute__((noinline, no_sanitize("address"))) void forget_unwound_frames() {
-  constexpr size_t kDeepest = 65536;
+  constexpr size_t kDeepest = 65536;  // bytes of stack that unwound frames may have taken
   __asan_unpoison_memory_region(static_cast<char *>(__builtin_frame_address(0)) - kDeepest, kDeepest);
 }
 #else

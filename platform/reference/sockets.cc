@@ -23,9 +23,9 @@
 namespace ref {
 namespace {
 
-constexpr size_t queue_max = 1024;  // datagrams
-constexpr size_t sockets_max = 16;
-constexpr uint16_t all_contexts = 0xFFFF;
+constexpr size_t queue_max = 1024;         // datagrams
+constexpr size_t sockets_max = 16;         // a bound; the module needs one
+constexpr uint16_t all_contexts = 0xFFFF;  // QUILLON_IP_CONTEXT
 
 enum Ipv4Offset { ip_version_ihl = 0, ip_source = 12, ip_size_min = 20 };
 enum UdpOffset { udp_source = 0, udp_size = 8 };

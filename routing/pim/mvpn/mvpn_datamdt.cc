@@ -26,7 +26,7 @@
 
 namespace {
 
-constexpr uint32_t kRoutesBetweenYields = 1000;
+constexpr uint32_t kRoutesBetweenYields = 1000;  // looked at, most of them for nothing
 
 // ---------------------------------------------------------------------------------------- walks over customer routes
 

@@ -18,8 +18,8 @@ zeph_timestamp mvpn_age_ts{};
 
 namespace {
 
-constexpr uint32_t kAgeInterval = 30;  // seconds
-constexpr uint32_t kNodesBetweenYields = 1000;
+constexpr uint32_t kAgeInterval = 30;           // seconds
+constexpr uint32_t kNodesBetweenYields = 1000;  // less than a millisecond (docs/benchmarks.md)
 
 // However the pass ends, nothing of it stays behind.
 struct PassEnd {

@@ -32,7 +32,7 @@ pt_attr *mvpn_data_mdt_info_pt_attr = nullptr;
 
 namespace {
 
-constexpr uint32_t kNodesBetweenYields = 1000;
+constexpr uint32_t kNodesBetweenYields = 1000;  // as the ageing pass
 constexpr uint32_t kGroupBits = 32;
 constexpr uint32_t kGroupSourceBits = 64;
 constexpr uint32_t kKeyBits = MVPN_RECV_KEY_BYTES * 8;

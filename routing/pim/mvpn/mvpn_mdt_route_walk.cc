@@ -55,6 +55,8 @@ enum class disposal {
   withdraw,  // freed now, withdrawn from the MRIB afterwards
 };
 
+// Freeing a route costs more than looking at one: hence two counts. Smaller ones cost yields, larger ones keep other
+// threads waiting; no finer reason.
 constexpr uint32_t frees_per_yield = 100;
 constexpr uint32_t visits_per_yield = 250;
 

@@ -43,7 +43,7 @@
 
 ravl_tree mvpn_bgp_mdt_safi_db;
 
-static constexpr uint32_t MVPN_BGP_LOCAL_UPDATE_ENTRIES = 100;
+static constexpr uint32_t MVPN_BGP_LOCAL_UPDATE_ENTRIES = 100;  // 5602 bytes: the buffer is there all the time
 static constexpr uint32_t MVPN_BGP_LOCAL_UPDATE_SIZE =
     BGP_MDT_SAFI_COUNT_SIZE + MVPN_BGP_LOCAL_UPDATE_ENTRIES * BGP_MDT_SAFI_ENTRY_SIZE;
 static uint8_t mvpn_bgp_local_update_buf[MVPN_BGP_LOCAL_UPDATE_SIZE];  // used while answering one request

@@ -91,7 +91,7 @@ inline const char *mvpn_interface_text(im_iod_t iod) { return iod == 0 ? " " : k
 
 // ----------------------------------------------------------------------------------------------------------- walks
 
-constexpr uint32_t MVPN_SHOW_RECORDS_PER_YIELD = 50;
+constexpr uint32_t MVPN_SHOW_RECORDS_PER_YIELD = 50;  // records print several lines each
 
 // What the visit of a record says: the record does not count; it counts; the walk ends here.
 enum class mvpn_visit { passed, counted, done };

@@ -35,7 +35,7 @@
 
 namespace {
 
-constexpr uint32_t VRFS_PER_YIELD = 100;
+constexpr uint32_t VRFS_PER_YIELD = 100;  // looked at, most of them for nothing
 constexpr size_t NAME_BYTES_COMPARED = VRF_NAME_MAX + 1;
 constexpr uint64_t NANOSECONDS_PER_SECOND = 1000000000;
 
