@@ -27,6 +27,7 @@ class Namespaces {
   std::string full(const std::string &name) const { return prefix_ + "-" + name; }
   std::string path(const std::string &name) const { return "/run/netns/" + full(name); }
 
+  // Throw std::runtime_error with what ip said.
   void add(const std::string &name);
   // Kills what runs in it, and removes it.
   void remove(const std::string &name);

@@ -26,6 +26,8 @@ struct Launch {
 // A program that runs until it is stopped. Destroying it kills it.
 class Process {
  public:
+  // Throws std::runtime_error when the log, the namespace or a process is not to be had. A program that cannot be
+  // executed ends with 127 and says why in the log.
   explicit Process(const Launch &launch);
   ~Process();
   Process(Process &&other) noexcept;
@@ -56,6 +58,7 @@ struct Result {
 };
 
 // Runs a program to its end, for at most limit, in a network namespace when one is given.
+// Throws as Process does.
 Result run(const std::vector<std::string> &command, std::chrono::milliseconds limit,
            const std::string &network_namespace = {});
 

@@ -28,6 +28,7 @@ class Stage {
   // Makes everything, daemons included. Throws std::runtime_error.
   void build();
 
+  // These throw std::runtime_error with what a program said, too.
   void add_vrf(const std::string &pe, const std::string &vrf);
   void remove_vrf(const std::string &pe, const std::string &vrf);
   void set_link(const std::string &pe, bool up);

@@ -36,7 +36,7 @@ class Session {
   bool is_secret(std::string_view text) const;
 
   bool ended() const { return ended_; }  // by `exit`
-  std::string prompt();
+  std::string prompt();                  // "HOST> ", "HOST(config-...)# "; may ask the daemon for the name
 
   // What may stand behind the words of an incomplete line; names that the daemon knows are among the keywords.
   std::vector<Candidate> next(const std::vector<std::string> &words);

@@ -46,6 +46,7 @@ class Block {
   // The lines that erase() would remove.
   std::vector<const Line *> matching(const std::string &key) const;
 
+  // A line by its command (and handler, where one is given), by its key; null: none. Valid until the block changes.
   const Line *find(Command command, std::string_view handler = {}) const;
   const Line *find_key(const std::string &key) const;
   // An argument of a command's line; null when there is no such line or argument.
@@ -82,6 +83,7 @@ class Config {
   bool open(const BlockId &id, int number = 0);
 
   const Blocks &blocks() const { return blocks_; }
+  // Null: it does not exist. Valid as long as the block stands in some configuration.
   const Block *find(const BlockId &id) const;
   const Block *vrf(std::string_view name) const { return find({Mode::vrf, std::string(name)}); }
 
@@ -101,7 +103,7 @@ class Config {
   std::string print(Passwords passwords = Passwords::hidden) const;
 
   std::string hostname() const;  // "pimhostd" unless set
-  bool feature_mvpn() const;
+  bool feature_mvpn() const;     // true unless switched off
 
  private:
   Block &writable(const BlockId &id);

@@ -32,6 +32,7 @@ struct Pipeline {
 // The words of a line, with a word of its own for each '|' in front of a filter: blanks around it may be left out.
 std::vector<std::string> split_pipeline(std::string_view line);
 
+// Takes words of split_pipeline() apart.
 Pipeline read_pipeline(const std::vector<std::string> &words);
 
 // What may stand behind the words of an incomplete line that has a '|' among them.

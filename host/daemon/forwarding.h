@@ -51,6 +51,7 @@ class Forwarding : private ref::ForwardingPlane {
     bool up = false;                   // administratively, and carrying
     std::vector<ip_addr_t> addresses;  // host byte order; the first is the primary one
   };
+  // By value: nothing of it changes afterwards.
   Seen seen(const std::string &interface) const;
 
   const std::string &socket() const { return path_; }

@@ -28,6 +28,7 @@ class Links {
   MdtExchange &exchange() { return exchange_; }
   const MdtExchange &exchange() const { return exchange_; }
   const ref::GreUdpCarrier *carrier() const { return carrier_; }
+  // Those of the carrier, when there is one.
   void clear_counters();
   // Of what the carrier sends and receives, whichever carrier there is.
   ref::Capture &capture() { return capture_; }

@@ -17,6 +17,7 @@ namespace host {
 // the module's threads run.
 class Loop {
  public:
+  // One in a process, made by the main thread: resets the platform and gives the scheduling locks up.
   Loop();
   ~Loop();
   Loop(const Loop &) = delete;

@@ -25,6 +25,7 @@ class MdtExchange {
   BgpService &bgp() { return bgp_; }
   const BgpService &bgp() const { return bgp_; }
 
+  // Becomes what a configuration says. After a restart it also takes down which VRFs the routes are complete with.
   void follow(const Config &config);
   // VRF that a route of this PE comes from; empty: none.
   std::string vrf_of(const bgp::RouteKey &key) const;

@@ -10,6 +10,7 @@
 namespace host {
 
 struct LoadedModule {
+  // As mvpn.h says of each; never null once load_module() has returned.
   decltype(&mvpn_init) init = nullptr;
   decltype(&mvpn_deinit) deinit = nullptr;
   decltype(&mvpn_init_cli) init_cli = nullptr;

@@ -6,6 +6,7 @@
 
 namespace host {
 
+// On a view's thread, with the scheduling locks; show_vrfs yields between rows.
 void show_vrfs(const ViewInput &input, output::Listing &listing);
 void show_version(const ViewInput &input, output::Listing &listing);
 void show_status(const ViewInput &input, output::Listing &listing);

@@ -30,7 +30,7 @@ struct ViewInput {
 // Prints the view of a command; false when the command is not one. Yields between rows of long views.
 bool show_view(const ViewInput &input, output::Listing &listing);
 
-CounterBase counters_now();
+CounterBase counters_now();  // on the main thread
 
 }  // namespace host
 

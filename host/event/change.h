@@ -106,6 +106,7 @@ class EventBus {
   // Calls the listener for each change from now on. It publishes nothing itself.
   [[nodiscard]] Subscription subscribe(Listener listener);
 
+  // Tells every listener at once, in the order of their subscriptions. Not from within a listener.
   void publish(Change change);
 
   // Changes that say nothing else are somebody's doing from now on; empty: nobody's.

@@ -13,6 +13,7 @@ namespace host {
 // The numbers are those of syslog: a smaller one matters more.
 enum class Level : uint8_t { error = 3, warning = 4, notice = 5, info = 6, debug = 7 };
 
+// "error" to "debug"; nothing for another name.
 std::string_view name_of(Level level);
 std::optional<Level> level_of(std::string_view name);
 

@@ -149,6 +149,7 @@ struct Statement {
   std::string key;                  // identity among the lines of its block
 };
 
+// The value of an argument, "" for a keyword; null: the line has none of this name. Valid as long as the statement.
 const std::string *find_argument(const Statement &statement, std::string_view name);
 
 // The statement's text for listings and messages: with kHiddenPassword in the place of a password, which is the
@@ -166,6 +167,7 @@ struct Match {
   std::optional<SyntaxError> error;
 };
 
+// What stands between blanks.
 std::vector<std::string> split_words(std::string_view line);
 // The words with a blank between them.
 std::string join_words(const std::vector<std::string> &words);
@@ -181,6 +183,7 @@ struct Candidate {
   NameKind names = NameKind::none;  // of arguments
 };
 constexpr std::string_view kEndOfLine = "<cr>";  // candidate: the line may end here
+// In the order of the grammar; empty when the words themselves are wrong.
 std::vector<Candidate> candidates(Mode mode, const std::vector<std::string> &words);
 
 // Syntax of every command of a mode in the notation of the documentation, with its help.

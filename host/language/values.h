@@ -51,6 +51,7 @@ struct EndpointValue {
 };
 EndpointValue endpoint_value(std::string_view word);
 
+// Dotted form of an address in host byte order.
 std::string address_text(uint32_t address);
 
 // What listings show in the place of a password. It is no password itself: a listing that is loaded says what is

@@ -33,6 +33,7 @@ struct SchemaElement {
   const char *description;  // a sentence or two
 };
 
+// For numbers that are in the tables; all live as long as the program.
 const SchemaType &type_of(cli_type type);
 std::span<const SchemaType> all_types();
 const SchemaRecord &record_of(RecordId record);

@@ -46,7 +46,7 @@ struct Listing {
 };
 
 struct Table {
-  const char *name;                // as in the MIB, without "Table"
+  const char *name;                // as in the MIB, with "Table"
   uint32_t arc;                    // under kObjects
   const char *handler;             // that prints a row
   Walk walk;                       // as collect.cc explains
@@ -63,6 +63,7 @@ struct Scalar {
   cli_mib_syntax syntax;  // what the recorded text stands for
 };
 
+// Made at the first call, never changed; ascending by arc.
 const std::vector<Table> &tables();
 const std::vector<Scalar> &scalars();
 const Table &default_mdt_table();  // has a row for every VRF

@@ -16,7 +16,7 @@ struct Event {
   std::string text;               // as the module wrote it
 };
 std::vector<Event> history();  // the latest 10000 events of the module, oldest first
-void clear_history();
+void clear_history();          // of all VRFs
 struct Report {
   std::string name;                    // of the descriptor
   std::vector<std::string> arguments;  // in the order in which the text shows them

@@ -26,9 +26,11 @@ struct Interface {
 // Creates an interface (iod 0: the next free one); 0 when the name is taken. Notifications go to the module through the
 // main loop: creation, state and address changes, each only when something changes and while enabled.
 im_iod_t create_interface(std::string_view name, vrf_context_id_t context_id, ip_addr_t address, bool up);
+// False: there is no such interface.
 bool delete_interface(std::string_view name);
 bool set_interface_state(std::string_view name, bool up);
 bool set_interface_address(std::string_view name, ip_addr_t address);
+// Null: there is none. Valid until the interface is deleted.
 const Interface *find_interface(std::string_view name);
 const Interface *find_interface(im_iod_t iod);
 std::vector<const Interface *> interfaces();  // by ordinal

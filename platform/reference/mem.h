@@ -12,7 +12,7 @@ struct MemoryUse {
   size_t tracked_bytes = 0;    // in them
   size_t timers = 0;           // created and not cancelled, whether they run or not
 };
-MemoryUse memory_use();
+MemoryUse memory_use();  // of this moment
 
 }  // namespace ref
 

@@ -31,6 +31,8 @@ struct Module {
   void (*switchover_expiry)(mvpn_cibtype *) = nullptr;
   void (*send_join_packet)(mvpn_cibtype *, int release) = nullptr;
 };
+// Before the module starts, since work that is queued calls what is set when it runs. It stays until the next call,
+// reset() or not.
 void set_module(const Module &module);
 const Module &module();
 

@@ -91,6 +91,7 @@ class MribRoutes {
   Record &operator[](Id id) { return records_[id]; }
   const Record &operator[](Id id) const { return records_[id]; }
 
+  // What counts of the route from now on; the client holds it.
   void install(Id id, const MribInstalled &installed);
   // Takes an owner away; 0: the client's hold, when no owner is left.
   void uninstall(Id id, uint32_t owner);

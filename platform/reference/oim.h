@@ -20,8 +20,8 @@ struct Tunnel {
   ip_addr_t destination = 0;  // the default group; 0: not given yet
   bool up = false;            // its interface is
 };
-std::vector<Tunnel> tunnels();  // by if-index
-const Tunnel *find_tunnel(if_index_t if_index);
+std::vector<Tunnel> tunnels();                   // by if-index
+const Tunnel *find_tunnel(if_index_t if_index);  // null: none; valid until the tunnel is changed or deleted
 // File in which the tunnel database outlives the process; empty: none. False when it cannot be read.
 bool oim_use_file(const std::string &path);
 

@@ -17,6 +17,8 @@ struct PolicyEntry {
   ip_addr_t source = 0, group = 0;         // prefixes
   uint32_t source_len = 0, group_len = 0;  // their lengths, 0..32; 0 matches everything
 };
+// Defines a policy anew, also one that is bound. False: there was none. Users that are bound to a policy, defined or
+// not.
 void set_policy(std::string_view name, const std::vector<PolicyEntry> &entries);
 bool delete_policy(std::string_view name);
 size_t policy_bindings();

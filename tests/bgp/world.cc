@@ -1,3 +1,5 @@
+// Delivers octets and alarms between speakers by hand. A node is its speaker's transport, clock and observer in one;
+// what the speaker asks for is noted and done by the network between its calls, as an event loop would.
 #include "tests/bgp/world.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// Four VRFs, a customer site in each, one remote PE. What was configured is kept as lines, so that a module that is
+// started anew is given them again.
 #include "tests/faults/world.h"
 #include "routing/pim/mvpn/mvpn_ha.h"
 #include "routing/pim/mvpn/mvpn_mdt_route.h"

@@ -1,3 +1,5 @@
+// Namespaces by means of the program ip. Work in one is done by a thread of its own, because a thread that has entered
+// another namespace should not go on with the test.
 #include "tests/forwarder/room.h"
 
 #include <fcntl.h>

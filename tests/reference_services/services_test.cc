@@ -1,3 +1,4 @@
+// The recording module: each entry point appends a line to `told`. Called by the platform on the test's thread.
 #include "tests/reference_services/services_test.h"
 
 #include "platform/im.h"

@@ -1,3 +1,5 @@
+// The kinds of steps in one table: weight, how the words are drawn, what is done. Pools of words are small and repeat
+// what should be drawn more often, so that steps meet each other.
 #include "tests/simulation/steps.h"
 
 #include <algorithm>

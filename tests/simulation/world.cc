@@ -1,3 +1,4 @@
+// Does what steps ask for by the platform's own functions, and writes down what was wished, apart from what came of it.
 #include "tests/simulation/world.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_ha.h"

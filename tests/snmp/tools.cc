@@ -1,3 +1,5 @@
+// Programs of the machine's SNMP package, run with an environment of their own, so that no configuration of the machine
+// matters and nothing of it is written.
 #include "tests/snmp/tools.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,4 @@
+// Replaces the global operator new. It counts in the calling thread only, and lets one allocation fail and no other.
 #include "tests/support/failing_new.h"
 
 #include <cstdlib>

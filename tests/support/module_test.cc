@@ -1,3 +1,5 @@
+// The fixture's set-up and end. At the end the module is stopped and everything must be given back: threads, timers,
+// slab objects, buffers.
 #include "tests/support/module_test.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 

@@ -18,6 +18,8 @@ struct CorePacket;
 
 // ----------------------------------------------------------------------------------------------------------- VRFs, PIM
 
+// What the VRF manager says of a VRF (L3VM_STATE_...), whether PIM lets its context be used. A name that nobody has:
+// nothing.
 void set_vrf_state(std::string_view name, uint32_t l3vm_state);
 void set_pcib_usable(std::string_view name, bool usable);
 
@@ -48,7 +50,7 @@ struct MribUpdate {
 };
 const std::vector<MribUpdate> &mrib_updates();  // the latest 1000
 void clear_mrib_updates();
-uint32_t mrib_last_acked_xid();
+uint32_t mrib_last_acked_xid();  // 0: none was acknowledged since reset()
 // Keeps acknowledgements back until switched on again; refuses the next n updates, the next n encapsulation records.
 void set_mrib_acks(bool on);
 void mrib_refuse_updates(uint32_t n);
@@ -56,6 +58,7 @@ void mrib_refuse_encaps(uint32_t n);
 // A route that somebody other than the module holds: customer routes of the VRFs, (S,G) state of core groups. Joins
 // and deletions notify the module through the main loop.
 void mrib_add_route(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &addrs, im_iod_t mti_iod);
+// False: nobody but the module holds it.
 bool mrib_delete_route(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &addrs);
 void mrib_notify_join(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &addrs);
 void mrib_notify_delete(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &addrs);
