@@ -25,7 +25,7 @@ bgp::Nlri route(uint32_t vrf, Ipv4 source, Ipv4 group = 0xEF010101);  // 65000:v
 // One TCP connection. Each side reads what the other wrote.
 struct Link {
   struct Direction {
-    bgp::Octets octets;
+    bgp::Octets octets;      // written and not read yet
     size_t room = SIZE_MAX;  // that a test leaves in the socket's buffer
     bool closed = false;     // by the writing side
   };
@@ -36,7 +36,7 @@ class Network;
 
 struct End {
   std::shared_ptr<Link> link;
-  bool caller = false;
+  bool caller = false;  // this end opened the connection
   Link::Direction &in() const { return caller ? link->to_caller : link->to_called; }
   Link::Direction &out() const { return caller ? link->to_called : link->to_caller; }
 };
@@ -129,7 +129,7 @@ class Script {
 
 class Network {
  public:
-  bgp::Time now{std::chrono::hours(1)};
+  bgp::Time now{std::chrono::hours(1)};  // moved by advance() only
 
   Node &node(Ipv4 address, const bgp::SpeakerConfig &config);
   Script &script(Ipv4 address);

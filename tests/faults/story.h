@@ -10,8 +10,8 @@
 namespace faults {
 
 struct Step {
-  const char *name;  // stands in the table of what helps
-  std::function<void(World &)> run;
+  const char *name;                  // stands in the table of what helps
+  std::function<void(World &)> run;  // may be repeated
 };
 const std::vector<Step> &story();
 

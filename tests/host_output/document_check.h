@@ -20,8 +20,8 @@
 using Json = nlohmann::ordered_json;
 
 struct CommandResult {
-  int status = -1;
-  std::string output;
+  int status = -1;     // as wait() has it; -1: no process
+  std::string output;  // standard output
 };
 inline CommandResult run_command(const std::string &command) {
   CommandResult result;

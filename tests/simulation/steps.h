@@ -16,8 +16,8 @@
 namespace simulation {
 
 struct Step {
-  bool settles = true;
-  Words words;  // at least the kind
+  bool settles = true;  // false: the next step follows before anything has settled
+  Words words;          // at least the kind
 };
 
 struct Script {

@@ -26,10 +26,10 @@ namespace simulation {
 using Words = std::vector<std::string>;
 
 struct Range {
-  std::string prefix;  // "239.2.0.0/24"
-  uint32_t threshold = 0;
-  bool immediate = false;
-  std::string policy;  // empty: none
+  std::string prefix;      // "239.2.0.0/24"
+  uint32_t threshold = 0;  // kbit/s
+  bool immediate = false;  // flows move at once
+  std::string policy;      // empty: none
 
   ip_addr_t first() const;
   uint32_t length() const;
@@ -40,16 +40,16 @@ struct Range {
 
 // What the operator configured for a VRF.
 struct Config {
-  ip_addr_t group = 0;
-  std::string source;  // empty: BGP's update source
-  std::vector<Range> ranges;
-  uint32_t mtu = 1376, hello = 30000, jp = 60;
+  ip_addr_t group = 0;                          // 0: no "mdt default"
+  std::string source;                           // empty: BGP's update source
+  std::vector<Range> ranges;                    // in the order of the configuration
+  uint32_t mtu = 1376, hello = 30000, jp = 60;  // bytes, milliseconds, seconds: the module's defaults
   bool bidir = false, inhibit = false, shared_tree = false, enforce = true;
 };
 
 struct Vrf {
   std::string name;
-  vrf_context_id_t context_id = 0;
+  vrf_context_id_t context_id = 0;  // of its name; see id_of()
   Config config;
   std::string rd;  // empty: none
   bool up = true;  // for the VRF manager
@@ -60,13 +60,13 @@ struct Vrf {
 
 struct Announcement {
   std::string vrf;
-  ip_addr_t c_source, c_group, pe, group;
+  ip_addr_t c_source, c_group, pe, group;  // c_source 0: any. pe sends, group is the data MDT's.
 };
 
 // One choice of a data MDT: the group and the encapsulation index of a flow.
 struct Choice {
-  uint16_t index;
-  ip_addr_t group;
+  uint16_t index;   // 2 or more
+  ip_addr_t group;  // data-MDT group
   auto operator<=>(const Choice &) const = default;
 };
 using FlowKey = std::tuple<std::string, ip_addr_t, ip_addr_t>;  // VRF, source (0: any), group

@@ -24,8 +24,8 @@ class Folder {
 };
 
 struct Result {
-  int status = -1;  // exit status; -1 when the process had to be ended
-  std::string out, err;
+  int status = -1;       // exit status; -1 when the process had to be ended
+  std::string out, err;  // what it wrote to standard output and error
   std::vector<std::string> lines() const;
 };
 

@@ -30,10 +30,10 @@ struct Output : ref::CliSink {
     return "(none)";
   }
 
-  int result = 0;
+  int result = 0;  // of the handler
   std::string printed;
   std::vector<ref::CliValue> values;
-  unsigned asked = 0;
+  unsigned asked = 0;        // how often more() was called
   unsigned enough_at = ~0u;  // the question after which the operator wants no more
 };
 

@@ -219,7 +219,7 @@ struct mvpn_cibtype {
   uint8_t asm_use_shared_tree;           // 1: ASM groups use (*,G) routes only
   uint8_t enforce_bgp_mdt_safi;          // 1: remote PEs are learnt from BGP only
   zeph_timestamp last_change_time;       // monotonic
-  mvpn_last_change_t last_change_code;
+  mvpn_last_change_t last_change_code;   // what changed then
   // Own bookkeeping behind the fields above.
   uint64_t serial;                      // 1.., never given twice: tells a context from one that took its place
   uint8_t unclaimed_choices;            // 1: flows may have a persisted choice and no data MDT
@@ -232,10 +232,10 @@ struct mvpn_cibtype {
 
 // Core route of a VRF. Slab object; freed by mvpn_mdt_free_route_resources only.
 struct mvpn_mdt_route {
-  mvpn_cibtype *mvpn;  // owning VRF
-  mvpn_mdt_route_type_t route_type;
-  mvpn_mdt_group_mode_t mode;  // mode of group at creation
-  ip_addr_t source;            // 0 = (*,G)
+  mvpn_cibtype *mvpn;                // owning VRF
+  mvpn_mdt_route_type_t route_type;  // who asked for it first; does not tell what depends on it: see referers
+  mvpn_mdt_group_mode_t mode;        // mode of group at creation
+  ip_addr_t source;                  // 0 = (*,G)
   ip_addr_t group;
   im_iod_t mdt_source_iod;              // the VRF's, at creation
   zeph_timestamp create_time;           // monotonic
@@ -273,8 +273,8 @@ struct mvpn_data_mdt_send_join_info {
   ip_addr_t group;              // data-MDT group in use; 0 = none
   zeph_timestamp switch_time;   // monotonic: start of the switchover
   uint16_t encap_index;         // 0 = not sent into the MVPN, 1 = default MDT, 2.. = data MDT
-  mvpn_data_mdt_state_t state;
-  uint32_t join_count;  // Join entries announced
+  mvpn_data_mdt_state_t state;  // where the flow is, or is going
+  uint32_t join_count;          // Join entries announced
 };
 
 // Received announcement. Slab object; in the VRF's data_mdt_recv_cache.
@@ -308,8 +308,8 @@ static_assert(sizeof(mvpn_mdt_route_addrs) == 12);
 
 // Persisted encapsulation choice of a flow.
 struct mvpn_ha_encap_info_t {
-  uint16_t encap_index;
-  uint32_t mdt_group;
+  uint16_t encap_index;  // 2.. = data MDT
+  uint32_t mdt_group;    // data-MDT group
 };
 static_assert(sizeof(mvpn_ha_encap_info_t) == 8);
 

@@ -23,10 +23,10 @@ struct mvpn_shown {
   enum kind_t : uint8_t { TEXT, ADDRESS, RD };
   mvpn_shown(const char *words) : kind(TEXT), text(words) {}
   mvpn_shown(kind_t its_kind, uint32_t number, const uint8_t *bytes) : kind(its_kind), address(number), rd(bytes) {}
-  kind_t kind;
-  ip_addr_t address = 0;
-  const char *text = nullptr;
-  const uint8_t *rd = nullptr;
+  kind_t kind;                  // which of the three below holds it
+  ip_addr_t address = 0;        // ADDRESS
+  const char *text = nullptr;   // TEXT; not owned
+  const uint8_t *rd = nullptr;  // RD: 8 bytes; not owned
 };
 
 struct mvpn_address_shower {
@@ -42,11 +42,11 @@ struct mvpn_event_record {
   // What the text begins with comes from pcib, null: from the thread.
   mvpn_event_record(const pim_cibtype *pcib, const char *its_format, printer prints, uint32_t arguments);
 
-  printer print;
-  const char *format;
-  uint32_t thread;    // 0: the message belongs to a VRF
-  uint16_t vrf_name;  // place of its name, 0: the default VRF
-  uint16_t used;      // bytes of the record
+  printer print;       // makes the text; knows the arguments' types
+  const char *format;  // a literal of the module's, there while it is loaded
+  uint32_t thread;     // 0: the message belongs to a VRF
+  uint16_t vrf_name;   // place of its name, 0: the default VRF
+  uint16_t used;       // bytes of the record
   uint64_t words[(SDWRAP_RECORD_MAX - 24) / 8];
 
   // Copies into the record; where the copy is.

@@ -19,9 +19,9 @@ struct mrib_update_buffer {
 
 // What is left of a route whose VRF was freed while the MRIB held it: the entries of its deletion. Tracked buffer.
 struct mvpn_mrib_withdrawal {
-  mvpn_mrib_withdrawal *next;  // queue link: first word
-  txlist_element txlist_elem;  // on the transmit list until the entries are written
-  uint8_t entries[2 * MRIB_UPDATE_ENTRY_SIZE];
+  mvpn_mrib_withdrawal *next;                   // queue link: first word
+  txlist_element txlist_elem;                   // on the transmit list until the entries are written
+  uint8_t entries[2 * MRIB_UPDATE_ENTRY_SIZE];  // as platform/mrib.h lays them out
 };
 
 // The transaction-id counter begins here: a value that is easily told in captures and dumps.

@@ -7,7 +7,7 @@
 // Appends an interface and its wanted parameters, with the context's values, to a zero-filled list of size bytes.
 // 0 after a report when the list is full: it is then not to be sent.
 struct mvpn_oim_params {
-  bool admin = false;
+  bool admin = false;  // as the next ones: the list gets this parameter
   bool vrf_name = false;
   bool mtu = false;
   bool source = false;

@@ -20,8 +20,8 @@
 // A value and the element that it is recorded under.
 template <typename T>
 struct mvpn_shown {
-  T value;
-  int element;
+  T value;      // of a type that a conversion prints
+  int element;  // cli_element; CLI_ELEMENT_NONE: stays out of the document
 };
 template <typename T>
 requires(!std::convertible_to<T, const char *>) constexpr mvpn_shown<T> as(cli_element element, T value) {
@@ -62,7 +62,7 @@ struct mvpn_show_format {
     while (*at != '\0')
       if (*at++ == '%') throw "a conversion has no value";
   }
-  const char *text;
+  const char *text;  // a literal
 };
 
 // A line with recorded values; recorded values without text.
