@@ -21,6 +21,7 @@ constexpr size_t kSourcesMax = UINT16_MAX;
 
 uint64_t mix(uint64_t value) {
   value ^= value >> 32;
+  // 2^64 divided by the golden ratio: multiplying by it spreads neighbouring values.
   value *= 0x9E3779B97F4A7C15;
   return value ^ value >> 29;
 }

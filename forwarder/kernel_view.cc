@@ -36,7 +36,7 @@ constexpr size_t kMessage = 65536;       // bytes: the largest that the kernel s
 
 // Attributes of a message by type; the kernel's newer ones are left out.
 struct Attributes {
-  std::array<const nlattr *, 64> at{};
+  std::array<const nlattr *, 64> at{};  // those that are asked for have smaller types
 
   Attributes(const nlmsghdr *message, size_t offset) {
     mnl_attr_parse(
@@ -139,6 +139,7 @@ bool KernelView::transact(nlmsghdr *request, const std::function<void(const nlms
 }
 
 bool KernelView::dump(uint16_t type, uint8_t family, const std::function<void(const nlmsghdr *)> &each) const {
+  // Requests are shorter than 100 bytes.
   alignas(nlmsghdr) std::array<char, 256> buffer;
   nlmsghdr *request = mnl_nlmsg_put_header(buffer.data());
   request->nlmsg_type = type;

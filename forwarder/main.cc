@@ -52,7 +52,7 @@ Descriptor listen_on(const Options &options) {
     throw std::runtime_error("--control: " + options.control + ": another forwarder serves it");
   ::unlink(options.control.c_str());
   Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  const mode_t former = ::umask(0117);
+  const mode_t former = ::umask(0117);  // 0660
   const int bound = ::bind(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
   ::umask(former);
   if (bound != 0 || ::listen(socket.get(), 4) != 0) throw failure("--control: " + options.control);

@@ -66,7 +66,7 @@ void kill_in(std::set<ino_t> namespaces) {
       kill(pid, SIGKILL);
       waitpid(pid, nullptr, WNOHANG);
     }
-    usleep(20'000);
+    usleep(20'000);  // 250 times: five seconds
   }
 }
 

@@ -240,6 +240,7 @@ Result run(const std::vector<std::string> &command, std::chrono::milliseconds li
   const bool finished = read_all(pipe.read, end, &result.output);
   close(pipe.read);
   const std::optional<int> status = finished ? child.reap_by(end) : std::nullopt;
+  // 124, as timeout(1) has it.
   result.status = status.value_or(124);
   return result;
 }

@@ -72,7 +72,7 @@ void RealLab::start_forwarder(const std::string &pe) {
   for (int i = 0; i < 500; ++i) {
     if (std::filesystem::exists(socket_of(pe))) return;
     if (!process.running()) break;
-    pause_for(20ms);
+    pause_for(20ms);  // 500 times: ten seconds
   }
   throw std::runtime_error(pe + ": the forwarder does not start; see " + settings_.work + "/" + pe + ".forwarder.log");
 }

@@ -70,7 +70,7 @@ std::string Log::line_of(Level level, std::string_view text) const {
   else if (target_ != Target::syslog)
     line =
         output::wall_time(std::chrono::system_clock::now()) + " " + std::string(name_of(level)) + " " + program_ + ": ";
-  line += text.substr(0, PIPE_BUF - 100);
+  line += text.substr(0, PIPE_BUF - 100);  // what stands in front is shorter than 100
   return line + "\n";
 }
 

@@ -14,7 +14,7 @@ RE2::Options pattern_options() {
   RE2::Options options;
   options.set_log_errors(false);
   options.set_encoding(RE2::Options::EncodingLatin1);  // lines may hold any bytes
-  options.set_max_mem(1 << 20);
+  options.set_max_mem(1 << 20);                        // bytes; a pattern that needs more is refused
   return options;
 }
 

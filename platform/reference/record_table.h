@@ -22,6 +22,7 @@ inline const uint64_t mix_seed = uint64_t{std::random_device()()} << 32 | std::r
 inline uint64_t mix(uint64_t value) {
   value ^= mix_seed;
   value ^= value >> 32;
+  // 2^64 divided by the golden ratio: multiplying by it spreads neighbouring values.
   value *= 0x9E3779B97F4A7C15;
   return value ^ value >> 29;
 }
