@@ -1,4 +1,9 @@
-// What a neighbour's UPDATE and ROUTE-REFRESH messages do to the table.
+// What a neighbour's UPDATE and ROUTE-REFRESH messages do to the table. A message is decoded as a whole before any of
+// it counts; then its withdrawals, then its routes.
+//
+// A route that is refused, for a loop or because it cannot be one, is taken as withdrawn: what the neighbour said
+// before under the same key does not hold any more. A NOTIFICATION that is returned ends the session; the session sends
+// it, not this file.
 #include <algorithm>
 
 #include "bgp/peer.h"

@@ -122,7 +122,7 @@ struct RestartFamily {
 };
 
 struct GracefulRestart {
-  bool restarting = false;              // R
+  bool restarting = false;              // R: the sender has restarted
   bool notification = false;            // N (RFC 8538): understood when received, not offered
   uint16_t time = 0;                    // seconds, 12 bits
   std::vector<RestartFamily> families;  // empty: only understands restarts of others

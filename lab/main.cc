@@ -1,4 +1,7 @@
-// mvpn-lab: several PEs on this machine, playing a scenario.
+// mvpn-lab: several PEs on this machine, playing a scenario. Exit status 0: everything expected happened; 1: something
+// did not, or the scenario could not be played.
+//
+// The folder of stores and logs is kept when something went wrong, and when the caller named it.
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>

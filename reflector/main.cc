@@ -1,4 +1,4 @@
-// mdt-reflector's command line.
+// mdt-reflector's command line. A file with an error ends the program before anything is started.
 #include <csignal>
 #include <iostream>
 

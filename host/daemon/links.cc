@@ -1,4 +1,8 @@
-// The carrier belongs to the platform; this side waits for its socket.
+// The carrier belongs to the platform; this side waits for its socket, in turns of the main loop. A carrier is closed
+// and opened anew when its line or its peers change, since it is bound to them; BGP, which is not, is changed in place.
+//
+// Trap: the event loop's descriptor object borrows the socket and has to give it back (release) before the carrier
+// closes it.
 #include "host/daemon/links.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
-// pimhostd's command line.
+// pimhostd's command line. Errors of a configuration are printed and end the program before anything is started; with
+// --check-config the module is asked as well, on a platform in memory.
 #include <climits>
 #include <csignal>
 #include <cstdlib>

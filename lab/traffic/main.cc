@@ -1,4 +1,5 @@
-// mvpn-traffic: numbered multicast packets, sent, received and watched in the core.
+// mvpn-traffic: numbered multicast packets, sent, received and watched in the core. Each command but "agent" does one
+// of these by hand and prints what it counted every second; the lab uses "agent" only.
 #include <poll.h>
 
 #include <csignal>

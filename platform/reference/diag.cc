@@ -1,4 +1,11 @@
 // Diagnostics: the event history, debug output, error reports and their rate limiter.
+//
+// The history keeps events as they come, texts or records of the module's, and makes texts when somebody reads them;
+// adding one allocates nothing once the memory is there. Every event of a VRF is also the observer's hint that
+// something may have changed there.
+//
+// What is written to the log goes out at once, by any thread that holds the scheduling locks; a thread may not be
+// cancelled while it writes.
 #include "platform/diag.h"
 
 #include <execinfo.h>

@@ -1,4 +1,5 @@
-// Message transport: the host's two queues, what the module sent, and delivery to the module.
+// Message transport: the host's two queues, what the module sent, and delivery to the module. Neither direction calls
+// through: messages are copied and delivered from the main loop, in the order in which they were sent.
 #include "platform/mts.h"
 
 #include <cerrno>
