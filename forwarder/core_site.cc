@@ -64,7 +64,7 @@ CoreSite::CoreSite(Poller &poller, State &state, Callbacks callbacks)
       arrivals_(std::make_unique<uint8_t[]>(kBatch * kArrivalMax)),
       buffer_(std::make_unique<uint8_t[]>(kRoom)),
       plan_(kMembershipsASocket) {
-  // Above what a socket gets (kMembershipsASocket), and above the sources that a group may have on one.
+  // More than a socket is given (kMembershipsASocket); of one group, so many sources.
   raise_limit("igmp_max_memberships", 4096);
   raise_limit("igmp_max_msf", 4096);
   open_receiver();
