@@ -20,7 +20,7 @@ namespace host {
 
 // VRFs that nothing may enter: those that are being deleted, and those that cannot be created before others have left.
 struct AbsentVrfs {
-  std::set<std::string> leaving, waiting;
+  std::set<std::string> leaving, waiting;  // names; a VRF is in one of them at most
   bool contains(const std::string &vrf) const { return leaving.contains(vrf) || waiting.contains(vrf); }
 };
 
@@ -36,7 +36,7 @@ class PlatformConfig {
   struct Options {
     std::optional<double> clock_scale;                                           // overrides the configuration's
     std::function<void(const std::optional<EndpointValue> &at)> follow_metrics;  // see Router::Options; may be empty
-    LogLine log;
+    LogLine log;                                                                 // never empty
   };
   PlatformConfig(const Sources &sources, Options options);
 

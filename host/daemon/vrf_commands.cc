@@ -1,3 +1,5 @@
+// Orders and refusals as plain functions on lines of the configuration: nothing here calls the module. "mdt default" is
+// told by the handler that it goes to, as every command of the module is.
 #include "host/daemon/vrf_commands.h"
 
 #include <algorithm>

@@ -9,6 +9,7 @@
 
 namespace host {
 
+// Whether it is "mdt default", in either form.
 bool is_default_mdt(const Statement &statement);
 
 // A VRF's lines for the module, "mdt default" first.
@@ -19,9 +20,10 @@ const Statement &statement_of(const LineChange &change);
 
 // A change that a handler refused, and what it printed.
 struct Rejection {
-  LineChange change;
-  std::string text;
+  LineChange change;  // its lines are those of the configurations that were compared, which outlive it
+  std::string text;   // complete lines; empty: the handler gave no reason
 };
+// As an error of the line in the file that it came from, in words.
 ConfigError error_of(const Rejection &rejection);
 // The refused line goes back to what it was `before`, so that the running configuration never claims what the module
 // does not do.
