@@ -84,6 +84,14 @@ std::string log_from(const std::string &file, uintmax_t position) {
   return text.str();
 }
 
+// The first line of a text that has a word; "" for none.
+std::string line_with(const std::string &text, const std::string &word) {
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);)
+    if (line.find(word) != std::string::npos) return line;
+  return "";
+}
+
 // Seconds since 1970 of a time as views write it: 2030-01-31T12:00:00.123Z.
 double seconds_of(const std::string &time) {
   std::tm parts{};
@@ -314,10 +322,14 @@ void Runner::stop(const Step &step) {
 void Runner::stop_control(const std::string &pe) {
   Process &daemon = daemons_.at(pe);
   if (!daemon.running()) return;
+  const std::string log = options_.work + "/" + pe + ".log";
+  const uintmax_t written = std::filesystem::file_size(log);
   daemon.signal(SIGTERM);
   const std::optional<int> status = daemon.wait(15s);
-  report_->expectation(pe + " stops in order", status ? "exit status " + std::to_string(*status) : "it still runs",
-                       status == 0);
+  const std::string error = line_with(log_from(log, written), " error ");
+  std::string happened = status ? "exit status " + std::to_string(*status) : "it still runs";
+  if (!error.empty()) happened += "; " + error;
+  report_->expectation(pe + " stops in order", happened, status == 0 && error.empty());
 }
 
 void Runner::kill(const Step &step) {
