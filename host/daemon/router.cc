@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "platform/reference/module.h"
+
 namespace host {
 
 Router::Router(Loop &loop, const LoadedModule &module, Options options)
@@ -18,6 +20,9 @@ Router::Router(Loop &loop, const LoadedModule &module, Options options)
 void Router::stop() {
   links_.close();
   module_.stop();
+  // The customers' routes that go with the forwarder are no concern of a module that has stopped: it would give their
+  // groups back to an MRIB that it has left, and report each refusal.
+  ref::set_module({});
   forwarding_.close();
 }
 
