@@ -44,9 +44,9 @@ struct Terminal {
 std::unique_ptr<output::Writer> writer_of(Format format, Terminal &terminal) {
   switch (format) {
     case as_json:
-      return output::json_writer(terminal.sink());
+      return output::json_writer(terminal.sink(), {"pe1", ""});
     case as_xml:
-      return output::xml_writer(terminal.sink());
+      return output::xml_writer(terminal.sink(), {"pe1", ""});
     default:
       return output::text_writer(terminal.sink());
   }

@@ -48,7 +48,7 @@ Reflector::Reflector(Options options, host::Config config)
     : options_(std::move(options)),
       log_("mdt-reflector", options_.log_to_syslog),
       change_log_(events_, log_),
-      monitor_(events_),
+      monitor_(events_, [this] { return config_.hostname(""); }),
       config_(std::move(config)),
       bgp_(io_, {.enter = [](const std::function<void()> &work) { work(); },
                  .changed = [this](host::Change change) { events_.publish(std::move(change)); },
@@ -116,20 +116,14 @@ void Reflector::end_when_delivered(std::chrono::steady_clock::time_point limit) 
 
 void Reflector::execute(const host::ControlServer::Request &request,
                         const std::shared_ptr<host::OutputChannel> &channel) {
-  const host::CommandLine line = host::read_command_line(request);
-  if (!line.error.empty()) {
-    channel->error(line.error);
-    return channel->end(host::kStatusSyntax);
-  }
+  const host::CommandLine line = host::read_command_line(request, config_.hostname(""));
+  if (!line.error.empty()) return refuse(line, host::kStatusSyntax, line.error, *channel);
   const host::Statement &statement = line.match.statements.front();
-  if (is_view(statement)) return channel->end(show(line, *channel));
-  if (statement.command == Command::monitor) {
-    const bool json = find_argument(statement, "json") != nullptr;
-    return monitor_.serve(json ? host::OutputFormat::json : line.format, line.filters, channel);
-  }
+  if (is_view(statement)) return show(line, *channel);
+  if (statement.command == Command::monitor) return monitor_.serve(line, channel);
   const std::string reason = operate(statement, request.by);
-  if (!reason.empty()) channel->error(reason + "\n");
-  channel->end(reason.empty() ? host::kStatusDone : host::kStatusFailed);
+  if (!reason.empty()) return refuse(line, host::kStatusFailed, reason + "\n", *channel);
+  finish(line, "", *channel);
 }
 
 // Empty: done; else why not.
@@ -148,14 +142,12 @@ std::string Reflector::operate(const host::Statement &statement, const std::stri
   return reason;
 }
 
-uint32_t Reflector::show(const host::CommandLine &line, host::OutputChannel &channel) {
+void Reflector::show(const host::CommandLine &line, host::OutputChannel &channel) {
   const host::Statement &statement = line.match.statements.front();
   if (statement.command == Command::show_bgp_neighbor)
-    if (const std::string reason = bgp_.missing_neighbor(statement); !reason.empty()) {
-      channel.error(reason + "\n");
-      return host::kStatusFailed;
-    }
-  const auto writer = host::writer_for(line.format, line.filters, channel);
+    if (const std::string reason = bgp_.missing_neighbor(statement); !reason.empty())
+      return refuse(line, host::kStatusFailed, reason + "\n", channel);
+  const auto writer = host::writer_for(line, channel);
   output::Listing listing(*writer);
   switch (statement.command) {
     case Command::show_bgp_summary:
@@ -175,11 +167,11 @@ uint32_t Reflector::show(const host::CommandLine &line, host::OutputChannel &cha
       show_config(find_argument(statement, "passwords") != nullptr, listing);
       break;
     default:
-      channel.error("mdt-reflector has no such view; it has show bgp and show running-config\n");
-      return host::kStatusFailed;
+      return refuse(line, host::kStatusFailed,
+                    "mdt-reflector has no such view; it has show bgp and show running-config\n", channel);
   }
   writer->finish();
-  return host::kStatusDone;
+  channel.end(host::kStatusDone);
 }
 
 void Reflector::show_config(bool passwords, output::Listing &listing) const {

@@ -52,7 +52,7 @@ class Reflector {
   void end_when_delivered(std::chrono::steady_clock::time_point limit);
   void execute(const host::ControlServer::Request &request, const std::shared_ptr<host::OutputChannel> &channel);
   std::string operate(const host::Statement &statement, const std::string &by);
-  uint32_t show(const host::CommandLine &line, host::OutputChannel &channel);
+  void show(const host::CommandLine &line, host::OutputChannel &channel);
   void show_config(bool passwords, output::Listing &listing) const;
 
   Options options_;

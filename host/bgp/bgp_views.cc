@@ -188,6 +188,7 @@ Row path_row(const bgp::RouteKey &key, const bgp::PathView &path, const std::str
 
 void show_bgp_summary(const BgpService &bgp, Listing &listing) {
   const bgp::Speaker *speaker = bgp.speaker();
+  for (const output::View *view : {&output::kBgpSpeaker, &output::kBgpSessions}) listing.promise(*view);
   if (speaker == nullptr) return listing.note(kSilent);
   listing.begin(output::kBgpSpeaker);
   const bgp::SpeakerConfig &config = speaker->config();
@@ -214,6 +215,7 @@ void show_bgp_summary(const BgpService &bgp, Listing &listing) {
 }
 
 void show_bgp_neighbors(const BgpService &bgp, bgp::Ipv4 address, Listing &listing) {
+  listing.promise(output::kBgpNeighbors);
   if (bgp.speaker() == nullptr) return listing.note(kSilent);
   listing.begin(output::kBgpNeighbors);
   const std::vector<bgp::Ipv4> all = bgp.speaker() == nullptr ? std::vector<bgp::Ipv4>() : bgp.speaker()->neighbors();

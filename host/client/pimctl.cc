@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "host/client/answer.h"
 #include "host/client/interrupt.h"
 #include "host/client/line_editor.h"
 #include "host/client/pager.h"
@@ -34,21 +35,28 @@ Examples:
   pimctl configure vrf red mdt default 239.1.1.1
 )";
 
-uint32_t execute(host::ControlClient &client, host::OutputFormat format, const std::string &line) {
-  return client.execute(format, line, [](host::FrameType type, std::string_view part) {
+uint32_t execute(host::ControlClient &client, host::OutputFormat format, const std::string &line,
+                 host::Answer *answer) {
+  return client.execute(format, line, [answer](host::FrameType type, std::string_view part) {
+    answer->note(type, part);
     if (type != host::FrameType::error) return host::write_output(part);
     host::print_error(part);
     return true;
   });
 }
 
-// Ctrl-C ends the program as it would otherwise, but for a word about the line.
-uint32_t run_once(host::ControlClient &&client, host::OutputFormat format, const std::string &line) {
+// Ctrl-C ends the program as it would otherwise, but for a word about the line, and behind the end of a document.
+uint32_t run_once(const std::string &path, host::ControlClient::Timeout silence, host::OutputFormat format,
+                  const std::string &line) {
+  host::Answer answer(format, line);
   try {
+    host::ControlClient client(path, silence);
     const host::InterruptGuard guard;
-    return execute(client, format, line);
+    if (answer.is_document()) client.complete_when(host::InterruptGuard::interrupted);
+    const uint32_t status = execute(client, format, line, &answer);
+    if (!answer.is_document() || !host::InterruptGuard::interrupted()) return answer.end(status);
   } catch (const std::runtime_error &error) {
-    if (!host::InterruptGuard::interrupted()) return host::tell_lost(error, line);
+    if (!host::InterruptGuard::interrupted()) return answer.end(host::tell_lost(error, line), error.what());
   }
   host::print_error(host::note_of_abandoned(line));
   std::raise(SIGINT);
@@ -141,8 +149,8 @@ int main(int argc, char **argv) {
   app.add("--timeout", &timeout, "seconds that pimhostd may be silent; 0: any time")
       .within(0.0, 86400.0)
       .show_default();
-  const options::Option as_json = app.add_flag("--json", &json, "structured output of views, as JSON");
-  app.add_flag("--xml", &xml, "structured output of views, as XML").excludes(as_json);
+  const options::Option as_json = app.add_flag("--json", &json, "answers as JSON documents");
+  app.add_flag("--xml", &xml, "answers as XML documents").excludes(as_json);
   app.add_flag("--syntax", &syntax, "").hidden();      // the tables of the command reference
   app.add_flag("--complete", &complete, "").hidden();  // what may stand behind the words, for a shell's completion
   app.add("command", &words, "the command's words");
@@ -160,7 +168,7 @@ int main(int argc, char **argv) {
   const host::ControlClient::Timeout silence(static_cast<int64_t>(timeout * 1000));
   try {
     if (complete) return print_completions(path, words);
-    if (!words.empty()) return finish(run_once(host::ControlClient(path, silence), format, host::join_words(words)));
+    if (!words.empty()) return finish(run_once(path, silence, format, host::join_words(words)));
     const bool terminal = isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
     host::Session session(path, format, terminal ? paging_of_terminal() : host::Paging(), silence);
     return finish(terminal ? run_session(session) : run_lines(session));

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "host/client/answer.h"
 #include "host/client/interrupt.h"
 #include "host/client/pager.h"
 
@@ -132,8 +133,8 @@ uint32_t Session::run(std::string_view text) {
   if (match.error || line.error) {
     SyntaxError error = match.error ? *match.error : *line.error;
     if (match.error) error.word += line.command.size() - target.words.size();  // behind "do"
-    print_error(point_out(words, error));
-    return kStatusSyntax;
+    print_error(point_out(words, error) + error.reason + "\n");
+    return Answer(format_, text).end(kStatusSyntax, error.reason);
   }
   const Command first = match.statements.front().command;
   uint32_t status = kStatusDone;
@@ -167,20 +168,23 @@ void Session::enter(const Target &target, const Match &match) {
 uint32_t Session::send(std::string_view line, bool paging) {
   const InterruptGuard guard;
   Pager pager(paging ? paging_ : Paging(), InterruptGuard::flag());
+  Answer answer(format_, line);
   bool quit = false;
   try {
+    connected().complete_when(answer.is_document() ? InterruptGuard::interrupted : nullptr);
     const uint32_t status = connected().execute(format_, line, [&](FrameType type, std::string_view part) {
+      answer.note(type, part);
       if (type == FrameType::error)
         print_error(part);
       else
         quit = !pager.show(part);
-      return !quit && !InterruptGuard::interrupted();
+      return !quit && (answer.is_document() || !InterruptGuard::interrupted());
     });
     if (quit || InterruptGuard::interrupted()) client_.reset();
-    return write_error() == 0 ? status : kStatusFailed;
+    return write_error() == 0 ? answer.end(status) : kStatusFailed;
   } catch (const std::runtime_error &error) {
     client_.reset();
-    if (!InterruptGuard::interrupted()) return tell_lost(error, line);
+    if (!InterruptGuard::interrupted()) return answer.end(tell_lost(error, line), error.what());
     print_error(note_of_abandoned(line));
     return kStatusFailed;
   }

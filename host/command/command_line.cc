@@ -4,10 +4,15 @@
 #include "host/command/command_line.h"
 
 #include "host/output/filters.h"
+#include "host/output/listing.h"
 
 namespace host {
 
 namespace {
+
+constexpr const char *kLineEnds = "\r\n";
+
+std::string without_end(const std::string &text) { return text.substr(0, text.find_last_not_of(kLineEnds) + 1); }
 
 output::LineFilter line_filter_of(LinePattern pattern) {
   switch (pattern) {
@@ -29,17 +34,24 @@ bool is_looking(const Statement &statement) {
 
 }  // namespace
 
-CommandLine read_command_line(const ControlServer::Request &request) {
+CommandLine read_command_line(const ControlServer::Request &request, const std::string &hostname) {
   const std::vector<std::string> words = split_pipeline(request.line);
   const Pipeline line = read_pipeline(words);
-  CommandLine read{match_line(Mode::exec, line.command, true), line.filters.format.value_or(request.format),
-                   line.filters, "", request.by};
+  CommandLine read{match_line(Mode::exec, line.command, true),
+                   line.filters.format.value_or(request.format),
+                   line.filters,
+                   "",
+                   "",
+                   request.by,
+                   hostname};
   const std::optional<SyntaxError> &error = read.match.error ? read.match.error : line.error;
-  if (error)
-    read.error = point_out(words, *error);
-  else if (line.filtered && !is_view(read.match.statements.back()) &&
-           read.match.statements.back().command != Command::monitor)
+  if (error) {
+    read.error = error->reason + "\n";
+    read.mark = point_out(words, *error);
+  } else if (line.filtered && !is_view(read.match.statements.back()) &&
+             read.match.statements.back().command != Command::monitor) {
     read.error = "only views can be filtered\n";
+  }
   if (read.error.empty() && request.read_only && !is_looking(read.match.statements.front()))
     read.error = "this socket is for looking only: it takes views without passwords, and monitor\n";
   for (const auto &[kind, pattern] : line.filters.patterns)
@@ -48,18 +60,40 @@ CommandLine read_command_line(const ControlServer::Request &request) {
   return read;
 }
 
-std::unique_ptr<output::Writer> writer_for(OutputFormat format, const Filters &filters, OutputChannel &channel) {
+std::unique_ptr<output::Writer> writer_for(const CommandLine &line, OutputChannel &channel) {
   const output::ByteSink bytes = [&channel](std::string_view text) {
     channel.output(text);
     return channel.wanted();
   };
-  std::unique_ptr<output::Writer> writer = format == OutputFormat::json  ? output::json_writer(bytes)
-                                           : format == OutputFormat::xml ? output::xml_writer(bytes)
-                                                                         : output::text_writer(bytes);
-  if (filters.count) writer = output::count_lines(std::move(writer));
-  for (auto pattern = filters.patterns.rbegin(); pattern != filters.patterns.rend(); ++pattern)
+  if (line.format == OutputFormat::json) return output::json_writer(bytes, output::header_now(line.hostname));
+  if (line.format == OutputFormat::xml) return output::xml_writer(bytes, output::header_now(line.hostname));
+  std::unique_ptr<output::Writer> writer = output::text_writer(bytes);
+  if (line.filters.count) writer = output::count_lines(std::move(writer));
+  for (auto pattern = line.filters.patterns.rbegin(); pattern != line.filters.patterns.rend(); ++pattern)
     writer = output::filter_lines(line_filter_of(pattern->first), pattern->second, std::move(writer));
   return writer;
+}
+
+void finish(const CommandLine &line, const std::string &text, OutputChannel &channel) {
+  if (line.format == OutputFormat::text) {
+    channel.output(text);
+  } else {
+    const std::unique_ptr<output::Writer> writer = writer_for(line, channel);
+    output::Listing listing(*writer);
+    if (!text.empty()) listing.note(without_end(text));
+    writer->finish();
+  }
+  channel.end(kStatusDone);
+}
+
+void refuse(const CommandLine &line, uint32_t status, const std::string &text, OutputChannel &channel) {
+  if (line.format != OutputFormat::text) {
+    const std::unique_ptr<output::Writer> writer = writer_for(line, channel);
+    output::record_failure(*writer, status, without_end(text));
+    writer->finish();
+  }
+  channel.error(line.mark + text);
+  channel.end(status);
 }
 
 }  // namespace host

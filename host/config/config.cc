@@ -345,7 +345,9 @@ std::string Config::value_or(const BlockId &id, Command command, std::string_vie
   return found == nullptr ? otherwise : *found;
 }
 
-std::string Config::hostname() const { return value_or({}, Command::hostname, "name", "pimhostd"); }
+std::string Config::hostname(const std::string &otherwise) const {
+  return value_or({}, Command::hostname, "name", otherwise);
+}
 
 bool Config::feature_mvpn() const {
   const Block *block = find({});

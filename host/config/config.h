@@ -102,8 +102,8 @@ class Config {
   enum class Passwords { hidden, shown };
   std::string print(Passwords passwords = Passwords::hidden) const;
 
-  std::string hostname() const;  // "pimhostd" unless set
-  bool feature_mvpn() const;     // true unless switched off
+  std::string hostname(const std::string &otherwise) const;  // otherwise: when it is not set
+  bool feature_mvpn() const;                                 // true unless switched off
 
  private:
   Block &writable(const BlockId &id);

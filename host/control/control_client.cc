@@ -15,6 +15,12 @@ namespace host {
 
 namespace asio = boost::asio;
 
+namespace {
+
+constexpr ControlClient::Timeout kFarewell{2000};
+
+}  // namespace
+
 // The queue of a daemon that accepts nobody may be full: the connection is tried again for a while.
 ControlClient::ControlClient(const std::string &path, Timeout timeout) : timeout_(timeout), socket_(io_) {
   if (path.size() >= sizeof(sockaddr_un::sun_path)) throw std::runtime_error(path + ": the path is too long");
@@ -43,13 +49,31 @@ bool ControlClient::open() const {
   return poll(&readable, 1, 0) == 0;
 }
 
-void ControlClient::read(void *bytes, size_t size, Timeout timeout) {
-  const int wait = timeout.count() > 0 ? static_cast<int>(timeout.count()) : -1;
-  for (size_t done = 0; done < size;) {
+// True once, when there is something to complete.
+bool ControlClient::stop_if_interrupted() {
+  if (stopped_ || !interrupted_ || !interrupted_()) return false;
+  stopped_ = true;
+  socket_.shutdown(asio::local::stream_protocol::socket::shutdown_send);
+  return true;
+}
+
+void ControlClient::wait_until_readable(Timeout timeout) {
+  for (;;) {
+    stop_if_interrupted();
+    const Timeout limit = stopped_ ? kFarewell : timeout;
     pollfd readable{socket_.native_handle(), POLLIN, 0};
-    const int ready = poll(&readable, 1, wait);
-    if (ready < 0) throw boost::system::system_error(errno, boost::system::system_category());
-    if (ready == 0) throw NoAnswer("pimhostd does not answer within " + std::to_string(timeout.count() / 1000) + " s");
+    const int ready = poll(&readable, 1, limit.count() > 0 ? static_cast<int>(limit.count()) : -1);
+    if (ready > 0) return;
+    if (ready == 0) throw NoAnswer("pimhostd does not answer within " + std::to_string(limit.count() / 1000) + " s");
+    const int error = errno;
+    if (error != EINTR || !stop_if_interrupted())
+      throw boost::system::system_error(error, boost::system::system_category());
+  }
+}
+
+void ControlClient::read(void *bytes, size_t size, Timeout timeout) {
+  for (size_t done = 0; done < size;) {
+    wait_until_readable(timeout);
     done += socket_.read_some(asio::buffer(static_cast<char *>(bytes) + done, size - done));
   }
 }

@@ -34,10 +34,14 @@ class ControlClient {
   // Whether the connection can still be used: nothing comes from the daemon between commands but its end.
   bool open() const;
 
-  // Runs a command line; its exit status. Throws std::runtime_error when the connection is lost, NoAnswer when nothing
-  // comes in time.
+  // Runs a command line; its exit status. Throws std::runtime_error when the connection is lost or a signal ends the
+  // waiting, NoAnswer when nothing comes in time.
   // `monitor` may be silent for as long as nothing changes.
   uint32_t execute(OutputFormat format, std::string_view line, const Take &take);
+
+  // How execute() learns that the operator has interrupted it: the command is then told to stop, and what completes its
+  // output is still taken, until the next signal or for so long as is left for a farewell.
+  void complete_when(std::function<bool()> interrupted) { interrupted_ = std::move(interrupted); }
 
   // What a command prints as text, cut behind the first megabyte. Throws as execute().
   std::string text_of(std::string_view line);
@@ -45,8 +49,12 @@ class ControlClient {
  private:
   bool connect(const std::string &path);
   void read(void *bytes, size_t size, Timeout timeout);
+  void wait_until_readable(Timeout timeout);
+  bool stop_if_interrupted();
 
   Timeout timeout_;
+  std::function<bool()> interrupted_;
+  bool stopped_ = false;  // the command was told to stop
   boost::asio::io_context io_;
   boost::asio::local::stream_protocol::socket socket_;
 };

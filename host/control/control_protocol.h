@@ -7,7 +7,8 @@
 //   error     3   part of the reason why the command failed
 //   end       4   exit status (4 bytes, network byte order); last frame of an answer
 //
-// A client that closes the connection, or its sending side, ends its command.
+// A client that closes the connection ends its command. One that closes its sending side only has the command stop:
+// what completes the output still comes, then the connection ends. A command that would never end is not waited for.
 #ifndef HOST_CONTROL_PROTOCOL_H
 #define HOST_CONTROL_PROTOCOL_H
 

@@ -1,5 +1,6 @@
-// A connection always reads: the end of the client's side ends its command. A request that arrives while one is running
-// waits for it, and nothing more is read meanwhile.
+// A connection always reads: the end of the client's side stops its command, and the connection ends behind what the
+// command still has to say. A request that arrives while one is running waits for it, and nothing more is read
+// meanwhile.
 //
 // Connections are few, so that clients which hold theirs without using it must not keep others out. A request has to
 // come whole soon after its first byte; a connection without a command ends after a while, and earlier when another
@@ -24,6 +25,8 @@
 #include <map>
 #include <optional>
 #include <stdexcept>
+
+#include "host/control/pipeline.h"
 
 namespace host {
 
@@ -77,6 +80,7 @@ class ControlConnection : public std::enable_shared_from_this<ControlConnection>
   void start();
   void send();
   void become_idle();
+  void end_of_requests();
 
   ControlServer &server_;
   stream_protocol::socket socket_;
@@ -88,6 +92,8 @@ class ControlConnection : public std::enable_shared_from_this<ControlConnection>
   std::optional<ControlServer::Request> waiting_;
   std::shared_ptr<OutputChannel> channel_;  // of the running command
   std::string out_;                         // being sent; empty: nothing
+  bool endless_ = false;                    // the running command never ends by itself
+  bool half_ = false;                       // the client sends nothing more
   bool closed_ = false;
 };
 
@@ -110,6 +116,7 @@ void ControlConnection::read_request() {
 
 void ControlConnection::read_header() {
   asio::async_read(socket_, asio::buffer(header_), [self = shared_from_this()](const error_code &error, size_t) {
+    if (error == asio::error::eof) return self->end_of_requests();
     FrameHeader header;
     if (error || !decode_header(self->header_.data(), kMaxRequest + 1, &header) || header.type != FrameType::request ||
         header.body_size == 0)
@@ -133,8 +140,15 @@ void ControlConnection::take_request() {
   if (!channel_) start();
 }
 
+void ControlConnection::end_of_requests() {
+  if (!channel_ || endless_) return close();
+  half_ = true;
+  channel_->stop();
+}
+
 void ControlConnection::start() {
   const ControlServer::Request request = *std::exchange(waiting_, std::nullopt);
+  endless_ = is_endless(request.line);
   std::weak_ptr<ControlConnection> self = weak_from_this();
   channel_ = std::make_shared<OutputChannel>([self, &io = server_.io_] {
     asio::post(io, [self] {
@@ -164,6 +178,7 @@ void ControlConnection::send() {
 
 // A request that came meanwhile is next; else a wait for one is already under way.
 void ControlConnection::become_idle() {
+  if (half_) return close();
   if (waiting_) return start();
   idle_since_ = steady_clock::now();
   limit(kLongestIdle, "the connection was idle and has been closed");

@@ -13,11 +13,8 @@ void OutputChannel::put(FrameType type, std::string_view text) {
   if (text.empty()) return;
   {
     const std::lock_guard lock(mutex_);
-    if (abandoned_ || overflowed_) return;
-    if (frames_.size() + gathered_.size() > kLimit) {
-      overflowed_ = true;
-      return;
-    }
+    if (abandoned_) return;
+    overflowed_ = overflowed_ || frames_.size() + gathered_.size() > kLimit;
     if (type != gathered_type_) flush_text();
     const bool first = frames_.empty() && gathered_.empty();
     gathered_type_ = type;
@@ -50,19 +47,19 @@ void OutputChannel::end(uint32_t status) {
 
 bool OutputChannel::wanted() const {
   const std::lock_guard lock(mutex_);
-  return !abandoned_ && !overflowed_;
+  return !abandoned_ && !overflowed_ && !stopped_;
 }
 
 bool OutputChannel::full() const {
   const std::lock_guard lock(mutex_);
-  return !abandoned_ && frames_.size() + in_flight_ > kHighWater;
+  return !abandoned_ && !stopped_ && frames_.size() + in_flight_ > kHighWater;
 }
 
 void OutputChannel::wait_for_client() {
   tsp_before_yield();
   {
     std::unique_lock lock(mutex_);
-    drained_.wait(lock, [this] { return abandoned_ || frames_.size() + in_flight_ <= kLowWater; });
+    drained_.wait(lock, [this] { return abandoned_ || stopped_ || frames_.size() + in_flight_ <= kLowWater; });
   }
   tsp_after_yield();
 }
@@ -84,6 +81,12 @@ void OutputChannel::sent(size_t size) {
 bool OutputChannel::ended() const {
   const std::lock_guard lock(mutex_);
   return end_taken_;
+}
+
+void OutputChannel::stop() {
+  const std::lock_guard lock(mutex_);
+  stopped_ = true;
+  drained_.notify_all();
 }
 
 void OutputChannel::abandon() {

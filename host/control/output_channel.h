@@ -2,7 +2,8 @@
 //
 // A handler may print while it holds pointers into the module's records, so printing never waits. A command waits for
 // its client where it yields anyway: when more than kHighWater bytes are queued, the yield point that it comes to gives
-// the scheduling locks up until the client has read. kLimit bounds what a command can print between two yields.
+// the scheduling locks up until the client has read. kLimit bounds what a command can print between two yields: from
+// then on nothing more is wanted, and what a command writes all the same, to complete its output, is little.
 #ifndef HOST_OUTPUT_CHANNEL_H
 #define HOST_OUTPUT_CHANNEL_H
 
@@ -31,7 +32,7 @@ class OutputChannel {
   void output(std::string_view text) { put(FrameType::output, text); }
   void error(std::string_view text) { put(FrameType::error, text); }
   void end(uint32_t status);
-  bool wanted() const;  // false: the client is gone, or the limit is reached
+  bool wanted() const;  // false: the client is gone or wants no more, or the limit is reached
   bool full() const;
   // Waits, with the scheduling locks given up, until the client has read or is gone. Called with the locks.
   void wait_for_client();
@@ -40,6 +41,7 @@ class OutputChannel {
   std::string take();
   void sent(size_t size);
   bool ended() const;  // the end frame has been taken
+  void stop();         // the client wants no more than what completes the output
   void abandon();      // the client is gone
 
  private:
@@ -54,6 +56,7 @@ class OutputChannel {
   FrameType gathered_type_ = FrameType::output;
   size_t in_flight_ = 0;  // taken, not sent
   bool overflowed_ = false;
+  bool stopped_ = false;
   bool abandoned_ = false;
   bool ended_ = false;
   bool end_taken_ = false;

@@ -151,7 +151,7 @@ std::string point_out(const Words &words, const SyntaxError &error) {
     if (i == error.word) mark = std::string(line.size() + 1, ' ') + "^";
     if (i < words.size()) line += " " + printable(words[i]);
   }
-  return line + "\n" + mark + "\n" + error.reason + "\n";
+  return line + "\n" + mark + "\n";
 }
 
 bool is_endless(std::string_view line) {

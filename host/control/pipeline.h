@@ -38,7 +38,7 @@ Pipeline read_pipeline(const std::vector<std::string> &words);
 // What may stand behind the words of an incomplete line that has a '|' among them.
 std::vector<Candidate> filter_candidates(const std::vector<std::string> &words);
 
-// The line with a mark below the word that is wrong, and the reason.
+// The line, and below it a mark at the word that is wrong.
 std::string point_out(const std::vector<std::string> &words, const SyntaxError &error);
 
 // Whether a command line is one that goes on until the client ends it.

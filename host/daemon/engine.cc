@@ -140,19 +140,16 @@ bool tells_of_forwarder(Command command) {
 
 }  // namespace
 
-Engine::Engine(Router &router, const Process &process) : router_(router), process_(process), monitor_(process.events) {
+Engine::Engine(Router &router, const Process &process)
+    : router_(router), process_(process), monitor_(process.events, [this] { return router_.running().hostname(""); }) {
   ref::set_yield_hook(wait_at_yield);
 }
 
 Engine::~Engine() { ref::set_yield_hook(nullptr); }
 
 void Engine::execute(const ControlServer::Request &request, const std::shared_ptr<OutputChannel> &channel) {
-  const CommandLine parsed = read_command_line(request);
-  if (!parsed.error.empty()) {
-    channel->error(parsed.error);
-    channel->end(kStatusSyntax);
-    return;
-  }
+  const CommandLine parsed = read_command_line(request, router_.running().hostname(""));
+  if (!parsed.error.empty()) return refuse(parsed, kStatusSyntax, parsed.error, *channel);
   if (!tells_of_forwarder(parsed.match.statements.front().command)) return run(parsed, channel);
   router_.forwarding().refresh([this, parsed, channel] {
     if (channel->wanted()) return run(parsed, channel);
@@ -162,18 +159,17 @@ void Engine::execute(const ControlServer::Request &request, const std::shared_pt
 
 void Engine::run(const CommandLine &line, const std::shared_ptr<OutputChannel> &channel) {
   const Statement &first = line.match.statements.front();
-  if (is_view(first))
-    return start_view(std::make_unique<ViewRun>(ViewRun{this, first, line.format, line.filters, channel}));
-  if (first.command == Command::monitor) {
-    const bool json = find_argument(first, "json") != nullptr;
-    return monitor_.serve(json ? OutputFormat::json : line.format, line.filters, channel);
+  if (is_view(first)) return start_view(std::make_unique<ViewRun>(ViewRun{this, line, channel}));
+  if (first.command == Command::monitor) return monitor_.serve(line, channel);
+  if (first.command == Command::show_metrics) {
+    channel->output(metrics_text(router_, process_.loop, metrics::Format::text));
+    return channel->end(kStatusDone);
   }
   process_.events.set_cause(line.by);  // until the turn ends
   const Outcome outcome = operate(line.match.statements);
-  if (outcome.accepted && first.command != Command::show_metrics)
-    process_.events.publish({.what = CommandChange{line_of(line.match.statements)}});
-  outcome.accepted ? channel->output(outcome.text) : channel->error(outcome.text);
-  channel->end(outcome.accepted ? kStatusDone : kStatusFailed);
+  if (!outcome.accepted) return refuse(line, kStatusFailed, outcome.text, *channel);
+  process_.events.publish({.what = CommandChange{line_of(line.match.statements)}});
+  finish(line, outcome.text, *channel);
 }
 
 // ----------------------------------------------------------------------------------------------------------- views
@@ -191,55 +187,53 @@ void Engine::start_view(std::unique_ptr<ViewRun> run) {
     return;
   }
   running_views_--;
-  run->channel->error(std::string("no thread for the command: ") + std::strerror(error) + "\n");
-  run->channel->end(kStatusFailed);
+  refuse(run->line, kStatusFailed, std::string("no thread for the command: ") + std::strerror(error) + "\n",
+         *run->channel);
 }
 
 void *Engine::view_thread(void *argument) {
   const std::unique_ptr<ViewRun> run(static_cast<ViewRun *>(argument));
   this_command = run->channel.get();
-  const uint32_t status = run->engine->show(*run);
+  run->engine->show(*run);
   this_command = nullptr;
-  run->channel->end(status);
   run->engine->running_views_--;
   return nullptr;
 }
 
-uint32_t Engine::show(const ViewRun &run) {
-  const std::string *vrf = find_argument(run.statement, "vrf");
-  if (vrf != nullptr && pim_get_cib_by_context_name(vrf->c_str()) == nullptr) {
-    run.channel->error("there is no VRF " + *vrf + "\n");
-    return kStatusFailed;
-  }
-  if (run.statement.command == Command::show_module) return show_module(run);
-  if (run.statement.command == Command::show_bgp_neighbor)
-    if (const std::string reason = router_.links().exchange().bgp().missing_neighbor(run.statement); !reason.empty()) {
-      run.channel->error(reason + "\n");
-      return kStatusFailed;
-    }
-  const std::unique_ptr<output::Writer> writer = writer_for(run.format, run.filters, *run.channel);
+void Engine::show(const ViewRun &run) {
+  const Statement &statement = run.statement();
+  const std::string *vrf = find_argument(statement, "vrf");
+  if (vrf != nullptr && pim_get_cib_by_context_name(vrf->c_str()) == nullptr)
+    return refuse(run.line, kStatusFailed, "there is no VRF " + *vrf + "\n", *run.channel);
+  if (statement.command == Command::show_module) return show_module(run);
+  if (statement.command == Command::show_bgp_neighbor)
+    if (const std::string reason = router_.links().exchange().bgp().missing_neighbor(statement); !reason.empty())
+      return refuse(run.line, kStatusFailed, reason + "\n", *run.channel);
+  const std::unique_ptr<output::Writer> writer = writer_for(run.line, *run.channel);
   output::Listing listing(*writer);
-  show_view({router_, run.statement, counters_, process_}, listing);
+  show_view({router_, statement, counters_, process_}, listing);
   writer->finish();
-  return kStatusDone;
+  run.channel->end(kStatusDone);
 }
 
-uint32_t Engine::show_module(const ViewRun &run) {
-  const std::unique_ptr<output::Writer> writer = writer_for(run.format, run.filters, *run.channel);
+void Engine::show_module(const ViewRun &run) {
+  const Statement &statement = run.statement();
+  const std::unique_ptr<output::Writer> writer = writer_for(run.line, *run.channel);
   ref::CliInvocation invocation;
-  invocation.handler = run.statement.handler;
-  for (const Argument &argument : run.statement.arguments) {
+  invocation.handler = statement.handler;
+  for (const Argument &argument : statement.arguments) {
     if (argument.name == "vrf")
       invocation.vrf_name = argument.value;
     else
       invocation.arguments.push_back({argument.name, argument.value});
   }
   invocation.all_vrfs = invocation.vrf_name.empty();
-  ModuleView view(router_, run.statement, *writer);
-  const int result = ref::cli_invoke(invocation, view);
+  ModuleView view(router_, statement, *writer);
+  const uint32_t status = ref::cli_invoke(invocation, view) == CLI_RESULT_OK ? kStatusDone : kStatusFailed;
   view.finish();
+  if (status != kStatusDone) output::record_failure(*writer, status, "the module could not carry the command out");
   writer->finish();
-  return result == CLI_RESULT_OK ? kStatusDone : kStatusFailed;
+  run.channel->end(status);
 }
 
 // ------------------------------------------------------------------------------------------------- other commands
@@ -287,8 +281,6 @@ Outcome Engine::operate(const std::vector<Statement> &statements) {
     case Command::capture_stop:
     case Command::capture_rotate:
       return capture(router_.links(), statement);
-    case Command::show_metrics:
-      return {true, metrics_text(router_, process_.loop, metrics::Format::text)};
     case Command::test_statistics:
       ref::statistics_pass();
       return {};

@@ -37,17 +37,17 @@ class Engine {
  private:
   struct ViewRun {
     Engine *engine;
-    Statement statement;
-    OutputFormat format;
-    Filters filters;
+    CommandLine line;
     std::shared_ptr<OutputChannel> channel;
+
+    const Statement &statement() const { return line.match.statements.front(); }
   };
 
   void run(const CommandLine &line, const std::shared_ptr<OutputChannel> &channel);
   void start_view(std::unique_ptr<ViewRun> run);
   static void *view_thread(void *argument);
-  uint32_t show(const ViewRun &run);
-  uint32_t show_module(const ViewRun &run);
+  void show(const ViewRun &run);
+  void show_module(const ViewRun &run);
   Outcome operate(const std::vector<Statement> &statements);
   void debug_off();
 

@@ -95,7 +95,7 @@ void Forwarding::follow(const Config &config) {
   if (path != path_) {
     close();
     path_ = path;
-    if (!path.empty()) open(path, config.hostname());
+    if (!path.empty()) open(path, config.hostname("pimhostd"));
   }
   if (block == nullptr) return;
   follow_settings(*block);

@@ -28,7 +28,10 @@ template <typename Item, typename Before, typename MakeRow>
 bool print(Listing &listing, const output::View &view, std::vector<Item> items, const std::string *vrf, Before before,
            MakeRow make_row) {
   std::erase_if(items, [vrf](const Item &item) { return vrf != nullptr && item.vrf() != *vrf; });
-  if (items.empty()) return true;
+  if (items.empty()) {
+    listing.promise(view);
+    return true;
+  }
   std::sort(items.begin(), items.end(), before);
   listing.begin(view);
   return std::all_of(items.begin(), items.end(), [&](const Item &item) { return listing.row(make_row(item)); });
@@ -94,6 +97,7 @@ std::string time_text(uint64_t milliseconds) {
 
 void show_forwarding(const ViewInput &input, Listing &listing) {
   const Forwarding &forwarding = input.router.forwarding();
+  listing.promise(output::kForwarder);
   if (!forwarding.active()) return;
   const auto counters = forwarding.counters();  // a copy: rows yield
   listing.begin(output::kForwarder);
@@ -106,6 +110,7 @@ void show_forwarding(const ViewInput &input, Listing &listing) {
 
 void show_forwarding_events(const ViewInput &input, Listing &listing) {
   const auto counters = input.router.forwarding().counters();
+  listing.promise(output::kForwardingEvents);
   if (!counters) return;
   listing.begin(output::kForwardingEvents);
   for (const forwarder::protocol::Event &event : counters->events)

@@ -11,10 +11,42 @@ std::string sentence(const std::string &vrf, const std::string &reason) {
   return "VRF " + vrf + " is not Up: " + reason;
 }
 
+// What a view of the module consists of: a record of the document, or those of a VRF, whose record comes with them.
+struct Consists {
+  const char *handler;
+  const char *keyword;  // of the command; null: any
+  cli_record record;
+};
+constexpr Consists kConsists[] = {
+    {"mvpn_show_mdt_cmd", nullptr, CLI_RECORD_DATA_RANGE},
+    {"mvpn_show_mdt_route_cmd", nullptr, CLI_RECORD_ROUTE},
+    {"mvpn_show_mdt_encap_cmd", nullptr, CLI_RECORD_ENCAP},
+    {"mvpn_show_mdt_send_cmd", nullptr, CLI_RECORD_SENT},
+    {"mvpn_show_mdt_receive_cmd", nullptr, CLI_RECORD_RECEIVED},
+    {"mvpn_show_internal_ha_cmd", nullptr, CLI_RECORD_PERSISTED},
+    {"mvpn_show_mdt_bgp_cmd", nullptr, CLI_RECORD_SAFI},
+    {"mvpn_show_bgp_auto_discovery_cmd", nullptr, CLI_RECORD_SAFI},
+    {"mvpn_show_internal_mrib_txlist_cmd", "mrib-buffers", CLI_RECORD_USED_BUFFER},
+    {"mvpn_show_internal_mrib_txlist_cmd", "mrib-buffers", CLI_RECORD_FREE_BUFFER},
+    {"mvpn_show_internal_mrib_txlist_cmd", "mrib-txlist", CLI_RECORD_TRANSMIT_OBJECT},
+};
+
+void promise_records(const Statement &statement, output::Writer &writer) {
+  for (const Consists &part : kConsists) {
+    if (statement.handler != part.handler) continue;
+    if (part.keyword != nullptr && find_argument(statement, part.keyword) == nullptr) continue;
+    const output::SchemaRecord &record = output::record_of(part.record);
+    if (record.parent != CLI_RECORD_DOCUMENT) writer.promise(output::record_of(record.parent));
+    writer.promise(record);
+  }
+}
+
 }  // namespace
 
-ModuleView::ModuleView(const Router &router, const Statement &statement, ref::CliSink &next)
-    : router_(router), statement_(statement), next_(next), of_status_(statement.handler == "mvpn_show_mdt_cmd") {}
+ModuleView::ModuleView(const Router &router, const Statement &statement, output::Writer &next)
+    : router_(router), statement_(statement), next_(next), of_status_(statement.handler == "mvpn_show_mdt_cmd") {
+  promise_records(statement, next);
+}
 
 void ModuleView::text(std::string_view text) { next_.text(text); }
 

@@ -16,7 +16,7 @@ namespace host {
 class ModuleView : public ref::CliSink {
  public:
   // All outlive it.
-  ModuleView(const Router &router, const Statement &statement, ref::CliSink &next);
+  ModuleView(const Router &router, const Statement &statement, output::Writer &next);
 
   void text(std::string_view text) override;
   void value(const ref::CliValue &value) override;
@@ -30,7 +30,7 @@ class ModuleView : public ref::CliSink {
 
   const Router &router_;
   const Statement &statement_;
-  ref::CliSink &next_;
+  output::Writer &next_;
   const bool of_status_;            // the view is `show mvpn mdt`
   std::string vrf_;                 // whose record is being recorded
   std::vector<std::string> notes_;  // that are to come behind the module's text

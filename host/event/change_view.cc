@@ -67,12 +67,14 @@ struct ToParts {
 };
 
 // A document without what makes it readable for people.
-std::string line_of(const output::View &view, const Row &row) {
+std::string line_of(const std::string &hostname, const output::View &view, const Row &row) {
   std::string text;
-  const auto writer = output::json_writer([&text](std::string_view part) {
-    text += part;
-    return true;
-  });
+  const auto writer = output::json_writer(
+      [&text](std::string_view part) {
+        text += part;
+        return true;
+      },
+      output::header_now(hostname));
   output::Listing listing(*writer);
   listing.begin(view);
   listing.row(row);
@@ -101,8 +103,12 @@ Row row_of(const Change &change) {
           text_of(change)};
 }
 
-std::string document_of(const Change &change) { return line_of(output::kChanges, row_of(change)); }
+std::string document_of(const std::string &hostname, const Change &change) {
+  return line_of(hostname, output::kChanges, row_of(change));
+}
 
-std::string missed_document(uint64_t missed) { return line_of(output::kMissedChanges, {missed}); }
+std::string missed_document(const std::string &hostname, uint64_t missed) {
+  return line_of(hostname, output::kMissedChanges, {missed});
+}
 
 }  // namespace host

@@ -14,8 +14,9 @@ namespace host {
 output::Row row_of(const Change &change);
 
 // A JSON document in one line, its end included: of a change; of how many a client has missed.
-std::string document_of(const Change &change);
-std::string missed_document(uint64_t missed);
+// hostname: of the router.
+std::string document_of(const std::string &hostname, const Change &change);
+std::string missed_document(const std::string &hostname, uint64_t missed);
 
 }  // namespace host
 

@@ -3,6 +3,7 @@
 #include "host/event/monitor.h"
 
 #include <chrono>
+#include <utility>
 
 #include "host/event/change_view.h"
 #include "host/output/wall_time.h"
@@ -17,16 +18,18 @@ std::string missed_text(uint64_t missed) {
 
 }  // namespace
 
-Monitor::Monitor(EventBus &bus) : subscription_(bus.subscribe([this](const Change &change) { tell(change); })) {}
+Monitor::Monitor(EventBus &bus, std::function<std::string()> hostname)
+    : hostname_(std::move(hostname)), subscription_(bus.subscribe([this](const Change &change) { tell(change); })) {}
 
-void Monitor::serve(OutputFormat format, const Filters &filters, const std::shared_ptr<OutputChannel> &channel) {
-  if (format == OutputFormat::xml || filters.count) {
-    channel->error(filters.count ? "monitor has no end at which lines could be counted\n"
-                                 : "monitor writes lines of text, or of JSON\n");
-    return channel->end(kStatusFailed);
-  }
+void Monitor::serve(CommandLine line, const std::shared_ptr<OutputChannel> &channel) {
+  if (find_argument(line.match.statements.front(), "json") != nullptr) line.format = OutputFormat::json;
+  if (line.format == OutputFormat::xml)
+    return refuse(line, kStatusFailed, "monitor writes lines of text, or of JSON\n", *channel);
+  if (line.filters.count)
+    return refuse(line, kStatusFailed, "monitor has no end at which lines could be counted\n", *channel);
   std::erase_if(clients_, [](const Client &client) { return !client.channel->wanted(); });
-  clients_.push_back({channel, format, writer_for(OutputFormat::text, filters, *channel)});
+  const OutputFormat format = std::exchange(line.format, OutputFormat::text);
+  clients_.push_back({channel, format, writer_for(line, *channel)});
 }
 
 void Monitor::tell(const Change &change) {
@@ -34,16 +37,17 @@ void Monitor::tell(const Change &change) {
   for (Client &client : clients_) tell(client, change);
 }
 
-void Monitor::tell(Client &client, const Change &change) {
+void Monitor::tell(Client &client, const Change &change) const {
   if (client.channel->full()) {
     client.missed++;
     return;
   }
   const bool json = client.format == OutputFormat::json;
-  if (client.missed > 0) client.channel->output(json ? missed_document(client.missed) : missed_text(client.missed));
+  if (client.missed > 0)
+    client.channel->output(json ? missed_document(hostname_(), client.missed) : missed_text(client.missed));
   client.missed = 0;
   if (json)
-    client.channel->output(document_of(change));
+    client.channel->output(document_of(hostname_(), change));
   else
     client.text->text(output::wall_time(change.when) + " " + std::string(name_of(change.level)) + " " +
                       text_of(change) + "\n");

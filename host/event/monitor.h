@@ -5,8 +5,10 @@
 #define HOST_EVENT_MONITOR_H
 
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <memory>
+#include <string>
 
 #include "host/command/command_line.h"
 #include "host/event/change.h"
@@ -15,10 +17,11 @@ namespace host {
 
 class Monitor {
  public:
-  explicit Monitor(EventBus &bus);
+  // hostname: of the router, as documents have it.
+  Monitor(EventBus &bus, std::function<std::string()> hostname);
 
   // Serves a client: a line for each change, or a JSON document in a line. Not as XML; the client is told so.
-  void serve(OutputFormat format, const Filters &filters, const std::shared_ptr<OutputChannel> &channel);
+  void serve(CommandLine line, const std::shared_ptr<OutputChannel> &channel);
 
  private:
   struct Client {
@@ -28,8 +31,9 @@ class Monitor {
     uint64_t missed = 0;                   // since it was told last
   };
   void tell(const Change &change);
-  static void tell(Client &client, const Change &change);
+  void tell(Client &client, const Change &change) const;
 
+  std::function<std::string()> hostname_;
   std::list<Client> clients_;
   EventBus::Subscription subscription_;
 };

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 
 namespace output {
 namespace {
@@ -83,6 +84,17 @@ std::optional<Json> typed_value(const SchemaElement &element, const ref::CliValu
   }
 }
 
+DocumentWriter::DocumentWriter(ByteSink bytes, const Header &header) : bytes_(std::move(bytes)) {
+  path_.push_back({&record_of(CLI_RECORD_DOCUMENT)});
+  const std::string values[] = {kSchemaVersion, carried_text(header.hostname), header.time};
+  for (size_t i = 0; i < std::size(values); i++)
+    path_.back().fields.push_back({find_element(kHeaderColumns[i].number), values[i]});
+}
+
+void DocumentWriter::promise(const SchemaRecord &kind) {
+  if (std::ranges::find(promised_, &kind) == promised_.end()) promised_.push_back(&kind);
+}
+
 void DocumentWriter::value(const ref::CliValue &value) {
   const SchemaElement *element = find_element(value.element);
   if (element == nullptr || stopped_) return;
@@ -93,6 +105,7 @@ void DocumentWriter::value(const ref::CliValue &value) {
 
 void DocumentWriter::finish() {
   while (path_.size() > 1) close_deepest();
+  if (stopped_) path_.back().fields.push_back({find_element(kInterruptedColumn.number), true});
   close_deepest();
   out_ += '\n';
   send();
@@ -117,6 +130,7 @@ void DocumentWriter::open(const SchemaRecord &record) {
   const size_t depth = path_.size() - 1;
   flush_fields(depth);
   write_before_child(path_[depth], depth, record);
+  if (path_[depth].open_list != &record) path_[depth].kinds.push_back(record.id);
   path_[depth].open_list = &record;
   path_[depth].has_members = true;
   path_.push_back({&record});
@@ -137,8 +151,19 @@ void DocumentWriter::flush_fields(size_t depth) {
   level.fields.clear();
 }
 
+// Whether there would have been more is not known when nothing more is wanted.
+void DocumentWriter::add_empty_lists(size_t depth) {
+  if (stopped_) return;
+  for (const SchemaRecord *kind : promised_) {
+    if (kind->parent != path_[depth].record->id || std::ranges::count(path_[depth].kinds, kind->id) > 0) continue;
+    flush_fields(depth);
+    write_empty_list(path_[depth], depth, *kind);
+  }
+}
+
 void DocumentWriter::close_deepest() {
   const size_t depth = path_.size() - 1;
+  add_empty_lists(depth);
   const Level &level = path_[depth];
   if (level.opened || (has_children(level.record->id) && !level.fields.empty())) {
     flush_fields(depth);

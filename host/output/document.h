@@ -30,10 +30,9 @@ std::optional<Json> typed_value(const SchemaElement &element, const ref::CliValu
 
 class DocumentWriter : public Writer {
  public:
-  explicit DocumentWriter(ByteSink bytes) : bytes_(std::move(bytes)) {
-    path_.push_back({&record_of(CLI_RECORD_DOCUMENT)});
-  }
+  DocumentWriter(ByteSink bytes, const Header &header);
 
+  void promise(const SchemaRecord &kind) override;
   void text(std::string_view) override {}
   void value(const ref::CliValue &value) override;
   bool more() override { return !stopped_; }
@@ -46,6 +45,7 @@ class DocumentWriter : public Writer {
     bool opened = false;                      // its beginning was written
     bool has_members = false;                 // so was a field or a list
     const SchemaRecord *open_list = nullptr;  // kind of the children written last
+    std::vector<RecordId> kinds = {};         // of all children so far
   };
 
   // The syntax. `depth` is the place in the path, 0 for the root.
@@ -54,6 +54,7 @@ class DocumentWriter : public Writer {
   virtual void write_opening(Level &level, size_t depth) = 0;
   virtual void write_fields(Level &level, size_t depth) = 0;
   virtual void write_before_child(Level &level, size_t depth, const SchemaRecord &child) = 0;
+  virtual void write_empty_list(Level &, size_t, const SchemaRecord &) {}  // where the syntax has any
   virtual void write_closing(Level &level, size_t depth) = 0;
 
   std::string out_;  // written, not sent
@@ -63,10 +64,12 @@ class DocumentWriter : public Writer {
   void open(const SchemaRecord &record);
   void close_deepest();
   void flush_fields(size_t depth);
+  void add_empty_lists(size_t depth);
   void send();
 
   ByteSink bytes_;
   std::vector<Level> path_;
+  std::vector<const SchemaRecord *> promised_;
   bool stopped_ = false;
 };
 

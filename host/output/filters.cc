@@ -32,6 +32,7 @@ class Filter : public Writer {
     }
     line_.append(text);
   }
+  void promise(const SchemaRecord &kind) override { next_->promise(kind); }
   void value(const ref::CliValue &value) override { next_->value(value); }
   bool more() override { return next_->more(); }
   void finish() override {

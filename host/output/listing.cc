@@ -73,24 +73,39 @@ struct ToValue {
   }
 };
 
-// The fields of a record, then its children.
+ref::CliValue value_of(const Column &column, const Cell &cell) {
+  ref::CliValue value;
+  value.element = column.number;
+  std::visit(ToValue{&value}, cell.value);
+  return value;
+}
+
+// The fields of a record, the one that begins it first; then its children.
 template <typename IsShown>
 void record(const View &view, const Row &row, IsShown is_shown, ref::CliSink &sink) {
+  sink.value(value_of(view.columns[view.key], row[view.key]));
   for (size_t i = 0; i < row.size(); i++) {
     const Column &column = view.columns[i];
-    if (is_list(column) || !is_shown(column) || std::holds_alternative<std::monostate>(row[i].value)) continue;
-    ref::CliValue value;
-    value.element = column.number;
-    std::visit(ToValue{&value}, row[i].value);
-    sink.value(value);
+    const bool there = !is_list(column) && is_shown(column) && !std::holds_alternative<std::monostate>(row[i].value);
+    if (there && i != view.key) sink.value(value_of(column, row[i]));
   }
   for (size_t i = 0; i < row.size(); i++)
     for (const Row &item : row[i].items) record(*view.columns[i].items, item, is_shown, sink);
 }
 
+void promise_records(const View &view, RecordId parent, Writer &writer) {
+  const SchemaRecord &record = *find_record(view.record, parent);
+  writer.promise(record);
+  for (const Column &column : view.columns)
+    if (is_list(column)) promise_records(*column.items, record.id, writer);
+}
+
 }  // namespace
 
+void Listing::promise(const View &view) { promise_records(view, CLI_RECORD_DOCUMENT, sink_); }
+
 void Listing::begin(const View &view, bool detail) {
+  promise(view);
   if (view_ != nullptr) sink_.text("\n");
   view_ = &view;
   detail_ = detail;

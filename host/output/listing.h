@@ -10,8 +10,8 @@
 #include <variant>
 #include <vector>
 
+#include "host/output/output.h"
 #include "host/output/view.h"
-#include "platform/reference/cli.h"
 
 namespace output {
 
@@ -35,10 +35,12 @@ using Row = std::vector<Cell>;  // in the order of the view's columns, those tha
 
 class Listing {
  public:
-  explicit Listing(ref::CliSink &sink) : sink_(sink) {}
+  explicit Listing(Writer &sink) : sink_(sink) {}
 
   // Begins a table: with its heading, and behind an empty line when it is not the first.
   void begin(const View &view, bool detail = false);
+  // The answer is about such rows, though there may be no table of them: documents have their list.
+  void promise(const View &view);
   // A row of the table, then sometimes a yield. False: nobody wants more.
   bool row(const Row &row);
   // A sentence instead of rows, or behind them.
@@ -51,7 +53,7 @@ class Listing {
   void sheet_of(const Row &row);
   bool is_shown(const Column &column) const { return detail_ || !column.only_in_detail; }
 
-  ref::CliSink &sink_;
+  Writer &sink_;
   const View *view_ = nullptr;
   bool detail_ = false;
   size_t rows_ = 0;

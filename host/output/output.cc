@@ -28,6 +28,7 @@ class TextWriter : public Writer {
 // ------------------------------------------------------------------------------------------------------------- JSON
 //
 // {
+//   "schema-version": "1.0",
 //   "vrf": [
 //     {
 //       "name": "red",
@@ -62,6 +63,11 @@ class JsonWriter : public DocumentWriter {
       out_ += '[';
     }
     new_line(item_indent(depth));
+  }
+  void write_empty_list(Level &level, size_t depth, const SchemaRecord &child) override {
+    close_list(level, depth);
+    begin_member(level, depth, child.name);
+    out_ += "[]";
   }
   void write_closing(Level &level, size_t depth) override {
     close_list(level, depth);
@@ -150,7 +156,22 @@ class XmlWriter : public DocumentWriter {
 }  // namespace
 
 std::unique_ptr<Writer> text_writer(ByteSink bytes) { return std::make_unique<TextWriter>(std::move(bytes)); }
-std::unique_ptr<Writer> json_writer(ByteSink bytes) { return std::make_unique<JsonWriter>(std::move(bytes)); }
-std::unique_ptr<Writer> xml_writer(ByteSink bytes) { return std::make_unique<XmlWriter>(std::move(bytes)); }
+std::unique_ptr<Writer> json_writer(ByteSink bytes, const Header &header) {
+  return std::make_unique<JsonWriter>(std::move(bytes), header);
+}
+std::unique_ptr<Writer> xml_writer(ByteSink bytes, const Header &header) {
+  return std::make_unique<XmlWriter>(std::move(bytes), header);
+}
+
+void record_failure(ref::CliSink &sink, uint32_t status, const std::string &reason) {
+  ref::CliValue value;
+  value.element = kFailureColumns[0].number;
+  value.text = reason;
+  sink.value(value);
+  value.element = kFailureColumns[1].number;
+  value.type = ref::CliValueType::unsigned_number;
+  value.unsigned_number = status;
+  sink.value(value);
+}
 
 }  // namespace output

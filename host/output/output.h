@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+#include "host/output/header.h"
+#include "host/output/schema.h"
 #include "platform/reference/cli.h"
 
 namespace output {
@@ -20,6 +22,9 @@ using ByteSink = std::function<bool(std::string_view)>;
 
 class Writer : public ref::CliSink {
  public:
+  // The output shows the records of a kind: a document has an empty list where their parent has none of them. Before
+  // the parent's first value that lies below it.
+  virtual void promise(const SchemaRecord &kind) { (void)kind; }
   // The handler has returned: sends what was held back and ends the document. Once.
   virtual void finish() = 0;
 };
@@ -27,10 +32,13 @@ class Writer : public ref::CliSink {
 // Operator's text; recorded values are ignored.
 std::unique_ptr<Writer> text_writer(ByteSink bytes);
 
-// The recorded values as a document of the output schema; text is ignored. A command that recorded nothing gives an
-// empty document.
-std::unique_ptr<Writer> json_writer(ByteSink bytes);
-std::unique_ptr<Writer> xml_writer(ByteSink bytes);
+// The recorded values behind the header as a document of the output schema; text is ignored. A document that ends
+// before the command did, since no more bytes were wanted, says that it was interrupted.
+std::unique_ptr<Writer> json_writer(ByteSink bytes, const Header &header);
+std::unique_ptr<Writer> xml_writer(ByteSink bytes, const Header &header);
+
+// Why a command failed, for its document. status: of the client's exit.
+void record_failure(ref::CliSink &sink, uint32_t status, const std::string &reason);
 
 }  // namespace output
 

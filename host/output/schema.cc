@@ -1,5 +1,8 @@
 // The tables are made by the compiler out of the lists of cli_schema.h and the views, and it checks them: numbers are
-// unique and ascending, parents come before children, exactly the first element of a record begins it.
+// unique, parents come before children, exactly one element of a record begins it.
+//
+// A thing has one record in documents, whichever view shows it: views whose records have the same name and parent share
+// the record, and columns with the same number share its fields.
 #include "host/output/schema.h"
 
 #include <algorithm>
@@ -10,29 +13,26 @@ namespace output {
 namespace {
 
 #define TYPE_ROW(id, name, text) {name, text},
-constexpr SchemaType types[] = {CLI_TYPE_LIST(TYPE_ROW)};
+constexpr SchemaType types[] = {CLI_TYPE_LIST(TYPE_ROW){"time", "time of day as in RFC 3339, in UTC"}};
 #undef TYPE_ROW
+static_assert(std::size(types) == kTime + 1);
 
 #define RECORD_ROW(id, name, parent, text) {id, name, parent, text},
 constexpr SchemaRecord module_records[] = {CLI_RECORD_LIST(RECORD_ROW)};
 #undef RECORD_ROW
 
 #define ELEMENT_ROW(id, number, name, type, record, place, text) \
-  {number, name, type, record, place == CLI_BEGINS, text},
+  {number, name, type, record, place == CLI_BEGINS, place == CLI_BEGINS, text},
 constexpr SchemaElement module_elements[] = {CLI_ELEMENT_LIST(ELEMENT_ROW)};
 #undef ELEMENT_ROW
 
-// Calls for the columns of each view that are fields, then for those of its lists' items.
-//   record(view, parent) -> its id   column(column, record, is_first)
+// Calls for each view and its lists' items.
+//   record(view, parent) -> its id   column(column, record, begins)
 template <typename OnRecord, typename OnColumn>
 constexpr void visit_view(const View &view, RecordId parent, OnRecord record, OnColumn column) {
   const RecordId own = record(view, parent);
-  bool first = true;
-  for (const Column &field : view.columns) {
-    if (is_list(field)) continue;
-    column(field, own, first);
-    first = false;
-  }
+  for (size_t i = 0; i < view.columns.size(); i++)
+    if (!is_list(view.columns[i])) column(view.columns[i], own, i == view.key);
   for (const Column &list : view.columns)
     if (is_list(list)) visit_view(*list.items, own, record, column);
 }
@@ -42,10 +42,12 @@ constexpr void visit_views(OnRecord record, OnColumn column) {
   for (const View *view : kViews) visit_view(*view, CLI_RECORD_DOCUMENT, record, column);
 }
 
+// At most: what views share is counted for each.
 struct Size {
-  size_t records = std::size(module_records), elements = std::size(module_elements);
+  size_t records = std::size(module_records);
+  size_t elements = std::size(module_elements) + std::size(kHeaderColumns) + 1;
 };
-constexpr Size size_of_all() {
+constexpr Size most_of_all() {
   Size size;
   visit_views([&size](const View &, RecordId) { return static_cast<RecordId>(++size.records); },
               [&size](const Column &, RecordId, bool) { size.elements++; });
@@ -53,61 +55,84 @@ constexpr Size size_of_all() {
 }
 
 struct Tables {
-  std::array<SchemaRecord, size_of_all().records> records{};
-  std::array<SchemaElement, size_of_all().elements> elements{};
+  std::array<SchemaRecord, most_of_all().records> records{};
+  std::array<SchemaElement, most_of_all().elements> elements{};
+  size_t record_count = 0, element_count = 0;
+  bool shared_fields_agree = true;
+
+  constexpr void add(const SchemaRecord &record) { records[record_count++] = record; }
+  constexpr void add(const SchemaElement &element) { elements[element_count++] = element; }
+
+  constexpr RecordId record_for(const View &view, RecordId parent) {
+    for (size_t i = 0; i < record_count; i++)
+      if (records[i].parent == parent && std::string_view(records[i].name) == view.record) return records[i].id;
+    const auto id = static_cast<RecordId>(record_count) + 1;
+    add(SchemaRecord{id, view.record, parent, view.description});
+    return id;
+  }
+  constexpr void add_column(const Column &column, RecordId record, bool begins) {
+    for (size_t i = 0; i < element_count; i++) {
+      const SchemaElement &other = elements[i];
+      if (other.number != column.number) continue;
+      shared_fields_agree = shared_fields_agree && std::string_view(other.name) == column.name &&
+                            other.type == column.type && other.record == record && other.begins == begins;
+      return;
+    }
+    add(SchemaElement{column.number, column.name, column.type, record, begins, begins, column.description});
+  }
 };
+
 constexpr Tables all_tables() {
   Tables tables;
-  auto next_record = std::copy(std::begin(module_records), std::end(module_records), tables.records.begin());
-  auto next_element = std::copy(std::begin(module_elements), std::end(module_elements), tables.elements.begin());
-  visit_views(
-      [&](const View &view, RecordId parent) {
-        const auto id = static_cast<RecordId>(next_record - tables.records.begin()) + 1;
-        *next_record++ = {id, view.record, parent, view.description};
-        return id;
-      },
-      [&](const Column &column, RecordId record, bool first) {
-        *next_element++ = {column.number, column.name, column.type, record, first, column.description};
-      });
+  for (const SchemaRecord &record : module_records) tables.add(record);
+  for (const SchemaElement &element : module_elements) tables.add(element);
+  for (const Column &column : kHeaderColumns)
+    tables.add(
+        SchemaElement{column.number, column.name, column.type, CLI_RECORD_DOCUMENT, false, true, column.description});
+  tables.add_column(kInterruptedColumn, CLI_RECORD_DOCUMENT, false);
+  visit_views([&](const View &view, RecordId parent) { return tables.record_for(view, parent); },
+              [&](const Column &column, RecordId record, bool begins) { tables.add_column(column, record, begins); });
+  const auto by_number = [](const SchemaElement &a, const SchemaElement &b) { return a.number < b.number; };
+  std::sort(tables.elements.begin(), tables.elements.begin() + static_cast<std::ptrdiff_t>(tables.element_count),
+            by_number);
   return tables;
 }
 constexpr Tables tables = all_tables();
-constexpr const auto &records = tables.records;
-constexpr const auto &elements = tables.elements;
+constexpr std::span<const SchemaRecord> records(tables.records.data(), tables.record_count);
+constexpr std::span<const SchemaElement> elements(tables.elements.data(), tables.element_count);
 
-// The list keeps its elements by number, which makes numbers unique and a look-up a binary search.
-static_assert(std::is_sorted(std::begin(elements), std::end(elements),
-                             [](const auto &a, const auto &b) { return a.number <= b.number; }));
-static_assert(std::all_of(std::begin(records), std::end(records), [](const auto &r) { return r.parent < r.id; }));
-// The root has one instance, so nothing begins it; every other record has one element that does, its first.
-constexpr bool begins_as_expected() {
-  RecordId previous = CLI_RECORD_NONE;
-  for (const SchemaElement &element : elements) {
-    const bool first = element.record != previous && element.record != CLI_RECORD_DOCUMENT;
-    if (element.begins != first) return false;
-    previous = element.record;
-  }
-  return true;
-}
-static_assert(begins_as_expected());
+static_assert(tables.shared_fields_agree, "columns of one number differ in name, type, record or place");
+static_assert(std::adjacent_find(elements.begin(), elements.end(),
+                                 [](const auto &a, const auto &b) { return a.number == b.number; }) == elements.end());
+static_assert(std::all_of(records.begin(), records.end(), [](const auto &r) { return r.parent < r.id; }));
+// The root has one instance, so nothing begins it; every other record has one element that does.
+static_assert(std::all_of(records.begin(), records.end(), [](const SchemaRecord &record) {
+  const auto begin = [&record](const SchemaElement &element) { return element.record == record.id && element.begins; };
+  return std::count_if(elements.begin(), elements.end(), begin) == (record.id == CLI_RECORD_DOCUMENT ? 0 : 1);
+}));
 
 }  // namespace
 
-const SchemaType &type_of(cli_type type) { return types[type]; }
+const SchemaType &type_of(TypeId type) { return types[type]; }
 std::span<const SchemaType> all_types() { return types; }
 const SchemaRecord &record_of(RecordId record) { return records[static_cast<size_t>(record) - 1]; }
 std::span<const SchemaRecord> all_records() { return records; }
 std::span<const SchemaElement> all_elements() { return elements; }
 
 const SchemaElement *find_element(int number) {
-  const auto found = std::lower_bound(std::begin(elements), std::end(elements), number,
+  const auto found = std::lower_bound(elements.begin(), elements.end(), number,
                                       [](const SchemaElement &element, int wanted) { return element.number < wanted; });
-  return found != std::end(elements) && found->number == number ? found : nullptr;
+  return found != elements.end() && found->number == number ? &*found : nullptr;
+}
+
+const SchemaRecord *find_record(std::string_view name, RecordId parent) {
+  const auto found = std::ranges::find_if(
+      records, [&](const SchemaRecord &record) { return record.parent == parent && record.name == name; });
+  return found == records.end() ? nullptr : &*found;
 }
 
 bool has_children(RecordId record) {
-  return std::any_of(std::begin(records), std::end(records),
-                     [record](const SchemaRecord &candidate) { return candidate.parent == record; });
+  return std::ranges::any_of(records, [record](const SchemaRecord &other) { return other.parent == record; });
 }
 
 }  // namespace output

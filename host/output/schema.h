@@ -3,6 +3,7 @@
 #define HOST_OUTPUT_SCHEMA_H
 
 #include <span>
+#include <string_view>
 
 #include "host/output/view.h"
 #include "platform/cli_schema.h"
@@ -27,20 +28,23 @@ struct SchemaRecord {
 struct SchemaElement {
   int number;               // its own for ever
   const char *name;         // of the field in documents
-  cli_type type;            // what typed_value() makes of it
+  TypeId type;              // what typed_value() makes of it
   RecordId record;          // that it is a field of
   bool begins;              // a value opens a new instance of the record
+  bool always;              // every instance has it
   const char *description;  // a sentence or two
 };
 
 // For numbers that are in the tables; all live as long as the program.
-const SchemaType &type_of(cli_type type);
+const SchemaType &type_of(TypeId type);
 std::span<const SchemaType> all_types();
 const SchemaRecord &record_of(RecordId record);
 std::span<const SchemaRecord> all_records();    // parents before their children
-std::span<const SchemaElement> all_elements();  // by number, hence those of a record together
-// The element with a number; null: none.
+std::span<const SchemaElement> all_elements();  // by number
+// The element under which documents have what is recorded under a number; null: none.
 const SchemaElement *find_element(int number);
+// Null: none.
+const SchemaRecord *find_record(std::string_view name, RecordId parent);
 // Whether records stand under this one.
 bool has_children(RecordId record);
 

@@ -13,13 +13,34 @@ namespace {
 using namespace output;
 using Json = nlohmann::ordered_json;
 
-constexpr const char *address_pattern = R"(([0-9]{1,3}\.){3}[0-9]{1,3})";
-constexpr const char *source_pattern = R"((([0-9]{1,3}\.){3}[0-9]{1,3})|\*)";
+#define OCTET "(25[0-5]|2[0-4][0-9]|1[0-9]{2}|[1-9]?[0-9])"
+#define ADDRESS "(" OCTET R"(\.){3})" OCTET
+#define DATE "[0-9]{4}-(0[1-9]|1[0-2])-(0[1-9]|[12][0-9]|3[01])"
+#define TIME "([01][0-9]|2[0-3]):[0-5][0-9]:([0-5][0-9]|60)"
+// What the values of a type look like, in the syntax that both schema languages have; null: anything.
+const char *pattern_of(TypeId type) {
+  switch (type) {
+    case CLI_TYPE_ADDRESS:
+      return ADDRESS;
+    case CLI_TYPE_SOURCE:
+      return ADDRESS R"(|\*)";
+    case kTime:
+      return DATE "T" TIME R"((\.[0-9]+)?Z)";
+    default:
+      return nullptr;
+  }
+}
+#undef TIME
+#undef DATE
+#undef ADDRESS
+#undef OCTET
 
+// Those that every instance has come first, as they do in documents.
 template <typename Visit>
 void for_elements(RecordId record, Visit visit) {
-  for (const SchemaElement &element : all_elements())
-    if (element.record == record) visit(element);
+  for (const bool always : {true, false})
+    for (const SchemaElement &element : all_elements())
+      if (element.record == record && element.always == always) visit(element);
 }
 
 template <typename Visit>
@@ -30,7 +51,7 @@ void for_children(RecordId record, Visit visit) {
 
 // ------------------------------------------------------------------------------------------------------ JSON schema
 
-Json json_type(cli_type type) {
+Json json_type(TypeId type) {
   switch (type) {
     case CLI_TYPE_NUMBER:
       return {{"type", "integer"}};
@@ -38,13 +59,12 @@ Json json_type(cli_type type) {
       return {{"type", "boolean"}};
     case CLI_TYPE_DURATION:
       return {{"type", "number"}, {"minimum", 0}};
-    case CLI_TYPE_ADDRESS:
-      return {{"type", "string"}, {"pattern", std::string("^") + address_pattern + "$"}};
-    case CLI_TYPE_SOURCE:
-      return {{"type", "string"}, {"pattern", std::string("^(") + source_pattern + ")$"}};
     default:
-      return {{"type", "string"}};
+      break;
   }
+  Json schema = {{"type", "string"}};
+  if (const char *pattern = pattern_of(type)) schema["pattern"] = std::string("^(") + pattern + ")$";
+  return schema;
 }
 
 Json json_record(const SchemaRecord &record) {
@@ -54,7 +74,7 @@ Json json_record(const SchemaRecord &record) {
   for_elements(record.id, [&](const SchemaElement &element) {
     properties[element.name] = {{"$ref", std::string("#/$defs/") + type_of(element.type).name},
                                 {"description", element.description}};
-    if (element.begins) required.push_back(element.name);
+    if (element.always) required.push_back(element.name);
   });
   for_children(record.id, [&](const SchemaRecord &child) {
     properties[child.name] = {{"type", "array"}, {"items", {{"$ref", std::string("#/$defs/") + child.name}}}};
@@ -70,7 +90,7 @@ void print_json() {
   schema.update(json_record(record_of(CLI_RECORD_DOCUMENT)));
   Json &definitions = schema["$defs"] = Json::object();
   for (size_t i = 0; i < all_types().size(); i++) {
-    Json &type = definitions[all_types()[i].name] = json_type(static_cast<cli_type>(i));
+    Json &type = definitions[all_types()[i].name] = json_type(static_cast<TypeId>(i));
     type["description"] = all_types()[i].description;
   }
   for (const SchemaRecord &record : all_records())
@@ -84,7 +104,7 @@ void annotate(pugi::xml_node node, const char *text) {
   node.append_child("xs:annotation").append_child("xs:documentation").text().set(text);
 }
 
-const char *xsd_base(cli_type type) {
+const char *xsd_base(TypeId type) {
   switch (type) {
     case CLI_TYPE_NUMBER:
       return "xs:integer";
@@ -97,12 +117,11 @@ const char *xsd_base(cli_type type) {
   }
 }
 
-void restrict_type(pugi::xml_node restriction, cli_type type) {
+void restrict_type(pugi::xml_node restriction, TypeId type) {
   const auto facet = [&restriction](const char *name, const char *value) {
     restriction.append_child(name).append_attribute("value") = value;
   };
-  if (type == CLI_TYPE_ADDRESS) facet("xs:pattern", address_pattern);
-  if (type == CLI_TYPE_SOURCE) facet("xs:pattern", source_pattern);
+  if (const char *pattern = pattern_of(type)) facet("xs:pattern", pattern);
   if (type == CLI_TYPE_DURATION) facet("xs:minInclusive", "0");
 }
 
@@ -113,21 +132,25 @@ pugi::xml_node append_member(pugi::xml_node group, const char *name, const char 
   return node;
 }
 
-// Records without children have their fields in order. In the others fields and children mix, since a command may
-// record a field behind a list.
+// What every instance has comes first. The other fields of records without children are in order; elsewhere fields and
+// children mix, since a command may record a field behind a list.
 void append_record_type(pugi::xml_node schema, const SchemaRecord &record) {
-  const bool mixed = has_children(record.id);
   pugi::xml_node type = schema.append_child("xs:complexType");
   type.append_attribute("name") = record.name;
   annotate(type, record.description);
-  pugi::xml_node group = type.append_child(mixed ? "xs:choice" : "xs:sequence");
+  const bool mixed = has_children(record.id);
+  pugi::xml_node sequence = type.append_child("xs:sequence"), group = sequence;
   if (mixed) {
+    group = sequence.append_child("xs:choice");
     group.append_attribute("minOccurs") = "0";
     group.append_attribute("maxOccurs") = "unbounded";
   }
   for_elements(record.id, [&](const SchemaElement &element) {
-    pugi::xml_node node = append_member(group, element.name, type_of(element.type).name);
-    if (!mixed && !element.begins) node.append_attribute("minOccurs") = "0";
+    pugi::xml_node node =
+        mixed && element.always ? sequence.insert_child_before("xs:element", group) : group.append_child("xs:element");
+    node.append_attribute("name") = element.name;
+    node.append_attribute("type") = type_of(element.type).name;
+    if (!mixed && !element.always) node.append_attribute("minOccurs") = "0";
     annotate(node, element.description);
   });
   for_children(record.id, [&](const SchemaRecord &child) { append_member(group, child.name, child.name); });
@@ -143,7 +166,7 @@ void print_xsd() {
   const char *root = record_of(CLI_RECORD_DOCUMENT).name;
   append_member(schema, root, root);
   for (size_t i = 0; i < all_types().size(); i++) {
-    const auto id = static_cast<cli_type>(i);
+    const auto id = static_cast<TypeId>(i);
     pugi::xml_node type = schema.append_child("xs:simpleType");
     type.append_attribute("name") = type_of(id).name;
     annotate(type, type_of(id).description);
@@ -159,20 +182,32 @@ void print_xsd() {
 
 constexpr const char *introduction = R"(# Output schema
 
-`| json` and `| xml` behind a show command give what the command shows as a document. This page, the XML schema
-[`schema/mvpn-output.xsd`](schema/mvpn-output.xsd) and the JSON schema
+`| json` and `| xml` behind a show command give what the command shows as a document; `pimctl --json` and `--xml` answer
+every command with one. This page, the XML schema [`schema/mvpn-output.xsd`](schema/mvpn-output.xsd) and the JSON schema
 [`schema/mvpn-output.schema.json`](schema/mvpn-output.schema.json) are printed by `schema_tool` (`md`, `xsd`, `json`)
 from the lists in `platform/cli_schema.h`, which modules record under, and the columns of the host's own views in
 `host/output/view.h`. The writers use both, too.
 
 A document is a tree of records. In XML a record is an element with its fields and its child records inside. In JSON it
 is an object; the child records of one kind are an array under the kind's name. The root is a JSON object, an XML
-element `mvpn-output`. A kind without records is left out, so a command that has nothing to show gives `{}` and
-`<mvpn-output/>`. A field that a view does not show is left out too; every record but the root has at least its first
-field.
+element `mvpn-output`.
 
-Documents are written while the command runs. When the operator stops a listing the document is closed where it is: it
-stays valid and ends early. Consumers that want everything ask with `| no-more` or run the client without a terminal.
+- **Header.** Every document begins with `schema-version`, `hostname` and `time`, each line of `monitor json` included.
+  OpenMetrics text (`show metrics`) is no document.
+- **Empty lists.** A list that the view shows is there, `[]` when it is empty. One that the view does not show is left
+  out, as is a field that it does not show or that has no value. In XML an empty list is no element.
+- **Errors.** A command that fails gives a document with `error`, whose `reason` also goes to standard error as text, with
+  a line and a mark in front when the line was not understood. `pimctl` writes the document itself when `pimhostd` cannot:
+  its hostname is then the machine's. A command that shows nothing and is done gives the header, and what it says as
+  `note`.
+- **Interrupted listings.** Documents are written while the command runs. When the operator stops a listing by Ctrl-C, or
+  it becomes longer than the daemon keeps for a client, the document is closed where it is: it stays valid and says
+  `interrupted`. A list that had not begun by then is left out. A document whose connection broke ends anywhere, and so
+  does one that the operator of a terminal left at a page; `pimctl` exits with another status than 0 for the first.
+
+`schema-version` is MAJOR.MINOR. MAJOR rises, and MINOR becomes 0, with a change that a reader of the former version does
+not survive: a name, a type, a unit or a meaning changes, or something goes. MINOR rises when something is added; readers
+pass over what they do not know. It stands in `host/output/header.h` and rises at most once between two releases.
 
 Numbers of elements below 3000 are part of the interface between module and host; the host's own follow. An element keeps
 its number; a number is not used twice.
@@ -182,7 +217,7 @@ its number; a number is not used twice.
 void print_types() {
   std::cout << "## Types\n\n| type | value | JSON | XML |\n|---|---|---|---|\n";
   for (size_t i = 0; i < all_types().size(); i++) {
-    const auto id = static_cast<cli_type>(i);
+    const auto id = static_cast<TypeId>(i);
     std::cout << "| " << type_of(id).name << " | " << type_of(id).description << " | "
               << json_type(id)["type"].get<std::string>() << " | " << xsd_base(id) << " |\n";
   }

@@ -14,10 +14,14 @@ namespace output {
 
 struct View;
 
+// A type of values: one of cli_type, or of the host's own behind them.
+using TypeId = int;
+inline constexpr TypeId kTime = CLI_TYPE_INTERFACE + 1;
+
 struct Column {
   int number;                   // of the element; 0: a list, whose items are records of their own
   const char *name;             // of the field in documents
-  cli_type type;                // what a cell has to hold
+  TypeId type;                  // what a cell has to hold
   const char *description;      // for the schema files: a sentence
   const char *title = nullptr;  // in the text form's heading
   int width = 0;                // there; 0: as wide as the value
@@ -27,11 +31,12 @@ struct Column {
 };
 
 struct View {
-  const char *record;               // name of a row in documents
-  const char *description;          // for the schema files: a sentence
-  std::span<const Column> columns;  // every row has the first
-  const char *title = nullptr;      // in text, above the heading
-  bool sheet = false;               // in text, a line for each value behind its title, instead of a table
+  const char *record;       // name of a row in documents
+  const char *description;  // for the schema files: a sentence
+  std::span<const Column> columns;
+  const char *title = nullptr;  // in text, above the heading
+  bool sheet = false;           // in text, a line for each value behind its title, instead of a table
+  size_t key = 0;               // the column that every row has, and that begins its record
 };
 
 // A list's column: in text its items stand behind each other.
@@ -49,6 +54,22 @@ constexpr Column list_of(const View &items, const char *title, int width) {
 constexpr bool is_list(const Column &column) { return column.number == 0; }
 
 constexpr auto kHexadecimal = Column::Form::hexadecimal;
+
+// Fields of the document itself: the header that every document begins with, and what its end may say.
+inline constexpr Column kHeaderColumns[] = {
+    {5300, "schema-version", CLI_TYPE_STRING, "Version of this schema, MAJOR.MINOR."},
+    {5301, "hostname", CLI_TYPE_STRING, "Name of the router, as configured; without one, of the machine."},
+    {5302, "time", kTime, "When the document was begun."},
+};
+inline constexpr Column kInterruptedColumn = {
+    5303, "interrupted", CLI_TYPE_BOOLEAN, "true: the document ends before the answer did, since no more was wanted."};
+
+inline constexpr Column kFailureColumns[] = {
+    {5350, "reason", CLI_TYPE_STRING, "Why, in words.", "Error", 40},
+    {5351, "status", CLI_TYPE_NUMBER,
+     "The client's exit status: 1 failed, 2 not understood, 3 unreachable, 4 no answer.", "Status"},
+};
+inline constexpr View kFailures = {"error", "Why a command was not carried out. Any command", kFailureColumns};
 
 inline constexpr Column kInterfaceColumns[] = {
     {3000, "name", CLI_TYPE_INTERFACE, "Name of the interface.", "Interface", 16},
@@ -426,7 +447,7 @@ inline constexpr const View *kViews[] = {
     &kInterfaces, &kTunnels,       &kBgpSpeaker,     &kBgpSessions, &kBgpNeighbors, &kBgp,      &kRoutes,
     &kEncaps,     &kGroups,        &kCustomers,      &kEvents,      &kErrors,       &kCounters, &kConfig,
     &kClock,      &kForwarder,     &kForwardingVrfs, &kFlows,       &kMemberships,  &kDrops,    &kForwardingEvents,
-    &kChanges,    &kMissedChanges, &kNotes,          &kVrfs,        &kVersion,      &kStatus};
+    &kChanges,    &kMissedChanges, &kNotes,          &kVrfs,        &kVersion,      &kStatus,   &kFailures};
 
 }  // namespace output
 

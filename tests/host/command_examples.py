@@ -19,7 +19,7 @@ EXAMPLE = HERE.parent.parent / "examples/two-vrfs.conf"
 OPTIONS = ["--clock-scale", "20"]
 
 VOLATILE = [(r"(?m)^\d+\.\d{3} +[\[(].*\n", ""),  # events
-            (r"\d\d:\d\d:\d\d", "TIME"), (r"\b\d+\.\d+(?=\b[^.])", "SECONDS"), (r"0x[0-9a-fx]+", "ADDRESS"),
+            (r"\d{4}-\d\d-\d\dT[\d:.]+Z", "TIME"), (r"\d\d:\d\d:\d\d", "TIME"), (r"\b\d+\.\d+(?=\b[^.])", "SECONDS"), (r"0x[0-9a-fx]+", "ADDRESS"),
             (r'"xid":\d+', '"xid":X'), (r"(?i)((?:join|send) count: )\d+", r"\1N"), (r"(?m)^([a-z]+-[a-z-]+ +)\d+$", r"\1N")]
 
 

@@ -386,18 +386,63 @@ class ProgramsTest(unittest.TestCase):
                      "mvpn mdt route", "mvpn mdt receive", "mvpn mdt send", "mvpn internal state"]:
             with self.subTest(view):
                 document = json.loads(daemon.show(view + " | json"))
-                self.assertNotEqual(document, {})
+                self.assertGreater(len(document), 3)
                 self.assertEqual(schema_faults(document, schema, schema), [])
+                self.assertEqual((document["hostname"], "interrupted" in document), ("pe1", False))
                 xml = subprocess.run(["xmllint", "--noout", "--schema", DOCS / "schema/mvpn-output.xsd", "-"], text=True,
                                      input=daemon.show(view, "--xml"), capture_output=True)
                 self.assertEqual(xml.returncode, 0, xml.stderr)
-        self.assertEqual(json.loads(daemon.show("customer-routes vrf blue", "--json")), {})
         self.assertNotEqual(schema_faults({"clock": [{"seconds": "1"}]}, schema, schema), [])
         route = json.loads(daemon.show("customer-routes", "--json"))["customer-route"][0]
         self.assertEqual((route["source"], route["rate-kbps"], route["bidirectional"], route["outgoing-interface"]),
                          ("192.168.1.5", 0, False, [{"name": "mvpn"}]))
         self.assertEqual(daemon.show("tunnels | include blue | count"), "1\n")
         self.assertEqual(daemon.run("show tunnels | sort").returncode, 2)
+
+    def test_every_answer_is_a_document(self):
+        daemon = self.start_example()
+        schema = json.loads((DOCS / "schema/mvpn-output.schema.json").read_text())
+        sockets = {"daemon": daemon.socket, "nobody": str(self.folder / "nobody")}
+        for line, socket, status, body in [
+            ("show customer-routes vrf blue", "daemon", 0, {"customer-route": []}),
+            ("show mvpn mdt send vrf red", "daemon", 0, {"vrf": [{"name": "red", "sent-data-mdt": []}]}),
+            ("show mvpn mdt bgp 10.9.9.9", "daemon", 0, {"mdt-safi-entry": []}),
+            ("show forwarding", "daemon", 0, {"forwarder": []}),
+            ("configure vrf red mdt mtu 1300", "daemon", 0, {}),
+            ("show mvpn mdt vrf green", "daemon", 1, "there is no VRF green"),
+            ("show tunnels backwards", "daemon", 2, "'backwards' is one word too many"),
+            ("configure vrf red mdt default 239.9.9.9", "daemon", 1,
+             "Cannot change the default mdt group address. Must deconfigure first"),
+            ("show clock", "nobody", 3, f"pimhostd cannot be reached at {sockets['nobody']}: No such file or directory"),
+        ]:
+            with self.subTest(line):
+                for words in ([*line.split()], ["session", line]):  # one command, and a line of a session
+                    session = words[0] == "session"
+                    run = subprocess.run([BIN / "pimctl", "--control", sockets[socket], "--json", *([] if session else words)],
+                                         input=line if session else "", text=True, capture_output=True, timeout=LIMIT)
+                    self.assertEqual(run.returncode, status, run.stderr)
+                    document = json.loads(run.stdout)
+                    self.assertEqual(schema_faults(document, schema, schema), [])
+                    header = [document.pop(name) for name in ("schema-version", "hostname", "time")]
+                    self.assertEqual(header[1] == "pe1", socket == "daemon" and not (session and status == 2))
+                    expected = {"error": [{"reason": body, "status": status}]} if status else body
+                    self.assertEqual(document, expected)
+                    self.assertIn(body if status else "", run.stderr)
+
+    def test_an_interrupted_document_is_whole_and_says_so(self):
+        count = 8000
+        daemon = self.start("".join(f"interface i{n}\n  ip address 10.{n // 62500 + 1}.{n // 250 % 250}.{n % 250 + 1}\n"
+                                    for n in range(count)))
+        for line in ("show interfaces", "show interfaces | json"):
+            words = ["--json"] if line.endswith("s") else []
+            with subprocess.Popen([BIN / "pimctl", "--control", daemon.socket, *words, line], stdout=subprocess.PIPE) as listing:
+                begin = listing.stdout.read(1)
+                listing.send_signal(signal.SIGINT)  # the listing is longer than what waits on its way
+                document = json.loads(begin + listing.stdout.read())
+                self.assertEqual(listing.wait(LIMIT), -signal.SIGINT)
+            self.assertEqual(document["interrupted"], True)
+            self.assertIn(len(document["platform-interface"]), range(1, count))
+        self.assertEqual(len(json.loads(daemon.show("interfaces", "--json"))["platform-interface"]), count)
 
     def test_signals_and_a_log_that_nobody_reads_end_nothing(self):
         daemon = self.start("hostname a\n", log=subprocess.PIPE)

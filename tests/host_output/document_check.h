@@ -10,14 +10,31 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "host/output/output.h"
 #include "host/output/schema.h"
 #include "platform/cli_schema.h"
 
 using Json = nlohmann::ordered_json;
+
+// Writers of documents that all have the same header.
+inline std::unique_ptr<output::Writer> json_document(output::ByteSink bytes) {
+  return output::json_writer(std::move(bytes), {"pe1", "2026-01-31T12:00:00.000Z"});
+}
+inline std::unique_ptr<output::Writer> xml_document(output::ByteSink bytes) {
+  return output::xml_writer(std::move(bytes), {"pe1", "2026-01-31T12:00:00.000Z"});
+}
+// What is in a document beside its header.
+inline Json body_of(const std::string &document) {
+  Json body = Json::parse(document);
+  for (const output::Column &column : output::kHeaderColumns) EXPECT_EQ(body.erase(column.name), 1u) << column.name;
+  return body;
+}
 
 struct CommandResult {
   int status = -1;     // as wait() has it; -1: no process
@@ -65,7 +82,7 @@ inline void check_record(const output::SchemaRecord &record, const Json &object,
   size_t known = 0;
   for (const output::SchemaElement &element : output::all_elements()) {
     if (element.record != record.id) continue;
-    if (element.begins) {
+    if (element.always) {
       EXPECT_TRUE(object.contains(element.name)) << path << "/" << element.name;
     }
     if (!object.contains(element.name)) continue;

@@ -1,6 +1,8 @@
 // Document writers and filters: documents are whole whatever the commands record and wherever an operator stops them.
 #include <algorithm>
 #include <iterator>
+#include <regex>
+#include <sstream>
 
 #include "host/output/filters.h"
 #include "host/output/output.h"
@@ -56,6 +58,8 @@ ref::CliValue some_value(const output::SchemaElement &element) {
       return text_value(element.number, "10.0.0.1");
     case CLI_TYPE_SOURCE:
       return text_value(element.number, "*");
+    case output::kTime:
+      return text_value(element.number, "2026-01-31T12:00:00.000Z");
     default:
       return text_value(element.number, "text");
   }
@@ -64,13 +68,15 @@ ref::CliValue some_value(const output::SchemaElement &element) {
 using MakeWriter = std::unique_ptr<output::Writer> (*)(output::ByteSink);
 
 // What a writer makes of values when no more bytes are wanted after the n-th delivery.
-std::string written(MakeWriter make, const std::vector<ref::CliValue> &values, size_t enough_after = SIZE_MAX) {
+std::string written(MakeWriter make, const std::vector<ref::CliValue> &values, size_t enough_after = SIZE_MAX,
+                    const std::vector<cli_record> &promised = {}) {
   std::string bytes;
   size_t deliveries = 0;
   const auto writer = make([&](std::string_view piece) {
     bytes.append(piece);
     return ++deliveries < enough_after;
   });
+  for (const cli_record record : promised) writer->promise(output::record_of(record));
   for (const ref::CliValue &value : values) {
     writer->text("text is for people\n");
     writer->value(value);
@@ -79,23 +85,25 @@ std::string written(MakeWriter make, const std::vector<ref::CliValue> &values, s
   return bytes;
 }
 
-// Every element once, records in the order of the list: the children of a VRF before the other kinds.
+// Every element once but those of the header, records in the order of the list: the children of a VRF before the other
+// kinds.
 std::vector<ref::CliValue> every_element() {
   std::vector<ref::CliValue> values;
-  for (const output::SchemaElement &element : output::all_elements()) values.push_back(some_value(element));
+  for (const output::SchemaElement &element : output::all_elements())
+    if (element.record != CLI_RECORD_DOCUMENT || !element.always) values.push_back(some_value(element));
   return values;
 }
 
 TEST(Documents, AreWholeWhenACommandRecordsNothing) {
-  EXPECT_EQ(Json::parse(written(output::json_writer, {})), Json::object());
-  EXPECT_EQ(written(output::xml_writer, {}), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<mvpn-output/>\n");
-  EXPECT_EQ(xml_faults(written(output::xml_writer, {})), "");
+  EXPECT_EQ(Json::parse(written(json_document, {})),
+            Json({{"schema-version", "1.0"}, {"hostname", "pe1"}, {"time", "2026-01-31T12:00:00.000Z"}}));
+  EXPECT_EQ(xml_faults(written(xml_document, {})), "");
   EXPECT_NE(xml_faults("<other/>"), "") << "the check finds faults";
 }
 
 TEST(Documents, HoldEveryElementOfTheSchema) {
   const std::vector<ref::CliValue> values = every_element();
-  const std::string json = written(output::json_writer, values), xml = written(output::xml_writer, values);
+  const std::string json = written(json_document, values), xml = written(xml_document, values);
   check_json(json);
   EXPECT_EQ(xml_faults(xml), "") << xml;
   for (const output::SchemaElement &element : output::all_elements()) {
@@ -124,8 +132,33 @@ std::vector<ref::CliValue> nested_values() {
   return values;
 }
 
+TEST(Documents, HaveTheEmptyListsThatAViewShows) {
+  const std::vector<cli_record> promised = {CLI_RECORD_VRF, CLI_RECORD_ROUTE, CLI_RECORD_SAFI};
+  const struct {
+    std::vector<ref::CliValue> values;
+    const char *body;
+  } cases[] = {
+      {{}, R"({"vrf": [], "mdt-safi-entry": []})"},
+      {{text_value(CLI_ELEMENT_VRF_NAME, "red"), text_value(CLI_ELEMENT_VRF_NAME, "blue"),
+        text_value(CLI_ELEMENT_ROUTE_SOURCE, "10.0.0.1")},
+       R"({"vrf": [{"name": "red", "mdt-route": []}, {"name": "blue", "mdt-route": [{"source": "10.0.0.1"}]}],
+           "mdt-safi-entry": []})"},
+      {{text_value(CLI_ELEMENT_SAFI_RD, "1:1")}, R"({"mdt-safi-entry": [{"route-distinguisher": "1:1"}], "vrf": []})"},
+  };
+  for (const auto &c : cases) {
+    const std::string json = written(json_document, c.values, SIZE_MAX, promised);
+    check_json(json);
+    EXPECT_EQ(body_of(json), Json::parse(c.body)) << json;
+    EXPECT_EQ(xml_faults(written(xml_document, c.values, SIZE_MAX, promised)), "");
+  }
+  // What had not begun when the listing was cut may have had rows.
+  const Json cut = body_of(written(json_document, cases[1].values, 1, promised));
+  EXPECT_FALSE(cut.contains("mdt-safi-entry")) << cut;
+  EXPECT_EQ(cut["interrupted"], true);
+}
+
 TEST(Documents, NestRecordsUnderTheirParents) {
-  const Json document = Json::parse(written(output::json_writer, nested_values()));
+  const Json document = body_of(written(json_document, nested_values()));
   const Json expected = Json::parse(R"({
     "vrf": [
       {"name": "red",
@@ -141,33 +174,35 @@ TEST(Documents, NestRecordsUnderTheirParents) {
       {"name": "empty"}],
     "mdt-safi-entry": [{"route-distinguisher": "65000:9", "local": false}]})");
   EXPECT_EQ(document, expected) << document.dump(2);
-  EXPECT_EQ(xml_faults(written(output::xml_writer, nested_values())), "");
+  EXPECT_EQ(xml_faults(written(xml_document, nested_values())), "");
 }
 
 // The documents are valid however many deliveries are taken, and bytes stop being made at once.
 TEST(Documents, AreWholeWhereverTheyAreCut) {
   const std::vector<ref::CliValue> values = nested_values();
-  const std::string whole = written(output::json_writer, values);
+  const std::string whole = written(json_document, values);
+  EXPECT_FALSE(Json::parse(whole).contains("interrupted"));
   for (size_t n = 1; n <= 24; n++) {
     SCOPED_TRACE(n);
-    const std::string json = written(output::json_writer, values, n), xml = written(output::xml_writer, values, n);
+    const std::string json = written(json_document, values, n), xml = written(xml_document, values, n);
     check_json(json);
     EXPECT_EQ(xml_faults(xml), "") << xml;
+    EXPECT_EQ(Json::parse(json).contains("interrupted"), body_of(json) != body_of(whole)) << json;
     if (n == 1) {
       EXPECT_LT(json.size(), whole.size() / 2);
-      EXPECT_LT(xml.size(), written(output::xml_writer, values).size() / 2);
+      EXPECT_LT(xml.size(), written(xml_document, values).size() / 2);
     }
   }
   // Values that end after any of them.
   for (size_t n = 0; n <= values.size(); n++) {
     const std::vector<ref::CliValue> first(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(n));
     SCOPED_TRACE(n);
-    check_json(written(output::json_writer, first));
+    check_json(written(json_document, first));
   }
 }
 
 TEST(Documents, AreSentWhileTheyAreMade) {
-  for (const MakeWriter make : {output::json_writer, output::xml_writer}) {
+  for (const MakeWriter make : {json_document, xml_document}) {
     size_t sent = 0, longest = 0;
     const auto writer = make([&](std::string_view piece) {
       sent += piece.size();
@@ -224,12 +259,12 @@ TEST(Documents, ConvertValuesToTheTypeOfTheirElement) {
       for (const output::SchemaElement &other : output::all_elements())
         if (other.record == element->record && other.begins) values.push_back(some_value(other));
     values.push_back(c.value);
-    const std::string json = written(output::json_writer, values), xml = written(output::xml_writer, values);
+    const std::string json = written(json_document, values), xml = written(xml_document, values);
     EXPECT_EQ(xml_faults(xml), "") << xml;
     if (c.json == nullptr) {
       values.pop_back();
-      EXPECT_EQ(json, written(output::json_writer, values));
-      EXPECT_EQ(xml, written(output::xml_writer, values));
+      EXPECT_EQ(json, written(json_document, values));
+      EXPECT_EQ(xml, written(xml_document, values));
     } else {
       const Json wanted = Json::parse(c.json);
       const std::string member = std::string("\"") + element->name + "\":";
@@ -300,13 +335,13 @@ TEST(Filters, StopAndPassOn) {
 
   // Values go through filters of text.
   bytes.clear();
-  writer = output::filter_lines(LineFilter::include, "nothing", output::json_writer([&bytes](std::string_view piece) {
+  writer = output::filter_lines(LineFilter::include, "nothing", json_document([&bytes](std::string_view piece) {
                                   bytes.append(piece);
                                   return true;
                                 }));
   writer->value(text_value(CLI_ELEMENT_VRF_NAME, "red"));
   writer->finish();
-  EXPECT_EQ(Json::parse(bytes)["vrf"], Json::parse(R"([{"name": "red"}])"));
+  EXPECT_EQ(body_of(bytes)["vrf"], Json::parse(R"([{"name": "red"}])"));
 }
 
 TEST(Schema, FilesAreWhatTheToolPrints) {
@@ -322,6 +357,30 @@ TEST(Schema, FilesAreWhatTheToolPrints) {
     EXPECT_FALSE(kept.empty());
   }
   EXPECT_NE(run_command(std::string(SCHEMA_TOOL) + " yaml 2>/dev/null").status, 0);
+}
+
+TEST(Schema, TellsAddressesAndTimesFromOtherText) {
+  const std::ifstream file(DOCS_DIR "/schema/mvpn-output.schema.json");
+  std::stringstream text;
+  text << file.rdbuf();
+  const Json types = Json::parse(text.str())["$defs"];
+  const struct {
+    const char *type;
+    std::vector<const char *> right, wrong;
+  } cases[] = {
+      {"address",
+       {"0.0.0.0", "255.255.255.255", "192.0.2.10"},
+       {"256.0.0.1", "1.2.3", "1.2.3.4.5", "01.2.3.4", "*", ""}},
+      {"source", {"*", "10.99.199.249"}, {"**", "10.0.0.300", "any"}},
+      {"time",
+       {"2026-01-31T12:00:00.000Z", "2026-12-01T23:59:60Z"},
+       {"2026-13-01T00:00:00Z", "2026-01-31 12:00:00Z", "2026-01-31T24:00:00Z", "2026-01-31T12:00:00"}},
+  };
+  for (const auto &c : cases) {
+    const std::regex pattern(types[c.type]["pattern"].get<std::string>());
+    for (const char *value : c.right) EXPECT_TRUE(std::regex_search(value, pattern)) << value;
+    for (const char *value : c.wrong) EXPECT_FALSE(std::regex_search(value, pattern)) << value;
+  }
 }
 
 TEST(Schema, NamesAreUniqueWhereTheyStandTogether) {

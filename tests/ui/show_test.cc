@@ -521,10 +521,10 @@ TEST_F(Show, DocumentsOfEveryView) {
         writer->finish();
         return bytes;
       };
-      const std::string json = document(output::json_writer);
+      const std::string json = document(json_document);
       EXPECT_GT(json.size(), 20u) << "something was recorded";
       check_json(json);
-      EXPECT_EQ(xml_faults(document(output::xml_writer)), "");
+      EXPECT_EQ(xml_faults(document(xml_document)), "");
     }
   ref::settle();
 }

@@ -1,0 +1,29 @@
+#include "host/client/answer.h"
+
+#include "host/client/pager.h"
+#include "host/control/pipeline.h"
+#include "host/output/output.h"
+
+namespace host {
+
+Answer::Answer(OutputFormat format, std::string_view line)
+    : format_(read_pipeline(split_pipeline(line)).filters.format.value_or(format)) {}
+
+void Answer::note(FrameType type, std::string_view part) {
+  constexpr size_t kLongestReason = 4096;
+  if (type == FrameType::output) written_ = true;
+  if (type == FrameType::error && reason_.size() < kLongestReason) reason_ += part;
+}
+
+uint32_t Answer::end(uint32_t status, const std::string &reason) {
+  if (status == kStatusDone || written_ || !is_document()) return status;
+  const output::Header header = output::header_now("");
+  const auto writer = format_ == OutputFormat::json ? output::json_writer(write_output, header)
+                                                    : output::xml_writer(write_output, header);
+  const std::string &why = reason.empty() ? reason_ : reason;
+  output::record_failure(*writer, status, why.substr(0, why.find_last_not_of('\n') + 1));
+  writer->finish();
+  return status;
+}
+
+}  // namespace host
