@@ -1,3 +1,6 @@
+// The parts are made in the order in which they refer to each other, and stop in another: links first, so that
+// neighbours hear of it while routes are still there; then the module; the forwarder last, so that it is told what the
+// module gives up on its way. Everything runs on the main thread with the scheduling locks.
 #include "host/daemon/router.h"
 
 #include <utility>

@@ -28,15 +28,16 @@ class Router {
  public:
   struct Options {
     std::optional<double> clock_scale;  // overrides the configuration's
-    std::string capture;
-    bool recovering = false;     // started anew for a router that goes on
-    bool offline = false;        // for a check of the configuration: without links to other PEs
-    EventBus *events = nullptr;  // outlives the router
-    LogLine log;
+    std::string capture;                // file of what the carrier sends and receives; empty: none
+    bool recovering = false;            // started anew for a router that goes on
+    bool offline = false;               // for a check of the configuration: without links to other PEs
+    EventBus *events = nullptr;         // outlives the router
+    LogLine log;                        // never empty
     // Where the metrics are to be had, when that changes; nothing: nowhere.
     std::function<void(const std::optional<EndpointValue> &at)> follow_metrics = {};
   };
 
+  // One in a process, since the platform behind it is. The loop outlives it; the entry points are copied.
   Router(Loop &loop, const LoadedModule &module, Options options);
   Router(const Router &) = delete;
   Router &operator=(const Router &) = delete;
@@ -44,6 +45,8 @@ class Router {
   // Builds what the configuration says, starts the module and replays its commands as a router does after a start.
   // Result: the lines that were refused and are left out. Throws std::runtime_error when the module does not start.
   std::vector<ConfigError> start(Config config) { return transactions_.start(std::move(config)); }
+  // An orderly end: neighbours are told, the module stops, the forwarder gives everything back. Nothing is started
+  // again.
   void stop();
 
   // One command of an operator: the blocks that it enters, then the command (see Match).

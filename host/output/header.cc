@@ -1,3 +1,4 @@
+// The machine's name stands in when no other is configured, so that a document always says where it comes from.
 #include "host/output/header.h"
 
 #include <unistd.h>

@@ -11,8 +11,8 @@ namespace output {
 inline constexpr const char *kSchemaVersion = "1.0";
 
 struct Header {
-  std::string hostname;
-  std::string time;  // RFC 3339, as wall_time() writes it
+  std::string hostname;  // never empty
+  std::string time;      // RFC 3339, as wall_time() writes it
 };
 
 // The header of a document that begins now. hostname: as configured; empty: the machine's.
