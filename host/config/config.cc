@@ -21,12 +21,6 @@ constexpr Header kHeaders[] = {
 
 bool is_named(Mode mode) { return mode == Mode::interface || mode == Mode::vrf; }
 
-// An unnamed block without lines means the same as none.
-// Blocks that say nothing when they are empty.
-bool is_void(const BlockId &id, const Block &block) {
-  return !is_named(id.mode) && id.mode != Mode::forwarding && block.lines().empty();
-}
-
 // ---------------------------------------------------------------------------------------------------------- reading
 
 struct Reader {
@@ -212,6 +206,16 @@ BlockId block_of(const Statement &header) {
   return {*header.enters, name == nullptr ? std::string() : *name};
 }
 
+std::string header_of(const BlockId &id) {
+  for (const Header &header : kHeaders)
+    if (header.mode == id.mode) return std::string(header.text) + (id.name.empty() ? "" : " ") + id.name;
+  return "";
+}
+
+bool is_void(const BlockId &id, const Block &block) {
+  return !is_named(id.mode) && id.mode != Mode::forwarding && block.lines().empty();
+}
+
 Config Config::read(const std::string &text, std::vector<ConfigError> *errors) {
   Reader reader{{}, errors, {}};
   for (size_t at = 0; at < text.size();) {
@@ -326,10 +330,8 @@ std::string Config::print(Passwords passwords) const {
   std::string text;
   for (const auto &[id, block] : blocks_) {
     if (is_void(id, *block)) continue;
-    std::string indent;
-    for (const Header &header : kHeaders)
-      if (header.mode == id.mode)
-        indent = "  ", text += std::string(header.text) + (id.name.empty() ? "" : " ") + id.name + "\n";
+    const std::string header = header_of(id), indent = header.empty() ? "" : "  ";
+    if (!header.empty()) text += header + "\n";
     for (const auto &[place, line] : block->lines())
       text += indent + (line.statement.no ? "no " : "") +
               (passwords == Passwords::shown ? line.statement.text : shown_text(line.statement)) + "\n";

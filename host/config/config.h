@@ -116,6 +116,11 @@ class Config {
 // The block that a header statement opens.
 BlockId block_of(const Statement &header);
 
+// The header that a block has in a file; empty for the lines outside of blocks.
+std::string header_of(const BlockId &id);
+// Blocks that mean the same as none: those without lines that nothing is named by.
+bool is_void(const BlockId &id, const Block &block);
+
 // A line that is in one configuration and not, or not like that, in the other. Null: not there.
 struct LineChange {
   BlockId block;                 // that the line stands in, in both

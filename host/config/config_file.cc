@@ -2,12 +2,19 @@
 // that holds nothing. Called by the daemons at their start and at a reload, and by the checks beside a running one.
 #include "host/config/config_file.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <memory>
+#include <string_view>
 
 namespace host {
 namespace {
@@ -39,18 +46,80 @@ ConfigText read_text(const std::string &path) {
   return {std::move(text), ""};
 }
 
+// Where a path leads.
+std::string resolved(const std::string &path) {
+  const std::unique_ptr<char, decltype(&std::free)> real(realpath(path.c_str(), nullptr), std::free);
+  return real == nullptr ? path : real.get();
+}
+
+// These return 0, or an error number.
+int fill(int file, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = write(file, text.data(), text.size());
+    if (written < 0 && errno != EINTR) return errno;
+    if (written > 0) text.remove_prefix(static_cast<size_t>(written));
+  }
+  return fsync(file) == 0 ? 0 : errno;
+}
+
+// Rights and owner of another file. With an owner or a group that this user cannot give away, nobody but him may read
+// what may hold passwords.
+int make_alike(int file, const std::string &other) {
+  struct stat status {};
+  if (stat(other.c_str(), &status) != 0) return errno == ENOENT ? 0 : errno;
+  const bool same =
+      fchown(file, status.st_uid, status.st_gid) == 0 || fchown(file, static_cast<uid_t>(-1), status.st_gid) == 0;
+  return fchmod(file, status.st_mode & (same ? 0777u : 0700u)) == 0 ? 0 : errno;
+}
+
+// A file under its name with a ~ as well; between: a free name beside it. A former ~ is there until the new one is.
+int keep(const std::string &path, const std::string &between) {
+  if (link(path.c_str(), between.c_str()) != 0) return errno == ENOENT ? 0 : errno;
+  const int error = std::rename(between.c_str(), (path + "~").c_str()) == 0 ? 0 : errno;
+  unlink(between.c_str());  // still there when it failed, and when both are the same file
+  return error;
+}
+
+// So that the new name survives a power failure. Without it the former file does.
+void sync_folder_of(const std::string &path) {
+  const std::string folder = std::filesystem::path(path).parent_path().string();
+  const int file = open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (file < 0) return;
+  fsync(file);
+  close(file);
+}
+
 }  // namespace
 
-ConfigFile read_config_file(const std::string &path) {
-  const ConfigText read = read_text(path);
-  if (!read.reason.empty()) return {{}, {{0, read.reason}}};
+ConfigFile read_config_text(const std::string &text) {
   ConfigFile file;
-  file.config = Config::read(read.text, &file.errors);
+  file.config = Config::read(text, &file.errors);
   for (ConfigError &error : file.config.check()) file.errors.push_back(std::move(error));
   std::stable_sort(file.errors.begin(), file.errors.end(),
                    [](const ConfigError &a, const ConfigError &b) { return a.line < b.line; });
   if (file.errors.empty() && file.config.empty()) file.errors.push_back({0, "the file holds no line of configuration"});
   return file;
+}
+
+ConfigFile read_config_file(const std::string &path) {
+  const ConfigText read = read_text(path);
+  return read.reason.empty() ? read_config_text(read.text) : ConfigFile{{}, {{0, read.reason}}};
+}
+
+std::string write_config_file(const std::string &path, const std::string &text) {
+  const std::string real = resolved(path);
+  std::string made = real + ".XXXXXX";
+  const int file = mkostemp(made.data(), O_CLOEXEC);
+  if (file < 0) return real + " cannot be written: " + std::strerror(errno);
+  int error = fill(file, text);
+  if (error == 0) error = make_alike(file, real);
+  close(file);
+  if (error == 0) error = keep(real, made + "~");
+  if (error == 0 && std::rename(made.c_str(), real.c_str()) != 0) error = errno;
+  if (error == 0) sync_folder_of(real);
+  if (error == 0) return "";
+  unlink(made.c_str());
+  return real + " cannot be written: " + std::strerror(error);
 }
 
 FileStamp stamp_of(const std::string &path) {

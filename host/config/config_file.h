@@ -1,4 +1,4 @@
-// The configuration file: reading it, and how its errors are told.
+// The configuration file: reading and writing it, and how its errors are told.
 //
 // What a file can cost is bounded: a longer one is refused before it is read, one that is wrong throughout is not read
 // to its end, and of its errors the first few are told. A file given by mistake must not fill the log.
@@ -23,8 +23,16 @@ struct ConfigFile {
   std::vector<ConfigError> errors;  // in line order; of line 0 when the file cannot be read
 };
 
+// Reads and checks a file's text.
+ConfigFile read_config_text(const std::string &text);
+
 // Reads and checks a file. One without any line is an error: it is what is left when writing it failed.
 ConfigFile read_config_file(const std::string &path);
+
+// Puts a text in the place of a file, which is kept as FILE~. At every moment there is one of the two under the name,
+// whole; when it fails the former one is. A link stays a link, and rights and owner stay as far as this user may set
+// them. Result: why it cannot be done; empty: done.
+std::string write_config_file(const std::string &path, const std::string &text);
 
 // What tells whether a file has been changed or replaced. All zero for a file that is not there.
 struct FileStamp {

@@ -3,6 +3,9 @@
 #define HOST_DAEMON_OUTCOME_H
 
 #include <string>
+#include <vector>
+
+#include "host/config/config.h"
 
 namespace host {
 
@@ -11,6 +14,13 @@ struct Outcome {
   bool accepted = true;
   std::string text;
 };
+
+// Accepted without errors, else their reasons.
+inline Outcome outcome_of(const std::vector<ConfigError> &errors) {
+  Outcome outcome{errors.empty(), ""};
+  for (const ConfigError &error : errors) outcome.text += error.reason + "\n";
+  return outcome;
+}
 
 }  // namespace host
 

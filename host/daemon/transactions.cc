@@ -14,6 +14,7 @@
 #include <string>
 #include <utility>
 
+#include "host/config/config_edit.h"
 #include "platform/ip.h"
 #include "platform/reference/bgp.h"
 #include "platform/reference/cli.h"
@@ -31,21 +32,6 @@ bool same_numbers(const Block &a, const Block &b) {
   return true;
 }
 
-// Opens and removes the blocks that a command names; the last of them is where the command stands.
-std::optional<std::string> enter_blocks(const std::vector<Statement> &statements, Config *wanted, BlockId *block) {
-  for (const Statement &statement : statements) {
-    if (!statement.enters) break;
-    *block = block_of(statement);
-    if (!statement.no) {
-      wanted->open(*block);
-      continue;
-    }
-    if (wanted->find(*block) == nullptr) return "there is no " + statement.text;
-    wanted->remove(*block);
-  }
-  return std::nullopt;
-}
-
 // The range of a VRF that a new default group lies in; empty: none. The module takes such a group, but refuses the
 // range when both come from a file, where the group is first: the configuration could not be loaded again.
 std::string range_with_default(const Block *vrf, const Statement &command) {
@@ -58,15 +44,6 @@ std::string range_with_default(const Block *vrf, const Statement &command) {
     if (ip_is_addr_in_prefix(address_value(*group), range.address, range.length) != 0) return *prefix;
   }
   return "";
-}
-
-Outcome outcome_of(const std::vector<ConfigError> &errors) {
-  Outcome outcome;
-  for (const ConfigError &error : errors) {
-    outcome.accepted = false;
-    outcome.text += error.reason + "\n";
-  }
-  return outcome;
 }
 
 bool is_route(const LineChange &change, const Line *line) {
