@@ -24,7 +24,7 @@ const volatile sig_atomic_t &InterruptGuard::flag() { return interrupts; }
 
 std::string_view note_of_abandoned(std::string_view line) {
   const Match match = match_line(Mode::exec, read_pipeline(split_pipeline(line)).command, true);
-  if (match.error || is_view(match.statements.front()) || is_endless(line)) return "";
+  if (match.error || only_looks(match.statements.front())) return "";
   return "the line had been sent already and may still be carried out\n";
 }
 

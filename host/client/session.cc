@@ -23,6 +23,9 @@ constexpr const char *kHelp =
     "  show ...              what there is; behind it | include PATTERN, exclude, begin, section, count, json, xml\n"
     "  monitor               changes as they happen, until Ctrl-C\n"
     "  configure             opens the configuration; a block's header opens the block, no LINE takes a line away\n"
+    "  configure exclusive   others wait; lines take effect with commit, or commit confirmed MINUTES; abort drops "
+    "them\n"
+    "  rollback, write       what ran before; what runs becomes the file\n"
     "  exit, end, quit       leave a block, the configuration, the session\n"
     "  do COMMAND            a command that is not of the configuration\n"
     "  terminal length ROWS  rows of a page; 0: no pages. $PAGER, when it is set, shows the pages\n";
@@ -57,19 +60,22 @@ Session::Session(std::string path, OutputFormat format, Paging paging, ControlCl
     : path_(std::move(path)), format_(format), paging_(std::move(paging)), timeout_(timeout), names_(path_) {}
 
 // The daemon closes a connection that is idle for long.
-ControlClient &Session::connected() {
-  if (client_ && !client_->open()) client_.reset();
-  if (!client_) client_ = std::make_unique<ControlClient>(path_, timeout_);
-  return *client_;
+ControlClient &Session::connected(std::unique_ptr<ControlClient> &client) {
+  if (client && !client->open()) client.reset();
+  if (!client) client = std::make_unique<ControlClient>(path_, timeout_);
+  return *client;
 }
 
-// A line whose first word the block does not know belongs to the modes around it, as in a configuration file.
+// A line whose first word the block does not know belongs to the modes around it, as in a configuration file, and one
+// that is no line of the configuration is a command.
 Session::Target Session::target_of(const std::vector<std::string> &words) const {
   if (mode_ == Mode::exec || words.empty()) return {mode_, before_, words};
   if (words.front() == "do") return {Mode::exec, "", {words.begin() + 1, words.end()}};
   const std::string &first = words.front() == "no" && words.size() > 1 ? words[1] : words.front();
   if (mode_ != Mode::global && first != "no" && !is_word_of(mode_, first) && is_word_of(Mode::global, first))
-    return {Mode::global, "configure", words};
+    return {Mode::global, root_, words};
+  if (first == words.front() && !is_word_of(mode_, first) && is_word_of(Mode::exec, first))
+    return {Mode::exec, "", words};
   return {mode_, before_, words};
 }
 
@@ -77,7 +83,15 @@ Session::Target Session::target_of(const std::vector<std::string> &words) const 
 void Session::leave_block() {
   if (mode_ == Mode::exec || mode_ == Mode::global) return;
   mode_ = Mode::global;
-  before_ = "configure";
+  before_ = root_;
+}
+
+// Others wait while this session holds the configuration.
+void Session::leave_configuration() {
+  if (exclusive() && client_ && client_->open()) run("abort");
+  root_ = kConfigure;
+  mode_ = Mode::exec;
+  before_.clear();
 }
 
 // `exit`, `quit` and `end`.
@@ -90,8 +104,7 @@ bool Session::moves(const std::vector<std::string> &words) {
     leave_block();
     return true;
   }
-  mode_ = Mode::exec;
-  before_.clear();
+  leave_configuration();
   return true;
 }
 
@@ -136,16 +149,22 @@ uint32_t Session::run(std::string_view text) {
     print_error(point_out(words, error) + error.reason + "\n");
     return Answer(format_, text).end(kStatusSyntax, error.reason);
   }
-  const Command first = match.statements.front().command;
+  const Statement &statement = match.statements.front();
+  const Command first = statement.command;
   uint32_t status = kStatusDone;
   if (first != Command::configure || match.statements.size() > 1) {
     std::vector<std::string> command = target.words;
     command.insert(command.end(), words.begin() + static_cast<std::ptrdiff_t>(line.command.size()), words.end());
-    status = send(target.before + (target.before.empty() ? "" : " ") + join_words(command),
+    status = send(target.before + (target.before.empty() ? "" : " ") + join_words(command), statement,
                   !line.filters.no_more && first != Command::monitor);
-    if (first == Command::configure || target.mode != Mode::exec) names_.forget();
+    if (!only_looks(statement)) names_.forget();
   }
-  if (status == kStatusDone) enter(target, match);
+  if (status != kStatusDone) return status;
+  enter(target, match);
+  if (first == Command::abort && exclusive()) {
+    root_ = kConfigure;
+    moves({"end"});
+  }
   return status;
 }
 
@@ -160,19 +179,24 @@ void Session::enter(const Target &target, const Match &match) {
   const Statement &last = match.statements.back();
   if (!last.enters || last.no) return;
   std::string before = target.before;
-  for (const Statement &statement : match.statements) before += (before.empty() ? "" : " ") + statement.text;
+  for (const Statement &statement : match.statements) {
+    before += (before.empty() ? "" : " ") + statement.text;
+    if (statement.command == Command::configure || statement.command == Command::configure_exclusive) root_ = before;
+  }
   mode_ = *last.enters;
   before_ = std::move(before);
 }
 
-uint32_t Session::send(std::string_view line, bool paging) {
+uint32_t Session::send(std::string_view line, const Statement &first, bool paging) {
+  std::unique_ptr<ControlClient> &client = only_looks(first) ? connection_for_looking() : client_;
   const InterruptGuard guard;
   Pager pager(paging ? paging_ : Paging(), InterruptGuard::flag());
   Answer answer(format_, line);
   bool quit = false;
   try {
-    connected().complete_when(answer.is_document() ? InterruptGuard::interrupted : nullptr);
-    const uint32_t status = connected().execute(format_, line, [&](FrameType type, std::string_view part) {
+    ControlClient &daemon = connected(client);
+    daemon.complete_when(answer.is_document() ? InterruptGuard::interrupted : nullptr);
+    const uint32_t status = daemon.execute(format_, line, [&](FrameType type, std::string_view part) {
       answer.note(type, part);
       if (type == FrameType::error)
         print_error(part);
@@ -180,10 +204,10 @@ uint32_t Session::send(std::string_view line, bool paging) {
         quit = !pager.show(part);
       return !quit && (answer.is_document() || !InterruptGuard::interrupted());
     });
-    if (quit || InterruptGuard::interrupted()) client_.reset();
+    if (quit || InterruptGuard::interrupted()) client.reset();
     return write_error() == 0 ? answer.end(status) : kStatusFailed;
   } catch (const std::runtime_error &error) {
-    client_.reset();
+    client.reset();
     if (!InterruptGuard::interrupted()) return answer.end(tell_lost(error, line), error.what());
     print_error(note_of_abandoned(line));
     return kStatusFailed;
@@ -193,9 +217,9 @@ uint32_t Session::send(std::string_view line, bool paging) {
 void Session::read_hostname() {
   std::string answer;
   try {
-    answer = connected().text_of("show running-config | include hostname");
+    answer = connected(connection_for_looking()).text_of("show running-config | include hostname");
   } catch (const std::runtime_error &) {
-    client_.reset();  // the next command says why
+    connection_for_looking().reset();  // the next command says why
   }
   const std::vector<std::string> words = split_words(answer.substr(0, answer.find('\n')));
   hostname_ = words.size() == 2 && words.front() == "hostname" ? words.back() : "pimhostd";
@@ -229,6 +253,9 @@ std::vector<Candidate> Session::next(const std::vector<std::string> &words) {
       all.push_back({"no", "Undoes a line", true});
       all.push_back({"do", "Runs a command that is not of the configuration", true});
       all.push_back({"end", "Leaves the configuration", true});
+      for (const char *word : {"commit", "rollback", "abort", "write", "show"})
+        for (const Candidate &command : candidates(Mode::exec, {}))
+          if (command.text == word) all.push_back(command);
     }
     all.push_back({"help", "How a session is used", true});
     all.push_back({"terminal", "length ROWS: rows of a page, 0 for none", true});

@@ -1,7 +1,7 @@
 // A client's session: the mode that lines are read in, and their execution by the daemon.
 //
-// The daemon keeps no session. A line of a configuration mode goes to it as one command that begins with the headers of
-// the blocks that the session has entered.
+// The daemon keeps no session, only which connection holds the configuration. A line of a configuration mode goes to it
+// as one command that begins with the headers of the blocks that the session has entered.
 #ifndef HOST_SESSION_H
 #define HOST_SESSION_H
 
@@ -47,12 +47,15 @@ class Session {
     std::string before;              // what the daemon gets in front of the line
     std::vector<std::string> words;  // the line
   };
-  ControlClient &connected();
+  bool exclusive() const { return root_ != kConfigure; }
+  std::unique_ptr<ControlClient> &connection_for_looking() { return exclusive() ? looking_ : client_; }
+  ControlClient &connected(std::unique_ptr<ControlClient> &client);
   Target target_of(const std::vector<std::string> &words) const;
   void leave_block();
+  void leave_configuration();
   std::optional<uint32_t> run_here(const std::vector<std::string> &words);
   bool moves(const std::vector<std::string> &words);
-  uint32_t send(std::string_view line, bool paging);
+  uint32_t send(std::string_view line, const Statement &first, bool paging);
   void enter(const Target &target, const Match &match);
   void read_hostname();
   void add_names(std::vector<Candidate> *all);
@@ -61,10 +64,13 @@ class Session {
   OutputFormat format_;
   Paging paging_;
   ControlClient::Timeout timeout_;
-  std::unique_ptr<ControlClient> client_;
+  // A listing that is quit takes its connection with it, and with that what a session holds exclusively.
+  std::unique_ptr<ControlClient> client_, looking_;
   KnownNames names_;
   Mode mode_ = Mode::exec;
-  std::string before_;  // headers of the modes that the session is in
+  static constexpr const char *kConfigure = "configure";
+  std::string root_ = kConfigure;  // what opened the configuration; its lines begin with it
+  std::string before_;             // headers of the modes that the session is in
   std::string hostname_;
   bool ended_ = false;
 };

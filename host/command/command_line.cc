@@ -43,7 +43,8 @@ CommandLine read_command_line(const ControlServer::Request &request, const std::
                    "",
                    "",
                    request.by,
-                   hostname};
+                   hostname,
+                   request.client};
   const std::optional<SyntaxError> &error = read.match.error ? read.match.error : line.error;
   if (error) {
     read.error = error->reason + "\n";

@@ -21,6 +21,7 @@ struct CommandLine {
   std::string mark;                          // in front of it in text: where in the line it is
   std::string by;                            // who asks
   std::string hostname;                      // of documents; empty: the machine's
+  std::weak_ptr<ControlServer::Client> client;
 };
 // A socket that is for looking takes views and `monitor`, and shows no passwords.
 CommandLine read_command_line(const ControlServer::Request &request, const std::string &hostname);

@@ -80,7 +80,7 @@ void ControlClient::read(void *bytes, size_t size, Timeout timeout) {
 
 uint32_t ControlClient::execute(OutputFormat format, std::string_view line, const Take &take) {
   if (line.size() > kMaxRequest) throw std::runtime_error("the command line is too long");
-  const Timeout timeout = is_endless(line) ? Timeout(0) : timeout_;
+  const Timeout timeout = may_take_long(line) ? Timeout(0) : timeout_;
   try {
     asio::write(socket_, asio::buffer(encode_request(format, line)));
     std::string body;

@@ -35,8 +35,8 @@ class ControlClient {
   bool open() const;
 
   // Runs a command line; its exit status. Throws std::runtime_error when the connection is lost or a signal ends the
-  // waiting, NoAnswer when nothing comes in time.
-  // `monitor` may be silent for as long as nothing changes.
+  // waiting, NoAnswer when nothing comes in time. Commands that may take long (see pipeline.h) are waited for as long
+  // as they take.
   uint32_t execute(OutputFormat format, std::string_view line, const Take &take);
 
   // How execute() learns that the operator has interrupted it: the command is then told to stop, and what completes its

@@ -69,7 +69,7 @@ class ControlConnection : public std::enable_shared_from_this<ControlConnection>
   void refuse(const std::string &reason);
   void close();
 
-  bool idle() const { return !channel_ && !waiting_; }
+  bool idle() const { return !channel_ && !waiting_ && client_ && !client_->stays; }
   steady_clock::time_point idle_since() const { return idle_since_; }
 
  private:
@@ -86,6 +86,7 @@ class ControlConnection : public std::enable_shared_from_this<ControlConnection>
   stream_protocol::socket socket_;
   asio::steady_timer timer_;  // while a request is awaited or read
   const std::string by_;      // who is at the other end
+  std::shared_ptr<ControlServer::Client> client_ = std::make_shared<ControlServer::Client>();  // null when closed
   steady_clock::time_point idle_since_ = steady_clock::now();
   std::array<uint8_t, kFrameHeaderSize> header_{};
   std::string body_;
@@ -136,7 +137,8 @@ void ControlConnection::read_body(size_t size) {
 
 void ControlConnection::take_request() {
   timer_.cancel();
-  waiting_ = ControlServer::Request{static_cast<OutputFormat>(body_.front()), body_.substr(1), by_, server_.read_only_};
+  waiting_ = ControlServer::Request{static_cast<OutputFormat>(body_.front()), body_.substr(1), by_, server_.read_only_,
+                                    client_};
   if (!channel_) start();
 }
 
@@ -195,6 +197,7 @@ void ControlConnection::refuse(const std::string &reason) {
 void ControlConnection::close() {
   if (closed_) return;
   closed_ = true;
+  client_.reset();
   if (channel_) channel_->abandon();
   timer_.cancel();
   error_code ignored;

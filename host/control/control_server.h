@@ -30,11 +30,16 @@ struct SocketFile {
 
 class ControlServer {
  public:
+  // A connected client, from one request to the next; it ends with the connection.
+  struct Client {
+    bool stays = false;  // has something that it must not lose by saying nothing for long
+  };
   struct Request {
     OutputFormat format = OutputFormat::text;  // of the output, unless a filter names another
     std::string line;                          // as the client sent it, at most kMaxRequest bytes; not checked
     std::string by;                            // who asks: "root, process 4711"
     bool read_only = false;                    // over a socket that is for looking only
+    std::weak_ptr<Client> client = {};         // for who keeps something for it
   };
   // Runs a command; ends the channel when it is done, now or later, from any thread.
   using Execute = std::function<void(const Request &request, const std::shared_ptr<OutputChannel> &channel)>;

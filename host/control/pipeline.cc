@@ -154,13 +154,28 @@ std::string point_out(const Words &words, const SyntaxError &error) {
   return line + "\n" + mark + "\n";
 }
 
-bool is_endless(std::string_view line) {
+namespace {
+
+Command command_of(std::string_view line) {
   const Match match = match_line(Mode::exec, read_pipeline(split_pipeline(line)).command, true);
-  return !match.error && match.statements.front().command == Command::monitor;
+  return match.error ? Command::none : match.statements.front().command;
+}
+
+}  // namespace
+
+bool is_endless(std::string_view line) { return command_of(line) == Command::monitor; }
+
+bool may_take_long(std::string_view line) {
+  const Command command = command_of(line);
+  return command == Command::monitor || command == Command::reload || command == Command::check;
 }
 
 bool is_view(const Statement &statement) {
   return statement.command >= Command::show_module && statement.command <= Command::show_clock;
+}
+
+bool only_looks(const Statement &statement) {
+  return is_view(statement) || statement.command == Command::monitor || statement.command == Command::check;
 }
 
 }  // namespace host

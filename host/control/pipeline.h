@@ -44,8 +44,13 @@ std::string point_out(const std::vector<std::string> &words, const SyntaxError &
 // Whether a command line is one that goes on until the client ends it.
 bool is_endless(std::string_view line);
 
+// Whether nothing may come for long in answer to a command line: changes to tell, a file to try.
+bool may_take_long(std::string_view line);
+
 // Only the output of views can be filtered.
 bool is_view(const Statement &statement);
+// Views, `monitor`, `check`: what changes nothing.
+bool only_looks(const Statement &statement);
 
 }  // namespace host
 

@@ -59,12 +59,13 @@ std::vector<ConfigError> try_config(const std::string &module, Config config) {
   return refused;
 }
 
-ConfigCheck::ConfigCheck(boost::asio::io_context &io, const std::string &file, const std::string &module, Done done)
+ConfigCheck::ConfigCheck(boost::asio::io_context &io, const std::string &file, const std::string &module, bool strict,
+                         Done done)
     : output_(io), timer_(io), done_(std::move(done)) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error(std::strerror(errno));
   output_.assign(ends[0]);
-  const int error = start(file, module, ends[1]);
+  const int error = start(file, module, strict, ends[1]);
   close(ends[1]);
   if (error != 0) throw std::runtime_error(std::strerror(error));
   read();
@@ -78,8 +79,9 @@ ConfigCheck::~ConfigCheck() {
 }
 
 // 0, or an error number.
-int ConfigCheck::start(const std::string &file, const std::string &module, int output) {
-  std::string arguments[] = {"pimhostd", "--check-config", "--config", file, "--module", module};
+int ConfigCheck::start(const std::string &file, const std::string &module, bool strict, int output) {
+  std::vector<std::string> arguments = {"pimhostd", "--check-config", "--config", file, "--module", module};
+  if (strict) arguments.emplace_back("--strict");
   std::vector<char *> pointers;
   for (std::string &argument : arguments) pointers.push_back(argument.data());
   pointers.push_back(nullptr);
@@ -130,13 +132,12 @@ void ConfigCheck::finish() {
 
 ConfigCheck::Result ConfigCheck::result(int status) const {
   Result result{WIFEXITED(status) && WEXITSTATUS(status) == 0, {}};
-  if (result.passed) return result;
   std::istringstream lines(text_);
   for (std::string line; std::getline(lines, line);)
     result.problems.push_back(line.starts_with(kOwnPrefix) ? line.substr(kOwnPrefix.size()) : line);
   if (timed_out_)
     result.problems.push_back("the check did not end within " + std::to_string(kTimeLimit.count()) + " s");
-  else if (result.problems.empty())
+  else if (result.problems.empty() && !result.passed)
     result.problems.push_back("the check ended without a word");
   return result;
 }

@@ -27,19 +27,21 @@ class ConfigCheck {
  public:
   struct Result {
     bool passed = false;                // the file may be loaded
-    std::vector<std::string> problems;  // lines for people; empty when it passed
+    std::vector<std::string> problems;  // lines for people; when it passed: warnings
   };
   using Done = std::function<void(Result)>;
 
   // Starts the process; done is called from the event loop and may destroy the check. Throws std::runtime_error.
-  ConfigCheck(boost::asio::io_context &io, const std::string &file, const std::string &module, Done done);
+  // strict: warnings are errors.
+  ConfigCheck(boost::asio::io_context &io, const std::string &file, const std::string &module, bool strict, Done done);
   // Ends the process when it still runs; done is not called then.
   ~ConfigCheck();
+  bool ended() const { return process_ < 0; }
   ConfigCheck(const ConfigCheck &) = delete;
   ConfigCheck &operator=(const ConfigCheck &) = delete;
 
  private:
-  int start(const std::string &file, const std::string &module, int output);
+  int start(const std::string &file, const std::string &module, bool strict, int output);
   void read();
   void limit();
   void finish();

@@ -16,6 +16,7 @@
 #include <thread>
 #include <utility>
 
+#include "host/config/config_warnings.h"
 #include "host/daemon/metrics.h"
 #include "host/daemon/notifications.h"
 #include "platform/reference/diag.h"
@@ -38,6 +39,9 @@ void make_folder(const std::string &path) {
 }
 
 constexpr std::chrono::seconds kFarewell{2};  // so long neighbours and clients may take to read their last words
+constexpr size_t kMaxChecks = 4;              // at a time; each is a process
+const std::string kNotChecked = "the configuration cannot be checked: ";
+const std::string kUnchanged = "the configuration stays as it is";
 
 }  // namespace
 
@@ -65,12 +69,19 @@ Daemon::Daemon(DaemonOptions options, Config config)
   router_.emplace(loop_, module, std::move(router_options));
   watcher_.emplace(*router_, events_);
   process_.emplace(Process{events_, log_, *watcher_, options_.module, !options_.store.empty(), loop_});
+  process_->reload = [this](const std::string &by, Process::Done done) { reload(by, std::move(done)); };
+  process_->check = [this](bool strict, const Process::Done &done) { check(strict, done); };
   engine_.emplace(*router_, *process_);
   if (options_.debug) engine_->debug("", true);
   open_sockets();
   if (!options_.agentx.empty()) start_agent();
+  for (const std::string &line : described(options_.config_file, config_warnings(config)))
+    log_.write(Level::warning, line);
   for (const std::string &line : described(options_.config_file, router_->start(std::move(config))))
     log_.write(Level::error, line);
+  const auto log = [this](Level level, const std::string &text) { log_.write(level, text); };
+  work_.emplace(loop_, *router_, events_, log, options_.config_file);
+  process_->work = &*work_;
   loop_.set_turn_end([this] { settle(); });
   watch_signals();
   log_.write(Level::notice, "serving on " + options_.control.path);
@@ -171,26 +182,29 @@ void Daemon::watch_signals() {
   signals_.async_wait([this](const boost::system::error_code &error, int number) {
     if (error) return;
     if (number != SIGHUP) return stop();
-    reload();
+    reload("SIGHUP", nullptr);
     watch_signals();
   });
 }
 
 // A file with an error changes nothing. It is read and tried in another process, which takes its time while this one
 // goes on, however long the file is and whatever is wrong in it.
-void Daemon::reload() {
-  if (check_) {
+void Daemon::reload(const std::string &by, Process::Done done) {
+  reloads_.push_back({by, std::move(done)});
+  if (check_)
     reload_again_ = true;
-    return;
-  }
+  else
+    check_for_reload();
+}
+
+void Daemon::check_for_reload() {
   service::notify_reloading();
   try {
-    check_ = std::make_unique<ConfigCheck>(loop_.io(), options_.config_file, options_.module,
+    check_ = std::make_unique<ConfigCheck>(loop_.io(), options_.config_file, options_.module, false,
                                            [this, stamp = stamp_of(options_.config_file)](
                                                const ConfigCheck::Result &result) { finish_reload(stamp, result); });
   } catch (const std::runtime_error &error) {
-    end_reload({std::string("the configuration cannot be checked: ") + error.what()},
-               "the configuration stays as it is");
+    end_reload({kNotChecked + error.what()}, {}, kUnchanged);
   }
 }
 
@@ -199,21 +213,50 @@ void Daemon::finish_reload(const FileStamp &checked, const ConfigCheck::Result &
   ConfigFile file;
   if (check.passed) file = read_config_file(options_.config_file);
   // What was checked must be what was read.
-  if (std::exchange(reload_again_, false) || stamp_of(options_.config_file) != checked) return reload();
-  if (!check.passed) return end_reload(check.problems, "the configuration stays as it is");
-  std::vector<std::string> messages = described(options_.config_file, file.errors);
-  if (messages.empty()) {
-    Loop::Turn turn(loop_);
-    events_.set_cause("SIGHUP");
-    messages = described(options_.config_file, router_->replace(std::move(file.config)));
-  }
-  end_reload(messages, messages.empty() ? "the configuration was read again" : "the former configuration is restored");
+  if (std::exchange(reload_again_, false) || stamp_of(options_.config_file) != checked) return check_for_reload();
+  if (!check.passed) return end_reload(check.problems, {}, kUnchanged);
+  if (!file.errors.empty()) return end_reload(described(options_.config_file, file.errors), {}, kUnchanged);
+  Loop::Turn turn(loop_);
+  if (const std::string reason = work_->why_not_loaded(); !reason.empty()) return end_reload({reason}, {}, kUnchanged);
+  const std::string by = reloads_.front().by;
+  events_.set_cause(by);
+  const ConfigWork::Loaded loaded = work_->load(std::move(file.config), by);
+  if (!loaded.errors.empty())
+    return end_reload(described(options_.config_file, loaded.errors), {}, "the former configuration is restored");
+  std::vector<std::string> warnings = check.problems;
+  for (const std::string &line : loaded.lost) warnings.push_back("was entered and is not in the file: " + line);
+  end_reload({}, warnings, "the configuration was read again");
 }
 
-void Daemon::end_reload(const std::vector<std::string> &messages, const std::string &outcome) {
-  for (const std::string &message : messages) log_.write(Level::error, message);
-  log_.write(messages.empty() ? Level::notice : Level::error, outcome);
+void Daemon::end_reload(const std::vector<std::string> &errors, const std::vector<std::string> &warnings,
+                        const std::string &outcome) {
+  std::string text;
+  const auto tell = [&](Level level, const std::string &line) {
+    log_.write(level, line);
+    text += line + "\n";
+  };
+  for (const std::string &error : errors) tell(Level::error, error);
+  for (const std::string &warning : warnings) tell(Level::warning, warning);
+  tell(errors.empty() ? Level::notice : Level::error, outcome);
   service::notify("READY=1");
+  for (const Reload &reload : std::exchange(reloads_, {}))
+    if (reload.done) reload.done(errors.empty(), text);
+}
+
+void Daemon::check(bool strict, const Process::Done &done) {
+  std::erase_if(checks_, [](const auto &other) { return other->ended(); });
+  if (checks_.size() >= kMaxChecks) return done(false, "other checks are running; try again later\n");
+  try {
+    checks_.push_back(std::make_unique<ConfigCheck>(loop_.io(), options_.config_file, options_.module, strict,
+                                                    [done](const ConfigCheck::Result &result) {
+                                                      std::string text;
+                                                      for (const std::string &line : result.problems)
+                                                        text += line + "\n";
+                                                      done(result.passed, text);
+                                                    }));
+  } catch (const std::runtime_error &error) {
+    done(false, kNotChecked + error.what() + "\n");
+  }
 }
 
 void Daemon::end_views() {
@@ -232,6 +275,7 @@ void Daemon::stop() {
   service::notify("STOPPING=1");
   log_.write(Level::notice, "stopping");
   check_.reset();
+  checks_.clear();
   told_ = {};
   agentx_.reset();
   metrics_.reset();

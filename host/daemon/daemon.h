@@ -8,11 +8,13 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/config/config_file.h"
 #include "host/control/control_server.h"
 #include "host/control/watchdog.h"
 #include "host/daemon/config_check.h"
+#include "host/daemon/config_work.h"
 #include "host/daemon/engine.h"
 #include "host/daemon/loop.h"
 #include "host/daemon/router.h"
@@ -52,9 +54,12 @@ class Daemon {
   void check_capture() const;
   void follow_metrics(const std::optional<EndpointValue> &at);
   void watch_signals();
-  void reload();
+  void reload(const std::string &by, Process::Done done);
+  void check_for_reload();
+  void check(bool strict, const Process::Done &done);
   void finish_reload(const FileStamp &checked, const ConfigCheck::Result &check);
-  void end_reload(const std::vector<std::string> &messages, const std::string &outcome);
+  void end_reload(const std::vector<std::string> &errors, const std::vector<std::string> &warnings,
+                  const std::string &outcome);
   void stop();
   void end_when_delivered(std::chrono::steady_clock::time_point limit);
   void end_views();
@@ -70,6 +75,7 @@ class Daemon {
   ChangeLog change_log_;
   std::optional<Router> router_;
   std::optional<Watcher> watcher_;
+  std::optional<ConfigWork> work_;
   std::optional<Process> process_;
   std::optional<Engine> engine_;
   std::optional<ControlServer> control_, looking_;
@@ -81,6 +87,12 @@ class Daemon {
   std::optional<Watchdog> watchdog_;
   std::unique_ptr<ConfigCheck> check_;  // while a reload waits for it
   bool reload_again_ = false;           // asked for meanwhile
+  struct Reload {
+    std::string by;
+    Process::Done done;
+  };
+  std::vector<Reload> reloads_;                       // that were asked for and have not ended
+  std::vector<std::unique_ptr<ConfigCheck>> checks_;  // that operators asked for
 };
 
 }  // namespace host

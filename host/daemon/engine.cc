@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "host/daemon/config_commands.h"
 #include "host/daemon/metrics.h"
 #include "host/daemon/module_view.h"
 #include "platform/reference/bgp.h"
@@ -166,7 +167,9 @@ void Engine::run(const CommandLine &line, const std::shared_ptr<OutputChannel> &
     return channel->end(kStatusDone);
   }
   process_.events.set_cause(line.by);  // until the turn ends
-  const Outcome outcome = operate(line.match.statements);
+  if (first.command == Command::reload || first.command == Command::check)
+    return try_config_file(line, process_, channel);
+  const Outcome outcome = operate(line);
   if (!outcome.accepted) return refuse(line, kStatusFailed, outcome.text, *channel);
   process_.events.publish({.what = CommandChange{line_of(line.match.statements)}});
   finish(line, outcome.text, *channel);
@@ -238,12 +241,16 @@ void Engine::show_module(const ViewRun &run) {
 
 // ------------------------------------------------------------------------------------------------- other commands
 
-Outcome Engine::operate(const std::vector<Statement> &statements) {
-  const Statement &statement = statements.front();
+Outcome Engine::operate(const CommandLine &line) {
+  const Statement &statement = line.match.statements.front();
   switch (statement.command) {
     case Command::configure:
-      if (statements.size() == 1) return {false, "what is to be configured? configure COMMAND\n"};
-      return router_.configure({statements.begin() + 1, statements.end()});
+    case Command::configure_exclusive:
+    case Command::commit:
+    case Command::rollback:
+    case Command::abort:
+    case Command::write:
+      return work_on_config(line, *process_.work);
     case Command::log_level:
       process_.log.set_level(*level_of(statement.arguments.front().name));
       return {};

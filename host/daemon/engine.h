@@ -48,7 +48,7 @@ class Engine {
   static void *view_thread(void *argument);
   void show(const ViewRun &run);
   void show_module(const ViewRun &run);
-  Outcome operate(const std::vector<Statement> &statements);
+  Outcome operate(const CommandLine &line);
   void debug_off();
 
   Router &router_;

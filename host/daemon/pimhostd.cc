@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <iostream>
 
+#include "host/config/config_warnings.h"
 #include "host/daemon/daemon.h"
 #include "host/event/daemon_options.h"
 #include "options/command_line.h"
@@ -42,10 +43,20 @@ int report(const std::string &file, const std::vector<host::ConfigError> &errors
   return errors.empty() ? 0 : kFailed;
 }
 
-int run(host::DaemonOptions options, bool check_only) {
+int check(const host::DaemonOptions &options, host::Config config, bool strict) {
+  std::vector<host::ConfigError> warnings = host::config_warnings(config);
+  std::vector<host::ConfigError> errors = host::try_config(options.module, std::move(config));
+  if (!strict)
+    for (host::ConfigError &warning : warnings) warning.reason = "warning: " + warning.reason;
+  const int status = report(options.config_file, errors);
+  const bool warned = report(options.config_file, warnings) != 0;
+  return strict && warned ? kFailed : status;
+}
+
+int run(host::DaemonOptions options, bool check_only, bool strict) {
   host::ConfigFile file = host::read_config_file(options.config_file);
   if (!file.errors.empty()) return report(options.config_file, file.errors);
-  if (check_only) return report(options.config_file, host::try_config(options.module, std::move(file.config)));
+  if (check_only) return check(options, std::move(file.config), strict);
   host::Daemon daemon(std::move(options), std::move(file.config));
   daemon.run();
   return 0;
@@ -59,12 +70,13 @@ int main(int argc, char **argv) {
   host::DaemonOptions options;
   options.control.path = host::kDefaultControlPath;
   options.module = default_module();
-  bool check_only = false;
+  bool check_only = false, strict = false;
   double clock_scale = 0;
   std::string restart;
   host::LogOptions log;
   app.add("--config", &options.config_file, "configuration file").required();
   app.add_flag("--check-config", &check_only, "try the file with the module and end; exit status 1 when it has errors");
+  app.add_flag("--strict", &strict, "with --check-config: warnings are errors");
   host::add_control_options(app, &options.control, &options.looking);
   const options::Option store =
       app.add("--store", &options.store, "folder of what outlives the process; made when it is missing");
@@ -84,7 +96,7 @@ int main(int argc, char **argv) {
   options.log_to_syslog = log.to_syslog();
   options.log_level = log.least();
   try {
-    return run(std::move(options), check_only);
+    return run(std::move(options), check_only, strict);
   } catch (const std::exception &error) {
     std::cerr << "pimhostd: " << error.what() << '\n';
     return kFailed;

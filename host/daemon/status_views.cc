@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <fstream>
 
+#include "host/daemon/config_work.h"
 #include "host/daemon/readiness.h"
 #include "host/output/wall_time.h"
 #include "platform/im.h"
@@ -109,7 +110,7 @@ void show_status(const ViewInput &input, Listing &listing) {
                router.running().feature_mvpn() ? "on" : "off",
                store_text(process),
                forwarder_text(router.forwarding()),
-               Cell(),
+               process.work->status(),
                uint64_t{vrfs.size()},
                static_cast<uint64_t>(up),
                uint64_t{ref::tunnels().size()},

@@ -7,6 +7,7 @@
 #include <map>
 
 #include "host/bgp/bgp_views.h"
+#include "host/daemon/config_views.h"
 #include "host/daemon/forwarding_views.h"
 #include "host/daemon/status_views.h"
 #include "platform/im.h"
@@ -320,6 +321,9 @@ bool show_view(const ViewInput &input, Listing &listing) {
       {Command::show_events, show_events},
       {Command::show_counters, show_counters},
       {Command::show_running_config, show_running_config},
+      {Command::show_config_diff, show_config_diff},
+      {Command::show_config_candidate, show_config_candidate},
+      {Command::show_config_former, show_config_former},
       {Command::show_clock, show_clock},
   };
   const auto view = views.find(input.statement.command);

@@ -455,6 +455,10 @@ Word show_words() {
           view("counters", "Counters", Command::show_counters),
           view("running-config", "The configuration as a file, without passwords", Command::show_running_config)
               .with({flag("passwords", "With them: a file that loads to the same")}),
+          keyword("configuration", "Work on the configuration")
+              .then({view("diff", "What runs, against the file", Command::show_config_diff),
+                     view("candidate", "The candidate, against what runs", Command::show_config_candidate),
+                     view("former", "What ran before", Command::show_config_former)}),
           view("clock", "The platform's clock", Command::show_clock),
           keyword("metrics", "Metrics, as a monitoring system reads them").runs(Command::show_metrics),
       });
@@ -514,7 +518,29 @@ std::vector<Word> exec_words() {
   };
   return {
       show_words(),
-      keyword("configure", "Changes the configuration").runs(Command::configure).opens(Mode::global),
+      keyword("configure", "Changes the configuration")
+          .runs(Command::configure)
+          .opens(Mode::global)
+          .then({keyword("exclusive", "Changes a candidate, which runs with commit; others wait")
+                     .runs(Command::configure_exclusive)
+                     .opens(Mode::global)}),
+      keyword("commit", "The candidate runs from now on; confirms a former commit")
+          .runs(Command::commit)
+          .with({keyword("confirmed", "What ran before comes back unless another commit comes in time")
+                     .then({number("minutes", "Minutes", 1, 1440)})}),
+      keyword("rollback", "What ran before runs again; the candidate starts anew from what runs")
+          .runs(Command::rollback)
+          .then({number("steps", "Which, 1 is the latest: show configuration former", 1, 10).runs(Command::rollback)}),
+      keyword("abort", "Drops the candidate")
+          .runs(Command::abort)
+          .then({flag("force", "Also somebody else's").runs(Command::abort)}),
+      keyword("write", "Writes what runs to the configuration file")
+          .runs(Command::write)
+          .then({flag("force", "Also over a file that was changed meanwhile").runs(Command::write)}),
+      keyword("reload", "Reads the configuration file again, as SIGHUP does").runs(Command::reload),
+      keyword("check", "Tries the configuration file and changes nothing")
+          .runs(Command::check)
+          .then({flag("strict", "Warnings are errors").runs(Command::check)}),
       keyword("monitor", "Changes of state as they happen, until Ctrl-C")
           .runs(Command::monitor)
           .with({flag("json", "A JSON document in each line")}),

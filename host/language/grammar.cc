@@ -156,7 +156,7 @@ Walk walk(Mode mode, const std::vector<std::string> &words, size_t begin, bool a
     if (found.word == nullptr) {
       const Word *last = deciding_word(result.position);
       // Behind the header of a block the line goes on in the block's mode.
-      if (last != nullptr && last->enters && followers(result.position).empty() && !result.statement.no) break;
+      if (last != nullptr && last->enters && !result.statement.no) break;
       const std::string moved = with_no_moved(result, words, abbreviations);
       result.error = moved.empty() ? SyntaxError{result.at, "'" + printable(words[result.at]) + "' " + found.reason}
                                    : SyntaxError{begin, "'no' stands in front of the block's line: " + moved};
@@ -224,7 +224,7 @@ std::vector<Candidate> candidates(Mode mode, const std::vector<std::string> &wor
     const Walk part = walk(mode, words, at, true);
     if (part.error) return {};
     const Word *last = deciding_word(part.position);
-    const bool enters = last != nullptr && last->enters.has_value() && followers(part.position).empty();
+    const bool enters = last != nullptr && last->enters.has_value();
     if (part.at == words.size()) {
       std::vector<Candidate> all;
       const auto add = [&all](const Word &word) {

@@ -443,11 +443,27 @@ inline constexpr Column kStatusColumns[] = {
 inline constexpr View kStatus = {
     .record = "status", .description = "The program. `show status`", .columns = kStatusColumns, .sheet = true};
 
+inline constexpr Column kConfigDiffColumns[] = {
+    {5410, "text", CLI_TYPE_STRING, "The line, with -, + or a blank in front.", ""}};
+inline constexpr View kConfigDiff = {"configuration-difference",
+                                     "A line that differs. `show configuration diff`, `show configuration candidate`",
+                                     kConfigDiffColumns};
+
+inline constexpr Column kFormerConfigColumns[] = {
+    {5400, "number", CLI_TYPE_NUMBER, "What rollback takes.", "Number", 8},
+    {5401, "until", CLI_TYPE_STRING, "How long it ran: RFC 3339, UTC.", "Until", 26},
+    {5402, "ended-by", CLI_TYPE_STRING, "Commit, rollback, reload, or that nobody confirmed.", "Ended by", 18},
+    {5403, "by", CLI_TYPE_STRING, "Who that was.", "By"},
+};
+inline constexpr View kFormerConfigs = {"former-configuration", "A configuration that ran. `show configuration former`",
+                                        kFormerConfigColumns};
+
 inline constexpr const View *kViews[] = {
-    &kInterfaces, &kTunnels,       &kBgpSpeaker,     &kBgpSessions, &kBgpNeighbors, &kBgp,      &kRoutes,
-    &kEncaps,     &kGroups,        &kCustomers,      &kEvents,      &kErrors,       &kCounters, &kConfig,
-    &kClock,      &kForwarder,     &kForwardingVrfs, &kFlows,       &kMemberships,  &kDrops,    &kForwardingEvents,
-    &kChanges,    &kMissedChanges, &kNotes,          &kVrfs,        &kVersion,      &kStatus,   &kFailures};
+    &kInterfaces,    &kTunnels,       &kBgpSpeaker,     &kBgpSessions, &kBgpNeighbors, &kBgp,      &kRoutes,
+    &kEncaps,        &kGroups,        &kCustomers,      &kEvents,      &kErrors,       &kCounters, &kConfig,
+    &kClock,         &kForwarder,     &kForwardingVrfs, &kFlows,       &kMemberships,  &kDrops,    &kForwardingEvents,
+    &kChanges,       &kMissedChanges, &kNotes,          &kVrfs,        &kVersion,      &kStatus,   &kConfigDiff,
+    &kFormerConfigs, &kFailures};
 
 }  // namespace output
 

@@ -195,6 +195,28 @@ class InteractiveTest(unittest.TestCase):
         terminal.type("show customer-routes | no-more | count\n")
         self.assertGreater(int(terminal.expect("pe1> ").split("\n")[1]), 12000)
 
+    def test_what_is_held_exclusively_outlives_a_listing_that_is_quit(self):
+        daemon = self.start()
+        terminal = self.open(daemon)
+        other = self.open(daemon)
+        terminal.type("configure exclusive\n")
+        terminal.expect("pe1(config-exclusive)# ")
+        terminal.type("vrf blue\nrd 65000:7\nshow events\n")
+        terminal.expect("--More--")
+        terminal.type("q")
+        terminal.expect("pe1(config-exclusive-vrf-blue)# ")
+        other.type("configure hostname pe2\n")
+        other.expect("is held by")
+        terminal.type("commit\n")
+        terminal.expect("pe1(config-exclusive-vrf-blue)# ")
+        self.assertIn("rd 65000:7\n", daemon.show("running-config"))
+        terminal.type("rd 65000:8\nend\n")
+        terminal.expect("what was not committed is dropped")
+        terminal.expect("pe1> ")
+        other.type("configure hostname pe2\n")
+        other.expect("pe2> ")
+        self.assertNotIn("65000:8", daemon.show("running-config"))
+
     def test_an_interrupt_drops_the_line_and_keeps_the_session(self):
         terminal = self.open(self.start())
         for typed in ("show clo", ""):

@@ -4,16 +4,44 @@ import json
 import os
 import re
 import select
+import signal
 import socket
 import struct
 import subprocess
 import unittest
 
 import programs_test
-from programs_test import BIN, DOCS, LIMIT, schema_faults, wait_until
+from programs_test import BIN, DOCS, EXAMPLES, LIMIT, schema_faults, wait_until
 
 TIME = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z"
 OPERATOR = rf"{os.environ.get('USER', 'root')}, process \d+"
+
+
+class Client:
+    """A connection of the control socket, which stays between commands."""
+
+    def __init__(self, test, daemon):
+        self.socket = socket.socket(socket.AF_UNIX)
+        test.stack.callback(self.socket.close)
+        self.socket.settimeout(LIMIT)
+        self.socket.connect(daemon.socket)
+
+    def ask(self, line):
+        """The exit status of a line and all that it prints."""
+        self.socket.sendall(struct.pack(">IB", 2 + len(line), 1) + b"\0" + line.encode())
+        text = ""
+        while True:
+            size, kind = struct.unpack(">IB", self.receive(5))
+            body = self.receive(size - 1)
+            if kind == 4:
+                return int.from_bytes(body, "big"), text
+            text += body.decode()
+
+    def receive(self, size):
+        data = b""
+        while len(data) < size:
+            data += self.socket.recv(size - len(data))
+        return data
 
 
 class OperationsTest(unittest.TestCase):
@@ -158,6 +186,147 @@ class OperationsTest(unittest.TestCase):
         daemon.run("show clock")
         daemon.wait_for_log("notice pimhostd: store: writing, was failing: ")
         self.assertIn("Store: writing\n", daemon.show("status"))
+
+    # ------------------------------------------------------------------------------------- work on a configuration
+
+    def play(self, clients, steps):
+        """Steps are who, the line, the exit status, and a pattern of all that is printed."""
+        for who, line, status, pattern in steps:
+            got, text = clients[who].ask(line)
+            self.assertEqual(got, status, (line, text))
+            self.assertRegex(text, rf"\A{pattern}\Z", line)
+
+    def test_a_candidate_runs_as_a_whole_and_others_wait(self):
+        daemon = self.start_example()
+        clients = {"a": Client(self, daemon), "b": Client(self, daemon)}
+        held = rf"the configuration is held by {OPERATOR}, who works on it with configure exclusive\n"
+        name = "show running-config | include ^hostname"
+        self.play(clients, [
+            ("a", "configure exclusive", 0, "what is entered runs with commit\n"),
+            *[("b", line, 1, held) for line in ("configure hostname x", "configure exclusive", "commit", "rollback", "write",
+                                                "abort")],
+            ("b", "reload", 1, rf"the configuration is held by {OPERATOR}: commit or abort first\n"
+                               "the configuration stays as it is\n"),
+            ("a", "configure exclusive hostname x", 0, ""),
+            ("a", "configure vrf green rd 65000:3", 0, ""),  # a line of one's own goes to the candidate as well
+            ("a", "configure exclusive no vrf grey", 1, "there is no vrf grey\n"),
+            ("a", "configure exclusive vrf red context-id 3", 1, "context id 3 belongs to VRF blue\n"),
+            ("b", "show configuration candidate", 0, r"-hostname pe1\n\+hostname x\n\+vrf green\n\+  rd 65000:3\n"),
+            ("b", name, 0, "hostname pe1\n"),
+            ("a", "commit", 0, ""),
+            ("b", name, 0, "hostname x\n"),
+            # What only the module judges: nothing of it runs, and it can be mended.
+            ("a", "configure exclusive vrf green mdt default 239.1.1.1", 0, ""),
+            ("a", "configure exclusive hostname y", 0, ""),
+            ("a", "commit", 1, "VRF green: mdt default 239.1.1.1: The MDT-default group overlaps with VRF red\n"
+                               "what ran before runs again\n"),
+            ("b", name, 0, "hostname x\n"),
+            ("a", "configure exclusive vrf green mdt default 239.1.1.3", 0, ""),
+            ("a", "commit", 0, ""),
+            ("b", name, 0, "hostname y\n"),
+            ("a", "configure exclusive hostname z", 0, ""),
+            ("a", "rollback", 0, "the candidate is what runs\n"),
+            ("a", "commit", 1, "there is nothing to commit\n"),
+            ("a", "rollback 2", 0, "runs with commit\n"),
+            ("b", name, 0, "hostname y\n"),
+            ("a", "commit", 0, ""),
+            ("b", name, 0, "hostname pe1\n"),
+            ("a", "configure exclusive hostname z", 0, ""),
+            ("b", "abort force", 0, "what was not committed is dropped\n"),
+            ("a", "configure exclusive hostname z", 1, "you do not hold the configuration: .*\n"),
+            ("b", "rollback 4", 1, "there are 3 former configurations\n"),
+            ("b", "rollback", 0, ""),
+            ("b", name, 0, "hostname y\n"),
+            ("a", "configure exclusive", 0, "what is entered runs with commit\n"),
+            ("a", "configure exclusive hostname z", 0, ""),
+        ])
+        # A client that goes away leaves nothing behind.
+        clients["a"].socket.close()
+        wait_until(lambda: clients["b"].ask("configure exclusive")[0] == 0, "the configuration is free")
+        self.play(clients, [("b", "show configuration candidate", 0, ""),
+                            ("b", "show configuration former | count", 0, "5\n")])
+
+    def test_a_commit_that_nobody_confirms_goes_back(self):
+        daemon = self.start("hostname a\n", "--clock-scale", "1000")
+        clients = {"a": Client(self, daemon), "b": Client(self, daemon)}
+        trial = rf"what ran before runs again at {TIME} unless commit comes before\n"
+        self.play(clients, [
+            ("a", "configure exclusive", 0, ".*\n"),
+            ("a", "configure exclusive hostname b", 0, ""),
+            ("a", "commit confirmed 1440", 0, trial),
+            ("a", "write", 1, "a commit waits for its confirmation: commit, or rollback\n"),
+            ("a", "configure exclusive hostname c", 0, ""),
+            ("a", "commit", 0, "confirmed\n"),
+            ("a", "configure exclusive hostname d", 0, ""),
+            ("a", "commit confirmed 1440", 0, trial),
+            ("a", "abort", 0, ""),
+            ("b", "rollback", 0, ""),
+            ("b", "commit", 1, "there is nothing to commit\n"),
+            ("b", "show running-config", 0, "hostname c\n!\n"),
+            # On trial twice: what goes back is both, and what was entered meanwhile.
+            ("b", "configure exclusive", 0, ".*\n"),
+            ("b", "configure exclusive hostname e", 0, ""),
+            ("b", "commit confirmed 1440", 0, trial),
+            ("b", "abort", 0, ""),
+            ("b", "configure vrf green", 0, ""),
+            ("b", "commit confirmed 1", 0, trial),
+        ])
+        daemon.wait_for_log("entered since the commit and taken back with it: vrf green\n")
+        self.assertIn("nobody confirmed the commit: what ran before it runs again\n", daemon.log.read_text())
+        self.assertEqual(daemon.show("running-config"), "hostname c\n!\n")
+        self.assertRegex(daemon.show("configuration former"), rf"1 +{TIME} +not confirmed +commit confirmed\n2 +{TIME} +commit ")
+
+    def test_the_file_is_written_read_again_and_checked(self):
+        daemon = self.start((EXAMPLES / "two-vrfs.conf").read_text() + "  local-as 65000\n  listen 127.0.0.1:17911\n"
+                            "  neighbor 127.0.0.9 remote-as 65000\n  neighbor 127.0.0.9 shutdown\n")
+        client = Client(self, daemon)
+        former = self.config.read_text()
+        self.assertEqual(client.ask("configure bgp neighbor 127.0.0.9 password old")[0], 0)
+        self.assertIn("Configuration: changed since the file was read or written\n", daemon.show("status"))
+        # A file whose former one cannot be kept is not touched.
+        kept = self.folder / "router.conf~"
+        kept.mkdir()
+        self.assertEqual(client.ask("write"), (1, f"{self.config} cannot be written: Is a directory\n"))
+        self.assertEqual(self.config.read_text(), former)
+        kept.rmdir()
+        self.assertEqual(client.ask("write"), (0, f"written to {self.config}; the former file is {kept}\n"))
+        self.assertEqual(self.config.read_text(), daemon.show("running-config passwords"))
+        self.assertEqual(kept.read_text(), former)
+        self.assertEqual(client.ask("show configuration diff"), (0, ""))
+        self.assertIn("Configuration: as in the file\n", daemon.show("status"))
+        # SIGHUP and reload name what they take back.
+        self.assertEqual(client.ask("configure bgp neighbor 127.0.0.9 password new")[0], 0)
+        self.assertEqual(client.ask("configure vrf blue no mdt mtu")[0], 0)
+        daemon.process.send_signal(signal.SIGHUP)
+        daemon.wait_for_log("was read again")
+        for line in ("vrf blue no mdt mtu 1400", "bgp neighbor 127.0.0.9 password <hidden>"):
+            self.assertIn(f"warning pimhostd: was entered and is not in the file: {line}\n", daemon.log.read_text())
+        self.assertEqual(client.ask("configure hostname other")[0], 0)
+        self.assertEqual(client.ask("reload"), (0, "was entered and is not in the file: hostname other\n"
+                                                   "the configuration was read again\n"))
+        # Somebody else's changes of the file are not written over.
+        written = self.config.read_text()
+        self.config.write_text(written + "vrf green\n  rd 65000:1\n")
+        line = written.count("\n") + 2
+        warning = "VRF green: the route distinguisher 65000:1 is that of VRF red, too\n"
+        for command, status, text in [
+            ("write", 1, f"{self.config} was changed after it was read: reload it, or write force\n"),
+            ("check", 0, f"{self.config}:{line}: warning: {warning}"),
+            ("check strict", 1, f"{self.config}:{line}: {warning}"),
+            ("reload", 0, f"{self.config}:{line}: warning: {warning}the configuration was read again\n"),
+        ]:
+            self.assertEqual(client.ask(command), (status, text))
+        self.config.write_text(written + "vrf green\n  bogus\n")
+        for command, behind in [("check", ""), ("reload", "the configuration stays as it is\n")]:
+            status, text = client.ask(command)
+            self.assertEqual((status, text.startswith(f"{self.config}:{line}: 'bogus' is not known here"), text.endswith(behind)),
+                             (1, True, True), text)
+        self.assertEqual(client.ask("write force")[0], 0)
+        self.assertEqual(kept.read_text(), written + "vrf green\n  bogus\n")
+        self.assertEqual(client.ask("show configuration diff"), (0, ""))
+        self.assertEqual(client.ask("check")[0], 0)
+
+    # ------------------------------------------------------------------------------------------------------ monitor
 
     def test_monitor_tells_changes_as_they_happen(self):
         daemon = self.start_example()
