@@ -200,8 +200,12 @@ CHECK(timer, "stamps compare with now, and are zero on the other side of it") {
   zeph_timestamp future = stamp;
   future.seconds += 1000;
   EXPECT(platform.timestamp_expired(&future) == 0);
-  platform.timestamp_elapsed(&future, &result);
-  EXPECT_EQUAL(nanoseconds_of(result), uint64_t{0});
+  zeph_timestamp never{UINT64_MAX, UINT64_MAX};
+  EXPECT(platform.timestamp_expired(&never) == 0);
+  for (const zeph_timestamp *ahead : {&future, &never}) {
+    platform.timestamp_elapsed(ahead, &result);
+    EXPECT_EQUAL(nanoseconds_of(result), uint64_t{0});
+  }
   platform.timestamp_left_sleeping(&stamp, &result);
   EXPECT_EQUAL(nanoseconds_of(result), uint64_t{0});
   platform.timestamp_left_sleeping(&future, &result);
@@ -212,10 +216,13 @@ CHECK(timer, "stamps compare with now, and are zero on the other side of it") {
 }
 
 CHECK(timer, "durations print; debug files get the wall clock's milliseconds") {
-  const zeph_timestamp duration{65, 0};
-  EXPECT_EQUAL(std::string(platform.timestamp_sprint(&duration)), "00:01:05");
-  const zeph_timestamp days{2 * 86400 + 3 * 3600, 0};
-  EXPECT_EQUAL(std::string(platform.timestamp_sprint(&days)), "2d03h");
+  const std::pair<uint64_t, const char *> cases[] = {{0, "00:00:00"},  {65, "00:01:05"},  {86399, "23:59:59"},
+                                                     {86400, "1d00h"}, {183600, "2d03h"}, {604799, "6d23h"},
+                                                     {604800, "1w0d"}, {1300000, "2w1d"}};
+  for (const auto &[seconds, text] : cases) {
+    const zeph_timestamp duration{seconds, 0};
+    EXPECT_EQUAL(std::string(platform.timestamp_sprint(&duration)), text);
+  }
   const auto seconds = static_cast<int64_t>(platform.ksink_get_milli_abstime_now() / 1000);
   const int64_t apart = seconds - time(nullptr);
   EXPECT(apart >= -60 && apart <= 60);
@@ -231,6 +238,7 @@ CHECK(mts, "options belong to an opcode of a queue") {
   EXPECT(platform.mts_options_set(queue, MTS_OPC_MVPN_BGP_RD_NOTIFY, MTS_OPTION_NOTIFY) >= 0);
   EXPECT_EQUAL(platform.mts_options_get(queue, MTS_OPC_MVPN_BGP_RD_NOTIFY), uint32_t{MTS_OPTION_NOTIFY});
   EXPECT_EQUAL(platform.mts_options_get(queue, MTS_OPC_MVPN_BGP_RESERVED), before);
+  EXPECT(platform.mts_options_get(*platform.pim_mrib_mts_q, MTS_OPC_MVPN_BGP_RD_NOTIFY) != MTS_OPTION_NOTIFY);
   EXPECT(platform.mts_options_set(queue, MTS_OPC_MVPN_BGP_RD_NOTIFY, 0) >= 0);
   EXPECT_EQUAL(platform.mts_options_get(queue, MTS_OPC_MVPN_BGP_RD_NOTIFY), 0u);
 }

@@ -167,13 +167,14 @@ struct Outcome {
 };
 
 // Runs the handler with one argument, <x>.
-Outcome command(const char *value, bool no_form, std::function<int(cli_command *)> body) {
+Outcome command(const char *value, bool no_form, std::function<int(cli_command *)> body,
+                const char *name_of_handler = "contract_cmd") {
   handler_body = std::move(body);
   EXPECT(platform.cli_register_cmd("contract_cmd", handler, 0) == 0);
   Outcome outcome;
   const char *const name = "<x>";
   std::array<char, 1000> text{};
-  outcome.found = driver.command("contract_cmd", "red", no_form ? 1 : 0, 1, &name, &value, text.data(), text.size(),
+  outcome.found = driver.command(name_of_handler, "red", no_form ? 1 : 0, 1, &name, &value, text.data(), text.size(),
                                  &outcome.result) != 0;
   outcome.text = text.data();
   return outcome;
@@ -199,6 +200,9 @@ CHECK(cli, "a handler is found by its name, the later one of two, and its result
   EXPECT(outcome.found);
   EXPECT_EQUAL(outcome.result, int{CLI_RESULT_REJECTED});
   EXPECT_EQUAL(outcome.text, "text 7!ab  |   -3\n");
+  EXPECT(!command(
+              "1", false, [](cli_command *) { return 0; }, "unknown_cmd")
+              .found);
 }
 
 CHECK(cli, "an argument is read whole or not at all") {
@@ -212,12 +216,21 @@ CHECK(cli, "an argument is read whole or not at all") {
       {"4294967295", true, false, false, false},
       {"4294967296", false, false, false, false},
       {"-2147483648", false, true, false, false},
+      {"-2147483649", false, false, false, false},
       {"12x", false, false, false, false},
+      {" 12", false, false, false, false},
+      {"", false, false, false, false},
       {"239.1.1.1", false, false, true, false},
       {"239.1.1.256", false, false, false, false},
       {"239.1.1", false, false, false, false},
+      {"239.1.1.1.1", false, false, false, false},
+      {"239.1..1", false, false, false, false},
+      {"0239.1.1.1", false, false, false, false},
       {"239.1.0.0/16", false, false, false, true},
+      {"0.0.0.0/0", false, false, false, true},
       {"239.1.0.0/33", false, false, false, false},
+      {"239.1.0.0/", false, false, false, false},
+      {"239.1.0.0/-1", false, false, false, false},
   };
   for (const Case &c : cases)
     command(c.text, false, [&c](cli_command *command) {

@@ -239,6 +239,7 @@ CHECK(oim, "a list is full before it overflows") {
     std::copy(std::begin(head), std::end(head), tlv);
   }
   EXPECT(platform.oim_if_info_list_add_new_param_tlv(list.data(), size, header, &tlv) == 0);
+  EXPECT(platform.oim_if_info_list_add_new_if(list.data(), size, &header) == 0);
   EXPECT(std::count(list.end() - 64, list.end(), 0xEE) == 64);
 }
 

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <optional>
 #include <random>
 #include <string>
@@ -144,6 +145,7 @@ CHECK(pss, "a walk survives the removal of the record it stands on and of the ne
     const uint8_t number = walk.key[7];
     met.push_back(number);
     const Key next = key_of(16, static_cast<uint8_t>(number + 1));
+    fetch(key_of(16, 49));
     if (number % 3 == 0) platform.ksink_pss_delete(store(), next.data(), PSS_KEY_SIZE);
     const Key current = walk.key;
     if (number % 2 == 0) platform.ksink_pss_delete(store(), current.data(), PSS_KEY_SIZE);
@@ -189,9 +191,12 @@ Bytes encode(const tlvu_table &table) {
   return bytes;
 }
 
-int decode(const tlvu_table &table, const Bytes &bytes, Sample *record) {
-  return platform.tlvu_table_convert_tlv_to_struct(&table, bytes.data(), static_cast<uint32_t>(bytes.size()), record,
-                                                   sizeof *record);
+// From an odd address, in a buffer that ends where the bytes do, so that a sanitizer sees what is read beyond them.
+int decode(const tlvu_table &table, const Bytes &bytes, Sample *record, uint32_t room = sizeof(Sample)) {
+  const auto exact = std::make_unique<uint8_t[]>(bytes.size() + 1);
+  std::copy(bytes.begin(), bytes.end(), exact.get() + 1);
+  return platform.tlvu_table_convert_tlv_to_struct(&table, exact.get() + 1, static_cast<uint32_t>(bytes.size()), record,
+                                                   room);
 }
 
 }  // namespace
@@ -222,17 +227,37 @@ CHECK(tlvu, "unknown fields are skipped, missing ones are an error") {
   EXPECT_EQUAL(decode(older_table, encode(sample_table), &back), int{TLVU_OK});
   EXPECT(back.large == sample.large);
   EXPECT_EQUAL(decode(sample_table, encode(older_table), &back), int{TLVU_ERR_FIELD});
+  const tlvu_field last_fields[] = {sample_fields[3], sample_fields[4]};
+  const tlvu_table last_table = {sizeof(Sample), "sample", last_fields};
+  EXPECT_EQUAL(decode(last_table, encode(sample_table), &back), int{TLVU_OK});
+  EXPECT_EQUAL(back.list[2], sample.list[2]);
 }
 
 CHECK(tlvu, "what is cut off, too large or nothing is an error of its kind") {
   const Bytes bytes = encode(sample_table);
   for (size_t size = 1; size < bytes.size(); size++) {
-    Sample back{};
+    Sample part{};
     const Bytes cut(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
-    const int error = decode(sample_table, cut, &back);
+    const int error = decode(sample_table, cut, &part);
     if (error != TLVU_ERR_TRUNCATED && error != TLVU_ERR_FIELD)
       differs(__FILE__, __LINE__, std::to_string(size) + " bytes of a record give " + std::to_string(error));
   }
+  Sample back{};
+  for (size_t extra = 1; extra < 4; extra++) {  // part of another field
+    Bytes longer = bytes;
+    longer.resize(bytes.size() + extra);
+    EXPECT_EQUAL(decode(sample_table, longer, &back), int{TLVU_ERR_TRUNCATED});
+  }
+  EXPECT_EQUAL(decode(sample_table, bytes, &back, sizeof back - 1), int{TLVU_ERR_SPACE});
+  tlvu_field wide_fields[std::size(sample_fields)];
+  std::copy(std::begin(sample_fields), std::end(sample_fields), wide_fields);
+  wide_fields[1].size = wide_fields[1].element_size = 4;
+  EXPECT_EQUAL(decode(sample_table, encode({sizeof(Sample), "sample", wide_fields}), &back), int{TLVU_ERR_FIELD});
+  const uint8_t *nothing = nullptr;
+  EXPECT_EQUAL(platform.tlvu_table_convert_tlv_to_struct(nullptr, bytes.data(), 1, &back, sizeof back),
+               int{TLVU_ERR_ARGUMENT});
+  EXPECT_EQUAL(platform.tlvu_table_convert_tlv_to_struct(&sample_table, nothing, 1, &back, sizeof back),
+               int{TLVU_ERR_ARGUMENT});
   std::vector<uint8_t> room(bytes.size());
   uint32_t written = 0;
   for (size_t size = 0; size < bytes.size(); size++)

@@ -189,9 +189,10 @@ CHECK(thread, "the locks come back however a thread ends") {
        }},
   };
   for (const auto &[way, body] : ways) {
-    join(start(body));
     bool ran = false;
-    join(start([&ran] { ran = true; }));
+    const pthread_t ends = start(body), waits = start([&ran] { ran = true; });
+    join(ends);
+    join(waits);
     if (!ran) differs(__FILE__, __LINE__, std::string("no thread runs after one that ended so: ") + way);
   }
 }

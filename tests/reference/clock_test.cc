@@ -1,4 +1,4 @@
-// The clock, timers and the main loop.
+// The stepped clock and the main loop. mvpn-contract-test has what a module may rely on of timers.
 #include <functional>
 #include <string>
 
@@ -70,24 +70,6 @@ TEST_F(Clock, WorkThatWasPutOffFiresInTurnWithTimers) {
   EXPECT_EQ(trace_, "dabc");
 }
 
-TEST_F(Clock, StartArmsAnewAndStopDisarms) {
-  const Timer &a = named('a');
-  start(a, 10);
-  ref::advance(9s);
-  start(a, 10);
-  ref::advance(9s);
-  EXPECT_EQ(trace_, "");
-  ref::advance(1s);
-  EXPECT_EQ(trace_, "a");
-  ref::advance(100s);  // one shot
-  start(a, 10);
-  active_timer_stop(a.handle);
-  ref::advance(100s);
-  EXPECT_EQ(trace_, "a");
-  active_timer_stop(nullptr);
-  active_timer_cancel(nullptr);
-}
-
 // An expiry that is due but not delivered is dropped with its timer.
 TEST_F(Clock, CancelDropsAnExpiryThatIsDue) {
   Timer &second = named('2'), &third = named('3');
@@ -102,23 +84,6 @@ TEST_F(Clock, CancelDropsAnExpiryThatIsDue) {
   start(third, 5);
   ref::advance(5s);
   EXPECT_EQ(trace_, "1");
-}
-
-TEST_F(Clock, CallbackMayFreeOrRestartItsTimer) {
-  Timer &freed = timer({}), &restarted = timer({});
-  freed.work = [&] {
-    active_timer_cancel(freed.handle);
-    freed.handle = nullptr;
-    trace_ += 'f';
-  };
-  restarted.work = [&] {
-    trace_ += 'r';
-    start(restarted, 10);
-  };
-  start(freed, 10);
-  start(restarted, 10);
-  ref::advance(30s);
-  EXPECT_EQ(trace_, "frrr");
 }
 
 // What a timer queues is delivered before the clock moves on, and before the next timer of the same time.
@@ -169,36 +134,6 @@ TEST_F(Clock, RealClockRunsAtItsScaleAndDoesNotStep) {
   EXPECT_GE(stopped, before + 1s);
   EXPECT_EQ(ref::now(), stopped);
   EXPECT_EQ(ref::clock_scale(), 0);
-}
-
-TEST_F(Clock, Stamps) {
-  zeph_timestamp now;
-  ASSERT_NE(zeph_sys_mclock_get(&now), -1);
-  const zeph_timestamp past{now.seconds - 5, 0}, future{now.seconds + 5, 250000000}, never{UINT64_MAX, UINT64_MAX};
-  EXPECT_NE(timestamp_expired(&past), 0);
-  EXPECT_NE(timestamp_expired(&now), 0);
-  EXPECT_EQ(timestamp_expired(&future), 0);
-  EXPECT_EQ(timestamp_expired(&never), 0);
-  zeph_timestamp span;
-  timestamp_elapsed(&past, &span);
-  EXPECT_EQ(span.seconds, 5u);
-  timestamp_elapsed(&never, &span);
-  EXPECT_EQ(span.seconds + span.nanoseconds, 0u);
-  timestamp_left_sleeping(&future, &span);
-  EXPECT_EQ(span.seconds, 5u);
-  EXPECT_EQ(span.nanoseconds, 250000000u);
-  timestamp_left_sleeping(&past, &span);
-  EXPECT_EQ(span.seconds + span.nanoseconds, 0u);
-}
-
-TEST_F(Clock, DurationsForPeople) {
-  const std::pair<uint64_t, const char *> cases[] = {{0, "00:00:00"},  {65, "00:01:05"},  {86399, "23:59:59"},
-                                                     {86400, "1d00h"}, {183600, "2d03h"}, {604799, "6d23h"},
-                                                     {604800, "1w0d"}, {1300000, "2w1d"}};
-  for (const auto &[seconds, text] : cases) {
-    const zeph_timestamp duration{seconds, 0};
-    EXPECT_STREQ(timestamp_sprint(&duration), text);
-  }
 }
 
 }  // namespace

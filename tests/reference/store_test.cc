@@ -1,4 +1,4 @@
-// Persistent store, in memory and in a directory.
+// Persistent store, in memory and in a directory. mvpn-contract-test walks it.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -67,21 +67,6 @@ class Store : public RuntimeTest, public ::testing::WithParamInterface<bool> {
   Directory directory_;
 };
 
-struct Walk {
-  bool first(const void *prefix, uint32_t size) {
-    return ksink_pss_get_first(nullptr, &key, prefix, size, &value, &length) != 0;
-  }
-  bool next() { return ksink_pss_get_next(nullptr, &key, &value, &length) != 0; }
-  Key at() const {
-    Key copy;
-    std::memcpy(copy.data(), key, copy.size());
-    return copy;
-  }
-  const void *key = nullptr;
-  const void *value = nullptr;
-  uint32_t length = 0;
-};
-
 TEST_P(Store, AgreesWithAMap) {
   std::mt19937 random(1);
   Model model;
@@ -122,46 +107,6 @@ TEST_P(Store, AgreesWithAMap) {
   ref::pss_flush();
   ASSERT_TRUE(ref::pss_use_directory(directory_.path));
   EXPECT_EQ(stored(), model);
-}
-
-TEST_P(Store, WalkStartsAtThePrefixAndGoesOnPastIt) {
-  for (const uint8_t kind : {15, 16, 17}) put(key_of(kind, 1, 1), {kind});
-  put(key_of(16, 2, 0), {});
-  const uint8_t sixteen[] = {16};
-  Walk walk;
-  ASSERT_TRUE(walk.first(sixteen, 1));
-  EXPECT_EQ(walk.at(), key_of(16, 1, 1));
-  ASSERT_TRUE(walk.next());
-  EXPECT_EQ(walk.at(), key_of(16, 2, 0));
-  EXPECT_EQ(walk.length, 0u);
-  ASSERT_TRUE(walk.next());
-  EXPECT_EQ(walk.at(), key_of(17, 1, 1));
-  EXPECT_FALSE(walk.next());
-
-  const Key absent = key_of(16, 1, 2);  // a whole key, not stored
-  ASSERT_TRUE(walk.first(absent.data(), PSS_KEY_SIZE));
-  EXPECT_EQ(walk.at(), key_of(16, 2, 0));
-  const uint8_t last[] = {18};
-  EXPECT_FALSE(walk.first(last, 1));
-}
-
-TEST_P(Store, WalkSurvivesRemovalsAndLookUps) {
-  for (uint8_t n = 0; n < 20; n++) put(key_of(16, 1, n), {n});
-  const uint8_t sixteen[] = {16};
-  Walk walk;
-  std::vector<int> met;
-  for (bool more = walk.first(sixteen, 1); more; more = walk.next()) {
-    const Key key = walk.at();
-    met.push_back(key[19]);
-    const Key last = key_of(16, 1, 19), next = key_of(16, 1, static_cast<uint8_t>(key[19] + 1));
-    const void *value;
-    uint32_t length;
-    ksink_pss_fetch(nullptr, last.data(), PSS_KEY_SIZE, &value, &length);
-    ksink_pss_delete(nullptr, key.data(), PSS_KEY_SIZE);
-    if (key[19] % 2 == 0 && key[19] < 10) ksink_pss_delete(nullptr, next.data(), PSS_KEY_SIZE);
-  }
-  EXPECT_EQ(met, (std::vector<int>{0, 2, 4, 6, 8, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19}));
-  EXPECT_TRUE(ref::pss_records().empty());
 }
 
 TEST_P(Store, KeysOfAnotherSizeAreRefused) {

@@ -1,4 +1,4 @@
-// Arguments, formats and recorded values of the command-line service.
+// Formats and recorded values of the command-line service. mvpn-contract-test has arguments and handlers.
 #include "platform/cli.h"
 
 #include <functional>
@@ -96,53 +96,6 @@ TEST_F(CliTest, LongTextIsNotCut) {
   EXPECT_EQ(sink.printed, text);
 }
 
-TEST_F(CliTest, ArgumentsAreReadWholeOrNotAtAll) {
-  struct Case {
-    const char *text;
-    bool uinteger, integer, address, prefix;
-  };
-  const Case cases[] = {
-      {"0", true, true, false, false},
-      {"4294967295", true, false, false, false},
-      {"4294967296", false, false, false, false},
-      {"-2147483648", false, true, false, false},
-      {"-2147483649", false, false, false, false},
-      {"12x", false, false, false, false},
-      {" 12", false, false, false, false},
-      {"", false, false, false, false},
-      {"239.1.1.1", false, false, true, false},
-      {"239.1.1.256", false, false, false, false},
-      {"239.1.1", false, false, false, false},
-      {"239.1.1.1.1", false, false, false, false},
-      {"239.1..1", false, false, false, false},
-      {"0239.1.1.1", false, false, false, false},
-      {"239.1.0.0/16", false, false, false, true},
-      {"0.0.0.0/0", false, false, false, true},
-      {"239.1.0.0/33", false, false, false, false},
-      {"239.1.0.0/", false, false, false, false},
-      {"239.1.0.0/-1", false, false, false, false},
-  };
-  for (const Case &c : cases) {
-    run({{"<x>", c.text}}, [&c](cli_command *command) {
-      uint32_t number = 99, length = 99;
-      int32_t integer = 99;
-      ip_addr_t addr = 99, prefix = 99;
-      EXPECT_EQ(cli_get_uinteger(command, "<x>", &number) != 0, c.uinteger) << c.text;
-      EXPECT_EQ(cli_get_integer(command, "<x>", &integer) != 0, c.integer) << c.text;
-      EXPECT_EQ(cli_get_ipaddr(command, "<x>", &addr) != 0, c.address) << c.text;
-      EXPECT_EQ(cli_get_ipprefix(command, "<x>", &prefix, &length) != 0, c.prefix) << c.text;
-      // What cannot be read leaves the variable alone.
-      EXPECT_EQ(number == 99u, !c.uinteger) << c.text;
-      EXPECT_EQ(integer == 99, !c.integer) << c.text;
-      EXPECT_EQ(addr == 99u, !c.address) << c.text;
-      EXPECT_EQ(prefix == 99u && length == 99u, !c.prefix) << c.text;
-      EXPECT_NE(cli_is_set(command, "<x>"), 0) << c.text;
-      EXPECT_EQ(cli_is_set(command, "<y>"), 0) << c.text;
-      return 0;
-    });
-  }
-}
-
 TEST_F(CliTest, ReplayRunsBehindTheHandler) {
   Texts order;
   ref::set_cli_replay([&order](const std::string &vrf) { order.push_back("replay " + vrf); });
@@ -156,19 +109,6 @@ TEST_F(CliTest, ReplayRunsBehindTheHandler) {
   ref::settle();
   EXPECT_EQ(order, (Texts{"handler", "replay red"}));
   ref::set_cli_replay(nullptr);
-}
-
-TEST_F(CliTest, LaterRegistrationsReplaceAndAreListed) {
-  cli_register_cmd("a_cmd", handler, 0);
-  cli_register_cmd("b_cmd", handler, 0);
-  cli_register_cmd(
-      "a_cmd", [](cli_command *) { return 7; }, 0);
-  EXPECT_EQ(ref::cli_registered(), (Texts{"a_cmd", "b_cmd", "a_cmd"}));
-  ref::CliInvocation invocation;
-  invocation.handler = "a_cmd";
-  EXPECT_EQ(ref::cli_invoke(invocation, sink), 7);
-  invocation.handler = "c_cmd";
-  EXPECT_EQ(ref::cli_invoke(invocation, sink), -2);
 }
 
 }  // namespace

@@ -63,34 +63,6 @@ class CorePacketTest : public ServicesTest {
   im_iod_t iod_ = 0;
 };
 
-TEST_F(CorePacketTest, ChecksumIsThatOfRfc1071) {
-  // The example of the RFC: sum ddf2, checksum 220d, in network byte order.
-  const uint8_t example[] = {0x00, 0x01, 0xf2, 0x03, 0xf4, 0xf5, 0xf6, 0xf7};
-  const uint16_t sum = ip_checksum(example, sizeof example);
-  uint8_t stored[2];
-  std::memcpy(stored, &sum, sizeof stored);
-  EXPECT_EQ(stored[0], 0x22);
-  EXPECT_EQ(stored[1], 0x0d);
-  const uint8_t odd[] = {0x12, 0x34, 0x56}, padded[] = {0x12, 0x34, 0x56, 0x00};
-  EXPECT_EQ(ip_checksum(odd, 3), ip_checksum(padded, 4));
-  EXPECT_EQ(ip_checksum(odd, 0), 0xFFFF);
-}
-
-TEST_F(CorePacketTest, MasksAreTotal) {
-  const std::pair<uint32_t, uint32_t> cases[] = {{0, 0},           {1, 0x80000000},  {8, 0xFF000000},  {31, 0xFFFFFFFE},
-                                                 {32, 0xFFFFFFFF}, {33, 0xFFFFFFFF}, {255, 0xFFFFFFFF}};
-  for (const auto &[length, mask] : cases) {
-    EXPECT_EQ(ip_bits2mask(length), mask) << length;
-    EXPECT_EQ(ip_wildcard_mask(length), ~mask) << length;
-  }
-}
-
-TEST_F(CorePacketTest, PrintedAddressesShareAMessage) {
-  std::vector<const char *> texts;
-  for (ip_addr_t n = 0; n < 8; n++) texts.push_back(ip_print_addr(0x0A000000 + n));
-  for (size_t n = 0; n < 8; n++) EXPECT_EQ(texts[n], "10.0.0." + std::to_string(n));
-}
-
 TEST_F(CorePacketTest, OutputWritesTheHeaderOfRfc791) {
   const std::vector<uint8_t> wanted = join_datagram(address("10.0.0.1"), 16);
   EXPECT_EQ(output(wanted), 0);

@@ -66,20 +66,6 @@ TEST_F(TunnelTest, ListHoldsAllParametersOfAnOddLengthName) {
   EXPECT_EQ(create.params[1].second, std::vector<uint8_t>(name.begin(), name.end()));
 }
 
-TEST_F(TunnelTest, ListIsFullBeforeItOverflows) {
-  std::vector<uint8_t> list(oim_if_info_list_get_size(1, 2, 33) + 8, 0);
-  const auto size = static_cast<uint32_t>(list.size() - 8);
-  uint8_t *header = nullptr, *tlv = nullptr;
-  ASSERT_NE(oim_if_info_list_add_new_if(list.data(), size, &header), 0);
-  for (int i = 0; i < 2; i++) {
-    ASSERT_NE(oim_if_info_list_add_new_param_tlv(list.data(), size, header, &tlv), 0);
-    const uint8_t full[] = {0, OIM_PARAM_VRF_NAME, 0, 33};
-    std::copy(std::begin(full), std::end(full), tlv);
-  }
-  EXPECT_EQ(oim_if_info_list_add_new_param_tlv(list.data(), size, header, &tlv), 0);
-  EXPECT_EQ(oim_if_info_list_add_new_if(list.data(), size, &header), 0);
-}
-
 TEST_F(TunnelTest, MalformedListsAreRefusedAtOnce) {
   ref::create_vrf("red", 7, 7);
   std::vector<uint8_t> list = list_of(if_index_of(7), {{0, OIM_PARAM_VRF_NAME, 0, 3, 'r', 'e', 'd'}});
