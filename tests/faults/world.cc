@@ -26,6 +26,7 @@
 #include "platform/reference/pss.h"
 #include "platform/reference/rpm.h"
 #include "platform/reference/testing/runtime.h"
+#include "tests/support/command.h"
 #include "tests/support/linked_module.h"
 #include "tests/support/module_test.h"
 
@@ -35,11 +36,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr const char *remote_pe_address = "10.0.0.9";
-
-class Silent : public ref::CliSink {
- public:
-  void text(std::string_view) override {}
-};
 
 ref::MdtSafi safi(std::string_view source, std::string_view distinguisher, std::string_view group) {
   ref::MdtSafi entry;
@@ -142,15 +138,14 @@ void World::crash() {
 // ------------------------------------------------------------------------------------------------------- the operator
 
 int World::run(const Line &line, bool no_form, bool interactive) {
-  ref::CliInvocation invocation;
-  invocation.handler = line.handler;
+  std::vector<ref::CliArgument> arguments;
   for (size_t i = 0; i + 1 < line.arguments.size(); i += 2)
-    invocation.arguments.push_back({line.arguments[i], line.arguments[i + 1]});
-  invocation.vrf_name = line.vrf;
-  invocation.no_form = no_form;
-  invocation.interactive = interactive;
-  Silent sink;
-  return ref::cli_invoke(invocation, sink);
+    arguments.push_back({line.arguments[i], line.arguments[i + 1]});
+  return run_handler({.handler = line.handler,
+                      .arguments = std::move(arguments),
+                      .vrf_name = line.vrf,
+                      .no_form = no_form,
+                      .interactive = interactive});
 }
 
 // A line replaces the one of the same command that starts with the same argument.
@@ -186,14 +181,8 @@ void World::look_at_everything() {
   const std::vector<std::string> names = ref::cli_registered();
   for (const std::string &name : std::set<std::string>(names.begin(), names.end())) {
     if (!name.starts_with("mvpn_show")) continue;
-    for (const bool getnext : {false, true}) {
-      ref::CliInvocation invocation;
-      invocation.handler = name;
-      invocation.all_vrfs = true;
-      invocation.getnext = getnext;
-      Silent sink;
-      ref::cli_invoke(invocation, sink);
-    }
+    for (const bool getnext : {false, true})
+      run_handler({.handler = name, .arguments = {}, .vrf_name = {}, .all_vrfs = true, .getnext = getnext});
   }
   ref::settle();
 }
@@ -282,11 +271,6 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-std::string dotted(ip_addr_t value) {
-  if (value == 0) return "*";
-  return std::to_string(value >> 24) + "." + std::to_string(value >> 16 & 255) + "." +
-         std::to_string(value >> 8 & 255) + "." + std::to_string(value & 255);
-}
 template <typename... Parts>
 std::string line(const Parts &...parts) {
   std::string text;

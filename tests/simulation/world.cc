@@ -23,6 +23,7 @@
 #include "platform/reference/rpm.h"
 #include "platform/reference/testing/runtime.h"
 #include "platform/reference/testing/services.h"
+#include "tests/support/command.h"
 #include "tests/support/linked_module.h"
 #include "tests/support/platform_trace.h"
 
@@ -35,11 +36,6 @@ namespace {
 const uint32_t announcement_limit = mvpn_data_mdt_recv_cache_limit;  // as the module has it
 
 World *current = nullptr;  // of the tap below
-
-class Nowhere : public ref::CliSink {
- public:
-  void text(std::string_view) override {}
-};
 
 bool is_tunnel_answer(uint32_t opcode) {
   return opcode == MTS_OPC_OIM_IF_CREATE_RESPONSE || opcode == MTS_OPC_OIM_IF_DELETE_RESPONSE ||
@@ -276,14 +272,11 @@ void World::set_vrf_state(const std::string &name, bool up) {
 bool World::command(const std::string &vrf_name, const std::string &handler,
                     const std::vector<ref::CliArgument> &arguments, bool no_form, bool interactive) {
   if (!running_) return true;
-  ref::CliInvocation invocation;
-  invocation.handler = handler;
-  invocation.arguments = arguments;
-  invocation.vrf_name = vrf_name;
-  invocation.no_form = no_form;
-  invocation.interactive = interactive;
-  Nowhere nowhere;
-  const bool accepted = ref::cli_invoke(invocation, nowhere) == 0;
+  const bool accepted = run_handler({.handler = handler,
+                                     .arguments = arguments,
+                                     .vrf_name = vrf_name,
+                                     .no_form = no_form,
+                                     .interactive = interactive}) == 0;
   // Where PIM's context cannot be used, commands do nothing and say nothing; these two still take away.
   const bool takes_away = no_form && (handler == "mdt_default_cmd" || handler == "mdt_data_cmd");
   return accepted && (takes_away || !unusable.contains(vrf_name));
@@ -355,13 +348,8 @@ void World::all_commands_without_effect(const std::string &vrf_name) {
   if (!running_) return;
   for (const std::string &name : ref::cli_registered()) {
     if (name.starts_with("mdt_")) continue;
-    ref::CliInvocation invocation;
-    invocation.handler = name;
-    invocation.vrf_name = vrf_name;
-    invocation.all_vrfs = vrf_name.empty();
-    invocation.getnext = true;
-    Nowhere nowhere;
-    ref::cli_invoke(invocation, nowhere);
+    run_handler(
+        {.handler = name, .arguments = {}, .vrf_name = vrf_name, .all_vrfs = vrf_name.empty(), .getnext = true});
   }
 }
 

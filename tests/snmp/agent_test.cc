@@ -188,10 +188,7 @@ class AgentTest : public DataMdtTest {
       void value(const ref::CliValue &value) override { values[value.element] = value.text; }
       std::map<int, std::string> values;
     } sink;
-    ref::CliInvocation invocation;
-    invocation.handler = table.handler;
-    invocation.arguments = arguments;
-    ref::cli_invoke(invocation, sink);
+    ref::cli_invoke({.handler = table.handler, .arguments = arguments, .vrf_name = {}}, sink);
     Texts texts;
     for (const host::snmp::Column &column : table.values)
       if (sink.values.count(column.element) != 0) texts.push_back(sink.values[column.element]);

@@ -138,11 +138,6 @@ class DataMdtTest : public ModuleTest {
       return route.addrs.source == (source == "*" ? 0 : addr(source)) && route.addrs.group == addr(group);
     });
   }
-  static std::string dotted(ip_addr_t value) {
-    if (value == 0) return "*";
-    return std::to_string(value >> 24) + "." + std::to_string(value >> 16 & 255) + "." +
-           std::to_string(value >> 8 & 255) + "." + std::to_string(value & 255);
-  }
   // Encapsulations of data MDTs in the module's table and in the MRIB, which must agree.
   size_t data_encaps() {
     const mvpn_cibtype *mvpn = context("red");

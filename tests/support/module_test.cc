@@ -16,6 +16,7 @@
 #include "platform/reference/mts.h"
 #include "platform/reference/pim.h"
 #include "platform/reference/testing/runtime.h"
+#include "tests/support/command.h"
 #include "tests/support/linked_module.h"
 
 using namespace std::chrono_literals;
@@ -24,6 +25,12 @@ ip_addr_t addr(std::string_view dotted) {
   in_addr parsed{};
   if (inet_pton(AF_INET, std::string(dotted).c_str(), &parsed) != 1) ADD_FAILURE() << "bad address " << dotted;
   return ntohl(parsed.s_addr);
+}
+
+std::string dotted(ip_addr_t value) {
+  if (value == 0) return "*";
+  return std::to_string(value >> 24) + "." + std::to_string(value >> 16 & 255) + "." +
+         std::to_string(value >> 8 & 255) + "." + std::to_string(value & 255);
 }
 
 std::vector<uint8_t> rd(std::string_view text) {
@@ -53,16 +60,6 @@ uint32_t word_at(const std::vector<uint8_t> &bytes, size_t offset) {
     std::memcpy(&word, bytes.data() + offset, sizeof word);
   return word;
 }
-
-namespace {
-
-class TextSink : public ref::CliSink {
- public:
-  void text(std::string_view text) override { out.append(text); }
-  std::string out;
-};
-
-}  // namespace
 
 void ModuleTest::SetUp() {
   trace::reset();
@@ -138,30 +135,24 @@ mvpn_cibtype *ModuleTest::bring_up(std::string_view name, vrf_context_id_t conte
   return mvpn;
 }
 
-int ModuleTest::command(std::string_view handler, std::string_view vrf,
-                        std::initializer_list<ref::CliArgument> arguments, bool no_form, bool interactive) {
-  ref::CliInvocation invocation;
-  invocation.handler = handler;
-  invocation.arguments = arguments;
-  invocation.vrf_name = vrf;
-  invocation.no_form = no_form;
-  invocation.interactive = interactive;
-  TextSink sink;
-  const int result = ref::cli_invoke(invocation, sink);
-  printed = sink.out;
-  return result;
+int ModuleTest::command(std::string_view handler, std::string_view vrf, std::vector<ref::CliArgument> arguments,
+                        bool no_form, bool interactive) {
+  return run_handler({.handler = std::string(handler),
+                      .arguments = std::move(arguments),
+                      .vrf_name = std::string(vrf),
+                      .no_form = no_form,
+                      .interactive = interactive},
+                     &printed);
 }
 
-std::string ModuleTest::show(std::string_view handler, std::string_view vrf,
-                             std::initializer_list<ref::CliArgument> arguments) {
-  ref::CliInvocation invocation;
-  invocation.handler = handler;
-  invocation.arguments = arguments;
-  invocation.vrf_name = vrf;
-  invocation.all_vrfs = vrf.empty();
-  TextSink sink;
-  ref::cli_invoke(invocation, sink);
-  return sink.out;
+std::string ModuleTest::show(std::string_view handler, std::string_view vrf, std::vector<ref::CliArgument> arguments) {
+  std::string shown;
+  run_handler({.handler = std::string(handler),
+               .arguments = std::move(arguments),
+               .vrf_name = std::string(vrf),
+               .all_vrfs = vrf.empty()},
+              &shown);
+  return shown;
 }
 
 void ModuleTest::capture_debug() {

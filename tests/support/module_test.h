@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,6 +16,8 @@
 
 // Address from its dotted form.
 ip_addr_t addr(std::string_view dotted);
+// And back; "*" for 0.
+std::string dotted(ip_addr_t value);
 // Route distinguisher from its printed form.
 std::vector<uint8_t> rd(std::string_view text);
 // Customer route addresses; source "" or "*" for (*,G).
@@ -44,11 +45,10 @@ class ModuleTest : public ::testing::Test {
   mvpn_cibtype *bring_up(std::string_view name, vrf_context_id_t context_id, std::string_view default_group);
 
   // Runs a handler for a VRF. text receives what it printed.
-  int command(std::string_view handler, std::string_view vrf, std::initializer_list<ref::CliArgument> arguments = {},
+  int command(std::string_view handler, std::string_view vrf, std::vector<ref::CliArgument> arguments = {},
               bool no_form = false, bool interactive = true);
   // Runs a show handler; the text that it prints.
-  std::string show(std::string_view handler, std::string_view vrf,
-                   std::initializer_list<ref::CliArgument> arguments = {});
+  std::string show(std::string_view handler, std::string_view vrf, std::vector<ref::CliArgument> arguments = {});
   std::string printed;  // of the last command
 
   mvpn_cibtype *context(std::string_view vrf) { return mvpn_get_context(std::string(vrf).c_str()); }

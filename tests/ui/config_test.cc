@@ -18,7 +18,7 @@
 
 namespace {
 
-using Arguments = std::initializer_list<ref::CliArgument>;
+using Arguments = std::vector<ref::CliArgument>;
 
 class Config : public ModuleTest {
  protected:
@@ -30,28 +30,15 @@ class Config : public ModuleTest {
     return std::to_string(result) + ": " + printed;
   }
   std::string data(std::string_view vrf, const std::string &prefix, Arguments more = {}, bool no_form = false) {
-    std::vector<ref::CliArgument> arguments{{"<prefix>", prefix}};
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    ref::CliInvocation invocation;
-    invocation.handler = "mdt_data_cmd";
-    invocation.arguments = arguments;
-    invocation.vrf_name = vrf;
-    invocation.no_form = no_form;
-    struct Sink : ref::CliSink {
-      void text(std::string_view text) override { out.append(text); }
-      std::string out;
-    } sink;
-    const int result = ref::cli_invoke(invocation, sink);
-    ref::settle();
-    return std::to_string(result) + ": " + sink.out;
+    more.insert(more.begin(), {"<prefix>", prefix});
+    return run("mdt_data_cmd", vrf, more, no_form);
   }
   // Ranges of a VRF in list order, as "prefix/length threshold immediate policy".
   static std::vector<std::string> ranges(const mvpn_cibtype *mvpn) {
     std::vector<std::string> out;
     for (const mvpn_data_mdt_range *range = mvpn->data_mdt_config; range != nullptr; range = range->next) {
-      std::string text = std::to_string(range->prefix >> 24) + "." + std::to_string(range->prefix >> 16 & 255) + "." +
-                         std::to_string(range->prefix >> 8 & 255) + "." + std::to_string(range->prefix & 255) + "/" +
-                         std::to_string(range->masklen) + " " + std::to_string(range->threshold);
+      std::string text =
+          dotted(range->prefix) + "/" + std::to_string(range->masklen) + " " + std::to_string(range->threshold);
       if (range->immediate_switch) text += " immediate";
       if (range->policy.policy_name != nullptr) text += std::string(" ") + range->policy.policy_name;
       out.push_back(text);

@@ -513,11 +513,7 @@ TEST_F(Show, DocumentsOfEveryView) {
           bytes.append(piece);
           return ++deliveries < (stopped ? 5u : ~0u);
         });
-        ref::CliInvocation invocation;
-        invocation.handler = v.handler;
-        invocation.arguments = v.arguments;
-        invocation.all_vrfs = true;
-        ref::cli_invoke(invocation, *writer);
+        ref::cli_invoke({.handler = v.handler, .arguments = v.arguments, .vrf_name = {}, .all_vrfs = true}, *writer);
         writer->finish();
         return bytes;
       };

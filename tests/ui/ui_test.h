@@ -44,15 +44,14 @@ class UiTest : public DataMdtTest {
   // Runs a handler; an empty VRF name: every VRF.
   static Output run(std::string_view handler, std::string_view vrf = "", Arguments arguments = {}, bool getnext = false,
                     unsigned enough_at = ~0u) {
-    ref::CliInvocation invocation;
-    invocation.handler = handler;
-    invocation.arguments = std::move(arguments);
-    invocation.vrf_name = vrf;
-    invocation.all_vrfs = vrf.empty();
-    invocation.getnext = getnext;
     Output output;
     output.enough_at = enough_at;
-    output.result = ref::cli_invoke(invocation, output);
+    output.result = ref::cli_invoke({.handler = std::string(handler),
+                                     .arguments = std::move(arguments),
+                                     .vrf_name = std::string(vrf),
+                                     .all_vrfs = vrf.empty(),
+                                     .getnext = getnext},
+                                    output);
     return output;
   }
 
