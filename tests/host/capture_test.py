@@ -7,13 +7,11 @@ import pathlib
 import shutil
 import struct
 import subprocess
-import sys
 import tempfile
-import time
 import unittest
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-BINARIES = pathlib.Path(sys.argv.pop(1)).resolve()
+from programs_test import EXAMPLES, Daemon, wait_until
+
 CORE = "core\n  carrier gre-udp listen 127.0.71.1:17571\n  peer 127.0.71.2:17571\n"
 FLOW = "  mroute 192.168.1.5 232.1.1.1 iif red-lan rpf 192.168.1.5 oif mvpn rate 500\n"
 
@@ -32,25 +30,15 @@ def packets(path):
 class Captures(unittest.TestCase):
     def setUp(self):
         self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="ct")))
-        self.control = self.folder / "s"
         config = self.folder / "pe.conf"
-        text = (ROOT / "examples/two-vrfs.conf").read_text() + CORE
+        text = (EXAMPLES / "two-vrfs.conf").read_text() + CORE
         config.write_text(text.replace("  rd 65000:1\n", "  rd 65000:1\n" + FLOW))
-        self.daemon = subprocess.Popen([BINARIES / "pimhostd", "--config", config, "--control", self.control,
-                                        "--clock-scale", "20"], stderr=subprocess.DEVNULL)
-        self.addCleanup(self.daemon.wait)
-        self.addCleanup(self.daemon.terminate)
-        self.wait(lambda: "Up" in self.command("show mvpn mdt")[1])
-
-    def wait(self, condition):
-        limit = time.monotonic() + 30
-        while not condition():
-            self.assertLess(time.monotonic(), limit)
-            time.sleep(0.05)
+        self.daemon = Daemon(self.folder, config, "--clock-scale", "20")
+        self.addCleanup(self.daemon.stop)
+        self.daemon.wait_for("mvpn mdt", "Up")
 
     def command(self, line):
-        result = subprocess.run([BINARIES / "pimctl", "--control", self.control, *line.split()], capture_output=True,
-                                text=True, timeout=60)
+        result = self.daemon.run(line)
         return result.returncode, result.stdout + result.stderr
 
     def join(self, path, more_than=0):
@@ -58,7 +46,7 @@ class Captures(unittest.TestCase):
         def announced():
             self.command("test statistics")
             return len(packets(path)) > more_than
-        self.wait(announced)
+        wait_until(announced, "a packet in the file")
 
     def test_commands(self):
         path = self.folder / "core.pcap"
@@ -89,7 +77,7 @@ class Captures(unittest.TestCase):
         self.assertEqual(self.command(f"capture start {path}"), (0, ""))
         self.join(path)
         self.command("capture stop")
-        read = subprocess.run(["tshark", "-X", f"lua_script:{ROOT}/examples/data-mdt-join.lua", "-r", path, "-Y",
+        read = subprocess.run(["tshark", "-X", f"lua_script:{EXAMPLES}/data-mdt-join.lua", "-r", path, "-Y",
                                "data_mdt_join", "-T", "fields", "-e", "frame.protocols", "-e", "data_mdt_join.source",
                                "-e", "data_mdt_join.group", "-e", "data_mdt_join.data_group", "-e", "_ws.expert"],
                               capture_output=True, text=True, timeout=60)

@@ -10,13 +10,11 @@ import re
 import shutil
 import socket
 import subprocess
-import sys
 import tempfile
-import time
 import unittest
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-BINARIES = pathlib.Path(sys.argv.pop(1)).resolve()
+from programs_test import DOCS, EXAMPLES, Daemon
+
 MOST_CLIENTS = 16
 
 
@@ -30,26 +28,16 @@ class Metrics(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.folder = tempfile.TemporaryDirectory(prefix="mt")
-        cls.control, cls.port = f"{cls.folder.name}/s", free_port()
+        cls.port = free_port()
         config = pathlib.Path(cls.folder.name, "pe.conf")
-        config.write_text(f"metrics listen 127.0.0.1:{cls.port}\n" + (ROOT / "examples/two-vrfs.conf").read_text())
-        cls.daemon = subprocess.Popen([BINARIES / "pimhostd", "--config", config, "--control", cls.control],
-                                      stderr=subprocess.DEVNULL)
-        limit = time.monotonic() + 60
-        while "Up" not in cls.run_command("show mvpn mdt").stdout:
-            assert time.monotonic() < limit, "the VRFs do not come up"
-            time.sleep(0.1)
+        config.write_text(f"metrics listen 127.0.0.1:{cls.port}\n" + (EXAMPLES / "two-vrfs.conf").read_text())
+        cls.daemon = Daemon(config.parent, config)
+        cls.daemon.wait_for("mvpn mdt", "Up")
 
     @classmethod
     def tearDownClass(cls):
-        cls.daemon.terminate()
-        assert cls.daemon.wait(60) == 0
+        assert cls.daemon.stop() == 0
         cls.folder.cleanup()
-
-    @classmethod
-    def run_command(cls, line):
-        return subprocess.run([BINARIES / "pimctl", "--control", cls.control, *line.split()], capture_output=True,
-                              text=True, timeout=60)
 
     def get(self, path="/metrics", method="GET", port=None, **headers):
         connection = http.client.HTTPConnection("127.0.0.1", port or self.port, timeout=30)
@@ -80,7 +68,7 @@ class Metrics(unittest.TestCase):
     def test_a_checker_finds_nothing(self):
         if shutil.which("promtool") is None:
             self.skipTest("no promtool")
-        shown = self.run_command("show metrics")
+        shown = self.daemon.run("show metrics")
         self.assertEqual(shown.returncode, 0)
         checked = subprocess.run(["promtool", "check", "metrics"], input=shown.stdout, capture_output=True, text=True)
         self.assertEqual((checked.returncode, checked.stdout + checked.stderr), (0, ""))
@@ -97,7 +85,7 @@ class Metrics(unittest.TestCase):
 
     def test_clients_that_say_nothing_hold_up_nobody_for_long(self):
         silent = [socket.create_connection(("127.0.0.1", self.port), 30) for _ in range(MOST_CLIENTS)]
-        self.assertIn("Up", self.run_command("show mvpn mdt").stdout)  # the daemon serves others
+        self.assertIn("Up", self.daemon.run("show mvpn mdt").stdout)  # the daemon serves others
         with socket.create_connection(("127.0.0.1", self.port), 30) as late:
             self.assertEqual(late.makefile("rb").read(), b"")  # turned away
         for client in silent:
@@ -108,21 +96,21 @@ class Metrics(unittest.TestCase):
 
     def test_the_address_follows_the_configuration(self):
         other = free_port()
-        self.assertEqual(self.run_command(f"configure metrics listen 127.0.0.1:{other}").returncode, 0)
+        self.assertEqual(self.daemon.run(f"configure metrics listen 127.0.0.1:{other}").returncode, 0)
         self.assertEqual(self.get(port=other)[0].status, 200)
         with self.assertRaises(ConnectionRefusedError):
             self.get()
-        self.assertEqual(self.run_command(f"configure metrics listen 127.0.0.1:{self.port}").returncode, 0)
+        self.assertEqual(self.daemon.run(f"configure metrics listen 127.0.0.1:{self.port}").returncode, 0)
         self.assertEqual(self.get()[0].status, 200)
 
     def test_the_dashboard_names_what_there_is(self):
-        dashboard = json.loads((ROOT / "examples/dashboard.json").read_text())
+        dashboard = json.loads((EXAMPLES / "dashboard.json").read_text())
         queries = [target["expr"] for panel in dashboard["panels"] for target in panel.get("targets", [])]
         used = {name for query in queries for name in re.findall(r"\b(?:mvpn|process)_\w+", query)}
         self.assertGreater(len(used), 10)
-        listed = set(re.findall(r"^\| `(\w+)", (ROOT / "docs/metrics.md").read_text(), re.M))
+        listed = set(re.findall(r"^\| `(\w+)", (DOCS / "metrics.md").read_text(), re.M))
         self.assertLessEqual(used, listed | {name + "_bucket" for name in listed})
-        shown = set(re.findall(r"^# TYPE (\S+)", self.run_command("show metrics").stdout, re.M))
+        shown = set(re.findall(r"^# TYPE (\S+)", self.daemon.run("show metrics").stdout, re.M))
         optional = {name for name in listed if name.startswith(("mvpn_forward", "mvpn_bgp", "mvpn_core_datagrams"))}
         self.assertEqual(shown | optional, listed)
 
