@@ -248,6 +248,7 @@ CHECK(cli, "an argument is read whole or not at all") {
       EXPECT(platform.cli_is_set(command, "<x>") != 0);
       EXPECT(platform.cli_is_set(command, "<y>") == 0);
       EXPECT(platform.cli_get_uinteger(command, "<y>", &number) == 0);
+      EXPECT(platform.cli_get_string(command, "<y>", &text) == 0 && std::strcmp(text, c.text) == 0);
       return 0;
     });
 }
