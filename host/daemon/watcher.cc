@@ -6,6 +6,7 @@
 // tunnel that a command brought up comes up turns later.
 #include "host/daemon/watcher.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "host/daemon/readiness.h"
@@ -13,6 +14,7 @@
 #include "platform/oim.h"
 #include "platform/reference/im.h"
 #include "platform/reference/oim.h"
+#include "platform/reference/pim.h"
 #include "platform/reference/runtime.h"
 #include "routing/pim/mvpn/mvpn.h"
 
@@ -50,31 +52,66 @@ Watcher::~Watcher() { ref::set_observer(nullptr); }
 
 // Threads of the module work between the turns of the main loop: one is asked for.
 void Watcher::vrf_touched(std::string_view vrf_name) {
-  if (vrf_name == last_touched_) return;
-  last_touched_ = vrf_name;
+  if (last_touched_ != nullptr && last_touched_->first == vrf_name) return;
+  auto vrf = vrfs_.find(vrf_name);
+  if (vrf == vrfs_.end()) vrf = vrfs_.emplace(vrf_name, Vrf{}).first;
+  last_touched_ = &*vrf;
+  touch(*vrf);
+}
+
+void Watcher::touch(Vrfs::value_type &vrf) {
+  if (std::exchange(vrf.second.glance.touched, true)) return;
   if (touched_.empty()) ref::post([] {});
-  touched_.emplace(vrf_name);
+  touched_.push_back(&vrf);
 }
 
 void Watcher::settle() {
   settle_feature();
-  last_touched_.clear();
-  for (const std::string &name : std::exchange(touched_, {})) settle_vrf(name);
+  last_touched_ = nullptr;
+  if (touched_.empty()) return;
+  std::vector<Vrfs::value_type *> touched = std::exchange(touched_, {});
+  for (Vrfs::value_type *vrf : touched) {
+    vrf->second.glance.touched = false;
+    if (!bus_.cause().empty()) vrf->second.by = bus_.cause();
+  }
+  std::erase_if(touched, [this](const Vrfs::value_type *vrf) { return is_as_before(vrf->second.glance); });
+  std::sort(touched.begin(), touched.end(), [](const auto *a, const auto *b) { return a->first < b->first; });
+  for (Vrfs::value_type *vrf : touched) settle_vrf(vrf->first, vrf->second);
+}
+
+// Whether it is up and was, with the same tunnel.
+bool Watcher::is_as_before(const Glance &glance) const {
+  if (!feature_ || !glance.up || glance.interfaces != ref::interface_changes() ||
+      glance.contexts != ref::context_changes())
+    return false;
+  const mvpn_cibtype *mvpn = glance.pcib->mvpn;
+  return mvpn != nullptr && mvpn->mti_status == MVPN_MTI_UP && mvpn->mdt_default_group == glance.group &&
+         mvpn->mti_ifindex == glance.tunnel;
+}
+
+void Watcher::take_glance(const std::string &name, Vrf &vrf) {
+  const pim_cibtype *pcib = pim_get_cib_by_context_name(name.c_str());
+  vrf.glance = {.touched = vrf.glance.touched,
+                .up = pcib != nullptr && vrf.status == kUp && vrf.reason.empty(),
+                .group = vrf.group,
+                .tunnel = vrf.tunnel.if_index,
+                .interfaces = ref::interface_changes(),
+                .contexts = ref::context_changes(),
+                .pcib = pcib};
 }
 
 void Watcher::settle_feature() {
   const bool on = router_.running().feature_mvpn();
   if (std::exchange(feature_, on) == on) return;
   bus_.publish({.what = ServiceChange{"mvpn", on ? "off" : "on", on ? "on" : "off"}});
-  for (auto &[name, vrf] : vrfs_) touched_.insert(name);
+  for (auto &vrf : vrfs_) touch(vrf);
 }
 
-void Watcher::settle_vrf(const std::string &name) {
-  Vrf &vrf = vrfs_[name];
-  if (!bus_.cause().empty()) vrf.by = bus_.cause();
+void Watcher::settle_vrf(const std::string &name, Vrf &vrf) {
   settle_tunnel(name, vrf);
   settle_status(name, vrf);
-  if (vrf.status.empty() && vrf.tunnel.if_index == 0) vrfs_.erase(name);
+  take_glance(name, vrf);
+  if (vrf.status.empty() && vrf.tunnel.if_index == 0 && !vrf.glance.touched) vrfs_.erase(vrfs_.find(name));
 }
 
 void Watcher::settle_status(const std::string &name, Vrf &vrf) {

@@ -2,15 +2,19 @@
 //
 // The module tells nobody of its states, but it writes an event wherever one may change: the VRF that the event is of
 // is looked at again when the turn ends. So a VRF that passes through several states in a turn shows as one change, and
-// a turn costs what happened in it, not what is configured. Flows, core routes and PEs are told by the services that
-// hold them.
+// a turn costs what happened in it, not what is configured. Most events are of routes, of which thousands may come in a
+// turn, and leave a VRF that is up as it was: that is seen by a few numbers. Flows, core routes and PEs are told by the
+// services that hold them.
 #ifndef HOST_DAEMON_WATCHER_H
 #define HOST_DAEMON_WATCHER_H
 
+#include <functional>
 #include <map>
-#include <set>
 #include <string>
+#include <string_view>
 #include <tuple>
+#include <unordered_map>
+#include <vector>
 
 #include "host/daemon/router.h"
 #include "host/event/change.h"
@@ -41,7 +45,19 @@ class Watcher : private ref::Observer {
     ip_addr_t source = 0, group = 0;
     bool operator==(const Tunnel &) const = default;
   };
+  // What tells that a VRF which was up has not changed. It stands beside the name, since thousands are looked at in a
+  // row and each line of memory counts.
+  struct Glance {
+    bool touched = false;
+    bool up = false;      // when it was looked at, as all that follows
+    ip_addr_t group = 0;  // of its default MDT
+    if_index_t tunnel = 0;
+    uint64_t interfaces = 0;  // interface_changes()
+    uint64_t contexts = 0;    // context_changes(): the next one is good
+    const pim_cibtype *pcib = nullptr;
+  };
   struct Vrf {
+    Glance glance;
     std::string status;  // empty: no default MDT
     std::string reason;  // why it is not up
     ip_addr_t group = 0;
@@ -49,6 +65,10 @@ class Watcher : private ref::Observer {
     Tunnel tunnel;
     std::string by;  // who asked for what it is doing
   };
+  struct NameHash : std::hash<std::string_view> {
+    using is_transparent = void;
+  };
+  using Vrfs = std::unordered_map<std::string, Vrf, NameHash, std::equal_to<>>;
   using Flow = std::tuple<std::string, ip_addr_t, ip_addr_t>;         // VRF, source, group
   using Joined = std::tuple<vrf_context_id_t, ip_addr_t, ip_addr_t>;  // of the VRF; PE, group
 
@@ -61,7 +81,10 @@ class Watcher : private ref::Observer {
   void store_changed(const std::string &failure) override;
 
   void settle_feature();
-  void settle_vrf(const std::string &name);
+  void touch(Vrfs::value_type &vrf);
+  bool is_as_before(const Glance &glance) const;
+  void take_glance(const std::string &name, Vrf &vrf);
+  void settle_vrf(const std::string &name, Vrf &vrf);
   void settle_status(const std::string &name, Vrf &vrf);
   void settle_tunnel(const std::string &name, Vrf &vrf);
   void end_flows(const std::string &vrf);
@@ -69,12 +92,12 @@ class Watcher : private ref::Observer {
 
   const Router &router_;
   EventBus &bus_;
-  std::set<std::string, std::less<>> touched_;
-  std::string last_touched_;  // events come in rows of one VRF
-  std::map<std::string, Vrf> vrfs_;
-  std::map<ip_addr_t, std::string> by_group_;  // VRFs by their default groups
-  std::map<Flow, ip_addr_t> flows_;            // with their data groups
-  std::map<Joined, std::string> joined_;       // with the VRF's name
+  Vrfs vrfs_;
+  std::vector<Vrfs::value_type *> touched_;
+  const Vrfs::value_type *last_touched_ = nullptr;       // events come in rows of one VRF
+  std::unordered_map<ip_addr_t, std::string> by_group_;  // VRFs by their default groups
+  std::map<Flow, ip_addr_t> flows_;                      // with their data groups
+  std::map<Joined, std::string> joined_;                 // with the VRF's name
   bool feature_ = true;
   std::string store_failure_;
 };

@@ -41,6 +41,7 @@ struct Table {
   bool events = false;
 };
 Table table;
+uint64_t changes;
 
 // 0 when none is free.
 im_iod_t next_unused_iod() {
@@ -85,7 +86,13 @@ void post_state(im_iod_t iod, bool up) {
 
 }  // namespace
 
-void im_reset() { table = Table{}; }
+void im_reset() {
+  table = Table{};
+  im_note_change();
+}
+
+void im_note_change() { changes++; }
+uint64_t interface_changes() { return changes; }
 
 im_iod_t im_add(Interface interface) {
   if (interface.name.empty() || interface.name.size() >= IF_NAME_SIZE || table.by_name.contains(interface.name) ||
@@ -100,6 +107,7 @@ im_iod_t im_add(Interface interface) {
   table.by_if_index[interface.if_index] = iod;
   const bool up = interface.up, addressed = interface.address != 0;
   table.by_iod[iod] = std::move(interface);
+  im_note_change();
   post_event(iod, &Module::interface_create);
   if (addressed) post_event(iod, &Module::process_address_change);
   if (up) post_state(iod, true);
@@ -117,6 +125,7 @@ void im_remove(im_iod_t iod) {
   table.by_name.erase(found->second.name);
   table.by_if_index.erase(found->second.if_index);
   table.by_iod.erase(found);
+  im_note_change();
   pim_interface_gone(iod);
 }
 
@@ -129,6 +138,7 @@ void im_set_state(im_iod_t iod, bool up) {
   Interface *interface = im_find(iod);
   if (interface == nullptr || interface->up == up) return;
   interface->up = up;
+  im_note_change();
   post_state(iod, up);
 }
 

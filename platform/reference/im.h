@@ -34,6 +34,8 @@ bool set_interface_address(std::string_view name, ip_addr_t address);
 const Interface *find_interface(std::string_view name);
 const Interface *find_interface(im_iod_t iod);
 std::vector<const Interface *> interfaces();  // by ordinal
+// Grows whenever an interface comes, goes or changes its state, and whenever a tunnel does.
+uint64_t interface_changes();
 // Off until the configuration has been replayed; turning it on reports every interface that is up.
 void enable_interface_events(bool on);
 

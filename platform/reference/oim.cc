@@ -198,6 +198,7 @@ void store(const Tunnel &tunnel) {
   const auto old = state.tunnels.find(tunnel.if_index);
   if (old != state.tunnels.end()) unindex(old->second);
   state.tunnels[tunnel.if_index] = tunnel;
+  im_note_change();
   index(tunnel);
   if (Interface *interface = im_find(tunnel.iod)) {
     interface->mtu = tunnel.mtu;
@@ -262,6 +263,7 @@ uint32_t remove(const OimRequest &request, im_iod_t *iod) {
   im_remove(existing->second.iod);
   unindex(existing->second);
   state.tunnels.erase(existing);
+  im_note_change();
   changed();
   return 0;
 }

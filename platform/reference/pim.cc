@@ -12,6 +12,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <unordered_map>
 
 #include "platform/ip.h"
 #include "platform/reference/im.h"
@@ -40,8 +41,9 @@ struct GroupRange {
 };
 
 struct Process {
-  std::map<std::string, std::unique_ptr<Context>, std::less<>> by_name;
-  std::map<vrf_context_id_t, Context *> by_id;
+  std::map<std::string, std::unique_ptr<Context>, std::less<>> by_name;  // for walks
+  std::unordered_map<std::string_view, Context *> named;                 // the same; the names are the records'
+  std::unordered_map<vrf_context_id_t, Context *> by_id;
   std::map<im_iod_t, std::unique_ptr<pim_iftype>> interfaces;
   std::vector<GroupRange> ssm{{0xE8000000, 8}};  // 232.0.0.0/8
   std::vector<GroupRange> bidir;
@@ -50,6 +52,7 @@ struct Process {
   uint8_t timer_set = 0;
 };
 Process process;
+uint64_t changes;  // of the set of contexts
 
 int compare_numbers(const void *a, const void *b) {
   const auto left = *static_cast<const uint32_t *>(a), right = *static_cast<const uint32_t *>(b);
@@ -71,13 +74,15 @@ Context *make_context(std::string_view name) {
   context->cib.by_name.user_data = context->cib.by_context_id.user_data = &context->cib;
   ravl_insert(&pim_contexts_by_name, &context->cib.by_name);
   Context *made = context.get();
+  changes++;
+  process.named[made->name_key] = made;
   process.by_name[std::string(name)] = std::move(context);
   return made;
 }
 
 Context *context_of(std::string_view name) {
-  const auto found = process.by_name.find(name);
-  return found == process.by_name.end() ? nullptr : found->second.get();
+  const auto found = process.named.find(name);
+  return found == process.named.end() ? nullptr : found->second;
 }
 
 bool in_ranges(const std::vector<GroupRange> &ranges, ip_addr_t group) {
@@ -141,12 +146,14 @@ void reset_globals() {
 void pim_reset() {
   for (const auto &[iod, record] : process.interfaces) stop_hellos(*record);
   process = Process{};
+  changes++;
   init_trees();
   reset_globals();
 }
 
 PimCounters &pim_count() { return process.counters; }
 const PimCounters &pim_counters() { return process.counters; }
+uint64_t context_changes() { return changes; }
 
 pim_cibtype *pim_find(std::string_view name) {
   Context *context = context_of(name);
@@ -173,6 +180,8 @@ void pim_drop_context(pim_cibtype *pcib) {
   ravl_delete(&pim_contexts_by_name, &pcib->by_name);
   ravl_delete(&pim_contexts_by_context_id, &pcib->by_context_id);
   process.by_id.erase(pcib->context_id);
+  process.named.erase(std::string_view(pcib->vrf_name));
+  changes++;
   process.by_name.erase(process.by_name.find(std::string_view(pcib->vrf_name)));
 }
 

@@ -24,6 +24,9 @@ struct PimCounters {
 };
 const PimCounters &pim_counters();
 
+// Grows whenever a PIM context comes or goes: until then pointers to them stay good.
+uint64_t context_changes();
+
 }  // namespace ref
 
 #endif  // REFERENCE_PIM_H

@@ -59,6 +59,8 @@ void im_remove(im_iod_t iod);
 Interface *im_find(im_iod_t iod);
 // Sets the state and announces it when it changed.
 void im_set_state(im_iod_t iod, bool up);
+// A tunnel has changed: interface_changes() grows.
+void im_note_change();
 
 // ------------------------------------------------------------------------------------------------------------ VRFs
 
