@@ -37,6 +37,7 @@ size_t object_page_octets() { return 0; }
 namespace {
 
 constexpr size_t page_octets = size_t{64} << 10;  // also the alignment of a page
+constexpr size_t large_page = size_t{2} << 20;    // of the system
 constexpr size_t chunk_pages = 64;                // asked of the system at a time
 constexpr size_t warm_pages = 32;                 // free ones that keep their memory
 constexpr size_t grain = alignof(std::max_align_t);
@@ -72,12 +73,15 @@ void unlink(Page *page) {
   if (page->after != nullptr) page->after->before = page->before;
 }
 
+// On large pages where the system has them: a hundred thousand routes are then a few dozen first touches instead of ten
+// thousand, and look-ups in them find the addresses in the processor's table.
 void add_chunk() {
-  constexpr size_t octets = (chunk_pages + 1) * page_octets;
-  void *chunk = mmap(nullptr, octets, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  constexpr size_t octets = chunk_pages * page_octets;
+  void *chunk = mmap(nullptr, octets + large_page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (chunk == MAP_FAILED) return;
-  const auto unaligned = reinterpret_cast<uintptr_t>(chunk) % page_octets;
-  auto *first = static_cast<uint8_t *>(chunk) + (unaligned == 0 ? 0 : page_octets - unaligned);
+  const auto unaligned = reinterpret_cast<uintptr_t>(chunk) % large_page;
+  auto *first = static_cast<uint8_t *>(chunk) + (unaligned == 0 ? 0 : large_page - unaligned);
+  madvise(first, octets, MADV_HUGEPAGE);
   for (size_t i = chunk_pages; i > 0; i--) free_pages.push_back(first + (i - 1) * page_octets);
 }
 

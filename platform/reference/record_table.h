@@ -1,18 +1,24 @@
 // Records of one kind by key: a hash table of which every record takes its own size and four octets more. Records stand
-// in chunks and never move. The table grows by linear hashing, one bucket for each record that comes, so that no
-// insertion pays for all; it has no order.
+// in chunks out of shared pages and never move. The table grows by linear hashing, one bucket for each record that
+// comes, so that no insertion pays for all; it has no order.
 //
 // A record has `uint32_t next`, which belongs to the table, and key(), which does not change while it is in the table.
 // Its key has hash() and ==.
 #ifndef REFERENCE_RECORD_TABLE_H
 #define REFERENCE_RECORD_TABLE_H
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <new>
 #include <random>
+#include <type_traits>
+#include <utility>
 #include <vector>
+
+#include "platform/reference/object_pages.h"
 
 namespace ref {
 
@@ -33,6 +39,17 @@ class RecordTable {
   using Id = uint32_t;  // 0: none
 
   RecordTable() : buckets_(first_buckets), level_(first_buckets) {}
+  ~RecordTable() {
+    for (Record *chunk : chunks_) give_object(chunk);
+  }
+  RecordTable(const RecordTable &) = delete;
+  RecordTable &operator=(const RecordTable &) = delete;
+  RecordTable(RecordTable &&other) : RecordTable() { swap(other); }
+  RecordTable &operator=(RecordTable &&other) {
+    RecordTable taken(std::move(other));
+    swap(taken);
+    return *this;
+  }
 
   Record &operator[](Id id) { return chunks_[id / chunk_records][id % chunk_records]; }
   const Record &operator[](Id id) const { return chunks_[id / chunk_records][id % chunk_records]; }
@@ -82,7 +99,27 @@ class RecordTable {
   }
 
  private:
-  static constexpr size_t first_buckets = 64, chunk_records = 256;  // powers of two; small tables stay small
+  static_assert(std::is_trivially_destructible_v<Record>, "chunks are given back as they are");
+  static constexpr size_t first_buckets = 64;  // a power of two; small tables stay small
+  static constexpr size_t chunk_records = std::bit_floor(4096 / sizeof(Record));  // no page has much room left over
+
+  void swap(RecordTable &other) {
+    std::swap(chunks_, other.chunks_);
+    std::swap(buckets_, other.buckets_);
+    std::swap(level_, other.level_);
+    std::swap(split_, other.split_);
+    std::swap(size_, other.size_);
+    std::swap(end_, other.end_);
+    std::swap(free_, other.free_);
+  }
+
+  static Record *make_chunk() {
+    void *memory = take_object(chunk_records * sizeof(Record));
+    if (memory == nullptr) throw std::bad_alloc();
+    auto *chunk = static_cast<Record *>(memory);
+    std::uninitialized_value_construct_n(chunk, chunk_records);
+    return chunk;
+  }
 
   Id take() {
     size_++;
@@ -91,7 +128,7 @@ class RecordTable {
       free_ = (*this)[id].next;
       return id;
     }
-    if (end_ / chunk_records == chunks_.size()) chunks_.push_back(std::make_unique<Record[]>(chunk_records));
+    if (end_ / chunk_records == chunks_.size()) chunks_.push_back(make_chunk());
     return end_++;
   }
 
@@ -122,7 +159,7 @@ class RecordTable {
     }
   }
 
-  std::vector<std::unique_ptr<Record[]>> chunks_;
+  std::vector<Record *> chunks_;
   std::deque<Id> buckets_;  // grows without being copied
   size_t level_, split_ = 0, size_ = 0;
   Id end_ = 1, free_ = 0;
