@@ -26,6 +26,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -49,7 +50,7 @@ using namespace std::chrono_literals;
 // A thread that wants the baton.
 struct Waiter {
   uint64_t ticket;
-  pthread_cond_t granted = PTHREAD_COND_INITIALIZER;
+  pthread_cond_t *granted;
   bool has_baton = false;
 };
 
@@ -66,11 +67,12 @@ using Phase = Member::Phase;
 struct State {
   bool busy = false;              // somebody has the baton
   std::vector<Waiter *> waiting;  // by ticket
+  std::vector<pthread_cond_t *> spare_conditions;
   std::vector<Member *> members;
   uint64_t next_ticket = 0;
   uint64_t turns = 0;          // how often the baton went to somebody
   uint64_t lock_releases = 0;  // how often the write lock became free
-  bool repeatable = true;
+  bool repeatable = true;      // changed by whoever has the baton too, who may read it without the mutex
   bool seeded = false;
   std::mt19937_64 generator;
 
@@ -85,12 +87,21 @@ pthread_cond_t lock_freed = PTHREAD_COND_INITIALIZER;
 tsp_lock write_lock;
 
 thread_local bool holds = false;
-thread_local bool has_mutex = false;  // between the two calls that bracket a wait on a condition
-thread_local Member *self = nullptr;  // null: not started through the contract
+thread_local bool has_mutex = false;             // between the two calls that bracket a wait on a condition
+thread_local pthread_cond_t *granted = nullptr;  // of the thread that was given the baton and is not told yet
+thread_local Member *self = nullptr;             // null: not started through the contract
 
 constexpr unsigned calls_per_slice = 64;  // repeatable: calls of tsp_should_sched_yield before it says yes
 constexpr auto slice = 5ms;               // otherwise
+constexpr unsigned calls_a_look = 16;     // at the clock: callers ask after each of many small things
 constexpr auto main_slice = 500us;        // of the main loop, while others wait
+
+// A thread is told that it has the baton when the mutex is free again, since it takes the mutex first: told before, it
+// runs at once, waits for the mutex, and hands change twice more. Its condition may be somebody else's by then, who
+// finds out that he has no baton.
+void tell_granted() {
+  if (granted != nullptr) pthread_cond_signal(std::exchange(granted, nullptr));
+}
 
 // The mutex, unless the thread has it already from tsp_release_locks_before_yield.
 class Locked {
@@ -99,7 +110,9 @@ class Locked {
     if (mine_) pthread_mutex_lock(&mutex);
   }
   ~Locked() {
-    if (mine_) pthread_mutex_unlock(&mutex);
+    if (!mine_) return;
+    pthread_mutex_unlock(&mutex);
+    tell_granted();
   }
   Locked(const Locked &) = delete;
   Locked &operator=(const Locked &) = delete;
@@ -117,6 +130,7 @@ bool wait_for_change(Condition condition) {
   timespec limit;
   clock_gettime(CLOCK_REALTIME, &limit);
   limit.tv_sec += 10;
+  tell_granted();
   while (!condition())
     if (pthread_cond_timedwait(&changed, &mutex, &limit) == ETIMEDOUT) return condition();
   return true;
@@ -148,7 +162,14 @@ void hand_on() {
   state.busy = true;
   state.turns++;
   waiter->has_baton = true;
-  pthread_cond_signal(&waiter->granted);
+  granted = waiter->granted;
+}
+
+pthread_cond_t *take_condition() {
+  if (state.spare_conditions.empty()) return new pthread_cond_t PTHREAD_COND_INITIALIZER;
+  pthread_cond_t *condition = state.spare_conditions.back();
+  state.spare_conditions.pop_back();
+  return condition;
 }
 
 uint64_t ticket_of_caller() {
@@ -156,14 +177,20 @@ uint64_t ticket_of_caller() {
 }
 
 void acquire_locked() {
-  Waiter waiter{ticket_of_caller()};
+  Waiter waiter{ticket_of_caller(), take_condition()};
   const auto place = std::find_if(state.waiting.begin(), state.waiting.end(),
                                   [&waiter](const Waiter *other) { return other->ticket > waiter.ticket; });
   state.waiting.insert(place, &waiter);
   if (self != nullptr && self->phase != Phase::active) set_phase(self, Phase::active);
   hand_on();
-  while (!waiter.has_baton) pthread_cond_wait(&waiter.granted, &mutex);
-  pthread_cond_destroy(&waiter.granted);
+  if (granted != nullptr && !waiter.has_baton) {
+    pthread_mutex_unlock(&mutex);
+    tell_granted();
+    pthread_mutex_lock(&mutex);
+  }
+  granted = nullptr;
+  while (!waiter.has_baton) pthread_cond_wait(waiter.granted, &mutex);
+  state.spare_conditions.push_back(waiter.granted);
   holds = true;
   state.slice_calls = 0;
   state.slice_start = std::chrono::steady_clock::now();
@@ -205,6 +232,7 @@ void wait_for_write_lock() {
     set_phase(self, Phase::asleep);
   }
   release_locked();
+  tell_granted();
   while (state.lock_releases == seen) pthread_cond_wait(&lock_freed, &mutex);
   acquire_locked();
 }
@@ -394,6 +422,7 @@ int tsp_sched_may_yield() {
 void tsp_sched_yield() { tsp_sched_may_yield(); }
 
 int tsp_should_sched_yield() {
+  if (!state.repeatable && ++state.slice_calls % calls_a_look != 0) return 0;
   const Locked locked;
   if (!others_can_run()) return 0;
   if (state.repeatable) return ++state.slice_calls >= calls_per_slice ? 1 : 0;
@@ -411,6 +440,7 @@ pthread_mutex_t *tsp_release_locks_before_yield(uint32_t, uint32_t) {
   pthread_mutex_lock(&mutex);
   has_mutex = true;
   release_locked();
+  tell_granted();  // the caller keeps the mutex
   return &mutex;
 }
 
