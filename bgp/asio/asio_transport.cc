@@ -280,14 +280,23 @@ void AsioTransport::wake_at(Time when) {
   alarm_.cancel();
   armed_for_ = when;
   if (when == Time::max()) return;
+  // What is due needs no timer of the system: a full table is a thousand turns.
+  if (when <= now()) {
+    asio::post(io_, [this, when, alive = std::weak_ptr(alive_)] {
+      if (!alive.expired() && armed_for_ == when) ring();
+    });
+    return;
+  }
   // Times are whole milliseconds, rounded down: without the one more the alarm could ring before its time has come.
-  alarm_.expires_at(when <= now() ? std::chrono::steady_clock::time_point(when)
-                                  : std::chrono::steady_clock::time_point(when) + std::chrono::milliseconds(1));
+  alarm_.expires_at(std::chrono::steady_clock::time_point(when) + std::chrono::milliseconds(1));
   alarm_.async_wait([this, alive = std::weak_ptr(alive_)](const error_code &error) {
-    if (error || alive.expired()) return;
-    armed_for_.reset();
-    tell([](Speaker &speaker) { speaker.run(); });
+    if (!error && !alive.expired()) ring();
   });
+}
+
+void AsioTransport::ring() {
+  armed_for_.reset();
+  tell([](Speaker &speaker) { speaker.run(); });
 }
 
 }  // namespace bgp

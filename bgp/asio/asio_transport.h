@@ -80,6 +80,7 @@ class AsioTransport final : public Transport, public Clock {
   void fail(ConnectionId connection, std::string words);
   void drain(ConnectionId connection);
   void forget(ConnectionId connection);
+  void ring();
   void tell(const std::function<void(Speaker &)> &event);
 
   boost::asio::io_context &io_;

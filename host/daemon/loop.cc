@@ -32,6 +32,7 @@ Loop::~Loop() {
 Loop::Turn::Turn(Loop &loop) : loop_(loop) {
   if (loop_.depth_++ > 0) return;
   ref::main_acquire();
+  loop_.working_ = true;
   loop_.turn_began_ = std::chrono::steady_clock::now();
 }
 
@@ -42,7 +43,7 @@ Loop::Turn::~Turn() {
 }
 
 void Loop::wake() {
-  if (awake_.exchange(true)) return;
+  if (working_ || awake_.exchange(true)) return;
   boost::asio::post(io_, [this] {
     awake_ = false;
     Turn turn(*this);
@@ -53,6 +54,8 @@ void Loop::end_turn() {
   ref::run_pending();
   if (turn_end_) turn_end_();
   ref::pss_flush();
+  working_ = false;
+  if (ref::work_waits()) wake();
   set_timer();
   measure_turn();
 }

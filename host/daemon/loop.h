@@ -59,7 +59,8 @@ class Loop {
 
   boost::asio::io_context io_;
   boost::asio::steady_timer timer_;
-  std::atomic<bool> awake_ = false;  // a turn is queued
+  std::atomic<bool> awake_ = false;    // a turn is queued
+  std::atomic<bool> working_ = false;  // a turn is under way that will look at what is queued
   std::function<void()> turn_end_;
   int depth_ = 0;
   std::chrono::steady_clock::time_point turn_began_;

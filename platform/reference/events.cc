@@ -60,6 +60,11 @@ void post(std::function<void()> work) {
   wake_main_loop();
 }
 
+bool work_waits() {
+  const std::lock_guard guard(mutex);
+  return !queue.empty();
+}
+
 uint64_t posts() {
   const std::lock_guard guard(mutex);
   return posted;

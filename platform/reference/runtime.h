@@ -31,6 +31,9 @@ void set_waker(std::function<void()> wake);
 // giving other threads a turn between two. Result: how many were delivered.
 size_t run_pending();
 
+// Whether something is posted. Any thread, locks held or not.
+bool work_waits();
+
 // Monotonic platform time. The clock of the first state is stepped by tests; a real one has a scale.
 std::chrono::nanoseconds now();
 void clock_use_real(double scale);                        // platform seconds per real second, > 0
