@@ -118,21 +118,31 @@ static uint32_t entries_in_payload(const void *payload, size_t payload_length) {
   return static_cast<uint32_t>(held);
 }
 
-// Processes one entry of a message.
-static void receive_entry(const uint8_t *entry) {
+static mvpn_bgp_mdt_safi_key key_of_entry(const uint8_t *entry) {
   mvpn_bgp_mdt_safi_key key;
   key.mdt_src = load_host<uint32_t>(entry + BGP_MDT_SAFI_ENTRY_SOURCE);
   std::memcpy(key.bgp_rd, entry + BGP_MDT_SAFI_ENTRY_RD, sizeof key.bgp_rd);
   key.mdt_grp = load_host<uint32_t>(entry + BGP_MDT_SAFI_ENTRY_GROUP);
-  mvpn_bgp_update_mdt_safi(key, entry[BGP_MDT_SAFI_ENTRY_ADD], entry[BGP_MDT_SAFI_ENTRY_EOR]);
+  return key;
+}
+
+// Processes neighbouring entries of a message, at most MVPN_SAFI_EXPECTED.
+static void receive_entries(const uint8_t *entries, uint32_t count) {
+  mvpn_bgp_mdt_safi_key keys[MVPN_SAFI_EXPECTED] = {};
+  for (uint32_t i = 0; i < count; i++) keys[i] = key_of_entry(entries + size_t{i} * BGP_MDT_SAFI_ENTRY_SIZE);
+  mvpn_bgp_mdt_safi_expect(keys, count);
+  for (uint32_t i = 0; i < count; i++) {
+    const uint8_t *entry = entries + size_t{i} * BGP_MDT_SAFI_ENTRY_SIZE;
+    mvpn_bgp_update_mdt_safi(keys[i], entry[BGP_MDT_SAFI_ENTRY_ADD], entry[BGP_MDT_SAFI_ENTRY_EOR]);
+  }
 }
 
 int mvpn_bgp_mdt_safi_receive_remote_update(const void *payload, size_t payload_length) {
   if (payload == nullptr) return 1;
   const uint32_t count = entries_in_payload(payload, payload_length);
-  const auto *bytes = static_cast<const uint8_t *>(payload);
-  for (uint32_t i = 0; i < count; i++) {
-    receive_entry(bytes + BGP_MDT_SAFI_COUNT_SIZE + size_t{i} * BGP_MDT_SAFI_ENTRY_SIZE);
+  const uint8_t *entries = static_cast<const uint8_t *>(payload) + BGP_MDT_SAFI_COUNT_SIZE;
+  for (uint32_t first = 0; first < count; first += MVPN_SAFI_EXPECTED) {
+    receive_entries(entries + size_t{first} * BGP_MDT_SAFI_ENTRY_SIZE, std::min(count - first, MVPN_SAFI_EXPECTED));
   }
   mvpn_mrib_wakeup_worker_thread();
   return 1;

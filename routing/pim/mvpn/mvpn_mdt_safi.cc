@@ -109,6 +109,17 @@ class group_tree {
     *link = before != nullptr ? before : behind;
   }
 
+  // The way to a place, step by step: the entry below this one, fetched ahead; null: the way ends here.
+  static Entry *fetched_below(Entry *entry, const place &at) {
+    Entry *below = entry_at(at < place(entry->key) ? left_of(entry) : right_of(entry));
+    fetch(below);
+    return below;
+  }
+  static void fetch(const Entry *entry) {
+    __builtin_prefetch(&entry->node.user_data);
+    __builtin_prefetch(&entry->group_right);
+  }
+
   // The first entry at a place or behind it, behind it only; null: none.
   Entry *first_at(const place &at) const {
     return first_with([&at](const Entry *entry) { return place(entry->key) >= at; });
@@ -184,6 +195,24 @@ mvpn_bgp_mdt_safi *mvpn_bgp_mdt_safi_of_group_after(ip_addr_t group, const mvpn_
   const auto found = safi_groups.find(group);
   if (found == safi_groups.end()) return nullptr;
   return key != nullptr ? found->second.first_behind(place(*key)) : found->second.first_at(place({}));
+}
+
+// The keys take their steps in turns, so that they wait for memory together.
+void mvpn_bgp_mdt_safi_expect(const mvpn_bgp_mdt_safi_key *keys, uint32_t count) {
+  Entry *at[MVPN_SAFI_EXPECTED] = {};
+  for (uint32_t i = 0; i < count; i++) {
+    const auto group = safi_groups.find(keys[i].mdt_grp);
+    if (group == safi_groups.end()) continue;
+    at[i] = group->second.root();
+    group_tree::fetch(at[i]);
+  }
+  for (bool more = true; more;) {
+    more = false;
+    for (uint32_t i = 0; i < count; i++) {
+      if (at[i] != nullptr) at[i] = group_tree::fetched_below(at[i], place(keys[i]));
+      more = more || at[i] != nullptr;
+    }
+  }
 }
 
 // The one place that changes an entry's local flag, which stays set until the entry is deleted. 0: memory ran out.

@@ -24,6 +24,11 @@ void mvpn_bgp_mdt_safi_delete_all();
 // first for a null key. Null at the end. Costs the same however many entries other groups have.
 mvpn_bgp_mdt_safi *mvpn_bgp_mdt_safi_of_group_after(ip_addr_t group, const mvpn_bgp_mdt_safi_key *key);
 
+// Look-ups of so many keys, at most MVPN_SAFI_EXPECTED, follow: has the memory fetched that they go through in their
+// groups. Neighbours in a message are mostly of different groups, each of which is cold. Changes nothing.
+constexpr uint32_t MVPN_SAFI_EXPECTED = 16;  // what they go through fits into the processor's first cache
+void mvpn_bgp_mdt_safi_expect(const mvpn_bgp_mdt_safi_key *keys, uint32_t count);
+
 // What an advertised key told the database.
 enum class mvpn_safi_lesson {
   known,    // an entry of its source and RD is there already, and keeps its group
