@@ -133,7 +133,7 @@ void write_platform(Exposition &out) {
   gauge("mvpn_stored_records", "Records in the persistent store.", ref::pss_records().size());
   out.gauge("mvpn_mdt_safi_entries", "MDT SAFI entries, this PE's own and those of others.");
   out.sample({{"origin", "local"}}, uint64_t{ref::bgp_local_entries().size()});
-  out.sample({{"origin", "remote"}}, uint64_t{ref::bgp_remote_entries().size()});
+  out.sample({{"origin", "remote"}}, uint64_t{ref::bgp_remote_count()});
 }
 
 void write_carrier(Exposition &out, const ref::GreUdpCarrier *carrier) {

@@ -114,7 +114,7 @@ void show_status(const ViewInput &input, Listing &listing) {
                uint64_t{vrfs.size()},
                static_cast<uint64_t>(up),
                uint64_t{ref::tunnels().size()},
-               uint64_t{ref::bgp_remote_entries().size()},
+               uint64_t{ref::bgp_remote_count()},
                sessions.neighbors,
                sessions.up,
                uint64_t{ref::mrib_routes().size()},

@@ -291,6 +291,8 @@ std::vector<MdtSafi> bgp_remote_entries() {
   return all;
 }
 
+size_t bgp_remote_count() { return state.remote.size(); }
+
 static void expect_remote(const std::vector<MdtSafi> &entries) {
   state.remote.expect(entries.size(), [&entries](size_t i) { return key_of(entries[i]); });
 }

@@ -26,6 +26,7 @@ void bgp_set_update_source(std::string_view interface_name, bool notify);  // em
 std::optional<std::vector<uint8_t>> bgp_parse_rd(std::string_view text);   // "65000:1", "10.0.0.1:5", "4200000000:1"
 std::vector<MdtSafi> bgp_local_entries();                                  // what the module advertises
 std::vector<MdtSafi> bgp_remote_entries();                                 // what remote PEs advertise
+size_t bgp_remote_count();                                                 // how many these are, at no cost
 // Remote entries: stored, and given to the module in messages of at most 100 entries.
 void bgp_add_remote(const std::vector<MdtSafi> &entries);
 void bgp_withdraw_remote(const std::vector<MdtSafi> &entries);
