@@ -1,16 +1,18 @@
 #!/usr/bin/env python3
 """The same routes fed to BIRD and to pimhostd: processor time and memory of a route, side by side.
 
-usage: bench_scale.py BIN_DIR [--routes 100000] [--vrfs 10,1000] [--rounds 3]
+usage: bench_scale.py BIN_DIR [--routes 100000] [--vrfs 10,1000] [--pes 0] [--rounds 3]
 
-One feeder speaks BGP on loopback and announces, then withdraws, so many routes: those of each VRF at each PE. A PE's routes
-share their attributes and a message, as a reflector sends them, at most 200 to a message. BIRD, which does not
-know MDT SAFI, takes each as a VPN-IPv4 route, whose key is the same: a distinguisher and an address. pimhostd makes a core
-route from each, sends it to the MRIB and has it acknowledged.
+One feeder speaks BGP on loopback and announces, then withdraws, so many routes: those of each VRF at each PE, or with
+--pes at its share of so many PEs. A PE's routes share their attributes and a message, as a reflector sends them, at most
+200 to a message. BIRD, which does not know MDT SAFI, takes each as a VPN-IPv4 route, whose key is the same: a
+distinguisher and an address. pimhostd makes a core route from each, sends it to the MRIB and has it acknowledged.
 
 Processor seconds are the process's own clock, all threads, less what it said before the feeder came; an update is over when
 that clock has stood for a second. Memory is the growth of the proportional set. Daemons take turns, each in a new process for
 each round, and the least of the rounds counts: others may compute on the machine.
+
+How many turns of pimhostd's main loop took more than a millisecond is real time, the machine's other work included.
 """
 
 import argparse
@@ -27,6 +29,7 @@ import sys
 import tempfile
 import threading
 import time
+import urllib.request
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tests/interop"))
 from network import Machine, wait_until  # noqa: E402
@@ -102,12 +105,13 @@ class MdtSafi:
         return update(b"", attribute(0x80, 15, struct.pack("!HB", 1, 66) + routes))
 
 
-def updates(family, vrfs, pes):
-    """All announcements and all withdrawals, as octets."""
+def updates(family, vrfs, pes, shares=1):
+    """All announcements and all withdrawals, as octets. A PE has every VRF, or one of so many equal shares of them."""
     announced, withdrawn = bytearray(), bytearray()
     for pe in range(pes):
-        for first in range(0, vrfs, ROUTES_A_MESSAGE):
-            routes = b"".join(family.nlri(vrf, pe) for vrf in range(first, min(first + ROUTES_A_MESSAGE, vrfs)))
+        own = range(pe % shares, vrfs, shares)
+        for first in range(0, len(own), ROUTES_A_MESSAGE):
+            routes = b"".join(family.nlri(vrf, pe) for vrf in own[first : first + ROUTES_A_MESSAGE])
             announced += family.announce(pe, routes)
             withdrawn += family.withdraw(routes)
     return bytes(announced), bytes(withdrawn)
@@ -165,6 +169,9 @@ class Bird:
         self.process = bench.machine.start("bird", tool("bird"), "-f", "-c", config, "-s", self.control).popen
         wait_until(self.control.exists, "BIRD runs")
 
+    def turns(self):
+        return 0, 0
+
     def routes(self):
         shown = subprocess.run([tool("birdc"), "-s", self.control, "show", "protocols", "all", "feeder"], check=True,
                                capture_output=True, text=True, timeout=PATIENCE).stdout
@@ -182,13 +189,20 @@ class Pimhostd:
             text += f"vrf v{vrf}\n  rd {AS}:{vrf}\n  mdt default {ipaddress.IPv4Address(FIRST_GROUP + vrf)}\n"
         lines = ["update-source core", f"local-as {AS}", f"router-id {DAEMON}", f"listen {DAEMON}:{bench.port}",
                  f"neighbor {FEEDER} remote-as {AS}", f"neighbor {FEEDER} passive"]
-        text += "bgp\n" + "".join(f"  {line}\n" for line in lines)
+        text += "bgp\n" + "".join(f"  {line}\n" for line in lines) + f"metrics listen {DAEMON}:{bench.metrics_port}\n"
+        self.metrics = f"http://{DAEMON}:{bench.metrics_port}/metrics"
         self.program = Program(bench.machine, bench.binaries, "pe", text, "pimhostd").start()
         self.process = self.program.process.popen
 
     def routes(self):
         """Of other PEs, in the MRIB."""
         return sum(group["remote-routes"] for group in self.program.document("core groups").get("core-group", []))
+
+    def turns(self):
+        """Of the main loop so far: all, and those of more than a millisecond."""
+        text = urllib.request.urlopen(self.metrics, timeout=PATIENCE).read().decode()
+        count = int(re.search(r"_turn_seconds_count (\d+)", text).group(1))
+        return count, count - int(re.search(r'_turn_seconds_bucket{le="0.001"} (\d+)', text).group(1))
 
 
 # ---------------------------------------------------------------------------------------------------------- measuring
@@ -229,9 +243,10 @@ class Bench:
         self.stack, self.binaries = stack, binaries.resolve()
         self.folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="mvpn-bench-scale-")))
         self.machine = Machine(self, "here", DAEMON)
-        with socket.socket() as probe:
+        with socket.socket() as probe, socket.socket() as another:
             probe.bind((DAEMON, 0))
-            self.port = probe.getsockname()[1]
+            another.bind((DAEMON, 0))
+            self.port, self.metrics_port = probe.getsockname()[1], another.getsockname()[1]
         self.daemon = daemon(self, vrfs)
         self.usage = Usage(self.daemon.process)
 
@@ -240,16 +255,19 @@ class Bench:
         announced, withdrawn = feed
         self.usage.at_rest()
         feeder = Feeder(self.stack, self.port, self.daemon.family)
+        turns = self.daemon.turns()
         start, octets = self.usage.at_rest(), self.usage.octets()
         feeder.send(announced)
         announce = self.usage.at_rest() - start
         memory = self.usage.octets() - octets
+        turns = [after - before for after, before in zip(self.daemon.turns(), turns)]
         self.expect(routes)
         start = self.usage.at_rest()
         feeder.send(withdrawn)
         withdraw = self.usage.at_rest() - start
         self.expect(0)
-        return {"announce": announce / routes, "withdraw": withdraw / routes, "memory": memory / routes}
+        return {"announce": announce / routes, "withdraw": withdraw / routes, "memory": memory / routes,
+                "long turns": turns[1] / max(turns[0], 1)}
 
     def expect(self, routes):
         if (found := self.daemon.routes()) != routes:
@@ -258,13 +276,17 @@ class Bench:
 
 def measure(options, vrfs):
     """The least of each measure for each daemon."""
-    pes = options.routes // vrfs
-    feeds = {daemon: updates(daemon.family, vrfs, pes) for daemon in (Bird, Pimhostd)}
+    pes_of_vrf = options.routes // vrfs
+    pes = max(options.pes, pes_of_vrf)
+    shares = pes // pes_of_vrf
+    if pes % pes_of_vrf != 0 or vrfs % shares != 0:
+        sys.exit(f"{vrfs} VRFs cannot each be at {pes_of_vrf} of {pes} PEs evenly")
+    feeds = {daemon: updates(daemon.family, vrfs, pes, shares) for daemon in (Bird, Pimhostd)}
     least = {daemon.name: {} for daemon in feeds}
     for _ in range(options.rounds):
         for daemon, feed in feeds.items():
             with contextlib.ExitStack() as stack:
-                for name, value in Bench(stack, options.binaries, daemon, vrfs).run(feed, pes * vrfs).items():
+                for name, value in Bench(stack, options.binaries, daemon, vrfs).run(feed, pes_of_vrf * vrfs).items():
                     least[daemon.name][name] = min(value, least[daemon.name].get(name, value))
     return least
 
@@ -277,7 +299,8 @@ def show(vrfs, pes, least):
     ratios = [own[name] / bird[name] for name in MEASURES]
     print(f"  {'pimhostd beside BIRD':32} {ratios[0]:9.2f} x {ratios[1]:9.2f} x {ratios[2]:9.2f} x")
     print(f"  pimhostd: {1 / own['announce']:,.0f} routes a processor second, BIRD {1 / bird['announce']:,.0f}; "
-          f"to withdraw costs {own['withdraw'] / own['announce']:.2f} x to announce", flush=True)
+          f"to withdraw costs {own['withdraw'] / own['announce']:.2f} x to announce")
+    print(f"  pimhostd: {own['long turns']:.2%} of the turns of its main loop took more than 1 ms while routes came", flush=True)
 
 
 def main():
@@ -285,6 +308,7 @@ def main():
     parser.add_argument("binaries", type=pathlib.Path)
     parser.add_argument("--routes", type=int, default=100000)
     parser.add_argument("--vrfs", default="10,1000", help="numbers of VRFs, with commas")
+    parser.add_argument("--pes", type=int, default=0, help="more PEs than a VRF has: each has a share of the VRFs")
     parser.add_argument("--rounds", type=int, default=3)
     options = parser.parse_args()
     own = []
