@@ -3,8 +3,10 @@
 #include "reflector/reflector.h"
 
 #include <sstream>
+#include <stdexcept>
 
 #include "host/bgp/bgp_views.h"
+#include "host/language/actions.h"
 
 namespace reflector {
 
@@ -59,6 +61,7 @@ Reflector::Reflector(Options options, host::Config config)
       signals_(io_, SIGINT, SIGTERM, SIGHUP),
       farewell_(io_),
       watchdog_(io_) {
+  check_actions();
   log_.set_level(options_.log_level);
   if (!options_.looking.path.empty())
     looking_.emplace(io_, options_.looking,
@@ -120,61 +123,82 @@ void Reflector::execute(const host::ControlServer::Request &request,
   if (!line.error.empty()) return refuse(line, host::kStatusSyntax, line.error, *channel);
   const host::Statement &statement = line.match.statements.front();
   if (is_view(statement)) return show(line, *channel);
-  if (statement.command == Command::monitor) return monitor_.serve(line, channel);
+  if (statement.effect == host::Effect::stream) return monitor_.serve(line, channel);
   const std::string reason = operate(statement, request.by);
   if (!reason.empty()) return refuse(line, host::kStatusFailed, reason + "\n", *channel);
   finish(line, "", *channel);
 }
 
+// Of the language's actions a reflector has these.
+const std::map<std::string_view, Reflector::View> Reflector::kViewActions = {
+    {"show_bgp_summary", &Reflector::show_summary},
+    {"show_bgp_neighbor", &Reflector::show_neighbors},
+    {"show_bgp_mdt", &Reflector::show_routes},
+    {"show_running_config", &Reflector::show_config},
+};
+const std::map<std::string_view, Reflector::Operation> Reflector::kOperations = {
+    {"log_level", &Reflector::set_log_level},
+    {"clear_bgp_neighbor", &Reflector::clear_neighbor},
+};
+
+void Reflector::check_actions() {
+  std::vector<host::OfferedAction> offered;
+  for (const auto &[name, view] : kViewActions) offered.push_back({std::string(name), true});
+  for (const auto &[name, operation] : kOperations) offered.push_back({std::string(name), false});
+  for (const std::string &fault : host::actions_without_line(offered))
+    throw std::runtime_error("the command language: " + fault);
+}
+
 // Empty: done; else why not.
 std::string Reflector::operate(const host::Statement &statement, const std::string &by) {
+  const auto operation = kOperations.find(statement.action);
+  if (operation == kOperations.end())
+    return "mdt-reflector has no such command; it is configured by its file, " + options_.config_file +
+           ", and reads it again on SIGHUP";
   events_.set_cause(by);
-  std::string reason;
-  if (statement.command == Command::log_level)
-    log_.set_level(*host::level_of(statement.arguments.front().name));
-  else if (statement.command == Command::clear_bgp_neighbor)
-    reason = bgp_.clear(statement);
-  else
-    reason = "mdt-reflector has no such command; it is configured by its file, " + options_.config_file +
-             ", and reads it again on SIGHUP";
+  const std::string reason = (this->*operation->second)(statement);
   if (reason.empty()) events_.publish({.what = host::CommandChange{statement.text}});
   events_.set_cause("");
   return reason;
 }
 
+std::string Reflector::set_log_level(const host::Statement &statement) {
+  log_.set_level(*host::level_of(statement.arguments.front().name));
+  return "";
+}
+
+std::string Reflector::clear_neighbor(const host::Statement &statement) { return bgp_.clear(statement); }
+
 void Reflector::show(const host::CommandLine &line, host::OutputChannel &channel) {
   const host::Statement &statement = line.match.statements.front();
-  if (statement.command == Command::show_bgp_neighbor)
-    if (const std::string reason = bgp_.missing_neighbor(statement); !reason.empty())
-      return refuse(line, host::kStatusFailed, reason + "\n", channel);
+  const auto view = kViewActions.find(statement.action);
+  std::string reason = "mdt-reflector has no such view; it has show bgp and show running-config";
+  if (view != kViewActions.end()) reason = bgp_.missing_neighbor(statement);
+  if (!reason.empty()) return refuse(line, host::kStatusFailed, reason + "\n", channel);
   const auto writer = host::writer_for(line, channel);
   output::Listing listing(*writer);
-  switch (statement.command) {
-    case Command::show_bgp_summary:
-      host::show_bgp_summary(bgp_, listing);
-      break;
-    case Command::show_bgp_neighbor: {
-      const std::string *address = find_argument(statement, "address");
-      host::show_bgp_neighbors(bgp_, address == nullptr ? 0 : host::address_value(*address), listing);
-      break;
-    }
-    case Command::show_bgp_mdt:
-      listing.begin(output::kBgp, find_argument(statement, "detail") != nullptr);
-      host::show_bgp_routes(
-          bgp_, [](const bgp::RouteKey &) { return std::string(); }, listing);
-      break;
-    case Command::show_running_config:
-      show_config(find_argument(statement, "passwords") != nullptr, listing);
-      break;
-    default:
-      return refuse(line, host::kStatusFailed,
-                    "mdt-reflector has no such view; it has show bgp and show running-config\n", channel);
-  }
+  (this->*view->second)(statement, listing);
   writer->finish();
   channel.end(host::kStatusDone);
 }
 
-void Reflector::show_config(bool passwords, output::Listing &listing) const {
+void Reflector::show_summary(const host::Statement &, output::Listing &listing) const {
+  host::show_bgp_summary(bgp_, listing);
+}
+
+void Reflector::show_neighbors(const host::Statement &statement, output::Listing &listing) const {
+  const std::string *address = find_argument(statement, "address");
+  host::show_bgp_neighbors(bgp_, address == nullptr ? 0 : host::address_value(*address), listing);
+}
+
+void Reflector::show_routes(const host::Statement &statement, output::Listing &listing) const {
+  listing.begin(output::kBgp, find_argument(statement, "detail") != nullptr);
+  host::show_bgp_routes(
+      bgp_, [](const bgp::RouteKey &) { return std::string(); }, listing);
+}
+
+void Reflector::show_config(const host::Statement &statement, output::Listing &listing) const {
+  const bool passwords = find_argument(statement, "passwords") != nullptr;
   listing.begin(output::kConfig);
   std::istringstream text(config_.print(passwords ? host::Config::Passwords::shown : host::Config::Passwords::hidden));
   for (std::string line; std::getline(text, line);)

@@ -10,8 +10,10 @@
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
+#include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/bgp/bgp_service.h"
@@ -53,7 +55,19 @@ class Reflector {
   void execute(const host::ControlServer::Request &request, const std::shared_ptr<host::OutputChannel> &channel);
   std::string operate(const host::Statement &statement, const std::string &by);
   void show(const host::CommandLine &line, host::OutputChannel &channel);
-  void show_config(bool passwords, output::Listing &listing) const;
+
+  using View = void (Reflector::*)(const host::Statement &, output::Listing &) const;
+  void show_summary(const host::Statement &statement, output::Listing &listing) const;
+  void show_neighbors(const host::Statement &statement, output::Listing &listing) const;
+  void show_routes(const host::Statement &statement, output::Listing &listing) const;
+  void show_config(const host::Statement &statement, output::Listing &listing) const;
+  // Empty: done; else why not.
+  using Operation = std::string (Reflector::*)(const host::Statement &);
+  std::string set_log_level(const host::Statement &statement);
+  std::string clear_neighbor(const host::Statement &statement);
+  static const std::map<std::string_view, View> kViewActions;
+  static const std::map<std::string_view, Operation> kOperations;
+  static void check_actions();  // throws when the command language has no such action
 
   Options options_;
   host::Log log_;

@@ -150,18 +150,17 @@ uint32_t Session::run(std::string_view text) {
     return Answer(format_, text).end(kStatusSyntax, error.reason);
   }
   const Statement &statement = match.statements.front();
-  const Command first = statement.command;
   uint32_t status = kStatusDone;
-  if (first != Command::configure || match.statements.size() > 1) {
+  if (statement.action != kConfigureAction || match.statements.size() > 1) {
     std::vector<std::string> command = target.words;
     command.insert(command.end(), words.begin() + static_cast<std::ptrdiff_t>(line.command.size()), words.end());
     status = send(target.before + (target.before.empty() ? "" : " ") + join_words(command), statement,
-                  !line.filters.no_more && first != Command::monitor);
+                  !line.filters.no_more && statement.effect != Effect::stream);
     if (!only_looks(statement)) names_.forget();
   }
   if (status != kStatusDone) return status;
   enter(target, match);
-  if (first == Command::abort && exclusive()) {
+  if (statement.action == kAbortAction && exclusive()) {
     root_ = kConfigure;
     moves({"end"});
   }
@@ -181,7 +180,7 @@ void Session::enter(const Target &target, const Match &match) {
   std::string before = target.before;
   for (const Statement &statement : match.statements) {
     before += (before.empty() ? "" : " ") + statement.text;
-    if (statement.command == Command::configure || statement.command == Command::configure_exclusive) root_ = before;
+    if (statement.enters == Mode::global) root_ = before;
   }
   mode_ = *last.enters;
   before_ = std::move(before);

@@ -28,7 +28,7 @@ output::LineFilter line_filter_of(LinePattern pattern) {
 }
 
 bool is_looking(const Statement &statement) {
-  if (statement.command == Command::monitor || statement.command == Command::show_metrics) return true;
+  if (statement.effect == Effect::stream || statement.effect == Effect::text) return true;
   return is_view(statement) && find_argument(statement, "passwords") == nullptr;
 }
 
@@ -50,7 +50,7 @@ CommandLine read_command_line(const ControlServer::Request &request, const std::
     read.error = error->reason + "\n";
     read.mark = point_out(words, *error);
   } else if (line.filtered && !is_view(read.match.statements.back()) &&
-             read.match.statements.back().command != Command::monitor) {
+             read.match.statements.back().effect != Effect::stream) {
     read.error = "only views can be filtered\n";
   }
   if (read.error.empty() && request.read_only && !is_looking(read.match.statements.front()))

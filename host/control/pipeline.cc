@@ -156,26 +156,26 @@ std::string point_out(const Words &words, const SyntaxError &error) {
 
 namespace {
 
-Command command_of(std::string_view line) {
+// What a command line begins with; nothing: it is wrong.
+std::optional<Statement> first_of(std::string_view line) {
   const Match match = match_line(Mode::exec, read_pipeline(split_pipeline(line)).command, true);
-  return match.error ? Command::none : match.statements.front().command;
+  return match.error ? std::nullopt : std::optional(match.statements.front());
 }
 
 }  // namespace
 
-bool is_endless(std::string_view line) { return command_of(line) == Command::monitor; }
+bool is_endless(std::string_view line) {
+  const auto first = first_of(line);
+  return first && first->effect == Effect::stream;
+}
 
 bool may_take_long(std::string_view line) {
-  const Command command = command_of(line);
-  return command == Command::monitor || command == Command::reload || command == Command::check;
+  const auto first = first_of(line);
+  return first && first->slow;
 }
 
-bool is_view(const Statement &statement) {
-  return statement.command >= Command::show_module && statement.command <= Command::show_clock;
-}
+bool is_view(const Statement &statement) { return statement.effect == Effect::view; }
 
-bool only_looks(const Statement &statement) {
-  return is_view(statement) || statement.command == Command::monitor || statement.command == Command::check;
-}
+bool only_looks(const Statement &statement) { return statement.effect != Effect::change; }
 
 }  // namespace host

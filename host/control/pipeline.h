@@ -49,7 +49,7 @@ bool may_take_long(std::string_view line);
 
 // Only the output of views can be filtered.
 bool is_view(const Statement &statement);
-// Views, `monitor`, `check`: what changes nothing.
+// What changes nothing.
 bool only_looks(const Statement &statement);
 
 }  // namespace host

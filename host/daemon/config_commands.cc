@@ -1,5 +1,8 @@
 #include "host/daemon/config_commands.h"
 
+#include <chrono>
+#include <optional>
+
 #include "host/daemon/config_work.h"
 
 namespace host {
@@ -10,39 +13,59 @@ std::optional<uint64_t> number_in(const Statement &statement, const char *name) 
   return value == nullptr ? std::nullopt : std::optional(number_value(*value));
 }
 
-}  // namespace
+ConfigWork::Asker asker_of(const OperationInput &input) { return {input.line.by, input.line.client}; }
 
-Outcome work_on_config(const CommandLine &line, ConfigWork &work) {
-  const Statement &statement = line.match.statements.front();
-  const std::vector<Statement> rest(line.match.statements.begin() + 1, line.match.statements.end());
-  const ConfigWork::Asker asker{line.by, line.client};
-  const bool force = find_argument(statement, "force") != nullptr;
-  switch (statement.command) {
-    case Command::configure:
-      if (rest.empty()) return {false, "what is to be configured? configure COMMAND\n"};
-      return work.configure(asker, rest);
-    case Command::configure_exclusive:
-      return rest.empty() ? work.take(asker) : work.edit(asker, rest);
-    case Command::commit: {
-      const auto minutes = number_in(statement, "minutes");
-      return work.commit(asker, minutes ? std::optional(std::chrono::minutes(*minutes)) : std::nullopt);
-    }
-    case Command::rollback:
-      return work.rollback(asker, number_in(statement, "steps"));
-    case Command::abort:
-      return work.abort(asker, force);
-    default:
-      return work.write(asker, force);
-  }
+// What stands behind the command.
+std::vector<Statement> rest_of(const OperationInput &input) {
+  return {input.line.match.statements.begin() + 1, input.line.match.statements.end()};
 }
 
-void try_config_file(const CommandLine &line, const Process &process, const std::shared_ptr<OutputChannel> &channel) {
-  const Statement &statement = line.match.statements.front();
-  const Process::Done done = [line, channel](bool passed, const std::string &text) {
+bool is_forced(const OperationInput &input) { return find_argument(input.statement, "force") != nullptr; }
+
+Process::Done answer_to(const CommandLine &line, const std::shared_ptr<OutputChannel> &channel) {
+  return [line, channel](bool passed, const std::string &text) {
     passed ? finish(line, text, *channel) : refuse(line, kStatusFailed, text, *channel);
   };
-  if (statement.command == Command::reload) return process.reload(line.by, done);
-  process.check(find_argument(statement, "strict") != nullptr, done);
+}
+
+}  // namespace
+
+Outcome configure(const OperationInput &input) {
+  const std::vector<Statement> rest = rest_of(input);
+  if (rest.empty()) return {false, "what is to be configured? configure COMMAND\n"};
+  return input.process.work->configure(asker_of(input), rest);
+}
+
+Outcome configure_exclusive(const OperationInput &input) {
+  const std::vector<Statement> rest = rest_of(input);
+  ConfigWork &work = *input.process.work;
+  return rest.empty() ? work.take(asker_of(input)) : work.edit(asker_of(input), rest);
+}
+
+Outcome commit(const OperationInput &input) {
+  const auto minutes = number_in(input.statement, "minutes");
+  return input.process.work->commit(asker_of(input),
+                                    minutes ? std::optional(std::chrono::minutes(*minutes)) : std::nullopt);
+}
+
+Outcome rollback(const OperationInput &input) {
+  return input.process.work->rollback(asker_of(input), number_in(input.statement, "steps"));
+}
+
+Outcome abort_candidate(const OperationInput &input) {
+  return input.process.work->abort(asker_of(input), is_forced(input));
+}
+
+Outcome write_config(const OperationInput &input) {
+  return input.process.work->write(asker_of(input), is_forced(input));
+}
+
+void reload_config(const OperationInput &input, const std::shared_ptr<OutputChannel> &channel) {
+  input.process.reload(input.line.by, answer_to(input.line, channel));
+}
+
+void check_config(const OperationInput &input, const std::shared_ptr<OutputChannel> &channel) {
+  input.process.check(find_argument(input.statement, "strict") != nullptr, answer_to(input.line, channel));
 }
 
 }  // namespace host

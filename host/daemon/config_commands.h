@@ -4,17 +4,20 @@
 
 #include <memory>
 
-#include "host/command/command_line.h"
-#include "host/daemon/process.h"
-#include "host/daemon/router.h"
+#include "host/daemon/action.h"
 
 namespace host {
 
-// `configure`, `commit`, `rollback`, `abort` and `write`.
-Outcome work_on_config(const CommandLine &line, ConfigWork &work);
+Outcome configure(const OperationInput &input);
+Outcome configure_exclusive(const OperationInput &input);
+Outcome commit(const OperationInput &input);
+Outcome rollback(const OperationInput &input);
+Outcome abort_candidate(const OperationInput &input);
+Outcome write_config(const OperationInput &input);
 
-// `reload` and `check`, which end the channel when the file has been tried.
-void try_config_file(const CommandLine &line, const Process &process, const std::shared_ptr<OutputChannel> &channel);
+// They end the channel when the file has been tried.
+void reload_config(const OperationInput &input, const std::shared_ptr<OutputChannel> &channel);
+void check_config(const OperationInput &input, const std::shared_ptr<OutputChannel> &channel);
 
 }  // namespace host
 

@@ -19,6 +19,7 @@
 #include "host/config/config_warnings.h"
 #include "host/daemon/metrics.h"
 #include "host/daemon/notifications.h"
+#include "host/daemon/operations.h"
 #include "platform/reference/diag.h"
 #include "platform/reference/oim.h"
 #include "platform/reference/pss.h"
@@ -72,7 +73,7 @@ Daemon::Daemon(DaemonOptions options, Config config)
   process_->reload = [this](const std::string &by, Process::Done done) { reload(by, std::move(done)); };
   process_->check = [this](bool strict, const Process::Done &done) { check(strict, done); };
   engine_.emplace(*router_, *process_);
-  if (options_.debug) engine_->debug("", true);
+  if (options_.debug) debug_module(*router_, "", true);
   open_sockets();
   if (!options_.agentx.empty()) start_agent();
   for (const std::string &line : described(options_.config_file, config_warnings(config)))

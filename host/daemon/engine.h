@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "host/command/command_line.h"
+#include "host/daemon/action.h"
 #include "host/daemon/router.h"
-#include "host/daemon/views.h"
 #include "host/event/log.h"
 #include "host/event/monitor.h"
 
@@ -21,15 +21,12 @@ namespace host {
 
 class Engine {
  public:
-  // Both outlive it.
+  // Both outlive it. Throws std::runtime_error when the command language and the daemon's actions do not match.
   Engine(Router &router, const Process &process);
   ~Engine();
 
   // Runs a command line and ends the channel when it is done. On the main thread, with the scheduling locks.
   void execute(const ControlServer::Request &request, const std::shared_ptr<OutputChannel> &channel);
-
-  // Debug messages of the module: all VRFs when the name is empty.
-  void debug(const std::string &vrf, bool detail);
 
   // No view is running.
   bool idle() const { return running_views_ == 0; }
@@ -38,18 +35,17 @@ class Engine {
   struct ViewRun {
     Engine *engine;
     CommandLine line;
+    const Action *action;  // null: the module's
     std::shared_ptr<OutputChannel> channel;
 
     const Statement &statement() const { return line.match.statements.front(); }
   };
 
-  void run(const CommandLine &line, const std::shared_ptr<OutputChannel> &channel);
+  void run(const CommandLine &line, const Action *action, const std::shared_ptr<OutputChannel> &channel);
   void start_view(std::unique_ptr<ViewRun> run);
   static void *view_thread(void *argument);
   void show(const ViewRun &run);
   void show_module(const ViewRun &run);
-  Outcome operate(const CommandLine &line);
-  void debug_off();
 
   Router &router_;
   const Process &process_;

@@ -92,6 +92,11 @@ void show_neighbors(const ViewInput &input, Listing &listing) {
   show_bgp_neighbors(bgp_of(input), address == nullptr ? 0 : address_value(*address), listing);
 }
 
+std::string missing_neighbor(const ViewInput &input) {
+  const std::string reason = bgp_of(input).missing_neighbor(input.statement);
+  return reason.empty() ? "" : reason + "\n";
+}
+
 Row entry_row(const ref::MdtSafi &entry, const char *origin) {
   Row row = {address_text(entry.source), mvpn_bgp_print_rd(entry.rd), address_text(entry.group), origin,
              entry.vrf_name.empty() ? Cell() : Cell(entry.vrf_name)};
@@ -301,35 +306,31 @@ void show_clock(const ViewInput &, Listing &listing) {
 
 CounterBase counters_now() { return {ref::pim_counters(), ref::mrib_updates_total(), refused_announcements()}; }
 
-bool show_view(const ViewInput &input, Listing &listing) {
-  using View = void (*)(const ViewInput &, Listing &);
-  static const std::map<Command, View> views = {
-      {Command::show_vrfs, show_vrfs},
-      {Command::show_version, show_version},
-      {Command::show_status, show_status},
-      {Command::show_interfaces, show_interfaces},
-      {Command::show_tunnels, show_tunnels},
-      {Command::show_bgp_summary, show_summary},
-      {Command::show_bgp_neighbor, show_neighbors},
-      {Command::show_bgp_mdt, show_bgp_mdt},
-      {Command::show_mrib_routes, show_mrib_routes},
-      {Command::show_mrib_encaps, show_mrib_encaps},
-      {Command::show_core_groups, show_core_groups},
-      {Command::show_customer_routes, show_customer_routes},
-      {Command::show_forwarding, show_forwarding},
-      {Command::show_forwarding_events, show_forwarding_events},
-      {Command::show_events, show_events},
-      {Command::show_counters, show_counters},
-      {Command::show_running_config, show_running_config},
-      {Command::show_config_diff, show_config_diff},
-      {Command::show_config_candidate, show_config_candidate},
-      {Command::show_config_former, show_config_former},
-      {Command::show_clock, show_clock},
+const std::vector<Action> &view_actions() {
+  static const std::vector<Action> rows = {
+      {"show_vrfs", show_vrfs},
+      {"show_version", show_version},
+      {"show_status", show_status},
+      {"show_interfaces", show_interfaces},
+      {"show_tunnels", show_tunnels},
+      {"show_bgp_summary", show_summary},
+      {.name = "show_bgp_neighbor", .does = show_neighbors, .refusal = missing_neighbor},
+      {"show_bgp_mdt", show_bgp_mdt},
+      {"show_mrib_routes", show_mrib_routes},
+      {"show_mrib_encaps", show_mrib_encaps},
+      {"show_core_groups", show_core_groups},
+      {"show_customer_routes", show_customer_routes},
+      {.name = "show_forwarding", .does = show_forwarding, .tells_of_forwarder = true},
+      {.name = "show_forwarding_events", .does = show_forwarding_events, .tells_of_forwarder = true},
+      {"show_events", show_events},
+      {"show_counters", show_counters},
+      {"show_running_config", show_running_config},
+      {"show_config_diff", show_config_diff},
+      {"show_config_candidate", show_config_candidate},
+      {"show_config_former", show_config_former},
+      {"show_clock", show_clock},
   };
-  const auto view = views.find(input.statement.command);
-  if (view == views.end()) return false;
-  view->second(input, listing);
-  return true;
+  return rows;
 }
 
 }  // namespace host

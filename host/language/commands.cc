@@ -3,6 +3,7 @@
 // Builders keep the tables readable. A keyword or argument is built with its help, then completed with what follows:
 //   .then({...})     words that follow          .with({...})   options, in any order
 //   .runs(command)   the line may end here      .undone()      ... in its "no" form only
+//   .acts(name)      the same outside of the configuration, .shows(name) for a view: the daemon's action of that name
 #include <utility>
 
 #include "host/language/grammar.h"
@@ -24,6 +25,18 @@ struct Build : Word {
     command = what;
     handler = std::move(registered);
     ends = Ends::always;
+    return std::move(*this);
+  }
+  // A line of Mode::exec.
+  Build acts(std::string does, Effect what = Effect::change) && {
+    action = std::move(does);
+    effect = what;
+    ends = Ends::always;
+    return std::move(*this);
+  }
+  Build shows(std::string does) && { return std::move(*this).acts(std::move(does), Effect::view); }
+  Build takes_long() && {
+    slow = true;
     return std::move(*this);
   }
   Build undone(Command what, std::string registered = {}) && {
@@ -386,8 +399,16 @@ std::vector<Word> bgp_words() {
   };
 }
 
+// A view of the module.
+Build handled(Build word, std::string handler) {
+  word.handler = std::move(handler);
+  word.effect = Effect::view;
+  word.ends = Ends::always;
+  return word;
+}
+
 Build module_view(std::string text, std::string help, std::string handler) {
-  return keyword(std::move(text), std::move(help)).runs(Command::show_module, std::move(handler));
+  return handled(keyword(std::move(text), std::move(help)), std::move(handler));
 }
 
 Word show_mvpn_words() {
@@ -397,8 +418,8 @@ Word show_mvpn_words() {
                      module_view("route", "Core routes of every VRF", "mvpn_show_mdt_route_cmd"),
                      module_view("bgp", "MDT SAFI database", "mvpn_show_mdt_bgp_cmd")
                          .recorded("pim")
-                         .then({argument(ValueType::address, "A.B.C.D", "<src-addr>", "Entries of one PE")
-                                    .runs(Command::show_module, "mvpn_show_mdt_bgp_cmd")}),
+                         .then({handled(argument(ValueType::address, "A.B.C.D", "<src-addr>", "Entries of one PE"),
+                                        "mvpn_show_mdt_bgp_cmd")}),
                      module_view("encap", "Encapsulation table", "mvpn_show_mdt_encap_cmd").with({vrf_option()}),
                      module_view("receive", "Data MDTs that other PEs announce", "mvpn_show_mdt_receive_cmd")
                          .with({detail_option(), vrf_option()}),
@@ -408,8 +429,7 @@ Word show_mvpn_words() {
                                     .then({number("<min>", "Minutes", 1, 10080)}),
                                 vrf_option()}),
                  });
-  Word mrib = keyword("mrib", "Updates to the MRIB")
-                  .runs(Command::show_module, "mvpn_show_internal_mrib_txlist_cmd")
+  Word mrib = module_view("mrib", "Updates to the MRIB", "mvpn_show_internal_mrib_txlist_cmd")
                   .with({flag("mrib-buffers", "Update buffers"), flag("mrib-txlist", "Routes that wait")});
   return keyword("mvpn", "Multicast VPN")
       .then({
@@ -425,42 +445,42 @@ Word show_mvpn_words() {
 }
 
 Word show_words() {
-  const auto view = [](std::string text, std::string help, Command command) {
-    return keyword(std::move(text), std::move(help)).runs(command);
+  const auto view = [](std::string text, std::string help, std::string action) {
+    return keyword(std::move(text), std::move(help)).shows(std::move(action));
   };
   return keyword("show", "Shows state")
       .then({
           show_mvpn_words(),
-          view("vrfs", "VRFs, and why one is not up", Command::show_vrfs),
-          view("version", "The program and its module", Command::show_version),
-          view("status", "The program: uptime, memory, counts", Command::show_status),
-          view("interfaces", "Interfaces", Command::show_interfaces),
-          view("tunnels", "Tunnels, as the tunnel manager holds them", Command::show_tunnels),
+          view("vrfs", "VRFs, and why one is not up", "show_vrfs"),
+          view("version", "The program and its module", "show_version"),
+          view("status", "The program: uptime, memory, counts", "show_status"),
+          view("interfaces", "Interfaces", "show_interfaces"),
+          view("tunnels", "Tunnels, as the tunnel manager holds them", "show_tunnels"),
           keyword("bgp", "BGP")
-              .then({view("summary", "The speaker and its sessions", Command::show_bgp_summary),
-                     view("neighbor", "Everything about neighbours", Command::show_bgp_neighbor)
+              .then({view("summary", "The speaker and its sessions", "show_bgp_summary"),
+                     view("neighbor", "Everything about neighbours", "show_bgp_neighbor")
                          .then({argument(ValueType::unicast, "A.B.C.D", "address", "One of them")
-                                    .runs(Command::show_bgp_neighbor)}),
-                     view("mdt", "MDT SAFI routes, as BGP holds them", Command::show_bgp_mdt).with({detail_option()})}),
+                                    .shows("show_bgp_neighbor")}),
+                     view("mdt", "MDT SAFI routes, as BGP holds them", "show_bgp_mdt").with({detail_option()})}),
           keyword("mrib", "Multicast routing information base")
-              .then({view("routes", "Core routes", Command::show_mrib_routes).with({detail_option()}),
-                     view("encaps", "Encapsulations of the VRFs", Command::show_mrib_encaps)}),
-          keyword("core", "The core").then({view("groups", "Provider groups in use", Command::show_core_groups)}),
-          view("customer-routes", "Customer routes", Command::show_customer_routes).with({vrf_option()}),
-          view("forwarding", "What the forwarder carries", Command::show_forwarding)
+              .then({view("routes", "Core routes", "show_mrib_routes").with({detail_option()}),
+                     view("encaps", "Encapsulations of the VRFs", "show_mrib_encaps")}),
+          keyword("core", "The core").then({view("groups", "Provider groups in use", "show_core_groups")}),
+          view("customer-routes", "Customer routes", "show_customer_routes").with({vrf_option()}),
+          view("forwarding", "What the forwarder carries", "show_forwarding")
               .with({vrf_option()})
-              .then({view("events", "What happened to the forwarder", Command::show_forwarding_events)}),
-          view("events", "Event history and error reports of the module", Command::show_events)
+              .then({view("events", "What happened to the forwarder", "show_forwarding_events")}),
+          view("events", "Event history and error reports of the module", "show_events")
               .with({keyword("last", "Only the latest").then({number("last", "How many", 1, 10000)})}),
-          view("counters", "Counters", Command::show_counters),
-          view("running-config", "The configuration as a file, without passwords", Command::show_running_config)
+          view("counters", "Counters", "show_counters"),
+          view("running-config", "The configuration as a file, without passwords", "show_running_config")
               .with({flag("passwords", "With them: a file that loads to the same")}),
           keyword("configuration", "Work on the configuration")
-              .then({view("diff", "What runs, against the file", Command::show_config_diff),
-                     view("candidate", "The candidate, against what runs", Command::show_config_candidate),
-                     view("former", "What ran before", Command::show_config_former)}),
-          view("clock", "The platform's clock", Command::show_clock),
-          keyword("metrics", "Metrics, as a monitoring system reads them").runs(Command::show_metrics),
+              .then({view("diff", "What runs, against the file", "show_config_diff"),
+                     view("candidate", "The candidate, against what runs", "show_config_candidate"),
+                     view("former", "What ran before", "show_config_former")}),
+          view("clock", "The platform's clock", "show_clock"),
+          keyword("metrics", "Metrics, as a monitoring system reads them").acts("show_metrics", Effect::text),
       });
 }
 
@@ -474,75 +494,76 @@ Word test_words() {
   };
   const auto receiver = [](std::string text, std::string help) {
     return flag(std::move(text), std::move(help))
-        .then({interface_name("oif", "Interface of the VRF, or mvpn for its tunnel").runs(Command::test_receiver)});
+        .then({interface_name("oif", "Interface of the VRF, or mvpn for its tunnel").acts("test_receiver")});
   };
   return keyword("test", "Makes something happen that the configuration does not keep")
       .then({
           keyword("interface", "Link state")
               .then({interface_name("interface", "Name of the interface")
-                         .then({flag("up", "The link comes up").runs(Command::test_interface),
-                                flag("down", "The link fails").runs(Command::test_interface)})}),
+                         .then({flag("up", "The link comes up").acts("test_interface"),
+                                flag("down", "The link fails").acts("test_interface")})}),
           keyword("flow", "Traffic of a customer route")
               .then({flow({keyword("rate", "Its rate from now on")
-                               .then({number("rate", "kbit/s", 0, kMaxRate).runs(Command::test_flow)})})}),
+                               .then({number("rate", "kbit/s", 0, kMaxRate).acts("test_flow")})})}),
           keyword("receiver", "Receivers of a customer route")
               .then({flow(
                   {receiver("join", "Receivers appear behind an interface"), receiver("leave", "They are gone")})}),
           keyword("remote-pe", "MDT SAFI entry of a PE that exists only here")
-              .then(
-                  {argument(ValueType::unicast, "A.B.C.D", "source", "Address of the PE")
-                       .then({argument(ValueType::rd, "RD", "rd", "Its route distinguisher")
-                                  .then({argument(ValueType::group, "GROUP", "group", "Default MDT group")
-                                             .then({flag("advertise", "The PE joins").runs(Command::test_remote_pe),
-                                                    flag("withdraw", "It leaves").runs(Command::test_remote_pe)})})})}),
-          keyword("statistics", "Runs a statistics pass now").runs(Command::test_statistics),
+              .then({argument(ValueType::unicast, "A.B.C.D", "source", "Address of the PE")
+                         .then({argument(ValueType::rd, "RD", "rd", "Its route distinguisher")
+                                    .then({argument(ValueType::group, "GROUP", "group", "Default MDT group")
+                                               .then({flag("advertise", "The PE joins").acts("test_remote_pe"),
+                                                      flag("withdraw", "It leaves").acts("test_remote_pe")})})})}),
+          keyword("statistics", "Runs a statistics pass now").acts("test_statistics"),
       });
 }
 
 Word clear_bgp_words() {
   const std::vector<Word> kinds = {
       keyword("soft", "Without ending the session")
-          .then({flag("in", "Asks for the neighbour's routes again").runs(Command::clear_bgp_neighbor),
-                 flag("out", "Sends it ours again").runs(Command::clear_bgp_neighbor)})};
+          .then({flag("in", "Asks for the neighbour's routes again").acts("clear_bgp_neighbor"),
+                 flag("out", "Sends it ours again").acts("clear_bgp_neighbor")})};
   return keyword("bgp", "BGP sessions")
       .then({keyword("neighbor", "Ends the session and begins another")
                  .then({argument(ValueType::unicast, "A.B.C.D", "address", "Address of the neighbour")
-                            .runs(Command::clear_bgp_neighbor)
+                            .acts("clear_bgp_neighbor")
                             .then(kinds),
-                        flag("all", "Every neighbour").runs(Command::clear_bgp_neighbor).then(kinds)})});
+                        flag("all", "Every neighbour").acts("clear_bgp_neighbor").then(kinds)})});
 }
 
 std::vector<Word> exec_words() {
   const auto log_level = [](std::string text, std::string help) {
-    return flag(std::move(text), std::move(help)).runs(Command::log_level);
+    return flag(std::move(text), std::move(help)).acts("log_level");
   };
   return {
       show_words(),
       keyword("configure", "Changes the configuration")
-          .runs(Command::configure)
+          .acts(std::string(kConfigureAction))
           .opens(Mode::global)
           .then({keyword("exclusive", "Changes a candidate, which runs with commit; others wait")
-                     .runs(Command::configure_exclusive)
+                     .acts("configure_exclusive")
                      .opens(Mode::global)}),
       keyword("commit", "The candidate runs from now on; confirms a former commit")
-          .runs(Command::commit)
+          .acts("commit")
           .with({keyword("confirmed", "What ran before comes back unless another commit comes in time")
                      .then({number("minutes", "Minutes", 1, 1440)})}),
       keyword("rollback", "What ran before runs again; the candidate starts anew from what runs")
-          .runs(Command::rollback)
-          .then({number("steps", "Which, 1 is the latest: show configuration former", 1, 10).runs(Command::rollback)}),
+          .acts("rollback")
+          .then({number("steps", "Which, 1 is the latest: show configuration former", 1, 10).acts("rollback")}),
       keyword("abort", "Drops the candidate")
-          .runs(Command::abort)
-          .then({flag("force", "Also somebody else's").runs(Command::abort)}),
+          .acts(std::string(kAbortAction))
+          .then({flag("force", "Also somebody else's").acts(std::string(kAbortAction))}),
       keyword("write", "Writes what runs to the configuration file")
-          .runs(Command::write)
-          .then({flag("force", "Also over a file that was changed meanwhile").runs(Command::write)}),
-      keyword("reload", "Reads the configuration file again, as SIGHUP does").runs(Command::reload),
+          .acts("write")
+          .then({flag("force", "Also over a file that was changed meanwhile").acts("write")}),
+      keyword("reload", "Reads the configuration file again, as SIGHUP does").acts("reload").takes_long(),
       keyword("check", "Tries the configuration file and changes nothing")
-          .runs(Command::check)
-          .then({flag("strict", "Warnings are errors").runs(Command::check)}),
+          .acts("check", Effect::trial)
+          .takes_long()
+          .then({flag("strict", "Warnings are errors").acts("check", Effect::trial).takes_long()}),
       keyword("monitor", "Changes of state as they happen, until Ctrl-C")
-          .runs(Command::monitor)
+          .acts("monitor", Effect::stream)
+          .takes_long()
           .with({flag("json", "A JSON document in each line")}),
       keyword("log", "The daemon's log")
           .then({keyword("level", "The least that is written; until the daemon ends")
@@ -551,20 +572,19 @@ std::vector<Word> exec_words() {
                             log_level("info", "Changes of tunnels, PEs and data MDTs too"),
                             log_level("debug", "Everything")})}),
       keyword("clear", "Starts records anew")
-          .then({keyword("counters", "Counters").runs(Command::clear_counters),
-                 keyword("events", "Event history and error reports").runs(Command::clear_events), clear_bgp_words()}),
+          .then({keyword("counters", "Counters").acts("clear_counters"),
+                 keyword("events", "Event history and error reports").acts("clear_events"), clear_bgp_words()}),
       keyword("debug", "Debug messages, on the daemon's log")
-          .then({keyword("mvpn", "Multicast VPN").runs(Command::debug_mvpn).with({vrf_option(), detail_option()})}),
-      keyword("no", "Ends something").then({keyword("debug", "Debug messages").runs(Command::debug_off)}),
+          .then({keyword("mvpn", "Multicast VPN").acts("debug_mvpn").with({vrf_option(), detail_option()})}),
+      keyword("no", "Ends something").then({keyword("debug", "Debug messages").acts("debug_off")}),
       test_words(),
       keyword("capture", "A file of core packets, for packet analysers")
           .then({keyword("start", "Writes them from now on")
                      .then({argument(ValueType::path, "PATH", "path", "File")
-                                .runs(Command::capture_start)
+                                .acts("capture_start")
                                 .with({flag("append", "Behind what the file holds; otherwise it begins anew")})}),
-                 keyword("stop", "Ends it").runs(Command::capture_stop),
-                 keyword("rotate", "Keeps the file under another name and begins it anew")
-                     .runs(Command::capture_rotate)}),
+                 keyword("stop", "Ends it").acts("capture_stop"),
+                 keyword("rotate", "Keeps the file under another name and begins it anew").acts("capture_rotate")}),
   };
 }
 

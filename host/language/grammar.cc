@@ -118,6 +118,9 @@ void record(Statement &statement, const Word &word, const std::string &value) {
 
 void complete(Statement &statement, const Word &end) {
   statement.command = end.command;
+  statement.action = end.action;
+  statement.effect = end.effect;
+  statement.slow = end.slow;
   statement.handler = end.handler;
   statement.on_by_default = end.on_by_default;
   statement.enters = end.enters;

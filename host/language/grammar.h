@@ -19,10 +19,9 @@ namespace host {
 enum class Mode { exec, global, pim, core, forwarding, interface, vrf, bgp };
 constexpr Mode kLastMode = Mode::bgp;
 
-// What a complete line does.
+// What a line of the configuration is. Blocks keep their lines in this order.
 enum class Command {
   none,
-  // configuration
   hostname,
   clock_scale,
   feature_mvpn,
@@ -62,54 +61,20 @@ enum class Command {
   outer_tos,
   outer_df,
   netns,
-  // operation
-  configure,
-  monitor,
-  log_level,
-  configure_exclusive,
-  commit,
-  rollback,
-  abort,
-  write,
-  reload,
-  check,
-  show_module,
-  show_vrfs,
-  show_version,
-  show_status,
-  show_interfaces,
-  show_tunnels,
-  show_bgp_summary,
-  show_bgp_neighbor,
-  show_bgp_mdt,
-  show_mrib_routes,
-  show_mrib_encaps,
-  show_core_groups,
-  show_customer_routes,
-  show_forwarding,
-  show_forwarding_events,
-  show_events,
-  show_counters,
-  show_running_config,
-  show_config_diff,
-  show_config_candidate,
-  show_config_former,
-  show_clock,
-  show_metrics,
-  clear_counters,
-  clear_events,
-  clear_bgp_neighbor,
-  debug_mvpn,
-  debug_off,
-  test_interface,
-  test_flow,
-  test_receiver,
-  test_remote_pe,
-  test_statistics,
-  capture_start,
-  capture_stop,
-  capture_rotate,
 };
+
+// What a line of Mode::exec is to those who let it in, wait for its answer and record it.
+enum class Effect {
+  change,  // recorded
+  view,    // rows, which can be filtered
+  text,    // shown as it is
+  stream,  // goes on until the client ends it; can be filtered
+  trial,   // changes nothing, but costs more than looking
+};
+
+// Actions after which a client goes on in another way.
+inline constexpr std::string_view kConfigureAction = "configure";
+inline constexpr std::string_view kAbortAction = "abort";
 
 // What an argument names, of what the daemon has.
 enum class NameKind { none, vrf, interface };
@@ -132,10 +97,14 @@ struct Word {
   std::vector<Word> next;
   std::vector<Word> options = {};  // any order, each once unless it repeats; each is a keyword, or one with an argument
   bool repeats = false;
-  // What a line that ends here does.
+  // What a line that ends here does. In Mode::exec it names an action of the daemon or a handler; else it has a
+  // command, and a handler when it is the module's.
   Ends ends = Ends::never;
   Command command = Command::none;
-  std::string handler = {};         // registered handler that it goes to; empty: the host's own
+  std::string action = {};          // by the name under which the daemon has it
+  Effect effect = Effect::change;   // of Mode::exec
+  bool slow = false;                // nothing may come for long in answer to it
+  std::string handler = {};         // that the module registered under this name
   std::optional<Mode> enters = {};  // the rest of the line, or the lines of the block, are in this mode
   bool on_by_default = false;       // configuration keeps the "no" form
 };
@@ -149,8 +118,11 @@ struct Argument {
 // A line of one mode.
 struct Statement {
   Mode mode = Mode::exec;           // that the line stands in
-  Command command = Command::none;  // what it does
-  std::string handler;              // as Word::handler
+  Command command = Command::none;  // of the configuration: what it says
+  std::string action;               // as Word::action, effect, slow and handler
+  Effect effect = Effect::change;
+  bool slow = false;
+  std::string handler;
   bool no = false;                  // the line begins with "no"
   bool on_by_default = false;       // as Word::on_by_default
   std::optional<Mode> enters;       // of a block's header: the block's mode

@@ -16,7 +16,7 @@ TEST(GrammarTest, ALineMayEnterBlocks) {
   const Match found = match(Mode::exec, "configure vrf red no mdt default 239.1.1.1");
   ASSERT_FALSE(found.error);
   ASSERT_EQ(found.statements.size(), 3u);
-  EXPECT_EQ(found.statements[0].command, Command::configure);
+  EXPECT_EQ(found.statements[0].action, "configure");
   EXPECT_EQ(found.statements[1].arguments, (std::vector<Argument>{{"name", "red"}}));
   EXPECT_TRUE(found.statements[2].no);
   EXPECT_EQ(found.statements[2].handler, "mdt_default_cmd");
