@@ -1,5 +1,6 @@
 // A pipe or terminal is opened anew, since O_NONBLOCK belongs to what others write through too; where that is not
-// possible it is asked whether it takes a line. A line is no longer than a pipe takes as a whole.
+// possible it is asked whether it takes a line. A line is no longer than a pipe takes as a whole. syslog is spoken to
+// over a socket of our own, since the C library's waits while that one's queue is full.
 #include "host/event/log.h"
 
 #include <fcntl.h>
@@ -7,11 +8,15 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <ctime>
+#include <utility>
 
 #include "host/output/wall_time.h"
 
@@ -24,19 +29,32 @@ bool is_journal(const struct stat &status) {
   return stream != nullptr && std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == stream;
 }
 
+// A socket that is connected to a path; -1: nobody listens there.
+int connected_to(const std::string &path) {
+  sockaddr_un address{};
+  if (path.size() >= sizeof address.sun_path) return -1;
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, path.size());
+  const int made = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (made < 0 || connect(made, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) return made;
+  close(made);
+  return -1;
+}
+
 }  // namespace
 
-Log::Log(const char *program, bool to_syslog) : program_(program), descriptor_(STDERR_FILENO) {
+Log::Log(const char *program, bool to_syslog, std::string syslog_socket)
+    : program_(program), syslog_socket_(std::move(syslog_socket)), descriptor_(STDERR_FILENO) {
   if (!to_syslog) {
     open_standard_error();
     return;
   }
   target_ = Target::syslog;
-  openlog(program, LOG_PID, LOG_DAEMON);
+  descriptor_ = connected_to(syslog_socket_);
 }
 
 Log::~Log() {
-  if (descriptor_ != STDERR_FILENO) close(descriptor_);
+  if (descriptor_ != STDERR_FILENO && descriptor_ >= 0) close(descriptor_);
 }
 
 void Log::open_standard_error() {
@@ -58,27 +76,49 @@ void Log::write_always(Level level, std::string_view text) {
   const uint64_t missing = dropped_ - told_;
   if (missing > 0) {
     const std::string words = std::to_string(missing) + " lines of the log are missing here: nobody read them";
-    if (send(Level::warning, line_of(Level::warning, words))) told_ += missing;
+    if (send(line_of(Level::warning, words))) told_ += missing;
   }
-  if (!send(level, line_of(level, text))) dropped_++;
+  if (!send(line_of(level, text))) dropped_++;
 }
 
 std::string Log::line_of(Level level, std::string_view text) const {
   std::string line;
   if (target_ == Target::journal)
     line = "<" + std::to_string(static_cast<int>(level)) + ">";
-  else if (target_ != Target::syslog)
+  else if (target_ == Target::syslog)
+    line = syslog_head(level);
+  else
     line =
         output::wall_time(std::chrono::system_clock::now()) + " " + std::string(name_of(level)) + " " + program_ + ": ";
   line += text.substr(0, PIPE_BUF - 100);  // what stands in front is shorter than 100
   return line + "\n";
 }
 
-bool Log::send(Level level, const std::string &line) const {
-  if (target_ == Target::syslog) {
-    syslog(static_cast<int>(level), "%s", line.c_str());
-    return true;
+// "<PRIORITY>Mmm dd hh:mm:ss PROGRAM[PROCESS]: ", local time, as syslog reads it from programs of its machine.
+std::string Log::syslog_head(Level level) const {
+  const time_t now = time(nullptr);
+  tm local{};
+  char when[20] = "";
+  if (localtime_r(&now, &local) != nullptr) std::strftime(when, sizeof when, "%b %e %H:%M:%S ", &local);
+  return "<" + std::to_string(LOG_DAEMON | static_cast<int>(level)) + ">" + when + program_ + "[" +
+         std::to_string(getpid()) + "]: ";
+}
+
+// A service that was started anew has another socket at its path.
+bool Log::send_to_syslog(const std::string &line) {
+  const std::string_view text = std::string_view(line).substr(0, line.size() - 1);  // a datagram is a line
+  for (const bool again : {true, false}) {
+    if (descriptor_ < 0) descriptor_ = connected_to(syslog_socket_);
+    if (descriptor_ < 0) return false;
+    if (::send(descriptor_, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return true;
+    if (errno == EAGAIN || errno == EWOULDBLOCK || !again) return false;
+    close(std::exchange(descriptor_, -1));
   }
+  return false;
+}
+
+bool Log::send(const std::string &line) {
+  if (target_ == Target::syslog) return send_to_syslog(line);
   const auto size = static_cast<ssize_t>(line.size());
   if (target_ == Target::journal || target_ == Target::socket)
     return ::send(descriptor_, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL) == size;

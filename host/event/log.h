@@ -19,7 +19,8 @@ class Log {
  public:
   // program: name in front of each line; outlives the log. Standard error is looked at once: lines for the journal bear
   // its level prefix and no time of their own.
-  Log(const char *program, bool to_syslog);
+  // syslog_socket: where syslog listens for datagrams.
+  Log(const char *program, bool to_syslog, std::string syslog_socket = "/dev/log");
   ~Log();
   Log(const Log &) = delete;
   Log &operator=(const Log &) = delete;
@@ -39,11 +40,16 @@ class Log {
 
   void open_standard_error();
   std::string line_of(Level level, std::string_view text) const;
-  bool send(Level level, const std::string &line) const;
+  std::string syslog_head(Level level) const;
+  bool send(const std::string &line);
+  bool send_to_syslog(const std::string &line);
 
   const char *program_;
+  std::string syslog_socket_;
   Target target_ = Target::stream;
-  int descriptor_;  // own one for a pipe or terminal, which is then non-blocking for nobody else
+  // Own one for a pipe or terminal, which is then non-blocking for nobody else; of syslog's socket, -1 while that is
+  // away.
+  int descriptor_;
   std::atomic<Level> level_ = Level::info;
   std::mutex mutex_;
   std::atomic<uint64_t> dropped_ = 0;
