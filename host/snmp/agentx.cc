@@ -506,6 +506,7 @@ class AgentX::Worker {
     std::shared_ptr<Main> main;
     Impl *impl = nullptr;             // of the thread, which alone uses it
     std::atomic<size_t> waiting = 0;  // notifications
+    std::atomic<uint64_t> lost = 0;   // since fewer waited
     boost::asio::io_context io{1};
     std::mutex mutex;
     std::condition_variable changed;
@@ -558,11 +559,20 @@ void AgentX::Worker::serve(Shared &shared, const std::string &address, Options o
   shared.impl = nullptr;
 }
 
+const std::string kMany = std::to_string(AgentX::kMostWaiting);
+
 void AgentX::Worker::notify(Notification notification) {
-  if (shared_->waiting >= kMostWaiting) return;
+  if (shared_->waiting >= kMostWaiting) {
+    if (shared_->lost++ == 0)
+      Main::log(shared_->main, "SNMP: notifications are lost: " + kMany + " wait for the master");
+    return;
+  }
   shared_->waiting++;
   boost::asio::post(shared_->io, [shared = shared_.get(), notification = std::move(notification)] {
-    shared->waiting--;
+    const size_t left = --shared->waiting;
+    const uint64_t lost = left == 0 ? shared->lost.exchange(0) : 0;
+    if (lost > 0)
+      Main::log(shared->main, "SNMP: the master takes notifications again; " + std::to_string(lost) + " were lost");
     if (shared->impl != nullptr) shared->impl->notify(notification);
   });
 }
