@@ -10,10 +10,10 @@ _mvpn_pimctl_words() {
   local i
   for ((i = 1; i < COMP_CWORD; i++)); do
     case ${COMP_WORDS[i]} in
-      --control) control=(--control "${COMP_WORDS[++i]}") ;;
+      --control) control=(--control "${COMP_WORDS[++i]//[\'\"\\]/}") ;;
       --timeout) ((i++)) ;;
       -*) ;;
-      *) words+=("${COMP_WORDS[i]}") ;;
+      *) words+=("${COMP_WORDS[i]//[\'\"\\]/}") ;; # without what kept a | from the shell
     esac
   done
 }

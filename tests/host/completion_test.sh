@@ -29,5 +29,26 @@ offers "" pimctl show nothing ""
 offers "--control" pimctl --contr
 offers "--config" pimhostd --conf
 offers "--config" mdt-reflector --conf
-if command -v zsh >/dev/null; then zsh -n "$files/_mvpn" || wrong=$((wrong + 1)); fi
+offers "include" pimctl show vrfs "'|'" inc
+
+# A zsh on a terminal completes these lines; each is waited for until it stands there or half a minute is over.
+if command -v zsh >/dev/null; then
+  BIN=$bin FILES=$files timeout 30 zsh -f <<'END' || { echo "zsh does not complete a line"; wrong=$((wrong + 1)); }
+zmodload zsh/zpty
+zpty shell "PS1= TERM=dumb zsh -f -i"
+zpty -w shell "PATH=$BIN:\$PATH fpath=($FILES \$fpath); unsetopt zle_bracketed_paste; autoload -U compinit; compinit -u -D; echo rea''dy"
+zpty -r -m shell seen '*ready*' || exit 1
+completes() {
+  zpty -w -n shell "$1"$'\t'
+  zpty -r -m shell seen "*$2*" || exit 1
+  zpty -w -n shell $'\x15'
+}
+completes 'pimctl show mv' 'show mvpn '
+completes 'pimctl --json --control /nowhere configure vrf red mdt de' 'mdt default '
+completes "pimctl show vrfs '|' inc" 'include '
+completes 'pimctl show mvpn ' 'internal  -- State of the module'
+completes 'pimctl --contr' '--control '
+completes 'pimhostd --conf' '--config '
+END
+fi
 exit $((wrong > 0))
