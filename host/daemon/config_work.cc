@@ -201,7 +201,8 @@ ConfigWork::Loaded ConfigWork::load(Config config, const std::string &by) {
 Outcome ConfigWork::write(const Asker &asker, bool force) {
   if (const std::string reason = refusal(asker); !reason.empty()) return refused(reason);
   if (trial_) return refused("a commit waits for its confirmation: commit, or rollback");
-  const bool known = stamp_of(file_) == stamp_;
+  const FileStamp found = stamp_of(file_);
+  const bool known = found == stamp_, there = found != FileStamp();
   if (!known && !force) return refused(file_ + " was changed after it was read: reload it, or write force");
   const std::string text = router_.running().print(Config::Passwords::shown);
   ConfigFile written = read_config_text(text);
@@ -213,7 +214,7 @@ Outcome ConfigWork::write(const Asker &asker, bool force) {
   if (known || reason.empty()) stamp_ = stamp_of(file_);  // also failing touches what is told of it
   if (!reason.empty()) return refused(reason);
   loaded_ = std::move(written.config);
-  return {true, "written to " + file_ + "; the former file is " + file_ + "~\n"};
+  return {true, "written to " + file_ + (there ? "; the former file is " + file_ + "~" : "") + "\n"};
 }
 
 std::vector<std::string> ConfigWork::changes() const { return difference_text(loaded_, router_.running()); }
