@@ -1,3 +1,5 @@
+// Whoever asks for documents gets one for every command, also for one that never reached the daemon. Parts pass on as
+// they come; only the reason of a failure is kept, cut behind a few thousand bytes.
 #include "host/client/answer.h"
 
 #include "host/client/pager.h"
@@ -10,7 +12,7 @@ Answer::Answer(OutputFormat format, std::string_view line)
     : format_(read_pipeline(split_pipeline(line)).filters.format.value_or(format)) {}
 
 void Answer::note(FrameType type, std::string_view part) {
-  constexpr size_t kLongestReason = 4096;
+  constexpr size_t kLongestReason = 4096;  // bytes; a reason is some lines
   if (type == FrameType::output) written_ = true;
   if (type == FrameType::error && reason_.size() < kLongestReason) reason_ += part;
 }

@@ -14,14 +14,14 @@
 namespace host {
 
 struct CommandLine {
-  Match match;                               // means something without an error only
-  OutputFormat format = OutputFormat::text;  // the request's, or that of a filter
-  Filters filters;                           // for views and monitor; their patterns are sound
-  std::string error;                         // for the client; empty: the line is right
-  std::string mark;                          // in front of it in text: where in the line it is
-  std::string by;                            // who asks
-  std::string hostname;                      // of documents; empty: the machine's
-  std::weak_ptr<ControlServer::Client> client;
+  Match match;                                  // means something without an error only
+  OutputFormat format = OutputFormat::text;     // the request's, or that of a filter
+  Filters filters;                              // for views and monitor; their patterns are sound
+  std::string error;                            // for the client; empty: the line is right
+  std::string mark;                             // in front of it in text: where in the line it is
+  std::string by;                               // who asks
+  std::string hostname;                         // of documents; empty: the machine's
+  std::weak_ptr<ControlServer::Client> client;  // its connection; empty once that has ended
 };
 // A socket that is for looking takes views and `monitor`, and shows no passwords.
 CommandLine read_command_line(const ControlServer::Request &request, const std::string &hostname);

@@ -1,3 +1,5 @@
+// Differences in two forms: lines with a sign, to be read, and commands, to be entered again. Both come from
+// difference(); headers of blocks are added here, since a block may come or go without a line in it.
 #include "host/config/config_diff.h"
 
 #include <map>

@@ -1,3 +1,4 @@
+// Edits a copy and nothing else: what cannot be done leaves it half edited, so callers edit a copy that they drop then.
 #include "host/config/config_edit.h"
 
 namespace host {

@@ -1,5 +1,8 @@
 // Reads files with what may be wrong with them: one that is a folder or a pipe, that is longer than a configuration,
 // that holds nothing. Called by the daemons at their start and at a reload, and by the checks beside a running one.
+//
+// Writes one by putting a new file in its place: text, rights and a sync come before the rename, which is the one
+// moment that counts.
 #include "host/config/config_file.h"
 
 #include <fcntl.h>

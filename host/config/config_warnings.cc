@@ -1,3 +1,5 @@
+// Looks at each VRF and at BGP's update source once, in the order of the blocks. A warning stands at a line, the later
+// one where two do not go together; nothing here refuses anything.
 #include "host/config/config_warnings.h"
 
 #include <algorithm>

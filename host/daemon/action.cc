@@ -1,3 +1,5 @@
+// The rows of views.cc and operations.cc under their names. faults_of_actions() is asked at the start, so that a row or
+// a name that was forgotten is heard of before an operator needs it.
 #include "host/daemon/action.h"
 
 #include <algorithm>

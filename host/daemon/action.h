@@ -56,8 +56,8 @@ struct Action {
   // Ends the channel itself, now or later.
   using Serve = void (*)(const OperationInput &, const std::shared_ptr<OutputChannel> &);
 
-  std::string_view name;  // as Word::action
-  std::variant<Show, Run, Serve> does;
+  std::string_view name;                // as Word::action
+  std::variant<Show, Run, Serve> does;  // which of the three decides the thread and who ends the channel
   // Of a view: why there is nothing to show; a complete line, or empty.
   std::string (*refusal)(const ViewInput &) = nullptr;
   bool tells_of_forwarder = false;  // it shows what the forwarder counts, which is asked for first

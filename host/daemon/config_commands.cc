@@ -1,3 +1,5 @@
+// Takes the commands' arguments out of their lines; what they mean is ConfigWork's business. Those that read a file are
+// the daemon's: the answer comes when another process has tried it.
 #include "host/daemon/config_commands.h"
 
 #include <chrono>

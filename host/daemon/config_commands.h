@@ -8,6 +8,7 @@
 
 namespace host {
 
+// On the main thread. Each is refused with a reason, in complete lines.
 Outcome configure(const OperationInput &input);
 Outcome configure_exclusive(const OperationInput &input);
 Outcome commit(const OperationInput &input);

@@ -1,3 +1,4 @@
+// Copies of what ConfigWork says, taken before the first row, because rows yield and operators go on working.
 #include "host/daemon/config_views.h"
 
 #include "host/daemon/config_work.h"

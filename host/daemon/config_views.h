@@ -6,6 +6,7 @@
 
 namespace host {
 
+// On a view's thread, with the scheduling locks.
 void show_config_diff(const ViewInput &input, output::Listing &listing);
 void show_config_candidate(const ViewInput &input, output::Listing &listing);
 void show_config_former(const ViewInput &input, output::Listing &listing);

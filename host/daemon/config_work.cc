@@ -1,3 +1,10 @@
+// Claims, trials and former configurations around Router::replace(), which does the work. Whoever is refused changes
+// nothing.
+//
+// Invariants: a candidate exists while a client holds the configuration, and only that client edits it; a trial knows
+// what it goes back to; `loaded_` is what ran when the file was last read or written, so that the difference from it is
+// what nobody has written yet. Trap: a holder's connection may end at any time, so holder_ is a weak pointer and asked
+// each time.
 #include "host/daemon/config_work.h"
 
 #include <utility>

@@ -32,17 +32,17 @@ class ConfigWork {
  public:
   // Who asks.
   struct Asker {
-    std::string name;  // "root, process 4711"
-    std::weak_ptr<ControlServer::Client> client;
+    std::string name;                             // "root, process 4711"
+    std::weak_ptr<ControlServer::Client> client;  // the connection; empty: it has ended
   };
   // A configuration that ran, and what ended its time.
   struct Former {
-    Config config;
-    std::chrono::system_clock::time_point until;
-    std::string by;
-    std::string what;
+    Config config;                                // as it ran
+    std::chrono::system_clock::time_point until;  // when it ceased to run
+    std::string by;                               // who ended its time, or what did
+    std::string what;                             // "commit", "rollback", "reload", "not confirmed"
   };
-  static constexpr size_t kKept = 10;
+  static constexpr size_t kKept = 10;  // former configurations, the oldest goes first; blocks are shared between them
 
   // loop, router and events outlive it; the router runs what the file says.
   ConfigWork(Loop &loop, Router &router, EventBus &events, LogLine log, std::string file);

@@ -1,3 +1,8 @@
+// From a line to its action. Actions of the main thread run at once, within the turn that read the line; a view gets a
+// detached thread and counts as running until it has ended its channel, which the daemon waits for before it stops.
+//
+// Trap: a view's thread waits for a slow client where it yields, by the hook that is set here. It must hold no pointer
+// into what others change across a row, as after any yield.
 #include "host/daemon/engine.h"
 
 #include <pthread.h>

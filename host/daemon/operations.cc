@@ -1,3 +1,5 @@
+// One function for each command that is no view, and the rows that name them. A function takes its arguments from the
+// line, which the grammar has checked, and says in words what was wrong with the rest.
 #include "host/daemon/operations.h"
 
 #include <algorithm>

@@ -9,6 +9,7 @@
 
 namespace host {
 
+// Made at the first call, never changed.
 const std::vector<Action> &operations();
 
 // Debug messages of the module: all VRFs when the name is empty.

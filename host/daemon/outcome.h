@@ -11,7 +11,7 @@ namespace host {
 
 // text: the reasons, or what a handler printed; complete lines.
 struct Outcome {
-  bool accepted = true;
+  bool accepted = true;  // false: refused; the text says why
   std::string text;
 };
 

@@ -8,6 +8,7 @@
 
 namespace host {
 
+// Made at the first call, never changed.
 const std::vector<Action> &view_actions();
 
 CounterBase counters_now();  // on the main thread

@@ -1,3 +1,5 @@
+// Walks the grammar from its root to every word that a line may end with. Both directions are asked, since a row that
+// no line names is as much a slip as a name without a row.
 #include "host/language/actions.h"
 
 #include <algorithm>

@@ -13,8 +13,8 @@
 namespace host {
 
 struct OfferedAction {
-  std::string name;
-  bool is_view = false;
+  std::string name;      // as Word::action
+  bool is_view = false;  // it shows and changes nothing
 };
 
 // What is wrong, a sentence for each: lines whose action is not offered, or is a view where the line is none or the

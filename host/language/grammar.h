@@ -119,10 +119,10 @@ struct Argument {
 struct Statement {
   Mode mode = Mode::exec;           // that the line stands in
   Command command = Command::none;  // of the configuration: what it says
-  std::string action;               // as Word::action, effect, slow and handler
-  Effect effect = Effect::change;
-  bool slow = false;
-  std::string handler;
+  std::string action;               // as Word::action
+  Effect effect = Effect::change;   // as Word::effect
+  bool slow = false;                // as Word::slow
+  std::string handler;              // as Word::handler
   bool no = false;                  // the line begins with "no"
   bool on_by_default = false;       // as Word::on_by_default
   std::optional<Mode> enters;       // of a block's header: the block's mode
