@@ -129,21 +129,6 @@ TEST_F(Source, AVrfWithoutTunnelGetsOneWhenItsSourceReturns) {
     }
 }
 
-TEST_F(Source, AnAddressChangeRebuildsTunnelAdvertisementAndRoutes) {
-  start();
-  ref::add_ssm_range(addr("239.0.0.0"), 8);
-  mvpn_cibtype *red = bring_up("red", 2, "239.1.1.1");
-  ref::set_interface_address("loopback0", addr("10.0.0.77"));
-  ref::settle();
-  EXPECT_EQ(red->mti_status, MVPN_MTI_UP);
-  EXPECT_EQ(ref::find_tunnel(red->mti_ifindex)->source, addr("10.0.0.77"));
-  const auto entries = ref::bgp_local_entries();
-  ASSERT_EQ(entries.size(), 1u);
-  EXPECT_EQ(entries[0].source, addr("10.0.0.77"));
-  ASSERT_EQ(ref::mrib_routes().size(), 1u);
-  EXPECT_EQ(ref::mrib_routes()[0].addrs.source, addr("10.0.0.77"));
-}
-
 // A stop that keeps the configuration: the module asks for nothing while it is stopped. Its next start finds the tunnel
 // down and the address changed.
 TEST_F(Source, AnAddressThatChangesDuringAStopIsFollowedByTheNextStart) {
@@ -165,21 +150,6 @@ TEST_F(Source, AnAddressThatChangesDuringAStopIsFollowedByTheNextStart) {
   EXPECT_EQ(ref::bgp_local_entries()[0].source, addr("10.0.0.77"));
 }
 
-TEST_F(Source, ANewUpdateSourceLeavesConfiguredSourcesAlone) {
-  start();
-  ref::create_interface("loopback1", VRF_CONTEXT_ID_DEFAULT, addr("10.0.0.2"), true);
-  mvpn_cibtype *red = bring_up("red", 2, "239.1.1.1");
-  mvpn_cibtype *blue = bring_up("blue", 3, "239.1.1.2");
-  command("mdt_source_cmd", "blue", {{"<interface>", "loopback0"}});
-  ref::settle();
-  ref::bgp_set_update_source("loopback1", true);
-  ref::settle();
-  EXPECT_EQ(red->mdt_source_addr, addr("10.0.0.2"));
-  EXPECT_EQ(blue->mdt_source_addr, addr("10.0.0.1"));
-  EXPECT_EQ(red->mti_status, MVPN_MTI_UP);
-  EXPECT_EQ(ref::find_tunnel(red->mti_ifindex)->source, addr("10.0.0.2"));
-}
-
 // A name must not keep the end of a longer one before it; without a name of its own the VRF has BGP's source again.
 TEST_F(Source, AConfiguredSourceIsReplacedByAShorterNameAndByNone) {
   start();
@@ -196,22 +166,6 @@ TEST_F(Source, AConfiguredSourceIsReplacedByAShorterNameAndByNone) {
   ref::settle();
   EXPECT_EQ(red->mdt_source_addr, addr("10.0.0.1"));
   EXPECT_EQ(ref::find_tunnel(red->mti_ifindex)->source, addr("10.0.0.1"));
-}
-
-TEST_F(Source, ASourceInterfaceThatGoesDownTakesItsVrfsDownAndBack) {
-  start();
-  mvpn_cibtype *red = bring_up("red", 2, "239.1.1.1");
-  mvpn_cibtype *blue = bring_up("blue", 3, "239.1.1.2");
-  ref::set_interface_state("loopback0", false);
-  ref::settle();
-  EXPECT_EQ(red->mti_status, MVPN_MTI_DOWN);
-  EXPECT_EQ(blue->mti_status, MVPN_MTI_DOWN);
-  EXPECT_TRUE(ref::mrib_routes().empty());
-  EXPECT_TRUE(ref::bgp_local_entries().empty());
-  ref::set_interface_state("loopback0", true);
-  ref::settle();
-  EXPECT_EQ(red->mti_status, MVPN_MTI_UP);
-  EXPECT_EQ(blue->mti_status, MVPN_MTI_UP);
 }
 
 // VRFs wait for an update source that is created late: each is told once, though telling one walks all of them.
