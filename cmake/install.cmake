@@ -28,6 +28,7 @@ install(FILES ${PROJECT_BINARY_DIR}/libmvpnConfig.cmake ${PROJECT_BINARY_DIR}/li
 
 install(FILES ${PROJECT_SOURCE_DIR}/host/snmp/LIBMVPN-MIB.txt DESTINATION ${CMAKE_INSTALL_DATADIR}/snmp/mibs)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/schema DESTINATION ${CMAKE_INSTALL_DATADIR}/mvpn)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/yang/ DESTINATION ${CMAKE_INSTALL_DATADIR}/yang/modules/mvpn)
 # What an installed mvpn-lab plays: the same tree as here.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/lab/scenarios ${PROJECT_SOURCE_DIR}/lab/templates
   DESTINATION ${CMAKE_INSTALL_DATADIR}/mvpn/lab)

@@ -164,8 +164,8 @@ void Runner::collect_events(const std::string &pe) {
   if (clock.status != 0 || events.status != 0) return;
   const nlohmann::json time = nlohmann::json::parse(clock.output).at("clock").at(0);
   for (const nlohmann::json &event : nlohmann::json::parse(events.output).value("event", nlohmann::json::array())) {
-    const double ago =
-        (time.at("seconds").get<double>() - event.at("time").get<double>()) / time.at("scale").get<double>();
+    const double ago = (time.at("clock-seconds").get<double>() - event.at("clock-seconds").get<double>()) /
+                       time.at("scale").get<double>();
     findings_.events.push_back({now - ago, pe, event.at("text").get<std::string>()});
   }
   if (real_) collect_forwarder_events(pe);

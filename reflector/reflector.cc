@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "host/bgp/bgp_views.h"
+#include "host/config/yang.h"
 #include "host/language/actions.h"
 
 namespace reflector {
@@ -198,9 +199,10 @@ void Reflector::show_routes(const host::Statement &statement, output::Listing &l
 }
 
 void Reflector::show_config(const host::Statement &statement, output::Listing &listing) const {
-  const bool passwords = find_argument(statement, "passwords") != nullptr;
+  const host::Config::Passwords passwords = host::passwords_of(statement);
+  if (listing.instead([&] { return host::yang_data(config_, passwords); })) return;
   listing.begin(output::kConfig);
-  std::istringstream text(config_.print(passwords ? host::Config::Passwords::shown : host::Config::Passwords::hidden));
+  std::istringstream text(config_.print(passwords));
   for (std::string line; std::getline(text, line);)
     if (!listing.row({line})) return;
 }

@@ -167,7 +167,7 @@ Row path_row(const bgp::RouteKey &key, const bgp::PathView &path, const std::str
   return {address_text(key.source),
           bgp::to_string(key.rd),
           address_text(path.group),
-          local ? "local" : "remote",
+          local,
           local ? text_cell(vrf) : Cell(),
           address_cell(path.neighbor),
           path.best,

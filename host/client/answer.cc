@@ -19,9 +19,7 @@ void Answer::note(FrameType type, std::string_view part) {
 
 uint32_t Answer::end(uint32_t status, const std::string &reason) {
   if (status == kStatusDone || written_ || !is_document()) return status;
-  const output::Header header = output::header_now("");
-  const auto writer = format_ == OutputFormat::json ? output::json_writer(write_output, header)
-                                                    : output::xml_writer(write_output, header);
+  const auto writer = output::writer_of(format_, write_output, output::header_now(""));
   const std::string &why = reason.empty() ? reason_ : reason;
   output::record_failure(*writer, status, why.substr(0, why.find_last_not_of('\n') + 1));
   writer->finish();

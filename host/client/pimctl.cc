@@ -24,7 +24,7 @@ With a command pimctl runs it. Without one it opens a session on a terminal, or 
 fails. In a session Tab completes a word and ? lists what may stand at the cursor; configure opens the configuration,
 exit leaves a mode or the session, end leaves the configuration; help says more.
 
-Behind a view: | include PATTERN, | exclude, | begin, | section, | count, | json, | xml, | no-more
+Behind a view: | include PATTERN, | exclude, | begin, | section, | count, | json, | xml, | yang, | no-more
 
 Exit status: 0 done, 1 failed, 2 not understood, 3 pimhostd cannot be reached, 4 it does not answer in time
 

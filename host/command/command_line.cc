@@ -66,9 +66,7 @@ std::unique_ptr<output::Writer> writer_for(const CommandLine &line, OutputChanne
     channel.output(text);
     return channel.wanted();
   };
-  if (line.format == OutputFormat::json) return output::json_writer(bytes, output::header_now(line.hostname));
-  if (line.format == OutputFormat::xml) return output::xml_writer(bytes, output::header_now(line.hostname));
-  std::unique_ptr<output::Writer> writer = output::text_writer(bytes);
+  std::unique_ptr<output::Writer> writer = output::writer_of(line.format, bytes, output::header_now(line.hostname));
   if (line.filters.count) writer = output::count_lines(std::move(writer));
   for (auto pattern = line.filters.patterns.rbegin(); pattern != line.filters.patterns.rend(); ++pattern)
     writer = output::filter_lines(line_filter_of(pattern->first), pattern->second, std::move(writer));

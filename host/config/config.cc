@@ -201,6 +201,10 @@ const std::string *Block::value(Command command, std::string_view argument) cons
   return line == nullptr ? nullptr : find_argument(line->statement, argument);
 }
 
+Config::Passwords passwords_of(const Statement &statement) {
+  return find_argument(statement, "passwords") == nullptr ? Config::Passwords::hidden : Config::Passwords::shown;
+}
+
 BlockId block_of(const Statement &header) {
   const std::string *name = header.arguments.empty() ? nullptr : &header.arguments.front().value;
   return {*header.enters, name == nullptr ? std::string() : *name};

@@ -113,6 +113,9 @@ class Config {
   Blocks blocks_;
 };
 
+// Whether a command, such as `show running-config`, asks for passwords.
+Config::Passwords passwords_of(const Statement &statement);
+
 // The block that a header statement opens.
 BlockId block_of(const Statement &header);
 

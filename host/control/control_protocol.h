@@ -17,10 +17,12 @@
 #include <string>
 #include <string_view>
 
+#include "host/output/format.h"
+
 namespace host {
 
 enum class FrameType : uint8_t { request = 1, output = 2, error = 3, end = 4 };
-enum class OutputFormat : uint8_t { text = 0, json = 1, xml = 2 };
+using OutputFormat = output::Format;
 
 constexpr size_t kFrameHeaderSize = 5;         // length and type
 constexpr size_t kMaxRequest = 16 * 1024;      // body of a request

@@ -129,7 +129,7 @@ void ControlConnection::read_header() {
 void ControlConnection::read_body(size_t size) {
   body_.resize(size);
   asio::async_read(socket_, asio::buffer(body_), [self = shared_from_this()](const error_code &error, size_t) {
-    if (error || static_cast<uint8_t>(self->body_.front()) > static_cast<uint8_t>(OutputFormat::xml))
+    if (error || static_cast<uint8_t>(self->body_.front()) > static_cast<uint8_t>(output::kLastFormat))
       return self->close();
     self->take_request();
   });

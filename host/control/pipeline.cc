@@ -7,7 +7,7 @@
 namespace host {
 namespace {
 
-enum class FilterKind { include, exclude, begin, section, count, no_more, json, xml };
+enum class FilterKind { include, exclude, begin, section, count, no_more, json, xml, yang };
 
 struct FilterWord {
   FilterKind kind;
@@ -24,6 +24,7 @@ constexpr FilterWord kFilters[] = {
     {FilterKind::no_more, "no-more", "Without stopping at each page"},
     {FilterKind::json, "json", "As JSON"},
     {FilterKind::xml, "xml", "As XML"},
+    {FilterKind::yang, "yang", "As data of a YANG module, in JSON"},
 };
 
 using Words = std::vector<std::string>;
@@ -59,7 +60,7 @@ void apply(const FilterWord &filter, const Words &words, size_t begin, size_t en
     return;
   }
   if (begin != end) return fail(begin, "'" + printable(words[begin]) + "' is one word too many");
-  const bool structured = filter.kind == FilterKind::json || filter.kind == FilterKind::xml;
+  const bool structured = filter.kind >= FilterKind::json;
   if (structured && line->filters.format) return fail(begin - 1, "the output has one form");
   switch (filter.kind) {
     case FilterKind::count:
@@ -71,6 +72,9 @@ void apply(const FilterWord &filter, const Words &words, size_t begin, size_t en
     case FilterKind::json:
       line->filters.format = OutputFormat::json;
       break;
+    case FilterKind::yang:
+      line->filters.format = OutputFormat::yang;
+      break;
     default:
       line->filters.format = OutputFormat::xml;
       break;
@@ -79,7 +83,7 @@ void apply(const FilterWord &filter, const Words &words, size_t begin, size_t en
 
 // The filter from the word behind a '|' to the next one.
 void read_filter(const Words &words, size_t begin, size_t end, Pipeline *line) {
-  const std::string expected = "expected include, exclude, begin, section, count, no-more, json or xml";
+  const std::string expected = "expected include, exclude, begin, section, count, no-more, json, xml or yang";
   if (begin == end) {
     line->error = SyntaxError{end, "the line is incomplete; " + expected};
     return;

@@ -3,11 +3,11 @@
 #include "host/daemon/forwarding_views.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <ctime>
+#include <chrono>
 #include <vector>
 
 #include "host/output/view.h"
+#include "host/output/wall_time.h"
 
 namespace host {
 namespace {
@@ -83,14 +83,8 @@ void print_drops(Listing &listing, const Counters &counters, const std::string *
   });
 }
 
-std::string time_text(uint64_t milliseconds) {
-  const auto seconds = static_cast<time_t>(milliseconds / 1000);
-  std::tm parts{};
-  gmtime_r(&seconds, &parts);
-  char day[32], whole[48];
-  std::strftime(day, sizeof day, "%Y-%m-%dT%H:%M:%S", &parts);
-  std::snprintf(whole, sizeof whole, "%s.%03uZ", day, static_cast<unsigned>(milliseconds % 1000));
-  return whole;
+std::chrono::system_clock::time_point wall_clock(uint64_t milliseconds) {
+  return std::chrono::system_clock::time_point(std::chrono::milliseconds(milliseconds));
 }
 
 }  // namespace
@@ -114,7 +108,7 @@ void show_forwarding_events(const ViewInput &input, Listing &listing) {
   if (!counters) return;
   listing.begin(output::kForwardingEvents);
   for (const forwarder::protocol::Event &event : counters->events)
-    if (!listing.row({time_text(event.milliseconds()), event.text()})) return;
+    if (!listing.row({output::wall_time(wall_clock(event.milliseconds())), event.text()})) return;
 }
 
 }  // namespace host

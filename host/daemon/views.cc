@@ -7,6 +7,7 @@
 #include <map>
 
 #include "host/bgp/bgp_views.h"
+#include "host/config/yang.h"
 #include "host/daemon/config_views.h"
 #include "host/daemon/forwarding_views.h"
 #include "host/daemon/status_views.h"
@@ -97,8 +98,8 @@ std::string missing_neighbor(const ViewInput &input) {
   return reason.empty() ? "" : reason + "\n";
 }
 
-Row entry_row(const ref::MdtSafi &entry, const char *origin) {
-  Row row = {address_text(entry.source), mvpn_bgp_print_rd(entry.rd), address_text(entry.group), origin,
+Row entry_row(const ref::MdtSafi &entry, bool local) {
+  Row row = {address_text(entry.source), mvpn_bgp_print_rd(entry.rd), address_text(entry.group), local,
              entry.vrf_name.empty() ? Cell() : Cell(entry.vrf_name)};
   row.resize(std::size(output::kBgpColumns));
   return row;
@@ -112,11 +113,11 @@ void show_bgp_mdt(const ViewInput &input, Listing &listing) {
           exchange.bgp(), [&](const bgp::RouteKey &key) { return exchange.vrf_of(key); }, listing))
     return;
   if (exchange.bgp().speaker() == nullptr &&
-      !print_rows(listing, ref::bgp_local_entries(), [](const auto &entry) { return entry_row(entry, "local"); }))
+      !print_rows(listing, ref::bgp_local_entries(), [](const auto &entry) { return entry_row(entry, true); }))
     return;
   std::vector<ref::MdtSafi> others = ref::bgp_remote_entries();
   std::erase_if(others, [&](const auto &entry) { return exchange.told(entry); });
-  print_rows(listing, others, [](const auto &entry) { return entry_row(entry, "remote"); });
+  print_rows(listing, others, [](const auto &entry) { return entry_row(entry, false); });
 }
 
 std::string hex_of(const std::vector<uint8_t> &bytes) {
@@ -287,9 +288,10 @@ void show_counters(const ViewInput &input, Listing &listing) {
 }
 
 void show_running_config(const ViewInput &input, Listing &listing) {
-  const bool passwords = find_argument(input.statement, "passwords") != nullptr;
-  const std::string text =
-      input.router.running().print(passwords ? Config::Passwords::shown : Config::Passwords::hidden);
+  const Config &config = input.router.running();
+  const Config::Passwords passwords = passwords_of(input.statement);
+  if (listing.instead([&] { return yang_data(config, passwords); })) return;
+  const std::string text = config.print(passwords);
   std::vector<std::string> lines;
   for (size_t at = 0; at < text.size(); at = text.find('\n', at) + 1)
     lines.push_back(text.substr(at, text.find('\n', at) - at));

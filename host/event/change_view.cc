@@ -21,6 +21,7 @@ Cell address_cell(uint32_t address) { return address == 0 ? Cell() : Cell(addres
 struct Parts {
   Cell vrf = {}, name = {}, before = {}, after = {};
   Cell source = {}, group = {}, customer_source = {}, customer_group = {}, rd = {};
+  Cell pe = {}, default_group = {}, neighbor = {};
 };
 
 struct ToParts {
@@ -28,7 +29,7 @@ struct ToParts {
     return {.vrf = change.vrf,
             .before = text_cell(change.before),
             .after = text_cell(change.after),
-            .group = address_cell(change.group)};
+            .default_group = address_cell(change.group)};
   }
   Parts operator()(const TunnelChange &change) const {
     return {.vrf = change.vrf,
@@ -41,12 +42,12 @@ struct ToParts {
   Parts operator()(const PeChange &change) const {
     return {.vrf = text_cell(change.vrf),
             .after = change.joined ? "joined" : "left",
-            .source = address_cell(change.address),
-            .group = address_cell(change.group),
-            .rd = change.rd};
+            .rd = change.rd,
+            .pe = address_cell(change.address),
+            .default_group = address_cell(change.group)};
   }
   Parts operator()(const SessionChange &change) const {
-    return {.name = address_text(change.neighbor), .before = change.before, .after = change.after};
+    return {.before = change.before, .after = change.after, .neighbor = address_text(change.neighbor)};
   }
   Parts operator()(const DataMdtChange &change) const {
     const bool flow = change.sent;
@@ -100,7 +101,10 @@ Row row_of(const Change &change) {
           parts.rd,
           text_cell(change.reason),
           text_cell(change.by),
-          text_of(change)};
+          text_of(change),
+          parts.pe,
+          parts.default_group,
+          parts.neighbor};
 }
 
 std::string document_of(const std::string &hostname, const Change &change) {

@@ -23,7 +23,7 @@ Monitor::Monitor(EventBus &bus, std::function<std::string()> hostname)
 
 void Monitor::serve(CommandLine line, const std::shared_ptr<OutputChannel> &channel) {
   if (find_argument(line.match.statements.front(), "json") != nullptr) line.format = OutputFormat::json;
-  if (line.format == OutputFormat::xml)
+  if (line.format == OutputFormat::xml || line.format == OutputFormat::yang)
     return refuse(line, kStatusFailed, "monitor writes lines of text, or of JSON\n", *channel);
   if (line.filters.count)
     return refuse(line, kStatusFailed, "monitor has no end at which lines could be counted\n", *channel);

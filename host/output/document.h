@@ -57,6 +57,8 @@ class DocumentWriter : public Writer {
   virtual void write_empty_list(Level &, size_t, const SchemaRecord &) {}  // where the syntax has any
   virtual void write_closing(Level &level, size_t depth) = 0;
 
+  void send();
+
   std::string out_;  // written, not sent
 
  private:
@@ -65,7 +67,6 @@ class DocumentWriter : public Writer {
   void close_deepest();
   void flush_fields(size_t depth);
   void add_empty_lists(size_t depth);
-  void send();
 
   ByteSink bytes_;
   std::vector<Level> path_;

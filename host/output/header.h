@@ -10,6 +10,10 @@ namespace output {
 // name, type or meaning, raises MAJOR and sets MINOR to 0; an addition raises MINOR.
 inline constexpr const char *kSchemaVersion = "1.0";
 
+// The YANG module that describes documents, and when the schema last changed, which is its revision.
+inline constexpr const char *kStateModule = "libmvpn-state";
+inline constexpr const char *kSchemaDate = "2026-11-23";
+
 struct Header {
   std::string hostname;  // never empty
   std::string time;      // RFC 3339, as wall_time() writes it

@@ -29,7 +29,10 @@ struct ToText {
 
   std::string operator()(std::monostate) const { return "-"; }
   std::string operator()(const std::string &text) const { return text; }
-  std::string operator()(bool truth) const { return truth ? "yes" : "no"; }
+  std::string operator()(bool truth) const {
+    if (column.form == Column::Form::origin) return truth ? "local" : "remote";
+    return truth ? "yes" : "no";
+  }
   std::string operator()(uint64_t number) const {
     if (column.form == Column::Form::plain) return std::to_string(number);
     char text[24];

@@ -43,6 +43,8 @@ class Listing {
   void promise(const View &view);
   // A row of the table, then sometimes a yield. False: nobody wants more.
   bool row(const Row &row);
+  // As Writer::instead().
+  bool instead(const std::function<std::string()> &yang_data) { return sink_.instead(yang_data); }
   // A sentence instead of rows, or behind them.
   void note(const std::string &text);
 

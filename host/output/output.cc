@@ -2,6 +2,7 @@
 // records.
 #include "host/output/output.h"
 
+#include <cstdio>
 #include <pugixml.hpp>
 
 #include "host/output/document.h"
@@ -43,7 +44,7 @@ class JsonWriter : public DocumentWriter {
  protected:
   void write_whole(const Level &level, size_t) override {
     Json object = Json::object();
-    for (const Field &field : level.fields) object[field.element->name] = field.value;
+    for (const Field &field : level.fields) object[field.element->name] = shown(field);
     out_ += object.dump();
   }
   void write_opening(Level &, size_t) override { out_ += '{'; }
@@ -51,7 +52,7 @@ class JsonWriter : public DocumentWriter {
     close_list(level, depth);
     for (const Field &field : level.fields) {
       begin_member(level, depth, field.element->name);
-      out_ += field.value.dump();
+      out_ += shown(field).dump();
     }
   }
   void write_before_child(Level &level, size_t depth, const SchemaRecord &child) override {
@@ -75,6 +76,8 @@ class JsonWriter : public DocumentWriter {
     out_ += '}';
   }
 
+  virtual Json shown(const Field &field) const { return field.value; }
+
  private:
   static size_t member_indent(size_t depth) { return 2 + 4 * depth; }
   static size_t item_indent(size_t depth) { return 4 + 4 * depth; }
@@ -95,6 +98,43 @@ class JsonWriter : public DocumentWriter {
     new_line(member_indent(depth));
     out_ += Json(name).dump() + ": ";
   }
+};
+
+// ------------------------------------------------------------------------------------------------------------- YANG
+//
+// JSON in an object that names the module. RFC 7951 has numbers of 64 bits and decimal ones as strings.
+class YangWriter : public JsonWriter {
+ public:
+  using JsonWriter::JsonWriter;
+
+  bool instead(const std::function<std::string()> &yang_data) override {
+    instead_ = true;
+    out_ = yang_data();
+    send();
+    return true;
+  }
+  void finish() override {
+    if (!instead_) JsonWriter::finish();
+  }
+
+ protected:
+  void write_prologue() override { out_ += std::string("{\"") + kStateModule + ':' + root() + "\": "; }
+  void write_closing(Level &level, size_t depth) override {
+    JsonWriter::write_closing(level, depth);
+    if (depth == 0) out_ += '}';
+  }
+  Json shown(const Field &field) const override {
+    if (!field.value.is_number()) return field.value;
+    if (field.element->type != CLI_TYPE_DURATION) return field.value.dump();
+    char text[48];
+    std::snprintf(text, sizeof text, "%.6f", field.value.get<double>());
+    return text;
+  }
+
+ private:
+  static const char *root() { return record_of(CLI_RECORD_DOCUMENT).name; }
+
+  bool instead_ = false;
 };
 
 // -------------------------------------------------------------------------------------------------------------- XML
@@ -161,6 +201,21 @@ std::unique_ptr<Writer> json_writer(ByteSink bytes, const Header &header) {
 }
 std::unique_ptr<Writer> xml_writer(ByteSink bytes, const Header &header) {
   return std::make_unique<XmlWriter>(std::move(bytes), header);
+}
+std::unique_ptr<Writer> yang_writer(ByteSink bytes, const Header &header) {
+  return std::make_unique<YangWriter>(std::move(bytes), header);
+}
+std::unique_ptr<Writer> writer_of(Format format, ByteSink bytes, const Header &header) {
+  switch (format) {
+    case Format::json:
+      return json_writer(std::move(bytes), header);
+    case Format::xml:
+      return xml_writer(std::move(bytes), header);
+    case Format::yang:
+      return yang_writer(std::move(bytes), header);
+    default:
+      return text_writer(std::move(bytes));
+  }
 }
 
 void record_failure(ref::CliSink &sink, uint32_t status, const std::string &reason) {

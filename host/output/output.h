@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 
+#include "host/output/format.h"
 #include "host/output/header.h"
 #include "host/output/schema.h"
 #include "platform/reference/cli.h"
@@ -25,6 +26,8 @@ class Writer : public ref::CliSink {
   // The output shows the records of a kind: a document has an empty list where their parent has none of them. Before
   // the parent's first value that lies below it.
   virtual void promise(const SchemaRecord &kind) { (void)kind; }
+  // What is shown has a form of its own as YANG data, of another module than documents. False: that is not wanted.
+  virtual bool instead(const std::function<std::string()> &yang_data) { return (void)yang_data, false; }
   // The handler has returned: sends what was held back and ends the document. Once.
   virtual void finish() = 0;
 };
@@ -36,6 +39,9 @@ std::unique_ptr<Writer> text_writer(ByteSink bytes);
 // before the command did, since no more bytes were wanted, says that it was interrupted.
 std::unique_ptr<Writer> json_writer(ByteSink bytes, const Header &header);
 std::unique_ptr<Writer> xml_writer(ByteSink bytes, const Header &header);
+std::unique_ptr<Writer> yang_writer(ByteSink bytes, const Header &header);
+// A writer of any form; text has no header.
+std::unique_ptr<Writer> writer_of(Format format, ByteSink bytes, const Header &header);
 
 // Why a command failed, for its document. status: of the client's exit.
 void record_failure(ref::CliSink &sink, uint32_t status, const std::string &reason);

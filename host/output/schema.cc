@@ -26,6 +26,52 @@ constexpr SchemaRecord module_records[] = {CLI_RECORD_LIST(RECORD_ROW)};
 constexpr SchemaElement module_elements[] = {CLI_ELEMENT_LIST(ELEMENT_ROW)};
 #undef ELEMENT_ROW
 
+// What documents call otherwise than cli_schema.h does: modules record numbers, so that the names are the host's.
+struct DocumentName {
+  int number;
+  const char *name;
+};
+constexpr DocumentName document_names[] = {
+    {CLI_ELEMENT_VRF_JP_INTERVAL, "pim-jp-interval-seconds"},
+    {CLI_ELEMENT_VRF_DATA_JOIN_INTERVAL, "data-mdt-join-interval-seconds"},
+    {CLI_ELEMENT_VRF_DATA_SWITCHOVER, "data-mdt-switchover-interval-seconds"},
+    {CLI_ELEMENT_VRF_DATA_HOLDDOWN, "data-mdt-holddown-interval-seconds"},
+    {CLI_ELEMENT_VRF_DATA_TIMEOUT, "data-mdt-timeout-interval-seconds"},
+    {CLI_ELEMENT_ROUTE_SOURCE, "mdt-source"},
+    {CLI_ELEMENT_ROUTE_GROUP, "mdt-group"},
+    {CLI_ELEMENT_ROUTE_UPTIME, "uptime-seconds"},
+    {CLI_ELEMENT_ENCAP_INDEX, "encapsulation-index"},
+    {CLI_ELEMENT_SENT_UPTIME, "uptime-seconds"},
+    {CLI_ELEMENT_RECEIVED_UPTIME, "uptime-seconds"},
+    {CLI_ELEMENT_RECEIVED_EXPIRES, "expires-seconds"},
+    {CLI_ELEMENT_PERSISTED_INDEX, "encapsulation-index"},
+    {CLI_ELEMENT_OBJECT_SOURCE, "mdt-source"},
+    {CLI_ELEMENT_OBJECT_GROUP, "mdt-group"},
+    {CLI_ELEMENT_OBJECT_VRF_NAME, "vrf"},
+};
+
+// Elements and a record that say the same as others: modules number an MDT SAFI entry of the PIM view apart.
+struct SameElement {
+  int number, as;
+};
+constexpr SameElement same_elements[] = {{CLI_ELEMENT_PIM_SAFI_RD, CLI_ELEMENT_SAFI_RD},
+                                         {CLI_ELEMENT_PIM_SAFI_SOURCE, CLI_ELEMENT_SAFI_SOURCE},
+                                         {CLI_ELEMENT_PIM_SAFI_GROUP, CLI_ELEMENT_SAFI_GROUP},
+                                         {CLI_ELEMENT_PIM_SAFI_LOCAL, CLI_ELEMENT_SAFI_LOCAL}};
+constexpr RecordId kSameRecord = CLI_RECORD_PIM_SAFI;
+
+constexpr SchemaElement in_documents(SchemaElement element) {
+  for (const DocumentName &other : document_names)
+    if (other.number == element.number) element.name = other.name;
+  return element;
+}
+
+constexpr int number_in_documents(int number) {
+  for (const SameElement &same : same_elements)
+    if (same.number == number) return same.as;
+  return number;
+}
+
 // Calls for each view and its lists' items.
 //   record(view, parent) -> its id   column(column, record, begins)
 template <typename OnRecord, typename OnColumn>
@@ -65,7 +111,10 @@ struct Tables {
 
   constexpr RecordId record_for(const View &view, RecordId parent) {
     for (size_t i = 0; i < record_count; i++)
-      if (records[i].parent == parent && std::string_view(records[i].name) == view.record) return records[i].id;
+      if (records[i].parent == parent && std::string_view(records[i].name) == view.record) {
+        records[i].description = view.description;  // which names all that show it
+        return records[i].id;
+      }
     const auto id = static_cast<RecordId>(record_count) + 1;
     add(SchemaRecord{id, view.record, parent, view.description});
     return id;
@@ -85,7 +134,8 @@ struct Tables {
 constexpr Tables all_tables() {
   Tables tables;
   for (const SchemaRecord &record : module_records) tables.add(record);
-  for (const SchemaElement &element : module_elements) tables.add(element);
+  for (const SchemaElement &element : module_elements)
+    if (element.record != kSameRecord) tables.add(in_documents(element));
   for (const Column &column : kHeaderColumns)
     tables.add(
         SchemaElement{column.number, column.name, column.type, CLI_RECORD_DOCUMENT, false, true, column.description});
@@ -101,14 +151,26 @@ constexpr Tables tables = all_tables();
 constexpr std::span<const SchemaRecord> records(tables.records.data(), tables.record_count);
 constexpr std::span<const SchemaElement> elements(tables.elements.data(), tables.element_count);
 
+// Ids count from 1 without a gap in `records`; documents have one fewer.
+constexpr auto without_same_record() {
+  std::array<SchemaRecord, tables.record_count - 1> shown{};
+  std::copy_if(records.begin(), records.end(), shown.begin(), [](const auto &r) { return r.id != kSameRecord; });
+  return shown;
+}
+constexpr auto shown_records = without_same_record();
+
 static_assert(tables.shared_fields_agree, "columns of one number differ in name, type, record or place");
 static_assert(std::adjacent_find(elements.begin(), elements.end(),
                                  [](const auto &a, const auto &b) { return a.number == b.number; }) == elements.end());
 static_assert(std::all_of(records.begin(), records.end(), [](const auto &r) { return r.parent < r.id; }));
+// No view has a number of those that mean another.
+static_assert(std::none_of(elements.begin(), elements.end(),
+                           [](const auto &e) { return number_in_documents(e.number) != e.number; }));
 // The root has one instance, so nothing begins it; every other record has one element that does.
 static_assert(std::all_of(records.begin(), records.end(), [](const SchemaRecord &record) {
   const auto begin = [&record](const SchemaElement &element) { return element.record == record.id && element.begins; };
-  return std::count_if(elements.begin(), elements.end(), begin) == (record.id == CLI_RECORD_DOCUMENT ? 0 : 1);
+  return std::count_if(elements.begin(), elements.end(), begin) ==
+         (record.id == CLI_RECORD_DOCUMENT || record.id == kSameRecord ? 0 : 1);
 }));
 
 }  // namespace
@@ -116,10 +178,11 @@ static_assert(std::all_of(records.begin(), records.end(), [](const SchemaRecord 
 const SchemaType &type_of(TypeId type) { return types[type]; }
 std::span<const SchemaType> all_types() { return types; }
 const SchemaRecord &record_of(RecordId record) { return records[static_cast<size_t>(record) - 1]; }
-std::span<const SchemaRecord> all_records() { return records; }
+std::span<const SchemaRecord> all_records() { return shown_records; }
 std::span<const SchemaElement> all_elements() { return elements; }
 
-const SchemaElement *find_element(int number) {
+const SchemaElement *find_element(int recorded) {
+  const int number = number_in_documents(recorded);
   const auto found = std::lower_bound(elements.begin(), elements.end(), number,
                                       [](const SchemaElement &element, int wanted) { return element.number < wanted; });
   return found != elements.end() && found->number == number ? &*found : nullptr;

@@ -1,4 +1,4 @@
-// Prints the output schema in one of three forms: md, xsd, json. The committed documents are what it prints.
+// Prints the output schema in one of four forms: md, xsd, json, yang. The committed documents are what it prints.
 #include <cstring>
 #include <exception>
 #include <iostream>
@@ -6,6 +6,7 @@
 #include <pugixml.hpp>
 #include <string>
 
+#include "host/output/header.h"
 #include "host/output/schema.h"
 
 namespace {
@@ -178,15 +179,110 @@ void print_xsd() {
   document.save(std::cout, "  ");
 }
 
+// ------------------------------------------------------------------------------------------------------------- YANG
+
+std::string quoted(std::string_view text) {
+  std::string result = "\"";
+  for (const char c : text) {
+    if (c == '"' || c == '\\') result += '\\';
+    result += c;
+  }
+  return result + '"';
+}
+
+const char *yang_type(TypeId type) {
+  switch (type) {
+    case CLI_TYPE_NUMBER:
+      return "type int64;";
+    case CLI_TYPE_BOOLEAN:
+      return "type boolean;";
+    case CLI_TYPE_DURATION:
+      return "type duration;";
+    case CLI_TYPE_ADDRESS:
+      return "type inet:ipv4-address-no-zone;";
+    case CLI_TYPE_SOURCE:
+      return "type source;";
+    case kTime:
+      return "type yang:date-and-time;";
+    default:
+      return "type string;";
+  }
+}
+
+constexpr const char *kYangBegin = R"(
+  import ietf-inet-types {
+    prefix inet;
+  }
+  import ietf-yang-types {
+    prefix yang;
+  }
+
+  organization "libmvpn";
+  description
+    "The state that the views of pimhostd and mdt-reflector show: what a view prints behind `| yang` is data of this
+     module. Printed by schema_tool; docs/output-schema.md says what the records and their fields are.";
+)";
+
+constexpr const char *kYangTypes = R"(
+  typedef duration {
+    type decimal64 {
+      fraction-digits 6;
+      range "0..max";
+    }
+    units "seconds";
+  }
+  typedef source {
+    type union {
+      type inet:ipv4-address-no-zone;
+      type enumeration {
+        enum "*" {
+          description "Any source.";
+        }
+      }
+    }
+  }
+
+)";
+
+void print_yang_leaf(const SchemaElement &element, const std::string &indent) {
+  std::cout << indent << "leaf " << element.name << " {\n" << indent << "  " << yang_type(element.type) << '\n';
+  if (element.always) std::cout << indent << "  mandatory true;\n";
+  std::cout << indent << "  description\n"
+            << indent << "    " << quoted(element.description) << ";\n"
+            << indent << "}\n";
+}
+
+// Lists of state have no keys: an entry may stand there twice.
+void print_yang_record(const SchemaRecord &record, const std::string &indent) {
+  const bool root = record.parent == CLI_RECORD_NONE;
+  std::cout << indent << (root ? "container " : "list ") << record.name << " {\n";
+  if (root) std::cout << indent << "  presence \"A view was shown.\";\n" << indent << "  config false;\n";
+  std::cout << indent << "  description\n" << indent << "    " << quoted(record.description) << ";\n";
+  for_elements(record.id, [&](const SchemaElement &element) { print_yang_leaf(element, indent + "  "); });
+  for_children(record.id, [&](const SchemaRecord &child) { print_yang_record(child, indent + "  "); });
+  std::cout << indent << "}\n";
+}
+
+void print_yang() {
+  std::cout << "module " << kStateModule << " {\n  yang-version 1.1;\n  namespace \"urn:libmvpn:state\";\n"
+            << "  prefix mvpn-s;\n"
+            << kYangBegin << "\n  revision " << kSchemaDate << " {\n    description \"Schema version " << kSchemaVersion
+            << ".\";\n  }\n"
+            << kYangTypes;
+  print_yang_record(record_of(CLI_RECORD_DOCUMENT), "  ");
+  std::cout << "}\n";
+}
+
 // --------------------------------------------------------------------------------------------------------- Markdown
 
 constexpr const char *introduction = R"(# Output schema
 
-`| json` and `| xml` behind a show command give what the command shows as a document; `pimctl --json` and `--xml` answer
-every command with one. This page, the XML schema [`schema/mvpn-output.xsd`](schema/mvpn-output.xsd) and the JSON schema
-[`schema/mvpn-output.schema.json`](schema/mvpn-output.schema.json) are printed by `schema_tool` (`md`, `xsd`, `json`)
-from the lists in `platform/cli_schema.h`, which modules record under, and the columns of the host's own views in
-`host/output/view.h`. The writers use both, too.
+`| json`, `| xml` and `| yang` behind a show command give what the command shows as a document; `pimctl --json` and `--xml` answer
+every command with one. This page, the XML schema [`schema/mvpn-output.xsd`](schema/mvpn-output.xsd), the JSON schema
+[`schema/mvpn-output.schema.json`](schema/mvpn-output.schema.json) and the YANG module
+[`libmvpn-state`](../yang/libmvpn-state.yang) are printed by `schema_tool` (`md`, `xsd`, `json`, `yang`) from the lists in
+`platform/cli_schema.h`, which modules record under, and the columns of the host's own views in `host/output/view.h`. The
+writers use both, too.
 
 A document is a tree of records. In XML a record is an element with its fields and its child records inside. In JSON it
 is an object; the child records of one kind are an array under the kind's name. The root is a JSON object, an XML
@@ -196,6 +292,10 @@ element `mvpn-output`.
   OpenMetrics text (`show metrics`) is no document.
 - **Empty lists.** A list that the view shows is there, `[]` when it is empty. One that the view does not show is left
   out, as is a field that it does not show or that has no value. In XML an empty list is no element.
+- **Names.** A thing has one name, whichever view shows it: a VRF, an MDT SAFI entry or a BGP neighbour is one kind of
+  record, of which a view shows some fields. `mdt-source` and `mdt-group` are a provider's source and group,
+  `customer-source` and `customer-group` a customer's; `vrf` names the VRF that something belongs to. A name ends with its
+  unit (`-seconds`, `-kbps`, `-bytes`) unless that goes without saying: an MTU is in bytes, what is counted has none.
 - **Errors.** A command that fails gives a document with `error`, whose `reason` also goes to standard error as text, with
   a line and a mark in front when the line was not understood. `pimctl` writes the document itself when `pimhostd` cannot:
   its hostname is then the machine's. A command that shows nothing and is done gives the header, and what it says as
@@ -205,9 +305,31 @@ element `mvpn-output`.
   `interrupted`. A list that had not begun by then is left out. A document whose connection broke ends anywhere, and so
   does one that the operator of a terminal left at a page; `pimctl` exits with another status than 0 for the first.
 
+## YANG
+
+Two YANG modules (RFC 7950) describe configuration and state; `mvpn` installs them in `/usr/share/yang/modules/mvpn`.
+
+- [`libmvpn-configuration`](../yang/libmvpn-configuration.yang) is the configuration: `show running-config | yang` prints it
+  as data of that module, with passwords only when they are asked for by `passwords`.
+- [`libmvpn-state`](../yang/libmvpn-state.yang) is what the other views show: `| yang` behind one of them gives its document
+  as data of that module, a container `mvpn-output` without configuration.
+
+Both print JSON as RFC 7951 has it, in which numbers of 64 bits and decimal ones are strings. A validator takes them as they
+are:
+
+```
+pimctl 'show running-config | yang' > config.json
+yanglint -t config -p /usr/share/yang/modules/mvpn /usr/share/yang/modules/mvpn/libmvpn-configuration.yang config.json
+pimctl 'show mvpn mdt | yang' > state.json
+yanglint -t data -p /usr/share/yang/modules/mvpn /usr/share/yang/modules/mvpn/libmvpn-state.yang state.json
+```
+
+## Versions
+
 `schema-version` is MAJOR.MINOR. MAJOR rises, and MINOR becomes 0, with a change that a reader of the former version does
 not survive: a name, a type, a unit or a meaning changes, or something goes. MINOR rises when something is added; readers
-pass over what they do not know. It stands in `host/output/header.h` and rises at most once between two releases.
+pass over what they do not know. It stands in `host/output/header.h`, with the date that is the YANG module's revision, and
+rises at most once between two releases. A change of what `libmvpn-configuration` says gets another revision there.
 
 Numbers of elements below 3000 are part of the interface between module and host; the host's own follow. An element keeps
 its number; a number is not used twice.
@@ -255,8 +377,10 @@ int main(int argc, char **argv) try {
     print_xsd();
   else if (std::strcmp(form, "json") == 0)
     print_json();
+  else if (std::strcmp(form, "yang") == 0)
+    print_yang();
   else {
-    std::cerr << "usage: schema_tool md|xsd|json\n";
+    std::cerr << "usage: schema_tool md|xsd|json|yang\n";
     return 2;
   }
   return std::cout.flush() ? 0 : 1;

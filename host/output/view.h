@@ -3,6 +3,11 @@
 // A view is a table. One description of its columns serves the text form's heading and widths, the record that the rows
 // are in a document, and with it the schema files. Numbers of elements follow those of cli_schema.h and obey the same
 // rules: a column keeps its number, a new one takes a number that was never used.
+//
+// A thing has one name in documents, whichever view shows it. Views of the same things have the same record and, for
+// what is the same, columns of the same number, be it one of cli_schema.h. A provider source and group are mdt-source
+// and mdt-group, a customer's customer-source and customer-group; what belongs to a VRF names it in vrf. A name ends
+// with its unit unless that goes without saying, as for mtu and for what is counted.
 #ifndef HOST_OUTPUT_VIEW_H
 #define HOST_OUTPUT_VIEW_H
 
@@ -25,9 +30,10 @@ struct Column {
   const char *description;      // for the schema files: a sentence
   const char *title = nullptr;  // in the text form's heading
   int width = 0;                // there; 0: as wide as the value
-  enum class Form { plain, hexadecimal } form = Form::plain;  // of numbers in text
-  bool only_in_detail = false;                                // shown with "detail" only, in documents too
-  const View *items = nullptr;                                // what a list consists of
+  // In text: of numbers; of whether something is local, else remote.
+  enum class Form { plain, hexadecimal, origin } form = Form::plain;
+  bool only_in_detail = false;  // shown with "detail" only, in documents too
+  const View *items = nullptr;  // what a list consists of
 };
 
 struct View {
@@ -54,6 +60,7 @@ constexpr Column list_of(const View &items, const char *title, int width) {
 constexpr bool is_list(const Column &column) { return column.number == 0; }
 
 constexpr auto kHexadecimal = Column::Form::hexadecimal;
+constexpr auto kOrigin = Column::Form::origin;
 
 // Fields of the document itself: the header that every document begins with, and what its end may say.
 inline constexpr Column kHeaderColumns[] = {
@@ -86,8 +93,8 @@ inline constexpr View kInterfaces = {"platform-interface", "An interface. `show 
 inline constexpr Column kTunnelColumns[] = {
     {3100, "name", CLI_TYPE_INTERFACE, "Name of the tunnel.", "Tunnel", 16},
     {3101, "vrf", CLI_TYPE_STRING, "VRF that it serves.", "VRF", 16},
-    {3102, "source", CLI_TYPE_ADDRESS, "Source of its packets.", "Source", 17},
-    {3103, "group", CLI_TYPE_ADDRESS, "Destination of its packets.", "Group", 17},
+    {3102, "mdt-source", CLI_TYPE_ADDRESS, "Source of its packets.", "Source", 17},
+    {3103, "mdt-group", CLI_TYPE_ADDRESS, "Destination of its packets.", "Group", 17},
     {3104, "mtu", CLI_TYPE_NUMBER, "Bytes.", "MTU", 7},
     {3105, "admin-state", CLI_TYPE_STRING, "up or down, as the module asked.", "Admin", 7},
     {3106, "state", CLI_TYPE_STRING, "up or down.", "State"},
@@ -103,26 +110,27 @@ inline constexpr Column kBgpSpeakerColumns[] = {
     {3115, "routes", CLI_TYPE_NUMBER, "Routes.", "Routes"},
     {3116, "paths", CLI_TYPE_NUMBER, "Paths to them: one for each neighbour that sent one.", "Paths"},
     {3117, "attribute-sets", CLI_TYPE_NUMBER, "Different sets of path attributes.", "Attribute sets"},
-    {3118, "octets", CLI_TYPE_NUMBER, "Memory of tables, attributes and what waits to be sent.", "Octets"},
+    {3118, "memory-bytes", CLI_TYPE_NUMBER, "Memory of tables, attributes and what waits to be sent.", "Octets"},
 };
 inline constexpr View kBgpSpeaker = {.record = "bgp-speaker",
                                      .description = "The BGP speaker. `show bgp summary`",
                                      .columns = kBgpSpeakerColumns,
                                      .sheet = true};
 
+constexpr const char *kBgpNeighborDescription =
+    "A BGP neighbour and its session. `show bgp summary`, and in full `show bgp neighbor`";
 inline constexpr Column kBgpSessionColumns[] = {
-    {3120, "neighbour", CLI_TYPE_ADDRESS, "Address of the neighbour.", "Neighbour", 17},
-    {3121, "remote-as", CLI_TYPE_NUMBER, "Its AS.", "AS", 11},
-    {3122, "state", CLI_TYPE_STRING, "Idle, Connect, Active, OpenSent, OpenConfirm or Established.", "State", 13},
-    {3123, "since", CLI_TYPE_DURATION, "Age of the state.", "Since", 12},
-    {3124, "received", CLI_TYPE_NUMBER, "Routes from it.", "Received", 10},
-    {3125, "sent", CLI_TYPE_NUMBER, "Routes to it.", "Sent", 10},
-    {3126, "messages-received", CLI_TYPE_NUMBER, "Messages from it.", "Msgs in", 10},
-    {3127, "messages-sent", CLI_TYPE_NUMBER, "Messages to it.", "Msgs out", 10},
-    {3128, "description", CLI_TYPE_STRING, "What the configuration says of it.", "Description"},
+    {3140, "address", CLI_TYPE_ADDRESS, "Address of the neighbour.", "Neighbour", 17},
+    {3141, "remote-as", CLI_TYPE_NUMBER, "Its AS.", "AS", 11},
+    {3144, "state", CLI_TYPE_STRING, "Idle, Connect, Active, OpenSent, OpenConfirm or Established.", "State", 13},
+    {3145, "state-age-seconds", CLI_TYPE_DURATION, "Age of the state.", "Since", 12},
+    {3162, "routes-received", CLI_TYPE_NUMBER, "Routes from it, stale ones included.", "Received", 10},
+    {3164, "routes-sent", CLI_TYPE_NUMBER, "Routes to it.", "Sent", 10},
+    {3126, "messages-received", CLI_TYPE_NUMBER, "Messages from it; only in the summary.", "Msgs in", 10},
+    {3127, "messages-sent", CLI_TYPE_NUMBER, "Messages to it; only in the summary.", "Msgs out", 10},
+    {3143, "description", CLI_TYPE_STRING, "What the configuration says of it.", "Description"},
 };
-inline constexpr View kBgpSessions = {"bgp-session", "A neighbour and its session. `show bgp summary`",
-                                      kBgpSessionColumns};
+inline constexpr View kBgpSessions = {"bgp-neighbor", kBgpNeighborDescription, kBgpSessionColumns};
 
 inline constexpr Column kBgpMessageColumns[] = {
     {3190, "type", CLI_TYPE_STRING, "Type of message."},
@@ -137,17 +145,18 @@ inline constexpr Column kBgpNeighborColumns[] = {
     {3142, "session", CLI_TYPE_STRING, "internal or external.", "Session"},
     {3143, "description", CLI_TYPE_STRING, "What the configuration says of it.", "Description"},
     {3144, "state", CLI_TYPE_STRING, "Idle, Connect, Active, OpenSent, OpenConfirm or Established.", "State"},
-    {3145, "since", CLI_TYPE_DURATION, "Age of the state.", "Since, seconds ago"},
+    {3145, "state-age-seconds", CLI_TYPE_DURATION, "Age of the state.", "Since, seconds ago"},
     {3146, "reason", CLI_TYPE_STRING, "Why there is no session.", "Reason"},
     {3147, "established-count", CLI_TYPE_NUMBER, "Sessions so far.", "Sessions so far"},
     {3148, "router-id", CLI_TYPE_ADDRESS, "Its BGP identifier.", "Router ID"},
     {3149, "local-address", CLI_TYPE_ADDRESS, "Own address of the session.", "Local address"},
     {3150, "port", CLI_TYPE_NUMBER, "TCP port that it is connected to at.", "Port"},
-    {3151, "hold-time", CLI_TYPE_NUMBER, "Seconds that both sides agreed on.", "Hold time"},
-    {3152, "keepalive-time", CLI_TYPE_NUMBER, "Seconds.", "Keepalive time"},
-    {3153, "hold-time-offered", CLI_TYPE_NUMBER, "Seconds that the configuration says.", "Hold time offered"},
+    {3151, "hold-time-seconds", CLI_TYPE_NUMBER, "What both sides agreed on.", "Hold time"},
+    {3152, "keepalive-time-seconds", CLI_TYPE_NUMBER, "Time between its keepalives.", "Keepalive time"},
+    {3153, "hold-time-offered-seconds", CLI_TYPE_NUMBER, "What the configuration says.", "Hold time offered"},
     {3154, "password", CLI_TYPE_BOOLEAN, "Whether segments are signed.", "Password"},
-    {3155, "ttl-security", CLI_TYPE_NUMBER, "Links that the neighbour may be away; left out when any.", "TTL security"},
+    {3155, "ttl-security-hops", CLI_TYPE_NUMBER, "Links that the neighbour may be away; left out when any.",
+     "TTL security"},
     {3156, "passive", CLI_TYPE_BOOLEAN, "Whether it is waited for.", "Passive"},
     {3157, "shutdown", CLI_TYPE_BOOLEAN, "Whether the configuration wants no session.", "Shutdown"},
     {3158, "route-reflector-client", CLI_TYPE_BOOLEAN, "Whether routes are reflected for it.",
@@ -155,14 +164,14 @@ inline constexpr Column kBgpNeighborColumns[] = {
     {3159, "agreed", CLI_TYPE_STRING, "What both sides can.", "Agreed"},
     {3160, "capabilities-sent", CLI_TYPE_STRING, "What this side offered.", "Capabilities sent"},
     {3161, "capabilities-received", CLI_TYPE_STRING, "What the neighbour offered.", "Capabilities received"},
-    {3162, "received", CLI_TYPE_NUMBER, "Routes from it, stale ones included.", "Routes received"},
-    {3163, "stale", CLI_TYPE_NUMBER, "Those that are kept for its restart.", "Stale routes"},
-    {3164, "sent", CLI_TYPE_NUMBER, "Routes to it.", "Routes sent"},
+    {3162, "routes-received", CLI_TYPE_NUMBER, "Routes from it, stale ones included.", "Routes received"},
+    {3163, "routes-stale", CLI_TYPE_NUMBER, "Those that are kept for its restart.", "Stale routes"},
+    {3164, "routes-sent", CLI_TYPE_NUMBER, "Routes to it.", "Routes sent"},
     {3165, "maximum-prefix", CLI_TYPE_NUMBER, "Routes that it may send.", "Maximum prefix"},
     {3166, "over-limit", CLI_TYPE_BOOLEAN, "Whether it sent more.", "Over the limit"},
     {3167, "end-of-rib-received", CLI_TYPE_BOOLEAN, "Whether it has sent all it had.", "End-of-RIB received"},
     {3168, "end-of-rib-sent", CLI_TYPE_BOOLEAN, "Whether it was sent all there was.", "End-of-RIB sent"},
-    {3169, "restart-left", CLI_TYPE_DURATION, "How long its routes are still kept while it is away.",
+    {3169, "restart-left-seconds", CLI_TYPE_DURATION, "How long its routes are still kept while it is away.",
      "Restart time left"},
     {3170, "refused-loops", CLI_TYPE_NUMBER, "Routes refused for a loop of AS, originator or cluster.",
      "Refused for loops"},
@@ -170,25 +179,23 @@ inline constexpr Column kBgpNeighborColumns[] = {
      "Taken as withdrawn"},
     {3172, "attributes-discarded", CLI_TYPE_NUMBER, "Faulty attributes that were left out.", "Attributes discarded"},
     {3173, "unicast-ignored", CLI_TYPE_NUMBER, "IPv4 unicast routes that nobody here wants.", "Unicast ignored"},
-    {3174, "octets-waiting", CLI_TYPE_NUMBER, "Octets that the neighbour has not taken yet.", "Octets waiting"},
+    {3174, "waiting-bytes", CLI_TYPE_NUMBER, "Bytes that the neighbour has not taken yet.", "Octets waiting"},
     {3175, "last-error-sent", CLI_TYPE_STRING, "Last NOTIFICATION to it.", "Last error sent"},
-    {3176, "last-error-sent-age", CLI_TYPE_DURATION, "How long ago.", "Seconds ago"},
+    {3176, "last-error-sent-age-seconds", CLI_TYPE_DURATION, "How long ago.", "Seconds ago"},
     {3177, "last-error-received", CLI_TYPE_STRING, "Last NOTIFICATION from it.", "Last error received"},
-    {3178, "last-error-received-age", CLI_TYPE_DURATION, "How long ago.", "Seconds ago"},
+    {3178, "last-error-received-age-seconds", CLI_TYPE_DURATION, "How long ago.", "Seconds ago"},
     list_of(kBgpMessages, "Messages (type:in:out)", 0),
 };
-inline constexpr View kBgpNeighbors = {.record = "bgp-neighbour",
-                                       .description = "A neighbour in full. `show bgp neighbor`",
-                                       .columns = kBgpNeighborColumns,
-                                       .sheet = true};
+inline constexpr View kBgpNeighbors = {
+    .record = "bgp-neighbor", .description = kBgpNeighborDescription, .columns = kBgpNeighborColumns, .sheet = true};
 
 inline constexpr Column kBgpColumns[] = {
-    {3200, "source", CLI_TYPE_ADDRESS, "Address of the PE.", "PE Source", 17},
-    {3201, "rd", CLI_TYPE_STRING, "Route distinguisher.", "RD", 22},
-    {3202, "group", CLI_TYPE_ADDRESS, "Default MDT group.", "Group", 17},
-    {3203, "origin", CLI_TYPE_STRING, "local: this PE advertises it; remote.", "Origin", 8},
+    {CLI_ELEMENT_SAFI_SOURCE, "pe-address", CLI_TYPE_ADDRESS, "Announcing PE.", "PE Source", 17},
+    {CLI_ELEMENT_SAFI_RD, "route-distinguisher", CLI_TYPE_STRING, "Route distinguisher.", "RD", 22},
+    {CLI_ELEMENT_SAFI_GROUP, "default-group", CLI_TYPE_ADDRESS, "Default MDT group.", "Group", 17},
+    {CLI_ELEMENT_SAFI_LOCAL, "local", CLI_TYPE_BOOLEAN, "Whether this PE announces it.", "Origin", 8, kOrigin},
     {3204, "vrf", CLI_TYPE_STRING, "VRF that a local route comes from.", "VRF", 16},
-    {3205, "neighbour", CLI_TYPE_ADDRESS, "Neighbour that a path came from.", "Neighbour", 17},
+    {3205, "neighbor", CLI_TYPE_ADDRESS, "Neighbour that a path came from.", "Neighbour", 17},
     {3206, "best", CLI_TYPE_BOOLEAN, "Whether the path is the one that is used.", "Best", 6},
     {3207, "stale", CLI_TYPE_BOOLEAN, "Whether it is kept for a neighbour's restart.", "Stale", 7},
     {3208, "next-hop", CLI_TYPE_ADDRESS, "Next hop.", "Next hop", 17, {}, true},
@@ -216,21 +223,24 @@ inline constexpr Column kBgpColumns[] = {
      true},
     {3217, "why", CLI_TYPE_STRING, "The step that made it the best, or that it lost at.", "Why", 0, {}, true},
 };
-inline constexpr View kBgp = {"bgp-mdt-entry", "An MDT SAFI route, one path of it. `show bgp mdt [detail]`",
-                              kBgpColumns};
+inline constexpr View kBgp = {
+    .record = "mdt-safi-entry",
+    .description = "An MDT SAFI entry. `show mvpn mdt bgp`; one path of it: `show bgp mdt [detail]`",
+    .columns = kBgpColumns,
+    .key = 1};
 
 inline constexpr Column kRouteColumns[] = {
-    {3300, "source", CLI_TYPE_SOURCE, "Core source.", "Source", 17},
-    {3301, "group", CLI_TYPE_ADDRESS, "Core group.", "Group", 17},
+    {3300, "mdt-source", CLI_TYPE_SOURCE, "Core source.", "Source", 17},
+    {3301, "mdt-group", CLI_TYPE_ADDRESS, "Core group.", "Group", 17},
     {3302, "core-vrf", CLI_TYPE_STRING, "VRF that the route is in.", "Core VRF", 12},
     {3303, "vrf", CLI_TYPE_STRING, "VRF whose traffic it carries.", "VRF", 16},
-    {3304, "mti", CLI_TYPE_INTERFACE, "Tunnel that decapsulates its packets.", "MTI", 14},
-    {3305, "source-interface", CLI_TYPE_INTERFACE, "Interface that has this PE's tunnel source.", "Source-If", 14},
+    {3304, "mti-interface", CLI_TYPE_INTERFACE, "Tunnel that decapsulates its packets.", "MTI", 14},
+    {3305, "mdt-source-interface", CLI_TYPE_INTERFACE, "Interface that has this PE's tunnel source.", "Source-If", 14},
     {3306, "local", CLI_TYPE_BOOLEAN, "Whether this PE sends on it.", "Local", 7},
     {3307, "rpf-address", CLI_TYPE_ADDRESS, "Address that the RPF check uses.", "RPF", 17, {}, true},
     {3308, "last-hop", CLI_TYPE_BOOLEAN, "Whether this PE receives on it.", "Last-hop", 10, {}, true},
     {3309, "asm-shared-tree", CLI_TYPE_BOOLEAN, "Whether it stays on the shared tree.", "Shared", 8, {}, true},
-    {3310, "xid", CLI_TYPE_NUMBER, "Transaction that installed it.", "Xid", 12, kHexadecimal},
+    {3310, "transaction-id", CLI_TYPE_NUMBER, "Transaction that installed it.", "Xid", 12, kHexadecimal},
     {3311, "entry", CLI_TYPE_STRING, "The entry that installed it, in hexadecimal.", "Entry", 0, {}, true},
 };
 inline constexpr View kRoutes = {"mrib-route", "A core route, as the MRIB holds it. `show mrib routes [detail]`",
@@ -238,22 +248,22 @@ inline constexpr View kRoutes = {"mrib-route", "A core route, as the MRIB holds 
 
 inline constexpr Column kEncapColumns[] = {
     {3400, "vrf", CLI_TYPE_STRING, "Customer VRF.", "VRF", 16},
-    {3401, "index", CLI_TYPE_NUMBER, "Encapsulation index.", "Index", 7},
-    {3402, "group", CLI_TYPE_ADDRESS, "Provider group.", "Group", 17},
-    {3403, "source", CLI_TYPE_ADDRESS, "Address of this PE.", "Source", 17},
-    {3404, "mti", CLI_TYPE_INTERFACE, "Tunnel.", "MTI", 14},
-    {3405, "source-interface", CLI_TYPE_INTERFACE, "Interface that has the source.", "Source-If"},
+    {3401, "encapsulation-index", CLI_TYPE_NUMBER, "Encapsulation index.", "Index", 7},
+    {3402, "mdt-group", CLI_TYPE_ADDRESS, "Provider group.", "Group", 17},
+    {3403, "mdt-source", CLI_TYPE_ADDRESS, "Address of this PE.", "Source", 17},
+    {3404, "mti-interface", CLI_TYPE_INTERFACE, "Tunnel.", "MTI", 14},
+    {3405, "mdt-source-interface", CLI_TYPE_INTERFACE, "Interface that has the source.", "Source-If"},
 };
 inline constexpr View kEncaps = {"mrib-encapsulation", "An encapsulation, as the MRIB holds it. `show mrib encaps`",
                                  kEncapColumns};
 
 inline constexpr Column kGroupUserColumns[] = {
     {3590, "vrf", CLI_TYPE_STRING, "Customer VRF."},
-    {3591, "index", CLI_TYPE_NUMBER, "Encapsulation index."},
+    {3591, "encapsulation-index", CLI_TYPE_NUMBER, "Encapsulation index."},
 };
 inline constexpr View kGroupUsers = {"core-group-user", "An encapsulation that uses the group.", kGroupUserColumns};
 inline constexpr Column kGroupColumns[] = {
-    {3500, "group", CLI_TYPE_ADDRESS, "Provider group.", "Group", 17},
+    {3500, "mdt-group", CLI_TYPE_ADDRESS, "Provider group.", "Group", 17},
     {3501, "mode", CLI_TYPE_STRING, "SSM, Bidir or ASM.", "Mode", 8},
     {3502, "local-routes", CLI_TYPE_NUMBER, "Routes that this PE sends on.", "Local", 8},
     {3503, "remote-routes", CLI_TYPE_NUMBER, "Routes of other PEs.", "Remote", 8},
@@ -267,20 +277,20 @@ inline constexpr View kCustomerOifs = {"outgoing-interface", "An outgoing interf
                                        kCustomerOifColumns};
 inline constexpr Column kCustomerColumns[] = {
     {3600, "vrf", CLI_TYPE_STRING, "VRF of the route.", "VRF", 12},
-    {3601, "source", CLI_TYPE_SOURCE, "Customer source.", "Source", 17},
-    {3602, "group", CLI_TYPE_ADDRESS, "Customer group.", "Group", 17},
-    {3603, "iif", CLI_TYPE_INTERFACE, "Incoming interface; mvpn: the VRF's tunnel.", "IIF", 12},
-    {3604, "rpf-neighbour", CLI_TYPE_ADDRESS, "Neighbour towards the source.", "RPF", 17},
+    {3601, "customer-source", CLI_TYPE_SOURCE, "Customer source.", "Source", 17},
+    {3602, "customer-group", CLI_TYPE_ADDRESS, "Customer group.", "Group", 17},
+    {3603, "incoming-interface", CLI_TYPE_INTERFACE, "Incoming interface; mvpn: the VRF's tunnel.", "IIF", 12},
+    {3604, "rpf-neighbor", CLI_TYPE_ADDRESS, "Neighbour towards the source.", "RPF", 17},
     list_of(kCustomerOifs, "OIFs", 16),
     {3605, "rate-kbps", CLI_TYPE_NUMBER, "Rate of the flow, kbit/s.", "kbps", 9},
     {3606, "bidirectional", CLI_TYPE_BOOLEAN, "Whether the group is bidirectional.", "Bidir", 7},
-    {3607, "encap-index", CLI_TYPE_NUMBER, "Encapsulation that the module chose for the flow.", "Encap", 7},
-    {3608, "data-group", CLI_TYPE_ADDRESS, "Its data-MDT group.", "Data group"},
+    {3607, "encapsulation-index", CLI_TYPE_NUMBER, "Encapsulation that the module chose for the flow.", "Encap", 7},
+    {3608, "mdt-group", CLI_TYPE_ADDRESS, "Its data-MDT group.", "Data group"},
 };
 inline constexpr View kCustomers = {"customer-route", "A customer route. `show customer-routes`", kCustomerColumns};
 
 inline constexpr Column kEventColumns[] = {
-    {3700, "time", CLI_TYPE_DURATION, "When it happened, on the platform's clock.", "Time", 13},
+    {3700, "clock-seconds", CLI_TYPE_DURATION, "When it happened, on the platform's clock.", "Time", 13},
     {3701, "text", CLI_TYPE_STRING, "What happened.", "Event"},
 };
 inline constexpr View kEvents = {"event", "An event of the module's history. `show events`", kEventColumns};
@@ -305,7 +315,7 @@ inline constexpr View kConfig = {"configuration-line", "A line of the configurat
                                  kConfigColumns};
 
 inline constexpr Column kClockColumns[] = {
-    {4100, "seconds", CLI_TYPE_DURATION, "Time on the platform's clock.", "Platform seconds", 18},
+    {4100, "clock-seconds", CLI_TYPE_DURATION, "Time on the platform's clock.", "Platform seconds", 18},
     {4101, "scale", CLI_TYPE_DURATION, "How far the clock goes in a second.", "Scale"},
 };
 inline constexpr View kClock = {"clock", "The platform's clock. `show clock`", kClockColumns};
@@ -332,11 +342,10 @@ inline constexpr View kForwardingVrfs = {"forwarding-vrf", "A VRF in the forward
                                          kForwardingVrfColumns, "VRFs"};
 inline constexpr Column kFlowColumns[] = {
     {4400, "vrf", CLI_TYPE_STRING, "VRF of the flow.", "VRF", 16},
-    {4401, "source", CLI_TYPE_SOURCE, "Customer source.", "Source", 17},
-    {4402, "group", CLI_TYPE_ADDRESS, "Customer group.", "Group", 17},
-    {4403, "index", CLI_TYPE_NUMBER, "Encapsulation index in force; 1: the default MDT.", "Index", 7},
-    {4404, "core-group", CLI_TYPE_ADDRESS, "Provider group that carries it; left out when none does.", "Core group",
-     17},
+    {4401, "customer-source", CLI_TYPE_SOURCE, "Customer source.", "Source", 17},
+    {4402, "customer-group", CLI_TYPE_ADDRESS, "Customer group.", "Group", 17},
+    {4403, "encapsulation-index", CLI_TYPE_NUMBER, "Encapsulation index in force; 1: the default MDT.", "Index", 7},
+    {4404, "mdt-group", CLI_TYPE_ADDRESS, "Provider group that carries it; left out when none does.", "Core group", 17},
     {4405, "packets", CLI_TYPE_NUMBER, "Datagrams sent into the tunnel.", "Packets", 14},
     {4406, "bytes", CLI_TYPE_NUMBER, "Their bytes.", "Bytes", 16},
     {4407, "rate-kbps", CLI_TYPE_NUMBER, "kbit/s over the last two seconds.", "kbps"},
@@ -344,8 +353,8 @@ inline constexpr Column kFlowColumns[] = {
 inline constexpr View kFlows = {"flow", "A flow that this PE sends into the core. `show forwarding [vrf NAME]`",
                                 kFlowColumns, "Flows"};
 inline constexpr Column kMembershipColumns[] = {
-    {4500, "source", CLI_TYPE_SOURCE, "Core source.", "Source", 17},
-    {4501, "group", CLI_TYPE_ADDRESS, "Core group.", "Group", 17},
+    {4500, "mdt-source", CLI_TYPE_SOURCE, "Core source.", "Source", 17},
+    {4501, "mdt-group", CLI_TYPE_ADDRESS, "Core group.", "Group", 17},
     {4502, "vrf", CLI_TYPE_STRING, "VRF that takes its packets.", "VRF", 16},
     {4503, "joined", CLI_TYPE_BOOLEAN, "Whether the kernel has joined it.", "Joined", 8},
     {4504, "interface", CLI_TYPE_INTERFACE, "Where; left out: nowhere, or everywhere for any source.", "Interface", 16},
@@ -362,7 +371,7 @@ inline constexpr Column kDropColumns[] = {
 inline constexpr View kDrops = {"drop", "Packets dropped for one reason. `show forwarding [vrf NAME]`", kDropColumns,
                                 "Drops"};
 inline constexpr Column kForwardingEventColumns[] = {
-    {4700, "time", CLI_TYPE_STRING, "When it happened, UTC, as in RFC 3339.", "Time", 26},
+    {4700, "time", kTime, "When it happened.", "Time", 26},
     {4701, "text", CLI_TYPE_STRING, "What happened.", "Event"},
 };
 inline constexpr View kForwardingEvents = {"forwarding-event", "An event of the forwarder. `show forwarding events`",
@@ -371,22 +380,25 @@ inline constexpr View kForwardingEvents = {"forwarding-event", "An event of the 
 // Every view, by number; the items of lists follow the view that they belong to.
 inline constexpr Column kChangeColumns[] = {
     {4900, "kind", CLI_TYPE_STRING, "vrf, tunnel, pe, bgp-session, data-mdt, service or command.", "Kind", 14},
-    {4901, "time", CLI_TYPE_STRING, "When it happened: RFC 3339, UTC.", "Time", 26},
+    {4901, "time", kTime, "When it happened.", "Time", 26},
     {4902, "level", CLI_TYPE_STRING, "error, warning, notice, info or debug.", "Level", 9},
     {4903, "vrf", CLI_TYPE_STRING, "VRF that it concerns.", "VRF", 16},
     {4904, "name", CLI_TYPE_STRING,
-     "What changed, where the kind has several: tunnel, neighbour, service; of a data MDT sent or received; the line.",
-     "Name", 20},
+     "What changed, where the kind has several: tunnel, service; of a data MDT sent or received; the line.", "Name",
+     20},
     {4905, "before", CLI_TYPE_STRING, "State before.", "Before", 16},
     {4906, "after", CLI_TYPE_STRING, "State now.", "After", 16},
-    {4907, "source", CLI_TYPE_ADDRESS, "Provider source: a PE.", "Source", 17},
-    {4908, "group", CLI_TYPE_ADDRESS, "Provider group.", "Group", 17},
+    {4907, "mdt-source", CLI_TYPE_ADDRESS, "Provider source.", "Source", 17},
+    {4908, "mdt-group", CLI_TYPE_ADDRESS, "Provider group.", "Group", 17},
     {4909, "customer-source", CLI_TYPE_SOURCE, "Source of a customer's flow.", "Customer source", 17},
     {4910, "customer-group", CLI_TYPE_ADDRESS, "Group of a customer's flow.", "Customer group", 17},
-    {4911, "rd", CLI_TYPE_STRING, "Route distinguisher of a PE's entry.", "RD", 22},
+    {4911, "route-distinguisher", CLI_TYPE_STRING, "Route distinguisher of a PE's entry.", "RD", 22},
     {4912, "reason", CLI_TYPE_STRING, "Why.", "Reason", 30},
     {4913, "by", CLI_TYPE_STRING, "Who asked for it.", "By", 20},
     {4914, "text", CLI_TYPE_STRING, "All of it in a line, as the log has it.", "Text"},
+    {4915, "pe-address", CLI_TYPE_ADDRESS, "PE that joined or left.", "PE", 17},
+    {4916, "default-group", CLI_TYPE_ADDRESS, "Default MDT group of the VRF or PE.", "Default group", 17},
+    {4917, "neighbor", CLI_TYPE_ADDRESS, "BGP neighbour.", "Neighbour", 17},
 };
 inline constexpr View kChanges = {"change", "A change of state. `monitor json`", kChangeColumns};
 
@@ -401,13 +413,15 @@ inline constexpr View kNotes = {"note", "What there is to say about an answer, s
                                 kNoteColumns};
 
 inline constexpr Column kVrfColumns[] = {
-    {5000, "vrf", CLI_TYPE_STRING, "Name of the VRF.", "VRF", 16},
-    {5001, "default-group", CLI_TYPE_ADDRESS, "Default MDT group.", "Default group", 17},
-    {5002, "mti-interface", CLI_TYPE_INTERFACE, "Multicast tunnel interface.", "MTI", 10},
-    {5003, "mti-status", CLI_TYPE_STRING, "Status of the tunnel interface, None to Up.", "Status", 18},
-    {5004, "not-up-reason", CLI_TYPE_STRING, "The first condition of the default MDT that is not met.", "Why not Up"},
+    {CLI_ELEMENT_VRF_NAME, "name", CLI_TYPE_STRING, "Name of the VRF.", "VRF", 16},
+    {CLI_ELEMENT_VRF_DEFAULT_GROUP, "default-group", CLI_TYPE_ADDRESS, "Default MDT group.", "Default group", 17},
+    {CLI_ELEMENT_VRF_MTI_NAME, "mti-interface", CLI_TYPE_INTERFACE, "Multicast tunnel interface.", "MTI", 10},
+    {CLI_ELEMENT_VRF_MTI_STATUS, "mti-status", CLI_TYPE_STRING, "Status of the tunnel interface, None to Up.", "Status",
+     18},
+    {CLI_ELEMENT_VRF_NOT_UP_REASON, "not-up-reason", CLI_TYPE_STRING,
+     "The first condition of the default MDT that is not met.", "Why not Up"},
 };
-inline constexpr View kVrfs = {"vrf-status", "A VRF of the configuration. `show vrfs`", kVrfColumns};
+inline constexpr View kVrfs = {"vrf", "A VRF. `show vrfs`, `show mvpn ...`", kVrfColumns};
 
 inline constexpr Column kVersionColumns[] = {
     {5100, "program", CLI_TYPE_STRING, "Name of the program.", "Program"},
@@ -419,7 +433,7 @@ inline constexpr View kVersion = {
     .record = "version", .description = "A program. `show version`", .columns = kVersionColumns, .sheet = true};
 
 inline constexpr Column kStatusColumns[] = {
-    {5200, "started", CLI_TYPE_STRING, "When the program started: RFC 3339, UTC.", "Started"},
+    {5200, "started", kTime, "When the program started.", "Started"},
     {5201, "uptime-seconds", CLI_TYPE_DURATION, "How long it has been running.", "Uptime, seconds"},
     {5202, "process", CLI_TYPE_NUMBER, "Process id.", "Process"},
     {5203, "memory-bytes", CLI_TYPE_NUMBER, "Memory that is resident.", "Memory, bytes"},
@@ -451,7 +465,7 @@ inline constexpr View kConfigDiff = {"configuration-difference",
 
 inline constexpr Column kFormerConfigColumns[] = {
     {5400, "number", CLI_TYPE_NUMBER, "What rollback takes.", "Number", 8},
-    {5401, "until", CLI_TYPE_STRING, "How long it ran: RFC 3339, UTC.", "Until", 26},
+    {5401, "until", kTime, "How long it ran.", "Until", 26},
     {5402, "ended-by", CLI_TYPE_STRING, "Commit, rollback, reload, or that nobody confirmed.", "Ended by", 18},
     {5403, "by", CLI_TYPE_STRING, "Who that was.", "By"},
 };

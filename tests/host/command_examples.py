@@ -20,7 +20,7 @@ OPTIONS = ["--clock-scale", "20"]
 
 VOLATILE = [(r"(?m)^\d+\.\d{3} +[\[(].*\n", ""),  # events
             (r"\d{4}-\d\d-\d\dT[\d:.]+Z", "TIME"), (r"\d\d:\d\d:\d\d", "TIME"), (r"\b\d+\.\d+(?=\b[^.])", "SECONDS"), (r"0x[0-9a-fx]+", "ADDRESS"),
-            (r'"xid":\d+', '"xid":X'), (r"(?i)((?:join|send) count: )\d+", r"\1N"), (r"(?m)^([a-z]+-[a-z-]+ +)\d+$", r"\1N")]
+            (r'"transaction-id":\d+', '"transaction-id":X'), (r"(?i)((?:join|send) count: )\d+", r"\1N"), (r"(?m)^([a-z]+-[a-z-]+ +)\d+$", r"\1N")]
 
 
 def stable(text):

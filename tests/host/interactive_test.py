@@ -1,8 +1,8 @@
 """Drives pimctl as a person does, through a pseudo-terminal, and through a pipe.  usage: interactive_test.py BIN_DIR"""
 
-import json
 import contextlib
 import fcntl
+import json
 import os
 import pathlib
 import pty

@@ -102,7 +102,7 @@ class OperationsTest(unittest.TestCase):
         ]:
             with self.subTest(line):
                 self.assertEqual(daemon.run("configure " + line).returncode, 0)
-                row = lambda: next(r for r in json.loads(daemon.show("vrfs", "--json"))["vrf-status"] if r["vrf"] == "green")
+                row = lambda: next(r for r in json.loads(daemon.show("vrfs", "--json"))["vrf"] if r["name"] == "green")
                 wait_until(lambda: row().get("not-up-reason", "") == reason, f"{reason}, not {row()}")
                 shown = daemon.show("mvpn mdt vrf green")
                 self.assertEqual(f"VRF green is not Up: {reason}\n" in shown, reason != "", shown)
@@ -339,7 +339,7 @@ class OperationsTest(unittest.TestCase):
             self.assertEqual(schema_faults(document, schema, schema), [])
             seen += document["change"]
         gone = seen[-1]
-        self.assertEqual((gone["vrf"], gone["group"], gone["level"]), ("red", "239.1.1.1", "notice"))
+        self.assertEqual((gone["vrf"], gone["default-group"], gone["level"]), ("red", "239.1.1.1", "notice"))
         self.assertRegex(gone["by"], OPERATOR)
         lines = ""
         while "VRF red: no default MDT" not in lines:

@@ -392,9 +392,9 @@ class ProgramsTest(unittest.TestCase):
                 xml = subprocess.run(["xmllint", "--noout", "--schema", DOCS / "schema/mvpn-output.xsd", "-"], text=True,
                                      input=daemon.show(view, "--xml"), capture_output=True)
                 self.assertEqual(xml.returncode, 0, xml.stderr)
-        self.assertNotEqual(schema_faults({"clock": [{"seconds": "1"}]}, schema, schema), [])
+        self.assertNotEqual(schema_faults({"clock": [{"clock-seconds": "1"}]}, schema, schema), [])
         route = json.loads(daemon.show("customer-routes", "--json"))["customer-route"][0]
-        self.assertEqual((route["source"], route["rate-kbps"], route["bidirectional"], route["outgoing-interface"]),
+        self.assertEqual((route["customer-source"], route["rate-kbps"], route["bidirectional"], route["outgoing-interface"]),
                          ("192.168.1.5", 0, False, [{"name": "mvpn"}]))
         self.assertEqual(daemon.show("tunnels | include blue | count"), "1\n")
         self.assertEqual(daemon.run("show tunnels | sort").returncode, 2)

@@ -85,12 +85,14 @@ std::string written(MakeWriter make, const std::vector<ref::CliValue> &values, s
   return bytes;
 }
 
-// Every element once but those of the header, records in the order of the list: the children of a VRF before the other
-// kinds.
+// Every element once but those of the header, record by record: the children of a VRF before the other kinds.
 std::vector<ref::CliValue> every_element() {
+  const auto elements = output::all_elements();
+  std::vector<output::SchemaElement> all(elements.begin(), elements.end());
+  std::erase_if(all, [](const auto &element) { return element.record == CLI_RECORD_DOCUMENT && element.always; });
+  std::ranges::stable_sort(all, {}, [](const auto &element) { return std::pair(element.record, !element.begins); });
   std::vector<ref::CliValue> values;
-  for (const output::SchemaElement &element : output::all_elements())
-    if (element.record != CLI_RECORD_DOCUMENT || !element.always) values.push_back(some_value(element));
+  for (const output::SchemaElement &element : all) values.push_back(some_value(element));
   return values;
 }
 
@@ -141,7 +143,7 @@ TEST(Documents, HaveTheEmptyListsThatAViewShows) {
       {{}, R"({"vrf": [], "mdt-safi-entry": []})"},
       {{text_value(CLI_ELEMENT_VRF_NAME, "red"), text_value(CLI_ELEMENT_VRF_NAME, "blue"),
         text_value(CLI_ELEMENT_ROUTE_SOURCE, "10.0.0.1")},
-       R"({"vrf": [{"name": "red", "mdt-route": []}, {"name": "blue", "mdt-route": [{"source": "10.0.0.1"}]}],
+       R"({"vrf": [{"name": "red", "mdt-route": []}, {"name": "blue", "mdt-route": [{"mdt-source": "10.0.0.1"}]}],
            "mdt-safi-entry": []})"},
       {{text_value(CLI_ELEMENT_SAFI_RD, "1:1")}, R"({"mdt-safi-entry": [{"route-distinguisher": "1:1"}], "vrf": []})"},
   };
@@ -162,15 +164,15 @@ TEST(Documents, NestRecordsUnderTheirParents) {
   const Json expected = Json::parse(R"({
     "vrf": [
       {"name": "red",
-       "mdt-route": [{"source": "10.0.0.0", "group": "239.1.1.1", "uptime": 0.0},
-                     {"source": "10.0.0.1", "group": "239.1.1.1", "uptime": 0.25},
-                     {"source": "10.0.0.2", "group": "239.1.1.1", "uptime": 0.5}],
-       "encapsulation": [{"index": 2}, {"index": 3}], "route-distinguisher": "65000:1"},
+       "mdt-route": [{"mdt-source": "10.0.0.0", "mdt-group": "239.1.1.1", "uptime-seconds": 0.0},
+                     {"mdt-source": "10.0.0.1", "mdt-group": "239.1.1.1", "uptime-seconds": 0.25},
+                     {"mdt-source": "10.0.0.2", "mdt-group": "239.1.1.1", "uptime-seconds": 0.5}],
+       "encapsulation": [{"encapsulation-index": 2}, {"encapsulation-index": 3}], "route-distinguisher": "65000:1"},
       {"name": "blue",
-       "mdt-route": [{"source": "10.0.0.0", "group": "239.1.1.1", "uptime": 0.0},
-                     {"source": "10.0.0.1", "group": "239.1.1.1", "uptime": 0.25},
-                     {"source": "10.0.0.2", "group": "239.1.1.1", "uptime": 0.5}],
-       "encapsulation": [{"index": 2}, {"index": 3}], "route-distinguisher": "65000:1"},
+       "mdt-route": [{"mdt-source": "10.0.0.0", "mdt-group": "239.1.1.1", "uptime-seconds": 0.0},
+                     {"mdt-source": "10.0.0.1", "mdt-group": "239.1.1.1", "uptime-seconds": 0.25},
+                     {"mdt-source": "10.0.0.2", "mdt-group": "239.1.1.1", "uptime-seconds": 0.5}],
+       "encapsulation": [{"encapsulation-index": 2}, {"encapsulation-index": 3}], "route-distinguisher": "65000:1"},
       {"name": "empty"}],
     "mdt-safi-entry": [{"route-distinguisher": "65000:9", "local": false}]})");
   EXPECT_EQ(document, expected) << document.dump(2);
@@ -345,8 +347,10 @@ TEST(Filters, StopAndPassOn) {
 }
 
 TEST(Schema, FilesAreWhatTheToolPrints) {
-  const std::pair<const char *, const char *> files[] = {
-      {"md", "output-schema.md"}, {"xsd", "schema/mvpn-output.xsd"}, {"json", "schema/mvpn-output.schema.json"}};
+  const std::pair<const char *, const char *> files[] = {{"md", "output-schema.md"},
+                                                         {"xsd", "schema/mvpn-output.xsd"},
+                                                         {"json", "schema/mvpn-output.schema.json"},
+                                                         {"yang", "../yang/libmvpn-state.yang"}};
   for (const auto &[form, name] : files) {
     std::ifstream file(std::string(DOCS_DIR) + "/" + name, std::ios::binary);
     ASSERT_TRUE(file) << name;

@@ -51,7 +51,7 @@ class Program:
         return json.loads(self.show(line + " | json"))
 
     def neighbour(self, address):
-        return self.document(f"bgp neighbor {address}")["bgp-neighbour"][0]
+        return self.document(f"bgp neighbor {address}")["bgp-neighbor"][0]
 
     def state(self, address):
         return self.neighbour(address)["state"]
@@ -64,8 +64,8 @@ class Program:
 
     def paths(self):
         """{(rd, source, neighbour): the path's record}; the neighbour of an own route is None."""
-        return {(path["rd"], path["source"], path.get("neighbour")): path
-                for path in self.document("bgp mdt detail").get("bgp-mdt-entry", [])}
+        return {(path["route-distinguisher"], path["pe-address"], path.get("neighbor")): path
+                for path in self.document("bgp mdt detail")["mdt-safi-entry"]}
 
     def wait_for(self, address, state="Established"):
         wait_until(lambda: self.state(address) == state,

@@ -107,7 +107,7 @@ class RoutesTest(unittest.TestCase):
         b.send(peer.update([*peer.well_known()[:2], peer.attribute(peer.WELL_KNOWN, peer.LOCAL_PREF, struct.pack(">I", 50)),
                             peer.reach([other], "10.0.0.1")]))
         wait_until(lambda: len(self.ours.paths()) == 2, "two paths")
-        self.assertEqual([path["neighbour"] for path in self.ours.paths().values() if path["best"]], [A])
+        self.assertEqual([path["neighbor"] for path in self.ours.paths().values() if path["best"]], [A])
         self.hears(c, [mine])
         a.close()  # lost, without a word
         self.hears(c, [other])
@@ -301,12 +301,12 @@ class RoutesTest(unittest.TestCase):
         a.send(peer.announcement([R1, R2], "10.0.0.1") + self.end_of_rib())
         self.hears(b, [R1, R2])
         a.close()
-        wait_until(lambda: self.ours.neighbour(A)["stale"] == 2, "its routes are stale")
+        wait_until(lambda: self.ours.neighbour(A)["routes-stale"] == 2, "its routes are stale")
         updates = b.counts[peer.UPDATE]
         again = self.restarting(A, 20, restarted=True).establish()
         again.send(peer.announcement([R1], "10.0.0.1") + self.end_of_rib())
         self.hears(b, [R1])
-        self.assertEqual(self.ours.neighbour(A)["stale"], 0)
+        self.assertEqual(self.ours.neighbour(A)["routes-stale"], 0)
         self.assertLessEqual(b.counts[peer.UPDATE], updates + 1)  # R1 was neither withdrawn nor sent again
         again.cease()  # not a restart: what it had goes
         self.hears(b, [])
@@ -318,7 +318,7 @@ class RoutesTest(unittest.TestCase):
         a.send(peer.announcement([R1], "10.0.0.1") + self.end_of_rib())
         self.hears(b, [R1])
         a.close()
-        wait_until(lambda: self.ours.neighbour(A)["stale"] == 1, "its route is stale")
+        wait_until(lambda: self.ours.neighbour(A)["routes-stale"] == 1, "its route is stale")
         self.hears(b, [R1])
         self.hears(b, [])
 
@@ -329,7 +329,7 @@ class RoutesTest(unittest.TestCase):
         a.send(peer.announcement([R1], "10.0.0.1") + self.end_of_rib())
         self.hears(b, [R1])
         a.close()
-        wait_until(lambda: self.ours.neighbour(A)["stale"] == 1, "its route is stale")
+        wait_until(lambda: self.ours.neighbour(A)["routes-stale"] == 1, "its route is stale")
         self.restarting(A, 60, forwarding=False, restarted=True).establish()
         self.hears(b, [])
 

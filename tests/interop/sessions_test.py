@@ -60,7 +60,7 @@ class SessionsTest(unittest.TestCase):
                 holds_for(9.5, lambda: self.ours.established(THEIRS), "our side")
                 self.assertTrue(self.theirs.established())
                 found = self.ours.neighbour(THEIRS)
-                self.assertEqual((found["established-count"], found["hold-time"], found["keepalive-time"]), (count, 3, 1))
+                self.assertEqual((found["established-count"], found["hold-time-seconds"], found["keepalive-time-seconds"]), (count, 3, 1))
                 self.assertIn("four-octet AS", found["agreed"])
                 self.assertNotIn("MDT", found["agreed"])  # they do not know it
                 self.assertGreater(self.ours.message_count(THEIRS, "keepalive"), 8)
@@ -136,7 +136,7 @@ class SessionsTest(unittest.TestCase):
         wait_until(lambda: self.ours.message_count(THEIRS, "route-refresh") > 0 or not self.theirs.asks_for_refresh,
                    lambda: f"a refresh comes: {self.ours.neighbour(THEIRS)}\n{self.theirs.process.text()[-2000:]}")
         holds_for(4, lambda: self.ours.established(THEIRS), "the session after a refresh")
-        self.assertEqual(self.ours.neighbour(THEIRS)["received"], 0)
+        self.assertEqual(self.ours.neighbour(THEIRS)["routes-received"], 0)
         self.assertEqual(self.ours.paths(), {})
 
 
