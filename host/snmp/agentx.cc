@@ -207,6 +207,7 @@ class AgentX::Impl {
     const Scalar *scalar;
   };
 
+  void send(netsnmp_variable_list *list);
   void start_library(const Options &options);
   void set_options();
   static void set_intervals(int retry_seconds);
@@ -232,6 +233,9 @@ class AgentX::Impl {
   boost::asio::steady_timer timer_;
   std::string address_;
   std::shared_ptr<Main> main_;
+  bool sending_ = false;  // a notification: what the library says is
+  std::string failure_;   // why it failed
+  uint64_t failed_ = 0;   // since one was sent
   std::vector<std::unique_ptr<ServedTable>> tables_;
   std::vector<std::unique_ptr<ServedScalar>> scalars_;
   std::vector<std::unique_ptr<Descriptor>> watched_;
@@ -296,7 +300,12 @@ int AgentX::Impl::take_message(int, int, void *server, void *own) {
   // A failure to connect often comes without the reason that its text makes room for.
   while (!text.empty() && std::strchr("\n: ", text.back()) != nullptr) text.pop_back();
   if (text.find("Failed to connect") != std::string::npos) text += "; it is tried again";
-  if (message->priority <= LOG_INFO && !text.empty()) Main::log(static_cast<Impl *>(own)->main_, "SNMP: " + text);
+  if (message->priority > LOG_INFO || text.empty()) return SNMP_ERR_NOERROR;
+  Impl *impl = static_cast<Impl *>(own);
+  if (impl->sending_)
+    impl->failure_ = text;
+  else
+    Main::log(impl->main_, "SNMP: " + text);
   return SNMP_ERR_NOERROR;
 }
 
@@ -435,8 +444,23 @@ void AgentX::Impl::notify(const Notification &notification) {
                                          value.size() * sizeof value[0]) != nullptr;
   for (const Notification::Object &object : notification.objects)
     whole = whole && append(&list, oid_under(kNotifyObjects, {object.arc, 0}), object.syntax, object.text);
-  if (whole) send_v2trap(list);
+  if (whole) send(list);
   snmp_free_varbind(list);
+}
+
+// What the library says of each that fails would be a line each: the first is told, and how many it were at the end.
+void AgentX::Impl::send(netsnmp_variable_list *list) {
+  sending_ = true;
+  failure_.clear();
+  send_v2trap(list);
+  sending_ = false;
+  if (!failure_.empty()) {
+    if (failed_++ == 0) Main::log(main_, "SNMP: notifications are lost: " + failure_);
+    return;
+  }
+  if (failed_ > 0)
+    Main::log(main_, "SNMP: the master takes notifications again; " + std::to_string(failed_) + " were lost");
+  failed_ = 0;
 }
 
 // ------------------------------------------------------------------------------------------------------------- loop
