@@ -57,8 +57,18 @@ bool Peer::looped(const Session &session) const {
          attributes.next_hop == session.local_address();
 }
 
+// While one route of a message is worked on, memory of those further on is fetched.
+void Peer::fetch_ahead(const NlriList &routes, size_t at) const {
+  constexpr size_t kRoute = 8, kBucket = 16;  // routes ahead
+  if (at + kBucket < routes.size()) core_.table.fetch_bucket(routes[at + kBucket].key);
+  if (at + kRoute < routes.size()) core_.table.fetch_route(routes[at + kRoute].key);
+}
+
 void Peer::withdraw(const NlriList &routes) {
-  for (size_t i = 0; i < routes.size(); i++) core_.table.withdraw(source_, routes[i].key);
+  for (size_t i = 0; i < routes.size(); i++) {
+    fetch_ahead(routes, i);
+    core_.table.withdraw(source_, routes[i].key);
+  }
 }
 
 std::optional<Notification> Peer::apply(Session &session) {
@@ -72,6 +82,7 @@ std::optional<Notification> Peer::apply(Session &session) {
   const AttributeId attributes = core_.attributes.intern(update_.attributes);
   std::optional<Notification> over;
   for (size_t i = 0; i < routes.size() && !over; i++) {
+    fetch_ahead(routes, i);
     const Nlri nlri = routes[i];
     if (plausible(nlri))
       core_.table.update(source_, nlri, attributes);

@@ -83,6 +83,7 @@ class Peer {
 
   // adj_rib_in.cc
   std::optional<Notification> apply(Session &session);
+  void fetch_ahead(const NlriList &routes, size_t at) const;
   void withdraw(const NlriList &routes);
   bool looped(const Session &session) const;
   void note_remarks();

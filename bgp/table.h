@@ -100,6 +100,11 @@ class Table {
 
   // ---- look-ups
   RouteId find(const RouteKey &key) const;  // 0: none
+  // Have the memory fetched that a look-up of this key goes through: its bucket, and a while later its route.
+  void fetch_bucket(const RouteKey &key) const { __builtin_prefetch(&buckets_[bucket(hash(key))]); }
+  void fetch_route(const RouteKey &key) const {
+    if (const RouteId id = buckets_[bucket(hash(key))]; id != 0) __builtin_prefetch(&routes_[id]);
+  }
   const Route &route(RouteId id) const { return routes_[id]; }
   const Path &path(PathId id) const { return paths_[id]; }
   PathId path_of(const Route &route, SourceId source) const;

@@ -132,10 +132,10 @@ void MdtExchange::complete() {
 
 // ----------------------------------------------------------------------------------------------- the others' routes
 
-uint64_t MdtExchange::ToldKey::hash() const {
+uint64_t MdtExchange::ToldKey::number() const {
   uint64_t number;
   std::memcpy(&number, rd.data(), sizeof number);
-  return ref::mix(ref::mix(number) + source);
+  return number;
 }
 
 void MdtExchange::best_changed(std::span<const bgp::BestChange> changes) {

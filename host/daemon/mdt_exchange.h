@@ -34,7 +34,9 @@ class MdtExchange {
 
  private:
   struct ToldKey : bgp::RouteKey {
-    uint64_t hash() const;
+    uint64_t number() const;  // of the distinguisher
+    uint64_t hash() const { return ref::mix(ref::mix(number()) + source); }
+    bool operator==(const ToldKey &other) const { return number() == other.number() && source == other.source; }
   };
   // A remote entry that the module was given. There may be a million.
   struct Told {

@@ -100,6 +100,7 @@ class RecordTable {
 
  private:
   static_assert(std::is_trivially_destructible_v<Record>, "chunks are given back as they are");
+  static constexpr size_t splits_ahead = 8;    // whose records are fetched before they are due
   static constexpr size_t first_buckets = 64;  // a power of two; small tables stay small
   static constexpr size_t chunk_records = std::bit_floor(4096 / sizeof(Record));  // no page has much room left over
 
@@ -145,6 +146,7 @@ class RecordTable {
   }
 
   void split_bucket() {
+    if (const Id soon = buckets_[split_ + splits_ahead]; soon != 0) __builtin_prefetch(&(*this)[soon]);
     Id id = buckets_[split_];
     buckets_[split_] = 0;
     buckets_.push_back(0);
