@@ -265,8 +265,11 @@ void VrfSite::take_datagrams() {
     const ssize_t size = ::recv(socket_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
     if (size < 0) return;
     const std::span<const uint8_t> datagram(buffer.data(), static_cast<size_t>(size));
+    // The control plane is told of nothing that a tunnel could not have carried: a datagram that was put together from
+    // fragments may be longer than a message to it may be, and one that cannot be told ends the session.
     Customer header;
-    if (!inspect_customer(datagram, &header) && header.group == kAllPimRouters) callbacks_.datagram(datagram);
+    if (datagram.size() > kCustomerMax || inspect_customer(datagram, &header)) continue;
+    if (header.group == kAllPimRouters) callbacks_.datagram(datagram);
   }
 }
 

@@ -72,7 +72,8 @@ class Pe {
     callbacks.datagram = [this](const protocol::Datagram &told) { datagrams_.push_back(told.bytes()); };
     callbacks.counters = [this](Counters counters) { counters_ = std::move(counters); };
     callbacks.log = [](const std::string &) {};
-    callbacks.connected = callbacks.disconnected = [] {};
+    callbacks.connected = [] {};
+    callbacks.disconnected = [this] { lost_ = true; };
     client_.emplace(path_, "test", std::move(callbacks));
     if (recovering) client_->begin_recovery();
     up_.clear();
@@ -155,6 +156,7 @@ class Pe {
   std::map<std::string, bool> up_;
   std::map<std::pair<uint32_t, uint32_t>, protocol::CustomerRoute> routes_;
   std::vector<std::string> datagrams_;
+  bool lost_ = false;  // the session with the forwarder ended, once or more often
   std::optional<Counters> counters_;
 };
 
@@ -189,8 +191,8 @@ Descriptor sender(const char *device) {
   return socket;
 }
 
-void transmit(const Descriptor &socket, const Bytes &datagram, uint32_t to) {
-  const sockaddr_in address = endpoint(to, 0);
+void transmit(const Descriptor &socket, const Bytes &datagram, uint32_t to, uint16_t port = 0) {
+  const sockaddr_in address = endpoint(to, port);
   ASSERT_EQ(::sendto(socket.get(), datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&address),
                      sizeof address),
             static_cast<ssize_t>(datagram.size()));
@@ -351,6 +353,22 @@ TEST_F(NamespacesTest, DatagramsOfTheControlPlaneCrossTheTunnel) {
   ASSERT_EQ(got.size(), join.size());
   EXPECT_EQ(Bytes(got.begin() + 12, got.end()), Bytes(join.begin() + 12, join.end()));
   EXPECT_TRUE(one_->datagrams_.empty()) << "a PE does not hear itself";
+}
+
+// Put together from fragments it is longer than what the forwarder can tell in one message.
+TEST_F(NamespacesTest, ADatagramTooLongToBeToldCostsNoSession) {
+  rooms_.in("pe1red", [] {
+    const Descriptor customer(::socket(AF_INET, SOCK_DGRAM, 0));
+    ip_mreqn tunnel{};
+    tunnel.imr_ifindex = static_cast<int>(::if_nametoindex("mti2"));
+    ASSERT_EQ(::setsockopt(customer.get(), IPPROTO_IP, IP_MULTICAST_IF, &tunnel, sizeof tunnel), 0);
+    transmit(customer, Bytes(65507), kAllPimRouters, kPort);
+  });
+  const Bytes join = ipv4(0x0A000001, kAllPimRouters, 17, {0, 9, 0, 9, 0, 8, 0, 0}, 0xC0);
+  ASSERT_TRUE(one_->client_->send("red", join));
+  ASSERT_TRUE(two_->until([this] { return !two_->datagrams_.empty(); }));
+  EXPECT_EQ(two_->datagrams_[0].size(), join.size());
+  EXPECT_FALSE(two_->lost_);
 }
 
 TEST_F(NamespacesTest, TellsOfCustomerRoutesAndTheirBytes) {
