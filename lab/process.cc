@@ -45,8 +45,9 @@ struct Files {
   int error;
 };
 
-[[noreturn]] void become(char *const *arguments, const Files &files, int name_space) {
+[[noreturn]] void become(char *const *arguments, const Files &files, int name_space, pid_t parent) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(127);  // it died before it was watched
   if (files.input >= 0) dup2(files.input, STDIN_FILENO);
   dup2(files.output, STDOUT_FILENO);
   dup2(files.error, STDERR_FILENO);
@@ -71,10 +72,7 @@ pid_t spawn(const std::vector<std::string> &command, const Files &files, const s
   }
   const pid_t parent = getpid();
   const pid_t pid = fork();
-  if (pid == 0) {
-    if (getppid() != parent) _exit(127);
-    become(arguments.data(), files, name_space);
-  }
+  if (pid == 0) become(arguments.data(), files, name_space, parent);
   if (name_space >= 0) close(name_space);
   if (pid < 0) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
   return pid;
