@@ -19,10 +19,11 @@
 #include "routing/pim/mvpn/mvpn.h"
 
 // An argument whose text is made when the message is read.
-struct mvpn_shown {
+struct mvpn_event_argument {
   enum kind_t : uint8_t { TEXT, ADDRESS, RD };
-  mvpn_shown(const char *words) : kind(TEXT), text(words) {}
-  mvpn_shown(kind_t its_kind, uint32_t number, const uint8_t *bytes) : kind(its_kind), address(number), rd(bytes) {}
+  mvpn_event_argument(const char *words) : kind(TEXT), text(words) {}
+  mvpn_event_argument(kind_t its_kind, uint32_t number, const uint8_t *bytes)
+      : kind(its_kind), address(number), rd(bytes) {}
   kind_t kind;                  // which of the three below holds it
   ip_addr_t address = 0;        // ADDRESS
   const char *text = nullptr;   // TEXT; not owned
@@ -30,10 +31,10 @@ struct mvpn_shown {
 };
 
 struct mvpn_address_shower {
-  mvpn_shown operator()(ip_addr_t address) const { return {mvpn_shown::ADDRESS, address, nullptr}; }
+  mvpn_event_argument operator()(ip_addr_t address) const { return {mvpn_event_argument::ADDRESS, address, nullptr}; }
 };
 struct mvpn_rd_shower {
-  mvpn_shown operator()(const uint8_t *rd) const { return {mvpn_shown::RD, 0, rd}; }
+  mvpn_event_argument operator()(const uint8_t *rd) const { return {mvpn_event_argument::RD, 0, rd}; }
 };
 
 struct mvpn_event_record {
@@ -63,10 +64,10 @@ static_assert(sizeof(mvpn_event_record) == SDWRAP_RECORD_MAX);
 
 template <typename T>
 uint64_t mvpn_word_of(mvpn_event_record &record, const T &argument) {
-  if constexpr (std::is_same_v<T, mvpn_shown>) {
+  if constexpr (std::is_same_v<T, mvpn_event_argument>) {
     const uint64_t kind = uint64_t{argument.kind} << 32;
-    if (argument.kind == mvpn_shown::ADDRESS) return kind | argument.address;
-    if (argument.kind == mvpn_shown::RD) return kind | record.keep_rd(argument.rd);
+    if (argument.kind == mvpn_event_argument::ADDRESS) return kind | argument.address;
+    if (argument.kind == mvpn_event_argument::RD) return kind | record.keep_rd(argument.rd);
     return kind | record.keep_text(argument.text);
   } else if constexpr (std::is_convertible_v<T, const char *>) {
     return record.keep_text(argument);
@@ -80,11 +81,11 @@ uint64_t mvpn_word_of(mvpn_event_record &record, const T &argument) {
 
 template <typename T>
 auto mvpn_argument_of(const mvpn_event_record &record, uint64_t word) {
-  if constexpr (std::is_same_v<T, mvpn_shown>) {
-    const auto kind = static_cast<mvpn_shown::kind_t>(word >> 32);
+  if constexpr (std::is_same_v<T, mvpn_event_argument>) {
+    const auto kind = static_cast<mvpn_event_argument::kind_t>(word >> 32);
     const auto number = static_cast<uint32_t>(word);
-    if (kind == mvpn_shown::ADDRESS) return ip_print_addr(number);
-    if (kind == mvpn_shown::RD) return mvpn_bgp_print_rd(reinterpret_cast<const uint8_t *>(record.at(number)));
+    if (kind == mvpn_event_argument::ADDRESS) return ip_print_addr(number);
+    if (kind == mvpn_event_argument::RD) return mvpn_bgp_print_rd(reinterpret_cast<const uint8_t *>(record.at(number)));
     return record.at(number);
   } else if constexpr (std::is_convertible_v<T, const char *>) {
     return record.at(word);
