@@ -16,17 +16,11 @@
 #include <new>
 #include <vector>
 
-#if defined(__has_feature)
-#define WATCHED_BY_SANITIZER __has_feature(address_sanitizer)
-#elif defined(__SANITIZE_ADDRESS__)
-#define WATCHED_BY_SANITIZER 1
-#else
-#define WATCHED_BY_SANITIZER 0
-#endif
+#include "platform/reference/address_sanitizer.h"
 
 namespace ref {
 
-#if WATCHED_BY_SANITIZER
+#if WATCHED_BY_ADDRESS_SANITIZER
 
 void *take_object(size_t octets) { return std::calloc(1, octets); }
 void give_object(void *object) { std::free(object); }

@@ -29,13 +29,14 @@
 #include <utility>
 #include <vector>
 
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/asan_interface.h>
-#endif
-
 #include "platform/pim.h"
+#include "platform/reference/address_sanitizer.h"
 #include "platform/reference/internal.h"
 #include "platform/reference/testing/runtime.h"
+
+#if WATCHED_BY_ADDRESS_SANITIZER
+#include <sanitizer/asan_interface.h>
+#endif
 
 struct tsp_lock {
   pthread_t owner;
@@ -246,7 +247,7 @@ struct Start {
 
 // A cancelled thread unwinds its frames without a word to the address sanitizer, which then takes what runs in their
 // place for an overflow. Called where code runs on the way out of a thread.
-#if defined(__SANITIZE_ADDRESS__)
+#if WATCHED_BY_ADDRESS_SANITIZER
 __attribute__((noinline, no_sanitize("address"))) void forget_unwound_frames() {
   constexpr size_t kDeepest = 65536;  // bytes of stack that unwound frames may have taken
   __asan_unpoison_memory_region(static_cast<char *>(__builtin_frame_address(0)) - kDeepest, kDeepest);

@@ -4,6 +4,7 @@
 
 #include "platform/l3vm.h"
 #include "platform/oim.h"
+#include "platform/reference/address_sanitizer.h"
 #include "platform/reference/bgp.h"
 #include "platform/reference/croute.h"
 #include "platform/reference/im.h"
@@ -374,7 +375,7 @@ TEST_F(DefaultMdt, AVrfThatIsConfiguredAnewInAnyYieldOfATeardownStaysWhole) {
       EXPECT_EQ(context("red"), nullptr);
       const mvpn_cibtype *former = red;
       red = configure("red", "239.1.1.2");
-#ifndef __SANITIZE_ADDRESS__  // which keeps freed memory back
+#if !WATCHED_BY_ADDRESS_SANITIZER  // which keeps freed memory back
       EXPECT_EQ(red, former) << "the slab gives the same address";
 #else
       (void)former;

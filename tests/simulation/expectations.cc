@@ -285,11 +285,12 @@ class Expectation {
   // A flow whose tunnel went down keeps its choice in the store until it chooses again or is deleted, which may be
   // never when its sources have moved away or its rate has fallen meanwhile.
   bool keeps_choice(const FlowKey &flow) const {
-    const auto &[name, source, group] = flow;
+    const auto &[name, flow_source, flow_group] = flow;
     const auto routes = ref::customer_routes(name);
-    const bool exists = std::any_of(routes.begin(), routes.end(), [&](const ref::CustomerRoute &route) {
-      return route.addrs.source == source && route.addrs.group == group;
-    });
+    const bool exists = std::any_of(routes.begin(), routes.end(),
+                                    [source = flow_source, group = flow_group](const ref::CustomerRoute &route) {
+                                      return route.addrs.source == source && route.addrs.group == group;
+                                    });
     return exists && a_tunnel_went_down(world_);
   }
 
