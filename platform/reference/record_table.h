@@ -44,8 +44,9 @@ class RecordTable {
   }
   RecordTable(const RecordTable &) = delete;
   RecordTable &operator=(const RecordTable &) = delete;
-  RecordTable(RecordTable &&other) : RecordTable() { swap(other); }
-  RecordTable &operator=(RecordTable &&other) {
+  // Not noexcept: what is moved from is left an empty table, which takes memory.
+  RecordTable(RecordTable &&other) : RecordTable() { swap(other); }  // NOLINT(performance-noexcept-move-constructor)
+  RecordTable &operator=(RecordTable &&other) {                      // NOLINT(performance-noexcept-move-constructor)
     RecordTable taken(std::move(other));
     swap(taken);
     return *this;
