@@ -61,7 +61,7 @@ struct pt_root {
 
 namespace {
 
-pt_node *matching(pt_root *root, Nodes::iterator at, const Key &prefix, uint32_t prefix_bits) {
+pt_node *matching(pt_root *root, const Nodes::iterator &at, const Key &prefix, uint32_t prefix_bits) {
   if (at == root->nodes.end()) return nullptr;
   return std::memcmp(at->key.bytes, prefix.bytes, prefix_bits / 8) == 0 ? &*at : nullptr;
 }
