@@ -68,7 +68,8 @@ using Phase = Member::Phase;
 struct State {
   bool busy = false;              // somebody has the baton
   std::vector<Waiter *> waiting;  // by ticket
-  std::vector<pthread_cond_t *> spare_conditions;
+  // Lives on when the process ends: threads that still wait are not to find it gone.
+  std::vector<pthread_cond_t *> &spare_conditions = *new std::vector<pthread_cond_t *>;
   std::vector<Member *> members;
   uint64_t next_ticket = 0;
   uint64_t turns = 0;          // how often the baton went to somebody
