@@ -105,14 +105,14 @@ class Bench:
         while time.monotonic() < limit:
             view = self.pe.neighbour(REFLECTOR)
             if view["established-count"] > sessions and view["end-of-rib-received"]:
-                assert view["received"] == routes, view
-                print(f"  a new session         end-of-RIB at the PE after {float(view['since']):.2f} s")
+                assert view["routes-received"] == routes, view
+                print(f"  a new session         end-of-RIB at the PE after {float(view['state-age-seconds']):.2f} s")
                 return
             time.sleep(0.02)
         raise SystemExit("no end-of-RIB in the new session")
 
     def wait_for_routes(self, routes, limit):
-        while self.pe.neighbour(REFLECTOR)["received"] < routes:
+        while self.pe.neighbour(REFLECTOR)["routes-received"] < routes:
             if time.monotonic() > limit:
                 raise SystemExit(f"not every route arrived: {self.pe.neighbour(REFLECTOR)['received']}")
             time.sleep(0.02)
