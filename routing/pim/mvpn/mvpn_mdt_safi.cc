@@ -116,6 +116,7 @@ class group_tree {
     return below;
   }
   static void fetch(const Entry *entry) {
+    if (entry == nullptr) return;  // it has no member to point at
     __builtin_prefetch(&entry->node.user_data);
     __builtin_prefetch(&entry->group_right);
   }
