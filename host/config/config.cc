@@ -360,6 +360,10 @@ bool Config::feature_mvpn() const {
   return block == nullptr || block->find(Command::feature_mvpn) == nullptr;
 }
 
+const Statement &statement_of(const LineChange &change) {
+  return change.after != nullptr ? change.after->statement : change.before->statement;
+}
+
 std::vector<LineChange> difference(const Config &before, const Config &after) {
   static const Block empty;
   std::set<BlockId> ids;

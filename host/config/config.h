@@ -130,6 +130,8 @@ struct LineChange {
   const Line *before = nullptr;  // null: it is new
   const Line *after = nullptr;   // null: it goes
 };
+// The statement that a change is about: the new one, else the one that goes.
+const Statement &statement_of(const LineChange &change);
 // Changes in the order of the blocks, and of their lines. Pointers are into the two configurations.
 std::vector<LineChange> difference(const Config &before, const Config &after);
 

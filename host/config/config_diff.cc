@@ -37,18 +37,17 @@ bool of_no_file(const Line *line) { return line == nullptr || line->number == 0;
 
 // Numbers that the daemon chose for a VRF come and go with it; nobody entered them.
 bool is_chosen(const LineChange &change) {
-  const Line &line = *(change.after != nullptr ? change.after : change.before);
-  const bool number = line.statement.command == Command::context_id || line.statement.command == Command::table_id;
+  const Command command = statement_of(change).command;
+  const bool number = command == Command::context_id || command == Command::table_id;
   return number && of_no_file(change.before) && of_no_file(change.after);
 }
 
 // What has to be entered for a change of a line.
 std::string command_for(const LineChange &change) {
-  const Line &line = *(change.after != nullptr ? change.after : change.before);
+  const Statement &statement = statement_of(change);
   const bool removed = change.after == nullptr;
   const std::string header = header_of(change.block);
-  return header + (header.empty() ? "" : " ") + (removed != line.statement.no ? "no " : "") +
-         shown_text(line.statement);
+  return header + (header.empty() ? "" : " ") + (removed != statement.no ? "no " : "") + shown_text(statement);
 }
 
 }  // namespace
@@ -81,10 +80,9 @@ std::vector<std::string> lost_changes(const Config &loaded, const Config &runnin
   header_alone(running, loaded, "");
   header_alone(loaded, running, "no ");
   for (const LineChange &change : difference(loaded, running)) {
-    const Line &line = *(change.after != nullptr ? change.after : change.before);
     const bool with_block = change.after == nullptr && !has(running, change.block);
     if (with_block || is_chosen(change)) continue;
-    if (same(line_in(wanted, change.block, line.statement.key), change.after)) continue;
+    if (same(line_in(wanted, change.block, statement_of(change).key), change.after)) continue;
     lost[change.block].push_back(command_for(change));
   }
   std::vector<std::string> text;

@@ -23,10 +23,6 @@ std::vector<const Line *> mdt_lines(const Block &vrf) {
   return lines;
 }
 
-const Statement &statement_of(const LineChange &change) {
-  return change.after != nullptr ? change.after->statement : change.before->statement;
-}
-
 ConfigError error_of(const Rejection &rejection) {
   const LineChange &change = rejection.change;
   const Statement &statement = statement_of(change);

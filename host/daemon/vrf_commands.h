@@ -15,9 +15,6 @@ bool is_default_mdt(const Statement &statement);
 // A VRF's lines for the module, "mdt default" first.
 std::vector<const Line *> mdt_lines(const Block &vrf);
 
-// The statement that a change is about: the new one, else the one that goes.
-const Statement &statement_of(const LineChange &change);
-
 // A change that a handler refused, and what it printed.
 struct Rejection {
   LineChange change;  // its lines are those of the configurations that were compared, which outlive it
