@@ -187,7 +187,7 @@ class Traffic:
 
 class Pe:
     def __init__(self, name, folder, port):
-        self.name, self.folder = name, folder
+        self.name, self.folder, self.address = name, folder, f"10.0.0.{name[-1]}"
         self.config = f"{folder}/{name}.conf"
         pathlib.Path(self.config).write_text(
             CONFIG.format(name=name, number=name[-1], folder=folder, port=port, prefix=PREFIX, scale=SCALE))
@@ -229,6 +229,11 @@ class Pe:
     def is_up(self):
         return "MTI(mti2) Up\n" in self.ask("show", "mvpn", "mdt")
 
+    def takes_from(self, other):
+        """Whether the forwarder has joined the default MDT of another PE."""
+        members = self.ask_json("show forwarding").get("core-membership", [])
+        return any(member["mdt-source"] == other.address and member["joined"] for member in members)
+
     def flow(self):
         """Index and core group of the customer's flow, as the forwarder has it."""
         text = self.ask("show", "forwarding")
@@ -266,9 +271,9 @@ class TwoPes(unittest.TestCase):
             self.addCleanup(pe.stop)
             pe.start_forwarder()
             pe.start_control()
-        for pe in self.pes:
+        for pe, other in zip(self.pes, reversed(self.pes)):
             self.assertTrue(eventually(pe.is_up), pe.ask("show", "mvpn", "mdt"))
-            self.assertTrue(eventually(lambda pe=pe: "10.0.0." in pe.ask("show", "mrib", "routes")))
+            self.assertTrue(eventually(lambda pe=pe, other=other: pe.takes_from(other)), pe.ask("show", "forwarding"))
         self.set_routes("pe1red", ["c1", "mti2"], 0, 1)
         self.set_routes("pe2red", ["c1", "mti2"], 1, 0)
 
