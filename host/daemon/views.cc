@@ -301,7 +301,7 @@ void show_running_config(const ViewInput &input, Listing &listing) {
 
 void show_clock(const ViewInput &, Listing &listing) {
   listing.begin(output::kClock);
-  listing.row({Cell::Seconds(ref::now()), Cell::Seconds(ref::clock_scale())});
+  listing.row({Cell::Seconds(ref::now()), ref::clock_scale()});
 }
 
 }  // namespace

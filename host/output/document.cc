@@ -73,6 +73,7 @@ std::optional<Json> typed_value(const SchemaElement &element, const ref::CliValu
   switch (element.type) {
     case CLI_TYPE_NUMBER:
     case CLI_TYPE_DURATION:
+    case kFactor:
       return number_of(value);
     case CLI_TYPE_BOOLEAN:
       return boolean_of(value);

@@ -39,9 +39,10 @@ struct ToText {
     std::snprintf(text, sizeof text, "0x%08llx", static_cast<unsigned long long>(number));
     return text;
   }
-  std::string operator()(Cell::Seconds time) const {
+  std::string operator()(Cell::Seconds time) const { return (*this)(time.count()); }
+  std::string operator()(double number) const {
     char text[48];
-    std::snprintf(text, sizeof text, "%.3f", time.count());
+    std::snprintf(text, sizeof text, "%.3f", number);
     return text;
   }
 };
@@ -70,9 +71,11 @@ struct ToValue {
     value->type = ref::CliValueType::unsigned_number;
     value->unsigned_number = number;
   }
-  void operator()(Cell::Seconds time) const {
+  void operator()(Cell::Seconds time) const { (*this)(time.count()); }
+  // The recorded numbers with a fraction are those of durations.
+  void operator()(double number) const {
     value->type = ref::CliValueType::duration;
-    value->seconds = time.count();
+    value->seconds = number;
   }
 };
 

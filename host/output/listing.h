@@ -25,10 +25,11 @@ struct Cell {
   Cell(std::same_as<bool> auto truth) : value(truth) {}
   Cell(std::unsigned_integral auto number) requires(!std::same_as<decltype(number), bool>) : value(uint64_t{number}) {}
   Cell(Seconds time) : value(time) {}
+  Cell(std::same_as<double> auto factor) : value(factor) {}
   Cell(std::vector<std::vector<Cell>> list) : items(std::move(list)) {}
 
   // monostate: there is none, or the cell is a list.
-  std::variant<std::monostate, std::string, uint64_t, bool, Seconds> value;
+  std::variant<std::monostate, std::string, uint64_t, bool, Seconds, double> value;
   std::vector<std::vector<Cell>> items;  // of a list
 };
 using Row = std::vector<Cell>;  // in the order of the view's columns, those that are not shown included

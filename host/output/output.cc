@@ -125,7 +125,7 @@ class YangWriter : public JsonWriter {
   }
   Json shown(const Field &field) const override {
     if (!field.value.is_number()) return field.value;
-    if (field.element->type != CLI_TYPE_DURATION) return field.value.dump();
+    if (field.element->type == CLI_TYPE_NUMBER) return field.value.dump();
     char text[48];
     std::snprintf(text, sizeof text, "%.6f", field.value.get<double>());
     return text;

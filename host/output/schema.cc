@@ -13,9 +13,10 @@ namespace output {
 namespace {
 
 #define TYPE_ROW(id, name, text) {name, text},
-constexpr SchemaType types[] = {CLI_TYPE_LIST(TYPE_ROW){"time", "time of day as in RFC 3339, in UTC"}};
+constexpr SchemaType types[] = {CLI_TYPE_LIST(TYPE_ROW){"time", "time of day as in RFC 3339, in UTC"},
+                                {"factor", "how many times as much, with a fraction"}};
 #undef TYPE_ROW
-static_assert(std::size(types) == kTime + 1);
+static_assert(std::size(types) == kFactor + 1);
 
 #define RECORD_ROW(id, name, parent, text) {id, name, parent, text},
 constexpr SchemaRecord module_records[] = {CLI_RECORD_LIST(RECORD_ROW)};

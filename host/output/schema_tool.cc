@@ -59,6 +59,7 @@ Json json_type(TypeId type) {
     case CLI_TYPE_BOOLEAN:
       return {{"type", "boolean"}};
     case CLI_TYPE_DURATION:
+    case kFactor:
       return {{"type", "number"}, {"minimum", 0}};
     default:
       break;
@@ -112,6 +113,7 @@ const char *xsd_base(TypeId type) {
     case CLI_TYPE_BOOLEAN:
       return "xs:boolean";
     case CLI_TYPE_DURATION:
+    case kFactor:
       return "xs:double";
     default:
       return "xs:string";
@@ -123,7 +125,7 @@ void restrict_type(pugi::xml_node restriction, TypeId type) {
     restriction.append_child(name).append_attribute("value") = value;
   };
   if (const char *pattern = pattern_of(type)) facet("xs:pattern", pattern);
-  if (type == CLI_TYPE_DURATION) facet("xs:minInclusive", "0");
+  if (type == CLI_TYPE_DURATION || type == kFactor) facet("xs:minInclusive", "0");
 }
 
 pugi::xml_node append_member(pugi::xml_node group, const char *name, const char *type) {
@@ -202,6 +204,8 @@ const char *yang_type(TypeId type) {
       return "type inet:ipv4-address-no-zone;";
     case CLI_TYPE_SOURCE:
       return "type source;";
+    case kFactor:
+      return "type factor;";
     case kTime:
       return "type yang:date-and-time;";
     default:
@@ -230,6 +234,12 @@ constexpr const char *kYangTypes = R"(
       range "0..max";
     }
     units "seconds";
+  }
+  typedef factor {
+    type decimal64 {
+      fraction-digits 6;
+      range "0..max";
+    }
   }
   typedef source {
     type union {

@@ -22,6 +22,7 @@ struct View;
 // A type of values: one of cli_type, or of the host's own behind them.
 using TypeId = int;
 inline constexpr TypeId kTime = CLI_TYPE_INTERFACE + 1;
+inline constexpr TypeId kFactor = kTime + 1;
 
 struct Column {
   int number;                   // of the element; 0: a list, whose items are records of their own
@@ -316,7 +317,7 @@ inline constexpr View kConfig = {"configuration-line", "A line of the configurat
 
 inline constexpr Column kClockColumns[] = {
     {4100, "clock-seconds", CLI_TYPE_DURATION, "Time on the platform's clock.", "Platform seconds", 18},
-    {4101, "scale", CLI_TYPE_DURATION, "How far the clock goes in a second.", "Scale"},
+    {4101, "scale", kFactor, "Platform seconds per second; 0: a clock that goes by steps.", "Scale"},
 };
 inline constexpr View kClock = {"clock", "The platform's clock. `show clock`", kClockColumns};
 

@@ -91,7 +91,7 @@ inline void check_record(const output::SchemaRecord &record, const Json &object,
     const std::string where = path + "/" + element.name + " = " + value.dump();
     if (element.type == CLI_TYPE_NUMBER) {
       EXPECT_TRUE(value.is_number_integer()) << where;
-    } else if (element.type == CLI_TYPE_DURATION) {
+    } else if (element.type == CLI_TYPE_DURATION || element.type == output::kFactor) {
       EXPECT_TRUE(value.is_number()) << where;
     } else if (element.type == CLI_TYPE_BOOLEAN) {
       EXPECT_TRUE(value.is_boolean()) << where;

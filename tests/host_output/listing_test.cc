@@ -27,6 +27,8 @@ Cell some_cell(const Column &column) {
       return true;
     case CLI_TYPE_DURATION:
       return Cell::Seconds(0.25);
+    case output::kFactor:
+      return 2.5;
     case CLI_TYPE_ADDRESS:
       return "10.0.0.1";
     case CLI_TYPE_SOURCE:

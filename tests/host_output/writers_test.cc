@@ -53,6 +53,7 @@ ref::CliValue some_value(const output::SchemaElement &element) {
     case CLI_TYPE_BOOLEAN:
       return boolean_value(element.number, true);
     case CLI_TYPE_DURATION:
+    case output::kFactor:
       return duration_value(element.number, 1.5);
     case CLI_TYPE_ADDRESS:
       return text_value(element.number, "10.0.0.1");
