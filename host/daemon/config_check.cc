@@ -1,10 +1,12 @@
-// The process is this program again, with --check-config: what the operator can run by hand is what guards a reload.
-// Its output ends when it ends, so the end of the output is the sign to collect its status.
+// The process is this program again, with --check-config: what the operator can run by hand is what guards a reload and
+// a commit. A text is its standard input, as a file that has no name. Its output ends when it ends, so the end of the
+// output is the sign to collect its status.
 #include "host/daemon/config_check.h"
 
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,6 +31,39 @@ namespace {
 constexpr std::chrono::seconds kTimeLimit{60};  // one that takes longer hangs, and a reload waits for it
 constexpr size_t kOutputLimit = 65536;          // bytes; kMaxErrorsTold lines are shorter
 constexpr std::string_view kOwnPrefix = "pimhostd: ";
+// Closed when it goes out of scope, however that is.
+struct Descriptor {
+  int number;
+  ~Descriptor() {
+    if (number >= 0) close(number);
+  }
+};
+
+constexpr const char *kStandardInput = "/proc/self/fd/0";
+
+// A file of its own, without a name. Throws std::runtime_error.
+int file_of(const std::string &text) {
+  const int file = memfd_create("configuration", MFD_CLOEXEC);
+  if (file < 0) throw std::runtime_error(std::strerror(errno));
+  for (size_t at = 0; at < text.size();) {
+    const ssize_t written = write(file, text.data() + at, text.size() - at);
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) {
+      const int error = errno;
+      close(file);
+      throw std::runtime_error(std::strerror(error));
+    }
+    at += static_cast<size_t>(written);
+  }
+  return file;
+}
+
+// A line of the process's output: without its name, and without the place where that is in no file.
+std::string told(std::string line) {
+  if (line.starts_with(kOwnPrefix)) line.erase(0, kOwnPrefix.size());
+  if (line.starts_with(kStandardInput)) line.erase(0, line.find(": ") + 2);
+  return line;
+}
 
 }  // namespace
 
@@ -59,14 +94,15 @@ std::vector<ConfigError> try_config(const std::string &module, Config config) {
   return refused;
 }
 
-ConfigCheck::ConfigCheck(boost::asio::io_context &io, const std::string &file, const std::string &module, bool strict,
+ConfigCheck::ConfigCheck(boost::asio::io_context &io, const Input &input, const std::string &module, bool strict,
                          Done done)
     : output_(io), timer_(io), done_(std::move(done)) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error(std::strerror(errno));
   output_.assign(ends[0]);
-  const int error = start(file, module, strict, ends[1]);
-  close(ends[1]);
+  const Descriptor output{ends[1]};
+  const Descriptor text{input.text ? file_of(*input.text) : open("/dev/null", O_RDONLY | O_CLOEXEC)};
+  const int error = start(input.text ? kStandardInput : input.file, module, strict, text.number, output.number);
   if (error != 0) throw std::runtime_error(std::strerror(error));
   read();
   limit();
@@ -79,7 +115,7 @@ ConfigCheck::~ConfigCheck() {
 }
 
 // 0, or an error number.
-int ConfigCheck::start(const std::string &file, const std::string &module, bool strict, int output) {
+int ConfigCheck::start(const std::string &file, const std::string &module, bool strict, int input, int output) {
   std::vector<std::string> arguments = {"pimhostd", "--check-config", "--config", file, "--module", module};
   if (strict) arguments.emplace_back("--strict");
   std::vector<char *> pointers;
@@ -87,7 +123,7 @@ int ConfigCheck::start(const std::string &file, const std::string &module, bool 
   pointers.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, output, STDERR_FILENO);
   posix_spawnattr_t attributes;
@@ -133,8 +169,7 @@ void ConfigCheck::finish() {
 ConfigCheck::Result ConfigCheck::result(int status) const {
   Result result{WIFEXITED(status) && WEXITSTATUS(status) == 0, {}};
   std::istringstream lines(text_);
-  for (std::string line; std::getline(lines, line);)
-    result.problems.push_back(line.starts_with(kOwnPrefix) ? line.substr(kOwnPrefix.size()) : line);
+  for (std::string line; std::getline(lines, line);) result.problems.push_back(told(line));
   if (timed_out_)
     result.problems.push_back("the check did not end within " + std::to_string(kTimeLimit.count()) + " s");
   else if (result.problems.empty() && !result.passed)

@@ -10,6 +10,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,18 +23,23 @@ namespace host {
 // module cannot be loaded or does not start.
 std::vector<ConfigError> try_config(const std::string &module, Config config);
 
-// The same for a file, in a process of its own that runs beside this one.
+// The same in a process of its own that runs beside this one: for a file, or for what a file would say.
 class ConfigCheck {
  public:
+  struct Input {
+    std::string file;                 // path; not used when there is a text
+    std::optional<std::string> text;  // with passwords: nobody but the process sees it
+  };
   struct Result {
-    bool passed = false;                // the file may be loaded
-    std::vector<std::string> problems;  // lines for people; when it passed: warnings
+    bool passed = false;  // the file may be loaded
+    // Lines for people; when it passed: warnings. Those of a file begin with its place, FILE:LINE.
+    std::vector<std::string> problems;
   };
   using Done = std::function<void(Result)>;
 
   // Starts the process; done is called from the event loop and may destroy the check. Throws std::runtime_error.
   // strict: warnings are errors.
-  ConfigCheck(boost::asio::io_context &io, const std::string &file, const std::string &module, bool strict, Done done);
+  ConfigCheck(boost::asio::io_context &io, const Input &input, const std::string &module, bool strict, Done done);
   // Ends the process when it still runs; done is not called then.
   ~ConfigCheck();
   bool ended() const { return process_ < 0; }
@@ -41,7 +47,7 @@ class ConfigCheck {
   ConfigCheck &operator=(const ConfigCheck &) = delete;
 
  private:
-  int start(const std::string &file, const std::string &module, bool strict, int output);
+  int start(const std::string &file, const std::string &module, bool strict, int input, int output);
   void read();
   void limit();
   void finish();

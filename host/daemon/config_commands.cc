@@ -1,5 +1,5 @@
 // Takes the commands' arguments out of their lines; what they mean is ConfigWork's business. Those that read a file are
-// the daemon's: the answer comes when another process has tried it.
+// the daemon's. Where another process tries a configuration first, the answer comes when it has.
 #include "host/daemon/config_commands.h"
 
 #include <chrono>
@@ -44,12 +44,6 @@ Outcome configure_exclusive(const OperationInput &input) {
   return rest.empty() ? work.take(asker_of(input)) : work.edit(asker_of(input), rest);
 }
 
-Outcome commit(const OperationInput &input) {
-  const auto minutes = number_in(input.statement, "minutes");
-  return input.process.work->commit(asker_of(input),
-                                    minutes ? std::optional(std::chrono::minutes(*minutes)) : std::nullopt);
-}
-
 Outcome rollback(const OperationInput &input) {
   return input.process.work->rollback(asker_of(input), number_in(input.statement, "steps"));
 }
@@ -60,6 +54,17 @@ Outcome abort_candidate(const OperationInput &input) {
 
 Outcome write_config(const OperationInput &input) {
   return input.process.work->write(asker_of(input), is_forced(input));
+}
+
+void commit(const OperationInput &input, const std::shared_ptr<OutputChannel> &channel) {
+  const auto minutes = number_in(input.statement, "minutes");
+  const auto done = [&events = input.process.events, line = input.line, channel](const Outcome &outcome) {
+    if (!outcome.accepted) return refuse(line, kStatusFailed, outcome.text, *channel);
+    events.publish({.what = CommandChange{shown_text(line.match.statements.front())}});
+    finish(line, outcome.text, *channel);
+  };
+  input.process.work->commit(asker_of(input), minutes ? std::optional(std::chrono::minutes(*minutes)) : std::nullopt,
+                             done);
 }
 
 void reload_config(const OperationInput &input, const std::shared_ptr<OutputChannel> &channel) {

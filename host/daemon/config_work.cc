@@ -7,11 +7,11 @@
 // each time.
 #include "host/daemon/config_work.h"
 
+#include <stdexcept>
 #include <utility>
 
 #include "host/config/config_diff.h"
 #include "host/config/config_edit.h"
-#include "host/config/config_warnings.h"
 #include "host/output/wall_time.h"
 #include "platform/reference/runtime.h"
 
@@ -24,11 +24,12 @@ Outcome refused(std::string reason) { return {false, std::move(reason) + "\n"}; 
 
 }  // namespace
 
-ConfigWork::ConfigWork(Loop &loop, Router &router, EventBus &events, LogLine log, std::string file)
+ConfigWork::ConfigWork(Loop &loop, Router &router, EventBus &events, LogLine log, Try try_config, std::string file)
     : loop_(loop),
       router_(router),
       events_(events),
       log_(std::move(log)),
+      try_(std::move(try_config)),
       file_(std::move(file)),
       loaded_(router.running()),
       stamp_(stamp_of(file_)),
@@ -107,20 +108,50 @@ Outcome ConfigWork::replace(Config wanted, const std::string &by, const std::str
   return outcome;
 }
 
+bool ConfigWork::has_changes(const Asker &asker) const {
+  return holds(asker) && !difference_text(router_.running(), candidate_).empty();
+}
+
+// What only the module refuses would have to be taken back, and flows might move meanwhile: so it is asked beforehand,
+// where nothing runs. It is asked about a file's text, which an empty configuration has none of.
+void ConfigWork::commit(const Asker &asker, std::optional<std::chrono::minutes> confirm_within, const Done &done) {
+  if (const std::string reason = refusal(asker); !reason.empty()) return done(refused(reason));
+  std::string text = candidate_.print(Config::Passwords::shown);
+  if (!has_changes(asker) || read_config_text(text).config.empty()) return done(commit_now(asker, confirm_within));
+  try {
+    try_(std::move(text), [this, asker, confirm_within, done](const ConfigCheck::Result &tried) {
+      Loop::Turn turn(loop_);
+      events_.set_cause(asker.name);  // until the turn ends
+      done(commit_tried(asker, confirm_within, tried));
+    });
+  } catch (const std::runtime_error &error) {
+    done(refused(std::string("the candidate cannot be tried: ") + error.what()));
+  }
+}
+
+// Whoever asked waits meanwhile, so the candidate is what was tried unless the claim has ended.
+Outcome ConfigWork::commit_tried(const Asker &asker, std::optional<std::chrono::minutes> confirm_within,
+                                 const ConfigCheck::Result &tried) {
+  if (!holds(asker)) return refused("the candidate was dropped while it was tried");
+  std::string problems;
+  for (const std::string &line : tried.problems) problems += line + "\n";
+  if (!tried.passed) return refused(problems + "the configuration stays as it is");
+  Outcome outcome = commit_now(asker, confirm_within);
+  outcome.text.insert(0, problems);
+  return outcome;
+}
+
 // A commit on trial keeps what was on trial before it, and where that one goes back to.
-Outcome ConfigWork::commit(const Asker &asker, std::optional<std::chrono::minutes> confirm_within) {
-  if (const std::string reason = refusal(asker); !reason.empty()) return refused(reason);
-  const bool changed = holds(asker) && !difference_text(router_.running(), candidate_).empty();
+Outcome ConfigWork::commit_now(const Asker &asker, std::optional<std::chrono::minutes> confirm_within) {
+  const bool changed = has_changes(asker);
   if (!changed && !trial_) return refused("there is nothing to commit");
   Config before = trial_ ? trial_->before : router_.running();
   Config committed = trial_ ? trial_->committed : Config();
   Outcome outcome;
   if (changed) {
-    const std::vector<ConfigError> warnings = config_warnings(candidate_);
     outcome = replace(candidate_, asker.name, "commit");
     if (!outcome.accepted) return outcome;
     candidate_ = committed = router_.running();
-    for (const ConfigError &warning : warnings) outcome.text += "warning: " + warning.reason + "\n";
   }
   if (confirm_within) {
     begin_trial(std::move(before), std::move(committed), *confirm_within);

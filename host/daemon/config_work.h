@@ -12,6 +12,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,6 +21,7 @@
 #include "host/config/config.h"
 #include "host/config/config_file.h"
 #include "host/control/control_server.h"
+#include "host/daemon/config_check.h"
 #include "host/daemon/loop.h"
 #include "host/daemon/router.h"
 #include "host/event/change.h"
@@ -44,14 +46,21 @@ class ConfigWork {
   };
   static constexpr size_t kKept = 10;  // former configurations, the oldest goes first; blocks are shared between them
 
+  // Tries a configuration, given as a file's text, in another process; done is called later, from the loop, outside of
+  // its turns. Throws std::runtime_error when there can be no such process.
+  using Try = std::function<void(std::string text, ConfigCheck::Done done)>;
+
   // loop, router and events outlive it; the router runs what the file says.
-  ConfigWork(Loop &loop, Router &router, EventBus &events, LogLine log, std::string file);
+  ConfigWork(Loop &loop, Router &router, EventBus &events, LogLine log, Try try_config, std::string file);
 
   // Commands. Each is refused with a reason, which names who holds the configuration.
   Outcome configure(const Asker &asker, const std::vector<Statement> &statements);
   Outcome take(const Asker &asker);
   Outcome edit(const Asker &asker, const std::vector<Statement> &statements);  // of the candidate
-  Outcome commit(const Asker &asker, std::optional<std::chrono::minutes> confirm_within);
+  // The candidate is tried first, so done is called now or later, then in a turn of the loop; not at all when the
+  // process ends before.
+  using Done = std::function<void(const Outcome &)>;
+  void commit(const Asker &asker, std::optional<std::chrono::minutes> confirm_within, const Done &done);
   Outcome rollback(const Asker &asker, std::optional<size_t> steps);  // 1 .. kKept
   Outcome abort(const Asker &asker, bool force);
   Outcome write(const Asker &asker, bool force);
@@ -83,6 +92,10 @@ class ConfigWork {
   void release();
   void keep(Config before, const std::string &by, const std::string &what);
   Outcome replace(Config wanted, const std::string &by, const std::string &what);
+  Outcome commit_tried(const Asker &asker, std::optional<std::chrono::minutes> confirm_within,
+                       const ConfigCheck::Result &tried);
+  Outcome commit_now(const Asker &asker, std::optional<std::chrono::minutes> confirm_within);
+  bool has_changes(const Asker &asker) const;
   void begin_trial(Config before, Config committed, std::chrono::minutes time);
   void end_trial();
   void go_back();
@@ -91,6 +104,7 @@ class ConfigWork {
   Router &router_;
   EventBus &events_;
   LogLine log_;
+  Try try_;
   std::string file_;
   Config loaded_;  // what ran when the file was read or written
   FileStamp stamp_;

@@ -81,7 +81,10 @@ Daemon::Daemon(DaemonOptions options, Config config)
   for (const std::string &line : described(options_.config_file, router_->start(std::move(config))))
     log_.write(Level::error, line);
   const auto log = [this](Level level, const std::string &text) { log_.write(level, text); };
-  work_.emplace(loop_, *router_, events_, log, options_.config_file);
+  const auto try_config = [this](std::string text, ConfigCheck::Done done) {
+    start_check({"", std::move(text)}, false, std::move(done));
+  };
+  work_.emplace(loop_, *router_, events_, log, try_config, options_.config_file);
   process_->work = &*work_;
   loop_.set_turn_end([this] { settle(); });
   watch_signals();
@@ -201,9 +204,10 @@ void Daemon::reload(const std::string &by, Process::Done done) {
 void Daemon::check_for_reload() {
   service::notify_reloading();
   try {
-    check_ = std::make_unique<ConfigCheck>(loop_.io(), options_.config_file, options_.module, false,
-                                           [this, stamp = stamp_of(options_.config_file)](
-                                               const ConfigCheck::Result &result) { finish_reload(stamp, result); });
+    check_ =
+        std::make_unique<ConfigCheck>(loop_.io(), ConfigCheck::Input{options_.config_file, {}}, options_.module, false,
+                                      [this, stamp = stamp_of(options_.config_file)](
+                                          const ConfigCheck::Result &result) { finish_reload(stamp, result); });
   } catch (const std::runtime_error &error) {
     end_reload({kNotChecked + error.what()}, {}, kUnchanged);
   }
@@ -244,17 +248,20 @@ void Daemon::end_reload(const std::vector<std::string> &errors, const std::vecto
     if (reload.done) reload.done(errors.empty(), text);
 }
 
-void Daemon::check(bool strict, const Process::Done &done) {
+// Throws std::runtime_error.
+void Daemon::start_check(const ConfigCheck::Input &input, bool strict, ConfigCheck::Done done) {
   std::erase_if(checks_, [](const auto &other) { return other->ended(); });
-  if (checks_.size() >= kMaxChecks) return done(false, "other checks are running; try again later\n");
+  if (checks_.size() >= kMaxChecks) throw std::runtime_error("others are running; try again later");
+  checks_.push_back(std::make_unique<ConfigCheck>(loop_.io(), input, options_.module, strict, std::move(done)));
+}
+
+void Daemon::check(bool strict, const Process::Done &done) {
   try {
-    checks_.push_back(std::make_unique<ConfigCheck>(loop_.io(), options_.config_file, options_.module, strict,
-                                                    [done](const ConfigCheck::Result &result) {
-                                                      std::string text;
-                                                      for (const std::string &line : result.problems)
-                                                        text += line + "\n";
-                                                      done(result.passed, text);
-                                                    }));
+    start_check({options_.config_file, {}}, strict, [done](const ConfigCheck::Result &result) {
+      std::string text;
+      for (const std::string &line : result.problems) text += line + "\n";
+      done(result.passed, text);
+    });
   } catch (const std::runtime_error &error) {
     done(false, kNotChecked + error.what() + "\n");
   }

@@ -57,6 +57,7 @@ class Daemon {
   void reload(const std::string &by, Process::Done done);
   void check_for_reload();
   void check(bool strict, const Process::Done &done);
+  void start_check(const ConfigCheck::Input &input, bool strict, ConfigCheck::Done done);
   void finish_reload(const FileStamp &checked, const ConfigCheck::Result &check);
   void end_reload(const std::vector<std::string> &errors, const std::vector<std::string> &warnings,
                   const std::string &outcome);

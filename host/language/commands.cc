@@ -545,6 +545,7 @@ std::vector<Word> exec_words() {
                      .opens(Mode::global)}),
       keyword("commit", "The candidate runs from now on; confirms a former commit")
           .acts("commit")
+          .takes_long()
           .with({keyword("confirmed", "What ran before comes back unless another commit comes in time")
                      .then({number("minutes", "Minutes", 1, 1440)})}),
       keyword("rollback", "What ran before runs again; the candidate starts anew from what runs")

@@ -28,7 +28,13 @@ class Client:
 
     def ask(self, line):
         """The exit status of a line and all that it prints."""
+        self.send(line)
+        return self.answer()
+
+    def send(self, line):
         self.socket.sendall(struct.pack(">IB", 2 + len(line), 1) + b"\0" + line.encode())
+
+    def answer(self):
         text = ""
         while True:
             size, kind = struct.unpack(">IB", self.receive(5))
@@ -218,8 +224,8 @@ class OperationsTest(unittest.TestCase):
             # What only the module judges: nothing of it runs, and it can be mended.
             ("a", "configure exclusive vrf green mdt default 239.1.1.1", 0, ""),
             ("a", "configure exclusive hostname y", 0, ""),
-            ("a", "commit", 1, "VRF green: mdt default 239.1.1.1: The MDT-default group overlaps with VRF red\n"
-                               "what ran before runs again\n"),
+            ("a", "commit", 1, "VRF red: mdt default 239.1.1.1: The MDT-default group overlaps with VRF green\n"
+                               "the configuration stays as it is\n"),
             ("b", name, 0, "hostname x\n"),
             ("a", "configure exclusive vrf green mdt default 239.1.1.3", 0, ""),
             ("a", "commit", 0, ""),
@@ -245,6 +251,35 @@ class OperationsTest(unittest.TestCase):
         wait_until(lambda: clients["b"].ask("configure exclusive")[0] == 0, "the configuration is free")
         self.play(clients, [("b", "show configuration candidate", 0, ""),
                             ("b", "show configuration former | count", 0, "5\n")])
+
+    def test_a_commit_that_is_refused_moves_nothing(self):
+        # A module that takes this MTU from a file, and so where the candidate is tried, but not while it runs.
+        daemon = self.start_example("--module", BIN / "libmoody.so")
+        a, b = Client(self, daemon), Client(self, daemon)
+        running, log = daemon.show("running-config"), len(daemon.log.read_text())
+        self.play({"a": a}, [
+            ("a", "configure exclusive", 0, ".*\n"),
+            ("a", "configure exclusive vrf blue no mdt mtu", 0, ""),
+            ("a", "configure exclusive vrf red mdt default 239.1.1.2", 0, ""),
+            ("a", "commit confirmed 10", 1, "VRF red: mdt default 239.1.1.2: The MDT-default group overlaps with VRF blue\n"
+                                            "the configuration stays as it is\n"),
+        ])
+        self.assertNotIn("VRF ", daemon.log.read_text()[log:])
+        self.play({"a": a}, [
+            ("a", "rollback", 0, ".*\n"),
+            ("a", "configure exclusive vrf blue mdt mtu 1301", 0, ""),
+            ("a", "commit", 1, "VRF blue: mdt mtu 1301: Not this one\nwhat ran before runs again\n"),
+        ])
+        # The claim ends while the candidate is tried.
+        daemon.process.send_signal(signal.SIGSTOP)
+        a.send("commit")
+        b.send("abort force")
+        daemon.process.send_signal(signal.SIGCONT)
+        self.assertEqual(b.answer(), (0, "what was not committed is dropped\n"))
+        status, text = a.answer()
+        self.assertEqual(status, 1)
+        self.assertRegex(text, "the candidate was dropped while it was tried|there is nothing to commit")
+        self.assertEqual(daemon.show("running-config"), running)
 
     def test_a_commit_that_nobody_confirms_goes_back(self):
         daemon = self.start("hostname a\n", "--clock-scale", "1000")
