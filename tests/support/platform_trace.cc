@@ -412,5 +412,8 @@ CAN_FAIL(int, rpm_policy_unbind, (uint32_t handle), (handle), (::rpm_policy_unbi
 // Command line.
 CAN_FAIL(int, cli_register_cmd, (const char *name, cli_handler handler, uint32_t r), (name, handler, r), 1, (name, r))
 NOTED(int, cli_send_my_global_vrf_commands, (uint32_t r, const char *name), (r, name), (r, name))
+NOTED(int, cli_get_string, (cli_command * command, const char *name, const char **out), (command, name, out), (name))
+NOTED(int, cli_get_ipaddr, (cli_command * command, const char *name, ip_addr_t *out), (command, name, out), (name))
+NOTED(int, cli_get_integer, (cli_command * command, const char *name, int32_t *out), (command, name, out), (name))
 
 }  // namespace trace

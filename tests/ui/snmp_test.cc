@@ -187,6 +187,43 @@ TEST_F(Snmp, EmptyTables) {
   }
 }
 
+// A host sees in which order the parts of an index are asked for.
+TEST_F(Snmp, OrderOfTheIndexArguments) {
+  start();
+  const struct {
+    const Table &table;
+    const char *prefix;
+    std::vector<const char *> parts;  // "s" texts, "a" addresses, "i" numbers
+  } cases[] = {
+      {DEFAULT_TABLE, "", {"s mplsVpnVrfName"}},
+      {DATA_TABLE, "", {"s mplsVpnVrfName"}},
+      {GENERIC_TABLE, "", {"s mplsVpnVrfName"}},
+      {TUNNEL_TABLE, "", {"i ifIndex"}},
+      {MROUTE_TABLE,
+       "korvaMvpnMroute",
+       {"s mplsVpnVrfName", "a MvrfGroup", "a MvrfSource", "i UpDownStreamInfo", "i MvrfGrpAddrType",
+        "i MvrfSrcAddrType"}},
+      {JN_SEND_TABLE,
+       "korvaMvpnMdtJnSend",
+       {"s mplsVpnVrfName", "a Group", "a Source", "i GrpAddrType", "i SrcAddrType"}},
+      {JN_RCV_TABLE,
+       "korvaMvpnMdtJnRcv",
+       {"s mplsVpnVrfName", "a Group", "a Source", "i GrpAddrType", "i SrcAddrType"}},
+      {BGP_TABLE, "korvaMvpnBgpMdtUpd", {"a ateSource", "a ateGroup", "i GrpAddrType", "i SrcAddrType"}},
+  };
+  for (const auto &c : cases) {
+    std::vector<std::string> expected;
+    for (const std::string part : c.parts) {
+      const std::string reader = part[0] == 's' ? "string" : part[0] == 'a' ? "ipaddr" : "integer";
+      const bool shared = part[0] == 's' || part == "i ifIndex";
+      expected.push_back("cli_get_" + reader + "(<" + (shared ? "" : c.prefix) + part.substr(2) + "-in>)");
+    }
+    trace::start();
+    next(c.table, {});
+    EXPECT_EQ(trace::calls_of({"cli_get_string", "cli_get_ipaddr", "cli_get_integer"}), expected) << c.table.handler;
+  }
+}
+
 // VRF tables: which row follows a name, whether or not something has it.
 TEST_F(Snmp, NextVrf) {
   three_vrfs();

@@ -274,7 +274,7 @@ int mvpn_ha_recovery_start() {
   // A period that is still open, from an earlier end of replay or an earlier life of the module, starts anew: its
   // timer would else close this one early.
   MVPN_DEBUG(pim_null_pcib, "Creating and starting HA recovery timer");
-  active_timer_cancel(mvpn_ha_recovery_timer);
+  if (mvpn_ha_recovery_timer != nullptr) active_timer_cancel(mvpn_ha_recovery_timer);
   mvpn_ha_recovery_timer = active_timer_create(
       mvpn_at_set_heap, ACTIVE_TIMER_TYPE_MVPN, [](void *) { mvpn_ha_recovery_stop(); }, nullptr);
   if (mvpn_ha_recovery_timer == nullptr) {

@@ -22,6 +22,7 @@
 #include "routing/pim/mvpn/mvpn_ui_snmp.h"
 
 #include <cstring>
+#include <span>
 #include <utility>
 
 #include "platform/im.h"
@@ -169,10 +170,26 @@ void read_part(cli_command *command, const index_argument &argument, mvpn_snmp_i
   }
 }
 
+// The order in which the parts of an index are asked for, which a host sees: addresses before their types. Tables of
+// VRFs go by group, the BGP table by the announcing PE.
+constexpr cli_mib_place asked_of_vrf_tables[] = {
+    CLI_MIB_INDEX_VRF,       CLI_MIB_INDEX_IF_INDEX,   CLI_MIB_INDEX_GROUP,       CLI_MIB_INDEX_SOURCE,
+    CLI_MIB_INDEX_DIRECTION, CLI_MIB_INDEX_GROUP_TYPE, CLI_MIB_INDEX_SOURCE_TYPE,
+};
+constexpr cli_mib_place asked_of_bgp_table[] = {
+    CLI_MIB_INDEX_SOURCE,
+    CLI_MIB_INDEX_GROUP,
+    CLI_MIB_INDEX_GROUP_TYPE,
+    CLI_MIB_INDEX_SOURCE_TYPE,
+};
+
 mvpn_snmp_index read_index(cli_command *command, cli_record table) {
+  const std::span<const cli_mib_place> order =
+      table == CLI_RECORD_MIB_BGP ? std::span<const cli_mib_place>(asked_of_bgp_table) : asked_of_vrf_tables;
   mvpn_snmp_index index;
-  for (const index_argument &argument : column_arguments)
-    if (argument.table == table) read_part(command, argument, &index);
+  for (const cli_mib_place place : order)
+    for (const index_argument &argument : column_arguments)
+      if (argument.table == table && argument.place == place) read_part(command, argument, &index);
   return index;
 }
 
