@@ -8,7 +8,7 @@
 
 #include <array>
 #include <fstream>
-#include <map>
+#include <type_traits>
 
 #include "platform/reference/mem.h"
 #include "platform/reference/pim.h"
@@ -31,7 +31,8 @@ struct VrfCounts {
     const mvpn_cibtype *mvpn;
   };
   std::vector<Vrf> vrfs;  // with MVPN
-  std::map<mvpn_mti_status_t, uint64_t> by_status;
+  // By mvpn_mti_status_t. Those without a VRF are told too: a state that comes and goes is no zero in a graph.
+  std::array<uint64_t, std::extent_v<std::remove_pointer_t<decltype(LoadedModule::mti_status_names)>>> by_status{};
   std::array<uint64_t, MVPN_DATA_MDT_STATE_SWITCHBACK_PENDING + 1> flows{};
   uint64_t without_mvpn = 0, customer_routes = 0;
 };
@@ -51,7 +52,7 @@ VrfCounts count_vrfs() {
   for (const pim_cibtype *pcib = pim_get_first_cib_by_name(&iterator); pcib != nullptr;
        pcib = pim_get_next_cib_by_name(&iterator)) {
     if (pcib->mvpn == nullptr) {
-      counts.without_mvpn++;
+      counts.without_mvpn += pcib == pim_default_cib ? 0 : 1;  // the core is no VRF
       continue;
     }
     counts.vrfs.push_back({pcib->vrf_name, pcib->mvpn});
@@ -69,8 +70,8 @@ void sample_each_vrf(Exposition &out, const VrfCounts &counts, Value value) {
 void write_vrfs(Exposition &out, const VrfCounts &counts, const LoadedModule &module) {
   out.gauge("mvpn_vrfs", "VRFs by the state of their default MDT.");
   out.sample({{"state", "no MVPN"}}, counts.without_mvpn);
-  for (const auto &[status, count] : counts.by_status)
-    out.sample({{"state", (*module.mti_status_names)[status]}}, count);
+  for (size_t status = 0; status < counts.by_status.size(); status++)
+    out.sample({{"state", (*module.mti_status_names)[status]}}, counts.by_status[status]);
   out.gauge("mvpn_customer_routes", "Customer routes of VRFs with MVPN.");
   out.sample(counts.customer_routes);
   out.gauge("mvpn_flows", "Customer routes that this PE sends into the core, by where they are.");
@@ -195,14 +196,15 @@ void write_neighbors(Exposition &out, const std::vector<bgp::NeighborView> &neig
 void write_bgp(Exposition &out, const bgp::Speaker *speaker) {
   if (speaker == nullptr) return;
   std::vector<bgp::NeighborView> neighbors;
-  std::map<std::string, uint64_t> by_state;
+  std::array<uint64_t, static_cast<size_t>(bgp::State::established) + 1> by_state{};
   for (const bgp::Ipv4 address : speaker->neighbors())
     if (auto view = speaker->neighbor(address)) {
-      by_state[bgp::to_string(view->state)]++;
+      by_state[static_cast<size_t>(view->state)]++;
       neighbors.push_back(std::move(*view));
     }
   out.gauge("mvpn_bgp_sessions", "BGP neighbours by the state of their session.");
-  for (const auto &[state, count] : by_state) out.sample({{"state", state}}, count);
+  for (size_t state = 0; state < by_state.size(); state++)
+    out.sample({{"state", bgp::to_string(static_cast<bgp::State>(state))}}, by_state[state]);
   const bgp::TableSizes sizes = speaker->sizes();
   out.gauge("mvpn_bgp_routes", "Routes in the BGP table.");
   out.sample(sizes.routes);

@@ -11,6 +11,7 @@ import ctypes
 import json
 import os
 import pathlib
+import re
 import shutil
 import signal
 import socket
@@ -23,6 +24,7 @@ import time
 import unittest
 
 PROGRAMS = pathlib.Path(sys.argv[1])
+PROJECT = pathlib.Path(__file__).resolve().parent.parent.parent
 PREFIX = f"mvpn-{os.getpid()}-"
 GROUP, SOURCE, PORT = "232.1.1.1", "192.168.1.10", 5000
 CLONE_NEWNET = 0x40000000
@@ -316,6 +318,20 @@ class TwoPes(unittest.TestCase):
         self.assertEqual(numbers, list(range(numbers[0], sent)), "lost, repeated or out of order")
         self.assertLess(numbers[0], 100)
 
+    def expect_metrics_of_the_forwarder(self):
+        """Those that the page lists and the dashboard asks for, with their labels."""
+        page = (PROJECT / "docs/metrics.md").read_text()
+        listed = {name: sorted(re.findall(r"\w+", labels))
+                  for name, labels in re.findall(r"^\| `(mvpn_forward\w+)` \| \w+ \| (.*?) \|", page, re.M)}
+        asked = set(re.findall(r"mvpn_forward\w+", (PROJECT / "examples/dashboard.json").read_text()))
+        self.assertLessEqual(asked, set(listed))
+        shown = dict(re.findall(r"^(mvpn_forward\w+)(?:\{(.*)\})? [1-9]", self.pes[0].ask("show", "metrics"), re.M))
+        shown = {name: sorted(re.findall(r'(\w+)="', labels)) for name, labels in shown.items()}
+        # Nothing is dropped unless something goes wrong.
+        listed.pop("mvpn_forwarding_drops_total")
+        shown.pop("mvpn_forwarding_drops_total", None)
+        self.assertEqual(shown, listed)
+
     def test_a_forwarder_that_does_not_answer_holds_up_nobody_else(self):
         pe = self.pes[0]
         pe.forwarder.send_signal(signal.SIGSTOP)
@@ -330,6 +346,7 @@ class TwoPes(unittest.TestCase):
         self.start_traffic()
         self.switch_over()
         self.assertIn("239.1.8.0", self.pes[1].ask("show", "forwarding"))
+        self.expect_metrics_of_the_forwarder()
         self.pes[0].ask("configure", "vrf", "red", "no mdt data 239.1.8.0/24")
         self.assertTrue(eventually(lambda: self.pes[0].flow() == ("1", "239.1.1.1")),
                         self.pes[0].ask("show", "forwarding"))
