@@ -245,6 +245,22 @@ TEST_F(Receive, BidirRouteFollowsTheDesignatedForwarder) {
   }
 }
 
+// The host may tell of a change before the route stands in its tree.
+TEST_F(Receive, BidirRouteIsFollowedBeforeItIsInItsTree) {
+  mvpn_cibtype *mvpn = start_red();
+  const auto *heard = hear("172.16.7.9", "225.0.0.9", "239.7.0.9");
+  pim_route croute{};
+  croute.addrs = route_addrs("172.16.7.9", "225.0.0.9");
+  croute.iif = mvpn->mti_iod;
+  croute.bidirectional = 1;
+  ref::mrib_add_route(2, croute.addrs, mvpn->mti_iod);
+  mvpn_process_rpf_lookup(mvpn->pcib, &croute.addrs, &croute, 0, 0, 1);
+  EXPECT_EQ(heard->flags, MVPN_RECV_JOIN_MAPPED_SG);
+  mvpn_process_rpf_lookup(mvpn->pcib, &croute.addrs, &croute, 0, 1, 0);
+  EXPECT_EQ(heard->flags, 0u);
+  mvpn_data_mdt_unmap_local_source_from_receiver(mvpn, &croute, &croute.addrs);
+}
+
 // The remote data MDTs that a flow has joined are left with it, wherever its source lies when it goes.
 TEST_F(Receive, ADeletedFlowLeavesNoDataMdtJoined) {
   mvpn_cibtype *mvpn = start_red();

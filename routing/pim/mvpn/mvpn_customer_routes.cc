@@ -62,9 +62,9 @@ void mvpn_process_rpf_lookup(pim_cibtype *pcib, const mvpn_mdt_route_addrs *key,
     const ip_addr_t winner = pim_get_df_winner(rp, croute->iif);
     if (winner != 0) croute->rpf_neighbor = winner;
     if (fed_by_tunnel) {
-      mvpn_data_mdt_map_receiver_to_local_source(mvpn, &addrs, croute);
-      // A flow that switches at once is announced, which yields: the VRF and the route may be gone.
-      if (!vrf.same() || pim_get_route_from_pt(pcib, &addrs) != croute) return;
+      const bool announced = mvpn_data_mdt_map_receiver_to_local_source(mvpn, &addrs, croute);
+      // An announcement yields: the VRF and the route may be gone. Without one the route need not be in its tree yet.
+      if (announced && (!vrf.same() || pim_get_route_from_pt(pcib, &addrs) != croute)) return;
     }
   }
   if (before != 0 && after == 0)

@@ -178,28 +178,29 @@ int mvpn_stats_check(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key, pim_ro
 
 // -------------------------------------------------------------------------------------------------------- local source
 
-void mvpn_data_mdt_map_receiver_to_local_source(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key,
+bool mvpn_data_mdt_map_receiver_to_local_source(mvpn_cibtype *mvpn, const mvpn_mdt_route_addrs *key,
                                                 pim_route *croute) {
-  if (mvpn == nullptr) return;
+  if (mvpn == nullptr) return false;
   mvpn_mdt_route_addrs working = mvpn_unpadded_addrs(*key);
   if (working.source_len == MROUTE_ANY_SOURCE_LEN) working.source = 0;
   if (croute->send_join_info != nullptr && croute->send_join_info->encap_index != MVPN_ENCAP_INDEX_NONE) {
     MVPN_DEBUG(mvpn->pcib, "While mapping croute %s already has proper encap ", mrib_print_addrs(&working));
-    return;
+    return false;
   }
   MVPN_DEBUG(mvpn->pcib, "Mapping receiver to local source for %s", mrib_print_addrs(&working));
-  if (mvpn_map_data_mdt_config(mvpn, &working, croute) == 0) return;
+  if (mvpn_map_data_mdt_config(mvpn, &working, croute) == 0) return false;
   const mvpn_data_mdt_send_join_info *record = croute->send_join_info;
-  if (record == nullptr || record->config == nullptr) return;
-  if (record->config->immediate_switch == 0 || record->config->threshold != 0) return;
+  if (record == nullptr || record->config == nullptr) return false;
+  if (record->config->immediate_switch == 0 || record->config->threshold != 0) return false;
   mvpn_start_switchover_to_data_mdt(mvpn, &working, croute);
   MVPN_DEBUG(mvpn->pcib, "Switchover to Data MDT for %s", mrib_print_addrs(&working));
   if (mvpn->switchover_timer != nullptr) active_timer_start(mvpn->switchover_timer, 0, 0, 0, 0);
   mvpn_mrib_wakeup_worker_thread();
-  if (record->encap_index < MVPN_ENCAP_INDEX_FIRST_DATA) return;
+  if (record->encap_index < MVPN_ENCAP_INDEX_FIRST_DATA) return false;
   const mvpn_vrf_handle vrf(mvpn);
   mvpn_fill_one_data_mdt_join(mvpn, {working.source, working.group, record->group});
   if (vrf.same()) mvpn_send_data_mdt_join_packet(mvpn, 0);
+  return true;
 }
 
 void mvpn_data_mdt_unmap_receiver_from_local_source(mvpn_cibtype *mvpn, pim_route *croute,
