@@ -58,7 +58,7 @@ struct Core {
   TimerQueue timers;                                     // of sessions, peers and the deferral
   AttributeTable attributes;                             // of all paths
   Table table;                                           // Adj-RIBs-In and Loc-RIB
-  ChangeReader news;                                     // the observer's
+  ChangeReader news;                                     // the observer's; what it was told stands in the table
   RouteGroups groups;                                    // scratch of whichever neighbour's output is made
   std::deque<Event> events;                              // the oldest first, told at the end of the turn
   std::minstd_rand random;                               // of the jitter; seeded, so that tests repeat

@@ -33,6 +33,8 @@ class Speaker::Impl {
   std::vector<Ipv4> neighbors() const;
   std::optional<NeighborView> neighbor(Ipv4 address) const;
   TableSizes sizes() const;
+  Ipv4 told_group(const RouteKey &key) const;
+  std::vector<Nlri> told_routes() const;
   std::vector<RouteKey> keys() const;
   std::optional<RouteView> route(const RouteKey &key) const;
   std::vector<RouteKey> keys_received(Ipv4 neighbor) const;

@@ -257,8 +257,8 @@ void Speaker::Impl::tell_changes() {
     if (id == 0) break;
     const Route &route = table.route(id);
     const PathId best = table.best(route);
-    if (best == 0 && !core.news.told(id)) continue;
-    BestChange change{{route.key, route.group}, best != 0, false, 0, 0};
+    if (best == 0 && route.told == ToldOf::nothing) continue;
+    BestChange change{{route.key, route.group}, table.told_group(id), best != 0, false, 0, 0};
     if (best != 0) {
       const Path &path = table.path(best);
       change.local = path.source == kLocal;
@@ -266,7 +266,7 @@ void Speaker::Impl::tell_changes() {
       change.neighbor = table.source(path.source).address;
     }
     changes_.push_back(change);
-    core.news.set_told(id, best != 0);
+    table.note_told(id);
   }
   if (!changes_.empty()) core.observer.best_changed(changes_);
 }
@@ -366,6 +366,10 @@ std::vector<Ipv4> Speaker::neighbors() const { return impl_->neighbors(); }
 std::optional<NeighborView> Speaker::neighbor(Ipv4 address) const { return impl_->neighbor(address); }
 bool Speaker::deferring() const { return impl_->core.table.deferred(); }
 TableSizes Speaker::sizes() const { return impl_->sizes(); }
+size_t Speaker::told() const { return impl_->core.table.told(); }
+Ipv4 Speaker::told_group(const RouteKey &key) const { return impl_->told_group(key); }
+std::vector<Nlri> Speaker::told_routes() const { return impl_->told_routes(); }
+
 std::vector<RouteKey> Speaker::keys() const { return impl_->keys(); }
 std::optional<RouteView> Speaker::route(const RouteKey &key) const { return impl_->route(key); }
 std::vector<RouteKey> Speaker::keys_received(Ipv4 neighbor) const { return impl_->keys_received(neighbor); }

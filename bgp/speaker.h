@@ -77,7 +77,8 @@ struct NeighborConfig {
 
 // A change of what is best for a key, since the last time the observer was told about it.
 struct BestChange {
-  Nlri nlri;             // of a route that is gone: the last one reported
+  Nlri nlri;             // of a route that is gone: the last one that it had
+  Ipv4 former = 0;       // group of the neighbour's route that the observer was told of last; 0: none, or a local one
   bool present = false;  // false: there is no route any more
   bool local = false;    // originated here
   Ipv4 next_hop = 0;     // of the best path; 0: originated here without one, or gone
@@ -230,6 +231,12 @@ class Speaker {
   void writable(ConnectionId connection);
   // Does what is due: timers, input, selection, output. The clock asks for it.
   void run();
+
+  // ---- what the observer was told: the neighbours' routes that it knows of, and may rely on instead of keeping them
+
+  size_t told() const;                         // their number
+  Ipv4 told_group(const RouteKey &key) const;  // 0: it was told of no such route
+  std::vector<Nlri> told_routes() const;       // all, in no order
 
   // ---- views; what they return belongs to the caller and is a picture of this moment
 

@@ -250,7 +250,7 @@ void Table::reselect(RouteId id, PathId touched) {
   const PathId now = best_path(*this, route);
   if (now != 0) {
     bring_to_front(route, now);
-    route.group = paths_[now].group;
+    set_group(id, paths_[now].group);
   }
   route.selected = now != 0;
   if (now != before || (now != 0 && now == touched)) note_change(id);
@@ -271,6 +271,31 @@ void Table::select(size_t most) {
     if (routes_[select_at_].paths != 0) reselect(select_at_, 0);
     select_at_++;
   }
+}
+
+// ----------------------------------------------------------------------------------------- what the observer was told
+
+void Table::set_group(RouteId id, Ipv4 group) {
+  Route &route = routes_[id];
+  if (route.told == ToldOf::learnt && route.group != group) former_groups_.try_emplace(id, route.group);
+  route.group = group;
+}
+
+Ipv4 Table::told_group(RouteId id) const {
+  if (routes_[id].told != ToldOf::learnt) return 0;
+  if (former_groups_.empty()) return routes_[id].group;
+  const auto former = former_groups_.find(id);
+  return former == former_groups_.end() ? routes_[id].group : former->second;
+}
+
+void Table::note_told(RouteId id) {
+  Route &route = routes_[id];
+  const PathId path = best(route);
+  const ToldOf told = path == 0 ? ToldOf::nothing : paths_[path].source == kLocal ? ToldOf::own : ToldOf::learnt;
+  told_ += told == ToldOf::learnt ? 1 : 0;
+  told_ -= route.told == ToldOf::learnt ? 1 : 0;
+  route.told = told;
+  if (!former_groups_.empty()) former_groups_.erase(id);
 }
 
 // ------------------------------------------------------------------------------------------------------------ changes

@@ -12,11 +12,16 @@
 //
 // What a source said is dated by a generation, a number that the source raises when its session is lost. That makes all
 // its paths stale in one step; a sweep in bounded turns removes those that were not said again.
+//
+// What the observer was told last of a route stands here as well, so that it needs no table of its own to know what a
+// change means: whether it was told at all, and of whose route. The group that it was told is the route's; where that
+// has changed since, the former one waits aside until the observer is told again.
 #ifndef BGP_TABLE_H
 #define BGP_TABLE_H
 
 #include <deque>
 #include <functional>
+#include <unordered_map>
 
 #include "bgp/attribute_table.h"
 #include "bgp/pool.h"
@@ -29,6 +34,10 @@ using PathId = uint32_t;    // 0: none
 using SourceId = uint16_t;  // kLocal: this speaker
 inline constexpr SourceId kLocal = 0;
 
+// What the observer was told of a route last: nothing, or that it is gone; that this speaker's own path is the best, or
+// a neighbour's.
+enum class ToldOf : uint8_t { nothing, own, learnt };
+
 struct Route {
   RouteKey key;           // never changes
   Ipv4 group = 0;         // of the best path; of the last one when there is none any more
@@ -37,6 +46,7 @@ struct Route {
   uint32_t change = 0;    // low 32 bits of its place in the log
   bool changed = false;   // it has a place there
   bool selected = false;  // its first path is the best
+  ToldOf told = ToldOf::nothing;
 };
 
 struct Path {
@@ -98,6 +108,11 @@ class Table {
   void select(size_t most);  // routes looked at
   PathId best(const Route &route) const { return route.selected ? route.paths : 0; }
 
+  // ---- what the observer was told
+  void note_told(RouteId id);            // all that is to be said of the route now
+  Ipv4 told_group(RouteId id) const;     // of a neighbour's route; 0: it was told of none
+  size_t told() const { return told_; }  // routes of neighbours
+
   // ---- look-ups
   RouteId find(const RouteKey &key) const;  // 0: none
   // Have the memory fetched that a look-up of this key goes through: its bucket, and a while later its route.
@@ -133,6 +148,7 @@ class Table {
   void remove_path(PathId id);
   void reselect(RouteId id, PathId touched);
   void bring_to_front(Route &route, PathId id);
+  void set_group(RouteId id, Ipv4 group);
   void note_change(RouteId id);
   bool is_latest(uint64_t position) const;
   void forget(uint64_t position);
@@ -151,6 +167,8 @@ class Table {
   std::vector<SourceId> sweeping_;
   bool deferred_ = false;
   RouteId select_at_ = 0;  // 0: nothing to do
+  size_t told_ = 0;
+  std::unordered_map<RouteId, Ipv4> former_groups_;  // that the observer was told, of routes that have another now
 
   std::deque<RouteId> log_;
   uint64_t log_start_ = 0;  // position of log_[0]

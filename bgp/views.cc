@@ -66,6 +66,19 @@ TableSizes Speaker::Impl::sizes() const {
   return {core.table.routes(), core.table.paths(), core.attributes.used(), core.table.octets()};
 }
 
+Ipv4 Speaker::Impl::told_group(const RouteKey &key) const {
+  const RouteId id = core.table.find(key);
+  return id == 0 ? 0 : core.table.told_group(id);
+}
+
+std::vector<Nlri> Speaker::Impl::told_routes() const {
+  std::vector<Nlri> routes;
+  routes.reserve(core.table.told());
+  for (RouteId id = 1; id < core.table.end(); id++)
+    if (const Ipv4 group = core.table.told_group(id); group != 0) routes.push_back({core.table.route(id).key, group});
+  return routes;
+}
+
 std::vector<RouteKey> Speaker::Impl::keys() const {
   std::vector<RouteKey> keys;
   for (RouteId id = 1; id < core.table.end(); id++)

@@ -95,9 +95,9 @@ void BgpService::end() {
   if (!speaker_) return;
   stop("");
   transport_.attach(nullptr);
+  if (callbacks_.ends) callbacks_.ends();
   speaker_.reset();
   failures_.clear();
-  if (callbacks_.ended) callbacks_.ended();
 }
 
 void BgpService::stop(const std::string &words) {

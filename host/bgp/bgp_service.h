@@ -23,7 +23,7 @@ class BgpService final : bgp::Observer {
     std::function<void(std::span<const bgp::BestChange>)> best_changed = {};
     std::function<void(bgp::Ipv4 neighbor)> end_of_rib = {};
     std::function<void()> began = {};     // there is a speaker, without routes
-    std::function<void()> ended = {};     // there is none any more, nor any of its routes
+    std::function<void()> ends = {};      // there will be none any more, nor any of its routes
     std::function<void(Change)> changed;  // sessions
     LogLine log;                          // never empty; lines begin with "BGP"
   };

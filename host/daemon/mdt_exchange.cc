@@ -2,11 +2,12 @@
 // withdraws, the other's entry takes its place.
 //
 // The module keeps the first group that it hears for a key: a change of the group is told as a withdrawal and an entry.
+//
+// Of a million entries none stands here: the speaker knows what it has told.
 #include "host/daemon/mdt_exchange.h"
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <utility>
 
 namespace host {
@@ -30,6 +31,7 @@ ref::MdtSafi entry_of(const bgp::RouteKey &key, bgp::Ipv4 group) {
 // Changes in the order in which they came, handed on in as few calls as that allows.
 class RemoteChanges {
  public:
+  explicit RemoteChanges(size_t most) { entries_.reserve(most); }
   ~RemoteChanges() { flush(); }
   void add(ref::MdtSafi entry, bool advertised) {
     if (advertised != advertised_) flush();
@@ -40,7 +42,7 @@ class RemoteChanges {
  private:
   void flush() {
     if (entries_.empty()) return;
-    advertised_ ? ref::bgp_add_remote(entries_) : ref::bgp_withdraw_remote(entries_);
+    ref::bgp_remote_table_changed(entries_, advertised_);
     entries_.clear();
   }
 
@@ -56,6 +58,7 @@ constexpr std::chrono::seconds kPatience{30};
 MdtExchange::MdtExchange(Loop &loop, bool restarting, EventBus &events, LogLine log)
     : patience_(loop.io()), bgp_(loop.io(), callbacks(loop, events, std::move(log)), restarting) {
   ref::set_bgp_local_sink([this](const ref::MdtSafi &entry, bool add) { local_changed(entry, add); });
+  ref::set_bgp_remote_table(this);
   if (!restarting) return;
   patience_.expires_after(kPatience);
   patience_.async_wait([this, &loop](const boost::system::error_code &error) {
@@ -65,7 +68,10 @@ MdtExchange::MdtExchange(Loop &loop, bool restarting, EventBus &events, LogLine 
   });
 }
 
-MdtExchange::~MdtExchange() { ref::set_bgp_local_sink(nullptr); }
+MdtExchange::~MdtExchange() {
+  ref::set_bgp_remote_table(nullptr);
+  ref::set_bgp_local_sink(nullptr);
+}
 
 BgpService::Callbacks MdtExchange::callbacks(Loop &loop, EventBus &events, LogLine log) {
   BgpService::Callbacks callbacks;
@@ -78,7 +84,7 @@ BgpService::Callbacks MdtExchange::callbacks(Loop &loop, EventBus &events, LogLi
   callbacks.began = [this] {
     for (const auto &[key, vrfs] : local_) originate(key);
   };
-  callbacks.ended = [this] { forget_remote(); };
+  callbacks.ends = [this] { forget_remote(); };
   callbacks.changed = [&events](Change change) { events.publish(std::move(change)); };
   callbacks.log = std::move(log);
   return callbacks;
@@ -132,43 +138,33 @@ void MdtExchange::complete() {
 
 // ----------------------------------------------------------------------------------------------- the others' routes
 
-uint64_t MdtExchange::ToldKey::number() const {
-  uint64_t number;
-  std::memcpy(&number, rd.data(), sizeof number);
-  return number;
-}
-
 void MdtExchange::best_changed(std::span<const bgp::BestChange> changes) {
-  RemoteChanges remote;
-  told_.expect(changes.size(), [&changes](size_t i) { return ToldKey{changes[i].nlri.key}; });
+  RemoteChanges remote(changes.size());
   for (const bgp::BestChange &change : changes) {
-    const bool wanted = change.present && !change.local;
+    const bool wanted = change.present && !change.local, known = change.former != 0;
     const bgp::Nlri &nlri = change.nlri;
-    const ToldKey key{nlri.key};
-    const uint32_t id = told_.find(key);
-    if (id != 0 && wanted && told_[id].group == nlri.group) continue;
-    if (id != 0) {
-      remote.add(entry_of(key, told_[id].group), false);
-      told_.erase(id);
-    }
-    if (!wanted) continue;
-    told_.add({key, nlri.group});
-    remote.add(entry_of(key, nlri.group), true);
+    if (known && wanted && change.former == nlri.group) continue;
+    if (known) remote.add(entry_of(nlri.key, change.former), false);
+    if (wanted) remote.add(entry_of(nlri.key, nlri.group), true);
   }
 }
 
 void MdtExchange::forget_remote() {
-  std::vector<std::pair<bgp::RouteKey, bgp::Ipv4>> forgotten;
-  told_.for_each([&](uint32_t id) { forgotten.emplace_back(told_[id].its_key, told_[id].group); });
-  told_ = {};
-  std::sort(forgotten.begin(), forgotten.end());
-  RemoteChanges remote;
-  for (const auto &[key, group] : forgotten) remote.add(entry_of(key, group), false);
+  std::vector<bgp::Nlri> routes = bgp_.speaker()->told_routes();
+  std::sort(routes.begin(), routes.end(), [](const bgp::Nlri &a, const bgp::Nlri &b) { return a.key < b.key; });
+  RemoteChanges remote(routes.size());
+  for (const bgp::Nlri &route : routes) remote.add(entry_of(route.key, route.group), false);
 }
 
-bool MdtExchange::told(const ref::MdtSafi &entry) const {
-  const uint32_t id = told_.find({key_of(entry)});
-  return id != 0 && told_[id].group == entry.group;
+size_t MdtExchange::size() const { return bgp_.speaker() == nullptr ? 0 : bgp_.speaker()->told(); }
+
+bool MdtExchange::holds(const ref::MdtSafi &entry) const {
+  return bgp_.speaker() != nullptr && entry.group != 0 && bgp_.speaker()->told_group(key_of(entry)) == entry.group;
+}
+
+void MdtExchange::visit(const std::function<void(const ref::MdtSafi &)> &visitor) const {
+  if (bgp_.speaker() == nullptr) return;
+  for (const bgp::Nlri &route : bgp_.speaker()->told_routes()) visitor(entry_of(route.key, route.group));
 }
 
 }  // namespace host

@@ -67,10 +67,6 @@ const std::string *core_interface_with(const Config &config, const std::string &
   return nullptr;
 }
 
-bool is_same_entry(const ref::MdtSafi &a, const ref::MdtSafi &b) {
-  return a.source == b.source && a.group == b.group && std::equal(std::begin(a.rd), std::end(a.rd), std::begin(b.rd));
-}
-
 Outcome set_remote_pe(const OperationInput &input) {
   const Statement &statement = input.statement;
   const std::string &source = *find_argument(statement, "source");
@@ -86,9 +82,7 @@ Outcome set_remote_pe(const OperationInput &input) {
     ref::bgp_add_remote({safi});
     return {};
   }
-  const std::vector<ref::MdtSafi> entries = ref::bgp_remote_entries();
-  if (std::none_of(entries.begin(), entries.end(), [&](const auto &entry) { return is_same_entry(entry, safi); }))
-    return missing("such entry of PE", source);
+  if (!ref::bgp_is_remote(safi)) return missing("such entry of PE", source);
   ref::bgp_withdraw_remote({safi});
   return {};
 }

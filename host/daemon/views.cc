@@ -115,9 +115,7 @@ void show_bgp_mdt(const ViewInput &input, Listing &listing) {
   if (exchange.bgp().speaker() == nullptr &&
       !print_rows(listing, ref::bgp_local_entries(), [](const auto &entry) { return entry_row(entry, true); }))
     return;
-  std::vector<ref::MdtSafi> others = ref::bgp_remote_entries();
-  std::erase_if(others, [&](const auto &entry) { return exchange.told(entry); });
-  print_rows(listing, others, [](const auto &entry) { return entry_row(entry, false); });
+  print_rows(listing, ref::bgp_added_entries(), [](const auto &entry) { return entry_row(entry, false); });
 }
 
 std::string hex_of(const std::vector<uint8_t> &bytes) {

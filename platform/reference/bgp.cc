@@ -7,6 +7,10 @@
 // with every remote entry, closed by an end-of-RIB mark: an entry that withdraws nothing. Everything goes through the
 // transport's queue.
 //
+// Remote entries stand in the host's table when it has one. What was added or withdrawn beside it is kept here as the
+// entries that there are although the table has them not, and those that there are not although it has them: both are
+// exceptions, and another change of such an entry makes it none.
+//
 // Route distinguishers are printed as RFC 4364 has them: 2-byte AS and number (type 0), address and number (type 1),
 // 4-byte AS and number (type 2). A 4-byte AS that would fit into two bytes is written high.low, so that every printed
 // form reads back to the same bytes. Other types are shown in hexadecimal.
@@ -49,8 +53,7 @@ struct EntryKey {
   uint64_t hash() const { return mix(mix(wire::load_be64(rd.data())) + (uint64_t{source} << 32 | group)); }
 };
 
-// There may be a million.
-struct RemoteEntry {
+struct Exception {
   const EntryKey &key() const { return its_key; }
   EntryKey its_key;
   uint32_t next = 0;
@@ -65,7 +68,8 @@ struct State {
   std::map<std::string, Rd, std::less<>> rds;  // by VRF name
   std::string update_source;
   std::map<std::string, EntryKey, std::less<>> local;  // by VRF name
-  RecordTable<RemoteEntry, EntryKey> remote;
+  const RemoteTable *table = nullptr;
+  RecordTable<Exception, EntryKey> exceptions;
   std::function<void(const MdtSafi &, bool)> sink;
   std::vector<std::unique_ptr<ConnectorAttribute>> attributes;
 };
@@ -88,6 +92,31 @@ MdtSafi entry_of(const EntryKey &key, std::string_view vrf_name = {}) {
   return entry;
 }
 
+// --------------------------------------------------------------------------------------------------- remote entries
+
+bool table_holds(const MdtSafi &entry) { return state.table != nullptr && state.table->holds(entry); }
+
+bool is_exception(const EntryKey &key) { return state.exceptions.size() > 0 && state.exceptions.find(key) != 0; }
+void forget_exception(const EntryKey &key) { state.exceptions.erase(state.exceptions.find(key)); }
+
+// Of exceptions that there are although the table has them not.
+std::vector<EntryKey> added_keys() {
+  std::vector<EntryKey> keys;
+  state.exceptions.for_each([&keys](uint32_t id) {
+    const EntryKey &key = state.exceptions[id].its_key;
+    if (!table_holds(entry_of(key))) keys.push_back(key);
+  });
+  return keys;
+}
+
+std::vector<MdtSafi> sorted_entries(std::vector<EntryKey> keys) {
+  std::sort(keys.begin(), keys.end());
+  std::vector<MdtSafi> all;
+  all.reserve(keys.size());
+  for (const EntryKey &key : keys) all.push_back(entry_of(key));
+  return all;
+}
+
 // --------------------------------------------------------------------------------------------------------- messages
 
 void encode_entry(uint8_t *to, const MdtSafi &entry, bool add) {
@@ -97,7 +126,7 @@ void encode_entry(uint8_t *to, const MdtSafi &entry, bool add) {
   to[BGP_MDT_SAFI_ENTRY_ADD] = add ? 1 : 0;
 }
 
-void send_remote(const std::vector<MdtSafi> &entries, bool add) {
+void send_remote(std::span<const MdtSafi> entries, bool add) {
   for (size_t first = 0; first < entries.size(); first += entries_a_message) {
     const size_t count = std::min(entries_a_message, entries.size() - first);
     std::vector<uint8_t> payload(BGP_MDT_SAFI_COUNT_SIZE + count * BGP_MDT_SAFI_ENTRY_SIZE);
@@ -116,6 +145,16 @@ MdtSafi decode_entry(const uint8_t *from) {
   std::memcpy(entry.rd, from + BGP_MDT_SAFI_ENTRY_RD, sizeof entry.rd);
   entry.group = wire::load_host<uint32_t>(from + BGP_MDT_SAFI_ENTRY_GROUP);
   return entry;
+}
+
+void change_beside_table(const std::vector<MdtSafi> &entries, bool add) {
+  for (const MdtSafi &entry : entries) {
+    const EntryKey key = key_of(entry);
+    if (bgp_is_remote(entry) == add) continue;
+    is_exception(key) ? forget_exception(key) : void(state.exceptions.add({key}));
+    if (observer() != nullptr) observer()->remote_entry_changed(entry, add);
+  }
+  send_remote(entries, add);
 }
 
 void answer_request() {
@@ -280,41 +319,38 @@ std::vector<MdtSafi> bgp_local_entries() {
   return all;
 }
 
+void set_bgp_remote_table(const RemoteTable *table) { state.table = table; }
+
+void bgp_remote_table_changed(std::span<const MdtSafi> entries, bool add) {
+  for (const MdtSafi &entry : entries) {
+    const bool is_news = !is_exception(key_of(entry));
+    if (!is_news) forget_exception(key_of(entry));
+    if (is_news && observer() != nullptr) observer()->remote_entry_changed(entry, add);
+  }
+  send_remote(entries, add);
+}
+
+void bgp_add_remote(const std::vector<MdtSafi> &entries) { change_beside_table(entries, true); }
+void bgp_withdraw_remote(const std::vector<MdtSafi> &entries) { change_beside_table(entries, false); }
+
 std::vector<MdtSafi> bgp_remote_entries() {
-  std::vector<EntryKey> keys;
-  keys.reserve(state.remote.size());
-  state.remote.for_each([&keys](uint32_t id) { keys.push_back(state.remote[id].its_key); });
-  std::sort(keys.begin(), keys.end());
-  std::vector<MdtSafi> all;
-  all.reserve(keys.size());
-  for (const EntryKey &key : keys) all.push_back(entry_of(key));
-  return all;
+  std::vector<EntryKey> keys = added_keys();
+  if (state.table != nullptr) {
+    keys.reserve(keys.size() + state.table->size());
+    state.table->visit([&keys](const MdtSafi &entry) {
+      if (!is_exception(key_of(entry))) keys.push_back(key_of(entry));
+    });
+  }
+  return sorted_entries(std::move(keys));
 }
 
-size_t bgp_remote_count() { return state.remote.size(); }
+bool bgp_is_remote(const MdtSafi &entry) { return table_holds(entry) != is_exception(key_of(entry)); }
 
-static void expect_remote(const std::vector<MdtSafi> &entries) {
-  state.remote.expect(entries.size(), [&entries](size_t i) { return key_of(entries[i]); });
-}
+std::vector<MdtSafi> bgp_added_entries() { return sorted_entries(added_keys()); }
 
-void bgp_add_remote(const std::vector<MdtSafi> &entries) {
-  expect_remote(entries);
-  for (const MdtSafi &entry : entries)
-    if (const EntryKey key = key_of(entry); state.remote.find(key) == 0) {
-      state.remote.add({key});
-      if (observer() != nullptr) observer()->remote_entry_changed(entry, true);
-    }
-  send_remote(entries, true);
-}
-
-void bgp_withdraw_remote(const std::vector<MdtSafi> &entries) {
-  expect_remote(entries);
-  for (const MdtSafi &entry : entries)
-    if (const uint32_t id = state.remote.find(key_of(entry)); id != 0) {
-      state.remote.erase(id);
-      if (observer() != nullptr) observer()->remote_entry_changed(entry, false);
-    }
-  send_remote(entries, false);
+size_t bgp_remote_count() {
+  const size_t added = added_keys().size(), withdrawn = state.exceptions.size() - added;
+  return (state.table == nullptr ? 0 : state.table->size()) - withdrawn + added;
 }
 
 void bgp_end_of_rib() {

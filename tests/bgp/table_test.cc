@@ -33,7 +33,8 @@ class TableModel : public testing::TestWithParam<uint32_t> {
  protected:
   TableModel() {
     random.seed(GetParam());
-    for (size_t i = 0; i < kSources; i++) sources.push_back(*table.add_source(static_cast<bgp::Ipv4>(i + 1)));
+    sources.push_back(bgp::kLocal);
+    for (size_t i = 1; i < kSources; i++) sources.push_back(*table.add_source(static_cast<bgp::Ipv4>(i)));
     for (size_t i = 0; i < 3; i++) listeners.push_back(std::make_unique<Listener>(table));
   }
 
@@ -79,8 +80,28 @@ class TableModel : public testing::TestWithParam<uint32_t> {
       listener.reader.set_told(id, best != 0);
     }
   }
+  // The observer reads as the others do; what it was told stands in the table.
+  void tell(size_t most) {
+    while (most-- > 0) {
+      const bgp::RouteId id = observer.reader.next();
+      if (id == 0) return;
+      const bgp::Route &route = table.route(id);
+      check_told(id);
+      table.note_told(id);
+      if (const bgp::PathId best = table.best(route); best != 0 && table.path(best).source != bgp::kLocal)
+        observer.believed[route.key] = route.group;
+      else
+        observer.believed.erase(route.key);
+    }
+  }
+  void check_told(bgp::RouteId id) {
+    const auto known = observer.believed.find(table.route(id).key);
+    EXPECT_EQ(table.told_group(id), known == observer.believed.end() ? 0U : known->second);
+    EXPECT_EQ(table.told(), observer.believed.size());
+  }
   void step() {
-    switch (random() % 12) {
+    for (const auto &[key, group] : observer.believed) check_told(table.find(key));
+    switch (random() % 13) {
       case 0:
         return lose();
       case 1:
@@ -97,6 +118,8 @@ class TableModel : public testing::TestWithParam<uint32_t> {
       case 7:
       case 8:
         return withdraw();
+      case 9:
+        return tell(random() % 10);
       default:
         return say();
     }
@@ -110,6 +133,7 @@ class TableModel : public testing::TestWithParam<uint32_t> {
   void finish() {
     table.sweep(SIZE_MAX);
     for (auto &listener : listeners) read(*listener, SIZE_MAX);
+    tell(SIZE_MAX);
     table.trim();
   }
 
@@ -120,6 +144,7 @@ class TableModel : public testing::TestWithParam<uint32_t> {
   std::map<RouteKey, Said> model[kSources];
   uint32_t generations[kSources] = {};
   std::vector<std::unique_ptr<Listener>> listeners;
+  Listener observer{table};
 };
 
 TEST_P(TableModel, HoldsWhatWasSaidAndTellsIt) {

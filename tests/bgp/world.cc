@@ -100,6 +100,8 @@ void Node::best_changed(std::span<const bgp::BestChange> changed) {
   EXPECT_LE(changed.size(), bgp::kBestBatch);
   changes += changed.size();
   for (const bgp::BestChange &change : changed) {
+    const auto known = best.find(change.nlri.key);
+    EXPECT_EQ(change.former, known == best.end() || known->second.local ? 0 : known->second.nlri.group);
     if (change.present)
       best[change.nlri.key] = change;
     else

@@ -12,7 +12,7 @@ namespace {
 using Texts = std::vector<std::string>;
 
 class BgpTest : public ServicesTest {
- protected:
+ public:
   void SetUp() override {
     ServicesTest::SetUp();
     payloads.clear();
@@ -176,6 +176,51 @@ TEST_F(BgpTest, RemoteEntriesTravelInMessagesOfAHundred) {
   ref::settle();
   EXPECT_EQ(payloads.at(0)[2 + BGP_MDT_SAFI_ENTRY_ADD], 0);
   EXPECT_EQ(ref::bgp_remote_entries().size(), 200u);
+}
+
+// A host's table of entries 0 to `held` - 1.
+class Table : public ref::RemoteTable {
+ public:
+  explicit Table(uint32_t count) : held(count) { ref::set_bgp_remote_table(this); }
+  ~Table() override { ref::set_bgp_remote_table(nullptr); }
+  size_t size() const override { return held; }
+  bool holds(const ref::MdtSafi &entry) const override { return entry.source - 0x0A000000 < held; }
+  void visit(const std::function<void(const ref::MdtSafi &)> &visitor) const override {
+    for (uint32_t n = held; n-- > 0;) visitor(BgpTest::entry(n));
+  }
+  uint32_t held;
+};
+
+TEST_F(BgpTest, EntriesBesideTheHostsTable) {
+  Table table(3);
+  const auto remote = [] {
+    std::string text;
+    for (const ref::MdtSafi &entry : ref::bgp_remote_entries()) text += std::to_string(entry.source & 0xFF) + " ";
+    EXPECT_EQ(ref::bgp_remote_count(), static_cast<size_t>(std::count(text.begin(), text.end(), ' '))) << text;
+    return text;
+  };
+  EXPECT_EQ(remote(), "0 1 2 ");
+  ref::bgp_add_remote({entry(7), entry(2)});
+  ref::bgp_withdraw_remote({entry(1), entry(9)});
+  EXPECT_EQ(remote(), "0 2 7 ");
+  EXPECT_TRUE(ref::bgp_is_remote(entry(7)));
+  EXPECT_FALSE(ref::bgp_is_remote(entry(1)));
+  ASSERT_EQ(ref::bgp_added_entries().size(), 1u);
+  EXPECT_EQ(ref::bgp_added_entries()[0].source, entry(7).source);
+  // Each back to where the table has it.
+  ref::bgp_withdraw_remote({entry(7)});
+  ref::bgp_add_remote({entry(1)});
+  EXPECT_EQ(remote(), "0 1 2 ");
+  // What the table does later counts.
+  ref::bgp_withdraw_remote({entry(2)});
+  ref::bgp_add_remote({entry(3)});
+  table.held = 4;
+  ref::bgp_remote_table_changed(std::vector{entry(3)}, true);
+  EXPECT_EQ(remote(), "0 1 3 ");
+  EXPECT_TRUE(ref::bgp_added_entries().empty());
+  table.held = 2;
+  ref::bgp_remote_table_changed(std::vector{entry(3), entry(2)}, false);
+  EXPECT_EQ(remote(), "0 1 ");
 }
 
 TEST_F(BgpTest, NamesAreTerminatedWhereThereIsRoom) {
