@@ -45,9 +45,9 @@ void bgp_remote_table_changed(std::span<const MdtSafi> entries, bool add);
 void bgp_add_remote(const std::vector<MdtSafi> &entries);
 void bgp_withdraw_remote(const std::vector<MdtSafi> &entries);
 std::vector<MdtSafi> bgp_remote_entries();  // what remote PEs advertise, ascending
-bool bgp_is_remote(const MdtSafi &entry);
-std::vector<MdtSafi> bgp_added_entries();   // those that the table has not, ascending
 size_t bgp_remote_count();                  // how many these are
+bool bgp_is_remote(const MdtSafi &entry);
+std::vector<MdtSafi> bgp_added_entries();  // those that the table has not, ascending
 void bgp_end_of_rib();
 // Withdraws what the module has advertised: it has gone and tells BGP nothing any more.
 void bgp_forget_local();
