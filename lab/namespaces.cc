@@ -31,7 +31,7 @@ using namespace std::chrono_literals;
 const std::filesystem::path kFolder = "/run/netns";  // where ip keeps the names of namespaces
 
 void run_or_throw(const std::vector<std::string> &command) {
-  const Result result = run(command, 30s);
+  const Result result = run(command, kPatience);
   if (result.status == 0) return;
   std::string line;
   for (const std::string &word : command) line += word + ' ';
@@ -130,13 +130,13 @@ void Namespaces::ip(const std::string &name, const std::vector<std::string> &lin
   for (const std::string &line : lines) text += line + '\n';
   const std::string file = std::filesystem::temp_directory_path() / (full(name) + ".ip-batch");
   std::ofstream(file) << text;
-  const Result result = run({"ip", "-n", full(name), "-batch", file}, 60s);
+  const Result result = run({"ip", "-n", full(name), "-batch", file}, kPatience);
   std::filesystem::remove(file);
   if (result.status != 0) throw std::runtime_error(full(name) + ": ip: " + result.output + "in\n" + text);
 }
 
 Result Namespaces::in(const std::string &name, const std::vector<std::string> &command) const {
-  return run(command, 30s, path(name));
+  return run(command, kPatience, path(name));
 }
 
 std::string why_no_namespaces() {

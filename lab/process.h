@@ -12,6 +12,10 @@
 
 namespace lab {
 
+// What a program, an answer or an effect takes at most that still comes, on a machine that compiles beside. What comes
+// is not waited for any longer.
+constexpr std::chrono::seconds kPatience{90};
+
 // A program of the lab: in the folder, or in the folder of system programs beside it, where an installation has
 // daemons.
 std::string program_in(const std::string &folder, const std::string &name);

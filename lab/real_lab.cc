@@ -69,10 +69,10 @@ void RealLab::start_forwarder(const std::string &pe) {
                                                      .log_file = settings_.work + "/" + pe + ".forwarder.log",
                                                      .network_namespace = namespace_path(pe)}))
                          .first->second;
-  for (int i = 0; i < 500; ++i) {
+  for (const auto end = std::chrono::steady_clock::now() + kPatience; std::chrono::steady_clock::now() < end;) {
     if (std::filesystem::exists(socket_of(pe))) return;
     if (!process.running()) break;
-    pause_for(20ms);  // 500 times: ten seconds
+    pause_for(20ms);
   }
   throw std::runtime_error(pe + ": the forwarder does not start; see " + settings_.work + "/" + pe + ".forwarder.log");
 }
@@ -81,7 +81,7 @@ std::optional<int> RealLab::stop_forwarder(const std::string &pe, int signal) {
   const auto found = forwarders_.find(pe);
   if (found == forwarders_.end()) throw std::runtime_error(pe + " has no forwarder");
   found->second.signal(signal);
-  return found->second.wait(10s);
+  return found->second.wait(kPatience);
 }
 
 }  // namespace lab

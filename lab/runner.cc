@@ -296,7 +296,7 @@ void Runner::start_control(const std::string &pe, bool stateful) {
 // Until a program says in its log, behind what stood there before, that it serves: a program that could not take its
 // address ends, and whoever answers there is a stranger.
 void Runner::wait_for_word(Process &program, const std::string &log, uintmax_t from, const std::string &word) {
-  const Clock::time_point limit = Clock::now() + 15s;
+  const Clock::time_point limit = Clock::now() + kPatience;
   for (;;) {
     const bool runs = program.running();  // before the log is read: its last words are in it
     const std::string text = log_from(log, from);
@@ -325,7 +325,7 @@ void Runner::stop_control(const std::string &pe) {
   const std::string log = options_.work + "/" + pe + ".log";
   const uintmax_t written = std::filesystem::file_size(log);
   daemon.signal(SIGTERM);
-  const std::optional<int> status = daemon.wait(15s);
+  const std::optional<int> status = daemon.wait(kPatience);
   const std::string error = line_with(log_from(log, written), " error ");
   std::string happened = status ? "exit status " + std::to_string(*status) : "it still runs";
   if (!error.empty()) happened += "; " + error;
@@ -339,7 +339,7 @@ void Runner::kill(const Step &step) {
   } else {
     collect_events(step.pe);  // they go with it
     daemons_.at(step.pe).signal(SIGKILL);
-    daemons_.at(step.pe).wait(5s);
+    daemons_.at(step.pe).wait(kPatience);
   }
   report_->action(step.pe + (step.forwarder ? ": the forwarder is killed with SIGKILL" : ": killed with SIGKILL"));
 }
@@ -348,9 +348,9 @@ void Runner::kill(const Step &step) {
 // texts
 
 Result Runner::pimctl(const std::string &pe, const std::string &command) {
-  std::vector<std::string> words{program_in(options_.binaries, "pimctl"), "--control", socket_of(pe)};
+  std::vector<std::string> words{program_in(options_.binaries, "pimctl"), "--timeout", "0", "--control", socket_of(pe)};
   for (const std::string &word : split(command)) words.push_back(word);
-  return run(words, 20s);
+  return run(words, kPatience);
 }
 
 Result Runner::ask(const Step &step, const std::string &command) {

@@ -5,6 +5,7 @@
 // minutes.
 #include "lab/scenario.h"
 
+#include <chrono>
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -12,13 +13,14 @@
 #include <set>
 #include <stdexcept>
 
+#include "lab/process.h"
+
 namespace lab {
 namespace {
 
 using json = nlohmann::ordered_json;
 
-constexpr double kPatience = 10;        // seconds, for a text
-constexpr double kPacketPatience = 30;  // for packets: a querier and PIM neighbours come before them
+const double kPatienceSeconds = std::chrono::duration<double>(kPatience).count();
 
 void read_commands(const json &value, Step *step) {
   if (value.is_array())
@@ -34,7 +36,7 @@ void read_expectation(const json &object, Step *step) {
   step->pattern = object.at("matches").get<std::string>();
   step->absent = object.value("absent", false);
   step->times = object.value("times", -1);
-  step->seconds = object.value("within", kPatience);
+  step->seconds = object.value("within", kPatienceSeconds);
   (void)std::regex(step->pattern);
 }
 
@@ -75,7 +77,7 @@ void read_flow(const json &object, Step *step) {
   }
   step->pe = object.at("at").get<std::string>();
   step->text = object.at("expect").get<std::string>();
-  step->seconds = object.value("within", kPacketPatience);
+  step->seconds = object.value("within", kPatienceSeconds);
   step->lost = number_in(object, "lost");
   step->duplicates = number_in(object, "duplicates");
   step->kind = step->lost || step->duplicates ? Step::Kind::judge : Step::Kind::arrive;
@@ -106,7 +108,7 @@ void read_link(const json &object, Step *step) {
     step->packets = number_in(object, "packets");
     step->at_least = object.value("at_least", 1);
     step->from_pe = object.value("from", false);
-    step->seconds = object.value("within", kPatience);
+    step->seconds = object.value("within", kPatienceSeconds);
   }
 }
 

@@ -19,8 +19,6 @@ namespace {
 using namespace std::chrono_literals;
 using nlohmann::json;
 
-constexpr auto kAnswerLimit = 20s;  // an agent answers at once; one that takes longer hangs, or the machine does
-
 uint32_t address_of(const std::string &text) {
   in_addr address{};
   if (inet_pton(AF_INET, text.c_str(), &address) != 1) throw std::runtime_error("'" + text + "' is no IPv4 address");
@@ -105,7 +103,7 @@ Process &TrafficControl::agent(const std::string &place) {
 json TrafficControl::ask(const std::string &place, const json &request) {
   Process &process = agent(place);
   process.write_line(request.dump());
-  json answer = json::parse(process.read_line(kAnswerLimit));
+  json answer = json::parse(process.read_line(kPatience));
   if (!answer.at("ok").get<bool>())
     throw std::runtime_error(place + ": " + request.dump() + ": " + answer.at("error").get<std::string>());
   return answer;
@@ -172,8 +170,9 @@ json TrafficControl::groups_of(const NetworkFlow &flow, const char *what) {
 FlowResult TrafficControl::judge(const NetworkFlow &flow, const std::string &pe) {
   const uint64_t from = marked_[flow.name] + 1;
   const uint64_t to = sent(flow);
-  // What is still on its way is not lost: the last packet gets a second, and the ones before it with it.
-  for (int i = 0; i < 20 && arrived(flow, pe) < to; ++i) pause_for(50ms);
+  // What is still on its way is not lost: the last packet is waited for, and the ones before it with it.
+  const auto end = std::chrono::steady_clock::now() + kPatience;
+  while (arrived(flow, pe) < to && std::chrono::steady_clock::now() < end) pause_for(50ms);
   const json heard = ask(host(pe, flow), {{"do", "stretch"}, {"flow", flow.number}, {"from", from}, {"to", to}});
   FlowResult result;
   result.sent = to + 1 - from;
