@@ -19,6 +19,7 @@
 #include "platform/sockets.h"
 #include "platform/thread.h"
 #include "tests/reference_services/services_test.h"
+#include "tests/support/own_address.h"
 
 namespace {
 
@@ -143,36 +144,22 @@ class CarrierTest : public CorePacketTest {
  protected:
   void SetUp() override {
     CorePacketTest::SetUp();
-    // A port of the kernel's choice, free on both addresses for practical purposes.
-    port_ = free_port();
     for (size_t pe = 0; pe < 2; pe++) {
       std::string error;
-      carriers_[pe] = ref::GreUdpCarrier::open({pes_[pe], port_, {pes_[1 - pe]}}, &error);
+      carriers_[pe] = ref::GreUdpCarrier::open({pes_[pe], kPort, {pes_[1 - pe]}}, &error);
       ASSERT_NE(carriers_[pe], nullptr) << error;
       carriers_[pe]->set_receiver([this, pe](ref::CorePacket packet) { received_[pe].push_back(std::move(packet)); });
     }
   }
 
-  static uint16_t free_port() {
-    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in any{};
-    any.sin_family = AF_INET;
-    any.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof any;
-    EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr *>(&any), size), 0);
-    EXPECT_EQ(::getsockname(fd, reinterpret_cast<sockaddr *>(&any), &size), 0);
-    ::close(fd);
-    return ntohs(any.sin_port);
-  }
-
   void wait_readable(size_t pe) {
     pollfd wait{carriers_[pe]->fd(), POLLIN, 0};
-    ASSERT_EQ(::poll(&wait, 1, 5000), 1);
+    ASSERT_EQ(::poll(&wait, 1, 60000), 1);
     carriers_[pe]->on_readable();
   }
 
-  const ip_addr_t pes_[2] = {address("127.0.61.1"), address("127.0.61.2")};
-  uint16_t port_ = 0;
+  static constexpr uint16_t kPort = 4754;
+  const ip_addr_t pes_[2] = {own_address(0), own_address(1)};
   std::unique_ptr<ref::GreUdpCarrier> carriers_[2];
   std::vector<ref::CorePacket> received_[2];
 };
@@ -187,23 +174,23 @@ TEST_F(CarrierTest, CarriesPacketsToPeersOnly) {
 
   // Somebody else on the machine, and a peer that sends nonsense.
   std::string error;
-  const auto stranger = ref::GreUdpCarrier::open({address("127.0.61.3"), port_, {pes_[1]}}, &error);
+  const auto stranger = ref::GreUdpCarrier::open({own_address(2), kPort, {pes_[1]}}, &error);
   ASSERT_NE(stranger, nullptr) << error;
   stranger->send(packet);
   wait_readable(1);
   EXPECT_EQ(carriers_[1]->counters().strangers, 1u);
   sockaddr_in to{};
   to.sin_family = AF_INET;
-  to.sin_port = htons(port_);
+  to.sin_port = htons(kPort);
   to.sin_addr.s_addr = htonl(pes_[1]);
   EXPECT_EQ(::sendto(carriers_[0]->fd(), "nonsense", 8, 0, reinterpret_cast<sockaddr *>(&to), sizeof to), 8);
   wait_readable(1);
   EXPECT_EQ(carriers_[1]->counters().malformed, 1u);
   EXPECT_EQ(received_[1].size(), 1u);
 
-  const auto second = ref::GreUdpCarrier::open({pes_[0], port_, {}}, &error);
+  const auto second = ref::GreUdpCarrier::open({pes_[0], kPort, {}}, &error);
   EXPECT_EQ(second, nullptr);
-  EXPECT_NE(error.find("127.0.61.1"), std::string::npos) << error;
+  EXPECT_NE(error.find(own_address_text(0)), std::string::npos) << error;
 }
 
 TEST_F(CarrierTest, CaptureHoldsDatagramsWithValidHeaders) {

@@ -20,7 +20,7 @@
 namespace snmp_tools {
 namespace {
 
-constexpr auto kLongestRun = std::chrono::seconds(30);
+constexpr auto kLongestRun = std::chrono::seconds(90);
 
 std::string contents(const std::string &file) {
   std::ifstream in(file);
@@ -54,18 +54,6 @@ pid_t spawn(const Folder &folder, std::vector<std::string> arguments, const std:
   redirect(err, O_WRONLY | O_CREAT | O_TRUNC, STDERR_FILENO);
   execve(argv[0], argv.data(), environment);
   _exit(127);
-}
-
-uint16_t free_udp_port() {
-  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), size), 0);
-  EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size), 0);
-  close(fd);
-  return ntohs(address.sin_port);
 }
 
 }  // namespace
@@ -111,9 +99,6 @@ Result run(const Folder &folder, std::vector<std::string> arguments, const std::
   return result;
 }
 
-Daemon::Daemon(const Folder &folder, std::string name)
-    : folder_(folder), name_(std::move(name)), port_(free_udp_port()) {}
-
 void Daemon::start(std::vector<std::string> arguments) {
   const std::string files = folder_.path() + "/" + name_;
   pid_ = spawn(folder_, std::move(arguments), files + ".out", files + ".err");
@@ -129,11 +114,11 @@ void Daemon::stop() {
 std::string Daemon::output() const { return contents(folder_.path() + "/" + name_ + ".out"); }
 std::string Daemon::messages() const { return contents(folder_.path() + "/" + name_ + ".err"); }
 
-Master::Master(const Folder &folder, uint16_t receiver) : Daemon(folder, "master") {
+Master::Master(const Folder &folder, const std::string &receiver) : Daemon(folder, "master") {
   std::ofstream config(folder.path() + "/master.conf");
   config << "agentaddress " << manager_address() << "\nrocommunity public 127.0.0.1\nmaster agentx\nagentXSocket "
-         << agentx_address() << "\ndontLogTCPWrappersConnects yes\n";
-  if (receiver != 0) config << "trap2sink 127.0.0.1:" << receiver << " public\n";
+         << agentx_address() << "\nagentXTimeout 60\ndontLogTCPWrappersConnects yes\n";
+  config << "trap2sink " << receiver << " public\n";
 }
 
 void Master::start() {

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/own_address.h"
+
 namespace snmp_tools {
 
 // A folder that goes away with its contents.
@@ -29,13 +31,13 @@ struct Result {
   std::vector<std::string> lines() const;
 };
 
-// Runs a program to its end, at most half a minute. serve is called while it runs, again and again.
+// Runs a program to its end, at most a minute and a half. serve is called while it runs, again and again.
 Result run(const Folder &folder, std::vector<std::string> arguments, const std::function<void()> &serve);
 
 // A daemon of Debian's on loopback, with a configuration of its own. Its files in the folder begin with its name.
 class Daemon {
  public:
-  Daemon(const Folder &folder, std::string name);
+  Daemon(const Folder &folder, std::string name) : folder_(folder), name_(std::move(name)) {}
   ~Daemon() { stop(); }
   Daemon(const Daemon &) = delete;
   Daemon &operator=(const Daemon &) = delete;
@@ -44,27 +46,25 @@ class Daemon {
   void stop();  // at once, as in a crash
   std::string output() const;
   std::string messages() const;
-  uint16_t port() const { return port_; }  // UDP, for it to listen on
 
  protected:
   const Folder &folder_;
 
  private:
   std::string name_;
-  uint16_t port_;
   pid_t pid_ = -1;
 };
 
 // snmpd.
 class Master : private Daemon {
  public:
-  // receiver: UDP port that notifications are sent to; 0: none.
-  explicit Master(const Folder &folder, uint16_t receiver = 0);
+  // receiver: where notifications are sent to, "ADDRESS:PORT".
+  Master(const Folder &folder, const std::string &receiver);
 
   void start();
   using Daemon::messages;
   using Daemon::stop;
-  std::string manager_address() const { return "udp:127.0.0.1:" + std::to_string(port()); }
+  std::string manager_address() const { return "udp:" + own_address_text(0) + ":1161"; }
   std::string agentx_address() const { return "unix:" + folder_.path() + "/agentx"; }
 };
 
