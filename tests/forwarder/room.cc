@@ -71,7 +71,7 @@ void Rooms::in(const std::string &room, const std::function<void()> &work) const
 }
 
 bool eventually(const std::function<bool()> &holds) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(90);
   while (!holds()) {
     if (std::chrono::steady_clock::now() > end) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
