@@ -10,9 +10,10 @@ import subprocess
 import tempfile
 import unittest
 
-from programs_test import EXAMPLES, Daemon, wait_until
+from programs_test import EXAMPLES, Daemon
+from patience import own_address, wait_until
 
-CORE = "core\n  carrier gre-udp listen 127.0.71.1:17571\n  peer 127.0.71.2:17571\n"
+CORE = f"core\n  carrier gre-udp listen {own_address()}:17571\n  peer {own_address(1)}:17571\n"
 FLOW = "  mroute 192.168.1.5 232.1.1.1 iif red-lan rpf 192.168.1.5 oif mvpn rate 500\n"
 
 
@@ -35,7 +36,7 @@ class Captures(unittest.TestCase):
         config.write_text(text.replace("  rd 65000:1\n", "  rd 65000:1\n" + FLOW))
         self.daemon = Daemon(self.folder, config, "--clock-scale", "20")
         self.addCleanup(self.daemon.stop)
-        self.daemon.wait_for("mvpn mdt", "Up")
+        self.daemon.wait_for_example()
 
     def command(self, line):
         result = self.daemon.run(line)

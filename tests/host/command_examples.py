@@ -14,6 +14,9 @@ import tempfile
 import time
 
 HERE = pathlib.Path(__file__).resolve().parent
+sys.path.append(str(HERE.parent / "support"))
+from patience import LIMIT, wait_until  # noqa: E402
+
 PAGE = HERE.parent.parent / "docs/commands.md"
 EXAMPLE = HERE.parent.parent / "examples/two-vrfs.conf"
 OPTIONS = ["--clock-scale", "20"]
@@ -31,8 +34,8 @@ def stable(text):
 
 def answer(binaries, socket, command):
     """What the page has below a command."""
-    result = subprocess.run([binaries / "pimctl", "--control", socket, *shlex.split(command)], capture_output=True,
-                            text=True, timeout=60)
+    result = subprocess.run([binaries / "pimctl", "--timeout", str(LIMIT), "--control", socket, *shlex.split(command)],
+                            capture_output=True, text=True, timeout=LIMIT)
     status = f"(exit status {result.returncode})\n" if result.returncode else ""
     return result.stdout + result.stderr + status
 
@@ -61,8 +64,7 @@ def regenerate(binaries):
         socket = f"{folder}/s"
         daemon = subprocess.Popen([binaries / "pimhostd", "--config", EXAMPLE, "--control", socket, *OPTIONS],
                                   stderr=subprocess.DEVNULL)
-        while "Up" not in answer(binaries, socket, "show mvpn mdt vrf red"):
-            time.sleep(0.1)
+        wait_until(lambda: "Up\n" in answer(binaries, socket, "show mvpn mdt vrf red"), "red is Up")
         text, done, page = PAGE.read_text(), 0, ""
         for command, old, begin, end in blocks(text):
             new = answer_like(old, binaries, socket, command, 3)

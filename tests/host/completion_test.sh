@@ -31,9 +31,9 @@ offers "--config" pimhostd --conf
 offers "--config" mdt-reflector --conf
 offers "include" pimctl show vrfs "'|'" inc
 
-# A zsh on a terminal completes these lines; each is waited for until it stands there or half a minute is over.
+# A zsh on a terminal completes these lines; each is waited for until it stands there, all of them for two minutes at most.
 if command -v zsh >/dev/null; then
-  BIN=$bin FILES=$files timeout 30 zsh -f <<'END' || { echo "zsh does not complete a line"; wrong=$((wrong + 1)); }
+  BIN=$bin FILES=$files timeout 120 zsh -f <<'END' || { echo "zsh does not complete a line"; wrong=$((wrong + 1)); }
 zmodload zsh/zpty
 zpty shell "PS1= TERM=dumb zsh -f -i"
 zpty -w shell "PATH=$BIN:\$PATH fpath=($FILES \$fpath); unsetopt zle_bracketed_paste; autoload -U compinit; compinit -u -D; echo rea''dy"

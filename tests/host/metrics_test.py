@@ -15,36 +15,32 @@ import tempfile
 import unittest
 import urllib.parse
 
-from programs_test import DOCS, EXAMPLES, Daemon, wait_until
+from programs_test import DOCS, EXAMPLES, Daemon
+from patience import LIMIT, own_address, wait_until
 
 MOST_CLIENTS = 16
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+HERE, OTHER = (own_address(), 9100), (own_address(1), 9100)
+INSTANCE = f"{HERE[0]}:{HERE[1]}"
 
 
 class Metrics(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.folder = tempfile.TemporaryDirectory(prefix="mt")
-        cls.port = free_port()
         config = pathlib.Path(cls.folder.name, "pe.conf")
-        config.write_text(f"metrics listen 127.0.0.1:{cls.port}\n" + (EXAMPLES / "two-vrfs.conf").read_text()
-                          + f"  local-as 65000\n  listen 127.0.0.1:{free_port()}\n  neighbor 127.0.0.9 remote-as 65000\n"
-                          + f"core\n  carrier gre-udp listen 127.0.0.1:{free_port()}\n")
+        config.write_text(f"metrics listen {INSTANCE}\n" + (EXAMPLES / "two-vrfs.conf").read_text()
+                          + f"  local-as 65000\n  listen {HERE[0]}:1790\n  neighbor 127.0.0.9 remote-as 65000\n"
+                          + f"core\n  carrier gre-udp listen {HERE[0]}:4754\n")
         cls.daemon = Daemon(config.parent, config)
-        cls.daemon.wait_for("mvpn mdt", "Up")
+        cls.daemon.wait_for_example()
 
     @classmethod
     def tearDownClass(cls):
         assert cls.daemon.stop() == 0
         cls.folder.cleanup()
 
-    def get(self, path="/metrics", method="GET", port=None, **headers):
-        with contextlib.closing(http.client.HTTPConnection("127.0.0.1", port or self.port, timeout=30)) as connection:
+    def get(self, path="/metrics", method="GET", at=HERE, **headers):
+        with contextlib.closing(http.client.HTTPConnection(*at, timeout=LIMIT)) as connection:
             connection.request(method, path, headers=headers)
             answer = connection.getresponse()
             return answer, answer.read().decode()
@@ -83,29 +79,27 @@ class Metrics(unittest.TestCase):
                                      ("/metrics", "HEAD", 200)]:
             self.assertEqual(self.get(path, method)[0].status, status, (path, method))
         self.assertEqual(self.get(Padding="x" * 20000)[0].status, 413)
-        with socket.create_connection(("127.0.0.1", self.port), 30) as client:
+        with socket.create_connection(HERE, LIMIT) as client:
             client.sendall(b"\x00\xff nonsense\r\n\r\n")
             self.assertTrue(client.makefile("rb").read().startswith(b"HTTP/1.1 400"))
         self.assertEqual(self.get()[0].status, 200)
 
     def test_clients_that_say_nothing_hold_up_nobody_for_long(self):
-        silent = [socket.create_connection(("127.0.0.1", self.port), 30) for _ in range(MOST_CLIENTS)]
+        silent = [socket.create_connection(HERE, LIMIT) for _ in range(MOST_CLIENTS)]
         self.assertIn("Up", self.daemon.run("show mvpn mdt").stdout)  # the daemon serves others
-        with socket.create_connection(("127.0.0.1", self.port), 30) as late:
+        with socket.create_connection(HERE, LIMIT) as late:
             self.assertEqual(late.makefile("rb").read(), b"")  # turned away
         for client in silent:
-            client.settimeout(60)
             self.assertEqual(client.recv(1), b"")  # their time is over
             client.close()
         self.assertEqual(self.get()[0].status, 200)
 
     def test_the_address_follows_the_configuration(self):
-        other = free_port()
-        self.assertEqual(self.daemon.run(f"configure metrics listen 127.0.0.1:{other}").returncode, 0)
-        self.assertEqual(self.get(port=other)[0].status, 200)
+        self.assertEqual(self.daemon.run(f"configure metrics listen {OTHER[0]}:{OTHER[1]}").returncode, 0)
+        self.assertEqual(self.get(at=OTHER)[0].status, 200)
         with self.assertRaises(ConnectionRefusedError):
             self.get()
-        self.assertEqual(self.daemon.run(f"configure metrics listen 127.0.0.1:{self.port}").returncode, 0)
+        self.assertEqual(self.daemon.run(f"configure metrics listen {INSTANCE}").returncode, 0)
         self.assertEqual(self.get()[0].status, 200)
 
     def samples(self):
@@ -124,24 +118,24 @@ class Metrics(unittest.TestCase):
 
     def start_prometheus(self):
         """A monitoring system that reads this daemon every second; how to ask it."""
-        folder, port = pathlib.Path(self.folder.name), free_port()
+        folder, at = pathlib.Path(self.folder.name), (own_address(2), 9090)
         config = folder / "prometheus.yml"
         config.write_text("global: {scrape_interval: 1s}\nscrape_configs:\n"
-                          f"- {{job_name: mvpn, static_configs: [{{targets: ['127.0.0.1:{self.port}']}}]}}\n")
+                          f"- {{job_name: mvpn, static_configs: [{{targets: ['{INSTANCE}']}}]}}\n")
         with (folder / "prometheus.log").open("w") as log:
             program = subprocess.Popen(["prometheus", f"--config.file={config}", f"--storage.tsdb.path={folder}/data",
-                                        f"--web.listen-address=127.0.0.1:{port}"], stdout=log, stderr=log)
+                                        f"--web.listen-address={at[0]}:{at[1]}"], stdout=log, stderr=log)
         self.addCleanup(program.wait)
         self.addCleanup(program.kill)
 
         def is_ready():
             try:
-                return self.get("/-/ready", port=port)[0].status == 200
+                return self.get("/-/ready", at=at)[0].status == 200
             except OSError:
                 return False
 
         wait_until(is_ready, "the monitoring system is there")
-        return lambda query: json.loads(self.get("/api/v1/query?" + urllib.parse.urlencode({"query": query}), port=port)[1])
+        return lambda query: json.loads(self.get("/api/v1/query?" + urllib.parse.urlencode({"query": query}), at=at)[1])
 
     def test_every_panel_of_the_dashboard_shows_something(self):
         if shutil.which("prometheus") is None:
@@ -154,17 +148,18 @@ class Metrics(unittest.TestCase):
             # What needs a forwarder is seen where there is one.
             if "mvpn_forward" in target["expr"]:
                 continue
-            expression = target["expr"].replace("$instance", f"127.0.0.1:{self.port}")
+            expression = target["expr"].replace("$instance", INSTANCE)
             result = ask(expression)
             self.assertEqual(result["status"], "success", result)
-            wait_until(lambda: ask(expression)["data"]["result"], expression)
+            curves = wait_until(lambda: ask(expression)["data"]["result"], expression)
             # Curves bear different names, made of labels that they have.
             names = [re.sub(r"\{\{(\w+)\}\}", lambda label: curve["metric"][label[1]], target["legendFormat"])
-                     for curve in ask(expression)["data"]["result"]]
+                     for curve in curves]
             self.assertEqual(len(names), len(set(names)), names)
         variable = next(each for each in dashboard["templating"]["list"] if each["name"] == "instance")
         name, label = re.fullmatch(r"label_values\((\w+), (\w+)\)", variable["query"]["query"]).groups()
-        self.assertEqual([curve["metric"][label] for curve in ask(name)["data"]["result"]], [f"127.0.0.1:{self.port}"])
+        curves = wait_until(lambda: ask(name)["data"]["result"], name)
+        self.assertEqual([curve["metric"][label] for curve in curves], [INSTANCE])
 
 
 if __name__ == "__main__":

@@ -6,17 +6,17 @@ usage: yang_test.py BIN_DIR
 import json
 import pathlib
 import shutil
-import socket
 import subprocess
 import sys
 import tempfile
-import time
 import unittest
+
+sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "support"))
+from patience import LIMIT, own_address, wait_until  # noqa: E402
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 BINARIES = pathlib.Path(sys.argv.pop(1)).resolve()
 SKIPPED = 77
-LIMIT = 60
 
 # A line of every kind that a configuration has, but those that want a forwarder.
 CONFIG = """
@@ -35,8 +35,8 @@ pim
   mtu 1500
   announcement-limit 1000
 core
-  carrier gre-udp listen 127.0.0.1:{carrier}
-  peer 127.0.0.2:{carrier}
+  carrier gre-udp listen {own}:4754
+  peer {other}:4754
 vrf red
   context-id 2
   table-id 2
@@ -65,7 +65,7 @@ bgp
   local-as 65000
   router-id 10.0.0.1
   cluster-id 10.0.0.1
-  listen 127.0.0.1:{bgp}
+  listen {own}:1790
   update-source loopback0
   no graceful-restart
   restart-time 60
@@ -88,7 +88,7 @@ EXPECTED = """{{
         {{"action": "permit", "sources": "192.168.1.0/24", "groups": "232.1.0.0/16"}},
         {{"action": "deny", "sources": "0.0.0.0/0", "groups": "224.0.0.0/4"}}]}}],
     "pim": {{"ssm-range": ["239.1.0.0/16"], "bidir-range": ["239.5.0.0/16"], "mtu": 1500, "announcement-limit": 1000}},
-    "core": {{"gre-udp-listen": "127.0.0.1:{carrier}", "peer": ["127.0.0.2:{carrier}"]}},
+    "core": {{"gre-udp-listen": "{own}:4754", "peer": ["{other}:4754"]}},
     "interface": [{{"name": "loopback0", "address": "10.0.0.1"}},
                   {{"name": "loopback1", "address": "10.0.0.5", "shutdown": true}},
                   {{"name": "red-lan", "address": "192.168.1.1", "vrf": "red"}}],
@@ -107,7 +107,7 @@ EXPECTED = """{{
              {{"customer-source": "*", "customer-group": "225.1.1.1", "outgoing-interface": ["mvpn"],
               "bidirectional": true}}]}}],
     "bgp": {{
-        "local-as": 65000, "router-id": "10.0.0.1", "cluster-id": "10.0.0.1", "listen": "127.0.0.1:{bgp}",
+        "local-as": 65000, "router-id": "10.0.0.1", "cluster-id": "10.0.0.1", "listen": "{own}:1790",
         "update-source": "loopback0", "graceful-restart": false, "restart-time-seconds": 60,
         "neighbor": [{{"address": "127.0.0.9", "remote-as": 65000, "port": 1790, "description": "\\"the\\" reflector",
                       "password": "s3cret", "hold-time-seconds": 30, "connect-retry-seconds": 5, "passive": true,
@@ -121,12 +121,6 @@ VIEWS = ["mvpn mdt", "mvpn mdt route", "mvpn mdt bgp", "mvpn mdt encap", "mvpn m
          "counters", "clock"]
 
 
-def free_port(kind):
-    with socket.socket(socket.AF_INET, kind) as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
 class Yang(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -134,23 +128,21 @@ class Yang(unittest.TestCase):
         cls.addClassCleanup(folder.cleanup)
         cls.folder = pathlib.Path(folder.name)
         config = cls.folder / "pe.conf"
-        ports = {"carrier": free_port(socket.SOCK_DGRAM), "bgp": free_port(socket.SOCK_STREAM)}
-        config.write_text(CONFIG.format(**ports))
-        cls.expected = json.loads(EXPECTED.format(**ports))
+        addresses = {"own": own_address(), "other": own_address(1)}
+        config.write_text(CONFIG.format(**addresses))
+        cls.expected = json.loads(EXPECTED.format(**addresses))
         log = (cls.folder / "log").open("w")
         cls.addClassCleanup(log.close)
         cls.daemon = subprocess.Popen([BINARIES / "pimhostd", "--config", config, "--control", cls.folder / "s"], stderr=log)
         cls.addClassCleanup(lambda: (cls.daemon.terminate(), cls.daemon.wait(LIMIT)))
-        limit = time.monotonic() + LIMIT
-        while "(mti2) Up" not in cls.ask("show mvpn mdt").stdout:
-            assert cls.daemon.poll() is None and time.monotonic() < limit, (cls.folder / "log").read_text()
-            time.sleep(0.1)
+        wait_until(lambda: cls.daemon.poll() is not None or "(mti2) Up" in cls.ask("show mvpn mdt").stdout, "red is Up")
+        assert cls.daemon.poll() is None, (cls.folder / "log").read_text()
         cls.ask("test remote-pe 10.0.0.2 65000:1 239.1.1.1 advertise")
 
     @classmethod
     def ask(cls, line):
-        return subprocess.run([BINARIES / "pimctl", "--control", cls.folder / "s", line], capture_output=True, text=True,
-                              timeout=LIMIT)
+        return subprocess.run([BINARIES / "pimctl", "--timeout", str(LIMIT), "--control", cls.folder / "s", line],
+                              capture_output=True, text=True, timeout=LIMIT)
 
     def data(self, line):
         answer = self.ask(line + " | yang")

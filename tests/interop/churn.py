@@ -12,7 +12,6 @@ import contextlib
 import pathlib
 import random
 import signal
-import socket
 import struct
 import sys
 import tempfile
@@ -21,6 +20,7 @@ import time
 
 from network import SKIPPED, Machine, wait_until
 from ours import Program
+from patience import LIMIT, own_address
 
 try:
     import scapy_peer as peer
@@ -29,6 +29,7 @@ except ImportError as error:
     print(f"skipped: {error}")
     sys.exit(SKIPPED)
 
+REFLECTOR, PE, PORT = own_address(), own_address(1), 1790
 KEYS = 40  # routes that a neighbour picks from; neighbours share half of them
 COMPLAINTS = ("AddressSanitizer", "ThreadSanitizer", "LeakSanitizer", "runtime error")
 
@@ -38,28 +39,24 @@ class Crowd:
         self.stack = stack
         self.options = options
         self.folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="mvpn-churn-")))
-        machine = Machine(self, "here", "127.0.0.9")
-        with socket.socket() as probe:
-            probe.bind(("127.0.0.9", 0))
-            self.port = probe.getsockname()[1]
+        machine = Machine(self, "here", REFLECTOR)
         addresses = [f"127.0.1.{number + 1}" for number in range(options.peers)]
         self.reflector = Program(machine, options.binaries, "reflector", self.reflector_config(addresses)).start()
         self.pe = Program(machine, options.binaries, "pe", self.pe_config(), "pimhostd").start()
-        self.pe.wait_for("127.0.0.9")
+        self.pe.wait_for(REFLECTOR)
         self.members = [Member(self, address, options.seed + number) for number, address in enumerate(addresses)]
         self.ends = 0
 
     def reflector_config(self, addresses):
-        lines = [f"local-as 65000", "router-id 10.0.0.9", f"listen 127.0.0.9:{self.port}", "restart-time 2"]
-        for address in [*addresses, "127.0.0.8"]:
+        lines = [f"local-as 65000", "router-id 10.0.0.9", f"listen {REFLECTOR}:{PORT}", "restart-time 2"]
+        for address in [*addresses, PE]:
             lines += [f"neighbor {address} remote-as 65000", f"neighbor {address} passive",
                       f"neighbor {address} route-reflector-client", f"neighbor {address} maximum-prefix 1000 restart 1"]
         return "hostname reflector\nbgp\n" + "".join(f"  {line}\n" for line in lines)
 
     def pe_config(self):
-        lines = ["local-as 65000", "router-id 10.0.0.8", f"listen 127.0.0.8:{self.port}",
-                 "neighbor 127.0.0.9 remote-as 65000", f"neighbor 127.0.0.9 port {self.port}",
-                 "neighbor 127.0.0.9 connect-retry 1"]
+        lines = ["local-as 65000", "router-id 10.0.0.8", f"listen {PE}:{PORT}",
+                 *[f"neighbor {REFLECTOR} {line}" for line in ("remote-as 65000", f"port {PORT}", "connect-retry 1")]]
         return "hostname pe\nbgp\n" + "".join(f"  {line}\n" for line in lines)
 
     def run(self):
@@ -70,7 +67,7 @@ class Crowd:
         for thread in threads:
             thread.start()
         for thread in threads:
-            thread.join(self.options.seconds + 60)
+            thread.join(self.options.seconds + LIMIT)
             assert not thread.is_alive(), "a neighbour did not come to its end"
         assert not failed, f"a neighbour failed: {[str(one.exc_value) for one in failed]}"
         expected = {}
@@ -78,9 +75,9 @@ class Crowd:
             for key in member.routes:
                 expected.setdefault((f"65000:{key[0][1]}", key[1]), set()).add(member.address)
         found = lambda: self.paths(self.reflector)
-        wait_until(lambda: found() == expected, lambda: f"the survivors' routes: {self.differences(found(), expected)}", 60)
+        wait_until(lambda: found() == expected, lambda: f"the survivors' routes: {self.differences(found(), expected)}")
         wait_until(lambda: set(self.paths(self.pe)) == set(expected),
-                   lambda: f"the PE's routes: {set(self.paths(self.pe)) ^ set(expected)}", 60)
+                   lambda: f"the PE's routes: {set(self.paths(self.pe)) ^ set(expected)}")
         return sum(len(routes) for routes in expected.values()), sum(member.sessions for member in self.members)
 
     @staticmethod
@@ -129,9 +126,9 @@ class Member:
 
     def open(self):
         self.routes = set()
-        limit = time.monotonic() + 40
+        limit = time.monotonic() + LIMIT / 2
         while True:
-            self.peer = peer.Peer(self.address, ("127.0.0.9", self.crowd.port), hold_time=self.random.choice([3, 9, 30]),
+            self.peer = peer.Peer(self.address, (REFLECTOR, PORT), hold_time=self.random.choice([9, 30, 90]),
                                   capabilities=self.capabilities())
             try:
                 self.peer.establish()

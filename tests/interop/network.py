@@ -16,10 +16,11 @@ import signal
 import subprocess
 import sys
 import tempfile
-import time
+
+sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "support"))
+from patience import LIMIT, wait_until  # noqa: E402
 
 SKIPPED = 77  # exit status that ctest counts as skipped
-LIMIT = 30  # seconds until something that must happen counts as missing
 
 INSIDE = "MVPN_TEST_INSIDE_NAMESPACES"
 
@@ -29,8 +30,8 @@ def skip(reason):
     sys.exit(SKIPPED)
 
 
-def enter_namespaces(limit):
-    """Goes on in namespaces of its own, or ends the process as skipped. The whole test gets `limit` seconds."""
+def enter_namespaces():
+    """Goes on in namespaces of its own, or ends the process as skipped."""
     if os.environ.get(INSIDE):
         subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
         # Programs that write beside what they were told to leave nothing behind either.
@@ -47,33 +48,9 @@ def enter_namespaces(limit):
         skip(f"no rights to make network namespaces: {probe.stderr.strip()}")
     with subprocess.Popen([*command, sys.executable, *sys.argv], env={**os.environ, INSIDE: "1"}) as inside:
         try:
-            sys.exit(inside.wait(limit))
-        except subprocess.TimeoutExpired:
-            print(f"the test did not end within {limit} s")
-            sys.exit(1)
+            sys.exit(inside.wait())
         finally:
             inside.kill()
-
-
-def wait_until(condition, what, limit=LIMIT):
-    """The first true value of a condition."""
-    end = time.monotonic() + limit
-    while True:
-        value = condition()
-        if value:
-            return value
-        if time.monotonic() > end:
-            raise AssertionError(f"did not happen: {what() if callable(what) else what}")
-        time.sleep(0.05)
-
-
-def holds_for(seconds, condition, what):
-    """Fails when a condition ends within so many seconds."""
-    end = time.monotonic() + seconds
-    while time.monotonic() < end:
-        if not condition():
-            raise AssertionError(f"did not last: {what}")
-        time.sleep(0.1)
 
 
 class Process:

@@ -38,8 +38,8 @@ class Program:
         return self
 
     def run(self, line):
-        return subprocess.run([self.binaries / "pimctl", "--control", self.socket, *line.split()], capture_output=True,
-                              text=True, timeout=LIMIT, env={**SANITIZER, **os.environ})
+        return subprocess.run([self.binaries / "pimctl", "--timeout", str(LIMIT), "--control", self.socket, *line.split()],
+                              capture_output=True, text=True, timeout=LIMIT, env={**SANITIZER, **os.environ})
 
     def show(self, line):
         result = self.run("show " + line)

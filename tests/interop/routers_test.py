@@ -53,7 +53,7 @@ class RoutersTest(unittest.TestCase):
         for name, address in PES.items():
             machine = self.network.machine(name)
             self.assertEqual(machine.address, address)
-            config = PE.format(name=name, address=address, restart=4 if name == "pe1" else 30)
+            config = PE.format(name=name, address=address, restart=10 if name == "pe1" else 600)
             self.pes[name] = Program(machine, BINARIES, name, config, "pimhostd",
                                      ["--store", machine.folder / "store", "--clock-scale", "20"]).start()
         for address in PES.values():
@@ -115,5 +115,5 @@ class RoutersTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    network.enter_namespaces(300)
+    network.enter_namespaces()
     unittest.main(argv=[sys.argv[0], *sys.argv[2:]], verbosity=2)

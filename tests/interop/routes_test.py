@@ -1,6 +1,6 @@
 """Routes between our programs and neighbours whose octets are not made by our encoder.  usage: routes_test.py BIN_DIR
 
-Everything is on loopback: the reflector at 127.0.0.9, neighbours at 127.0.0.2 and up, each from an address of its own.
+Everything is on loopback: the reflector at an address of the test's own, neighbours at 127.0.0.2 and up.
 """
 
 import contextlib
@@ -11,8 +11,9 @@ import sys
 import tempfile
 import unittest
 
-from network import SKIPPED, Machine, holds_for, wait_until
+from network import SKIPPED, Machine, wait_until
 from ours import Program
+from patience import holds_for, own_address
 
 try:
     import scapy_peer as peer
@@ -23,14 +24,9 @@ except ImportError as error:
 
 BINARIES = sys.argv.pop(1)
 A, B, C = "127.0.0.2", "127.0.0.3", "127.0.0.4"
+OURS, PORT = own_address(), 1790
 R1 = ((65000, 1), "10.0.0.1", "239.1.1.1")
 R2 = ((65000, 2), "10.0.0.1", "239.1.1.2")
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.9", 0))
-        return probe.getsockname()[1]
 
 
 class Here:
@@ -45,11 +41,10 @@ class RoutesTest(unittest.TestCase):
     def setUp(self):
         self.stack = contextlib.ExitStack()
         self.addCleanup(self.stack.close)
-        self.machine = Machine(Here(self.stack), "here", "127.0.0.9")
-        self.port = free_port()
+        self.machine = Machine(Here(self.stack), "here", OURS)
 
     def start(self, *lines, external=()):
-        config = f"hostname rr\nbgp\n  local-as 65000\n  router-id 10.0.0.9\n  listen 127.0.0.9:{self.port}\n"
+        config = f"hostname rr\nbgp\n  local-as 65000\n  router-id 10.0.0.9\n  listen {OURS}:{PORT}\n"
         for address in (A, B, C):
             config += f"  neighbor {address} remote-as {65001 if address in external else 65000}\n  neighbor {address} passive\n"
             if address not in external:
@@ -58,7 +53,7 @@ class RoutesTest(unittest.TestCase):
         self.ours = Program(self.machine, BINARIES, "rr", config).start()
 
     def peer(self, address, **more):
-        one = peer.Peer(address, ("127.0.0.9", self.port), **more)
+        one = peer.Peer(address, (OURS, PORT), **more)
         self.stack.callback(one.close)
         return one
 
@@ -227,9 +222,9 @@ class RoutesTest(unittest.TestCase):
         silent = self.peer(A, hold_time=3)
         silent.keep_alive = lambda: None
         silent.establish()
-        self.ours.wait_for(A)
         wait_until(lambda: silent.notification, "the hold timer's notification")
         self.assertEqual(silent.notification[:2], (4, 0))
+        self.assertEqual(self.ours.neighbour(A)["established-count"], 1)
 
     def test_a_route_refresh_brings_everything_again(self):
         self.start()
@@ -297,13 +292,13 @@ class RoutesTest(unittest.TestCase):
     def test_a_neighbour_that_restarts_keeps_what_it_says_again(self):
         self.start()
         b, = self.established(B)
-        a = self.restarting(A, 20).establish()
+        a = self.restarting(A, 120).establish()
         a.send(peer.announcement([R1, R2], "10.0.0.1") + self.end_of_rib())
         self.hears(b, [R1, R2])
         a.close()
         wait_until(lambda: self.ours.neighbour(A)["routes-stale"] == 2, "its routes are stale")
         updates = b.counts[peer.UPDATE]
-        again = self.restarting(A, 20, restarted=True).establish()
+        again = self.restarting(A, 120, restarted=True).establish()
         again.send(peer.announcement([R1], "10.0.0.1") + self.end_of_rib())
         self.hears(b, [R1])
         self.assertEqual(self.ours.neighbour(A)["routes-stale"], 0)
@@ -314,7 +309,7 @@ class RoutesTest(unittest.TestCase):
     def test_a_neighbour_that_does_not_come_back_in_time_loses_its_routes(self):
         self.start()
         b, = self.established(B)
-        a = self.restarting(A, 3).establish()
+        a = self.restarting(A, 10).establish()
         a.send(peer.announcement([R1], "10.0.0.1") + self.end_of_rib())
         self.hears(b, [R1])
         a.close()

@@ -17,7 +17,7 @@ from scapy.contrib.bgp import (BGP, BGPCapFourBytesASN, BGPCapGeneric, BGPCapMul
                                BGPPathAttr, BGPUpdate)
 from scapy.packet import Raw  # noqa: E402
 
-from network import wait_until  # noqa: E402
+from network import LIMIT, wait_until  # noqa: E402
 
 OPEN, UPDATE, NOTIFICATION, KEEPALIVE, REFRESH = 1, 2, 3, 4, 5
 ORIGIN, AS_PATH, NEXT_HOP, MED, LOCAL_PREF, ORIGINATOR_ID, CLUSTER_LIST = 1, 2, 3, 4, 5, 9, 10
@@ -97,7 +97,7 @@ class Peer:
     def connect(self):
         """Connects and says OPEN; whether the session comes up is another question."""
         def attempt():
-            self.socket = socket.create_connection(self.target, 5, source_address=(self.address, 0))
+            self.socket = socket.create_connection(self.target, LIMIT, source_address=(self.address, 0))
             return self.socket
 
         def tried():

@@ -19,7 +19,7 @@ class Session:
     local_as: int = 65000
     remote_as: int = 65000
     password: str = ""
-    hold_time: int = 3  # seconds; keepalives go out each third of it
+    hold_time: int = 9  # seconds; keepalives go out each third of it
 
 
 class Speaker:

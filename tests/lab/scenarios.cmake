@@ -3,14 +3,14 @@
 set(SCENARIOS ${PROJECT_SOURCE_DIR}/lab/scenarios)
 foreach(name default-mdt story)
   add_test(NAME lab_${name} COMMAND mvpn-lab ${SCENARIOS}/${name}.json WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
-  set_tests_properties(lab_${name} PROPERTIES LABELS programs TIMEOUT 300 ENVIRONMENT "${LEAKS_ON_PURPOSE}")
+  set_tests_properties(lab_${name} PROPERTIES LABELS programs ENVIRONMENT "${LEAKS_ON_PURPOSE}")
 endforeach()
 foreach(name wired switchover no-receiver kill-control vrf-removed hostile)
   add_test(NAME real_${name}
     COMMAND mvpn-lab --real --skip-without --work ${CMAKE_BINARY_DIR}/lab/${name} ${SCENARIOS}/real/${name}.json
     WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
   set_tests_properties(real_${name} PROPERTIES
-    LABELS real TIMEOUT 900 SKIP_RETURN_CODE 77 RESOURCE_LOCK network_namespaces RUN_SERIAL TRUE)
+    LABELS real SKIP_RETURN_CODE 77 RESOURCE_LOCK network_namespaces RUN_SERIAL TRUE)
 endforeach()
 
 # What a packet analyser says of a core that carried a switchover.
@@ -19,10 +19,10 @@ set_tests_properties(real_switchover PROPERTIES FIXTURES_SETUP switchover_captur
 add_test(NAME real_core_capture
   COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/lab/core_capture.py ${switchover}/core.pcap)
 set_tests_properties(real_core_capture PROPERTIES
-  LABELS real TIMEOUT 200 SKIP_RETURN_CODE 77 FIXTURES_REQUIRED switchover_capture)
+  LABELS real SKIP_RETURN_CODE 77 FIXTURES_REQUIRED switchover_capture)
 
 # The commands of docs/linux.md.
 add_test(NAME real_walkthrough COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/lab/walkthrough.py
   ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})
 set_tests_properties(real_walkthrough PROPERTIES
-  LABELS real TIMEOUT 400 SKIP_RETURN_CODE 77 RESOURCE_LOCK network_namespaces RUN_SERIAL TRUE)
+  LABELS real SKIP_RETURN_CODE 77 RESOURCE_LOCK network_namespaces RUN_SERIAL TRUE)
