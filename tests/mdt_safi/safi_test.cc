@@ -128,7 +128,8 @@ TEST_F(Safi, AWithdrawalNamesWhatWasAdvertised) {
   EXPECT_EQ(mvpn_bgp_mdt_safi_db.count, 0u);
 }
 
-TEST_F(Safi, AnEntryLearntFromAPeerStaysThePeers) {
+// BGP may give back what this PE advertised in a former life: the entry stays a peer's, and is withdrawn all the same.
+TEST_F(Safi, AnEntryLearntFromAPeerStaysThePeersUntilItIsWithdrawn) {
   start();
   add_vrf("red", 2);
   ref::MdtSafi same;
@@ -136,17 +137,31 @@ TEST_F(Safi, AnEntryLearntFromAPeerStaysThePeers) {
   const Bytes value = rd("65000:2");
   std::memcpy(same.rd, value.data(), value.size());
   same.group = addr("239.1.1.1");
-  remote_update({same}, true);
+  ref::MdtSafi other = same;
+  other.source = addr("10.0.0.9");
+  remote_update({same, other}, true);
   capture_debug();
   mvpn_cibtype *mvpn = configure("red", "239.1.1.1");
-  const mvpn_bgp_mdt_safi *entry = static_cast<mvpn_bgp_mdt_safi *>(ravl_get_first_node(&mvpn_bgp_mdt_safi_db, 0));
-  ASSERT_NE(entry, nullptr);
-  EXPECT_EQ(entry->local, 0);
-  const mvpn_bgp_mdt_safi_key entry_key = entry->key;
-  EXPECT_EQ(mvpn_bgp_mdt_safi_delete_local(entry_key), 1);
-  EXPECT_EQ(debug_count("Our MDT-SAFI is marked as non-local !"), 1u);
-  EXPECT_EQ(mvpn_bgp_mdt_safi_delete_local(entry_key), 0);
   EXPECT_EQ(mvpn->mti_status, MVPN_MTI_UP);
+  const auto count_local = [] { return ref::bgp_local_entries().size(); };
+  EXPECT_EQ(count_local(), 1u);
+  mvpn_bgp_mdt_safi_key key{};
+  key.mdt_src = same.source;
+  std::memcpy(key.bgp_rd, same.rd, sizeof key.bgp_rd);
+  ASSERT_NE(mvpn_bgp_get_mdt_safi_entry(&key), nullptr);
+  EXPECT_EQ(mvpn_bgp_get_mdt_safi_entry(&key)->local, 0);
+  ref::clear_sent_messages();
+  mvpn_bgp_mdt_safi_send_one_local_update(mvpn, 0);
+  EXPECT_EQ(debug_count("Our MDT-SAFI is marked as non-local !"), 1u);
+  EXPECT_EQ(word_at(ref::sent_messages()[0].payload, 2 + BGP_MDT_SAFI_ENTRY_SOURCE), same.source);
+  EXPECT_EQ(mvpn_bgp_get_mdt_safi_entry(&key), nullptr);
+  ref::settle();
+  EXPECT_EQ(count_local(), 0u);
+  // Nothing is left of the VRF's; what another PE announces is not its own.
+  mvpn_bgp_mdt_safi_send_one_local_update(mvpn, 0);
+  EXPECT_EQ(ref::sent_messages()[1].payload[0], 0);
+  EXPECT_EQ(mvpn_bgp_mdt_safi_db.count, 1u);
+  EXPECT_EQ(mvpn_bgp_mdt_safi_delete_local(key), 0);
 }
 
 TEST_F(Safi, TheWholeSetGoesInBatchesWithAnEndMarker) {

@@ -18,8 +18,8 @@
 // The tree is kept in shape by random ranks (a treap): each entry's rank is at least that of those below it.
 //
 // Flow. An advertisement fills a 56-byte entry of a message to BGP and records the triple; a withdrawal takes the
-// first local entry with the VRF's RD, fills it in and removes it. BGP may ask for the whole set, which goes out in
-// messages of at most 100 entries; the last entry is a mark that ends the set.
+// first local entry with the VRF's RD, failing that the VRF's own triple, fills it in and removes it. BGP may ask for
+// the whole set, which goes out in messages of at most 100 entries; the last entry is a mark that ends the set.
 //
 // Invariants. An entry is in the database's tree and in its group's, or in neither; it is in safi_local_by_rd exactly
 // while `local` is 1. The key never changes while an entry is stored. The database is told what was filled in, not what
@@ -373,6 +373,15 @@ static int mvpn_bgp_mdt_safi_add_local(mvpn_cibtype *mvpn) {
   return 0;
 }
 
+// What BGP was told for the VRF, or null. Where BGP had given the triple back to this PE before, as it does with what
+// the PE's former life advertised, the entry is taken for a remote PE's; it is withdrawn all the same, or BGP would
+// keep the advertisement.
+static mvpn_bgp_mdt_safi *advertised_entry(const mvpn_cibtype *mvpn) {
+  if (mvpn_bgp_mdt_safi *entry = first_local_entry(mvpn->bgp_rd)) return entry;
+  const mvpn_bgp_mdt_safi_key key = local_key(mvpn);
+  return mvpn_bgp_get_mdt_safi_entry(&key);
+}
+
 int mvpn_bgp_mdt_safi_delete_local(const mvpn_bgp_mdt_safi_key &key) {
   MVPN_DEBUG(pim_null_pcib, "Deleting MDT-SAFI info for RD %s, src = %s,grp = %s", mvpn_bgp_print_rd(key.bgp_rd),
              ip_print_addr(key.mdt_src), ip_print_addr(key.mdt_grp));
@@ -431,7 +440,7 @@ int mvpn_bgp_mdt_safi_fill_local_update(uint8_t *buffer, mvpn_cibtype *mvpn, int
     return 1;
   }
   // Withdrawal of what was advertised under the VRF's RD.
-  if (const mvpn_bgp_mdt_safi *entry = first_local_entry(mvpn->bgp_rd)) {
+  if (const mvpn_bgp_mdt_safi *entry = advertised_entry(mvpn)) {
     const mvpn_bgp_mdt_safi_key advertised = entry->key;
     put_triple(buffer, mvpn, advertised, "Delete");
     mvpn_bgp_mdt_safi_delete_local(advertised);
