@@ -58,7 +58,7 @@ void add_routes(bench::World &world, uint32_t count) {
     mvpn_mdt_add_route_resources(bench::World::mvpn(0), MVPN_MDT_ROUTE_REMOTE_DEFAULT, kFirstSource + i, 1, kGroup, 0);
   mvpn_mrib_wakeup_worker_thread();
   world.idle();
-  bench::forget_records();
+  bench::forget_events();
 }
 
 // 'show mvpn mdt route', written to the terminal.

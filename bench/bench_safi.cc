@@ -88,7 +88,7 @@ void remote_updates(benchmark::State &state) {
     mvpn_bgp_mdt_safi_receive_remote_update(payload.data(), payload.size());
     world.idle();
   }
-  bench::forget_records();
+  bench::forget_events();
   const size_t before = bench::allocated_bytes();
   uint32_t number = 0;
   for (auto _ : state) {
@@ -100,7 +100,7 @@ void remote_updates(benchmark::State &state) {
     number = (number + 1) % vrfs;
   }
   state.SetItemsProcessed(state.iterations() * 2 * kPes);
-  bench::forget_records();
+  bench::forget_events();
   state.counters["growth_bytes"] = static_cast<double>(bench::allocated_bytes()) - static_cast<double>(before);
 }
 BENCHMARK(remote_updates)

@@ -17,7 +17,6 @@
 #include "platform/reference/mts.h"
 #include "platform/reference/object_pages.h"
 #include "platform/reference/pim.h"
-#include "platform/reference/testing/services.h"
 #include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "tests/support/linked_module.h"
 
@@ -41,6 +40,7 @@ World::World() {
   ref::reset();
   ref::set_module(linked_module());
   ref::set_log_sink(ref::LogSink::none);
+  ref::keep_records(false);
   ref::clock_use_real(1);
   ref::create_interface("loopback0", VRF_CONTEXT_ID_DEFAULT, 0x0A000001, true);
   ref::bgp_set_update_source("loopback0", false);
@@ -118,12 +118,7 @@ std::vector<uint8_t> remote_update(uint32_t first_source, uint32_t count, ip_add
   return payload;
 }
 
-void forget_records() {
-  ref::clear_history();
-  ref::clear_mrib_updates();
-  ref::clear_sent_messages();
-  ref::clear_oim_requests();
-}
+void forget_events() { ref::clear_history(); }
 
 size_t allocated_bytes() {
   const struct mallinfo2 info = mallinfo2();

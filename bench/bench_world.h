@@ -78,8 +78,8 @@ class YieldMeter {
 // Payload of a remote update with entries sources first, first + 1, … of one group.
 std::vector<uint8_t> remote_update(uint32_t first_source, uint32_t count, ip_addr_t group, bool add);
 
-// Drops what the platform keeps of the module's calls for tests, so that it does not count as the module's memory.
-void forget_records();
+// Drops the event history, so that it does not count as the module's memory.
+void forget_events();
 
 // Bytes of the heap in use.
 size_t allocated_bytes();

@@ -7,7 +7,6 @@
 #include <boost/asio/post.hpp>
 #include <ctime>
 
-#include "platform/reference/mrib.h"
 #include "platform/reference/pss.h"
 #include "platform/reference/runtime.h"
 
@@ -17,7 +16,7 @@ using std::chrono::nanoseconds;
 
 Loop::Loop() : timer_(io_), started_(time(nullptr)) {
   ref::reset();
-  ref::keep_mrib_updates(false);  // megabytes that no view shows
+  ref::keep_records(false);
   ref::set_waker([this] { wake(); });
   ref::main_release();
 }

@@ -75,7 +75,6 @@ struct State {
   std::map<GroupKey, ShownGroup> shown;
   std::map<EncapKey, MribEncap> encaps;
   std::set<vrf_context_id_t> initializing;
-  bool keeps_updates = true;
   std::vector<MribUpdate> updates;
   uint64_t updates_total = 0;
   uint32_t last_acked_xid = 0;
@@ -300,7 +299,6 @@ std::vector<MribEncap> mrib_encaps() {
 
 const std::vector<MribUpdate> &mrib_updates() { return state.updates; }
 void clear_mrib_updates() { state.updates.clear(); }
-void keep_mrib_updates(bool on) { state.keeps_updates = on; }
 uint32_t mrib_last_acked_xid() { return state.last_acked_xid; }
 uint64_t mrib_updates_total() { return state.updates_total; }
 
@@ -400,7 +398,7 @@ int mrib_mts_update_route(mrib_client_handle *client, uint32_t operation, void *
   ref::state.routes.expect(count, [&entry](size_t i) { return ref::decode_key(entry(i)); });
   for (uint32_t i = 0; i < count; i++) ref::apply_entry(entry(i), xid);
   ref::state.updates_total++;
-  if (ref::state.keeps_updates) ref::remember(ref::state.updates, {xid, count, std::vector<uint8_t>(entries, end)});
+  if (ref::records_are_kept()) ref::remember(ref::state.updates, {xid, count, std::vector<uint8_t>(entries, end)});
   ref::acknowledge(xid);
   return 0;
 }

@@ -35,7 +35,6 @@ struct MribEncap {
 std::vector<MribRoute> mrib_routes();  // core routes, by context, group, source
 std::vector<MribEncap> mrib_encaps();  // by context, index
 uint64_t mrib_updates_total();         // update messages that the module has sent
-void keep_mrib_updates(bool on);       // for tests to look at, as after a reset; off: applied and forgotten
 
 }  // namespace ref
 

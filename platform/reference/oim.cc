@@ -28,6 +28,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
+#include <span>
 
 #include "platform/im.h"
 #include "platform/ip.h"
@@ -60,11 +61,20 @@ constexpr uint32_t longest_param = VRF_NAME_MAX + 1;  // room that every paramet
 enum class Operation { create, modify, remove, bringup, bringdown };
 constexpr const char *operation_names[] = {"create", "modify", "delete", "bringup", "bringdown"};
 
-using Params = std::vector<std::pair<uint16_t, std::vector<uint8_t>>>;
+using Bytes = std::vector<uint8_t>;
 
+// A request as it came, without what may stand behind its list.
 struct Request {
   Operation operation;
-  std::vector<OimRequest> interfaces;
+  Bytes list;
+};
+
+// An interface of a request; the parameters are the list's.
+struct Described {
+  if_index_t if_index;
+  im_iod_t iod;  // 0: it names none
+  const uint8_t *params;
+  uint16_t param_count;
 };
 
 struct State {
@@ -72,6 +82,7 @@ struct State {
   std::map<std::string, if_index_t, std::less<>> by_vrf;
   std::multimap<ip_addr_t, if_index_t> by_destination;
   std::vector<OimRequest> log;
+  std::vector<Request> unread;  // behind the log; decoded when somebody reads it
   std::deque<Request> waiting;
   bool registered = false;
   bool answers = true;
@@ -98,46 +109,76 @@ std::optional<size_t> end_of_interface(const uint8_t *list, size_t size, size_t 
   return position;
 }
 
-// Starts of the interfaces, and behind the last of them the end of the list; nullopt when it is malformed.
-std::optional<std::vector<size_t>> interface_positions(const uint8_t *list, size_t size) {
+// A list that is sound: where its last interface begins, 0 when it has none, and where it ends.
+struct Extent {
+  size_t last;
+  size_t end;
+};
+
+std::optional<Extent> extent_of(const uint8_t *list, size_t size) {
   if (list == nullptr || size < list_interfaces) return std::nullopt;
-  std::vector<size_t> positions{list_interfaces};
+  Extent extent{0, list_interfaces};
   for (uint16_t left = wire::load_be16(list + list_count); left > 0; left--) {
-    const auto end = end_of_interface(list, size, positions.back());
+    const auto end = end_of_interface(list, size, extent.end);
     if (!end) return std::nullopt;
-    positions.push_back(*end);
+    extent = {extent.end, *end};
   }
-  return positions;
+  return extent;
 }
 
-OimRequest decode_interface(const uint8_t *list, size_t position, Operation operation) {
-  OimRequest request;
-  request.operation = operation_names[static_cast<size_t>(operation)];
-  const uint8_t *header = list + position + interface_header;
+Described describe(const uint8_t *interface) {
+  const uint8_t *header = interface + interface_header;
   uint32_t network_form;
   std::memcpy(&network_form, header + OIM_IF_HEADER_IF_INDEX, sizeof network_form);
-  request.if_index = ntoh_if_index(network_form);
-  request.iod = wire::load_be32(header + OIM_IF_HEADER_IOD);
-  const uint8_t *tlv = list + position + interface_first_tlv;
-  for (uint16_t left = wire::load_be16(list + position + interface_params); left > 0; left--) {
-    const uint8_t *value = tlv + OIM_TLV_VALUE;
-    const uint16_t length = wire::load_be16(tlv + OIM_TLV_LENGTH);
-    request.params.emplace_back(wire::load_be16(tlv + OIM_TLV_TYPE), std::vector<uint8_t>(value, value + length));
-    tlv = value + length;
+  return {ntoh_if_index(network_form), wire::load_be32(header + OIM_IF_HEADER_IOD), interface + interface_first_tlv,
+          wire::load_be16(interface + interface_params)};
+}
+
+// Visits the interfaces of a sound list until a visit returns false; whether none did.
+template <typename Visit>
+bool all_interfaces(const Bytes &list, Visit visit) {
+  size_t position = list_interfaces;
+  for (uint16_t left = wire::load_be16(list.data() + list_count); left > 0; left--) {
+    if (!visit(describe(list.data() + position))) return false;
+    position = *end_of_interface(list.data(), list.size(), position);
   }
-  return request;
+  return true;
+}
+
+// The same for the parameters of an interface: visit(type, value).
+template <typename Visit>
+bool all_params(const Described &interface, Visit visit) {
+  const uint8_t *tlv = interface.params;
+  for (uint16_t left = interface.param_count; left > 0; left--) {
+    const std::span value(tlv + OIM_TLV_VALUE, wire::load_be16(tlv + OIM_TLV_LENGTH));
+    if (!visit(wire::load_be16(tlv + OIM_TLV_TYPE), value)) return false;
+    tlv = value.data() + value.size();
+  }
+  return true;
+}
+
+void decode(const Request &request, std::vector<OimRequest> &log) {
+  all_interfaces(request.list, [&](const Described &interface) {
+    OimRequest decoded{operation_names[static_cast<size_t>(request.operation)], interface.if_index, interface.iod, {}};
+    all_params(interface, [&decoded](uint16_t type, std::span<const uint8_t> value) {
+      decoded.params.emplace_back(type, std::vector<uint8_t>(value.begin(), value.end()));
+      return true;
+    });
+    remember(log, std::move(decoded));
+    return true;
+  });
 }
 
 // --------------------------------------------------------------------------------------------------------- database
 
-std::optional<ip_addr_t> address_of(const std::vector<uint8_t> &value) {
+std::optional<ip_addr_t> address_of(std::span<const uint8_t> value) {
   if (value.size() != OIM_ADDR_RECORD_SIZE || wire::load_be32(value.data()) != OIM_ADDR_FAMILY_IPV4)
     return std::nullopt;
   return wire::load_be32(value.data() + 4);
 }
 
 // Writes one parameter into a tunnel; false when its value is not one.
-bool apply_param(Tunnel &tunnel, uint16_t type, const std::vector<uint8_t> &value) {
+bool apply_param(Tunnel &tunnel, uint16_t type, std::span<const uint8_t> value) {
   switch (type) {
     case OIM_PARAM_ADMIN_STATE:
       if (value.size() != 1) return false;
@@ -162,9 +203,9 @@ bool apply_param(Tunnel &tunnel, uint16_t type, const std::vector<uint8_t> &valu
   }
 }
 
-bool apply_params(Tunnel &tunnel, const Params &params) {
-  return std::all_of(params.begin(), params.end(),
-                     [&tunnel](const auto &param) { return apply_param(tunnel, param.first, param.second); });
+bool apply_params(Tunnel &tunnel, const Described &wanted) {
+  return all_params(
+      wanted, [&tunnel](uint16_t type, std::span<const uint8_t> value) { return apply_param(tunnel, type, value); });
 }
 
 void save();
@@ -194,12 +235,18 @@ void unindex(const Tunnel &tunnel) {
   if (found != last) state.by_destination.erase(found);
 }
 
+bool indexed_alike(const Tunnel &a, const Tunnel &b) {
+  return a.vrf_name == b.vrf_name && a.destination == b.destination;
+}
+
 void store(const Tunnel &tunnel) {
-  const auto old = state.tunnels.find(tunnel.if_index);
-  if (old != state.tunnels.end()) unindex(old->second);
-  state.tunnels[tunnel.if_index] = tunnel;
+  const auto [at, is_new] = state.tunnels.try_emplace(tunnel.if_index, tunnel);
+  if (is_new || !indexed_alike(at->second, tunnel)) {
+    if (!is_new) unindex(at->second);
+    index(tunnel);
+  }
+  at->second = tunnel;
   im_note_change();
-  index(tunnel);
   if (Interface *interface = im_find(tunnel.iod)) {
     interface->mtu = tunnel.mtu;
     const vrf_context_id_t context_id = l3vm_find(tunnel.vrf_name);
@@ -226,7 +273,7 @@ bool add_tunnel(Tunnel tunnel) {
   return true;
 }
 
-uint32_t create(const OimRequest &request, im_iod_t *iod) {
+uint32_t create(const Described &request, im_iod_t *iod) {
   const auto existing = state.tunnels.find(request.if_index);
   const bool known = existing != state.tunnels.end();
   Tunnel tunnel;
@@ -236,25 +283,25 @@ uint32_t create(const OimRequest &request, im_iod_t *iod) {
     tunnel.iod = request.iod;
     tunnel.mtu = default_mtu;
   }
-  if (!apply_params(tunnel, request.params)) return EINVAL;
+  if (!apply_params(tunnel, request)) return EINVAL;
   if (known) store(tunnel);
   if (!known && (l3vm_find(tunnel.vrf_name) == VRF_CONTEXT_ID_NONE || !add_tunnel(tunnel))) return ENOENT;
   *iod = state.tunnels.at(request.if_index).iod;
   return 0;
 }
 
-uint32_t modify(const OimRequest &request, im_iod_t *iod) {
+uint32_t modify(const Described &request, im_iod_t *iod) {
   const auto existing = state.tunnels.find(request.if_index);
   if (existing == state.tunnels.end()) return ENOENT;
   Tunnel tunnel = existing->second;
   *iod = tunnel.iod;
-  if (!apply_params(tunnel, request.params)) return EINVAL;
+  if (!apply_params(tunnel, request)) return EINVAL;
   store(tunnel);
   return 0;
 }
 
 // A tunnel that is not there is as deleted as one can be.
-uint32_t remove(const OimRequest &request, im_iod_t *iod) {
+uint32_t remove(const Described &request, im_iod_t *iod) {
   const auto existing = state.tunnels.find(request.if_index);
   if (existing == state.tunnels.end()) return 0;
   *iod = existing->second.iod;
@@ -285,11 +332,12 @@ void set_up(if_index_t if_index, bool up) {
 
 // --------------------------------------------------------------------------------------------------------- requests
 
-void respond(const Request &request, uint32_t opcode, uint32_t (*carry_out)(const OimRequest &, im_iod_t *)) {
-  std::vector<uint8_t> payload(OIM_RESPONSE_ENTRIES + request.interfaces.size() * OIM_RESPONSE_ENTRY_SIZE);
-  wire::store_be16(payload.data(), static_cast<uint16_t>(request.interfaces.size()));
+void respond(const Request &request, uint32_t opcode, uint32_t (*carry_out)(const Described &, im_iod_t *)) {
+  const uint16_t count = wire::load_be16(request.list.data() + list_count);
+  std::vector<uint8_t> payload(OIM_RESPONSE_ENTRIES + size_t{count} * OIM_RESPONSE_ENTRY_SIZE);
+  wire::store_be16(payload.data(), count);
   uint8_t *entry = payload.data() + OIM_RESPONSE_ENTRIES;
-  for (const OimRequest &wanted : request.interfaces) {
+  all_interfaces(request.list, [&](const Described &wanted) {
     im_iod_t iod = wanted.iod;
     const uint32_t result = carry_out(wanted, &iod);
     const uint32_t network_form = hton_if_index(wanted.if_index);
@@ -297,11 +345,12 @@ void respond(const Request &request, uint32_t opcode, uint32_t (*carry_out)(cons
     wire::store_be32(entry + OIM_RESPONSE_IOD, iod);
     wire::store_be32(entry + OIM_RESPONSE_RESULT, result);
     entry += OIM_RESPONSE_ENTRY_SIZE;
-  }
+    return true;
+  });
   if (!state.registered) return;
   if (opcode != MTS_OPC_OIM_IF_PARAM_UPDATE_RESPONSE) return deliver(opcode, payload.data(), payload.size());
   // Parameters take a moment longer: a bring-up that was asked for right behind them is reported first.
-  post([opcode, payload] { deliver(opcode, payload.data(), payload.size()); });
+  post([opcode, payload = std::move(payload)] { deliver(opcode, payload.data(), payload.size()); });
 }
 
 void carry_out(const Request &request) {
@@ -314,8 +363,10 @@ void carry_out(const Request &request) {
       return respond(request, MTS_OPC_OIM_IF_DELETE_RESPONSE, remove);
     case Operation::bringup:
     case Operation::bringdown:
-      for (const OimRequest &wanted : request.interfaces)
+      all_interfaces(request.list, [&request](const Described &wanted) {
         set_up(wanted.if_index, request.operation == Operation::bringup);
+        return true;
+      });
   }
 }
 
@@ -329,7 +380,7 @@ void work() {
 }
 
 int submit(Request request) {
-  for (const OimRequest &wanted : request.interfaces) remember(state.log, wanted);
+  if (records_are_kept()) remember(state.unread, request);
   state.waiting.push_back(std::move(request));
   if (!state.work_posted) {
     state.work_posted = true;
@@ -340,21 +391,21 @@ int submit(Request request) {
 
 int submit_list(Operation operation, const void *list, uint32_t size) {
   const auto *bytes = static_cast<const uint8_t *>(list);
-  const auto positions = interface_positions(bytes, size);
-  if (!positions || positions->size() < 2) return 0;
-  Request request{operation, {}};
-  for (size_t i = 0; i + 1 < positions->size(); i++) {
-    request.interfaces.push_back(decode_interface(bytes, (*positions)[i], operation));
-    if (im_is_ifindex_mvpn_tunnel(request.interfaces.back().if_index) == 0) return 0;
-  }
-  return submit(std::move(request));
+  const auto extent = extent_of(bytes, size);
+  if (!extent || extent->last == 0) return 0;
+  Request request{operation, Bytes(bytes, bytes + extent->end)};
+  const auto is_tunnel = [](const Described &wanted) { return im_is_ifindex_mvpn_tunnel(wanted.if_index) != 0; };
+  return all_interfaces(request.list, is_tunnel) ? submit(std::move(request)) : 0;
 }
 
+// As a list of the interface alone.
 int submit_state(Operation operation, if_index_t if_index) {
-  OimRequest wanted;
-  wanted.operation = operation_names[static_cast<size_t>(operation)];
-  wanted.if_index = if_index;
-  return submit({operation, {wanted}});
+  Request request{operation, Bytes(size_t{list_interfaces} + interface_first_tlv)};
+  wire::store_be16(request.list.data() + list_count, 1);
+  const uint32_t network_form = hton_if_index(if_index);
+  std::memcpy(request.list.data() + list_interfaces + interface_header + OIM_IF_HEADER_IF_INDEX, &network_form,
+              sizeof network_form);
+  return submit(std::move(request));
 }
 
 // ------------------------------------------------------------------------------------------------------------- file
@@ -474,8 +525,16 @@ void oim_vrf_appeared(std::string_view vrf_name, vrf_context_id_t context_id) {
   if (Interface *interface = im_find(state.tunnels.at(found->second).iod)) interface->context_id = context_id;
 }
 
-const std::vector<OimRequest> &oim_requests() { return state.log; }
-void clear_oim_requests() { state.log.clear(); }
+const std::vector<OimRequest> &oim_requests() {
+  for (const Request &request : state.unread) decode(request, state.log);
+  state.unread.clear();
+  return state.log;
+}
+
+void clear_oim_requests() {
+  state.log.clear();
+  state.unread.clear();
+}
 
 std::vector<Tunnel> tunnels() {
   std::vector<Tunnel> all;
@@ -556,25 +615,25 @@ uint32_t oim_if_info_list_get_size(uint32_t interfaces, uint32_t parameters, uin
 
 int oim_if_info_list_add_new_if(void *list, uint32_t size, uint8_t **header) {
   auto *bytes = static_cast<uint8_t *>(list);
-  const auto positions = ref::interface_positions(bytes, size);
-  const uint16_t count = positions ? ref::wire::load_be16(bytes + ref::list_count) : uint16_t{0xFFFF};
-  if (count == 0xFFFF || size - positions->back() < ref::interface_first_tlv) return 0;
+  const auto extent = ref::extent_of(bytes, size);
+  const uint16_t count = extent ? ref::wire::load_be16(bytes + ref::list_count) : uint16_t{0xFFFF};
+  if (count == 0xFFFF || size - extent->end < ref::interface_first_tlv) return 0;
   ref::wire::store_be16(bytes + ref::list_count, static_cast<uint16_t>(count + 1));
-  *header = bytes + positions->back() + ref::interface_header;
+  *header = bytes + extent->end + ref::interface_header;
   return 1;
 }
 
 int oim_if_info_list_add_new_param_tlv(void *list, uint32_t size, uint8_t *header, uint8_t **tlv) {
   auto *bytes = static_cast<uint8_t *>(list);
-  const auto positions = ref::interface_positions(bytes, size);
-  if (!positions || positions->size() < 2) return 0;
-  uint8_t *last = bytes + (*positions)[positions->size() - 2];
-  const size_t end = positions->back();
+  const auto extent = ref::extent_of(bytes, size);
+  if (!extent || extent->last == 0) return 0;
+  uint8_t *last = bytes + extent->last;
   const uint16_t count = ref::wire::load_be16(last + ref::interface_params);
-  if (header != last + ref::interface_header || count == 0xFFFF || size - end < OIM_TLV_VALUE + ref::longest_param)
+  if (header != last + ref::interface_header || count == 0xFFFF ||
+      size - extent->end < OIM_TLV_VALUE + ref::longest_param)
     return 0;
   ref::wire::store_be16(last + ref::interface_params, static_cast<uint16_t>(count + 1));
-  *tlv = bytes + end;
+  *tlv = bytes + extent->end;
   return 1;
 }
 

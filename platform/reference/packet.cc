@@ -88,7 +88,7 @@ int send_through_tunnel(vrf_context_id_t context_id, std::vector<uint8_t> datagr
   if (!tunnel->up) return ENETDOWN;
   if (!finish_header(datagram)) return EINVAL;
   const CorePacket packet{tunnel->source, tunnel->destination, std::move(datagram)};
-  remember(state.sent, packet);
+  if (records_are_kept()) remember(state.sent, packet);
   const WithoutCancellation guard;
   if (ForwardingPlane *plane = forwarding_plane()) return plane->send(*tunnel, packet.datagram) ? 0 : ENETDOWN;
   if (state.carrier != nullptr) state.carrier->send(packet);

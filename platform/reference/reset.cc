@@ -8,7 +8,13 @@
 
 namespace ref {
 
+static bool records_kept = true;
+
+void keep_records(bool on) { records_kept = on; }
+bool records_are_kept() { return records_kept; }
+
 void reset() {
+  records_kept = true;
   sched_reset();
   events_reset();
   croute_reset();

@@ -19,6 +19,10 @@ namespace ref {
 // s, first-come scheduler, in-memory store and carrier. The module must be stopped, its threads ended.
 void reset();
 
+// Whether the services keep what they were told last, as after a reset: for tests to look at. Off: it is carried out
+// and forgotten, which spares a host thousands of copies that no view shows.
+void keep_records(bool on);
+
 // ------------------------------------------------------------------------------------------- main loop and clock
 
 // Queues work for the main loop, in order. Any thread, locks held or not.

@@ -30,6 +30,9 @@ void remember(std::vector<T> &log, T entry, std::ptrdiff_t kept = 1000) {
   log.push_back(std::move(entry));
 }
 
+// See keep_records().
+bool records_are_kept();
+
 // Mask of `length` leading ones for any length.
 constexpr uint32_t prefix_mask(uint32_t length) {
   return length == 0 ? 0 : length >= 32 ? 0xFFFFFFFFu : ~(0xFFFFFFFFu >> length);
