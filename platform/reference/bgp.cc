@@ -21,7 +21,6 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <memory>
 
 #include "platform/ip.h"
@@ -65,9 +64,9 @@ struct ConnectorAttribute {
 };
 
 struct State {
-  std::map<std::string, Rd, std::less<>> rds;  // by VRF name
+  ByName<Rd> rds;  // by VRF
   std::string update_source;
-  std::map<std::string, EntryKey, std::less<>> local;  // by VRF name
+  ByName<EntryKey> local;  // by VRF
   const RemoteTable *table = nullptr;
   RecordTable<Exception, EntryKey> exceptions;
   std::function<void(const MdtSafi &, bool)> sink;
@@ -316,6 +315,7 @@ std::optional<std::vector<uint8_t>> bgp_parse_rd(std::string_view text) {
 std::vector<MdtSafi> bgp_local_entries() {
   std::vector<MdtSafi> all;
   for (const auto &[vrf_name, key] : state.local) all.push_back(entry_of(key, vrf_name));
+  std::sort(all.begin(), all.end(), [](const MdtSafi &a, const MdtSafi &b) { return a.vrf_name < b.vrf_name; });
   return all;
 }
 
@@ -363,7 +363,7 @@ void bgp_end_of_rib() {
 void bgp_request_local() { deliver(MTS_OPC_MVPN_BGP_MDT_SAFI_LOCAL_REQUEST, nullptr, 0); }
 
 void bgp_forget_local() {
-  while (!state.local.empty()) withdraw_local(std::string(state.local.begin()->first));
+  for (const MdtSafi &entry : bgp_local_entries()) withdraw_local(entry.vrf_name);
 }
 
 void set_bgp_local_sink(std::function<void(const MdtSafi &, bool)> sink) { state.sink = std::move(sink); }

@@ -13,7 +13,9 @@
 #include <arpa/inet.h>
 
 #include <map>
+#include <memory>
 #include <set>
+#include <unordered_map>
 
 #include "platform/ip.h"
 #include "platform/reference/im.h"
@@ -31,9 +33,9 @@ constexpr if_index_t number_mask = 0xFFFFFF;
 constexpr im_iod_t iod_max = 0xFFFF;  // socket addresses carry ordinals in 16 bits
 
 struct Table {
-  std::map<im_iod_t, Interface> by_iod;
-  std::map<std::string, im_iod_t, std::less<>> by_name;
-  std::map<if_index_t, im_iod_t> by_if_index;
+  std::vector<std::unique_ptr<Interface>> by_iod;  // null: free; grows up to the highest that was given out
+  ByName<im_iod_t> by_name;
+  std::unordered_map<if_index_t, im_iod_t> by_if_index;
   std::map<std::string, im_iod_t, std::less<>> former;  // ordinals of ordinary interfaces that are gone
   std::set<im_iod_t> kept;                              // the same ordinals
   std::set<im_iod_t> leaving;                           // interfaces that go when the module has been told
@@ -47,7 +49,7 @@ uint64_t changes;
 im_iod_t next_unused_iod() {
   for (im_iod_t tries = 0; tries < iod_max; tries++) {
     table.last_iod = table.last_iod % iod_max + 1;
-    if (!table.by_iod.contains(table.last_iod) && !table.kept.contains(table.last_iod)) return table.last_iod;
+    if (im_find(table.last_iod) == nullptr && !table.kept.contains(table.last_iod)) return table.last_iod;
   }
   return 0;
 }
@@ -99,14 +101,15 @@ im_iod_t im_add(Interface interface) {
       interface.iod > iod_max || table.by_if_index.contains(interface.if_index))
     return 0;
   if (interface.iod == 0 && !interface.mvpn_tunnel) interface.iod = take_former_iod(interface.name);
-  if (interface.iod == 0 || table.by_iod.contains(interface.iod)) interface.iod = next_free_iod();
+  if (interface.iod == 0 || im_find(interface.iod) != nullptr) interface.iod = next_free_iod();
   if (interface.iod == 0) return 0;
   if (interface.if_index == 0) interface.if_index = ordinary_sort << sort_shift | interface.iod;
   const im_iod_t iod = interface.iod;
   table.by_name[interface.name] = iod;
   table.by_if_index[interface.if_index] = iod;
   const bool up = interface.up, addressed = interface.address != 0;
-  table.by_iod[iod] = std::move(interface);
+  if (iod >= table.by_iod.size()) table.by_iod.resize(iod + size_t{1});
+  table.by_iod[iod] = std::make_unique<Interface>(std::move(interface));
   im_note_change();
   post_event(iod, &Module::interface_create);
   if (addressed) post_event(iod, &Module::process_address_change);
@@ -115,24 +118,21 @@ im_iod_t im_add(Interface interface) {
 }
 
 void im_remove(im_iod_t iod) {
-  const auto found = table.by_iod.find(iod);
-  if (found == table.by_iod.end()) return;
+  const Interface *interface = im_find(iod);
+  if (interface == nullptr) return;
   table.leaving.erase(iod);
-  if (!found->second.mvpn_tunnel) {
-    table.former[found->second.name] = iod;
+  if (!interface->mvpn_tunnel) {
+    table.former[interface->name] = iod;
     table.kept.insert(iod);
   }
-  table.by_name.erase(found->second.name);
-  table.by_if_index.erase(found->second.if_index);
-  table.by_iod.erase(found);
+  table.by_name.erase(interface->name);
+  table.by_if_index.erase(interface->if_index);
+  table.by_iod[iod] = nullptr;
   im_note_change();
   pim_interface_gone(iod);
 }
 
-Interface *im_find(im_iod_t iod) {
-  const auto found = table.by_iod.find(iod);
-  return found == table.by_iod.end() ? nullptr : &found->second;
-}
+Interface *im_find(im_iod_t iod) { return iod < table.by_iod.size() ? table.by_iod[iod].get() : nullptr; }
 
 void im_set_state(im_iod_t iod, bool up) {
   Interface *interface = im_find(iod);
@@ -180,7 +180,7 @@ bool set_interface_state(std::string_view name, bool up) {
 bool set_interface_address(std::string_view name, ip_addr_t address) {
   const auto found = table.by_name.find(name);
   if (found == table.by_name.end()) return false;
-  Interface &interface = table.by_iod.at(found->second);
+  Interface &interface = *table.by_iod.at(found->second);
   if (interface.address == address) return true;
   interface.address = address;
   post_event(interface.iod, &Module::process_address_change);
@@ -196,7 +196,8 @@ const Interface *find_interface(im_iod_t iod) { return im_find(iod); }
 
 std::vector<const Interface *> interfaces() {
   std::vector<const Interface *> all;
-  for (const auto &[iod, interface] : table.by_iod) all.push_back(&interface);
+  for (const auto &interface : table.by_iod)
+    if (interface != nullptr) all.push_back(interface.get());
   return all;
 }
 
@@ -204,8 +205,8 @@ void enable_interface_events(bool on) {
   if (on == table.events) return;
   table.events = on;
   if (!on) return;
-  for (const auto &[iod, interface] : table.by_iod)
-    if (interface.up) post_state(iod, true);
+  for (const Interface *interface : interfaces())
+    if (interface->up) post_state(interface->iod, true);
 }
 
 }  // namespace ref

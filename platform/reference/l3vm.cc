@@ -3,8 +3,8 @@
 #include "platform/l3vm.h"
 
 #include <cstring>
-#include <map>
-#include <set>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "platform/reference/im.h"
 #include "platform/reference/l3vm.h"
@@ -23,9 +23,9 @@ struct Vrf {
   uint32_t state;
 };
 
-std::map<vrf_context_id_t, Vrf> vrfs;
-std::map<std::string, vrf_context_id_t, std::less<>> ids;
-std::set<uint32_t> tables;
+std::unordered_map<vrf_context_id_t, Vrf> vrfs;
+ByName<vrf_context_id_t> ids;
+std::unordered_set<uint32_t> tables;
 
 pim_cibtype *add(std::string_view name, vrf_context_id_t context_id, uint32_t table_id) {
   pim_cibtype *pcib = pim_adopt_context(name, context_id, table_id);

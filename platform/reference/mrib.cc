@@ -122,21 +122,22 @@ void show_route(const Record &from, mrib_route &to) {
   to.mti_iod = from.installed && from.client.mti_iod != 0 ? from.client.mti_iod : from.foreign_mti;
 }
 
-template <typename Matches>
-void erase_encaps(Matches matches) {
-  std::erase_if(state.encaps, [&matches](const auto &item) {
-    if (!matches(item.first)) return false;
-    if (ForwardingPlane *plane = forwarding_plane()) plane->encap_changed(item.second, false);
-    return true;
-  });
+void erase_encaps(const EncapKey &first, const EncapKey &last) {
+  auto next = state.encaps.lower_bound(first);
+  while (next != state.encaps.end() && next->first <= last) {
+    if (ForwardingPlane *plane = forwarding_plane()) plane->encap_changed(next->second, false);
+    next = state.encaps.erase(next);
+  }
 }
+
+void erase_encaps_of(vrf_context_id_t context_id) { erase_encaps({context_id, 0}, {context_id, UINT16_MAX}); }
 
 void drop_installed() {
   for (const Id id : state.routes.sorted([](const Record &route) { return route.installed; })) {
     state.routes.forget_client(id);
     settle_route(id);
   }
-  erase_encaps([](const EncapKey &) { return true; });
+  erase_encaps({0, 0}, {UINT32_MAX, UINT16_MAX});
 }
 
 // ---------------------------------------------------------------------------------------------------------- updates
@@ -274,7 +275,7 @@ void mrib_drop_context(vrf_context_id_t context_id) {
       state.routes[id].foreign = false;
       settle_route(id);
     }
-  erase_encaps([context_id](const EncapKey &key) { return key.first == context_id; });
+  erase_encaps_of(context_id);
   state.initializing.erase(context_id);
 }
 
@@ -420,9 +421,10 @@ int mrib_update_mdt_encap_info(mrib_client_handle *client, const void *record, u
     return 1;
   }
   // Index 0 stands for all of the VRF.
-  ref::erase_encaps([&encap](const ref::EncapKey &key) {
-    return key.first == encap.context_id && (encap.index == 0 || key.second == encap.index);
-  });
+  if (const ref::EncapKey key(encap.context_id, encap.index); encap.index != 0)
+    ref::erase_encaps(key, key);
+  else
+    ref::erase_encaps_of(encap.context_id);
   return 1;
 }
 

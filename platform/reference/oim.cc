@@ -79,7 +79,7 @@ struct Described {
 
 struct State {
   std::map<if_index_t, Tunnel> tunnels;  // up: kept by the interface manager, not here
-  std::map<std::string, if_index_t, std::less<>> by_vrf;
+  ByName<if_index_t> by_vrf;
   std::multimap<ip_addr_t, if_index_t> by_destination;
   std::vector<OimRequest> log;
   std::vector<Request> unread;  // behind the log; decoded when somebody reads it

@@ -1,8 +1,8 @@
 // Host PIM process: VRF contexts, PIM interfaces, modes of groups, flags. Customer routes are in croute.cc.
 //
 // Contexts stand in two AVL trees, by name and by context id, which the module walks itself; their keys lie behind the
-// record, because a tree's key follows its node. Walks by name go through the host's own map and continue after the
-// name that the iterator holds, so that any context may vanish meanwhile.
+// record, because a tree's key follows its node. Walks by name continue after the name that the iterator holds, so that
+// any context may vanish meanwhile; one that is still there is found by its name's hash and leads to the next.
 //
 // A PIM interface's record outlives the interface: the tunnel manager removes a tunnel before the module, told by the
 // response, takes PIM off it.
@@ -41,11 +41,10 @@ struct GroupRange {
 };
 
 struct Process {
-  std::map<std::string, std::unique_ptr<Context>, std::less<>> by_name;  // for walks
-  std::unordered_map<std::string_view, Context *> named;                 // the same; the names are the records'
+  std::unordered_map<std::string_view, std::unique_ptr<Context>> named;  // the names are the records'
   std::unordered_map<vrf_context_id_t, Context *> by_id;
-  std::map<im_iod_t, std::unique_ptr<pim_iftype>> interfaces;
-  std::vector<GroupRange> ssm{{0xE8000000, 8}};  // 232.0.0.0/8
+  std::vector<std::unique_ptr<pim_iftype>> interfaces;  // by ordinal; null: none
+  std::vector<GroupRange> ssm{{0xE8000000, 8}};         // 232.0.0.0/8
   std::vector<GroupRange> bidir;
   std::map<std::pair<ip_addr_t, im_iod_t>, ip_addr_t> df_winners;
   PimCounters counters;
@@ -75,14 +74,22 @@ Context *make_context(std::string_view name) {
   ravl_insert(&pim_contexts_by_name, &context->cib.by_name);
   Context *made = context.get();
   changes++;
-  process.named[made->name_key] = made;
-  process.by_name[std::string(name)] = std::move(context);
+  process.named[made->name_key] = std::move(context);
   return made;
 }
 
 Context *context_of(std::string_view name) {
   const auto found = process.named.find(name);
-  return found == process.named.end() ? nullptr : found->second;
+  return found == process.named.end() ? nullptr : found->second.get();
+}
+
+// The context behind a name that nobody has.
+void *context_behind(std::string_view name) {
+  ravl_iterator iterator;
+  ravl_init_iterator(&iterator, &pim_contexts_by_name);
+  name.copy(reinterpret_cast<char *>(iterator.key), VRF_NAME_MAX);
+  iterator.started = 1;
+  return ravl_get_next_user_data(&iterator);
 }
 
 bool in_ranges(const std::vector<GroupRange> &ranges, ip_addr_t group) {
@@ -101,8 +108,7 @@ void remove_range(std::vector<GroupRange> &ranges, ip_addr_t prefix, uint32_t le
 }
 
 pim_iftype *record_of(im_iod_t iod) {
-  const auto found = process.interfaces.find(iod);
-  return found == process.interfaces.end() ? nullptr : found->second.get();
+  return iod < process.interfaces.size() ? process.interfaces[iod].get() : nullptr;
 }
 
 void stop_hellos(pim_iftype &record) {
@@ -144,7 +150,8 @@ void reset_globals() {
 }  // namespace
 
 void pim_reset() {
-  for (const auto &[iod, record] : process.interfaces) stop_hellos(*record);
+  for (const auto &record : process.interfaces)
+    if (record != nullptr) stop_hellos(*record);
   process = Process{};
   changes++;
   init_trees();
@@ -172,17 +179,16 @@ pim_cibtype *pim_adopt_context(std::string_view name, vrf_context_id_t context_i
 }
 
 void pim_drop_context(pim_cibtype *pcib) {
-  std::erase_if(process.interfaces, [pcib](const auto &item) {
-    if (item.second->pcib != pcib) return false;
-    stop_hellos(*item.second);
-    return true;
-  });
+  for (auto &record : process.interfaces) {
+    if (record == nullptr || record->pcib != pcib) continue;
+    stop_hellos(*record);
+    record = nullptr;
+  }
   ravl_delete(&pim_contexts_by_name, &pcib->by_name);
   ravl_delete(&pim_contexts_by_context_id, &pcib->by_context_id);
   process.by_id.erase(pcib->context_id);
-  process.named.erase(std::string_view(pcib->vrf_name));
   changes++;
-  process.by_name.erase(process.by_name.find(std::string_view(pcib->vrf_name)));
+  process.named.erase(process.named.find(std::string_view(pcib->vrf_name)));
 }
 
 void set_pcib_usable(std::string_view name, bool usable) {
@@ -237,9 +243,13 @@ pim_cibtype *pim_get_first_cib_by_name(pim_cib_iterator *iterator) {
 }
 
 pim_cibtype *pim_get_next_cib_by_name(pim_cib_iterator *iterator) {
-  const auto found = ref::process.by_name.upper_bound(std::string_view(iterator->vrf_name));
-  if (found == ref::process.by_name.end()) return nullptr;
-  pim_cibtype *pcib = &found->second->cib;
+  void *next = nullptr;
+  if (ref::Context *last = ref::context_of(iterator->vrf_name); last == nullptr)
+    next = ref::context_behind(iterator->vrf_name);
+  else if (const void *node = ravl_get_next_node(&pim_contexts_by_name, &last->cib.by_name); node != nullptr)
+    next = static_cast<const ravl_node *>(node)->user_data;
+  if (next == nullptr) return nullptr;
+  auto *pcib = static_cast<pim_cibtype *>(next);
   std::memcpy(iterator->vrf_name, pcib->vrf_name, sizeof iterator->vrf_name);
   return pcib;
 }
@@ -269,7 +279,9 @@ int pim_check_feature_configured(const char *feature) {
 int pim_enable(uint32_t, pim_cibtype *pcib, im_iod_t iod, uint32_t) {
   const ref::Interface *interface = ref::find_interface(iod);
   if (pcib == nullptr || interface == nullptr) return 0;
-  std::unique_ptr<pim_iftype> &record = ref::process.interfaces[iod];
+  auto &interfaces = ref::process.interfaces;
+  if (iod >= interfaces.size()) interfaces.resize(iod + size_t{1});
+  std::unique_ptr<pim_iftype> &record = interfaces[iod];
   if (record == nullptr) record = std::make_unique<pim_iftype>();
   if (record->if_index != interface->if_index || record->pim_enabled == 0) {
     ref::stop_hellos(*record);
@@ -352,8 +364,8 @@ pim_iftype *pim_snmp_get_ifindex(if_index_t if_index, uint32_t) {
 
 pim_iftype *pim_snmp_get_next_ifindex(if_index_t if_index) {
   pim_iftype *next = nullptr;
-  for (const auto &[iod, record] : ref::process.interfaces)
-    if (record->if_index > if_index && ref::is_listed(*record) &&
+  for (const auto &record : ref::process.interfaces)
+    if (record != nullptr && record->if_index > if_index && ref::is_listed(*record) &&
         (next == nullptr || record->if_index < next->if_index))
       next = record.get();
   return next;
@@ -361,8 +373,8 @@ pim_iftype *pim_snmp_get_next_ifindex(if_index_t if_index) {
 
 pim_iftype *pim_get_next_interface(pim_cibtype *pcib, pim_iftype *previous) {
   const auto &all = ref::process.interfaces;
-  for (auto at = previous == nullptr ? all.begin() : all.upper_bound(previous->iod); at != all.end(); ++at)
-    if (at->second->pcib == pcib && ref::is_listed(*at->second)) return at->second.get();
+  for (size_t iod = previous == nullptr ? 0 : previous->iod + size_t{1}; iod < all.size(); iod++)
+    if (all[iod] != nullptr && all[iod]->pcib == pcib && ref::is_listed(*all[iod])) return all[iod].get();
   return nullptr;
 }
 

@@ -7,9 +7,11 @@
 #define REFERENCE_SERVICES_H
 
 #include <cstdint>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/im.h"
@@ -29,6 +31,14 @@ void remember(std::vector<T> &log, T entry, std::ptrdiff_t kept = 1000) {
   if (std::ssize(log) >= 2 * kept) log.erase(log.begin(), log.begin() + kept);
   log.push_back(std::move(entry));
 }
+
+// Records by the names that operators give, for look-ups; in no order.
+struct HashText {
+  using is_transparent = void;
+  size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+};
+template <typename Record>
+using ByName = std::unordered_map<std::string, Record, HashText, std::equal_to<>>;
 
 // See keep_records().
 bool records_are_kept();
