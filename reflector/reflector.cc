@@ -2,6 +2,7 @@
 // reads slowly waits in its channel, which bounds it.
 #include "reflector/reflector.h"
 
+#include <algorithm>
 #include <sstream>
 #include <stdexcept>
 
@@ -42,6 +43,7 @@ std::vector<ConfigError> foreign_lines(const host::Config &config) {
 host::ConfigFile read_file(const std::string &path) {
   host::ConfigFile file = host::read_config_file(path);
   for (ConfigError &error : foreign_lines(file.config)) file.errors.push_back(std::move(error));
+  std::ranges::stable_sort(file.errors, {}, &ConfigError::line);
   if (file.errors.empty() && !host::bgp_settings(file.config))
     file.errors.push_back({0, "there is no local-as: a reflector that speaks to nobody"});
   return file;

@@ -8,8 +8,7 @@
 
 namespace host {
 
-Answer::Answer(OutputFormat format, std::string_view line)
-    : format_(read_pipeline(split_pipeline(line)).filters.format.value_or(format)) {}
+Answer::Answer(OutputFormat format, std::string_view line) : format_(format_of(line, format)) {}
 
 void Answer::note(FrameType type, std::string_view part) {
   constexpr size_t kLongestReason = 4096;  // bytes; a reason is some lines

@@ -38,7 +38,7 @@ CommandLine read_command_line(const ControlServer::Request &request, const std::
   const std::vector<std::string> words = split_pipeline(request.line);
   const Pipeline line = read_pipeline(words);
   CommandLine read{match_line(Mode::exec, line.command, true),
-                   line.filters.format.value_or(request.format),
+                   format_of(request.line, request.format),
                    line.filters,
                    "",
                    "",

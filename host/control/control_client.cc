@@ -7,6 +7,7 @@
 #include <array>
 #include <boost/asio/write.hpp>
 #include <cerrno>
+#include <filesystem>
 #include <thread>
 
 #include "host/control/pipeline.h"
@@ -18,6 +19,13 @@ namespace asio = boost::asio;
 namespace {
 
 constexpr ControlClient::Timeout kFarewell{2000};
+
+// The same error stands for a socket that nobody has, which a daemon that was killed leaves, and for no socket at all.
+std::string reason_of(const boost::system::error_code &error, const std::string &path) {
+  std::error_code unknown;
+  if (error != asio::error::connection_refused) return error.message();
+  return std::filesystem::is_socket(path, unknown) ? "nobody listens there" : "it is no socket";
+}
 
 }  // namespace
 
@@ -39,7 +47,7 @@ bool ControlClient::connect(const std::string &path) {
   socket_.native_non_blocking(true);
   socket_.connect(asio::local::stream_protocol::endpoint(path), error);
   if (error == asio::error::no_buffer_space) return false;  // what a full queue is told as
-  if (error) throw std::runtime_error("pimhostd cannot be reached at " + path + ": " + error.message());
+  if (error) throw std::runtime_error("pimhostd cannot be reached at " + path + ": " + reason_of(error, path));
   socket_.native_non_blocking(false);
   return true;
 }

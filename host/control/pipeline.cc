@@ -168,6 +168,14 @@ std::optional<Statement> first_of(std::string_view line) {
 
 }  // namespace
 
+OutputFormat format_of(std::string_view line, OutputFormat clients) {
+  if (const auto asked = read_pipeline(split_pipeline(line)).filters.format) return *asked;
+  const auto first = first_of(line);
+  if (!first || first->effect != Effect::stream) return clients;
+  const bool json = clients == OutputFormat::json || find_argument(*first, "json") != nullptr;
+  return json ? OutputFormat::json_line : clients;
+}
+
 bool is_endless(std::string_view line) {
   const auto first = first_of(line);
   return first && first->effect == Effect::stream;

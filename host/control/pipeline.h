@@ -41,6 +41,10 @@ std::vector<Candidate> filter_candidates(const std::vector<std::string> &words);
 // The line, and below it a mark at the word that is wrong.
 std::string point_out(const std::vector<std::string> &words, const SyntaxError &error);
 
+// The form of a command line's answer: what the line asks for, else the client's. Of a line that goes on it is that of
+// each document.
+OutputFormat format_of(std::string_view line, OutputFormat clients);
+
 // Whether a command line is one that goes on until the client ends it.
 bool is_endless(std::string_view line);
 

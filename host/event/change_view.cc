@@ -2,8 +2,6 @@
 // JSON document without line breaks, so that a reader may take it line by line.
 #include "host/event/change_view.h"
 
-#include <nlohmann/json.hpp>
-
 #include "host/language/values.h"
 #include "host/output/output.h"
 #include "host/output/wall_time.h"
@@ -67,10 +65,9 @@ struct ToParts {
   Parts operator()(const CommandChange &change) const { return {.name = change.line}; }
 };
 
-// A document without what makes it readable for people.
 std::string line_of(const std::string &hostname, const output::View &view, const Row &row) {
   std::string text;
-  const auto writer = output::json_writer(
+  const auto writer = output::json_line_writer(
       [&text](std::string_view part) {
         text += part;
         return true;
@@ -80,7 +77,7 @@ std::string line_of(const std::string &hostname, const output::View &view, const
   listing.begin(view);
   listing.row(row);
   writer->finish();
-  return nlohmann::ordered_json::parse(text).dump() + "\n";
+  return text;
 }
 
 }  // namespace

@@ -22,8 +22,7 @@ Monitor::Monitor(EventBus &bus, std::function<std::string()> hostname)
     : hostname_(std::move(hostname)), subscription_(bus.subscribe([this](const Change &change) { tell(change); })) {}
 
 void Monitor::serve(CommandLine line, const std::shared_ptr<OutputChannel> &channel) {
-  if (find_argument(line.match.statements.front(), "json") != nullptr) line.format = OutputFormat::json;
-  if (line.format == OutputFormat::xml || line.format == OutputFormat::yang)
+  if (line.format != OutputFormat::text && line.format != OutputFormat::json_line)
     return refuse(line, kStatusFailed, "monitor writes lines of text, or of JSON\n", *channel);
   if (line.filters.count)
     return refuse(line, kStatusFailed, "monitor has no end at which lines could be counted\n", *channel);
@@ -42,7 +41,7 @@ void Monitor::tell(Client &client, const Change &change) const {
     client.missed++;
     return;
   }
-  const bool json = client.format == OutputFormat::json;
+  const bool json = client.format == OutputFormat::json_line;
   if (client.missed > 0)
     client.channel->output(json ? missed_document(hostname_(), client.missed) : missed_text(client.missed));
   client.missed = 0;

@@ -11,8 +11,10 @@ enum class Format : uint8_t {
   json = 1,
   xml = 2,
   yang = 3,  // data of the YANG module libmvpn-state, in JSON as RFC 7951 wants it
+  // Not by a number that clients send, but by what they ask for:
+  json_line = 4,  // a JSON document in a line, for answers of many documents
 };
-constexpr Format kLastFormat = Format::yang;
+constexpr Format kLastFormat = Format::yang;  // that a client may send
 
 }  // namespace output
 

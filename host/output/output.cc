@@ -39,7 +39,9 @@ class TextWriter : public Writer {
 // A record of a kind without children stands on a line of its own.
 class JsonWriter : public DocumentWriter {
  public:
-  using DocumentWriter::DocumentWriter;
+  // in_a_line: without what makes it readable for people.
+  JsonWriter(ByteSink bytes, const Header &header, bool in_a_line = false)
+      : DocumentWriter(std::move(bytes), header), in_a_line_(in_a_line) {}
 
  protected:
   void write_whole(const Level &level, size_t) override {
@@ -83,6 +85,7 @@ class JsonWriter : public DocumentWriter {
   static size_t item_indent(size_t depth) { return 4 + 4 * depth; }
 
   void new_line(size_t indent) {
+    if (in_a_line_) return;
     out_ += '\n';
     out_.append(indent, ' ');
   }
@@ -96,8 +99,10 @@ class JsonWriter : public DocumentWriter {
     if (level.has_members) out_ += ',';
     level.has_members = true;
     new_line(member_indent(depth));
-    out_ += Json(name).dump() + ": ";
+    out_ += Json(name).dump() + (in_a_line_ ? ":" : ": ");
   }
+
+  const bool in_a_line_;
 };
 
 // ------------------------------------------------------------------------------------------------------------- YANG
@@ -105,7 +110,7 @@ class JsonWriter : public DocumentWriter {
 // JSON in an object that names the module. RFC 7951 has numbers of 64 bits and decimal ones as strings.
 class YangWriter : public JsonWriter {
  public:
-  using JsonWriter::JsonWriter;
+  YangWriter(ByteSink bytes, const Header &header) : JsonWriter(std::move(bytes), header) {}
 
   bool instead(const std::function<std::string()> &yang_data) override {
     instead_ = true;
@@ -199,6 +204,9 @@ std::unique_ptr<Writer> text_writer(ByteSink bytes) { return std::make_unique<Te
 std::unique_ptr<Writer> json_writer(ByteSink bytes, const Header &header) {
   return std::make_unique<JsonWriter>(std::move(bytes), header);
 }
+std::unique_ptr<Writer> json_line_writer(ByteSink bytes, const Header &header) {
+  return std::make_unique<JsonWriter>(std::move(bytes), header, true);
+}
 std::unique_ptr<Writer> xml_writer(ByteSink bytes, const Header &header) {
   return std::make_unique<XmlWriter>(std::move(bytes), header);
 }
@@ -209,6 +217,8 @@ std::unique_ptr<Writer> writer_of(Format format, ByteSink bytes, const Header &h
   switch (format) {
     case Format::json:
       return json_writer(std::move(bytes), header);
+    case Format::json_line:
+      return json_line_writer(std::move(bytes), header);
     case Format::xml:
       return xml_writer(std::move(bytes), header);
     case Format::yang:

@@ -38,6 +38,7 @@ std::unique_ptr<Writer> text_writer(ByteSink bytes);
 // The recorded values behind the header as a document of the output schema; text is ignored. A document that ends
 // before the command did, since no more bytes were wanted, says that it was interrupted.
 std::unique_ptr<Writer> json_writer(ByteSink bytes, const Header &header);
+std::unique_ptr<Writer> json_line_writer(ByteSink bytes, const Header &header);
 std::unique_ptr<Writer> xml_writer(ByteSink bytes, const Header &header);
 std::unique_ptr<Writer> yang_writer(ByteSink bytes, const Header &header);
 // A writer of any form; text has no header.

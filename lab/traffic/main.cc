@@ -62,7 +62,7 @@ void work(const Options &options, const std::vector<int> &descriptors, Tick tick
 
 traffic::FlowAddress address_of(const Options &options) {
   return {.source = options.source.empty() ? 0 : traffic::address_of(options.source),
-          .group = traffic::address_of(options.group),
+          .group = traffic::group_of(options.group),
           .port = options.port};
 }
 
@@ -128,7 +128,7 @@ void watch(const Options &options) {
 
 void attack(const Options &options) {
   const traffic::HostileTarget target{.source = traffic::address_of(options.source),
-                                      .group = traffic::address_of(options.group),
+                                      .group = traffic::group_of(options.group),
                                       .pe = traffic::address_of(options.pe)};
   using Side = traffic::Hostile::Side;
   traffic::Hostile hostile(options.customer ? Side::customer : Side::core, target, options.seed);
@@ -160,14 +160,14 @@ void add_commands(options::CommandLine *app, Options *options) {
   options::Command sending =
       app->add_command("send", "sends a flow, and tells every second how many packets have left");
   sending.add("SOURCE", &options->source, "address of this machine").required();
-  sending.add("GROUP", &options->group).required();
+  sending.add("GROUP", &options->group, "that it is sent to, 224.0.0.0 to 239.255.255.255").required();
   sending.add("--rate", &options->rate, "packets a second").show_default();
   sending.add("--size", &options->size, "bytes of UDP payload").show_default();
   add_flow_options(sending, options);
   options::Command receiving =
       app->add_command("receive", "joins a flow, and tells every second what came and what is missing");
-  receiving.add("INTERFACE", &options->interface).required();
-  receiving.add("GROUP", &options->group).required();
+  receiving.add("INTERFACE", &options->interface, "where it is joined").required();
+  receiving.add("GROUP", &options->group, "that is joined").required();
   receiving.add("--source", &options->source, "only from there (IGMPv3); default: from anywhere");
   add_flow_options(receiving, options);
   options::Command watching = app->add_command("watch", "counts GRE packets of links in the core, by group and flow");

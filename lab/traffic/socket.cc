@@ -25,6 +25,12 @@ uint32_t address_of(const std::string &text) {
   return ntohl(address.s_addr);
 }
 
+uint32_t group_of(const std::string &text) {
+  const uint32_t address = address_of(text);
+  if (address >> 28 != 0xE) throw std::runtime_error(text + " is no multicast group");
+  return address;
+}
+
 std::string text_of(uint32_t address) {
   char text[INET_ADDRSTRLEN];
   const in_addr form{htonl(address)};

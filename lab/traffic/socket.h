@@ -34,6 +34,8 @@ int64_t now_ns();  // CLOCK_REALTIME
 
 // An IPv4 address in host byte order. Throws std::runtime_error when the text is none.
 uint32_t address_of(const std::string &text);
+// The same of an address that groups have.
+uint32_t group_of(const std::string &text);
 std::string text_of(uint32_t address);
 
 // A UDP socket over IPv4. Throws std::runtime_error.

@@ -416,8 +416,11 @@ class ProgramsTest(unittest.TestCase):
     def test_every_answer_is_a_document(self):
         daemon = self.start_example()
         schema = json.loads((DOCS / "schema/mvpn-output.schema.json").read_text())
-        sockets = {"daemon": daemon.socket, "nobody": str(self.folder / "nobody")}
-        for line, socket, status, body in [
+        sockets = {"daemon": daemon.socket, "nobody": str(self.folder / "nobody"), "file": str(self.config),
+                   "dead": str(self.folder / "dead")}
+        with socket.socket(socket.AF_UNIX) as dead:
+            dead.bind(sockets["dead"])
+        for line, at, status, body in [
             ("show customer-routes vrf blue", "daemon", 0, {"customer-route": []}),
             ("show mvpn mdt send vrf red", "daemon", 0, {"vrf": [{"name": "red", "sent-data-mdt": []}]}),
             ("show mvpn mdt bgp 10.9.9.9", "daemon", 0, {"mdt-safi-entry": []}),
@@ -427,21 +430,32 @@ class ProgramsTest(unittest.TestCase):
             ("show tunnels backwards", "daemon", 2, "'backwards' is one word too many"),
             ("configure vrf red mdt default 239.9.9.9", "daemon", 1,
              "Cannot change the default mdt group address. Must deconfigure first"),
+            ("monitor json", "nobody", 3, f"pimhostd cannot be reached at {sockets['nobody']}: No such file or directory"),
+            ("show clock", "file", 3, f"pimhostd cannot be reached at {self.config}: it is no socket"),
+            ("show clock", "dead", 3, f"pimhostd cannot be reached at {sockets['dead']}: nobody listens there"),
             ("show clock", "nobody", 3, f"pimhostd cannot be reached at {sockets['nobody']}: No such file or directory"),
         ]:
             with self.subTest(line):
                 for words in ([*line.split()], ["session", line]):  # one command, and a line of a session
                     session = words[0] == "session"
-                    run = subprocess.run([*PIMCTL, "--control", sockets[socket], "--json", *([] if session else words)],
+                    run = subprocess.run([*PIMCTL, "--control", sockets[at], "--json", *([] if session else words)],
                                          input=line if session else "", text=True, capture_output=True, timeout=LIMIT)
                     self.assertEqual(run.returncode, status, run.stderr)
                     document = json.loads(run.stdout)
                     self.assertEqual(schema_faults(document, schema, schema), [])
                     header = [document.pop(name) for name in ("schema-version", "hostname", "time")]
-                    self.assertEqual(header[1] == "pe1", socket == "daemon" and not (session and status == 2))
+                    self.assertEqual(header[1] == "pe1", at == "daemon" and not (session and status == 2))
                     expected = {"error": [{"reason": body, "status": status}]} if status else body
                     self.assertEqual(document, expected)
                     self.assertIn(body if status else "", run.stderr)
+
+    def test_a_monitor_asked_for_documents_fails_with_one_in_a_line(self):
+        daemon = self.start("hostname a\n")
+        for line, at, status in [("monitor json", "/nowhere", 3), ("--json monitor", "/nowhere", 3),
+                                 ("monitor json | count", daemon.socket, 1)]:
+            run = subprocess.run([*PIMCTL, "--control", at, *line.split()], text=True, capture_output=True, timeout=LIMIT)
+            self.assertEqual((run.returncode, run.stdout.count("\n")), (status, 1), run.stdout)
+            self.assertEqual(json.loads(run.stdout)["error"][0]["status"], status)
 
     def test_an_interrupted_document_is_whole_and_says_so(self):
         count = 8000
