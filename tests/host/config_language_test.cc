@@ -70,7 +70,7 @@ Lines lines_of(Mode mode) {
   Lines lines;
   for (const Word &word : root_of(mode)) add_lines(word, "", true, &lines);
   std::ranges::sort(lines);
-  lines.erase(std::ranges::unique(lines).begin(), lines.end());
+  lines.erase(std::unique(lines.begin(), lines.end()), lines.end());
   return lines;
 }
 
