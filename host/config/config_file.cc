@@ -68,16 +68,37 @@ int fill(int file, std::string_view text) {
 // Rights and owner of another file. With an owner or a group that this user cannot give away, nobody but him may read
 // what may hold passwords.
 int make_alike(int file, const std::string &other) {
-  struct stat status {};
-  if (stat(other.c_str(), &status) != 0) return errno == ENOENT ? 0 : errno;
-  const bool same =
-      fchown(file, status.st_uid, status.st_gid) == 0 || fchown(file, static_cast<uid_t>(-1), status.st_gid) == 0;
-  return fchmod(file, status.st_mode & (same ? 0777u : 0700u)) == 0 ? 0 : errno;
+  struct stat wanted {
+  }, made{};
+  if (stat(other.c_str(), &wanted) != 0) return errno == ENOENT ? 0 : errno;
+  if (fstat(file, &made) != 0) return errno;
+  const bool same = fchown(file, wanted.st_uid, wanted.st_gid) == 0 || made.st_gid == wanted.st_gid ||
+                    fchown(file, static_cast<uid_t>(-1), wanted.st_gid) == 0;
+  return fchmod(file, wanted.st_mode & (same ? 0777u : 0700u)) == 0 ? 0 : errno;
 }
 
-// A file under its name with a ~ as well; between: a free name beside it. A former ~ is there until the new one is.
+// A copy of a file that may be read.
+int copy(const std::string &path, const std::string &to) {
+  const ConfigText former = read_text(path);
+  if (!former.reason.empty()) return EACCES;
+  const int file = open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (file < 0) return errno;
+  int error = fill(file, former.text);
+  if (error == 0) error = make_alike(file, path);
+  close(file);
+  return error;
+}
+
+// A file under its name with a ~ as well; between: a free name beside it. A former ~ is there until the new one is. The
+// kernel lets nobody link to a file that is another user's and not his to write (fs.protected_hardlinks).
 int keep(const std::string &path, const std::string &between) {
-  if (link(path.c_str(), between.c_str()) != 0) return errno == ENOENT ? 0 : errno;
+  const int unlinked = link(path.c_str(), between.c_str()) == 0 ? 0 : errno;
+  if (unlinked == ENOENT) return 0;
+  const int uncopied = unlinked == EPERM ? copy(path, between) : unlinked;
+  if (uncopied != 0) {
+    unlink(between.c_str());
+    return uncopied;
+  }
   const int error = std::rename(between.c_str(), (path + "~").c_str()) == 0 ? 0 : errno;
   unlink(between.c_str());  // still there when it failed, and when both are the same file
   return error;

@@ -24,8 +24,10 @@ say() { echo "$1 $2" >>/result; }
 holds() { what=$1; shift; if "$@" >>/log 2>&1; then say ok "$what"; else say WRONG "$what"; fi; }
 prop() { [ "$(systemctl show -P "$2" "$1")" = "$3" ]; }
 until_holds() { for i in $(seq 450); do "$@" && return 0; sleep 0.2; done; return 1; }
+prop_of_file() { [ "$(stat -c '%U %a' "$1")" = "$2" ]; }
 user_of() { [ "$(stat -c %U /proc/"$(systemctl show -P MainPID "$1")")" = "$2" ]; }
 systemd-sysusers /etc/sysusers.d/mvpn.conf
+systemd-tmpfiles --create /etc/tmpfiles.d/mvpn.conf
 ip link add core0 type veth peer name core1
 ip address add 10.0.0.1/24 dev core0
 ip link set core0 up; ip link set core1 up
@@ -46,6 +48,13 @@ for unit in pimhostd mdt-reflector; do
   holds "$unit reloads" systemctl reload $unit
   holds "$unit goes on" until_holds prop $unit ActiveState active
 done
+asked() { pimctl --control /run/mvpn/pimhostd.sock "$@"; }
+candidate() { printf 'configure exclusive\nhostname written\ncommit\nend\nwrite\n' | asked; }
+holds "an operator commits and writes" candidate
+holds "what runs is in the file" grep -q "hostname written" /etc/mvpn/pimhostd.conf
+holds "the former file is beside it" grep -q "by root" /etc/mvpn/pimhostd.conf~
+holds "nobody else reads what the daemon wrote" prop_of_file /etc/mvpn/pimhostd.conf "mvpn 600"
+holds "what was written loads" asked reload
 hung=/run/hung
 mkdir $hung
 for unit in mvpn-forwarder pimhostd mdt-reflector; do
@@ -88,9 +97,11 @@ def furnish(root):
                                           "[Unit]\nStartLimitIntervalSec=0\n")
     (root / "etc/sysusers.d").mkdir(exist_ok=True)
     shutil.copy(UNITS / "mvpn.sysusers", root / "etc/sysusers.d/mvpn.conf")
+    (root / "etc/tmpfiles.d").mkdir(exist_ok=True)
+    shutil.copy(UNITS / "mvpn.tmpfiles", root / "etc/tmpfiles.d/mvpn.conf")
     (root / "etc/mvpn").mkdir()
     (root / "etc/mvpn/pimhostd.conf").write_text(
-        "forwarding kernel\n  socket /run/mvpn-forwarder/control.sock\ninterface core0\n  ip address 10.0.0.1\n"
+        "! by root\nforwarding kernel\n  socket /run/mvpn-forwarder/control.sock\ninterface core0\n  ip address 10.0.0.1\n"
         "pim\n  ssm range 239.1.0.0/16\nvrf red\n  rd 65000:1\n  mdt default 239.1.1.1\n"
         "bgp\n  update-source core0\n")
     (root / "etc/mvpn/mdt-reflector.conf").write_text(
@@ -131,7 +142,7 @@ def main():
             said = result.read_text()
             print(said)
             if "WRONG" in said or "mvpn-forwarder stopped in order" not in said:
-                print((root / "log").read_text()[-6000:] if (root / "log").exists() else "")
+                print((root / "log").read_text()[-16000:] if (root / "log").exists() else "")
                 return 1
             return 0
         finally:
