@@ -152,6 +152,12 @@ MVPN_ENUM(mvpn_recv_join_flag_t, uint32_t){
     MVPN_RECV_JOIN_MAPPED_STARG = 2,
 };
 
+// Indexes of the contexts.
+MVPN_ENUM(mvpn_context_index_t, uint32_t){
+    MVPN_CONTEXTS_BY_MTI, MVPN_CONTEXTS_BY_MTI_IOD, MVPN_CONTEXTS_BY_MDT_GROUP, MVPN_CONTEXTS_BY_SOURCE,
+    MVPN_CONTEXT_INDEXES,  // how many there are
+};
+
 MVPN_CONSTANT(MVPN_MDT_MTU_DEFAULT, 1376);              // bytes
 MVPN_CONSTANT(MVPN_PIM_HELLO_INTERVAL_DEFAULT, 30000);  // milliseconds
 MVPN_CONSTANT(MVPN_PIM_JP_INTERVAL_DEFAULT, 60);        // seconds; also the unit of configured intervals
@@ -221,13 +227,14 @@ struct mvpn_cibtype {
   zeph_timestamp last_change_time;       // monotonic
   mvpn_last_change_t last_change_code;   // what changed then
   // Own bookkeeping behind the fields above.
-  uint64_t serial;                      // 1.., never given twice: tells a context from one that took its place
-  uint8_t unclaimed_choices;            // 1: flows may have a persisted choice and no data MDT
-  uint32_t data_mdt_join_capacity;      // bytes allocated at data_mdt_join_pkt; 0 = none
-  uint32_t data_mdt_recv_count;         // records in data_mdt_recv_cache
-  uint32_t data_mdt_recv_mapped;        // of these, records that refer to a core route
-  mvpn_refusals data_mdt_recv_refused;  // announcements dropped because the cache was full
-  mvpn_refusals data_mdt_recv_invalid;  // announcements dropped because their data group is no multicast group
+  void *index_places[MVPN_CONTEXT_INDEXES];  // where the context stands in each index, which knows what it is
+  uint64_t serial;                           // 1.., never given twice: tells a context from one that took its place
+  uint8_t unclaimed_choices;                 // 1: flows may have a persisted choice and no data MDT
+  uint32_t data_mdt_join_capacity;           // bytes allocated at data_mdt_join_pkt; 0 = none
+  uint32_t data_mdt_recv_count;              // records in data_mdt_recv_cache
+  uint32_t data_mdt_recv_mapped;             // of these, records that refer to a core route
+  mvpn_refusals data_mdt_recv_refused;       // announcements dropped because the cache was full
+  mvpn_refusals data_mdt_recv_invalid;       // announcements dropped because their data group is no multicast group
 };
 
 // Core route of a VRF. Slab object; freed by mvpn_mdt_free_route_resources only.

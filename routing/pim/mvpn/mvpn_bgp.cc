@@ -126,11 +126,29 @@ static mvpn_bgp_mdt_safi_key key_of_entry(const uint8_t *entry) {
   return key;
 }
 
+// Has the memory fetched that so many entries, at most MVPN_SAFI_EXPECTED, will need in the database and in their VRFs.
+static void expect_entries(const mvpn_bgp_mdt_safi_key *keys, uint32_t count) {
+  const mvpn_cibtype *vrfs[MVPN_SAFI_EXPECTED] = {};
+  for (uint32_t i = 0; i < count; i++) {
+    vrfs[i] = context_of_group(keys[i].mdt_grp);
+    if (vrfs[i] == nullptr) continue;
+    __builtin_prefetch(&vrfs[i]->pcib);
+    __builtin_prefetch(&vrfs[i]->mdt_route_tree);
+    __builtin_prefetch(&vrfs[i]->asm_use_shared_tree);
+  }
+  mvpn_bgp_mdt_safi_expect(keys, count);
+  for (uint32_t i = 0; i < count; i++) {
+    if (vrfs[i] == nullptr) continue;
+    __builtin_prefetch(vrfs[i]->mdt_route_tree);
+    __builtin_prefetch(&vrfs[i]->pcib->context_id);
+  }
+}
+
 // Processes neighbouring entries of a message, at most MVPN_SAFI_EXPECTED.
 static void receive_entries(const uint8_t *entries, uint32_t count) {
   mvpn_bgp_mdt_safi_key keys[MVPN_SAFI_EXPECTED] = {};
   for (uint32_t i = 0; i < count; i++) keys[i] = key_of_entry(entries + size_t{i} * BGP_MDT_SAFI_ENTRY_SIZE);
-  mvpn_bgp_mdt_safi_expect(keys, count);
+  expect_entries(keys, count);
   for (uint32_t i = 0; i < count; i++) {
     const uint8_t *entry = entries + size_t{i} * BGP_MDT_SAFI_ENTRY_SIZE;
     mvpn_bgp_update_mdt_safi(keys[i], entry[BGP_MDT_SAFI_ENTRY_ADD], entry[BGP_MDT_SAFI_ENTRY_EOR]);

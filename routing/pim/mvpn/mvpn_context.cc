@@ -8,7 +8,8 @@
 //
 // Invariants.
 //   - A context is in all four indexes or, while it is being created or freed, in none. The setters move it; they
-//     reuse its index entries, so that only the creation of a context can run out of memory.
+//     reuse its index entries, so that only the creation of a context can run out of memory. Its record knows where
+//     they are: four thousand contexts that have no tunnel yet share a value, and none is searched for among them.
 //   - Contexts may outlive a stop. The next start takes over those that still hang on a PIM context.
 //   - mvpn_mvrf_count is the number of contexts in the indexes.
 //
@@ -17,8 +18,11 @@
 // its predecessor lay: what must not go on in it compares serial numbers, not addresses.
 #include "routing/pim/mvpn/mvpn_context.h"
 
+#include <algorithm>
+#include <bit>
 #include <cstring>
 #include <initializer_list>
+#include <iterator>
 #include <new>
 #include <set>
 
@@ -134,7 +138,7 @@ struct by_value_then_name {
 };
 
 // Every context by one of its fields, contexts with the same value in VRF-name order.
-template <auto Field>
+template <auto Field, mvpn_context_index_t Index>
 class context_index {
  public:
   bool empty() const { return contexts_.empty(); }
@@ -153,15 +157,20 @@ class context_index {
     return std::pair(contexts_.lower_bound(first), contexts_.upper_bound(last));
   }
 
-  void add(mvpn_cibtype *mvpn) { contexts_.insert(entry_of(mvpn)); }  // throws std::bad_alloc
-  void drop(mvpn_cibtype *mvpn) { contexts_.erase(entry_of(mvpn)); }
+  void add(mvpn_cibtype *mvpn) { keep_place(mvpn, contexts_.insert(entry_of(mvpn)).first); }  // throws std::bad_alloc
+
+  void drop(mvpn_cibtype *mvpn) {
+    if (mvpn->index_places[Index] == nullptr) return;
+    contexts_.erase(place_of(mvpn));
+    mvpn->index_places[Index] = nullptr;
+  }
 
   void set(mvpn_cibtype *mvpn, uint32_t value) {
     if (mvpn->*Field == value) return;
-    auto entry = contexts_.extract(entry_of(mvpn));
+    auto entry = contexts_.extract(place_of(mvpn));
     mvpn->*Field = value;
     entry.value().value = value;
-    contexts_.insert(std::move(entry));
+    keep_place(mvpn, contexts_.insert(std::move(entry)).position);
   }
 
   // Keeps the contexts that PIM contexts still carry. The others may not be looked at: their VRF's record is gone.
@@ -171,26 +180,57 @@ class context_index {
     mvpn_for_each_context([&](mvpn_cibtype *mvpn) {
       auto entry = known.extract(known.begin());
       entry.value() = entry_of(mvpn);
-      contexts_.insert(std::move(entry));
+      keep_place(mvpn, contexts_.insert(std::move(entry)).position);
       return !known.empty();
     });
   }
 
  private:
   using contexts = std::set<index_entry, by_value_then_name>;
+  using place = contexts::const_iterator;
+
+  static place place_of(const mvpn_cibtype *mvpn) { return std::bit_cast<place>(mvpn->index_places[Index]); }
+  static void keep_place(mvpn_cibtype *mvpn, place at) { mvpn->index_places[Index] = std::bit_cast<void *>(at); }
 
   static index_entry entry_of(mvpn_cibtype *mvpn) { return {mvpn->*Field, mvpn->pcib->vrf_name, mvpn}; }
-  mvpn_cibtype *at(contexts::const_iterator found, uint32_t value) const {
+  mvpn_cibtype *at(place found, uint32_t value) const {
     return found != contexts_.end() && found->value == value ? found->mvpn : nullptr;
   }
 
   contexts contexts_;
 };
 
-context_index<&mvpn_cibtype::mti_ifindex> contexts_by_mti;
-context_index<&mvpn_cibtype::mti_iod> contexts_by_mti_iod;
-context_index<&mvpn_cibtype::mdt_default_group> contexts_by_mdt_group;
-context_index<&mvpn_cibtype::mdt_source_iod> contexts_by_source;
+context_index<&mvpn_cibtype::mti_ifindex, MVPN_CONTEXTS_BY_MTI> contexts_by_mti;
+context_index<&mvpn_cibtype::mti_iod, MVPN_CONTEXTS_BY_MTI_IOD> contexts_by_mti_iod;
+context_index<&mvpn_cibtype::mdt_default_group, MVPN_CONTEXTS_BY_MDT_GROUP> contexts_by_mdt_group;
+context_index<&mvpn_cibtype::mdt_source_iod, MVPN_CONTEXTS_BY_SOURCE> contexts_by_source;
+
+// The VRFs of the groups that were asked for last: each entry of each remote update asks, and its neighbours in a
+// message are of other VRFs. A change of a context makes it forget the group that the context had and the one it gets.
+class group_answers {
+ public:
+  mvpn_cibtype *context_of(ip_addr_t group) {
+    answer &latest = answer_for(group);
+    if (!latest.known || latest.group != group) latest = {group, true, contexts_by_mdt_group.first(group)};
+    return latest.mvpn;
+  }
+  void forget(ip_addr_t group) { answer_for(group) = {}; }
+  void forget_all() { std::fill(std::begin(answers_), std::end(answers_), answer{}); }
+
+ private:
+  struct answer {
+    ip_addr_t group;
+    bool known;
+    mvpn_cibtype *mvpn;  // null: the group is nobody's
+  };
+  static constexpr uint32_t bits = 12;
+  // Multiplying by 2^32 divided by the golden ratio spreads groups that count up in any of their octets.
+  answer &answer_for(ip_addr_t group) { return answers_[group * 0x9E3779B1u >> (32 - bits)]; }
+
+  answer answers_[1u << bits];
+};
+
+group_answers latest_groups;
 
 }  // namespace
 
@@ -199,6 +239,7 @@ static void drop_from_indexes(mvpn_cibtype *mvpn) {
   contexts_by_mti_iod.drop(mvpn);
   contexts_by_mdt_group.drop(mvpn);
   contexts_by_source.drop(mvpn);
+  latest_groups.forget(mvpn->mdt_default_group);
 }
 
 // 0: memory ran out, the context is in none of them.
@@ -208,6 +249,7 @@ static int add_to_indexes(mvpn_cibtype *mvpn) {
     contexts_by_mti_iod.add(mvpn);
     contexts_by_mdt_group.add(mvpn);
     contexts_by_source.add(mvpn);
+    latest_groups.forget(mvpn->mdt_default_group);
     return 1;
   } catch (const std::bad_alloc &) {
     drop_from_indexes(mvpn);
@@ -222,6 +264,7 @@ void mvpn_take_over_contexts() {
   contexts_by_mti_iod.keep_reachable();
   contexts_by_mdt_group.keep_reachable();
   contexts_by_source.keep_reachable();
+  latest_groups.forget_all();
   mvpn_mvrf_count = contexts_by_mti.size();
 }
 
@@ -322,8 +365,13 @@ void mvpn_free_context(mvpn_cibtype *mvpn) {
 
 void mvpn_set_mti_ifindex(mvpn_cibtype *mvpn, if_index_t if_index) { contexts_by_mti.set(mvpn, if_index); }
 void mvpn_set_mti_iod(mvpn_cibtype *mvpn, im_iod_t iod) { contexts_by_mti_iod.set(mvpn, iod); }
-void mvpn_set_mdt_default_group(mvpn_cibtype *mvpn, ip_addr_t group) { contexts_by_mdt_group.set(mvpn, group); }
 void mvpn_set_mdt_source_iod(mvpn_cibtype *mvpn, im_iod_t iod) { contexts_by_source.set(mvpn, iod); }
+
+void mvpn_set_mdt_default_group(mvpn_cibtype *mvpn, ip_addr_t group) {
+  latest_groups.forget(mvpn->mdt_default_group);
+  latest_groups.forget(group);
+  contexts_by_mdt_group.set(mvpn, group);
+}
 
 void mvpn_set_mti_status(mvpn_cibtype *mvpn, mvpn_mti_status_t status, const char *reason) {
   MVPN_DEBUG_DETAIL(mvpn->pcib, "MTI status %s -> %s: %s", mvpn_mti_status_str[mvpn->mti_status],
@@ -370,7 +418,7 @@ mvpn_cibtype *mvpn_get_context_by_mti_iod(im_iod_t iod) {
   return lowest;
 }
 
-mvpn_cibtype *mvpn_get_context_by_mdt_group(ip_addr_t group) { return contexts_by_mdt_group.first(group); }
+mvpn_cibtype *mvpn_get_context_by_mdt_group(ip_addr_t group) { return latest_groups.context_of(group); }
 
 mvpn_cibtype *mvpn_first_by_name(mvpn_cibtype *a, mvpn_cibtype *b) {
   if (a == nullptr || b == nullptr) return a != nullptr ? a : b;
