@@ -83,11 +83,17 @@ bool normalise(mvpn_mdt_route_addrs &addrs) {
          (is_any_source(addrs) || (addrs.source != 0 && addrs.source_len <= MROUTE_HOST_LEN));
 }
 
-Record *find_record(std::string_view vrf_name, const mvpn_mdt_route_addrs &addrs) {
+// None is usual: most VRFs of a large router have no customer routes yet when their tunnels come up.
+const Records &records_of(std::string_view vrf_name) {
+  static const Records none;
   const auto vrf = routes.by_vrf.find(vrf_name);
-  if (vrf == routes.by_vrf.end()) return nullptr;
-  const auto found = vrf->second.find(key_of(addrs));
-  return found == vrf->second.end() ? nullptr : found->second.get();
+  return vrf != routes.by_vrf.end() ? vrf->second : none;
+}
+
+Record *find_record(std::string_view vrf_name, const mvpn_mdt_route_addrs &addrs) {
+  const Records &records = records_of(vrf_name);
+  const auto found = records.find(key_of(addrs));
+  return found == records.end() ? nullptr : found->second.get();
 }
 
 // A route that the host has not asked to delete.
@@ -271,10 +277,9 @@ void check_routes(const std::string &vrf_name) {
 }
 
 bool has_flows(const std::string &vrf_name) {
-  const auto vrf = routes.by_vrf.find(vrf_name);
-  return vrf != routes.by_vrf.end() && std::any_of(vrf->second.begin(), vrf->second.end(), [](const auto &item) {
-           return item.second->route.send_join_info != nullptr;
-         });
+  const Records &records = records_of(vrf_name);
+  const auto is_flow = [](const auto &item) { return item.second->route.send_join_info != nullptr; };
+  return std::any_of(records.begin(), records.end(), is_flow);
 }
 
 void end_switchovers(const std::string &vrf_name) {
@@ -325,7 +330,7 @@ void croute_recompute_rpf(vrf_context_id_t context_id) {
   if (pcib == nullptr || pcib->route_tree == nullptr) return;
   const std::string vrf_name = pcib->vrf_name;
   std::vector<std::pair<mvpn_mdt_route_addrs, Change>> changed;
-  for (const auto &[key, record] : routes.by_vrf[vrf_name]) {
+  for (const auto &[key, record] : records_of(vrf_name)) {
     const im_iod_t iif = incoming_of(vrf_name, record->wanted.iif);
     if (iif == record->route.iif) continue;
     Change change;
@@ -353,7 +358,7 @@ void croute_attach_tunnel(pim_cibtype *pcib) {
   const std::string vrf_name = pcib->vrf_name;
   const im_iod_t tunnel = oim_working_tunnel(vrf_name);
   if (tunnel == 0) return;
-  for (const auto &[key, record] : routes.by_vrf[vrf_name]) {
+  for (const auto &[key, record] : records_of(vrf_name)) {
     if (!record->wanted.to_mvpn) continue;
     // Also of a route that kept the tunnel: a module that was stopped and started anew knows nothing of it.
     set_oif(*record, tunnel);
@@ -365,7 +370,7 @@ void croute_attach_tunnel(pim_cibtype *pcib) {
 }
 
 void croute_detach_oif(pim_cibtype *pcib, im_iod_t iod) {
-  for (const auto &[key, record] : routes.by_vrf[pcib->vrf_name]) {
+  for (const auto &[key, record] : records_of(pcib->vrf_name)) {
     clear_oif(*record, iod);
     tell_plane(pcib->vrf_name, record->route.addrs);
   }
@@ -373,7 +378,7 @@ void croute_detach_oif(pim_cibtype *pcib, im_iod_t iod) {
 
 void croute_drop_all(pim_cibtype *pcib) {
   std::vector<mvpn_mdt_route_addrs> all;
-  for (const auto &[key, record] : routes.by_vrf[pcib->vrf_name]) all.push_back(record->route.addrs);
+  for (const auto &[key, record] : records_of(pcib->vrf_name)) all.push_back(record->route.addrs);
   for (const mvpn_mdt_route_addrs &addrs : all) free_record(pcib, addrs);
   routes.by_vrf.erase(pcib->vrf_name);
 }
@@ -419,9 +424,7 @@ bool set_customer_bytes(std::string_view vrf_name, const mvpn_mdt_route_addrs &a
 
 std::vector<CustomerRoute> customer_routes(std::string_view vrf_name) {
   std::vector<CustomerRoute> all;
-  const auto vrf = routes.by_vrf.find(vrf_name);
-  if (vrf == routes.by_vrf.end()) return all;
-  for (const auto &[key, record] : vrf->second)
+  for (const auto &[key, record] : records_of(vrf_name))
     if (!record->doomed) all.push_back(record->wanted);
   return all;
 }
