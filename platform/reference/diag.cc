@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
 
 #include "platform/reference/diag.h"
 #include "platform/reference/internal.h"
@@ -46,6 +47,32 @@ struct EventHead {
   uint32_t size;              // of what follows; of a text without its padding
 };
 
+// Words that are written one after the other. They are not cleared before, which would cost as much again as writing.
+class Words {
+ public:
+  // Room for so many behind the last.
+  uint64_t *append(size_t count) {
+    if (count_ + count > room_) grow(count_ + count);
+    uint64_t *place = words_.get() + count_;
+    count_ += count;
+    return place;
+  }
+  void clear() { count_ = 0; }  // the memory stays
+  size_t size() const { return count_; }
+  const uint64_t *at(size_t place) const { return words_.get() + place; }
+
+ private:
+  void grow(size_t needed) {
+    room_ = std::max(2 * room_, needed);
+    auto grown = std::make_unique_for_overwrite<uint64_t[]>(room_);
+    std::copy_n(words_.get(), count_, grown.get());
+    words_ = std::move(grown);
+  }
+
+  std::unique_ptr<uint64_t[]> words_;
+  size_t count_ = 0, room_ = 0;
+};
+
 // Events one after the other; the older half goes at once. The memory stays, so that nothing is allocated for an event.
 class History {
  public:
@@ -56,17 +83,16 @@ class History {
       count_ = 0;
     }
     const EventHead head{event_time(), writer, static_cast<uint32_t>(size)};
-    const size_t place = latest_.size(), padded = (size + 7) / 8 * 8;
-    latest_.resize(place + (sizeof head + padded) / 8);
-    std::memcpy(&latest_[place], &head, sizeof head);
-    if (size > 0) std::memcpy(&latest_[place + sizeof head / 8], bytes, size);
+    uint64_t *place = latest_.append((sizeof head + size + 7) / 8);
+    std::memcpy(place, &head, sizeof head);
+    if (size > 0) std::memcpy(place + sizeof head / 8, bytes, size);
     count_++;
   }
 
   std::vector<Event> read() const {
     std::vector<Event> events;
-    for (const auto *half : {&older_, &latest_})
-      for (size_t at = 0; at < half->size();) at += read_one(&(*half)[at], events);
+    for (const Words *half : {&older_, &latest_})
+      for (size_t at = 0; at < half->size();) at += read_one(half->at(at), events);
     return events;
   }
 
@@ -84,7 +110,7 @@ class History {
     return (sizeof head + (head.size + 7) / 8 * 8) / 8;
   }
 
-  std::vector<uint64_t> older_, latest_;
+  Words older_, latest_;
   size_t count_ = 0;  // in latest_
 };
 

@@ -71,9 +71,10 @@ uint16_t mvpn_event_record::keep_rd(const uint8_t *rd) {
 uint16_t mvpn_event_record::keep_text(const char *text) {
   if (text == nullptr) text = "(null)";
   const uint16_t place = std::min<uint16_t>(used, SDWRAP_RECORD_MAX - 1);
-  const size_t length = strnlen(text, std::min<size_t>(SDWRAP_EVENT_TEXT_MAX, SDWRAP_RECORD_MAX - 1 - place));
+  const size_t room = std::min<size_t>(SDWRAP_EVENT_TEXT_MAX, SDWRAP_RECORD_MAX - 1 - place);
   char *copy = reinterpret_cast<char *>(this) + place;
-  std::memcpy(copy, text, length);
+  size_t length = 0;  // names and words, which a loop has copied before a function has been called
+  for (; length < room && text[length] != '\0'; length++) copy[length] = text[length];
   copy[length] = '\0';
   used = static_cast<uint16_t>(place + length + 1);
   return place;
