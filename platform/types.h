@@ -33,7 +33,7 @@
  * survive without the other: a service that is new, gone or called differently, a record or a format that is laid out
  * differently. A module carries the version that it was built for as an ELF note (owner "mvpn", type
  * PLATFORM_CONTRACT_NOTE, four bytes), so that a host can compare before it binds anything. */
-#define PLATFORM_CONTRACT_VERSION 1
+#define PLATFORM_CONTRACT_VERSION 2
 #define PLATFORM_CONTRACT_NOTE 1
 
 #ifdef __cplusplus

@@ -17,11 +17,14 @@ g++ -std=c++20 $flags -fsyntax-only -x c++ "$source"
 # A module for another version of the contract is refused by name and not by the first service that is missing.
 other=$folder/other.so
 cp "$library/libmvpn.so" "$other"
-place=$(($(LC_ALL=C grep -obUaP 'mvpn\x00\x00\x00\x00\x01\x00\x00\x00' "$other" | head -n 1 | cut -d: -f1) + 8))
+version=$(sed -n 's/^#define PLATFORM_CONTRACT_VERSION //p' "$folder/include/libmvpn/platform/types.h")
+hex=$(printf '\\x%02x' "$version")
+[ "$(readelf -d "$library/libmvpn.so" | sed -n 's/.*soname: \[\(.*\)\].*/\1/p')" = "libmvpn.so.$version" ]
+place=$(($(LC_ALL=C grep -obUaP 'mvpn\x00\x00\x00\x00'"$hex"'\x00\x00\x00' "$other" | head -n 1 | cut -d: -f1) + 8))
 printf '\007' | dd of="$other" bs=1 seek="$place" conv=notrunc 2>/dev/null
 config=$(dirname "$0")/../../examples/two-vrfs.conf
 said=$("$1/bin/pimhostd" --check-config --config "$config" --module "$other" 2>&1) && exit 1
 case $said in
-  *"version 7 of the platform contract, this host for version 1"*) ;;
+  *"version 7 of the platform contract, this host for version $version"*) ;;
   *) echo "$said"; exit 1 ;;
 esac
