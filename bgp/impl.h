@@ -57,11 +57,11 @@ class Speaker::Impl {
   PathView view_of(const Route &route, PathId id) const;
 
   void take_told();
-  void read_input();
+  void read_input(size_t most_told);
   void end_deferral();
   void deferral_expired();
   void select();
-  void tell_changes();
+  void tell_changes(size_t most);
   void write_output();
   void tell_events();
   void tell(const Event &event);

@@ -12,10 +12,13 @@ namespace bgp {
 namespace {
 
 // Shares of a turn. Larger ones cost less for each route, smaller ones let the owner's loop go on sooner.
-constexpr size_t kInputOfSession = 16 * 1024;  // octets a turn
-constexpr size_t kInputOfTurn = 32 * 1024;
-constexpr size_t kCallCost = 128;       // octets that a call of the transport is worth
-constexpr size_t kRoutesOfPeer = 1024;  // looked at for output, a turn
+struct InputShare {
+  size_t of_session, of_turn;  // octets
+};
+constexpr InputShare kInput{16 * 1024, 32 * 1024};
+constexpr InputShare kInputWhileBehind{1024, 2048};  // while the observer has more than a turn's changes to hear of
+constexpr size_t kCallCost = 128;                    // octets that a call of the transport is worth
+constexpr size_t kRoutesOfPeer = 1024;               // looked at for output, a turn
 constexpr size_t kRoutesOfTurn = 4096;
 constexpr size_t kTableOfTurn = 2048;  // swept, selected
 constexpr uint16_t kRestartTimeMost = 4095;
@@ -214,13 +217,17 @@ void Speaker::Impl::wake() {
   core.clock.wake_at(core.clock.now());
 }
 
-void Speaker::Impl::read_input() {
+// An observer that takes its time is not left far behind: routes are still at hand when it is told, a change does not
+// queue behind a whole table, and what is too much waits at the neighbours. Something is always read, since a
+// neighbour must not be taken for silent.
+void Speaker::Impl::read_input(size_t most_told) {
+  const InputShare &share = core.news.changes_left() > most_told ? kInputWhileBehind : kInput;
   size_t octets = 0;
-  for (size_t left = core.readable.size(); left > 0 && octets < kInputOfTurn; left--) {
+  for (size_t left = core.readable.size(); left > 0 && octets < share.of_turn; left--) {
     if (core.readable.empty()) return;  // sessions that ended take others with them
     Session *session = core.readable.front();
     core.readable.erase(core.readable.begin());
-    const size_t read = session->read(kInputOfSession);
+    const size_t read = session->read(share.of_session);
     if (read > 0) session->note_readable();
     octets += read + kCallCost;
   }
@@ -249,10 +256,10 @@ void Speaker::Impl::select() {
   for (const auto &[address, peer] : peers_) peer->start_output();
 }
 
-void Speaker::Impl::tell_changes() {
+void Speaker::Impl::tell_changes(size_t most) {
   changes_.clear();
   Table &table = core.table;
-  while (changes_.size() < kBestBatch) {
+  while (changes_.size() < most) {
     const RouteId id = core.news.next();
     if (id == 0) break;
     const Route &route = table.route(id);
@@ -318,11 +325,12 @@ bool Speaker::Impl::work_left() const {
 void Speaker::Impl::run() {
   awake_ = true;  // what is asked for during the turn is seen at its end
   core.timers.set_now(core.clock.now());
+  const size_t most_told = core.observer.best_batch();
   take_told();
-  read_input();
+  read_input(most_told);
   core.timers.run();
   select();
-  tell_changes();
+  tell_changes(most_told);
   write_output();
   core.table.trim();
   core.graveyard.clear();

@@ -87,12 +87,16 @@ struct BestChange {
 
 enum class LogLevel : uint8_t { debug, info, warning, error };
 
+inline constexpr size_t kBestBatch = 100;  // an observer does far more for each than the speaker
+
 // What the embedding wants to know. Called from within Speaker::run and the event functions, never from set_neighbor,
 // originate and their like; may read the speaker and originate, withdraw or change neighbours.
 class Observer {
  public:
   virtual ~Observer() = default;
-  virtual void best_changed(std::span<const BestChange>) {}  // at most kBestBatch at a time
+  virtual void best_changed(std::span<const BestChange>) {}  // at most best_batch() at a time, in a turn
+  // How many changes it takes in a turn, at least 1. Asked in every turn.
+  virtual size_t best_batch() const { return kBestBatch; }
   virtual void session_changed(Ipv4 neighbor, State from, State to, std::string_view reason) {
     (void)neighbor, (void)from, (void)to, (void)reason;
   }
@@ -107,7 +111,6 @@ class Observer {
     return 0;
   }
 };
-inline constexpr size_t kBestBatch = 100;  // an observer does far more for each than the speaker
 
 // ------------------------------------------------------------------------------------------------------------- views
 

@@ -370,8 +370,6 @@ void ChangeReader::start_walk() {
   walk_end_ = table_.end();
 }
 
-bool ChangeReader::behind() const { return walking() || position_ < log_end(); }
-
 RouteId ChangeReader::next_change() {
   while (position_ < log_end()) {
     const uint64_t position = position_++;

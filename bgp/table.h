@@ -185,7 +185,9 @@ class ChangeReader {
 
   void start_walk();  // over all routes; changes of routes that the walk still comes to are left to it
   bool walking() const { return walk_ < walk_end_; }
-  bool behind() const;  // there is something to read
+  bool behind() const { return walking() || changes_left() > 0; }  // there is something to read
+  // Places in the log that it has not passed; a route may stand at several.
+  size_t changes_left() const { return static_cast<size_t>(log_end() - position_); }
   uint64_t position() const { return position_; }
   uint64_t log_end() const { return table_.log_start_ + table_.log_.size(); }
 

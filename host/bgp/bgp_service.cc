@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::chrono::seconds kListenRetry{5};  // an address that comes later is soon served, a log is not filled
 constexpr uint16_t kDeferralLeast = 30;          // seconds
+constexpr size_t kUnheardBatch = 4096;           // changes that a turn passes over when nobody wants them
 
 bool same(const bgp::SpeakerConfig &a, const bgp::SpeakerConfig &b) {
   return a.local_as == b.local_as && a.router_id == b.router_id && a.cluster_id == b.cluster_id &&
@@ -153,6 +154,9 @@ void BgpService::listen() {
 void BgpService::best_changed(std::span<const bgp::BestChange> changes) {
   if (callbacks_.best_changed) callbacks_.best_changed(changes);
 }
+
+// Nobody is kept waiting when nobody wants to know.
+size_t BgpService::best_batch() const { return callbacks_.best_batch ? callbacks_.best_batch() : kUnheardBatch; }
 
 void BgpService::end_of_rib(bgp::Ipv4 neighbor) {
   if (callbacks_.end_of_rib) callbacks_.end_of_rib(neighbor);

@@ -21,6 +21,7 @@ class BgpService final : bgp::Observer {
     bgp::AsioTransport::Enter enter;  // around everything that happens from the event loop
     // As bgp::Observer has them; empty: nobody wants to know.
     std::function<void(std::span<const bgp::BestChange>)> best_changed = {};
+    std::function<size_t()> best_batch = {};
     std::function<void(bgp::Ipv4 neighbor)> end_of_rib = {};
     std::function<void()> began = {};     // there is a speaker, without routes
     std::function<void()> ends = {};      // there will be none any more, nor any of its routes
@@ -58,6 +59,7 @@ class BgpService final : bgp::Observer {
 
  private:
   void best_changed(std::span<const bgp::BestChange> changes) override;
+  size_t best_batch() const override;
   void session_changed(bgp::Ipv4 neighbor, bgp::State from, bgp::State to, std::string_view reason) override;
   void end_of_rib(bgp::Ipv4 neighbor) override;
   void log(bgp::LogLevel level, std::string_view line) override;

@@ -14,6 +14,17 @@ namespace host {
 
 using std::chrono::nanoseconds;
 
+namespace {
+
+// Processor time of this process so far, all threads.
+std::chrono::duration<double> computed() {
+  timespec time{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+  return std::chrono::seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
+}
+
+}  // namespace
+
 Loop::Loop() : timer_(io_), started_(time(nullptr)) {
   ref::reset();
   ref::keep_records(false);
@@ -33,6 +44,7 @@ Loop::Turn::Turn(Loop &loop) : loop_(loop) {
   ref::main_acquire();
   loop_.working_ = true;
   loop_.turn_began_ = std::chrono::steady_clock::now();
+  loop_.computed_when_turn_began_ = computed();
 }
 
 Loop::Turn::~Turn() {
@@ -64,6 +76,7 @@ void Loop::measure_turn() {
   for (auto &[bound, count] : turn_times_.buckets) count += took.count() <= bound ? 1 : 0;
   turn_times_.count++;
   turn_times_.sum += took.count();
+  last_turn_ = computed() - computed_when_turn_began_;
 }
 
 void Loop::set_timer() {

@@ -44,6 +44,9 @@ class Loop {
 
   // How long turns took, in seconds of real time.
   const metrics::Histogram &turn_times() const { return turn_times_; }
+  uint64_t turns() const { return turn_times_.count; }  // that have ended
+  // Processor time that this process took in the last turn: what the turn cost, whatever else the machine had to do.
+  std::chrono::duration<double> last_turn() const { return last_turn_; }
   // When this was made, in seconds since 1970.
   int64_t started() const { return started_; }
 
@@ -64,7 +67,23 @@ class Loop {
   std::function<void()> turn_end_;
   int depth_ = 0;
   std::chrono::steady_clock::time_point turn_began_;
-  metrics::Histogram turn_times_{{{0.0001, 0}, {0.001, 0}, {0.01, 0}, {0.1, 0}, {1, 0}, {10, 0}}, 0, 0};
+  std::chrono::duration<double> computed_when_turn_began_{0};
+  std::chrono::duration<double> last_turn_{0};
+  // Close to each other where turns ought to end, far apart beyond.
+  metrics::Histogram turn_times_{{{0.0001, 0},
+                                  {0.0002, 0},
+                                  {0.0005, 0},
+                                  {0.001, 0},
+                                  {0.0015, 0},
+                                  {0.002, 0},
+                                  {0.003, 0},
+                                  {0.005, 0},
+                                  {0.01, 0},
+                                  {0.1, 0},
+                                  {1, 0},
+                                  {10, 0}},
+                                 0,
+                                 0};
   const int64_t started_;
   std::optional<std::chrono::nanoseconds> armed_for_;  // platform time
   double armed_scale_ = 0;

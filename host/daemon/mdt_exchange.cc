@@ -53,17 +53,24 @@ class RemoteChanges {
 // After this the module has had its time to advertise what it had before a restart.
 constexpr std::chrono::seconds kPatience{30};
 
+// A message to the module has a hundred entries: whole messages, or less than one.
+constexpr size_t kMessage = 100, kLeastBatch = 10, kMostBatch = 10 * kMessage;
+constexpr std::chrono::duration<double> kTurn(0.0005);  // that a turn may take, roughly
+
 }  // namespace
 
 MdtExchange::MdtExchange(Loop &loop, bool restarting, EventBus &events, LogLine log)
-    : patience_(loop.io()), bgp_(loop.io(), callbacks(loop, events, std::move(log)), restarting) {
+    : loop_(loop),
+      batch_(kMessage),
+      patience_(loop.io()),
+      bgp_(loop.io(), callbacks(events, std::move(log)), restarting) {
   ref::set_bgp_local_sink([this](const ref::MdtSafi &entry, bool add) { local_changed(entry, add); });
   ref::set_bgp_remote_table(this);
   if (!restarting) return;
   patience_.expires_after(kPatience);
-  patience_.async_wait([this, &loop](const boost::system::error_code &error) {
+  patience_.async_wait([this](const boost::system::error_code &error) {
     if (error) return;
-    Loop::Turn turn(loop);
+    Loop::Turn turn(loop_);
     complete();
   });
 }
@@ -73,13 +80,14 @@ MdtExchange::~MdtExchange() {
   ref::set_bgp_local_sink(nullptr);
 }
 
-BgpService::Callbacks MdtExchange::callbacks(Loop &loop, EventBus &events, LogLine log) {
+BgpService::Callbacks MdtExchange::callbacks(EventBus &events, LogLine log) {
   BgpService::Callbacks callbacks;
-  callbacks.enter = [&loop](const std::function<void()> &work) {
-    Loop::Turn turn(loop);
+  callbacks.enter = [this](const std::function<void()> &work) {
+    Loop::Turn turn(loop_);
     work();
   };
   callbacks.best_changed = [this](std::span<const bgp::BestChange> changes) { best_changed(changes); };
+  callbacks.best_batch = [this] { return best_batch(); };
   callbacks.end_of_rib = [](bgp::Ipv4) { ref::bgp_end_of_rib(); };
   callbacks.began = [this] {
     for (const auto &[key, vrfs] : local_) originate(key);
@@ -139,6 +147,8 @@ void MdtExchange::complete() {
 // ----------------------------------------------------------------------------------------------- the others' routes
 
 void MdtExchange::best_changed(std::span<const bgp::BestChange> changes) {
+  handed_ = changes.size();
+  handed_turn_ = loop_.turns() + 1;  // the present one is counted when it ends
   RemoteChanges remote(changes.size());
   for (const bgp::BestChange &change : changes) {
     const bool wanted = change.present && !change.local, known = change.former != 0;
@@ -147,6 +157,17 @@ void MdtExchange::best_changed(std::span<const bgp::BestChange> changes) {
     if (known) remote.add(entry_of(nlri.key, change.former), false);
     if (wanted) remote.add(entry_of(nlri.key, nlri.group), true);
   }
+}
+
+// What a turn with so many took says how many fit into one: a route costs the module ten times as much with a thousand
+// VRFs as with none, and the memory that it takes may be new.
+size_t MdtExchange::best_batch() {
+  if (handed_ != batch_ || handed_turn_ != loop_.turns()) return batch_;
+  constexpr double kGrowth = 2;
+  const double fits = static_cast<double>(batch_) * std::min(kTurn / loop_.last_turn(), kGrowth);
+  batch_ = std::clamp(static_cast<size_t>(fits), kLeastBatch, kMostBatch);
+  if (batch_ > kMessage) batch_ -= batch_ % kMessage;
+  return batch_;
 }
 
 void MdtExchange::forget_remote() {

@@ -35,7 +35,8 @@ class MdtExchange : private ref::RemoteTable {
   bool holds(const ref::MdtSafi &entry) const override;
   void visit(const std::function<void(const ref::MdtSafi &)> &visitor) const override;
 
-  BgpService::Callbacks callbacks(Loop &loop, EventBus &events, LogLine log);
+  BgpService::Callbacks callbacks(EventBus &events, LogLine log);
+  size_t best_batch();
   void local_changed(const ref::MdtSafi &entry, bool add);
   void originate(const bgp::RouteKey &key);
   void best_changed(std::span<const bgp::BestChange> changes);
@@ -43,6 +44,10 @@ class MdtExchange : private ref::RemoteTable {
   void await(const Config &config);
   void complete();
 
+  Loop &loop_;
+  size_t batch_;                                                     // changes that the module may be given in a turn
+  size_t handed_ = 0;                                                // that it was given last
+  uint64_t handed_turn_ = 0;                                         // when, in turns of the loop
   std::map<bgp::RouteKey, std::map<std::string, bgp::Ipv4>> local_;  // what the module advertises: VRFs, their groups
   std::set<std::string> awaited_;  // VRFs that the module has not advertised yet, after a restart
   boost::asio::steady_timer patience_;

@@ -558,6 +558,7 @@ TEST_F(Routes, ATurnIsBounded) {
     (*node)->readable(1);
     (*node)->run();
     EXPECT_LE(node->changes - seen, bgp::kBestBatch);
+    EXPECT_LE((*node)->sizes().routes - node->changes, 2000U) << "an observer is not left a whole table behind";
     seen = node->changes;
     ASSERT_LT(turns, 1000U);
   }
