@@ -153,9 +153,10 @@ void bring_up(benchmark::State &state) {
     world->add_vrfs(0, vrfs);
     state.ResumeTiming();
     world->end_replay();
-    // Counting the routes takes its time with many of them: only once the last VRF is up.
+    // Counting the routes takes its time with many of them: only once all of them should be there.
     world->run_until([vrfs] {
-      return bench::World::mvpn(vrfs - 1)->mti_status == MVPN_MTI_UP && ref::mrib_routes().size() == vrfs;
+      return bench::World::mvpn(vrfs - 1)->mti_status == MVPN_MTI_UP && bench::World::is_idle() &&
+             ref::mrib_routes().size() == vrfs;
     });
     state.PauseTiming();
     world.reset();

@@ -97,11 +97,11 @@ void World::turn() {
   ref::main_acquire();
 }
 
-void World::idle() {
-  run_until([] {
-    return mvpn_mrib_info->work_pending == 0 && rqueue_count(&mvpn_mrib_info->free_buffers) == MVPN_MRIB_BUFFERS;
-  });
+bool World::is_idle() {
+  return mvpn_mrib_info->work_pending == 0 && rqueue_count(&mvpn_mrib_info->free_buffers) == MVPN_MRIB_BUFFERS;
 }
+
+void World::idle() { run_until(is_idle); }
 
 std::vector<uint8_t> remote_update(uint32_t first_source, uint32_t count, ip_addr_t group, bool add) {
   std::vector<uint8_t> payload(BGP_MDT_SAFI_COUNT_SIZE + size_t{count} * BGP_MDT_SAFI_ENTRY_SIZE);

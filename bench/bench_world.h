@@ -34,6 +34,7 @@ class World {
   void turn();
   // Runs until the route work is done and acknowledged.
   void idle();
+  static bool is_idle();
   // A configuration command of VRF "vrf<number>".
   void command(const char *handler, uint32_t number, std::vector<ref::CliArgument> arguments);
 

@@ -235,31 +235,32 @@ void unindex(const Tunnel &tunnel) {
   if (found != last) state.by_destination.erase(found);
 }
 
-bool indexed_alike(const Tunnel &a, const Tunnel &b) {
-  return a.vrf_name == b.vrf_name && a.destination == b.destination;
-}
-
-void store(const Tunnel &tunnel) {
-  const auto [at, is_new] = state.tunnels.try_emplace(tunnel.if_index, tunnel);
-  if (is_new || !indexed_alike(at->second, tunnel)) {
-    if (!is_new) unindex(at->second);
-    index(tunnel);
-  }
-  at->second = tunnel;
+// What a tunnel's interface and everybody else follow when the tunnel is new or has changed.
+void tunnel_changed(const Tunnel &tunnel) {
   im_note_change();
-  if (Interface *interface = im_find(tunnel.iod)) {
-    interface->mtu = tunnel.mtu;
-    const vrf_context_id_t context_id = l3vm_find(tunnel.vrf_name);
-    if (context_id != VRF_CONTEXT_ID_NONE) interface->context_id = context_id;
-  }
+  if (Interface *interface = im_find(tunnel.iod)) interface->mtu = tunnel.mtu;
   tell_plane(tunnel);
   changed();
 }
 
+// Puts another description in a tunnel's place.
+void describe_anew(Tunnel &tunnel, const Tunnel &described) {
+  const bool moved = tunnel.vrf_name != described.vrf_name;
+  if (moved || tunnel.destination != described.destination) {
+    unindex(tunnel);
+    index(described);
+  }
+  tunnel = described;
+  const vrf_context_id_t context_id = moved ? l3vm_find(tunnel.vrf_name) : vrf_context_id_t{VRF_CONTEXT_ID_NONE};
+  Interface *interface = im_find(tunnel.iod);
+  if (interface != nullptr && context_id != VRF_CONTEXT_ID_NONE) interface->context_id = context_id;
+  tunnel_changed(tunnel);
+}
+
 constexpr uint32_t default_mtu = 1500;  // of a tunnel that was given none
 
-// Adds the interface of a new tunnel and the tunnel itself; false when the interface manager refuses it.
-bool add_tunnel(Tunnel tunnel) {
+// Adds the interface of a new tunnel and the tunnel itself; its ordinal, 0 when the interface manager refuses it.
+im_iod_t add_tunnel(Tunnel tunnel) {
   Interface interface;
   interface.name = oim_print_ifname(tunnel.if_index);
   interface.iod = tunnel.iod;
@@ -268,36 +269,34 @@ bool add_tunnel(Tunnel tunnel) {
   interface.mvpn_tunnel = true;
   interface.up = tunnel.up;
   tunnel.iod = im_add(interface);
-  if (tunnel.iod == 0) return false;
-  store(tunnel);
-  return true;
-}
-
-uint32_t create(const Described &request, im_iod_t *iod) {
-  const auto existing = state.tunnels.find(request.if_index);
-  const bool known = existing != state.tunnels.end();
-  Tunnel tunnel;
-  if (known) tunnel = existing->second;
-  if (!known) {
-    tunnel.if_index = request.if_index;
-    tunnel.iod = request.iod;
-    tunnel.mtu = default_mtu;
-  }
-  if (!apply_params(tunnel, request)) return EINVAL;
-  if (known) store(tunnel);
-  if (!known && (l3vm_find(tunnel.vrf_name) == VRF_CONTEXT_ID_NONE || !add_tunnel(tunnel))) return ENOENT;
-  *iod = state.tunnels.at(request.if_index).iod;
-  return 0;
+  if (tunnel.iod == 0) return 0;
+  index(tunnel);
+  state.tunnels[tunnel.if_index] = tunnel;
+  tunnel_changed(tunnel);
+  return tunnel.iod;
 }
 
 uint32_t modify(const Described &request, im_iod_t *iod) {
   const auto existing = state.tunnels.find(request.if_index);
   if (existing == state.tunnels.end()) return ENOENT;
-  Tunnel tunnel = existing->second;
-  *iod = tunnel.iod;
-  if (!apply_params(tunnel, request)) return EINVAL;
-  store(tunnel);
+  Tunnel described = existing->second;
+  *iod = described.iod;
+  if (!apply_params(described, request)) return EINVAL;
+  describe_anew(existing->second, described);
   return 0;
+}
+
+uint32_t create(const Described &request, im_iod_t *iod) {
+  if (state.tunnels.contains(request.if_index)) return modify(request, iod);
+  Tunnel tunnel;
+  tunnel.if_index = request.if_index;
+  tunnel.iod = request.iod;
+  tunnel.mtu = default_mtu;
+  if (!apply_params(tunnel, request)) return EINVAL;
+  if (l3vm_find(tunnel.vrf_name) == VRF_CONTEXT_ID_NONE) return ENOENT;
+  const im_iod_t added = add_tunnel(std::move(tunnel));
+  if (added != 0) *iod = added;
+  return added != 0 ? 0 : ENOENT;
 }
 
 // A tunnel that is not there is as deleted as one can be.
@@ -554,7 +553,7 @@ if_index_t create_orphan_tunnel(uint32_t table_id) {
   if (if_index_overlay_cli_init(&tunnel.if_index, IF_INDEX_OVERLAY_MVPN, table_id) != 0) return 0;
   tunnel.admin_up = 1;
   tunnel.mtu = default_mtu;
-  return !state.tunnels.contains(tunnel.if_index) && add_tunnel(tunnel) ? tunnel.if_index : 0;
+  return !state.tunnels.contains(tunnel.if_index) && add_tunnel(tunnel) != 0 ? tunnel.if_index : 0;
 }
 
 void report_tunnel_state(std::string_view vrf_name, bool up) {
