@@ -190,7 +190,9 @@ class AgentX::Impl {
  public:
   Impl(boost::asio::io_context &io, std::string address, std::shared_ptr<Main> main, Options options);
   ~Impl();
-  void notify(const Notification &notification);
+  // stands_for: how many are lost when it is.
+  void notify(const Notification &notification, uint64_t stands_for = 1);
+  void tell_lost(uint64_t count);
 
  private:
   using Descriptor = boost::asio::posix::stream_descriptor;
@@ -207,7 +209,7 @@ class AgentX::Impl {
     const Scalar *scalar;
   };
 
-  void send(netsnmp_variable_list *list);
+  bool send(netsnmp_variable_list *list);
   void start_library(const Options &options);
   void set_options();
   static void set_intervals(int retry_seconds);
@@ -435,8 +437,9 @@ bool append(netsnmp_variable_list **list, const Oid &name, cli_mib_syntax syntax
 
 }  // namespace
 
-// The session of the subagent makes an AgentX Notify of it; without a session it goes nowhere.
-void AgentX::Impl::notify(const Notification &notification) {
+// The session of the subagent makes an AgentX Notify of it; without a session it goes nowhere. What the library says of
+// each that fails would be a line each: the first is told, and how many it were at the end.
+void AgentX::Impl::notify(const Notification &notification, uint64_t stands_for) {
   static constexpr oid trap_name[] = {1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};  // snmpTrapOID.0
   const Oid value = oid_under(kNotifications, {notification.arc});
   netsnmp_variable_list *list = nullptr;
@@ -444,23 +447,27 @@ void AgentX::Impl::notify(const Notification &notification) {
                                          value.size() * sizeof value[0]) != nullptr;
   for (const Notification::Object &object : notification.objects)
     whole = whole && append(&list, oid_under(kNotifyObjects, {object.arc, 0}), object.syntax, object.text);
-  if (whole) send(list);
+  const bool sent = !whole || send(list);
   snmp_free_varbind(list);
+  if (sent) return tell_lost(std::exchange(failed_, 0));
+  if (failed_ == 0) Main::log(main_, "SNMP: notifications are lost: " + failure_);
+  failed_ += stands_for;
 }
 
-// What the library says of each that fails would be a line each: the first is told, and how many it were at the end.
-void AgentX::Impl::send(netsnmp_variable_list *list) {
+// False: it failed, and failure_ says why.
+bool AgentX::Impl::send(netsnmp_variable_list *list) {
   sending_ = true;
   failure_.clear();
   send_v2trap(list);
   sending_ = false;
-  if (!failure_.empty()) {
-    if (failed_++ == 0) Main::log(main_, "SNMP: notifications are lost: " + failure_);
-    return;
-  }
-  if (failed_ > 0)
-    Main::log(main_, "SNMP: the master takes notifications again; " + std::to_string(failed_) + " were lost");
-  failed_ = 0;
+  return failure_.empty();
+}
+
+// Managers are told as well: what they know is out of date, and tables say how it is now.
+void AgentX::Impl::tell_lost(uint64_t count) {
+  if (count == 0) return;
+  Main::log(main_, "SNMP: the master takes notifications again; " + std::to_string(count) + " were lost");
+  notify(lost_notification(count), count);
 }
 
 // ------------------------------------------------------------------------------------------------------------- loop
@@ -595,9 +602,9 @@ void AgentX::Worker::notify(Notification notification) {
   boost::asio::post(shared_->io, [shared = shared_.get(), notification = std::move(notification)] {
     const size_t left = --shared->waiting;
     const uint64_t lost = left == 0 ? shared->lost.exchange(0) : 0;
-    if (lost > 0)
-      Main::log(shared->main, "SNMP: the master takes notifications again; " + std::to_string(lost) + " were lost");
-    if (shared->impl != nullptr) shared->impl->notify(notification);
+    if (shared->impl == nullptr) return;
+    shared->impl->tell_lost(lost);
+    shared->impl->notify(notification);
   });
 }
 

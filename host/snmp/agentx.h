@@ -34,7 +34,7 @@ class AgentX {
 
   // Tells managers of something, by way of the master; on the thread that constructs. Returns at once. It is lost while
   // the master is away, and when more than kMostWaiting wait for one that is slow; the log says when that begins, and
-  // how many were lost when it ends.
+  // log and managers are told how many were lost when it ends.
   static constexpr size_t kMostWaiting = 1000;
   void notify(Notification notification);
 

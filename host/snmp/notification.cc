@@ -1,10 +1,12 @@
 // The values of notifications, in the order in which the MIB lists them. Enumerations are written as their numbers.
 #include "host/snmp/notification.h"
 
+#include <algorithm>
+
 namespace host::snmp {
 namespace {
 
-enum NotificationArc : uint32_t { kVrfStatusChange = 1, kDataMdtChange = 2 };
+enum NotificationArc : uint32_t { kVrfStatusChange = 1, kDataMdtChange = 2, kNotificationsLost = 3 };
 enum ObjectArc : uint32_t {
   kVrf = 1,
   kFormerStatus = 2,
@@ -15,6 +17,7 @@ enum ObjectArc : uint32_t {
   kSource = 7,
   kGroup = 8,
   kDataGroup = 9,
+  kLost = 10,
 };
 
 // Enumerations of the MIB.
@@ -40,6 +43,11 @@ Notification data_mdt_notification(const DataMdtUse &use) {
            {kSource, CLI_MIB_ADDRESS, use.source},
            {kGroup, CLI_MIB_ADDRESS, use.group},
            {kDataGroup, CLI_MIB_ADDRESS, use.mdt_group}}};
+}
+
+Notification lost_notification(uint64_t count) {
+  const uint64_t shown = std::min<uint64_t>(count, UINT32_MAX);
+  return {kNotificationsLost, {{kLost, CLI_MIB_UNSIGNED, std::to_string(shown)}}};
 }
 
 }  // namespace host::snmp

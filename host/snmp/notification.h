@@ -39,6 +39,9 @@ struct DataMdtUse {
 };
 Notification data_mdt_notification(const DataMdtUse &use);
 
+// So many were lost: what managers know may be out of date. Told up to 4294967295.
+Notification lost_notification(uint64_t count);
+
 }  // namespace host::snmp
 
 #endif  // HOST_SNMP_NOTIFICATION_H
