@@ -68,6 +68,7 @@ void Watcher::touch(Vrfs::value_type &vrf) {
 void Watcher::settle() {
   settle_feature();
   last_touched_ = nullptr;
+  when_ = {};
   if (touched_.empty()) return;
   std::vector<Vrfs::value_type *> touched = std::exchange(touched_, {});
   for (Vrfs::value_type *vrf : touched) {
@@ -208,11 +209,14 @@ void Watcher::core_route_joined(vrf_context_id_t owner, ip_addr_t source, ip_add
   bus_.publish({.what = DataMdtChange{vrf, false, joined, 0, 0, source, group}, .level = Level::info});
 }
 
+// Hundreds in a turn share one look at the clock.
 void Watcher::remote_entry_changed(const ref::MdtSafi &entry, bool present) {
+  if (when_ == std::chrono::system_clock::time_point{}) when_ = std::chrono::system_clock::now();
   const auto vrf = by_group_.find(entry.group);
   bus_.publish({.what = PeChange{entry.source, mvpn_bgp_print_rd(entry.rd), entry.group,
                                  vrf == by_group_.end() ? "" : vrf->second, present},
-                .level = Level::info});
+                .level = Level::info,
+                .when = when_});
 }
 
 void Watcher::store_changed(const std::string &failure) {

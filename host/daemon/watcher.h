@@ -8,6 +8,7 @@
 #ifndef HOST_DAEMON_WATCHER_H
 #define HOST_DAEMON_WATCHER_H
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <string>
@@ -99,6 +100,7 @@ class Watcher : private ref::Observer {
   std::map<Flow, ip_addr_t> flows_;                      // with their data groups
   std::map<Joined, std::string> joined_;                 // with the VRF's name
   bool feature_ = true;
+  std::chrono::system_clock::time_point when_ = {};  // of this turn's changes of PEs; none yet: the clock's first
   std::string store_failure_;
 };
 
