@@ -16,6 +16,12 @@ namespace {
 
 bool is_aligned(const void *at) { return reinterpret_cast<uintptr_t>(at) % alignof(std::max_align_t) == 0; }
 
+// The size of a type is a multiple of what it has to be aligned to.
+bool is_aligned_for(size_t size, const void *at) {
+  const size_t alignment = std::min(size & -size, alignof(std::max_align_t));
+  return reinterpret_cast<uintptr_t>(at) % alignment == 0;
+}
+
 bool is_zero(const void *at, size_t size) {
   const auto *bytes = static_cast<const uint8_t *>(at);
   return std::all_of(bytes, bytes + size, [](uint8_t byte) { return byte == 0; });
@@ -33,7 +39,7 @@ slab_handle make_slab(size_t size) {
 }  // namespace
 
 CHECK(mem, "slab objects are distinct, aligned and zero-filled, also those that were used before") {
-  for (const size_t size : {size_t{1}, size_t{24}, size_t{4100}}) {
+  for (const size_t size : {size_t{1}, size_t{24}, size_t{32}, size_t{4100}}) {
     slab_handle slab = make_slab(size);
     REQUIRE(slab != nullptr);
     for (int round = 0; round < 2; round++) {
@@ -41,7 +47,7 @@ CHECK(mem, "slab objects are distinct, aligned and zero-filled, also those that 
       for (void *&object : objects) {
         object = platform.slab_calloc(slab);
         REQUIRE(object != nullptr);
-        EXPECT(is_aligned(object));
+        EXPECT(is_aligned_for(size, object));
         EXPECT(is_zero(object, size));
         std::memset(object, 0xA5, size);
       }

@@ -23,7 +23,8 @@ void slab_set_attr(struct slab_attr *attr, uint32_t kind, uint32_t flags);
  * name: copied. Result: a handle, 0 on failure. */
 slab_handle slab_create(size_t object_size, uint16_t count, const struct slab_attr *attr, const char *name);
 
-/* A zero-filled object, aligned for any type; null when memory ran out. The caller gives it back with slab_free. */
+/* A zero-filled object, aligned for any type of its size; null when memory ran out. The caller gives it back with
+ * slab_free. */
 void *slab_calloc(slab_handle slab);
 
 /* Gives an object back to the slab that it came from. */

@@ -34,7 +34,7 @@ constexpr size_t page_octets = size_t{64} << 10;  // also the alignment of a pag
 constexpr size_t large_page = size_t{2} << 20;    // of the system
 constexpr size_t chunk_pages = 64;                // asked of the system at a time
 constexpr size_t warm_pages = 32;                 // free ones that keep their memory
-constexpr size_t grain = alignof(std::max_align_t);
+constexpr size_t grain = sizeof(void *);  // objects end with their page: those of 16 octets, or 32, are aligned as much
 constexpr size_t largest = page_octets / 4;  // of several objects in a page; a larger one is alone
 
 // The head of a page; its objects follow.
