@@ -212,12 +212,12 @@ mvpn_cibtype *receiving_vrf(uint16_t iod) {
 
 void take_entries(mvpn_cibtype *mvpn, const uint8_t *entry, uint32_t remaining, ip_addr_t peer) {
   const mvpn_vrf_handle vrf(mvpn);
-  for (; remaining >= kEntrySize && vrf.same(); remaining -= kEntrySize, entry += kEntrySize) {
+  for (; remaining >= kEntrySize; remaining -= kEntrySize, entry += kEntrySize) {
     mvpn_data_mdt_join join;
     if (!read_entry(entry, &join)) continue;
     MVPN_DEBUG_DETAIL(mvpn->pcib, "MDT Join Entry: c_src = %s, c_grp = %s, p_grp = %s", ip_print_addr(join.c_src),
                       ip_print_addr(join.c_grp), ip_print_addr(join.p_grp));
-    mvpn_add_data_mdt_recv_join_info(mvpn, join, peer);
+    if (mvpn_add_data_mdt_recv_join_info(mvpn, join, peer) && !vrf.same()) return;
   }
 }
 

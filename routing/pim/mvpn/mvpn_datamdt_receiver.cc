@@ -295,10 +295,10 @@ static Record *mvpn_create_data_mdt_recv_join_info(mvpn_cibtype *mvpn, const mvp
   return record;
 }
 
-void mvpn_add_data_mdt_recv_join_info(mvpn_cibtype *mvpn, const mvpn_data_mdt_join &join, ip_addr_t p_src) {
+bool mvpn_add_data_mdt_recv_join_info(mvpn_cibtype *mvpn, const mvpn_data_mdt_join &join, ip_addr_t p_src) {
   if (!mvpn_is_multicast(join.p_grp)) {
     note_invalid_group(mvpn, join.p_grp, p_src);
-    return;
+    return false;
   }
   // Only the PE towards the source is believed.
   if (join.c_src != 0) {
@@ -306,13 +306,13 @@ void mvpn_add_data_mdt_recv_join_info(mvpn_cibtype *mvpn, const mvpn_data_mdt_jo
     const pim_route *croute = pim_get_route_from_pt(mvpn->pcib, &addrs);
     if (croute != nullptr && croute->rpf_neighbor != p_src) {
       MVPN_DEBUG(mvpn->pcib, "RPF check for %s differs from %s", mrib_print_addrs(&addrs), ip_print_addr(p_src));
-      return;
+      return false;
     }
   }
   Record *record = mvpn_get_data_mdt_recv_join_info(mvpn, join.c_src, join.c_grp, p_src);
   if (record != nullptr && record->p_grp == join.p_grp) {
     mvpn_update_data_mdt_recv_join_stats_info(mvpn, 0, record);
-    return;
+    return false;
   }
   if (record != nullptr)
     mvpn_destroy_data_mdt_recv_join_info(mvpn, record);
@@ -320,6 +320,7 @@ void mvpn_add_data_mdt_recv_join_info(mvpn_cibtype *mvpn, const mvpn_data_mdt_jo
     MVPN_DEBUG(mvpn->pcib, "Creating new receive cache mapping c_src %s, c_grp %s, p_src %s p_grp %s",
                ip_print_addr(join.c_src), ip_print_addr(join.c_grp), ip_print_addr(p_src), ip_print_addr(join.p_grp));
   mvpn_create_data_mdt_recv_join_info(mvpn, join, p_src);
+  return true;
 }
 
 Record *mvpn_get_data_mdt_recv_join_info(mvpn_cibtype *mvpn, ip_addr_t c_src, ip_addr_t c_grp, ip_addr_t p_src) {

@@ -8,9 +8,9 @@ constexpr uint32_t MVPN_RECV_KEY_BYTES = 12;  // customer group, customer source
 
 extern pt_attr *mvpn_data_mdt_info_pt_attr;  // of every VRF's receive cache
 
-// An announcement was heard from a PE. destroy: the core route of a data MDT goes with its last referer. cache:
-// the announcements of one PE, 0: of every PE; yields.
-void mvpn_add_data_mdt_recv_join_info(mvpn_cibtype *mvpn, const mvpn_data_mdt_join &join, ip_addr_t p_src);
+// An announcement was heard from a PE. True: it was new, so that others may have run and the VRF have gone. destroy:
+// the core route of a data MDT goes with its last referer. cache: the announcements of one PE, 0: of every PE; yields.
+bool mvpn_add_data_mdt_recv_join_info(mvpn_cibtype *mvpn, const mvpn_data_mdt_join &join, ip_addr_t p_src);
 void mvpn_destroy_data_mdt_recv_join_info(mvpn_cibtype *mvpn, mvpn_data_mdt_recv_join_info *record);
 void mvpn_destroy_data_mdt_recv_cache(mvpn_cibtype *mvpn, ip_addr_t p_src);
 
