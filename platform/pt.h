@@ -14,7 +14,7 @@ extern "C" {
 
 typedef struct pt_attr pt_attr; /* opaque; shared by any number of trees */
 typedef struct pt_root pt_root; /* opaque */
-typedef struct pt_node pt_node; /* opaque; valid until its tree changes */
+typedef struct pt_node pt_node; /* opaque; valid until its key is deleted */
 
 enum { PT_KEY_MAX = 16 }; /* bytes of the longest key */
 

@@ -1,13 +1,11 @@
-// Patricia trees as B-trees of numbers: the walks that the contract promises are by key and by prefix, which any order
-// of the keys gives and keeps through every deletion. A step down a tree of single nodes is a wait for memory; a node
-// of a B-tree has some ten keys beside each other, so that a tree of a hundred routes is two steps deep and takes half
-// the memory. A key is one number or two in network byte order, and a comparison is one of numbers.
+// Patricia trees as ordered trees of numbers: the walks that the contract promises are by key and by prefix, which any
+// order of the keys gives and keeps through every deletion. A key is two numbers in network byte order, so that a
+// comparison is one of numbers; a node is an object that never moves.
 #include "platform/pt.h"
-
-#include <absl/container/btree_set.h>
 
 #include <algorithm>
 #include <array>
+#include <boost/intrusive/set.hpp>
 #include <cstring>
 #include <new>
 
@@ -18,102 +16,61 @@ struct pt_attr {
   uint32_t key_bytes;
 };
 
-struct pt_node {
-  void *data;  // the key follows
-};
+namespace {
 
-struct pt_root {
-  uint32_t key_bytes;
+namespace bi = boost::intrusive;
+using Hook = bi::set_base_hook<bi::optimize_size<true>, bi::link_mode<bi::normal_link>>;
+
+// Keys shorter than the longest are padded with zeros, which keeps the order of keys of one length.
+struct Key {
+  Key(const void *from, uint32_t size) {
+    if (from != nullptr) std::memcpy(bytes, from, std::min<size_t>(size, sizeof bytes));
+  }
+  bool operator<(const Key &other) const {
+    const uint64_t high = ref::wire::load_be64(bytes), other_high = ref::wire::load_be64(other.bytes);
+    if (high != other_high) return high < other_high;
+    return ref::wire::load_be64(bytes + 8) < ref::wire::load_be64(other.bytes + 8);
+  }
+  uint8_t bytes[PT_KEY_MAX] = {};
+};
+static_assert(PT_KEY_MAX == 16, "a key is two numbers");
+
+}  // namespace
+
+struct pt_node : Hook {
+  pt_node(const Key &its_key, void *record) : key(its_key), data(record) {}
+  Key key;
+  void *data;
 };
 
 namespace {
 
-constexpr size_t short_key = 8;  // of one number
-static_assert(PT_KEY_MAX == 16, "a long key is two numbers");
-
-// Keys shorter than their room are padded with zeros, which keeps the order of keys of one length.
-template <size_t Room>
-struct Key {
-  Key(const void *from, uint32_t size) {
-    if (from != nullptr) std::memcpy(bytes, from, std::min<size_t>(size, Room));
-  }
-  bool operator<(const Key &other) const {
-    for (size_t at = 0; at < Room; at += short_key) {
-      const uint64_t number = ref::wire::load_be64(bytes + at), others = ref::wire::load_be64(other.bytes + at);
-      if (number != others || at + short_key == Room) return number < others;
-    }
-    return false;
-  }
-  uint8_t bytes[Room] = {};
+struct KeyOf {
+  using type = Key;
+  const Key &operator()(const pt_node &node) const { return node.key; }
 };
 
-template <size_t Room>
-struct Node : pt_node {
-  Node(const Key<Room> &its_key, void *its_data) : pt_node{its_data}, key(its_key) {}
-  Key<Room> key;
-};
+using Nodes = bi::set<pt_node, bi::base_hook<Hook>, bi::key_of_value<KeyOf>, bi::constant_time_size<false>>;
 
-template <size_t Room>
-struct InOrder {
-  using is_transparent = void;
-  static const Key<Room> &key_of(const Node<Room> &node) { return node.key; }
-  static const Key<Room> &key_of(const Key<Room> &key) { return key; }
-  template <typename A, typename B>
-  bool operator()(const A &a, const B &b) const {
-    return key_of(a) < key_of(b);
-  }
-};
+}  // namespace
 
-// Out of the pages that all records share.
-template <typename T>
-struct FromPages {
-  using value_type = T;
-  FromPages() = default;
-  template <typename Other>
-  explicit FromPages(const FromPages<Other> &) {}
-  T *allocate(size_t count) {
-    void *memory = ref::take_object(count * sizeof(T));
-    if (memory == nullptr) throw std::bad_alloc();
-    return static_cast<T *>(memory);
-  }
-  void deallocate(T *memory, size_t) { ref::give_object(memory); }
-  bool operator==(const FromPages &) const { return true; }
-};
-
-template <size_t Room>
-struct Tree : pt_root {
-  using Nodes = absl::btree_set<Node<Room>, InOrder<Room>, FromPages<Node<Room>>>;
-  explicit Tree(uint32_t its_key_bytes) : pt_root{its_key_bytes} {}
-
-  static Key<Room> key(const void *from, uint32_t size) { return {from, size}; }
-
-  // The node there when its key begins with these bits.
-  pt_node *matching(typename Nodes::iterator at, const Key<Room> &prefix, uint32_t prefix_bits) {
-    if (at == nodes.end() || std::memcmp(at->key.bytes, prefix.bytes, prefix_bits / 8) != 0) return nullptr;
-    return const_cast<Node<Room> *>(&*at);
-  }
+struct pt_root {
+  uint32_t key_bytes;
   Nodes nodes;
 };
 
-// Does something with a tree of either sort.
-template <typename Do>
-auto with(pt_root *root, Do something) {
-  if (root->key_bytes <= short_key) return something(static_cast<Tree<short_key> &>(*root));
-  return something(static_cast<Tree<PT_KEY_MAX> &>(*root));
-}
+namespace {
 
-pt_root *make_tree(uint32_t key_bytes) {
-  if (key_bytes <= short_key) return new (std::nothrow) Tree<short_key>(key_bytes);
-  return new (std::nothrow) Tree<PT_KEY_MAX>(key_bytes);
+pt_node *matching(pt_root *root, const Nodes::iterator &at, const Key &prefix, uint32_t prefix_bits) {
+  if (at == root->nodes.end()) return nullptr;
+  return std::memcmp(at->key.bytes, prefix.bytes, prefix_bits / 8) == 0 ? &*at : nullptr;
 }
 
 // An empty tree is a null root.
 void drop_if_empty(pt_root **root) {
-  with(*root, [root](auto &tree) {
-    if (!tree.nodes.empty()) return;
-    delete &tree;
-    *root = nullptr;
-  });
+  if (!(*root)->nodes.empty()) return;
+  delete *root;
+  *root = nullptr;
 }
 
 }  // namespace
@@ -127,54 +84,45 @@ pt_attr *pt_attr_create(uint32_t, uint32_t, uint32_t key_bytes) {
 
 int pt_add(pt_attr *attr, pt_root **root, uint32_t key_bytes, const void *key, uint32_t key_bits, void *data) {
   if (attr == nullptr || key_bytes != attr->key_bytes || key_bits != key_bytes * 8) return 1;
-  if (*root == nullptr) *root = make_tree(key_bytes);
-  if (*root == nullptr) return 1;
-  const bool added = with(*root, [&](auto &tree) {
-    try {
-      return tree.nodes.emplace(tree.key(key, key_bytes), data).second;
-    } catch (const std::bad_alloc &) {
-      return false;
-    }
-  });
+  if (*root == nullptr) {
+    *root = new (std::nothrow) pt_root{key_bytes, {}};
+    if (*root == nullptr) return 1;
+  }
+  Nodes::insert_commit_data place;
+  const Key wanted(key, key_bytes);
+  if (!(*root)->nodes.insert_check(wanted, place).second) return 1;
+  void *object = ref::take_object(sizeof(pt_node));
+  if (object != nullptr) (*root)->nodes.insert_commit(*new (object) pt_node(wanted, data), place);
   drop_if_empty(root);
-  return added ? 0 : 1;
+  return object != nullptr ? 0 : 1;
 }
 
 int pt_delete(pt_attr *attr, pt_root **root, const void *key, uint32_t key_bits) {
   if (attr == nullptr || *root == nullptr || key_bits != (*root)->key_bytes * 8) return 1;
-  const bool deleted = with(*root, [&](auto &tree) {
-    const auto found = tree.nodes.find(tree.key(key, tree.key_bytes));
-    if (found == tree.nodes.end()) return false;
-    tree.nodes.erase(found);
-    return true;
-  });
+  const auto found = (*root)->nodes.find(Key(key, (*root)->key_bytes));
+  if (found == (*root)->nodes.end()) return 1;
+  (*root)->nodes.erase_and_dispose(found, [](pt_node *node) { ref::give_object(node); });
   drop_if_empty(root);
-  return deleted ? 0 : 1;
+  return 0;
 }
 
 void *pt_lookup(pt_root *root, const void *key, uint32_t key_bits, int) {
   if (root == nullptr || key_bits != root->key_bytes * 8) return nullptr;
-  return with(root, [key](auto &tree) -> void * {
-    const auto found = tree.nodes.find(tree.key(key, tree.key_bytes));
-    return found == tree.nodes.end() ? nullptr : found->data;
-  });
+  const auto found = root->nodes.find(Key(key, root->key_bytes));
+  return found == root->nodes.end() ? nullptr : found->data;
 }
 
 pt_node *pt_get_first_node(pt_root *root, const void *prefix, uint32_t prefix_bits) {
   if (root == nullptr) return nullptr;
-  return with(root, [prefix, prefix_bits](auto &tree) {
-    const auto key = tree.key(prefix, prefix_bits / 8);
-    return tree.matching(tree.nodes.lower_bound(key), key, prefix_bits);
-  });
+  const Key key(prefix, prefix_bits / 8);
+  return matching(root, root->nodes.lower_bound(key), key, prefix_bits);
 }
 
 pt_node *pt_get_next_node(pt_root *root, const void *last_key, uint32_t prefix_bits) {
   if (root == nullptr) return nullptr;
-  return with(root, [last_key, prefix_bits](auto &tree) {
-    const auto key = tree.key(last_key, tree.key_bytes);
-    return tree.matching(tree.nodes.upper_bound(key), key, prefix_bits);
-  });
+  const Key key(last_key, root->key_bytes);
+  return matching(root, root->nodes.upper_bound(key), key, prefix_bits);
 }
 
-const uint8_t *pt_node_key(const pt_node *node) { return reinterpret_cast<const uint8_t *>(node + 1); }
+const uint8_t *pt_node_key(const pt_node *node) { return node->key.bytes; }
 void *pt_node_data(const pt_node *node) { return node->data; }
