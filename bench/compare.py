@@ -52,10 +52,12 @@ def main():
     parser.add_argument("old", type=pathlib.Path)
     parser.add_argument("new", type=pathlib.Path)
     parser.add_argument("--pairs", type=int, default=10)
+    parser.add_argument("--dry-run", action="store_true", help="reads the options and runs nothing")
     options, benchmark = parser.parse_known_args()
     if options.pairs < 8:
         parser.error("fewer than 8 pairs cannot tell a change from chance")
-    report(list(pairs_of(options.old, options.new, options.pairs, benchmark)))
+    if not options.dry_run:
+        report(list(pairs_of(options.old, options.new, options.pairs, benchmark)))
 
 
 if __name__ == "__main__":
