@@ -95,7 +95,12 @@ void Checker::check_unique(Command command, const std::string &what) {
 }
 
 void Checker::check_interface_exists(const BlockId &vrf, const Line &line, const std::string &name) {
-  if (std::string reason = config.why_not_in_vrf(name, vrf.name); !reason.empty()) fail(line.number, std::move(reason));
+  const std::string reason = config.why_not_in_vrf(name, vrf.name);
+  if (reason.empty()) return;
+  // Who takes the interface away has another line in mind than the one that is wrong then.
+  const Statement &route = line.statement;
+  fail(line.number,
+       reason + "; mroute " + *find_argument(route, "source") + " " + *find_argument(route, "group") + " names it");
 }
 
 // Tunnels start in the core. The interface may be configured later.
