@@ -179,7 +179,7 @@ void Session::enter(const Target &target, const Match &match) {
   if (!last.enters || last.no) return;
   std::string before = target.before;
   for (const Statement &statement : match.statements) {
-    before += (before.empty() ? "" : " ") + statement.text;
+    before += (before.empty() ? "" : " ") + (statement.action == kConfigureAction ? kConfigure : statement.text);
     if (statement.enters == Mode::global) root_ = before;
   }
   mode_ = *last.enters;

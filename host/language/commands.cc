@@ -540,7 +540,10 @@ std::vector<Word> exec_words() {
       keyword("configure", "Changes the configuration")
           .acts(std::string(kConfigureAction))
           .opens(Mode::global)
-          .then({keyword("exclusive", "Changes a candidate, which runs with commit; others wait")
+          .then({keyword("terminal", "The same, as other routers have it")
+                     .acts(std::string(kConfigureAction))
+                     .opens(Mode::global),
+                 keyword("exclusive", "Changes a candidate, which runs with commit; others wait")
                      .acts("configure_exclusive")
                      .opens(Mode::global)}),
       keyword("commit", "The candidate runs from now on; confirms a former commit")

@@ -122,6 +122,12 @@ class InteractiveTest(unittest.TestCase):
         history = (self.folder / "state/pimctl/history").read_text()
         self.assertIn("clock", history)
         self.assertNotIn("s3cret", history)
+        terminal.type("conf t\n")
+        terminal.expect("pe1(config)# ")
+        terminal.type("vrf red\n")
+        terminal.expect("pe1(config-vrf-red)# ")
+        terminal.type("end\n")
+        terminal.expect("pe1> ")
         terminal.type("quit\n")
         self.assertEqual(terminal.process.wait(LIMIT), 0)
 
