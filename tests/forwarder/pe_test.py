@@ -127,6 +127,8 @@ class Traffic:
         self.numbers = []
         self.sent = 0
         self.running = True
+        self.last = None  # number of the last datagram, once there is one, and until when it may take to come
+        self.patient_until = None
         self.out = inside(sender, self.open_sender)
         self.into = inside(receiver, self.open_receiver)
         self.threads = [threading.Thread(target=self.send, args=(rate,)), threading.Thread(target=self.receive)]
@@ -158,17 +160,21 @@ class Traffic:
             time.sleep(0.002)
 
     def receive(self):
-        while self.running or self.numbers[-1:] != [self.sent - 1]:
+        while self.last is None or self.numbers[-1:] != [self.last]:
             try:
                 self.numbers.append(struct.unpack(">I", self.into.recv(2048)[:4])[0])
             except TimeoutError:
-                if not self.running:
+                if self.last is not None and time.monotonic() > self.patient_until:
                     return
 
-    def stop(self):
+    def stop(self, patience=0):
+        """Sends no more; what is under way may take so many seconds to come."""
         self.running = False
-        for thread in self.threads:
-            thread.join()
+        sender, receiver = self.threads
+        sender.join()
+        self.patient_until = time.monotonic() + patience
+        self.last = self.sent - 1
+        receiver.join()
         self.out.close()
         self.into.close()
 
@@ -309,7 +315,7 @@ class TwoPes(unittest.TestCase):
 
     def expect_everything_once(self):
         wait_until(lambda: len(self.traffic.numbers) > 1000, "1000 packets")
-        self.traffic.stop()
+        self.traffic.stop(LIMIT)
         numbers, sent = self.traffic.numbers, self.traffic.sent
         self.traffic = None
         self.assertEqual(numbers, list(range(numbers[0], sent)), "lost, repeated or out of order")
