@@ -17,7 +17,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <string_view>
 
 namespace host {
 namespace {
@@ -55,15 +54,7 @@ std::string resolved(const std::string &path) {
   return real == nullptr ? path : real.get();
 }
 
-// These return 0, or an error number.
-int fill(int file, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = write(file, text.data(), text.size());
-    if (written < 0 && errno != EINTR) return errno;
-    if (written > 0) text.remove_prefix(static_cast<size_t>(written));
-  }
-  return fsync(file) == 0 ? 0 : errno;
-}
+// Those that return a number: 0, or an error number.
 
 // Rights and owner of another file. With an owner or a group that this user cannot give away, nobody but him may read
 // what may hold passwords.
@@ -83,7 +74,7 @@ int copy(const std::string &path, const std::string &to) {
   if (!former.reason.empty()) return EACCES;
   const int file = open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
   if (file < 0) return errno;
-  int error = fill(file, former.text);
+  int error = write_whole(file, former.text);
   if (error == 0) error = make_alike(file, path);
   close(file);
   return error;
@@ -115,6 +106,15 @@ void sync_folder_of(const std::string &path) {
 
 }  // namespace
 
+int write_whole(int file, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = write(file, text.data(), text.size());
+    if (written < 0 && errno != EINTR) return errno;
+    if (written > 0) text.remove_prefix(static_cast<size_t>(written));
+  }
+  return fsync(file) == 0 ? 0 : errno;
+}
+
 ConfigFile read_config_text(const std::string &text) {
   ConfigFile file;
   file.config = Config::read(text, &file.errors);
@@ -135,7 +135,7 @@ std::string write_config_file(const std::string &path, const std::string &text) 
   std::string made = real + ".XXXXXX";
   const int file = mkostemp(made.data(), O_CLOEXEC);
   if (file < 0) return real + " cannot be written: " + std::strerror(errno);
-  int error = fill(file, text);
+  int error = write_whole(file, text);
   if (error == 0) error = make_alike(file, real);
   close(file);
   if (error == 0) error = keep(real, made + "~");

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/config/config.h"
@@ -33,6 +34,9 @@ ConfigFile read_config_file(const std::string &path);
 // whole; when it fails the former one is. A link stays a link, and rights and owner stay as far as this user may set
 // them. Result: why it cannot be done; empty: done.
 std::string write_config_file(const std::string &path, const std::string &text);
+
+// Writes a whole text behind where an open file stands, down to the disk. Result: 0, or an error number.
+int write_whole(int file, std::string_view text);
 
 // What tells whether a file has been changed or replaced. All zero for a file that is not there.
 struct FileStamp {

@@ -19,6 +19,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "host/config/config_file.h"
 #include "host/daemon/loop.h"
 #include "host/daemon/module_loader.h"
 #include "host/daemon/router.h"
@@ -31,6 +32,8 @@ namespace {
 constexpr std::chrono::seconds kTimeLimit{60};  // one that takes longer hangs, and a reload waits for it
 constexpr size_t kOutputLimit = 65536;          // bytes; kMaxErrorsTold lines are shorter
 constexpr std::string_view kOwnPrefix = "pimhostd: ";
+constexpr const char *kStandardInput = "/proc/self/fd/0";
+
 // Closed when it goes out of scope, however that is.
 struct Descriptor {
   int number;
@@ -39,21 +42,13 @@ struct Descriptor {
   }
 };
 
-constexpr const char *kStandardInput = "/proc/self/fd/0";
-
 // A file of its own, without a name. Throws std::runtime_error.
 int file_of(const std::string &text) {
   const int file = memfd_create("configuration", MFD_CLOEXEC);
   if (file < 0) throw std::runtime_error(std::strerror(errno));
-  for (size_t at = 0; at < text.size();) {
-    const ssize_t written = write(file, text.data() + at, text.size() - at);
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) {
-      const int error = errno;
-      close(file);
-      throw std::runtime_error(std::strerror(error));
-    }
-    at += static_cast<size_t>(written);
+  if (const int error = write_whole(file, text); error != 0) {
+    close(file);
+    throw std::runtime_error(std::strerror(error));
   }
   return file;
 }
