@@ -3,6 +3,8 @@
 // written is the first that lines pass.
 #include "host/command/command_line.h"
 
+#include <utility>
+
 #include "host/output/filters.h"
 #include "host/output/listing.h"
 
@@ -37,14 +39,9 @@ bool is_looking(const Statement &statement) {
 CommandLine read_command_line(const ControlServer::Request &request, const std::string &hostname) {
   const std::vector<std::string> words = split_pipeline(request.line);
   const Pipeline line = read_pipeline(words);
-  CommandLine read{match_line(Mode::exec, line.command, true),
-                   format_of(request.line, request.format),
-                   line.filters,
-                   "",
-                   "",
-                   request.by,
-                   hostname,
-                   request.client};
+  Match match = match_line(Mode::exec, line.command, true);
+  const OutputFormat format = format_of(line, match, request.format);
+  CommandLine read{std::move(match), format, line.filters, "", "", request.by, hostname, request.client};
   const std::optional<SyntaxError> &error = read.match.error ? read.match.error : line.error;
   if (error) {
     read.error = error->reason + "\n";

@@ -168,12 +168,16 @@ std::optional<Statement> first_of(std::string_view line) {
 
 }  // namespace
 
-OutputFormat format_of(std::string_view line, OutputFormat clients) {
-  if (const auto asked = read_pipeline(split_pipeline(line)).filters.format) return *asked;
-  const auto first = first_of(line);
-  if (!first || first->effect != Effect::stream) return clients;
-  const bool json = clients == OutputFormat::json || find_argument(*first, "json") != nullptr;
+OutputFormat format_of(const Pipeline &line, const Match &match, OutputFormat clients) {
+  if (line.filters.format) return *line.filters.format;
+  if (match.error || match.statements.front().effect != Effect::stream) return clients;
+  const bool json = clients == OutputFormat::json || find_argument(match.statements.front(), "json") != nullptr;
   return json ? OutputFormat::json_line : clients;
+}
+
+OutputFormat format_of(std::string_view line, OutputFormat clients) {
+  const Pipeline read = read_pipeline(split_pipeline(line));
+  return format_of(read, match_line(Mode::exec, read.command, true), clients);
 }
 
 bool is_endless(std::string_view line) {

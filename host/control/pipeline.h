@@ -43,6 +43,7 @@ std::string point_out(const std::vector<std::string> &words, const SyntaxError &
 
 // The form of a command line's answer: what the line asks for, else the client's. Of a line that goes on it is that of
 // each document.
+OutputFormat format_of(const Pipeline &line, const Match &match, OutputFormat clients);  // match: of its command
 OutputFormat format_of(std::string_view line, OutputFormat clients);
 
 // Whether a command line is one that goes on until the client ends it.
