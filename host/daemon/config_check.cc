@@ -33,6 +33,8 @@ constexpr std::chrono::seconds kTimeLimit{60};  // one that takes longer hangs, 
 constexpr size_t kOutputLimit = 65536;          // bytes; kMaxErrorsTold lines are shorter
 constexpr std::string_view kOwnPrefix = "pimhostd: ";
 constexpr const char *kStandardInput = "/proc/self/fd/0";
+constexpr int kRunning = 3;  // what runs, in the process
+constexpr const char *kRunningPath = "/proc/self/fd/3";
 
 // Closed when it goes out of scope, however that is.
 struct Descriptor {
@@ -60,9 +62,8 @@ std::string told(std::string line) {
   return line;
 }
 
-}  // namespace
-
-std::vector<ConfigError> try_config(const std::string &module, Config config) {
+// What a router refuses of a configuration that it starts with, and of one that takes its place then.
+std::vector<ConfigError> refused_of(const std::string &module, Config first, std::optional<Config> second) {
   const LoadedModule loaded = load_module(module);
   Loop loop;
   std::vector<ConfigError> refused, logged;
@@ -77,7 +78,12 @@ std::vector<ConfigError> try_config(const std::string &module, Config config) {
     options.events = &events;
     options.log = [&logged](Level, const std::string &text) { logged.push_back({0, text}); };
     router.emplace(loop, loaded, std::move(options));
-    refused = router->start(std::move(config));
+    refused = router->start(std::move(first));
+  }
+  if (second) {
+    Loop::Turn turn(loop);
+    logged.clear();
+    refused = router->replace(std::move(*second));
   }
   {
     Loop::Turn turn(loop);
@@ -89,6 +95,22 @@ std::vector<ConfigError> try_config(const std::string &module, Config config) {
   return refused;
 }
 
+}  // namespace
+
+std::vector<ConfigError> try_config(const std::string &module, Config config) {
+  return refused_of(module, std::move(config), std::nullopt);
+}
+
+std::vector<ConfigError> try_change(const std::string &module, Config running, Config wanted) {
+  return refused_of(module, std::move(running), std::move(wanted));
+}
+
+std::string ConfigCheck::Result::text() const {
+  std::string lines;
+  for (const std::string &problem : problems) lines += problem + "\n";
+  return lines;
+}
+
 ConfigCheck::ConfigCheck(boost::asio::io_context &io, const Input &input, const std::string &module, bool strict,
                          Done done)
     : output_(io), timer_(io), done_(std::move(done)) {
@@ -97,7 +119,9 @@ ConfigCheck::ConfigCheck(boost::asio::io_context &io, const Input &input, const 
   output_.assign(ends[0]);
   const Descriptor output{ends[1]};
   const Descriptor text{input.text ? file_of(*input.text) : open("/dev/null", O_RDONLY | O_CLOEXEC)};
-  const int error = start(input.text ? kStandardInput : input.file, module, strict, text.number, output.number);
+  const Descriptor running{input.running.empty() ? -1 : file_of(input.running)};
+  const int error =
+      start(input.text ? kStandardInput : input.file, module, strict, {text.number, running.number, output.number});
   if (error != 0) throw std::runtime_error(std::strerror(error));
   read();
   limit();
@@ -110,17 +134,19 @@ ConfigCheck::~ConfigCheck() {
 }
 
 // 0, or an error number.
-int ConfigCheck::start(const std::string &file, const std::string &module, bool strict, int input, int output) {
+int ConfigCheck::start(const std::string &file, const std::string &module, bool strict, const Descriptors &given) {
   std::vector<std::string> arguments = {"pimhostd", "--check-config", "--config", file, "--module", module};
   if (strict) arguments.emplace_back("--strict");
+  if (given.running >= 0) arguments.insert(arguments.end(), {"--running", kRunningPath});
   std::vector<char *> pointers;
   for (std::string &argument : arguments) pointers.push_back(argument.data());
   pointers.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, output, STDERR_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, given.input, STDIN_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, given.output, STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, given.output, STDERR_FILENO);
+  if (given.running >= 0) posix_spawn_file_actions_adddup2(&actions, given.running, kRunning);
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   sigset_t none;

@@ -18,22 +18,29 @@
 
 namespace host {
 
-// Loads the module and replays a configuration on a platform in memory, without sockets and without a store. Result:
-// the lines that are refused. Once in a process, and not beside a running router. Throws std::runtime_error when the
+// Both load the module and run it on a platform in memory, without sockets and without a store. One of them, once in a
+// process, and not beside a running router. Result: the lines that are refused. Throw std::runtime_error when the
 // module cannot be loaded or does not start.
-std::vector<ConfigError> try_config(const std::string &module, Config config);
 
-// The same in a process of its own that runs beside this one: for a file, or for what a file would say.
+// Replays a configuration, as after a start.
+std::vector<ConfigError> try_config(const std::string &module, Config config);
+// Lets one configuration take the place of another: only lines that differ can be refused, whatever the order in which
+// a start would replay them.
+std::vector<ConfigError> try_change(const std::string &module, Config running, Config wanted);
+
+// Both in a process of its own that runs beside this one: for a file, or for what a file would say.
 class ConfigCheck {
  public:
   struct Input {
     std::string file;                 // path; not used when there is a text
     std::optional<std::string> text;  // with passwords: nobody but the process sees it
+    std::string running = {};         // as text: what runs; empty: the way from there is not tried
   };
   struct Result {
     bool passed = false;  // the file may be loaded
     // Lines for people; when it passed: warnings. Those of a file begin with its place, FILE:LINE.
     std::vector<std::string> problems;
+    std::string text() const;  // the same in complete lines
   };
   using Done = std::function<void(Result)>;
 
@@ -47,7 +54,10 @@ class ConfigCheck {
   ConfigCheck &operator=(const ConfigCheck &) = delete;
 
  private:
-  int start(const std::string &file, const std::string &module, bool strict, int input, int output);
+  struct Descriptors {
+    int input, running, output;  // running: -1 when the way from there is not tried
+  };
+  int start(const std::string &file, const std::string &module, bool strict, const Descriptors &given);
   void read();
   void limit();
   void finish();

@@ -24,6 +24,15 @@ std::vector<Statement> rest_of(const OperationInput &input) {
 
 bool is_forced(const OperationInput &input) { return find_argument(input.statement, "force") != nullptr; }
 
+// The end of a change that was tried first.
+ConfigWork::Done end_of(const OperationInput &input, const std::shared_ptr<OutputChannel> &channel) {
+  return [&events = input.process.events, line = input.line, channel](const Outcome &outcome) {
+    if (!outcome.accepted) return refuse(line, kStatusFailed, outcome.text, *channel);
+    events.publish({.what = CommandChange{shown_text(line.match.statements.front())}});
+    finish(line, outcome.text, *channel);
+  };
+}
+
 Process::Done answer_to(const CommandLine &line, const std::shared_ptr<OutputChannel> &channel) {
   return [line, channel](bool passed, const std::string &text) {
     passed ? finish(line, text, *channel) : refuse(line, kStatusFailed, text, *channel);
@@ -44,10 +53,6 @@ Outcome configure_exclusive(const OperationInput &input) {
   return rest.empty() ? work.take(asker_of(input)) : work.edit(asker_of(input), rest);
 }
 
-Outcome rollback(const OperationInput &input) {
-  return input.process.work->rollback(asker_of(input), number_in(input.statement, "steps"));
-}
-
 Outcome abort_candidate(const OperationInput &input) {
   return input.process.work->abort(asker_of(input), is_forced(input));
 }
@@ -58,13 +63,12 @@ Outcome write_config(const OperationInput &input) {
 
 void commit(const OperationInput &input, const std::shared_ptr<OutputChannel> &channel) {
   const auto minutes = number_in(input.statement, "minutes");
-  const auto done = [&events = input.process.events, line = input.line, channel](const Outcome &outcome) {
-    if (!outcome.accepted) return refuse(line, kStatusFailed, outcome.text, *channel);
-    events.publish({.what = CommandChange{shown_text(line.match.statements.front())}});
-    finish(line, outcome.text, *channel);
-  };
   input.process.work->commit(asker_of(input), minutes ? std::optional(std::chrono::minutes(*minutes)) : std::nullopt,
-                             done);
+                             end_of(input, channel));
+}
+
+void rollback(const OperationInput &input, const std::shared_ptr<OutputChannel> &channel) {
+  input.process.work->rollback(asker_of(input), number_in(input.statement, "steps"), end_of(input, channel));
 }
 
 void reload_config(const OperationInput &input, const std::shared_ptr<OutputChannel> &channel) {

@@ -113,32 +113,34 @@ bool ConfigWork::has_changes(const Asker &asker) const {
 }
 
 // What only the module refuses would have to be taken back, and flows might move meanwhile: so it is asked beforehand,
-// where nothing runs. It is asked about a file's text, which an empty configuration has none of.
-void ConfigWork::commit(const Asker &asker, std::optional<std::chrono::minutes> confirm_within, const Done &done) {
-  if (const std::string reason = refusal(asker); !reason.empty()) return done(refused(reason));
-  std::string text = candidate_.print(Config::Passwords::shown);
-  if (!has_changes(asker) || read_config_text(text).config.empty()) return done(commit_now(asker, confirm_within));
+// where nothing runs. It is asked about a file's text, which an empty configuration has none of. `proceed` is asked
+// once it has passed, and looks again at whatever others may have changed meanwhile.
+void ConfigWork::when_tried(const Config &wanted, const Asker &asker, const std::function<Outcome()> &proceed,
+                            const Done &done) {
+  std::string text = wanted.print(Config::Passwords::shown);
+  if (difference_text(router_.running(), wanted).empty() || read_config_text(text).config.empty())
+    return done(proceed());
   try {
-    try_(std::move(text), [this, asker, confirm_within, done](const ConfigCheck::Result &tried) {
+    try_(std::move(text), [this, by = asker.name, proceed, done](const ConfigCheck::Result &tried) {
       Loop::Turn turn(loop_);
-      events_.set_cause(asker.name);  // until the turn ends
-      done(commit_tried(asker, confirm_within, tried));
+      events_.set_cause(by);  // until the turn ends
+      Outcome outcome = tried.passed ? proceed() : refused("the configuration stays as it is");
+      outcome.text.insert(0, tried.text());
+      done(outcome);
     });
   } catch (const std::runtime_error &error) {
-    done(refused(std::string("the candidate cannot be tried: ") + error.what()));
+    done(refused(std::string("the configuration cannot be tried: ") + error.what()));
   }
 }
 
 // Whoever asked waits meanwhile, so the candidate is what was tried unless the claim has ended.
-Outcome ConfigWork::commit_tried(const Asker &asker, std::optional<std::chrono::minutes> confirm_within,
-                                 const ConfigCheck::Result &tried) {
-  if (!holds(asker)) return refused("the candidate was dropped while it was tried");
-  std::string problems;
-  for (const std::string &line : tried.problems) problems += line + "\n";
-  if (!tried.passed) return refused(problems + "the configuration stays as it is");
-  Outcome outcome = commit_now(asker, confirm_within);
-  outcome.text.insert(0, problems);
-  return outcome;
+void ConfigWork::commit(const Asker &asker, std::optional<std::chrono::minutes> confirm_within, const Done &done) {
+  if (const std::string reason = refusal(asker); !reason.empty()) return done(refused(reason));
+  if (!has_changes(asker)) return done(commit_now(asker, confirm_within));
+  const auto proceed = [this, asker, confirm_within] {
+    return holds(asker) ? commit_now(asker, confirm_within) : refused("the candidate was dropped while it was tried");
+  };
+  when_tried(candidate_, asker, proceed, done);
 }
 
 // A commit on trial keeps what was on trial before it, and where that one goes back to.
@@ -196,23 +198,28 @@ void ConfigWork::go_back() {
 }
 
 // For who holds the configuration only the candidate goes back.
-Outcome ConfigWork::rollback(const Asker &asker, std::optional<size_t> steps) {
-  if (const std::string reason = refusal(asker); !reason.empty()) return refused(reason);
+void ConfigWork::rollback(const Asker &asker, std::optional<size_t> steps, const Done &done) {
+  if (const std::string reason = refusal(asker); !reason.empty()) return done(refused(reason));
   const bool own = holds(asker);
   if (own && !steps) {
     candidate_ = router_.running();
-    return {true, "the candidate is what runs\n"};
+    return done({true, "the candidate is what runs\n"});
   }
   const size_t wanted = steps.value_or(1);
-  if (wanted > former_.size()) return refused("there are " + std::to_string(former_.size()) + " former configurations");
+  if (wanted > former_.size())
+    return done(refused("there are " + std::to_string(former_.size()) + " former configurations"));
   const Config former = former_[wanted - 1].config;
   if (own) {
     candidate_ = former;
-    return {true, "runs with commit\n"};
+    return done({true, "runs with commit\n"});
   }
-  Outcome outcome = replace(former, asker.name, "rollback");
-  if (outcome.accepted) end_trial();
-  return outcome;
+  const auto proceed = [this, asker, former] {
+    if (const std::string reason = refusal(asker); !reason.empty()) return refused(reason);
+    Outcome outcome = replace(former, asker.name, "rollback");
+    if (outcome.accepted) end_trial();
+    return outcome;
+  };
+  when_tried(former, asker, proceed, done);
 }
 
 // ------------------------------------------------------------------------------------------------------- the file

@@ -46,8 +46,8 @@ class ConfigWork {
   };
   static constexpr size_t kKept = 10;  // former configurations, the oldest goes first; blocks are shared between them
 
-  // Tries a configuration, given as a file's text, in another process; done is called later, from the loop, outside of
-  // its turns. Throws std::runtime_error when there can be no such process.
+  // Tries a configuration, given as a file's text, and the way to it from what runs, in another process; done is called
+  // later, from the loop, outside of its turns. Throws std::runtime_error when there can be no such process.
   using Try = std::function<void(std::string text, ConfigCheck::Done done)>;
 
   // loop, router and events outlive it; the router runs what the file says.
@@ -57,11 +57,11 @@ class ConfigWork {
   Outcome configure(const Asker &asker, const std::vector<Statement> &statements);
   Outcome take(const Asker &asker);
   Outcome edit(const Asker &asker, const std::vector<Statement> &statements);  // of the candidate
-  // The candidate is tried first, so done is called now or later, then in a turn of the loop; not at all when the
+  // What is to run is tried first, so done is called now or later, then in a turn of the loop; not at all when the
   // process ends before.
   using Done = std::function<void(const Outcome &)>;
   void commit(const Asker &asker, std::optional<std::chrono::minutes> confirm_within, const Done &done);
-  Outcome rollback(const Asker &asker, std::optional<size_t> steps);  // 1 .. kKept
+  void rollback(const Asker &asker, std::optional<size_t> steps, const Done &done);  // 1 .. kKept
   Outcome abort(const Asker &asker, bool force);
   Outcome write(const Asker &asker, bool force);
 
@@ -92,8 +92,7 @@ class ConfigWork {
   void release();
   void keep(Config before, const std::string &by, const std::string &what);
   Outcome replace(Config wanted, const std::string &by, const std::string &what);
-  Outcome commit_tried(const Asker &asker, std::optional<std::chrono::minutes> confirm_within,
-                       const ConfigCheck::Result &tried);
+  void when_tried(const Config &wanted, const Asker &asker, const std::function<Outcome()> &proceed, const Done &done);
   Outcome commit_now(const Asker &asker, std::optional<std::chrono::minutes> confirm_within);
   bool has_changes(const Asker &asker) const;
   void begin_trial(Config before, Config committed, std::chrono::minutes time);

@@ -82,7 +82,7 @@ Daemon::Daemon(DaemonOptions options, Config config)
     log_.write(Level::error, line);
   const auto log = [this](Level level, const std::string &text) { log_.write(level, text); };
   const auto try_config = [this](std::string text, ConfigCheck::Done done) {
-    start_check({"", std::move(text)}, false, std::move(done));
+    start_check({"", std::move(text), router_->running().print(Config::Passwords::shown)}, false, std::move(done));
   };
   work_.emplace(loop_, *router_, events_, log, try_config, options_.config_file);
   process_->work = &*work_;
@@ -203,11 +203,12 @@ void Daemon::reload(const std::string &by, Process::Done done) {
 
 void Daemon::check_for_reload() {
   service::notify_reloading();
+  const auto done = [this, stamp = stamp_of(options_.config_file)](const ConfigCheck::Result &result) {
+    finish_reload(stamp, result);
+  };
+  const ConfigCheck::Input input{options_.config_file, {}, router_->running().print(Config::Passwords::shown)};
   try {
-    check_ =
-        std::make_unique<ConfigCheck>(loop_.io(), ConfigCheck::Input{options_.config_file, {}}, options_.module, false,
-                                      [this, stamp = stamp_of(options_.config_file)](
-                                          const ConfigCheck::Result &result) { finish_reload(stamp, result); });
+    check_ = std::make_unique<ConfigCheck>(loop_.io(), input, options_.module, false, done);
   } catch (const std::runtime_error &error) {
     end_reload({kNotChecked + error.what()}, {}, kUnchanged);
   }
@@ -257,11 +258,8 @@ void Daemon::start_check(const ConfigCheck::Input &input, bool strict, ConfigChe
 
 void Daemon::check(bool strict, const Process::Done &done) {
   try {
-    start_check({options_.config_file, {}}, strict, [done](const ConfigCheck::Result &result) {
-      std::string text;
-      for (const std::string &line : result.problems) text += line + "\n";
-      done(result.passed, text);
-    });
+    start_check({options_.config_file, {}}, strict,
+                [done](const ConfigCheck::Result &result) { done(result.passed, result.text()); });
   } catch (const std::runtime_error &error) {
     done(false, kNotChecked + error.what() + "\n");
   }

@@ -1,10 +1,17 @@
 // pimhostd's command line. Errors of a configuration are printed and end the program before anything is started; with
 // --check-config the module is asked as well, on a platform in memory.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <functional>
 #include <iostream>
+#include <stdexcept>
 
 #include "host/config/config_warnings.h"
 #include "host/daemon/daemon.h"
@@ -43,6 +50,34 @@ int report(const std::string &file, const std::vector<host::ConfigError> &errors
   return errors.empty() ? 0 : kFailed;
 }
 
+// What a check is to look at beside the file.
+struct CheckOptions {
+  bool wanted = false, strict = false;
+  std::string running;  // file of what runs; empty: the way from there is not tried
+};
+
+// The module runs once in a process, so this one is copied for it, before it has any thread. Result: 0, or something
+// failed and was said.
+int in_a_copy(const std::function<int()> &work) {
+  const pid_t copy = fork();
+  if (copy == 0) {
+    const int status = work();
+    std::cerr.flush();
+    _exit(status);
+  }
+  int status = 0;
+  if (copy < 0 || waitpid(copy, &status, 0) != copy) throw std::runtime_error(std::strerror(errno));
+  return status;
+}
+
+// The way from what runs to the file.
+int check_change(const host::DaemonOptions &options, const host::Config &config, const std::string &running) {
+  const host::ConfigFile before = host::read_config_file(running);
+  if (!before.errors.empty()) return report(running, before.errors);
+  return in_a_copy(
+      [&] { return report(options.config_file, host::try_change(options.module, before.config, config)); });
+}
+
 int check(const host::DaemonOptions &options, host::Config config, bool strict) {
   std::vector<host::ConfigError> warnings = host::config_warnings(config);
   std::vector<host::ConfigError> errors = host::try_config(options.module, std::move(config));
@@ -53,10 +88,11 @@ int check(const host::DaemonOptions &options, host::Config config, bool strict) 
   return strict && warned ? kFailed : status;
 }
 
-int run(host::DaemonOptions options, bool check_only, bool strict) {
+int run(host::DaemonOptions options, const CheckOptions &to_check) {
   host::ConfigFile file = host::read_config_file(options.config_file);
   if (!file.errors.empty()) return report(options.config_file, file.errors);
-  if (check_only) return check(options, std::move(file.config), strict);
+  if (!to_check.running.empty() && check_change(options, file.config, to_check.running) != 0) return kFailed;
+  if (to_check.wanted) return check(options, std::move(file.config), to_check.strict);
   host::Daemon daemon(std::move(options), std::move(file.config));
   daemon.run();
   return 0;
@@ -70,13 +106,16 @@ int main(int argc, char **argv) {
   host::DaemonOptions options;
   options.control.path = host::kDefaultControlPath;
   options.module = default_module();
-  bool check_only = false, strict = false;
+  CheckOptions to_check;
   double clock_scale = 0;
   std::string restart;
   host::LogOptions log;
   app.add("--config", &options.config_file, "configuration file").required();
-  app.add_flag("--check-config", &check_only, "try the file with the module and end; exit status 1 when it has errors");
-  app.add_flag("--strict", &strict, "with --check-config: warnings are errors");
+  const options::Option checks = app.add_flag("--check-config", &to_check.wanted,
+                                              "try the file with the module and end; exit status 1 when it has errors");
+  app.add_flag("--strict", &to_check.strict, "with --check-config: warnings are errors");
+  app.add("--running", &to_check.running, "with --check-config: a file of what runs; the way from it is tried, too")
+      .needs(checks);
   host::add_control_options(app, &options.control, &options.looking);
   const options::Option store =
       app.add("--store", &options.store, "folder of what outlives the process; made when it is missing");
@@ -96,7 +135,7 @@ int main(int argc, char **argv) {
   options.log_to_syslog = log.to_syslog();
   options.log_level = log.least();
   try {
-    return run(std::move(options), check_only, strict);
+    return run(std::move(options), to_check);
   } catch (const std::exception &error) {
     std::cerr << "pimhostd: " << error.what() << '\n';
     return kFailed;

@@ -228,7 +228,7 @@ class OperationsTest(unittest.TestCase):
             # What only the module judges: nothing of it runs, and it can be mended.
             ("a", "configure exclusive vrf green mdt default 239.1.1.1", 0, ""),
             ("a", "configure exclusive hostname y", 0, ""),
-            ("a", "commit", 1, "VRF red: mdt default 239.1.1.1: The MDT-default group overlaps with VRF green\n"
+            ("a", "commit", 1, "VRF green: mdt default 239.1.1.1: The MDT-default group overlaps with VRF red\n"
                                "the configuration stays as it is\n"),
             ("b", name, 0, "hostname x\n"),
             ("a", "configure exclusive vrf green mdt default 239.1.1.3", 0, ""),
@@ -257,8 +257,7 @@ class OperationsTest(unittest.TestCase):
                             ("b", "show configuration former | count", 0, "5\n")])
 
     def test_a_commit_that_is_refused_moves_nothing(self):
-        # A module that takes this MTU from a file, and so where the candidate is tried, but not while it runs.
-        daemon = self.start_example("--module", BIN / "libmoody.so")
+        daemon = self.start_example("--module", BIN / "libmoody.so")  # refuses MTUs of 1301 and 1303 bytes
         a, b = Client(self, daemon), Client(self, daemon)
         running, log = daemon.show("running-config"), len(daemon.log.read_text())
         self.play({"a": a}, [
@@ -272,7 +271,9 @@ class OperationsTest(unittest.TestCase):
         self.play({"a": a}, [
             ("a", "rollback", 0, ".*\n"),
             ("a", "configure exclusive vrf blue mdt mtu 1301", 0, ""),
-            ("a", "commit", 1, "VRF blue: mdt mtu 1301: Not this one\nwhat ran before runs again\n"),
+            ("a", "commit", 1, "VRF blue: mdt mtu 1301: Not this one\nthe configuration stays as it is\n"),
+            ("a", "configure exclusive vrf blue mdt mtu 1303", 0, ""),
+            ("a", "commit", 1, "VRF blue: mdt mtu 1303: Not this one\nwhat ran before runs again\n"),
         ])
         # The claim ends while the candidate is tried.
         daemon.process.send_signal(signal.SIGSTOP)
@@ -283,6 +284,24 @@ class OperationsTest(unittest.TestCase):
         status, text = a.answer()
         self.assertEqual(status, 1)
         self.assertRegex(text, "the candidate was dropped while it was tried|there is nothing to commit")
+        self.assertEqual(daemon.show("running-config"), running)
+
+    def test_a_rollback_that_is_refused_moves_nothing(self):
+        former = (EXAMPLES / "two-vrfs.conf").read_text().replace("mdt mtu 1400", "mdt mtu 1301")
+        daemon = self.start(former, "--module", BIN / "libmoody.so")
+        client = Client(self, daemon)
+        self.play({"a": client}, [
+            ("a", "configure exclusive", 0, ".*\n"),
+            ("a", "configure exclusive vrf blue mdt mtu 1302", 0, ""),
+            ("a", "configure exclusive vrf red no mdt default", 0, ""),
+            ("a", "commit", 0, ""),
+            ("a", "abort", 0, ""),
+        ])
+        running, log = daemon.show("running-config"), len(daemon.log.read_text())
+        self.play({"a": client}, [
+            ("a", "rollback", 1, "VRF blue: mdt mtu 1301: Not this one\nthe configuration stays as it is\n"),
+        ])
+        self.assertNotIn("VRF ", daemon.log.read_text()[log:])
         self.assertEqual(daemon.show("running-config"), running)
 
     def test_a_commit_that_nobody_confirms_goes_back(self):

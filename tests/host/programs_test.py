@@ -305,9 +305,9 @@ class ProgramsTest(unittest.TestCase):
         # What only the module refuses is found before anything changes; so is a file that has gone or is empty.
         running = daemon.show("running-config")
         overlap = "hostname other\n" + text + "vrf green\n  rd 65000:3\n  mdt default 239.1.1.7\n"
-        line = overlap[:overlap.index("239.1.1.7")].count("\n") + 1
-        for content, reason in [(overlap, f":{line}: VRF red: mdt default 239.1.1.7: The MDT-default group "
-                                          "overlaps with VRF green"),
+        line = overlap.count("\n")  # green's, which is new, though a start would give its group to green and refuse red's
+        for content, reason in [(overlap, f":{line}: VRF green: mdt default 239.1.1.7: The MDT-default group "
+                                          "overlaps with VRF red"),
                                 ("", ": the file holds no line of configuration"), (None, ": No such file or directory")]:
             self.config.unlink() if content is None else self.config.write_text(content)
             kept = daemon.log.read_text().count("stays as it is")
@@ -317,14 +317,15 @@ class ProgramsTest(unittest.TestCase):
             self.assertEqual(daemon.show("running-config"), running)
 
     def test_a_change_that_is_refused_on_the_way_is_taken_back(self):
-        # A module that takes this MTU from a file, and so in the check, but not while it runs.
+        # A module that takes both MTUs from a file; the step to the first is refused where it is tried, to the second not.
         daemon = self.start_example("--module", BIN / "libmoody.so")
-        running = daemon.show("running-config")
-        self.config.write_text(self.config.read_text().replace("mdt mtu 1400", "mdt mtu 1301").replace("hostname pe1", "hostname x")
-                               + "vrf green\n  mdt default 239.6.0.1\n")
-        daemon.process.send_signal(signal.SIGHUP)
-        daemon.wait_for_log("the former configuration is restored")
-        self.assertRegex(daemon.log.read_text(), r"VRF blue: mdt mtu 1301: Not this one\n")
+        running, file = daemon.show("running-config"), self.config.read_text()
+        for mtu, outcome in ((1301, "the configuration stays as it is"), (1303, "the former configuration is restored")):
+            self.config.write_text(file.replace("mdt mtu 1400", f"mdt mtu {mtu}").replace("hostname pe1", "hostname x")
+                                   + "vrf green\n  mdt default 239.6.0.1\n")
+            daemon.process.send_signal(signal.SIGHUP)
+            daemon.wait_for_log(outcome)
+            self.assertRegex(daemon.log.read_text(), rf"router.conf:\d+: VRF blue: mdt mtu {mtu}: Not this one\n")
         self.assertEqual(daemon.show("running-config"), running)
         daemon.wait_for("tunnels", r"blue +10\.0\.0\.1 +239\.1\.1\.2 +1400 +up +up")
 

@@ -1,16 +1,28 @@
-// The module, but for one whim: an operator's MTU of 1301 bytes is refused, while a stored one is taken. A
-// configuration that passes every check can thus be refused while it is applied.
+// The module, but for two whims: an operator's MTU of 1301 bytes is refused while a stored one is taken, and one of
+// 1303 is refused by a daemon only, not where a configuration is tried: what passes every check can then be refused
+// while it is applied.
+#include <fstream>
+#include <iterator>
+#include <string>
+
 #include "platform/cli.h"
 
 namespace {
 
-constexpr uint32_t kRefused = 1301;
+constexpr uint32_t kRefused = 1301, kRefusedByDaemons = 1303;
+
+bool is_trial() {
+  std::ifstream line("/proc/self/cmdline");
+  const std::string arguments{std::istreambuf_iterator<char>(line), {}};
+  return arguments.find("--check-config") != std::string::npos;
+}
 
 cli_handler real_mtu_command;
 
 int mtu_command(cli_command *command) {
   uint32_t mtu = 0;
-  if (cli_is_interactive(command) != 0 && cli_get_uinteger(command, "<mtu-value>", &mtu) != 0 && mtu == kRefused) {
+  const bool entered = cli_is_interactive(command) != 0 && cli_get_uinteger(command, "<mtu-value>", &mtu) != 0;
+  if (entered && (mtu == kRefused || (mtu == kRefusedByDaemons && !is_trial()))) {
     cli_cmd_printf(command, "Not this one\n");
     return CLI_RESULT_REJECTED;
   }
