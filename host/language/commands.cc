@@ -531,6 +531,13 @@ Word clear_bgp_words() {
                         flag("all", "Every neighbour").acts("clear_bgp_neighbor").then(kinds)})});
 }
 
+Word write_words() {
+  const Word force = flag("force", "Also over a file that was changed meanwhile").acts("write");
+  return keyword("write", "Writes what runs to the configuration file")
+      .acts("write")
+      .then({force, keyword("memory", "The same, as other routers have it").acts("write").then({force})});
+}
+
 std::vector<Word> exec_words() {
   const auto log_level = [](std::string text, std::string help) {
     return flag(std::move(text), std::move(help)).acts("log_level");
@@ -553,13 +560,14 @@ std::vector<Word> exec_words() {
                      .then({number("minutes", "Minutes", 1, 1440)})}),
       keyword("rollback", "What ran before runs again; the candidate starts anew from what runs")
           .acts("rollback")
-          .then({number("steps", "Which, 1 is the latest: show configuration former", 1, 10).acts("rollback")}),
+          .takes_long()
+          .then({number("steps", "Which, 1 is the latest: show configuration former", 1, 10)
+                     .acts("rollback")
+                     .takes_long()}),
       keyword("abort", "Drops the candidate")
           .acts(std::string(kAbortAction))
           .then({flag("force", "Also somebody else's").acts(std::string(kAbortAction))}),
-      keyword("write", "Writes what runs to the configuration file")
-          .acts("write")
-          .then({flag("force", "Also over a file that was changed meanwhile").acts("write")}),
+      write_words(),
       keyword("reload", "Reads the configuration file again, as SIGHUP does").acts("reload").takes_long(),
       keyword("check", "Tries the configuration file and changes nothing")
           .acts("check", Effect::trial)

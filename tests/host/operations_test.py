@@ -368,7 +368,7 @@ class OperationsTest(unittest.TestCase):
         line = written.count("\n") + 2
         warning = "VRF green: the route distinguisher 65000:1 is that of VRF red, too\n"
         for command, status, text in [
-            ("write", 1, f"{self.config} was changed after it was read: reload it, or write force\n"),
+            ("write memory", 1, f"{self.config} was changed after it was read: reload it, or write force\n"),
             ("check", 0, f"{self.config}:{line}: warning: {warning}"),
             ("check strict", 1, f"{self.config}:{line}: {warning}"),
             ("reload", 0, f"{self.config}:{line}: warning: {warning}the configuration was read again\n"),
@@ -379,7 +379,7 @@ class OperationsTest(unittest.TestCase):
             status, text = client.ask(command)
             self.assertEqual((status, text.startswith(f"{self.config}:{line}: 'bogus' is not known here"), text.endswith(behind)),
                              (1, True, True), text)
-        self.assertEqual(client.ask("write force")[0], 0)
+        self.assertEqual(client.ask("write memory force")[0], 0)
         self.assertEqual(kept.read_text(), written + "vrf green\n  bogus\n")
         self.assertEqual(client.ask("show configuration diff"), (0, ""))
         self.assertEqual(client.ask("check")[0], 0)
