@@ -15,18 +15,17 @@ class ChangeLog {
   // Bus and log outlive it.
   ChangeLog(EventBus &bus, Log &log);
 
-  // Says what has been left out, and that the next change is of another turn. At every turn's end.
+  // Says what has been left out. At every turn's end.
   void settle();
 
  private:
   static constexpr uint32_t kLinesASecond = 100;  // more than a person reads, less than what fills a disk
   void take(const Change &change);
-  void begin_second();
+  void begin_second(std::chrono::system_clock::time_point now);
 
   Log &log_;
-  std::chrono::steady_clock::time_point second_{};  // that the counts are of
+  std::chrono::system_clock::time_point second_{};  // that the counts are of
   uint32_t lines_ = 0, left_out_ = 0;
-  bool looked_ = false;  // at the clock in this turn
   EventBus::Subscription subscription_;
 };
 
