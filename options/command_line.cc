@@ -60,7 +60,9 @@ std::optional<int> CommandLine::parse(int argc, char **argv, int usage) {
   try {
     app_->parse(argc, argv);
   } catch (const CLI::ParseError &error) {
-    return app_->exit(error) == 0 ? 0 : usage;
+    if (app_->exit(error) == 0) return 0;
+    wrong_ = error.what();
+    return usage;
   }
   return std::nullopt;
 }

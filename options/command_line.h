@@ -65,6 +65,10 @@ class CommandLine : public Command {
   // std::nullopt: the program goes on. Otherwise everything was said, help or what is wrong, and the program ends with
   // this status: 0, or usage.
   std::optional<int> parse(int argc, char **argv, int usage);
+  const std::string &wrong() const { return wrong_; }  // what parse() said was wrong; empty: nothing
+
+ private:
+  std::string wrong_;
 };
 
 }  // namespace options

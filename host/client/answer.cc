@@ -3,12 +3,9 @@
 #include "host/client/answer.h"
 
 #include "host/client/pager.h"
-#include "host/control/pipeline.h"
 #include "host/output/output.h"
 
 namespace host {
-
-Answer::Answer(OutputFormat format, std::string_view line) : format_(format_of(line, format)) {}
 
 void Answer::note(FrameType type, std::string_view part) {
   constexpr size_t kLongestReason = 4096;  // bytes; a reason is some lines

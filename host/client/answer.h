@@ -13,8 +13,8 @@ namespace host {
 
 class Answer {
  public:
-  // format: the client's, unless the line asks for another.
-  Answer(OutputFormat format, std::string_view line);
+  // format: of this answer, see format_of().
+  explicit Answer(OutputFormat format) : format_(format) {}
 
   bool is_document() const { return format_ != OutputFormat::text; }
 

@@ -22,9 +22,8 @@ InterruptGuard::~InterruptGuard() { sigaction(SIGINT, &former_, nullptr); }
 
 const volatile sig_atomic_t &InterruptGuard::flag() { return interrupts; }
 
-std::string_view note_of_abandoned(std::string_view line) {
-  const Match match = match_line(Mode::exec, read_pipeline(split_pipeline(line)).command, true);
-  if (match.error || only_looks(match.statements.front())) return "";
+std::string_view note_of_abandoned(const Statement *first) {
+  if (first == nullptr || only_looks(*first)) return "";
   return "the line had been sent already and may still be carried out\n";
 }
 

@@ -6,6 +6,8 @@
 
 #include <string_view>
 
+#include "host/language/grammar.h"
+
 namespace host {
 
 // While it lives SIGINT only sets the flag, and waits of system calls return early.
@@ -23,8 +25,9 @@ class InterruptGuard {
   struct sigaction former_ {};
 };
 
-// What is to be said of a line that the daemon was sent and whose answer nobody waited for; empty for a view.
-std::string_view note_of_abandoned(std::string_view line);
+// What is to be said of a line that the daemon was sent and whose answer nobody waited for; empty for a view. first:
+// what the line begins with; null: it is wrong, or there is none.
+std::string_view note_of_abandoned(const Statement *first);
 
 }  // namespace host
 

@@ -35,9 +35,9 @@ Examples:
   pimctl configure vrf red mdt default 239.1.1.1
 )";
 
-uint32_t execute(host::ControlClient &client, host::OutputFormat format, const std::string &line,
+uint32_t execute(host::ControlClient &client, host::OutputFormat format, const std::string &line, bool slow,
                  host::Answer *answer) {
-  return client.execute(format, line, [answer](host::FrameType type, std::string_view part) {
+  return client.execute(format, line, slow, [answer](host::FrameType type, std::string_view part) {
     answer->note(type, part);
     if (type != host::FrameType::error) return host::write_output(part);
     host::print_error(part);
@@ -48,17 +48,19 @@ uint32_t execute(host::ControlClient &client, host::OutputFormat format, const s
 // Ctrl-C ends the program as it would otherwise, but for a word about the line, and behind the end of a document.
 uint32_t run_once(const std::string &path, host::ControlClient::Timeout silence, host::OutputFormat format,
                   const std::string &line) {
-  host::Answer answer(format, line);
+  const host::ReadLine read = host::read_line(line);
+  const host::Statement *first = read.first();
+  host::Answer answer(host::format_of(read.pipeline, read.match, format));
   try {
     host::ControlClient client(path, silence);
     const host::InterruptGuard guard;
     if (answer.is_document()) client.complete_when(host::InterruptGuard::interrupted);
-    const uint32_t status = execute(client, format, line, &answer);
+    const uint32_t status = execute(client, format, line, first != nullptr && first->slow, &answer);
     if (!answer.is_document() || !host::InterruptGuard::interrupted()) return answer.end(status);
   } catch (const std::runtime_error &error) {
-    if (!host::InterruptGuard::interrupted()) return answer.end(host::tell_lost(error, line), error.what());
+    if (!host::InterruptGuard::interrupted()) return answer.end(host::tell_lost(error, first), error.what());
   }
-  host::print_error(host::note_of_abandoned(line));
+  host::print_error(host::note_of_abandoned(first));
   std::raise(SIGINT);
   return host::kStatusFailed;
 }
@@ -126,6 +128,17 @@ int print_completions(const std::string &path, const std::vector<std::string> &w
   return 0;
 }
 
+// What a line asks for whose options cannot be read: its program reads a document all the same.
+host::OutputFormat format_on(int argc, char **argv) {
+  for (int i = 1; i < argc; i++) {
+    const std::string_view word = argv[i];
+    if (word == "--") break;
+    if (word == "--json") return host::OutputFormat::json;
+    if (word == "--xml") return host::OutputFormat::xml;
+  }
+  return host::OutputFormat::text;
+}
+
 void print_all_syntax() {
   print_syntax("Commands", host::Mode::exec);
   print_syntax("configure", host::Mode::global);
@@ -155,7 +168,8 @@ int main(int argc, char **argv) {
   app.add_flag("--complete", &complete, "").hidden();  // what may stand behind the words, for a shell's completion
   app.add("command", &words, "the command's words");
   app.version("pimctl " MVPN_VERSION);
-  if (const std::optional<int> status = app.parse(argc, argv, static_cast<int>(host::kStatusSyntax))) return *status;
+  if (const std::optional<int> status = app.parse(argc, argv, static_cast<int>(host::kStatusSyntax)))
+    return static_cast<int>(host::Answer(format_on(argc, argv)).end(static_cast<uint32_t>(*status), app.wrong()));
   if (syntax) {
     print_all_syntax();
     return 0;
@@ -172,10 +186,7 @@ int main(int argc, char **argv) {
     const bool terminal = isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
     host::Session session(path, format, terminal ? paging_of_terminal() : host::Paging(), silence);
     return finish(terminal ? run_session(session) : run_lines(session));
-  } catch (const host::NoAnswer &error) {
-    return static_cast<int>(host::tell_lost(error, ""));
   } catch (const std::exception &error) {
-    host::print_error(std::string("pimctl: ") + error.what() + "\n");
-    return static_cast<int>(host::kStatusUnreachable);
+    return static_cast<int>(host::Answer(format).end(host::tell_lost(error, nullptr), error.what()));
   }
 }

@@ -49,10 +49,11 @@ void print_error(std::string_view text) {
   if (colour) std::fputs("\033[0m", stderr);
 }
 
-uint32_t tell_lost(const std::runtime_error &error, std::string_view line) {
+uint32_t tell_lost(const std::exception &error, const Statement *first) {
   print_error(std::string("pimctl: ") + error.what() + "\n");
+  if (dynamic_cast<const LineTooLong *>(&error) != nullptr) return kStatusSyntax;
   if (dynamic_cast<const NoAnswer *>(&error) == nullptr) return kStatusUnreachable;
-  print_error(note_of_abandoned(line));
+  print_error(note_of_abandoned(first));
   return kStatusNoAnswer;
 }
 
@@ -143,18 +144,19 @@ uint32_t Session::run(std::string_view text) {
   const Pipeline line = read_pipeline(words);
   const Target target = target_of(line.command);
   const Match match = match_line(target.mode, target.words, true);
+  const OutputFormat format = format_of(line, match, format_);
   if (match.error || line.error) {
     SyntaxError error = match.error ? *match.error : *line.error;
     if (match.error) error.word += line.command.size() - target.words.size();  // behind "do"
     print_error(point_out(words, error) + error.reason + "\n");
-    return Answer(format_, text).end(kStatusSyntax, error.reason);
+    return Answer(format).end(kStatusSyntax, error.reason);
   }
   const Statement &statement = match.statements.front();
   uint32_t status = kStatusDone;
   if (statement.action != kConfigureAction || match.statements.size() > 1) {
     std::vector<std::string> command = target.words;
     command.insert(command.end(), words.begin() + static_cast<std::ptrdiff_t>(line.command.size()), words.end());
-    status = send(target.before + (target.before.empty() ? "" : " ") + join_words(command), statement,
+    status = send(target.before + (target.before.empty() ? "" : " ") + join_words(command), statement, format,
                   !line.filters.no_more && statement.effect != Effect::stream);
     if (!only_looks(statement)) names_.forget();
   }
@@ -186,16 +188,16 @@ void Session::enter(const Target &target, const Match &match) {
   before_ = std::move(before);
 }
 
-uint32_t Session::send(std::string_view line, const Statement &first, bool paging) {
+uint32_t Session::send(std::string_view line, const Statement &first, OutputFormat format, bool paging) {
   std::unique_ptr<ControlClient> &client = only_looks(first) ? connection_for_looking() : client_;
   const InterruptGuard guard;
   Pager pager(paging ? paging_ : Paging(), InterruptGuard::flag());
-  Answer answer(format_, line);
+  Answer answer(format);
   bool quit = false;
   try {
     ControlClient &daemon = connected(client);
     daemon.complete_when(answer.is_document() ? InterruptGuard::interrupted : nullptr);
-    const uint32_t status = daemon.execute(format_, line, [&](FrameType type, std::string_view part) {
+    const uint32_t status = daemon.execute(format_, line, first.slow, [&](FrameType type, std::string_view part) {
       answer.note(type, part);
       if (type == FrameType::error)
         print_error(part);
@@ -207,8 +209,8 @@ uint32_t Session::send(std::string_view line, const Statement &first, bool pagin
     return write_error() == 0 ? answer.end(status) : kStatusFailed;
   } catch (const std::runtime_error &error) {
     client.reset();
-    if (!InterruptGuard::interrupted()) return answer.end(tell_lost(error, line), error.what());
-    print_error(note_of_abandoned(line));
+    if (!InterruptGuard::interrupted()) return answer.end(tell_lost(error, &first), error.what());
+    print_error(note_of_abandoned(&first));
     return kStatusFailed;
   }
 }

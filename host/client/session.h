@@ -5,9 +5,9 @@
 #ifndef HOST_SESSION_H
 #define HOST_SESSION_H
 
+#include <exception>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -55,7 +55,7 @@ class Session {
   void leave_configuration();
   std::optional<uint32_t> run_here(const std::vector<std::string> &words);
   bool moves(const std::vector<std::string> &words);
-  uint32_t send(std::string_view line, const Statement &first, bool paging);
+  uint32_t send(std::string_view line, const Statement &first, OutputFormat format, bool paging);
   void enter(const Target &target, const Match &match);
   void read_hostname();
   void add_names(std::vector<Candidate> *all);
@@ -75,8 +75,9 @@ class Session {
   bool ended_ = false;
 };
 
-// Says why there is no answer to a line; the program's exit status for it.
-uint32_t tell_lost(const std::runtime_error &error, std::string_view line);
+// Says why there is no answer to a line, which begins with first; null: none was sent. The program's exit status for
+// it.
+uint32_t tell_lost(const std::exception &error, const Statement *first);
 
 // Prints why something failed, in colour on a terminal that shows colours.
 void print_error(std::string_view text);

@@ -37,9 +37,7 @@ bool is_looking(const Statement &statement) {
 }  // namespace
 
 CommandLine read_command_line(const ControlServer::Request &request, const std::string &hostname) {
-  const std::vector<std::string> words = split_pipeline(request.line);
-  const Pipeline line = read_pipeline(words);
-  Match match = match_line(Mode::exec, line.command, true);
+  auto [words, line, match] = read_line(request.line);
   const OutputFormat format = format_of(line, match, request.format);
   CommandLine read{std::move(match), format, line.filters, "", "", request.by, hostname, request.client};
   const std::optional<SyntaxError> &error = read.match.error ? read.match.error : line.error;

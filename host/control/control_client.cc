@@ -10,8 +10,6 @@
 #include <filesystem>
 #include <thread>
 
-#include "host/control/pipeline.h"
-
 namespace host {
 
 namespace asio = boost::asio;
@@ -86,9 +84,9 @@ void ControlClient::read(void *bytes, size_t size, Timeout timeout) {
   }
 }
 
-uint32_t ControlClient::execute(OutputFormat format, std::string_view line, const Take &take) {
-  if (line.size() > kMaxRequest) throw std::runtime_error("the command line is too long");
-  const Timeout timeout = may_take_long(line) ? Timeout(0) : timeout_;
+uint32_t ControlClient::execute(OutputFormat format, std::string_view line, bool slow, const Take &take) {
+  if (line.size() > kMaxRequest) throw LineTooLong();
+  const Timeout timeout = slow ? Timeout(0) : timeout_;
   try {
     asio::write(socket_, asio::buffer(encode_request(format, line)));
     std::string body;
@@ -112,7 +110,7 @@ uint32_t ControlClient::execute(OutputFormat format, std::string_view line, cons
 std::string ControlClient::text_of(std::string_view line) {
   constexpr size_t kMaxText = 1u << 20;
   std::string text;
-  execute(OutputFormat::text, line, [&text](FrameType type, std::string_view part) {
+  execute(OutputFormat::text, line, false, [&text](FrameType type, std::string_view part) {
     if (type == FrameType::output) text += part;
     return text.size() < kMaxText;
   });

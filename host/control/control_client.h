@@ -20,6 +20,12 @@ class NoAnswer : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// No daemon would take the line.
+class LineTooLong : public std::runtime_error {
+ public:
+  LineTooLong() : std::runtime_error("a command line has at most " + std::to_string(kMaxRequest) + " bytes") {}
+};
+
 class ControlClient {
  public:
   using Timeout = std::chrono::milliseconds;
@@ -35,15 +41,15 @@ class ControlClient {
   bool open() const;
 
   // Runs a command line; its exit status. Throws std::runtime_error when the connection is lost or a signal ends the
-  // waiting, NoAnswer when nothing comes in time. Commands that may take long (see pipeline.h) are waited for as long
-  // as they take.
-  uint32_t execute(OutputFormat format, std::string_view line, const Take &take);
+  // waiting, NoAnswer when nothing comes in time, LineTooLong. slow: nothing may come for long (Statement::slow), and
+  // is waited for.
+  uint32_t execute(OutputFormat format, std::string_view line, bool slow, const Take &take);
 
   // How execute() learns that the operator has interrupted it: the command is then told to stop, and what completes its
   // output is still taken, until the next signal or for so long as is left for a farewell.
   void complete_when(std::function<bool()> interrupted) { interrupted_ = std::move(interrupted); }
 
-  // What a command prints as text, cut behind the first megabyte. Throws as execute().
+  // What a view prints as text, cut behind the first megabyte. Throws as execute().
   std::string text_of(std::string_view line);
 
  private:

@@ -26,8 +26,6 @@
 #include <optional>
 #include <stdexcept>
 
-#include "host/control/pipeline.h"
-
 namespace host {
 
 namespace asio = boost::asio;
@@ -93,7 +91,6 @@ class ControlConnection : public std::enable_shared_from_this<ControlConnection>
   std::optional<ControlServer::Request> waiting_;
   std::shared_ptr<OutputChannel> channel_;  // of the running command
   std::string out_;                         // being sent; empty: nothing
-  bool endless_ = false;                    // the running command never ends by itself
   bool half_ = false;                       // the client sends nothing more
   bool closed_ = false;
 };
@@ -143,14 +140,13 @@ void ControlConnection::take_request() {
 }
 
 void ControlConnection::end_of_requests() {
-  if (!channel_ || endless_) return close();
+  if (!channel_ || channel_->endless()) return close();
   half_ = true;
   channel_->stop();
 }
 
 void ControlConnection::start() {
   const ControlServer::Request request = *std::exchange(waiting_, std::nullopt);
-  endless_ = is_endless(request.line);
   std::weak_ptr<ControlConnection> self = weak_from_this();
   channel_ = std::make_shared<OutputChannel>([self, &io = server_.io_] {
     asio::post(io, [self] {

@@ -45,6 +45,16 @@ void OutputChannel::end(uint32_t status) {
   ready_();
 }
 
+void OutputChannel::goes_on() {
+  const std::lock_guard lock(mutex_);
+  endless_ = true;
+}
+
+bool OutputChannel::endless() const {
+  const std::lock_guard lock(mutex_);
+  return endless_;
+}
+
 bool OutputChannel::wanted() const {
   const std::lock_guard lock(mutex_);
   return !abandoned_ && !overflowed_ && !stopped_;

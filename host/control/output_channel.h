@@ -32,6 +32,7 @@ class OutputChannel {
   void output(std::string_view text) { put(FrameType::output, text); }
   void error(std::string_view text) { put(FrameType::error, text); }
   void end(uint32_t status);
+  void goes_on();       // until the client ends it: there is no end to be waited for
   bool wanted() const;  // false: the client is gone or wants no more, or the limit is reached
   bool full() const;
   // Waits, with the scheduling locks given up, until the client has read or is gone. Called with the locks.
@@ -40,9 +41,10 @@ class OutputChannel {
   // The connection's side. take: what is to be sent next; sent: it has been sent.
   std::string take();
   void sent(size_t size);
-  bool ended() const;  // the end frame has been taken
-  void stop();         // the client wants no more than what completes the output
-  void abandon();      // the client is gone
+  bool ended() const;    // the end frame has been taken
+  bool endless() const;  // see goes_on()
+  void stop();           // the client wants no more than what completes the output
+  void abandon();        // the client is gone
 
  private:
   void put(FrameType type, std::string_view text);
@@ -55,6 +57,7 @@ class OutputChannel {
   std::string gathered_;  // text of the same type, not framed yet
   FrameType gathered_type_ = FrameType::output;
   size_t in_flight_ = 0;  // taken, not sent
+  bool endless_ = false;
   bool overflowed_ = false;
   bool stopped_ = false;
   bool abandoned_ = false;

@@ -158,36 +158,19 @@ std::string point_out(const Words &words, const SyntaxError &error) {
   return line + "\n" + mark + "\n";
 }
 
-namespace {
-
-// What a command line begins with; nothing: it is wrong.
-std::optional<Statement> first_of(std::string_view line) {
-  const Match match = match_line(Mode::exec, read_pipeline(split_pipeline(line)).command, true);
-  return match.error ? std::nullopt : std::optional(match.statements.front());
+ReadLine read_line(std::string_view line) {
+  ReadLine read;
+  read.words = split_pipeline(line);
+  read.pipeline = read_pipeline(read.words);
+  read.match = match_line(Mode::exec, read.pipeline.command, true);
+  return read;
 }
-
-}  // namespace
 
 OutputFormat format_of(const Pipeline &line, const Match &match, OutputFormat clients) {
   if (line.filters.format) return *line.filters.format;
   if (match.error || match.statements.front().effect != Effect::stream) return clients;
   const bool json = clients == OutputFormat::json || find_argument(match.statements.front(), "json") != nullptr;
   return json ? OutputFormat::json_line : clients;
-}
-
-OutputFormat format_of(std::string_view line, OutputFormat clients) {
-  const Pipeline read = read_pipeline(split_pipeline(line));
-  return format_of(read, match_line(Mode::exec, read.command, true), clients);
-}
-
-bool is_endless(std::string_view line) {
-  const auto first = first_of(line);
-  return first && first->effect == Effect::stream;
-}
-
-bool may_take_long(std::string_view line) {
-  const auto first = first_of(line);
-  return first && first->slow;
 }
 
 bool is_view(const Statement &statement) { return statement.effect == Effect::view; }

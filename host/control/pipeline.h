@@ -41,16 +41,19 @@ std::vector<Candidate> filter_candidates(const std::vector<std::string> &words);
 // The line, and below it a mark at the word that is wrong.
 std::string point_out(const std::vector<std::string> &words, const SyntaxError &error);
 
+// A command line, as client and daemon read it.
+struct ReadLine {
+  std::vector<std::string> words;  // of split_pipeline()
+  Pipeline pipeline;
+  Match match;  // of the pipeline's command
+  // What the line begins with; null: it is wrong.
+  const Statement *first() const { return match.error ? nullptr : &match.statements.front(); }
+};
+ReadLine read_line(std::string_view line);
+
 // The form of a command line's answer: what the line asks for, else the client's. Of a line that goes on it is that of
 // each document.
 OutputFormat format_of(const Pipeline &line, const Match &match, OutputFormat clients);  // match: of its command
-OutputFormat format_of(std::string_view line, OutputFormat clients);
-
-// Whether a command line is one that goes on until the client ends it.
-bool is_endless(std::string_view line);
-
-// Whether nothing may come for long in answer to a command line: changes to tell, a file to try.
-bool may_take_long(std::string_view line);
 
 // Only the output of views can be filtered.
 bool is_view(const Statement &statement);

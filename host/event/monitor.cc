@@ -28,6 +28,7 @@ void Monitor::serve(CommandLine line, const std::shared_ptr<OutputChannel> &chan
     return refuse(line, kStatusFailed, "monitor has no end at which lines could be counted\n", *channel);
   std::erase_if(clients_, [](const Client &client) { return !client.channel->wanted(); });
   const OutputFormat format = std::exchange(line.format, OutputFormat::text);
+  channel->goes_on();
   clients_.push_back({channel, format, writer_for(line, *channel)});
 }
 

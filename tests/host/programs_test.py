@@ -15,6 +15,7 @@ import subprocess
 import sys
 import tempfile
 import unittest
+from xml.etree import ElementTree
 
 HERE = pathlib.Path(__file__).resolve().parent
 sys.path.append(str(HERE.parent / "support"))
@@ -449,6 +450,25 @@ class ProgramsTest(unittest.TestCase):
                     expected = {"error": [{"reason": body, "status": status}]} if status else body
                     self.assertEqual(document, expected)
                     self.assertIn(body if status else "", run.stderr)
+
+    def test_a_command_line_that_is_wrong_is_answered_with_a_document_too(self):
+        daemon = self.start("hostname a\n")
+        for words, form in [(["--json", "--bogus"], "json"), (["show", "clock", "--timeout", "x", "--json"], "json"),
+                            (["--xml", "--control"], "xml"), (["--json", "--control", daemon.socket, "x" * 20000], "json"),
+                            (["--bogus", "--", "--json"], "text")]:
+            run = subprocess.run([*PIMCTL, *words], text=True, capture_output=True, timeout=LIMIT)
+            self.assertEqual(run.returncode, 2, words)
+            if form == "text":
+                self.assertEqual(run.stdout, "")
+                continue
+            if form == "json":
+                (error,) = json.loads(run.stdout)["error"]
+                reason, status = error["reason"], error["status"]
+            else:
+                error = ElementTree.fromstring(run.stdout.encode()).find("error")
+                reason, status = error.find("reason").text, int(error.find("status").text)
+            self.assertEqual(status, 2)
+            self.assertIn(reason, run.stderr)
 
     def test_a_monitor_asked_for_documents_fails_with_one_in_a_line(self):
         daemon = self.start("hostname a\n")
