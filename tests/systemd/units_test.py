@@ -28,6 +28,24 @@ prop_of_file() { [ "$(stat -c '%U %a' "$1")" = "$2" ]; }
 user_of() { [ "$(stat -c %U /proc/"$(systemctl show -P MainPID "$1")")" = "$2" ]; }
 systemd-sysusers /etc/sysusers.d/mvpn.conf
 systemd-tmpfiles --create /etc/tmpfiles.d/mvpn.conf
+# The reflector's configuration is where it once was: what pimhostd's account put there is not taken, root's file is.
+former=/etc/mvpn/mdt-reflector.conf own=/etc/mdt-reflector/mdt-reflector.conf
+printf 'bgp\n  local-as 65000\n  router-id 10.0.0.9\n  listen 127.0.0.1:179\n' >/root.conf
+is_there() { [ -e "$1" ] && [ ! -e "$2" ]; }
+as_mvpn() { runuser -u mvpn -- "$@"; }
+as_mvpn cp /root.conf $former
+sh /postinst configure 0.1.0 2>>/log
+holds "an upgrade leaves what mvpn put there" is_there $former $own
+as_mvpn ln -sf /root.conf $former
+sh /postinst configure 0.1.0 2>>/log
+holds "an upgrade leaves a link of mvpn's" is_there $former $own
+rm $former
+install -m 664 /root.conf $former
+sh /postinst configure 0.1.0 2>>/log
+holds "an upgrade takes root's file to the reflector's folder" is_there $own $former
+holds "nobody else may write it" prop_of_file $own "root 644"
+as_root_only() { ! as_mvpn mv -T $own $former && ! as_mvpn cp /root.conf $own; }
+holds "pimhostd's account cannot replace it" as_root_only
 ip link add core0 type veth peer name core1
 ip address add 10.0.0.1/24 dev core0
 ip link set core0 up; ip link set core1 up
@@ -104,8 +122,8 @@ def furnish(root):
         "! by root\nforwarding kernel\n  socket /run/mvpn-forwarder/control.sock\ninterface core0\n  ip address 10.0.0.1\n"
         "pim\n  ssm range 239.1.0.0/16\nvrf red\n  rd 65000:1\n  mdt default 239.1.1.1\n"
         "bgp\n  update-source core0\n")
-    (root / "etc/mvpn/mdt-reflector.conf").write_text(
-        "bgp\n  local-as 65000\n  router-id 10.0.0.9\n  listen 127.0.0.1:179\n")
+    (root / "etc/mdt-reflector").mkdir()
+    shutil.copy(UNITS / "mvpn.postinst", root / "postinst")
     (root / "etc/systemd/system/checks.service").write_text(CHECK_UNIT)
     (root / "checks").write_text(CHECKS)
     for name in ["result", "log"]:
