@@ -319,8 +319,10 @@ void mvpn_ha_recovery_stop() {
   ravl_init_iterator(&iterator, &pim_contexts_by_name);
   auto *pcib = static_cast<pim_cibtype *>(ravl_get_first_user_data(&iterator));
   while (pcib != nullptr) {
-    if (pcib->mvpn != nullptr) sweep(pcib);
-    ravl_pre_sched_yield(&iterator);
+    if (pcib->mvpn != nullptr) {
+      sweep(pcib);
+      ravl_pre_sched_yield(&iterator);
+    }
     pcib = static_cast<pim_cibtype *>(ravl_get_next_user_data(&iterator));
   }
 }
