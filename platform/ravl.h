@@ -14,24 +14,20 @@ extern "C" {
 
 enum { RAVL_KEY_MAX = 40 }; /* bytes of the longest key */
 
-/* Zero-filled before the first insert; all fields but user_data belong to the service. */
+/* Zero-filled before the first insert, and at a multiple of 8 bytes. There may be a million, so it is small. */
 struct ravl_node {
-  struct ravl_node *parent;
-  struct ravl_node *left;
-  struct ravl_node *right;
-  int32_t balance;
-  uint32_t linked; /* 1 while the node stands in a tree */
-  void *user_data; /* set by the owner before the insert; what the user-data walk returns */
+  uintptr_t links[2]; /* the service's */
+  void *user_data;    /* set by the owner before the insert; what the user-data walk returns */
 };
 
 typedef int (*ravl_compare)(const void *key_a, const void *key_b);
 
 struct ravl_tree {
-  struct ravl_node header; /* the service's anchor */
-  uint32_t key_length;     /* bytes, at most RAVL_KEY_MAX */
-  uint32_t key_place;      /* byte offset of the key from the node */
-  ravl_compare compare;    /* null: memcmp over key_length bytes */
-  uint32_t count;          /* records in the tree */
+  struct ravl_node *root; /* the service's; null: the tree is empty */
+  uint32_t key_length;    /* bytes, at most RAVL_KEY_MAX */
+  uint32_t key_place;     /* byte offset of the key from the node */
+  ravl_compare compare;   /* null: memcmp over key_length bytes */
+  uint32_t count;         /* records in the tree */
 };
 
 /* A position in a walk: the key of the last record returned. Lives on the caller's stack. */

@@ -1,14 +1,15 @@
 // Patricia trees as ordered trees of numbers: the walks that the contract promises are by key and by prefix, which any
-// order of the keys gives and keeps through every deletion. A key is two numbers in network byte order, so that a
-// comparison is one of numbers; a node is an object that never moves.
+// order of the keys gives and keeps through every deletion. A key is one number or two in network byte order, as long
+// as it is, so that a comparison is one of numbers and a node has no more of it than its tree's keys have; a node is an
+// object that never moves.
 #include "platform/pt.h"
 
 #include <algorithm>
 #include <array>
-#include <boost/intrusive/set.hpp>
 #include <cstring>
 #include <new>
 
+#include "platform/reference/key_tree.h"
 #include "platform/reference/object_pages.h"
 #include "platform/reference/wire.h"
 
@@ -16,59 +17,73 @@ struct pt_attr {
   uint32_t key_bytes;
 };
 
-namespace {
-
-namespace bi = boost::intrusive;
-using Hook = bi::set_base_hook<bi::optimize_size<true>, bi::link_mode<bi::normal_link>>;
-
-// Keys shorter than the longest are padded with zeros, which keeps the order of keys of one length.
-struct Key {
-  Key(const void *from, uint32_t size) {
-    if (from != nullptr) std::memcpy(bytes, from, std::min<size_t>(size, sizeof bytes));
-  }
-  bool operator<(const Key &other) const {
-    const uint64_t high = ref::wire::load_be64(bytes), other_high = ref::wire::load_be64(other.bytes);
-    if (high != other_high) return high < other_high;
-    return ref::wire::load_be64(bytes + 8) < ref::wire::load_be64(other.bytes + 8);
-  }
-  uint8_t bytes[PT_KEY_MAX] = {};
-};
-static_assert(PT_KEY_MAX == 16, "a key is two numbers");
-
-}  // namespace
-
-struct pt_node : Hook {
-  pt_node(const Key &its_key, void *record) : key(its_key), data(record) {}
-  Key key;
+struct pt_node {
+  uintptr_t links[2];
   void *data;
+  // The key's bytes follow, padded with zeros to whole numbers.
+  const uint8_t *key() const { return reinterpret_cast<const uint8_t *>(this + 1); }
 };
-
-namespace {
-
-struct KeyOf {
-  using type = Key;
-  const Key &operator()(const pt_node &node) const { return node.key; }
-};
-
-using Nodes = bi::set<pt_node, bi::base_hook<Hook>, bi::key_of_value<KeyOf>, bi::constant_time_size<false>>;
-
-}  // namespace
 
 struct pt_root {
   uint32_t key_bytes;
-  Nodes nodes;
+  pt_node *nodes;
 };
 
 namespace {
 
-pt_node *matching(pt_root *root, const Nodes::iterator &at, const Key &prefix, uint32_t prefix_bits) {
-  if (at == root->nodes.end()) return nullptr;
-  return std::memcmp(at->key.bytes, prefix.bytes, prefix_bits / 8) == 0 ? &*at : nullptr;
+using Tree = ref::KeyTree<pt_node>;
+
+constexpr size_t number_octets = sizeof(uint64_t);
+static_assert(PT_KEY_MAX == 2 * number_octets, "a key is one number or two");
+
+bool is_one_number(uint32_t key_bytes) { return key_bytes <= number_octets; }
+
+// Octets of a node.
+size_t node_octets(uint32_t key_bytes) {
+  return sizeof(pt_node) + (is_one_number(key_bytes) ? number_octets : 2 * number_octets);
+}
+
+// A key that stands outside of the tree, and where it stands beside those in it. Keys shorter than their numbers are
+// padded with zeros, which keeps the order of keys of one length.
+class Key {
+ public:
+  Key(const void *from, uint32_t size, uint32_t key_bytes) : one_number_(is_one_number(key_bytes)) {
+    if (from != nullptr) std::memcpy(bytes_, from, std::min<size_t>(size, sizeof bytes_));
+    high_ = ref::wire::load_be64(bytes_);
+    low_ = ref::wire::load_be64(bytes_ + number_octets);
+  }
+  int operator()(const pt_node *node) const {
+    const uint64_t high = ref::wire::load_be64(node->key());
+    if (high_ != high) return high_ < high ? -1 : 1;
+    if (one_number_) return 0;
+    const uint64_t low = ref::wire::load_be64(node->key() + number_octets);
+    return low_ < low ? -1 : low_ > low ? 1 : 0;
+  }
+  const uint8_t *bytes() const { return bytes_; }
+
+ private:
+  uint8_t bytes_[PT_KEY_MAX] = {};
+  uint64_t high_, low_;
+  bool one_number_;
+};
+
+pt_node *make_node(const Key &key, uint32_t key_bytes, void *data) {
+  const size_t octets = node_octets(key_bytes);
+  void *object = ref::take_object(octets);
+  if (object == nullptr) return nullptr;
+  auto *node = new (object) pt_node{{}, data};
+  std::memcpy(node + 1, key.bytes(), octets - sizeof(pt_node));
+  return node;
+}
+
+pt_node *matching(pt_node *node, const Key &prefix, uint32_t prefix_bits) {
+  const bool matches = node != nullptr && std::memcmp(node->key(), prefix.bytes(), prefix_bits / 8) == 0;
+  return matches ? node : nullptr;
 }
 
 // An empty tree is a null root.
 void drop_if_empty(pt_root **root) {
-  if (!(*root)->nodes.empty()) return;
+  if ((*root)->nodes != nullptr) return;
   delete *root;
   *root = nullptr;
 }
@@ -85,44 +100,45 @@ pt_attr *pt_attr_create(uint32_t, uint32_t, uint32_t key_bytes) {
 int pt_add(pt_attr *attr, pt_root **root, uint32_t key_bytes, const void *key, uint32_t key_bits, void *data) {
   if (attr == nullptr || key_bytes != attr->key_bytes || key_bits != key_bytes * 8) return 1;
   if (*root == nullptr) {
-    *root = new (std::nothrow) pt_root{key_bytes, {}};
+    *root = new (std::nothrow) pt_root{key_bytes, nullptr};
     if (*root == nullptr) return 1;
   }
-  Nodes::insert_commit_data place;
-  const Key wanted(key, key_bytes);
-  if (!(*root)->nodes.insert_check(wanted, place).second) return 1;
-  void *object = ref::take_object(sizeof(pt_node));
-  if (object != nullptr) (*root)->nodes.insert_commit(*new (object) pt_node(wanted, data), place);
+  const Key wanted(key, key_bytes, key_bytes);
+  Tree::Way way;
+  if (!Tree::find_place((*root)->nodes, wanted, way)) return 1;
+  pt_node *node = make_node(wanted, key_bytes, data);
+  if (node != nullptr) Tree::insert(node, way);
   drop_if_empty(root);
-  return object != nullptr ? 0 : 1;
+  return node != nullptr ? 0 : 1;
 }
 
 int pt_delete(pt_attr *attr, pt_root **root, const void *key, uint32_t key_bits) {
   if (attr == nullptr || *root == nullptr || key_bits != (*root)->key_bytes * 8) return 1;
-  const auto found = (*root)->nodes.find(Key(key, (*root)->key_bytes));
-  if (found == (*root)->nodes.end()) return 1;
-  (*root)->nodes.erase_and_dispose(found, [](pt_node *node) { ref::give_object(node); });
+  const Key wanted(key, (*root)->key_bytes, (*root)->key_bytes);
+  pt_node *node = Tree::erase((*root)->nodes, wanted, [](const pt_node *) { return true; });
+  if (node == nullptr) return 1;
+  ref::give_object(node);
   drop_if_empty(root);
   return 0;
 }
 
 void *pt_lookup(pt_root *root, const void *key, uint32_t key_bits, int) {
   if (root == nullptr || key_bits != root->key_bytes * 8) return nullptr;
-  const auto found = root->nodes.find(Key(key, root->key_bytes));
-  return found == root->nodes.end() ? nullptr : found->data;
+  const pt_node *found = Tree::find(root->nodes, Key(key, root->key_bytes, root->key_bytes));
+  return found != nullptr ? found->data : nullptr;
 }
 
 pt_node *pt_get_first_node(pt_root *root, const void *prefix, uint32_t prefix_bits) {
   if (root == nullptr) return nullptr;
-  const Key key(prefix, prefix_bits / 8);
-  return matching(root, root->nodes.lower_bound(key), key, prefix_bits);
+  const Key key(prefix, prefix_bits / 8, root->key_bytes);
+  return matching(Tree::at_or_after(root->nodes, key), key, prefix_bits);
 }
 
 pt_node *pt_get_next_node(pt_root *root, const void *last_key, uint32_t prefix_bits) {
   if (root == nullptr) return nullptr;
-  const Key key(last_key, root->key_bytes);
-  return matching(root, root->nodes.upper_bound(key), key, prefix_bits);
+  const Key key(last_key, root->key_bytes, root->key_bytes);
+  return matching(Tree::after(root->nodes, key), key, prefix_bits);
 }
 
-const uint8_t *pt_node_key(const pt_node *node) { return node->key.bytes; }
+const uint8_t *pt_node_key(const pt_node *node) { return node->key(); }
 void *pt_node_data(const pt_node *node) { return node->data; }
