@@ -299,7 +299,7 @@ CHECK(rqueue, "a data queue agrees with a deque of pointers and tags, and holds 
   }
   while (platform.rdequeue_data(&queue, nullptr) != nullptr) {
   }
-  EXPECT(queue.index == nullptr);
+  EXPECT(queue.rest == 0);
 }
 
 CHECK(rqueue, "a pointer that was queued twice is there twice") {

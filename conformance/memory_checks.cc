@@ -98,7 +98,9 @@ CHECK(mem, "tracked buffers hold what was asked for; freeing null is nothing") {
 
 namespace {
 
-uint64_t nanoseconds_of(const zeph_timestamp &stamp) { return stamp.seconds * 1'000'000'000 + stamp.nanoseconds; }
+uint64_t nanoseconds_of(const zeph_timestamp &stamp) {
+  return uint64_t{stamp.seconds} * 1'000'000'000 + stamp.nanoseconds;
+}
 
 uint64_t now() {
   zeph_timestamp stamp;
@@ -206,7 +208,7 @@ CHECK(timer, "stamps compare with now, and are zero on the other side of it") {
   zeph_timestamp future = stamp;
   future.seconds += 1000;
   EXPECT(platform.timestamp_expired(&future) == 0);
-  zeph_timestamp never{UINT64_MAX, UINT64_MAX};
+  zeph_timestamp never{UINT32_MAX, UINT32_MAX};
   EXPECT(platform.timestamp_expired(&never) == 0);
   for (const zeph_timestamp *ahead : {&future, &never}) {
     platform.timestamp_elapsed(ahead, &result);
@@ -222,7 +224,7 @@ CHECK(timer, "stamps compare with now, and are zero on the other side of it") {
 }
 
 CHECK(timer, "durations print; debug files get the wall clock's milliseconds") {
-  const std::pair<uint64_t, const char *> cases[] = {{0, "00:00:00"},  {65, "00:01:05"},  {86399, "23:59:59"},
+  const std::pair<uint32_t, const char *> cases[] = {{0, "00:00:00"},  {65, "00:01:05"},  {86399, "23:59:59"},
                                                      {86400, "1d00h"}, {183600, "2d03h"}, {604799, "6d23h"},
                                                      {604800, "1w0d"}, {1300000, "2w1d"}};
   for (const auto &[seconds, text] : cases) {

@@ -1,7 +1,8 @@
 /* First-in first-out queues.
  *
- * Two forms. A linking queue (flag 0) links its items through their first word. A data queue (flag 1) holds pointers
- * and a small tag for each; it keeps an index, so that finding and removing an item does not depend on its length. */
+ * Two forms. A linking queue (flag 0) links its items through their first word, and counts them by a walk. A data queue
+ * (flag 1) holds pointers and a small tag for each; it keeps an index, so that finding and removing an item does not
+ * depend on its length. An item stands at an even address. */
 #ifndef PLATFORM_RQUEUE_H
 #define PLATFORM_RQUEUE_H
 
@@ -13,13 +14,10 @@ extern "C" {
 
 enum { RQUEUE_LINKING = 0, RQUEUE_DATA = 1 };
 
-/* The first word is the head, null when the queue is empty; the other fields belong to the service. */
+/* The first word is the head, null when the queue is empty. Every core route has a queue, so it is small. */
 struct rqueue {
   void *head;
-  void *tail;
-  uint32_t count; /* items */
-  uint32_t flag;  /* RQUEUE_LINKING or RQUEUE_DATA */
-  void *index;    /* data queues: null while empty */
+  uintptr_t rest; /* the service's, 0 while the queue is empty: a linking queue's last item, a data queue's index */
 };
 
 /* Empties a queue without freeing anything: rqueue_init(queue, RQUEUE_LINKING or RQUEUE_DATA, 0). */

@@ -34,10 +34,10 @@ void active_timer_stop(active_timer *timer);
 /* Stops and frees the timer; also from inside its own callback. A null timer is ignored. */
 void active_timer_cancel(active_timer *timer);
 
-/* Monotonic time since an arbitrary start. */
+/* Monotonic time since an arbitrary start, which 136 years do not use up. Every core route has one, so it is small. */
 struct zeph_timestamp {
-  uint64_t seconds;     /* whole ones */
-  uint64_t nanoseconds; /* 0..999999999 */
+  uint32_t seconds;     /* whole ones */
+  uint32_t nanoseconds; /* 0..999999999 */
 };
 
 /* Reads the monotonic clock. Result: -1 on failure, in which case *now is unspecified. */

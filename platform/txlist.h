@@ -20,9 +20,8 @@ enum { TXLIST_KIND_ITERATOR = 0, TXLIST_KIND_MAX = 7 };
 
 /* All fields belong to the service. */
 struct txlist_obj {
-  struct txlist_obj *next;
+  struct txlist_obj *next; /* null while not linked */
   struct txlist_obj *prev;
-  txlist *list;      /* null while not linked */
   uint32_t version;  /* of its last insertion; wraps */
   uint8_t kind;      /* 1..TXLIST_KIND_MAX, or TXLIST_KIND_ITERATOR */
   uint8_t is_member; /* 1: a member, 0: an element */

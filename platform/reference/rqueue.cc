@@ -1,4 +1,5 @@
-// Queues. A data queue is a sequence with an index by pointer; it exists only while the queue is not empty.
+// Queues. A data queue is a sequence with an index by pointer; it exists only while the queue is not empty, and its
+// address has the lowest bit set where the queue keeps it, which tells the two forms apart.
 #include "platform/rqueue.h"
 
 #include <boost/multi_index/hashed_index.hpp>
@@ -19,39 +20,49 @@ struct Cell {
 using Cells = mi::multi_index_container<
     Cell, mi::indexed_by<mi::sequenced<>, mi::hashed_non_unique<mi::member<Cell, const void *, &Cell::data>>>>;
 
-Cells *cells_of(const rqueue *queue) { return static_cast<Cells *>(queue->index); }
+constexpr uintptr_t is_data = 1;
+
+// Null: a linking queue, or an empty one.
+Cells *cells_of(const rqueue *queue) {
+  return (queue->rest & is_data) != 0 ? reinterpret_cast<Cells *>(queue->rest - is_data) : nullptr;
+}
 
 void *pointer_of(const Cell &cell) { return const_cast<void *>(cell.data); }
 
-// Keeps the fields that callers read in step, and gives the cells back when none is left.
+// Keeps the head in step, and gives the cells back when none is left.
 void refresh(rqueue *queue) {
   Cells *cells = cells_of(queue);
-  queue->count = static_cast<uint32_t>(cells->size());
-  if (queue->count != 0) {
+  if (!cells->empty()) {
     queue->head = pointer_of(cells->front());
-    queue->tail = pointer_of(cells->back());
     return;
   }
   delete cells;
-  queue->index = queue->head = queue->tail = nullptr;
+  *queue = {};
 }
+
+void *tail_of(const rqueue *queue) { return reinterpret_cast<void *>(queue->rest); }
+void set_tail(rqueue *queue, void *item) { queue->rest = reinterpret_cast<uintptr_t>(item); }
 
 void *&link_of(void *item) { return *static_cast<void **>(item); }
 
 }  // namespace
 
-void rqueue_init(rqueue *queue, uint32_t flag, uint32_t) { *queue = rqueue{nullptr, nullptr, 0, flag, nullptr}; }
+void rqueue_init(rqueue *queue, uint32_t, uint32_t) { *queue = {}; }
 
-uint32_t rqueue_count(const rqueue *queue) { return queue->count; }
+uint32_t rqueue_count(const rqueue *queue) {
+  if (const Cells *cells = cells_of(queue)) return static_cast<uint32_t>(cells->size());
+  uint32_t count = 0;
+  for (void *at = queue->head; at != nullptr; at = link_of(at)) count++;
+  return count;
+}
 
 void renqueue(rqueue *queue, void *item) {
   link_of(item) = nullptr;
-  if (queue->tail != nullptr)
-    link_of(queue->tail) = item;
+  if (queue->head != nullptr)
+    link_of(tail_of(queue)) = item;
   else
     queue->head = item;
-  queue->tail = item;
-  queue->count++;
+  set_tail(queue, item);
 }
 
 void *rdequeue(rqueue *queue) {
@@ -68,9 +79,8 @@ int runqueue(rqueue *queue, void *item) {
       link_of(previous) = link_of(item);
     else
       queue->head = link_of(item);
-    if (queue->tail == item) queue->tail = previous;
+    if (tail_of(queue) == item) set_tail(queue, previous);
     link_of(item) = nullptr;
-    queue->count--;
     return 1;
   }
   return 0;
@@ -83,12 +93,12 @@ void *rqueue_next(const rqueue *queue, const void *item) {
 int renqueue_data(rqueue *queue, void *data, uint32_t tag) {
   int added = 1;
   try {
-    if (queue->index == nullptr) queue->index = new Cells;
+    if (queue->rest == 0) queue->rest = reinterpret_cast<uintptr_t>(new Cells) | is_data;
     cells_of(queue)->push_back({data, tag});
   } catch (const std::bad_alloc &) {
     added = 0;
   }
-  if (queue->index != nullptr) refresh(queue);
+  if (queue->rest != 0) refresh(queue);
   return added;
 }
 

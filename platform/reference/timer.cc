@@ -48,14 +48,11 @@ void disarm(active_timer *timer) {
 }
 
 zeph_timestamp to_stamp(nanoseconds time) {
-  return {static_cast<uint64_t>(time.count() / 1000000000), static_cast<uint64_t>(time.count() % 1000000000)};
+  return {static_cast<uint32_t>(time.count() / 1000000000), static_cast<uint32_t>(time.count() % 1000000000)};
 }
 
-// Of any stamp; one beyond the clock's range is taken as its end.
 nanoseconds from_stamp(const zeph_timestamp &stamp) {
-  constexpr uint64_t last_second = uint64_t{nanoseconds::max().count()} / 1000000000 - 1;
-  return std::chrono::seconds(std::min(stamp.seconds, last_second)) +
-         nanoseconds(std::min<uint64_t>(stamp.nanoseconds, 999999999));
+  return std::chrono::seconds(stamp.seconds) + nanoseconds(std::min(stamp.nanoseconds, 999999999u));
 }
 
 }  // namespace

@@ -15,22 +15,21 @@ struct txlist {
 
 struct txlist_iterator {
   txlist_member member;
+  txlist *list;  // there while the member is linked
 };
 
 namespace {
 
-bool is_linked(const txlist_obj *obj) { return obj->list != nullptr; }
+bool is_linked(const txlist_obj *obj) { return obj->next != nullptr; }
 
 void unlink(txlist_obj *obj) {
   if (!is_linked(obj)) return;
   obj->prev->next = obj->next;
   obj->next->prev = obj->prev;
   obj->next = obj->prev = nullptr;
-  obj->list = nullptr;
 }
 
-void link_after(txlist *list, txlist_obj *obj, txlist_obj *place) {
-  obj->list = list;
+void link_after(txlist_obj *obj, txlist_obj *place) {
   obj->prev = place;
   obj->next = place->next;
   place->next->prev = obj;
@@ -46,7 +45,7 @@ void init(txlist_obj *obj, uint8_t kind, bool member) {
 // A member's version is that of what stands before it.
 void place_member(txlist *list, txlist_obj *member, txlist_obj *place) {
   unlink(member);
-  link_after(list, member, place);
+  link_after(member, place);
   member->version = place == &list->head ? 0 : place->version;
 }
 
@@ -78,7 +77,7 @@ int txlist_element_is_linked(const txlist_element *element) { return is_linked(&
 
 void txlist_insert_element_at_tail(txlist *list, txlist_element *element) {
   unlink(&element->obj);
-  link_after(list, &element->obj, list->head.prev);
+  link_after(&element->obj, list->head.prev);
   element->obj.version = ++list->version;
 }
 
@@ -101,7 +100,7 @@ void txlist_insert_member_before_node(txlist *list, txlist_member *member, txlis
 void txlist_remove_member(txlist *, txlist_member *member) { unlink(&member->obj); }
 
 txlist_obj *txlist_get_next_node(txlist *list, txlist_obj *node) {
-  if (node != nullptr && node->list != list) return nullptr;  // it was removed
+  if (node != nullptr && !is_linked(node)) return nullptr;  // it was removed
   txlist_obj *next = node != nullptr ? node->next : list->head.next;
   while (next != &list->head && is_iterator(next)) next = next->next;
   return next == &list->head ? nullptr : next;
@@ -122,16 +121,16 @@ uint32_t txlist_get_obj_version(const txlist_obj *obj) { return obj->version; }
 txlist_iterator *txlist_iterator_create(txlist *list) {
   auto *iterator = new (std::nothrow) txlist_iterator;
   if (iterator == nullptr) return nullptr;
+  iterator->list = list;
   init(&iterator->member.obj, TXLIST_KIND_ITERATOR, true);
   place_member(list, &iterator->member.obj, &list->head);
   return iterator;
 }
 
 txlist_obj *txlist_iterator_next(txlist_iterator *iterator) {
-  txlist *list = iterator->member.obj.list;
-  if (list == nullptr) return nullptr;  // the list was destroyed
-  txlist_obj *next = txlist_get_next_node(list, &iterator->member.obj);
-  if (next != nullptr) place_member(list, &iterator->member.obj, next);
+  if (!is_linked(&iterator->member.obj)) return nullptr;  // the list was destroyed
+  txlist_obj *next = txlist_get_next_node(iterator->list, &iterator->member.obj);
+  if (next != nullptr) place_member(iterator->list, &iterator->member.obj, next);
   return next;
 }
 

@@ -250,9 +250,9 @@ struct mvpn_mdt_route {
   uint8_t in_mrib;                      // 1: an add entry was written to an update buffer; never cleared
   mvpn_mdt_route_pending_t pending;
   uint8_t teardown;            // copied into every entry written for the route
+  uint8_t unlisted_referers;   // own bookkeeping; 1: records may point at the route that referers does not list
   rqueue referers;             // data queue: records that depend on the route, tagged mvpn_referer_kind_t
   txlist_element txlist_elem;  // membership in the transmit list
-  uint8_t unlisted_referers;   // own bookkeeping; 1: records may point at the route that referers does not list
 };
 
 // MDT SAFI key: what identifies an entry, in memory order. The tree key is its first 12 bytes.

@@ -36,7 +36,7 @@ constexpr uint32_t kNodesBetweenYields = 1000;  // as the ageing pass
 constexpr uint32_t kGroupBits = 32;
 constexpr uint32_t kGroupSourceBits = 64;
 constexpr uint32_t kKeyBits = MVPN_RECV_KEY_BYTES * 8;
-constexpr uint64_t kNanosecondsPerSecond = 1000000000;
+constexpr uint32_t kNanosecondsPerSecond = 1000000000;
 
 using Record = mvpn_data_mdt_recv_join_info;
 
