@@ -15,6 +15,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <tuple>
 
@@ -100,26 +101,28 @@ bool is_route(const mvpn_mdt_route_addrs &addrs) {
 using Id = MribRoutes::Id;
 using Record = MribRoutes::Record;
 
-void tell_plane(Record &route) {
+void tell_plane(Id id) {
+  Record &route = state.routes[id];
   if (!route.installed && !route.forwarded) return;
   if (ForwardingPlane *plane = forwarding_plane())
-    plane->core_route_changed(mrib_route_of(route.its_key, route.client), route.installed);
-  if (observer() != nullptr && !route.client.local && route.installed != route.forwarded)
-    observer()->core_route_joined(route.client.owner, route.its_key.source, route.its_key.group, route.installed);
+    plane->core_route_changed(mrib_route_of(route.key(), state.routes.installed(id)), route.installed);
+  if (observer() != nullptr && route.installed != route.forwarded)
+    if (const MribTerms terms = state.routes.installed(id).terms; !terms.local)
+      observer()->core_route_joined(terms.owner, route.source, route.group, route.installed);
   route.forwarded = route.installed;
 }
 
 // Brings what clients and the forwarding plane see up to date, and drops a route that nobody holds.
 void settle_route(Id id) {
   state.shown.clear();
-  tell_plane(state.routes[id]);
+  tell_plane(id);
   state.routes.settle(id);
 }
 
 // Fills in what clients read; the rest of the route stays 0.
-void show_route(const Record &from, mrib_route &to) {
-  to.addrs = addrs_of(from.its_key);
-  to.mti_iod = from.installed && from.client.mti_iod != 0 ? from.client.mti_iod : from.foreign_mti;
+void show_route(Id id, mrib_route &to) {
+  to.addrs = addrs_of(state.routes[id].key());
+  to.mti_iod = state.routes.mti_of(id);
 }
 
 void erase_encaps(const EncapKey &first, const EncapKey &last) {
@@ -151,20 +154,21 @@ MribKey decode_key(const uint8_t *entry) {
   return mrib_key(wire::load_host<uint32_t>(entry + MRIB_ENTRY_CONTEXT_ID), addrs);
 }
 
-MribInstalled decode_installed(const uint8_t *entry, uint32_t xid) {
-  MribInstalled installed;
-  installed.owner = wire::load_host<uint32_t>(entry + MRIB_ENTRY_OWNER);
-  installed.mdt_source_iod = wire::load_host<uint32_t>(entry + MRIB_ENTRY_MDT_SOURCE_IOD);
-  installed.mti_given = entry[MRIB_ENTRY_MTI_IOD_SET] != 0;
-  if (installed.mti_given) installed.mti_iod = wire::load_host<uint32_t>(entry + MRIB_ENTRY_MTI_IOD);
+MribInstalled decode_installed(const MribKey &key, const uint8_t *entry, uint32_t xid) {
+  MribTerms terms;
+  terms.owner = wire::load_host<uint32_t>(entry + MRIB_ENTRY_OWNER);
+  terms.mdt_source_iod = wire::load_host<uint32_t>(entry + MRIB_ENTRY_MDT_SOURCE_IOD);
+  terms.mti_given = entry[MRIB_ENTRY_MTI_IOD_SET] != 0;
+  if (terms.mti_given) terms.mti_iod = wire::load_host<uint32_t>(entry + MRIB_ENTRY_MTI_IOD);
   if (wire::load_host<uint32_t>(entry + MRIB_ENTRY_RPF_ADDR_SET) != 0)
-    installed.rpf_addr = wire::load_host<uint32_t>(entry + MRIB_ENTRY_RPF_ADDR);
-  installed.local = entry[MRIB_ENTRY_LOCAL] != 0;
-  installed.last_hop = entry[MRIB_ENTRY_LAST_HOP] != 0;
-  installed.asm_shared_tree = entry[MRIB_ENTRY_ASM_SHARED_TREE] != 0;
-  installed.teardown = entry[MRIB_ENTRY_TEARDOWN] != 0;
-  installed.xid = xid;
-  return installed;
+    terms.rpf_addr = wire::load_host<uint32_t>(entry + MRIB_ENTRY_RPF_ADDR);
+  terms.rpf_is_source = terms.rpf_addr != 0 && terms.rpf_addr == key.source;
+  if (terms.rpf_is_source) terms.rpf_addr = 0;
+  terms.local = entry[MRIB_ENTRY_LOCAL] != 0;
+  terms.last_hop = entry[MRIB_ENTRY_LAST_HOP] != 0;
+  terms.asm_shared_tree = entry[MRIB_ENTRY_ASM_SHARED_TREE] != 0;
+  terms.teardown = entry[MRIB_ENTRY_TEARDOWN] != 0;
+  return {terms, xid};
 }
 
 void apply_entry(const uint8_t *entry, uint32_t xid) {
@@ -172,7 +176,7 @@ void apply_entry(const uint8_t *entry, uint32_t xid) {
   if (!is_route(addrs_of(key))) return;
   if (entry[MRIB_ENTRY_ADD] != 0) {
     const Id id = state.routes.make(key);
-    state.routes.install(id, decode_installed(entry, xid));
+    state.routes.install(id, decode_installed(key, entry, xid));
     settle_route(id);
   } else if (const Id id = state.routes.find(key); id != 0 && state.routes[id].installed) {
     state.routes.uninstall(id, wire::load_host<uint32_t>(entry + MRIB_ENTRY_OWNER));
@@ -254,25 +258,22 @@ void mrib_reset() {
 
 void mrib_hold_route(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &addrs, im_iod_t mti_iod) {
   const Id id = state.routes.make(mrib_key(context_id, addrs));
-  state.routes[id].foreign = true;
-  state.routes[id].foreign_mti = mti_iod;
+  state.routes.hold(id, mti_iod);
   settle_route(id);
 }
 
 void mrib_release_route(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &addrs) {
   const Id id = state.routes.find(mrib_key(context_id, addrs));
   if (id == 0) return;
-  state.routes[id].foreign = false;
-  state.routes[id].foreign_mti = 0;
+  state.routes.release(id);
   settle_route(id);
 }
 
 void mrib_drop_context(vrf_context_id_t context_id) {
   if (state.routes.context(context_id) != nullptr)
-    for (const Id id :
-         state.routes.sorted([=](const Record &route) { return route.its_key.context_id == context_id; })) {
+    for (const Id id : state.routes.sorted([=](const Record &route) { return route.context_id == context_id; })) {
       state.routes.forget_client(id);
-      state.routes[id].foreign = false;
+      state.routes.release(id);
       settle_route(id);
     }
   erase_encaps_of(context_id);
@@ -280,7 +281,7 @@ void mrib_drop_context(vrf_context_id_t context_id) {
 }
 
 void mrib_tell_plane() {
-  for (const Id id : state.routes.sorted([](const Record &) { return true; })) tell_plane(state.routes[id]);
+  for (const Id id : state.routes.sorted([](const Record &) { return true; })) tell_plane(id);
   if (ForwardingPlane *plane = forwarding_plane())
     for (const auto &[key, encap] : state.encaps) plane->encap_changed(encap, true);
 }
@@ -288,7 +289,7 @@ void mrib_tell_plane() {
 std::vector<MribRoute> mrib_routes() {
   std::vector<MribRoute> all;
   for (const Id id : state.routes.sorted([](const Record &route) { return route.installed; }))
-    all.push_back(mrib_route_of(state.routes[id].its_key, state.routes[id].client));
+    all.push_back(mrib_route_of(state.routes[id].key(), state.routes.installed(id)));
   return all;
 }
 
@@ -439,10 +440,10 @@ void mrib_trigger_join_notify(mrib_client_handle *) {
   ref::post([] {
     std::vector<std::vector<uint8_t>> entries;
     const auto joined = [](const ref::Record &route) {
-      return route.foreign && route.its_key.context_id == VRF_CONTEXT_ID_DEFAULT && !ref::is_star_g(route.its_key);
+      return route.foreign && route.context_id == VRF_CONTEXT_ID_DEFAULT && !ref::is_star_g(route.key());
     };
     for (const ref::Id id : ref::state.routes.sorted(joined)) {
-      const ref::MribKey &key = ref::state.routes[id].its_key;
+      const ref::MribKey key = ref::state.routes[id].key();
       entries.push_back(ref::notify_entry(key.context_id, ref::addrs_of(key), MRIB_NOTIFY_JOIN));
     }
     ref::post_notification(entries);
@@ -462,7 +463,7 @@ const mrib_route *mrib_get_route_by_addr(vrf_context_id_t context_id, const mvpn
   const ref::Id id = ref::state.routes.find(ref::mrib_key(context_id, *addrs));
   if (id == 0) return nullptr;
   mrib_route &answer = answers[next++ % answers.size()];
-  ref::show_route(ref::state.routes[id], answer);
+  ref::show_route(id, answer);
   return &answer;
 }
 
@@ -476,10 +477,10 @@ const mrib_group *mrib_get_group(mrib_context *context, ip_addr_t group, uint32_
   if (!is_new) return &shown->second;
   const std::vector<ref::Id> ids = ref::state.routes.of_group(context->context_id, group, group_len);
   for (const ref::Id id : ids) {
-    const ref::Record &record = ref::state.routes[id];
-    if (!ref::is_star_g(record.its_key) && record.its_key.source_len != MROUTE_HOST_LEN) continue;  // no single source
+    const ref::MribKey key = ref::state.routes[id].key();
+    if (!ref::is_star_g(key) && key.source_len != MROUTE_HOST_LEN) continue;  // no single source
     mrib_route route{};
-    ref::show_route(record, route);
+    ref::show_route(id, route);
     shown->second.add(route);
   }
   if (!ids.empty()) return &shown->second;

@@ -6,6 +6,7 @@
 #include "platform/reference/mrib_routes.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "platform/reference/mrib.h"
 #include "platform/reference/wire.h"
@@ -14,7 +15,7 @@ namespace ref {
 namespace {
 
 // The bytes that install a route: what no field has is 0.
-std::vector<uint8_t> entry_of(const MribRoute &route, const MribInstalled &installed) {
+std::vector<uint8_t> entry_of(const MribRoute &route, const MribTerms &terms) {
   std::vector<uint8_t> entry(MRIB_UPDATE_ENTRY_SIZE);
   const auto store = [&entry](size_t place, uint32_t value) { wire::store_host(&entry[place], value); };
   store(MRIB_ENTRY_CONTEXT_ID, route.context_id);
@@ -32,8 +33,8 @@ std::vector<uint8_t> entry_of(const MribRoute &route, const MribInstalled &insta
   entry[MRIB_ENTRY_ADD] = 1;
   entry[MRIB_ENTRY_LOCAL] = route.local ? 1 : 0;
   entry[MRIB_ENTRY_LAST_HOP] = route.last_hop ? 1 : 0;
-  entry[MRIB_ENTRY_MTI_IOD_SET] = installed.mti_given ? 1 : 0;
-  entry[MRIB_ENTRY_TEARDOWN] = installed.teardown ? 1 : 0;
+  entry[MRIB_ENTRY_MTI_IOD_SET] = terms.mti_given ? 1 : 0;
+  entry[MRIB_ENTRY_TEARDOWN] = terms.teardown ? 1 : 0;
   return entry;
 }
 
@@ -54,17 +55,18 @@ mvpn_mdt_route_addrs addrs_of(const MribKey &key) {
 }
 
 MribRoute mrib_route_of(const MribKey &key, const MribInstalled &installed) {
+  const MribTerms &terms = installed.terms;
   MribRoute route;
   route.addrs = addrs_of(key);
   route.context_id = key.context_id;
-  route.owner = installed.owner;
-  route.mti_iod = installed.mti_iod;
-  route.mdt_source_iod = installed.mdt_source_iod;
-  route.rpf_addr = installed.rpf_addr;
-  route.local = installed.local;
-  route.last_hop = installed.last_hop;
-  route.asm_shared_tree = installed.asm_shared_tree;
-  route.entry = entry_of(route, installed);
+  route.owner = terms.owner;
+  route.mti_iod = terms.mti_iod;
+  route.mdt_source_iod = terms.mdt_source_iod;
+  route.rpf_addr = terms.rpf_is_source ? key.source : terms.rpf_addr;
+  route.local = terms.local;
+  route.last_hop = terms.last_hop;
+  route.asm_shared_tree = terms.asm_shared_tree;
+  route.entry = entry_of(route, terms);
   route.xid = installed.xid;
   return route;
 }
@@ -74,7 +76,11 @@ MribRoute mrib_route_of(const MribKey &key, const MribInstalled &installed) {
 MribRoutes::Id MribRoutes::make(const MribKey &key) {
   if (const Id found = find(key); found != 0) return found;
   Record record;
-  record.its_key = key;
+  record.context_id = key.context_id;
+  record.group = key.group;
+  record.source = key.source;
+  record.group_len = key.group_len;
+  record.source_len = key.source_len;
   const Id id = records_.add(record);
   link(id);
   return id;
@@ -83,11 +89,12 @@ MribRoutes::Id MribRoutes::make(const MribKey &key) {
 void MribRoutes::settle(Id id) {
   if (records_[id].installed || records_[id].foreign) return;
   unlink(id);
+  drop_terms(records_[id].terms);
   records_.erase(id);
 }
 
 void MribRoutes::sort(std::vector<Id> &ids) const {
-  std::sort(ids.begin(), ids.end(), [this](Id a, Id b) { return records_[a].its_key < records_[b].its_key; });
+  std::sort(ids.begin(), ids.end(), [this](Id a, Id b) { return records_[a].key() < records_[b].key(); });
 }
 
 mrib_context *MribRoutes::context(vrf_context_id_t context_id) {
@@ -107,10 +114,10 @@ std::vector<MribRoutes::Id> MribRoutes::of_group(vrf_context_id_t context_id, ip
 
 void MribRoutes::link(Id id) {
   Record &record = records_[id];
-  const vrf_context_id_t context_id = record.its_key.context_id;
+  const vrf_context_id_t context_id = record.context_id;
   contexts_.try_emplace(context_id, mrib_context{context_id, 0}).first->second.routes++;
-  uint32_t group = groups_.find(group_key(record.its_key));
-  if (group == 0) group = groups_.add({group_key(record.its_key)});
+  uint32_t group = groups_.find(group_key(record.key()));
+  if (group == 0) group = groups_.add({group_key(record.key())});
   record.after = groups_[group].first;
   if (record.after != 0) records_[record.after].before = id;
   groups_[group].first = id;
@@ -122,27 +129,52 @@ void MribRoutes::unlink(Id id) {
   if (record.before != 0) {
     records_[record.before].after = record.after;
   } else {
-    const uint32_t group = groups_.find(group_key(record.its_key));
+    const uint32_t group = groups_.find(group_key(record.key()));
     groups_[group].first = record.after;
     if (record.after == 0) groups_.erase(group);
   }
-  const auto context = contexts_.find(record.its_key.context_id);
+  const auto context = contexts_.find(record.context_id);
   if (--context->second.routes == 0) contexts_.erase(context);
 }
 
 // ------------------------------------------------------------------------------------------------------------ owners
 
+// An owner installs many routes in a row.
+void MribRoutes::set_terms(Id id, const MribInstalled &installed) {
+  if (latest_terms_ == 0 || terms_[latest_terms_].its_key != installed.terms) {
+    latest_terms_ = terms_.find(installed.terms);
+    if (latest_terms_ == 0) latest_terms_ = terms_.add({installed.terms});
+  }
+  terms_[latest_terms_].users++;
+  Record &record = records_[id];
+  record.xid = installed.xid;
+  drop_terms(std::exchange(record.terms, latest_terms_));
+}
+
+void MribRoutes::drop_terms(uint32_t terms) {
+  if (terms == 0 || --terms_[terms].users > 0) return;
+  if (latest_terms_ == terms) latest_terms_ = 0;
+  terms_.erase(terms);
+}
+
+MribInstalled MribRoutes::installed(Id id) const {
+  const Record &record = records_[id];
+  return record.terms != 0 ? MribInstalled{terms_[record.terms].its_key, record.xid} : MribInstalled{};
+}
+
 void MribRoutes::install(Id id, const MribInstalled &installed) {
   Record &record = records_[id];
-  if (record.owned && record.client.owner != installed.owner) {
-    auto &owners = shared_[record.its_key];
-    owners.try_emplace(record.client.owner, record.client);
-    owners[installed.owner] = installed;
-  } else if (const auto owners = shared_.find(record.its_key); owners != shared_.end()) {
-    owners->second[installed.owner] = installed;
+  const uint32_t owner = installed.terms.owner;
+  if (record.owned && terms_[record.terms].its_key.owner != owner) {
+    const MribInstalled former = this->installed(id);
+    auto &owners = shared_[record.key()];
+    owners.try_emplace(former.terms.owner, former);
+    owners[owner] = installed;
+  } else if (const auto owners = shared_.find(record.key()); owners != shared_.end()) {
+    owners->second[owner] = installed;
   }
   record.installed = record.owned = true;
-  record.client = installed;
+  set_terms(id, installed);
 }
 
 void MribRoutes::uninstall(Id id, uint32_t owner) {
@@ -152,20 +184,44 @@ void MribRoutes::uninstall(Id id, uint32_t owner) {
     if (!record.owned) record.installed = false;
     return;
   }
-  const auto owners = shared_.find(record.its_key);
+  const bool counts = terms_[record.terms].its_key.owner == owner;
+  const auto owners = shared_.find(record.key());
   if (owners == shared_.end()) {
-    if (record.client.owner == owner) record.owned = false;
+    if (counts) record.owned = false;
     return;
   }
   owners->second.erase(owner);
-  if (record.client.owner == owner) record.client = owners->second.begin()->second;
+  if (counts) set_terms(id, owners->second.begin()->second);
   if (owners->second.size() == 1) shared_.erase(owners);
 }
 
 void MribRoutes::forget_client(Id id) {
   Record &record = records_[id];
   record.installed = record.owned = false;
-  shared_.erase(record.its_key);
+  shared_.erase(record.key());
+}
+
+// ------------------------------------------------------------------------------------------------------ other holders
+
+void MribRoutes::hold(Id id, im_iod_t mti_iod) {
+  release(id);
+  Record &record = records_[id];
+  record.foreign = true;
+  record.foreign_mti = mti_iod != 0;
+  if (mti_iod != 0) foreign_mtis_[record.key()] = mti_iod;
+}
+
+void MribRoutes::release(Id id) {
+  Record &record = records_[id];
+  if (record.foreign_mti) foreign_mtis_.erase(record.key());
+  record.foreign = record.foreign_mti = false;
+}
+
+im_iod_t MribRoutes::mti_of(Id id) const {
+  const Record &record = records_[id];
+  const im_iod_t clients = record.installed ? terms_[record.terms].its_key.mti_iod : 0;
+  if (clients != 0 || !record.foreign_mti) return clients;
+  return foreign_mtis_.at(record.key());
 }
 
 }  // namespace ref

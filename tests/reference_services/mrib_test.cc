@@ -1,6 +1,9 @@
 // Updates, acknowledgements, ownership and notifications of the MRIB.
 #include "platform/mrib.h"
 
+#include <array>
+#include <map>
+
 #include "platform/reference/im.h"
 #include "platform/reference/module.h"
 #include "platform/reference/mrib.h"
@@ -19,6 +22,7 @@ class MribTest : public ServicesTest {
     ip_addr_t source, group;
     uint32_t owner;
     im_iod_t mti = 0;
+    ip_addr_t rpf = 0;
   };
 
   static std::vector<uint8_t> update_of(const std::vector<Entry> &entries) {
@@ -30,6 +34,8 @@ class MribTest : public ServicesTest {
       put_at(buffer, at + 8, entries[i].group);
       buffer[at + 12] = entries[i].source != 0 ? 32 : MROUTE_ANY_SOURCE_LEN;
       buffer[at + 13] = 32;
+      put_at(buffer, at + 16, entries[i].rpf);
+      put_at(buffer, at + 24, uint32_t{entries[i].rpf != 0});
       put_at(buffer, at + 32, entries[i].owner);
       put_at(buffer, at + 40, entries[i].mti);
       buffer[at + 62] = entries[i].add ? 1 : 0;
@@ -122,6 +128,27 @@ TEST_F(MribTest, RouteOfTwoOwnersIsTheRemainingOnes) {
   EXPECT_EQ(holder(), 7u);
   update({{true, 0, g_, 8, blue}, {false, 0, g_, 7}, {false, 0, g_, 0}});
   EXPECT_EQ(holder(), 8u);
+}
+
+// Routes share what their owners installed of them: each has its own all the same, whichever come and go.
+TEST_F(MribTest, RoutesAreAsTheirOwnersInstalledThem) {
+  std::map<ip_addr_t, std::array<uint32_t, 4>> expected;  // by source: owner, tunnel, reverse path, transaction
+  for (uint32_t i = 0; i < 400; i++) {
+    const ip_addr_t source = s_ + i * 7 % 60;
+    const uint32_t owner = 7 + i % 3, mti = i % 4 == 0 ? 0 : 40 + i % 2;
+    const ip_addr_t rpf = i % 5 == 0 ? 0 : i % 5 == 1 ? source : s_ + i % 2;
+    if (const auto held = expected.find(source); held != expected.end()) {
+      update({{false, source, g_, held->second[0]}, {false, source, g_, 0}}, i);
+      expected.erase(held);
+    }
+    if (i % 6 == 5) continue;
+    update({{true, source, g_, owner, mti, rpf}}, i);
+    expected[source] = {owner, mti, rpf, i};
+    std::map<ip_addr_t, std::array<uint32_t, 4>> read;
+    for (const ref::MribRoute &route : ref::mrib_routes())
+      read[route.addrs.source] = {route.owner, route.mti_iod, route.rpf_addr, route.xid};
+    ASSERT_EQ(read, expected) << i;
+  }
 }
 
 TEST_F(MribTest, GroupsAreWalkedBySource) {
