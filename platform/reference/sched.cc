@@ -10,12 +10,19 @@
 // are on their way to it (started or signalled, but not in the queue yet). How long the system takes to wake a thread
 // then makes no difference.
 //
+// Only one of these threads runs at a time, so the system finds another processor idle whenever it wakes one, and all
+// that the last one wrote would have to follow from cache to cache. Who gets the baton therefore wakes where the last
+// one had it, and from there on runs where the system likes.
+//
 // settle() needs to know when nothing can run any more. A module thread is asleep, that is inside a condition wait that
 // was made known here and not signalled since, or waiting for the write lock; or it is coming; or it is active: it has
 // the baton, waits for it, or blocks somewhere else. A thread that blocks elsewhere is unknown and counts as active.
 //
 // Nothing here is a cancellation point, and a thread that ends, in whatever way, gives the baton back on its way out.
 #include "platform/thread.h"
+
+#include <sched.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -52,7 +59,10 @@ using namespace std::chrono_literals;
 struct Waiter {
   uint64_t ticket;
   pthread_cond_t *granted;
+  pid_t thread;
   bool has_baton = false;
+  bool moved = false;      // it may run on one processor only until it has found out that it has the baton
+  cpu_set_t processors{};  // those that it may run on otherwise; when moved
 };
 
 // A thread started through the contract.
@@ -155,6 +165,15 @@ void wake(Member *member) {
   set_phase(member, Phase::coming);
 }
 
+// The waiter will wake on the caller's processor. Where the system refuses that, it wakes anywhere.
+void move_here(Waiter *waiter) {
+  cpu_set_t here;
+  CPU_ZERO(&here);
+  CPU_SET(sched_getcpu(), &here);
+  waiter->moved = sched_getaffinity(waiter->thread, sizeof waiter->processors, &waiter->processors) == 0 &&
+                  sched_setaffinity(waiter->thread, sizeof here, &here) == 0;
+}
+
 // The baton goes to the next thread when it is free.
 void hand_on() {
   if (state.busy || state.waiting.empty()) return;
@@ -164,6 +183,7 @@ void hand_on() {
   state.busy = true;
   state.turns++;
   waiter->has_baton = true;
+  if (waiter->thread != gettid()) move_here(waiter);
   granted = waiter->granted;
 }
 
@@ -179,7 +199,7 @@ uint64_t ticket_of_caller() {
 }
 
 void acquire_locked() {
-  Waiter waiter{ticket_of_caller(), take_condition()};
+  Waiter waiter{ticket_of_caller(), take_condition(), gettid()};
   const auto place = std::find_if(state.waiting.begin(), state.waiting.end(),
                                   [&waiter](const Waiter *other) { return other->ticket > waiter.ticket; });
   state.waiting.insert(place, &waiter);
@@ -192,6 +212,7 @@ void acquire_locked() {
   }
   granted = nullptr;
   while (!waiter.has_baton) pthread_cond_wait(waiter.granted, &mutex);
+  if (waiter.moved) sched_setaffinity(waiter.thread, sizeof waiter.processors, &waiter.processors);
   state.spare_conditions.push_back(waiter.granted);
   holds = true;
   state.slice_calls = 0;

@@ -1,8 +1,11 @@
 // The order of turns, what settles, and what a yield says. mvpn-contract-test has what a module may rely on.
+#include <sched.h>
+
 #include <deque>
 #include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/reference/testing/runtime.h"
 #include "platform/thread.h"
@@ -138,6 +141,43 @@ TEST_F(Scheduler, SeedFixesTheOrderOfTurns) {
     ASSERT_EQ(run(1), first);
     ASSERT_EQ(run(2), other);
   }
+}
+
+std::vector<int> own_processors() {
+  cpu_set_t set;
+  EXPECT_EQ(sched_getaffinity(0, sizeof set, &set), 0);
+  std::vector<int> processors;
+  for (int processor = 0; processor < CPU_SETSIZE; processor++)
+    if (CPU_ISSET(processor, &set)) processors.push_back(processor);
+  return processors;
+}
+
+// The baton takes a thread to a processor for its awakening only, whatever the operator confined the thread to.
+TEST_F(Scheduler, ThreadsKeepTheProcessorsThatTheyMayRunOn) {
+  const std::vector<int> all = own_processors();
+  std::vector<pthread_t> threads;
+  for (const int processor : {all.front(), all.back()})
+    threads.push_back(start([processor, &all] {
+      cpu_set_t one;
+      CPU_ZERO(&one);
+      CPU_SET(processor, &one);
+      ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+      for (int i = 0; i < 50; i++) {
+        tsp_sched_yield();
+        ASSERT_EQ(own_processors(), std::vector<int>{processor});
+      }
+    }));
+  threads.push_back(start([&all] {
+    for (int i = 0; i < 50; i++) {
+      tsp_sched_yield();
+      ASSERT_EQ(own_processors(), all);
+    }
+  }));
+  for (int i = 0; i < 50; i++) {
+    tsp_sched_yield();
+    ASSERT_EQ(own_processors(), all);
+  }
+  for (const pthread_t thread : threads) join(thread);
 }
 
 TEST_F(Scheduler, SettleWaitsForWhatWasSignalled) {
