@@ -49,7 +49,6 @@ std::vector<uint8_t> update(bool add) {
     put(&buffer, at + MRIB_ENTRY_ADD, uint8_t{add});
     if (i == 0) put(&buffer, at + MRIB_ENTRY_OWNER, red);
     if (add) put(&buffer, at + MRIB_ENTRY_ADD_OWNER, red);
-    if (i == 1) put(&buffer, at + MRIB_ENTRY_TEARDOWN, uint8_t{1});
   }
   return buffer;
 }

@@ -58,7 +58,7 @@ enum mrib_update_entry {
   MRIB_ENTRY_LOCAL = 70,           /* 1 byte: 1 = this PE is the source */
   MRIB_ENTRY_LAST_HOP = 71,        /* 1 byte: 1 = this PE receives */
   MRIB_ENTRY_MTI_IOD_SET = 72,     /* 1 byte: 1 = the tunnel interface counts */
-  MRIB_ENTRY_TEARDOWN = 83,        /* 1 byte: 1 in the second entry of a deletion */
+  MRIB_ENTRY_TEARDOWN = 83,        /* 1 byte: 1 = deleted with the owner's whole default MDT; in both entries */
   MRIB_ENTRY_END = MRIB_UPDATE_ENTRY_SIZE,
 };
 
