@@ -19,7 +19,7 @@
 //   - Several steps of a teardown yield. After each the VRF is looked up again, and the teardown ends when it has
 //     another context or none.
 //
-// All of it runs on the main thread and, when a VRF comes up again after a teardown, on the MRIB worker.
+// All of it runs on the main thread and, once the route deletions of a teardown are written, on the MRIB worker.
 #include "routing/pim/mvpn/mvpn_default_mdt_internal.h"
 
 #include <algorithm>

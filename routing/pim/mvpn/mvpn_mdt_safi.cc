@@ -25,7 +25,7 @@
 // while `local` is 1. The key never changes while an entry is stored. The database is told what was filled in, not what
 // the transport accepted: nothing is rolled back or sent again when a send fails.
 //
-// Everything runs on the main thread and nothing here yields.
+// Runs on the main thread, and on the MRIB worker when it has a tunnel brought up again. Nothing here yields.
 #include "routing/pim/mvpn/mvpn_mdt_safi_internal.h"
 
 #include <cerrno>
