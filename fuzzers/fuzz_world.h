@@ -1,6 +1,6 @@
 // The world of the fuzz targets: one started module per process, with a VRF whose default MDT is up.
-#ifndef FUZZ_FUZZ_WORLD_H
-#define FUZZ_FUZZ_WORLD_H
+#ifndef FUZZERS_FUZZ_WORLD_H
+#define FUZZERS_FUZZ_WORLD_H
 
 #include <cstdint>
 
@@ -17,4 +17,4 @@ void deliver();
 
 }  // namespace fuzz
 
-#endif  // FUZZ_FUZZ_WORLD_H
+#endif  // FUZZERS_FUZZ_WORLD_H

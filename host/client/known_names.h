@@ -1,6 +1,6 @@
 // Names that the daemon knows, for completion and help: fetched when they are first wanted, kept for a few seconds.
-#ifndef HOST_KNOWN_NAMES_H
-#define HOST_KNOWN_NAMES_H
+#ifndef HOST_CLIENT_KNOWN_NAMES_H
+#define HOST_CLIENT_KNOWN_NAMES_H
 
 #include <chrono>
 #include <map>
@@ -32,4 +32,4 @@ class KnownNames {
 
 }  // namespace host
 
-#endif  // HOST_KNOWN_NAMES_H
+#endif  // HOST_CLIENT_KNOWN_NAMES_H

@@ -1,6 +1,6 @@
 // Lines from a terminal: editing, a history that outlives the session, completion and help.
-#ifndef HOST_LINE_EDITOR_H
-#define HOST_LINE_EDITOR_H
+#ifndef HOST_CLIENT_LINE_EDITOR_H
+#define HOST_CLIENT_LINE_EDITOR_H
 
 #include <histedit.h>
 
@@ -51,4 +51,4 @@ std::string history_path();
 
 }  // namespace host
 
-#endif  // HOST_LINE_EDITOR_H
+#endif  // HOST_CLIENT_LINE_EDITOR_H

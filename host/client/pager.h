@@ -2,8 +2,8 @@
 //
 // While the operator reads a page nothing more is taken from the daemon, which then waits where the listing yields; an
 // operator who quits ends the listing there.
-#ifndef HOST_PAGER_H
-#define HOST_PAGER_H
+#ifndef HOST_CLIENT_PAGER_H
+#define HOST_CLIENT_PAGER_H
 
 #include <csignal>
 #include <cstdio>
@@ -57,4 +57,4 @@ class Pager {
 
 }  // namespace host
 
-#endif  // HOST_PAGER_H
+#endif  // HOST_CLIENT_PAGER_H

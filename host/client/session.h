@@ -2,8 +2,8 @@
 //
 // The daemon keeps no session, only which connection holds the configuration. A line of a configuration mode goes to it
 // as one command that begins with the headers of the blocks that the session has entered.
-#ifndef HOST_SESSION_H
-#define HOST_SESSION_H
+#ifndef HOST_CLIENT_SESSION_H
+#define HOST_CLIENT_SESSION_H
 
 #include <exception>
 #include <memory>
@@ -85,4 +85,4 @@ bool in_colour(int descriptor);
 
 }  // namespace host
 
-#endif  // HOST_SESSION_H
+#endif  // HOST_CLIENT_SESSION_H

@@ -3,8 +3,8 @@
 //
 // Blocks are shared between copies of a configuration and copied when they change, so that taking a copy, editing it
 // and comparing it with the original costs what was edited.
-#ifndef HOST_CONFIG_H
-#define HOST_CONFIG_H
+#ifndef HOST_CONFIG_CONFIG_H
+#define HOST_CONFIG_CONFIG_H
 
 #include <map>
 #include <memory>
@@ -137,4 +137,4 @@ std::vector<LineChange> difference(const Config &before, const Config &after);
 
 }  // namespace host
 
-#endif  // HOST_CONFIG_H
+#endif  // HOST_CONFIG_CONFIG_H

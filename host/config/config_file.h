@@ -2,8 +2,8 @@
 //
 // What a file can cost is bounded: a longer one is refused before it is read, one that is wrong throughout is not read
 // to its end, and of its errors the first few are told. A file given by mistake must not fill the log.
-#ifndef HOST_CONFIG_FILE_H
-#define HOST_CONFIG_FILE_H
+#ifndef HOST_CONFIG_CONFIG_FILE_H
+#define HOST_CONFIG_CONFIG_FILE_H
 
 #include <sys/types.h>
 
@@ -57,4 +57,4 @@ std::vector<std::string> described(const std::string &file, const std::vector<Co
 
 }  // namespace host
 
-#endif  // HOST_CONFIG_FILE_H
+#endif  // HOST_CONFIG_CONFIG_FILE_H

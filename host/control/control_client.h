@@ -1,6 +1,6 @@
 // A client's side of the control socket.
-#ifndef HOST_CONTROL_CLIENT_H
-#define HOST_CONTROL_CLIENT_H
+#ifndef HOST_CONTROL_CONTROL_CLIENT_H
+#define HOST_CONTROL_CONTROL_CLIENT_H
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
@@ -67,4 +67,4 @@ class ControlClient {
 
 }  // namespace host
 
-#endif  // HOST_CONTROL_CLIENT_H
+#endif  // HOST_CONTROL_CONTROL_CLIENT_H

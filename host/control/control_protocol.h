@@ -9,8 +9,8 @@
 //
 // A client that closes the connection ends its command. One that closes its sending side only has the command stop:
 // what completes the output still comes, then the connection ends. A command that would never end is not waited for.
-#ifndef HOST_CONTROL_PROTOCOL_H
-#define HOST_CONTROL_PROTOCOL_H
+#ifndef HOST_CONTROL_CONTROL_PROTOCOL_H
+#define HOST_CONTROL_CONTROL_PROTOCOL_H
 
 #include <cstddef>
 #include <cstdint>
@@ -47,4 +47,4 @@ uint32_t decode_status(std::string_view body);  // of an end frame; failed when 
 
 }  // namespace host
 
-#endif  // HOST_CONTROL_PROTOCOL_H
+#endif  // HOST_CONTROL_CONTROL_PROTOCOL_H

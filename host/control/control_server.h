@@ -1,6 +1,6 @@
 // The control socket: accepts clients, reads their requests, sends the answers.
-#ifndef HOST_CONTROL_SERVER_H
-#define HOST_CONTROL_SERVER_H
+#ifndef HOST_CONTROL_CONTROL_SERVER_H
+#define HOST_CONTROL_CONTROL_SERVER_H
 
 #include <sys/types.h>
 
@@ -80,4 +80,4 @@ class ControlServer {
 
 }  // namespace host
 
-#endif  // HOST_CONTROL_SERVER_H
+#endif  // HOST_CONTROL_CONTROL_SERVER_H

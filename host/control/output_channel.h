@@ -4,8 +4,8 @@
 // its client where it yields anyway: when more than kHighWater bytes are queued, the yield point that it comes to gives
 // the scheduling locks up until the client has read. kLimit bounds what a command can print between two yields: from
 // then on nothing more is wanted, and what a command writes all the same, to complete its output, is little.
-#ifndef HOST_OUTPUT_CHANNEL_H
-#define HOST_OUTPUT_CHANNEL_H
+#ifndef HOST_CONTROL_OUTPUT_CHANNEL_H
+#define HOST_CONTROL_OUTPUT_CHANNEL_H
 
 #include <condition_variable>
 #include <functional>
@@ -67,4 +67,4 @@ class OutputChannel {
 
 }  // namespace host
 
-#endif  // HOST_OUTPUT_CHANNEL_H
+#endif  // HOST_CONTROL_OUTPUT_CHANNEL_H

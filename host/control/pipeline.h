@@ -1,6 +1,6 @@
 // The filters behind a command: `show ... | include PATTERN | count`.
-#ifndef HOST_PIPELINE_H
-#define HOST_PIPELINE_H
+#ifndef HOST_CONTROL_PIPELINE_H
+#define HOST_CONTROL_PIPELINE_H
 
 #include <optional>
 #include <string>
@@ -62,4 +62,4 @@ bool only_looks(const Statement &statement);
 
 }  // namespace host
 
-#endif  // HOST_PIPELINE_H
+#endif  // HOST_CONTROL_PIPELINE_H

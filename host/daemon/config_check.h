@@ -1,6 +1,6 @@
 // Trying a configuration: whether the module takes every line of it is known when the module has been given them.
-#ifndef HOST_CONFIG_CHECK_H
-#define HOST_CONFIG_CHECK_H
+#ifndef HOST_DAEMON_CONFIG_CHECK_H
+#define HOST_DAEMON_CONFIG_CHECK_H
 
 #include <sys/types.h>
 
@@ -76,4 +76,4 @@ class ConfigCheck {
 
 }  // namespace host
 
-#endif  // HOST_CONFIG_CHECK_H
+#endif  // HOST_DAEMON_CONFIG_CHECK_H

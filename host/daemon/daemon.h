@@ -1,6 +1,6 @@
 // pimhostd: the process.
-#ifndef HOST_DAEMON_H
-#define HOST_DAEMON_H
+#ifndef HOST_DAEMON_DAEMON_H
+#define HOST_DAEMON_DAEMON_H
 
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -98,4 +98,4 @@ class Daemon {
 
 }  // namespace host
 
-#endif  // HOST_DAEMON_H
+#endif  // HOST_DAEMON_DAEMON_H

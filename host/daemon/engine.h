@@ -3,8 +3,8 @@
 // Views run on threads of their own, under the scheduling locks: a listing yields to everything else, and a client that
 // reads slowly holds up nobody but itself. Every other command runs at once on the main thread. A command that shows
 // what the forwarder counts begins when the forwarder has answered.
-#ifndef HOST_ENGINE_H
-#define HOST_ENGINE_H
+#ifndef HOST_DAEMON_ENGINE_H
+#define HOST_DAEMON_ENGINE_H
 
 #include <memory>
 #include <optional>
@@ -56,4 +56,4 @@ class Engine {
 
 }  // namespace host
 
-#endif  // HOST_ENGINE_H
+#endif  // HOST_DAEMON_ENGINE_H

@@ -1,6 +1,6 @@
 // Links to other PEs: the carrier of core packets and the BGP sessions, as the configuration wants them.
-#ifndef HOST_LINKS_H
-#define HOST_LINKS_H
+#ifndef HOST_DAEMON_LINKS_H
+#define HOST_DAEMON_LINKS_H
 
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -52,4 +52,4 @@ class Links {
 
 }  // namespace host
 
-#endif  // HOST_LINKS_H
+#endif  // HOST_DAEMON_LINKS_H

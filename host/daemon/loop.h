@@ -1,6 +1,6 @@
 // The daemon's main loop: an event loop whose handlers run with the scheduling locks.
-#ifndef HOST_LOOP_H
-#define HOST_LOOP_H
+#ifndef HOST_DAEMON_LOOP_H
+#define HOST_DAEMON_LOOP_H
 
 #include <atomic>
 #include <boost/asio/io_context.hpp>
@@ -91,4 +91,4 @@ class Loop {
 
 }  // namespace host
 
-#endif  // HOST_LOOP_H
+#endif  // HOST_DAEMON_LOOP_H

@@ -1,6 +1,6 @@
 // Loads libmvpn.so and finds its entry points and the words that the host reads and sets.
-#ifndef HOST_MODULE_LOADER_H
-#define HOST_MODULE_LOADER_H
+#ifndef HOST_DAEMON_MODULE_LOADER_H
+#define HOST_DAEMON_MODULE_LOADER_H
 
 #include <string>
 
@@ -30,4 +30,4 @@ LoadedModule load_module(const std::string &path);
 
 }  // namespace host
 
-#endif  // HOST_MODULE_LOADER_H
+#endif  // HOST_DAEMON_MODULE_LOADER_H

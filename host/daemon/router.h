@@ -2,8 +2,8 @@
 // read again, and when an operator changes something.
 //
 // It is three parts, each of which knows those behind it: transactions, the life of VRFs, what the platform is told.
-#ifndef HOST_ROUTER_H
-#define HOST_ROUTER_H
+#ifndef HOST_DAEMON_ROUTER_H
+#define HOST_DAEMON_ROUTER_H
 
 #include <functional>
 #include <optional>
@@ -82,4 +82,4 @@ class Router {
 
 }  // namespace host
 
-#endif  // HOST_ROUTER_H
+#endif  // HOST_DAEMON_ROUTER_H

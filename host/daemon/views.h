@@ -1,6 +1,6 @@
 // The host's own views: what the platform's services hold.
-#ifndef HOST_VIEWS_H
-#define HOST_VIEWS_H
+#ifndef HOST_DAEMON_VIEWS_H
+#define HOST_DAEMON_VIEWS_H
 
 #include <vector>
 
@@ -15,4 +15,4 @@ CounterBase counters_now();  // on the main thread
 
 }  // namespace host
 
-#endif  // HOST_VIEWS_H
+#endif  // HOST_DAEMON_VIEWS_H

@@ -2,8 +2,8 @@
 //
 // The same tree serves the configuration file, the commands of the control socket, completion, the help behind '?', and
 // the command reference. commands.cc holds the trees.
-#ifndef HOST_GRAMMAR_H
-#define HOST_GRAMMAR_H
+#ifndef HOST_LANGUAGE_GRAMMAR_H
+#define HOST_LANGUAGE_GRAMMAR_H
 
 #include <optional>
 #include <set>
@@ -183,4 +183,4 @@ const std::vector<Word> &root_of(Mode mode);
 
 }  // namespace host
 
-#endif  // HOST_GRAMMAR_H
+#endif  // HOST_LANGUAGE_GRAMMAR_H

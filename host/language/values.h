@@ -1,6 +1,6 @@
 // Typed words of the command language: how each type is read, checked and written.
-#ifndef HOST_VALUES_H
-#define HOST_VALUES_H
+#ifndef HOST_LANGUAGE_VALUES_H
+#define HOST_LANGUAGE_VALUES_H
 
 #include <cstdint>
 #include <optional>
@@ -63,4 +63,4 @@ std::string printable(std::string_view text);
 
 }  // namespace host
 
-#endif  // HOST_VALUES_H
+#endif  // HOST_LANGUAGE_VALUES_H
