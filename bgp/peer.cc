@@ -305,8 +305,7 @@ void Peer::session_ended(Session &session, Session::Stage reached, SessionEnd en
   state_changed(std::move(end.words));
 }
 
-// ----------------------------------------------------------------------------------------------------------- routes
-// out
+// --------------------------------------------------------------------------------------------------------- routes out
 
 void Peer::start_output() {
   if (established_ == nullptr || !mdt_agreed(*established_)) return;

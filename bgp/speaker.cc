@@ -52,8 +52,7 @@ std::string Speaker::check(const NeighborConfig &config) {
   return check_limit(config.maximum_prefix);
 }
 
-// --------------------------------------------------------------------------------------------------------
-// configuration
+// ------------------------------------------------------------------------------------------------------ configuration
 
 Speaker::Impl::Impl(const SpeakerConfig &config, Transport &transport, Clock &clock, Observer &observer)
     : core(config, transport, clock, observer), deferral_(core.timers, [this] { deferral_expired(); }) {
@@ -160,8 +159,7 @@ void Speaker::Impl::next_hops_changed() {
   wake();
 }
 
-// ----------------------------------------------------------------------------------------------------------
-// connections
+// -------------------------------------------------------------------------------------------------------- connections
 
 Session *Speaker::Impl::session(ConnectionId connection) const {
   const auto found = core.sessions.find(connection);
@@ -208,8 +206,7 @@ void Speaker::Impl::take_told() {
   }
 }
 
-// ----------------------------------------------------------------------------------------------------------------
-// turns
+// -------------------------------------------------------------------------------------------------------------- turns
 
 void Speaker::Impl::wake() {
   if (awake_) return;
@@ -339,8 +336,7 @@ void Speaker::Impl::run() {
   core.clock.wake_at(awake_ ? core.timers.now() : core.timers.next());
 }
 
-// ---------------------------------------------------------------------------------------------------------------
-// facade
+// ------------------------------------------------------------------------------------------------------------- facade
 
 Speaker::Speaker(const SpeakerConfig &config, Transport &transport, Clock &clock, Observer &observer)
     : impl_(std::make_unique<Impl>(config, transport, clock, observer)) {}
@@ -386,8 +382,7 @@ std::optional<PathView> Speaker::advertised(Ipv4 neighbor, const RouteKey &key) 
   return impl_->advertised(neighbor, key);
 }
 
-// -----------------------------------------------------------------------------------------------------------------
-// core
+// --------------------------------------------------------------------------------------------------------------- core
 
 void Core::log(LogLevel level, std::string text) {
   events.push_back({Event::Kind::log, level, 0, State::idle, State::idle, std::move(text), 0});

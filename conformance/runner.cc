@@ -105,8 +105,7 @@ void live(const std::string &library, const std::function<void()> &life, const s
   _exit(0);  // a thread of a check that was abandoned may still run
 }
 
-// ------------------------------------------------------------------------------------------------ outside of the
-// checks
+// ---------------------------------------------------------------------------------------------- outside of the checks
 
 struct Outcome {
   std::vector<std::string> differences, skips;

@@ -344,8 +344,7 @@ void Runner::kill(const Step &step) {
   report_->action(step.pe + (step.forwarder ? ": the forwarder is killed with SIGKILL" : ": killed with SIGKILL"));
 }
 
-// ---------------------------------------------------------------------------------------------- commands and their
-// texts
+// ------------------------------------------------------------------------------------------- commands and their texts
 
 Result Runner::pimctl(const std::string &pe, const std::string &command) {
   std::vector<std::string> words{program_in(options_.binaries, "pimctl"), "--timeout", "0", "--control", socket_of(pe)};

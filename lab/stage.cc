@@ -258,8 +258,7 @@ std::string Stage::configuration(const std::string &pe, const std::string &forwa
                                                                    {"LINES", lines_of(of.lines)}});
 }
 
-// --------------------------------------------------------------------------------------------------------------
-// daemons
+// ------------------------------------------------------------------------------------------------------------ daemons
 
 void Stage::write_daemon_file(const std::string &place, const std::string &daemon, const std::string &text) const {
   const std::string folder = daemon_folder(place);

@@ -43,8 +43,7 @@ BgpService::~BgpService() {
   speaker_.reset();
 }
 
-// --------------------------------------------------------------------------------------------- following a
-// configuration
+// ------------------------------------------------------------------------------------------ following a configuration
 
 void BgpService::follow(const std::optional<BgpSettings> &settings) {
   if (!settings) return end();

@@ -288,8 +288,7 @@ void Forwarding::on_disconnected() {
   connect_later();
 }
 
-// --------------------------------------------------------------------------------------------------- what is to be
-// done
+// ------------------------------------------------------------------------------------------------- what is to be done
 
 void Forwarding::tunnel_changed(const ref::Tunnel &tunnel, bool wanted_up) {
   if (!vrfs_.contains(tunnel.vrf_name)) return;
@@ -472,8 +471,7 @@ bool Forwarding::apply_route(const RouteKey &key, CustomerRoute &route) {
   return done;
 }
 
-// -------------------------------------------------------------------------------------------------------------
-// counters
+// ----------------------------------------------------------------------------------------------------------- counters
 
 void Forwarding::refresh(std::function<void()> then) {
   waiting_answer_.push_back(std::move(then));

@@ -250,8 +250,7 @@ void write_forwarding(Exposition &out, const Forwarding &forwarding) {
     out.sample({{"vrf", drop.vrf()}, {"reason", drop.reason()}}, uint64_t{drop.packets()});
 }
 
-// ---------------------------------------------------------------------------------------------------------- the
-// process
+// -------------------------------------------------------------------------------------------------------- the process
 
 uint64_t resident_bytes() {
   uint64_t size = 0, resident = 0;

@@ -201,8 +201,7 @@ static uint32_t mvpn_get_recv_join_info_mask_len(int is_star_g) {
   return is_star_g != 0 ? kGroupBits : kGroupSourceBits;
 }
 
-// ----------------------------------------------------------------------------------------- mapping from the
-// announcement
+// -------------------------------------------------------------------------------------- mapping from the announcement
 
 static int mvpn_data_mdt_map_remote_source_to_receiver(mvpn_cibtype *mvpn, Record *record) {
   MVPN_DEBUG(mvpn->pcib, "Mapping customer route for new receive join entry (%s %s)", ip_print_addr(record->c_src),
@@ -359,8 +358,7 @@ void mvpn_destroy_data_mdt_recv_cache(mvpn_cibtype *mvpn, ip_addr_t p_src) {
   }
 }
 
-// -------------------------------------------------------------------------------------- mapping from the customer
-// route
+// ------------------------------------------------------------------------------------ mapping from the customer route
 
 int mvpn_data_mdt_map_receiver_to_remote_source(mvpn_cibtype *mvpn, pim_route *croute,
                                                 const mvpn_mdt_route_addrs *key) {

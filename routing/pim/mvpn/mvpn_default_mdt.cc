@@ -384,8 +384,7 @@ void mvpn_finish_destroy_default_mdt(mvpn_cibtype *mvpn) {
   mvpn_free_context(mvpn);
 }
 
-// ------------------------------------------------------------------------------------- what the tunnel and the worker
-// say
+// --------------------------------------------------------------------------------- what the tunnel and the worker say
 
 void mvpn_default_tunnel_created(mvpn_cibtype *mvpn) {
   mvpn_set_mti_status(mvpn, MVPN_MTI_CREATED, "create response");

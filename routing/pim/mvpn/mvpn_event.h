@@ -59,8 +59,7 @@ struct mvpn_event_record {
 };
 static_assert(sizeof(mvpn_event_record) == SDWRAP_RECORD_MAX);
 
-// ---------------------------------------------------------------------------------------- an argument as a word, and
-// back
+// ------------------------------------------------------------------------------------ an argument as a word, and back
 
 template <typename T>
 uint64_t mvpn_word_of(mvpn_event_record &record, const T &argument) {

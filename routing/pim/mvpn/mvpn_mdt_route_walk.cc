@@ -117,8 +117,7 @@ void mvpn_mrib_withdraw_mdt_routes(mvpn_cibtype *mvpn) {
   if (clear_routes(mvpn, {}, 1, disposal::withdraw) != 0) mvpn_mrib_wakeup_worker_thread();
 }
 
-// ----------------------------------------------------------------------------------------------------------
-// repopulation
+// ------------------------------------------------------------------------------------------------------- repopulation
 
 // Sends a route again. One that is pending reaches the MRIB anyway.
 static void repopulate_route(mvpn_mdt_route *route, const mvpn_mdt_route_addrs *filter, uint32_t route_type) {
