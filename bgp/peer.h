@@ -21,7 +21,6 @@ class Peer {
   SourceId source() const { return source_; }
   uint64_t established_count() const { return established_count_; }
   State state() const;
-  bool is_established() const { return established_ != nullptr; }
 
   // ---- the operator
   void start();

@@ -53,7 +53,6 @@ class Plane {
   VrfSite::Callbacks callbacks_of(const Vrf &vrf);
   KernelView::Callbacks seen_by(const std::string &vrf);
   void tick();
-  void sample();
   void event(const std::string &text);
 
   void accept_control();

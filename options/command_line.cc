@@ -10,7 +10,6 @@ namespace options {
 Option Option::required() const { return Option(option_->required()); }
 Option Option::show_default() const { return Option(option_->capture_default_str()); }
 Option Option::hidden() const { return Option(option_->group("")); }
-Option Option::existing_file() const { return Option(option_->check(CLI::ExistingFile)); }
 Option Option::one_of(const std::vector<std::string> &words) const {
   return Option(option_->check(CLI::IsMember(words)));
 }

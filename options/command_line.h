@@ -23,7 +23,6 @@ class Option {
   Option required() const;
   Option show_default() const;  // in the help: what the variable holds now
   Option hidden() const;        // not in the help
-  Option existing_file() const;
   Option one_of(const std::vector<std::string> &words) const;
   Option within(int least, int most) const;
   Option within(double least, double most) const;

@@ -448,7 +448,7 @@ void Forwarding::route_told(const forwarder::protocol::CustomerRoute &told) {
   apply_route(key, route);
 }
 
-bool Forwarding::apply_route(const RouteKey &key, CustomerRoute &route) {
+void Forwarding::apply_route(const RouteKey &key, const CustomerRoute &route) {
   const auto &[vrf, source, group] = key;
   const auto device = devices_.find(vrf);
   const auto is_tunnel = [&](const std::string &name) { return device != devices_.end() && name == device->second; };
@@ -466,9 +466,7 @@ bool Forwarding::apply_route(const RouteKey &key, CustomerRoute &route) {
     else
       wanted.oifs.push_back(name_of({vrf, name}));
   }
-  const bool done = ref::set_customer_route(vrf, wanted) != nullptr;
-  if (!done) waiting_routes_.insert(key);
-  return done;
+  if (ref::set_customer_route(vrf, wanted) == nullptr) waiting_routes_.insert(key);
 }
 
 // ----------------------------------------------------------------------------------------------------------- counters

@@ -73,7 +73,6 @@ class Forwarding : private ref::ForwardingPlane {
   struct CustomerRoute {
     forwarder::protocol::CustomerRoute told;
     uint64_t round = 0;
-    bool applied = false;
     uint64_t bytes = 0;  // at the last statistics pass
     uint64_t rate_kbps = 0;
   };
@@ -108,7 +107,7 @@ class Forwarding : private ref::ForwardingPlane {
   std::string name_of(const SeenKey &key) const;
   bool is_configured(const SeenKey &key) const;
   void route_told(const forwarder::protocol::CustomerRoute &told);
-  bool apply_route(const RouteKey &key, CustomerRoute &route);
+  void apply_route(const RouteKey &key, const CustomerRoute &route);
   void refreshed(std::optional<forwarder::Counters> counters);
   void set_customer_bytes();
   void put_flow(const RouteKey &key, uint16_t index);

@@ -307,7 +307,6 @@ void *run_thread(void *argument) {
 
 void main_acquire() { acquire(); }
 void main_release() { release(); }
-bool locks_held() { return holds; }
 
 void scheduler_use_fifo() {
   const Locked locked;

@@ -19,9 +19,6 @@ void settle();
 void clock_use_stepped();
 void advance(std::chrono::nanoseconds step);
 
-// Whether the calling thread holds the scheduling locks.
-bool locks_held();
-
 // First-come order, or a choice of the next waiting thread by a seeded generator.
 void scheduler_use_fifo();
 void scheduler_use_seed(uint64_t seed);
