@@ -6,7 +6,6 @@
 #include <malloc.h>
 
 #include <cstring>
-#include <map>
 #include <unordered_map>
 
 #include "bgp/speaker.h"

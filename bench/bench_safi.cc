@@ -2,7 +2,6 @@
 #include <benchmark/benchmark.h>
 
 #include <memory>
-#include <vector>
 
 #include "bench/bench_world.h"
 #include "platform/reference/mrib.h"

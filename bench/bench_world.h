@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <ctime>
-#include <string>
 #include <vector>
 
 #include "platform/reference/cli.h"

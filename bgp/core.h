@@ -10,7 +10,6 @@
 #include <memory>
 #include <random>
 #include <unordered_map>
-#include <utility>
 
 #include "bgp/route_groups.h"
 #include "bgp/speaker.h"

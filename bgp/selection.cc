@@ -4,7 +4,6 @@
 #include "bgp/selection.h"
 
 #include <algorithm>
-#include <iterator>
 
 namespace bgp {
 namespace {

@@ -14,7 +14,6 @@
 #ifndef BGP_SPEAKER_H
 #define BGP_SPEAKER_H
 
-#include <functional>
 #include <memory>
 #include <optional>
 #include <span>

@@ -10,7 +10,6 @@
 #include <memory>
 #include <random>
 #include <set>
-#include <string>
 #include <vector>
 
 #include "conformance/runner.h"

@@ -9,7 +9,6 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>

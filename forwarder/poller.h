@@ -2,7 +2,6 @@
 #ifndef FORWARDER_POLLER_H
 #define FORWARDER_POLLER_H
 
-#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>

@@ -5,7 +5,6 @@
 // drop is always counted.
 #include "forwarder/state.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace forwarder {

@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <map>
 #include <set>
-#include <vector>
 
 #include "bgp/speaker.h"
 

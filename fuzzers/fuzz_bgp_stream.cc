@@ -1,7 +1,6 @@
 // A stream of BGP messages: any octets are decoded or answered with a NOTIFICATION, and what was decoded means the same
 // after it has been encoded and decoded again. The first octet chooses what the two sides have agreed on.
 #include <cstdlib>
-#include <string>
 
 #include "bgp/message.h"
 

@@ -2,8 +2,6 @@
 #ifndef FUZZERS_FUZZ_WORLD_H
 #define FUZZERS_FUZZ_WORLD_H
 
-#include <cstdint>
-
 #include "routing/pim/mvpn/mvpn.h"
 
 namespace fuzz {

@@ -6,7 +6,6 @@
 #ifndef LAB_NAMESPACES_H
 #define LAB_NAMESPACES_H
 
-#include <set>
 #include <string>
 #include <vector>
 

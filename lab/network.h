@@ -32,7 +32,6 @@
 #define LAB_NETWORK_H
 
 #include <cstdint>
-#include <map>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>

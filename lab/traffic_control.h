@@ -12,7 +12,6 @@
 #include <nlohmann/json.hpp>
 #include <set>
 #include <string>
-#include <vector>
 
 #include "lab/process.h"
 #include "lab/stage.h"

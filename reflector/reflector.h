@@ -14,7 +14,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "host/bgp/bgp_service.h"
 #include "host/command/command_line.h"

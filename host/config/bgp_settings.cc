@@ -4,7 +4,6 @@
 // a session name the same pair of addresses; else from the one that the system chooses.
 #include "host/config/bgp_settings.h"
 
-#include <functional>
 #include <map>
 
 namespace host {

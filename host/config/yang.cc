@@ -2,7 +2,6 @@
 // functions.
 #include "host/config/yang.h"
 
-#include <iterator>
 #include <nlohmann/json.hpp>
 
 namespace host {

@@ -21,7 +21,6 @@
 #include <boost/asio/write.hpp>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <map>
 #include <optional>
 #include <stdexcept>

@@ -7,14 +7,10 @@
 #define HOST_DAEMON_ENGINE_H
 
 #include <memory>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "host/command/command_line.h"
 #include "host/daemon/action.h"
 #include "host/daemon/router.h"
-#include "host/event/log.h"
 #include "host/event/monitor.h"
 
 namespace host {

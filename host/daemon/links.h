@@ -4,7 +4,6 @@
 
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <memory>
 #include <string>
 #include <vector>
 

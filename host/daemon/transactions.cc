@@ -8,7 +8,6 @@
 #include "host/daemon/transactions.h"
 
 #include <algorithm>
-#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>

@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <functional>
 #include <list>
-#include <memory>
 #include <string>
 #include <utility>
 #include <variant>

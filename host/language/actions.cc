@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "host/language/grammar.h"
+
 namespace host {
 namespace {
 

@@ -8,8 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "host/language/grammar.h"
-
 namespace host {
 
 struct OfferedAction {

@@ -9,7 +9,6 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "lab/traffic/tally.h"

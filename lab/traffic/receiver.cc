@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 
 #include <array>
-#include <cerrno>
 #include <cstring>
 #include <stdexcept>
 

@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <map>
-#include <string>
 #include <vector>
 
 #include "lab/traffic/socket.h"

@@ -26,7 +26,6 @@
 #include "platform/ip.h"
 #include "platform/mts.h"
 #include "platform/reference/bgp.h"
-#include "platform/reference/internal.h"
 #include "platform/reference/mts.h"
 #include "platform/reference/observer.h"
 #include "platform/reference/parse.h"

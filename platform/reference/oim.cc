@@ -35,7 +35,6 @@
 #include "platform/pim.h"
 #include "platform/reference/forwarding_plane.h"
 #include "platform/reference/im.h"
-#include "platform/reference/internal.h"
 #include "platform/reference/mts.h"
 #include "platform/reference/oim.h"
 #include "platform/reference/parse.h"

@@ -16,7 +16,6 @@
 
 #include "platform/ip.h"
 #include "platform/reference/im.h"
-#include "platform/reference/internal.h"
 #include "platform/reference/pim.h"
 #include "platform/reference/services.h"
 #include "platform/reference/testing/services.h"

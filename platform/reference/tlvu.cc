@@ -4,7 +4,6 @@
 
 #include <cstring>
 
-#include "platform/reference/internal.h"
 #include "platform/reference/wire.h"
 
 using namespace ref;

@@ -17,7 +17,7 @@
 #include "platform/reference/testing/runtime.h"
 #include "platform/reference/testing/services.h"
 #include "routing/pim/mvpn/mvpn_context.h"
-#include "routing/pim/mvpn/mvpn_default_mdt_internal.h"
+#include "routing/pim/mvpn/mvpn_default_mdt.h"
 #include "routing/pim/mvpn/mvpn_mdt_route.h"
 #include "routing/pim/mvpn/mvpn_mrib_queue.h"
 #include "tests/support/module_test.h"

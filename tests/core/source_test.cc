@@ -1,11 +1,9 @@
 // The MDT source: its interface is replaced, loses or changes its address, goes down, appears late.
-#include <cstring>
 
 #include "platform/reference/bgp.h"
 #include "platform/reference/im.h"
 #include "platform/reference/mrib.h"
 #include "platform/reference/oim.h"
-#include "platform/reference/pim.h"
 #include "platform/reference/testing/runtime.h"
 #include "platform/reference/testing/services.h"
 #include "routing/pim/mvpn/mvpn_context.h"

@@ -11,7 +11,6 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <optional>

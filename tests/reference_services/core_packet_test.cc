@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
-#include <thread>
 
 #include "platform/ip.h"
 #include "platform/packet.h"

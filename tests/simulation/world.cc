@@ -4,7 +4,6 @@
 #include "routing/pim/mvpn/mvpn_ha.h"
 
 #include <algorithm>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <thread>

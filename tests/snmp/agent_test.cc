@@ -14,7 +14,6 @@
 #include "host/language/grammar.h"
 #include "host/snmp/agentx.h"
 #include "host/snmp/tables.h"
-#include "platform/cli_schema.h"
 #include "platform/reference/cli.h"
 #include "platform/reference/testing/runtime.h"
 #include "platform/reference/testing/services.h"

@@ -4,7 +4,6 @@
 #define TESTS_SUPPORT_DATA_MDT_TEST_H
 
 #include <algorithm>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <thread>

@@ -1,5 +1,4 @@
 // Configuration commands: their checks and messages, interactive and replayed, and the end of the replay.
-#include <cstring>
 #include <set>
 
 #include "platform/reference/cli.h"

@@ -3,7 +3,6 @@
 #ifndef TESTS_UI_UI_TEST_H
 #define TESTS_UI_UI_TEST_H
 
-#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>

@@ -13,7 +13,6 @@
 #include "routing/pim/mvpn/mvpn_datamdt.h"
 
 #include <algorithm>
-#include <array>
 
 #include "platform/im.h"
 #include "platform/ip.h"

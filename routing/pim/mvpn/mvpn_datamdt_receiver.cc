@@ -16,7 +16,6 @@
 #include "routing/pim/mvpn/mvpn_datamdt_receiver_internal.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "platform/im.h"
 #include "platform/ip.h"

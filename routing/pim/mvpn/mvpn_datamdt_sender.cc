@@ -9,8 +9,6 @@
 // VRF nor the customer route afterwards.
 #include "routing/pim/mvpn/mvpn_datamdt_sender_internal.h"
 
-#include <cstring>
-
 #include "platform/ip.h"
 #include "routing/pim/mvpn/mvpn_context.h"
 #include "routing/pim/mvpn/mvpn_datamdt.h"

@@ -23,7 +23,6 @@
 #include "routing/pim/mvpn/mvpn_default_mdt_internal.h"
 
 #include <algorithm>
-#include <cstring>
 #include <iterator>
 
 #include "platform/im.h"

@@ -26,7 +26,6 @@
 #include "routing/pim/mvpn/mvpn_ha_internal.h"
 
 #include <cstring>
-#include <new>
 #include <vector>
 
 #include "platform/ip.h"

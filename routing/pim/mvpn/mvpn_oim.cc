@@ -6,7 +6,6 @@
 // does, is the default MDT's business; here nothing is decided.
 #include "routing/pim/mvpn/mvpn_oim_internal.h"
 
-#include <algorithm>
 #include <array>
 #include <cstring>
 

@@ -21,10 +21,6 @@
 #include "routing/pim/mvpn/mvpn_ui_config.h"
 
 #include <cstring>
-#include <iterator>
-#include <map>
-#include <memory>
-#include <new>
 #include <utility>
 
 #include "platform/im.h"
