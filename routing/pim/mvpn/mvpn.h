@@ -341,8 +341,9 @@ extern uint32_t mvpn_is_cli_done;                // 1: the configuration replay 
 extern uint32_t mvpn_mdt_xid;                    // where transaction ids begin, 0xaabbccdd: told easily in captures
 extern uint32_t mvpn_data_mdt_recv_cache_limit;  // set by the host: received announcements kept per VRF
 
-// Start and stop. deregister: non-zero ends the MRIB registration too. mvpn_init_cli registers the command handlers,
-// once, after mvpn_init. Yield.
+// Start and stop. A start that returned 0 leaves what it had started: mvpn_deinit comes before the next one.
+// deregister: non-zero ends the MRIB registration too. mvpn_init_cli registers the command handlers, once, after
+// mvpn_init. Yield.
 int mvpn_init(void);
 void mvpn_deinit(int deregister);
 void mvpn_init_cli(void);
