@@ -158,13 +158,14 @@ void PlatformConfig::follow_interface(const std::string &name) {
     up = up && seen.up;
   }
   const ref::Interface *interface = ref::find_interface(std::string_view(name));
-  if (interface != nullptr && vrf_ready && interface->context_id == pcib->context_id) {
+  const bool stays = interface != nullptr && !interface->leaving;
+  if (stays && vrf_ready && interface->context_id == pcib->context_id) {
     ref::set_interface_address(name, address);
     ref::set_interface_state(name, up);
     return;
   }
-  // Another VRF's now: it goes there when it has left, and when the VRF is there.
-  if (interface != nullptr) ref::delete_interface(name);
+  // Another VRF's now, or its own was made anew: it goes there when it has left, and when the VRF is there.
+  if (stays) ref::delete_interface(name);
   if (!vrf_ready || ref::find_interface(std::string_view(name)) != nullptr)
     waiting_interfaces_.insert(name);
   else if (ref::create_interface(name, pcib->context_id, address, up) == 0)

@@ -38,7 +38,6 @@ struct Table {
   std::unordered_map<if_index_t, im_iod_t> by_if_index;
   std::map<std::string, im_iod_t, std::less<>> former;  // ordinals of ordinary interfaces that are gone
   std::set<im_iod_t> kept;                              // the same ordinals
-  std::set<im_iod_t> leaving;                           // interfaces that go when the module has been told
   im_iod_t last_iod = 0;
   bool events = false;
 };
@@ -120,7 +119,6 @@ im_iod_t im_add(Interface interface) {
 void im_remove(im_iod_t iod) {
   const Interface *interface = im_find(iod);
   if (interface == nullptr) return;
-  table.leaving.erase(iod);
   if (!interface->mvpn_tunnel) {
     table.former[interface->name] = iod;
     table.kept.insert(iod);
@@ -163,9 +161,9 @@ bool delete_interface(std::string_view name) {
   }
   // The module is told of the last change while the interface can still be looked up. Its VRF may take it along before
   // that, and another one have its ordinal then.
-  table.leaving.insert(iod);
+  im_find(iod)->leaving = true;
   post([iod] {
-    if (table.leaving.contains(iod)) im_remove(iod);
+    if (const Interface *last = im_find(iod); last != nullptr && last->leaving) im_remove(iod);
   });
   return true;
 }

@@ -22,11 +22,13 @@ struct Interface {
   bool up = false;                                       // one state, administrative and physical in one
   bool mvpn_tunnel = false;                              // made by the tunnel manager
   std::string unnumbered_to;                             // interface whose address it uses; empty: its own
+  bool leaving = false;                                  // deleted; it goes when the module has been told
 };
 // Creates an interface (iod 0: the next free one); 0 when the name is taken. Notifications go to the module through the
 // main loop: creation, state and address changes, each only when something changes and while enabled.
 im_iod_t create_interface(std::string_view name, vrf_context_id_t context_id, ip_addr_t address, bool up);
-// False: there is no such interface.
+// False: there is no such interface. One that is up can be found until the module has been told that it is not any
+// more.
 bool delete_interface(std::string_view name);
 bool set_interface_state(std::string_view name, bool up);
 bool set_interface_address(std::string_view name, ip_addr_t address);
