@@ -12,10 +12,81 @@ import unittest
 
 import programs_test
 from programs_test import BIN, DOCS, EXAMPLES, PIMCTL, schema_faults
-from patience import LIMIT, wait_until
+from patience import LIMIT, own_address, wait_until
 
 TIME = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z"
 OPERATOR = rf"{os.environ.get('USER', 'root')}, process \d+"
+
+
+EFFECTS_BASE = """hostname pe1
+interface loopback0
+  ip address 10.0.0.1
+interface loopback1
+  ip address 10.0.0.5
+interface red-lan
+  vrf red
+interface spare
+vrf red
+  rd 65000:1
+  mdt default 239.1.1.1
+bgp
+  local-as 65000
+  router-id 10.0.0.1
+  listen 127.0.0.8:17990
+  update-source loopback0
+  neighbor 127.0.0.9 remote-as 65000
+  neighbor 127.0.0.9 shutdown
+"""
+# Lines, and where it is seen that the daemon follows them; each stays for those behind it.
+EFFECTS = [
+    ("hostname pe2", "clock | json", '"hostname": "pe2"'),
+    ("clock scale 30", "clock", r" 30\.000$"),
+    ("no feature mvpn", "mvpn internal state", "Feature Configured: No"),
+    ("feature mvpn", "mvpn internal state", "Feature Configured: Yes"),
+    ("vrf blue rd 65000:2", "vrfs", "^blue "),
+    ("vrf blue mdt default 239.1.1.2", "vrfs", r"^blue +239\.1\.1\.2 +mti\d+ +Up"),
+    ("interface spare vrf red", "interfaces", "^spare .* red "),
+    ("interface spare ip address 10.0.0.9", "interfaces", r"^spare .* 10\.0\.0\.9 "),
+    ("interface spare shutdown", "interfaces", "^spare .* down "),
+    ("vrf red table-id 70", "tunnels", "^mti70 .* up +up$"),
+    ("vrf red rd 65000:7", "bgp mdt", "65000:7 "),
+    ("vrf red mdt source loopback1", "tunnels", r"^mti70 +red +10\.0\.0\.5 "),
+    ("vrf red mdt data 239.1.8.0/24 threshold 100", "mvpn mdt", r"239\.1\.8\.0/24 threshold: 100 kbps"),
+    ("vrf red mdt mtu 1300", "tunnels", "^mti70 .* 1300 "),
+    ("vrf red mdt pim hello-interval 10000", "mvpn mdt", "Hello Interval: 10000 "),
+    ("vrf red mdt pim jp-interval 120", "mvpn mdt", "JP Interval: 120 "),
+    ("vrf blue no mdt enforce-bgp-mdt-safi", "mvpn mdt vrf blue", r"Mode - ASM Shared\)"),
+    ("vrf red mdt asm-use-shared-tree", "mvpn mdt", "Mode - ASM Shared Only"),
+    ("vrf red mroute 192.168.1.6 232.1.1.1 iif red-lan oif mvpn rate 50", "customer-routes", r"^red +192\.168\.1\.6 .* 50 "),
+    ("bgp local-as 65001", "bgp summary", "Local AS: 65001"),
+    ("bgp router-id 10.0.0.7", "bgp summary", r"Router ID: 10\.0\.0\.7"),
+    ("bgp cluster-id 10.0.0.8", "bgp summary", r"Cluster ID: 10\.0\.0\.8"),
+    ("bgp listen 127.0.0.8:17993", "bgp summary", "Listening: 127.0.0.8:17993"),
+    ("bgp update-source loopback1", "tunnels", r" blue +10\.0\.0\.5 "),
+    ("bgp neighbor 127.0.0.9 port 17994", "bgp neighbor", "Port: 17994"),
+    ("bgp neighbor 127.0.0.9 description some words", "bgp neighbor", "Description: some words"),
+    ("bgp neighbor 127.0.0.9 password s3cret", "bgp neighbor", "Password: yes"),
+    ("bgp neighbor 127.0.0.9 hold-time 30", "bgp neighbor", "Hold time offered: 30"),
+    ("bgp neighbor 127.0.0.9 passive", "bgp neighbor", "Passive: yes"),
+    ("bgp neighbor 127.0.0.9 ttl-security 1", "bgp neighbor", "TTL security: 1"),
+    ("bgp neighbor 127.0.0.9 maximum-prefix 1000", "bgp neighbor", "Maximum prefix: 1000"),
+    ("bgp neighbor 127.0.0.9 route-reflector-client", "bgp neighbor", "Route reflector client: yes"),
+    ("bgp neighbor 127.0.0.7 remote-as 65009", "bgp neighbor", "AS: 65009"),
+    ("core carrier gre-udp listen 127.0.0.8:17992", "counters", "^core-received "),
+    ("forwarding kernel", "status", "Forwarder: away"),
+    ("forwarding kernel socket /nowhere", "forwarding", "^/nowhere "),
+]
+# What they change is seen in packets, sessions and choices, and tested there.
+WITHOUT_VIEW = {
+    "route-map NAME permit SOURCES GROUPS", "route-map NAME deny SOURCES GROUPS", "metrics", "pim", "pim ssm range PREFIX",
+    "pim bidir range PREFIX", "pim mtu <68-65535>", "pim announcement-limit <1-10000000>", "core peer ADDRESS:PORT",
+    "vrf NAME context-id <2-4294967295>", "vrf NAME netns NAME", "vrf NAME mdt data bidir enable",
+    "vrf NAME mdt data inhibit-reuse", "bgp graceful-restart", "bgp restart-time <1-4095>",
+    "bgp neighbor A.B.C.D connect-retry <1-65535>", "bgp neighbor A.B.C.D shutdown",
+    "bgp neighbor A.B.C.D shutdown message TEXT", "bgp neighbor A.B.C.D ipv4-unicast",
+    "forwarding kernel core-interface INTERFACE", "forwarding kernel ttl <1-255>", "forwarding kernel tos <0-255>",
+    "forwarding kernel dont-fragment set", "forwarding kernel dont-fragment clear",
+}
 
 
 class Client:
@@ -205,6 +276,31 @@ class OperationsTest(unittest.TestCase):
             got, text = clients[who].ask(line)
             self.assertEqual(got, status, (line, text))
             self.assertRegex(text, rf"\A{pattern}\Z", line)
+
+    def test_what_a_line_says_is_seen_in_a_view(self):
+        own = own_address()
+        daemon = self.start(EFFECTS_BASE.replace("127.0.0.8", own))
+        client = Client(self, daemon)
+        daemon.wait_for("mvpn mdt vrf red", r"MTI\(\S+\) Up\n")
+        for line, view, pattern in [[text.replace("127.0.0.8", own) for text in row] for row in EFFECTS]:
+            with self.subTest(line):
+                seen = lambda: re.search(pattern, client.ask("show " + view)[1], re.MULTILINE)  # noqa: B023
+                self.assertIsNone(seen())
+                self.assertEqual(client.ask("configure " + line), (0, ""))
+                wait_until(seen, lambda: client.ask("show " + view)[1])  # noqa: B023
+        # Every line that the language has is among them, but for those that no view shows.
+        without_view = set()
+        header = ""
+        for row in subprocess.run([BIN / "pimctl", "--syntax"], text=True, capture_output=True, check=True).stdout.splitlines():
+            if row.startswith("### "):
+                header = row.removeprefix("### ")
+            elif row.startswith("| `") and header.startswith("configure"):
+                syntax = (header + " " + row.split("`")[1]).removeprefix("configure ")
+                words = [r"\S+" if word[0] == "<" or word[:2].isupper() or "." in word else re.escape(word)
+                         for word in syntax.split(" [")[0].split()]
+                if not any(re.match(" ".join(words) + r"\b", line.replace("no ", "")) for line, *_ in EFFECTS):
+                    without_view.add(syntax.split(" [")[0])
+        self.assertEqual(without_view, WITHOUT_VIEW)
 
     def test_a_candidate_runs_as_a_whole_and_others_wait(self):
         daemon = self.start_example()
