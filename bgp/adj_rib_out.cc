@@ -36,7 +36,7 @@ void AdjRibOut::gather(size_t most, RouteGroups &groups) {
     const RouteId id = reader_.next();
     if (id == 0) return;
     const Route &route = table_.route(id);
-    const PathId best = table_.best(route);
+    const PathId best = table_.best(id);
     const bool send = best != 0 && may_send(table_, table_.path(best), target_);
     if (send)
       groups.add(table_, table_.path(best), id);

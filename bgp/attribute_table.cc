@@ -45,7 +45,7 @@ void summarize(const Attributes &attributes, AttributeSet &set) {
 
 }  // namespace
 
-AttributeTable::AttributeTable() : buckets_(kFirstBuckets) {}
+AttributeTable::AttributeTable() : sets_(std::pmr::get_default_resource()), buckets_(kFirstBuckets) {}
 
 AttributeId AttributeTable::intern(const Attributes &attributes) {
   scratch_.clear();

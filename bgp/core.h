@@ -35,13 +35,13 @@ struct Event {
 };
 
 struct Core {
-  Core(const SpeakerConfig &c, Transport &t, Clock &k, Observer &o)
+  Core(const SpeakerConfig &c, Transport &t, Clock &k, Observer &o, std::pmr::memory_resource *memory)
       : config(c),
         transport(t),
         clock(k),
         observer(o),
         table(
-            attributes, [&o](Ipv4 next_hop) { return o.next_hop_cost(next_hop); }, c.seed),
+            attributes, [&o](Ipv4 next_hop) { return o.next_hop_cost(next_hop); }, c.seed, memory),
         news(table),
         random(c.seed + 1) {
     timers.set_now(clock.now());

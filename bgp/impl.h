@@ -10,7 +10,8 @@ namespace bgp {
 
 class Speaker::Impl {
  public:
-  Impl(const SpeakerConfig &config, Transport &transport, Clock &clock, Observer &observer);
+  Impl(const SpeakerConfig &config, Transport &transport, Clock &clock, Observer &observer,
+       std::pmr::memory_resource *memory);
 
   void reconfigure(const SpeakerConfig &config);
   std::string set_neighbor(const NeighborConfig &config);
@@ -54,7 +55,7 @@ class Speaker::Impl {
 
   Peer *find(Ipv4 address) const;
   Session *session(ConnectionId connection) const;
-  PathView view_of(const Route &route, PathId id) const;
+  PathView view_of(PathId id) const;
 
   void take_told();
   void read_input(size_t most_told);

@@ -53,8 +53,8 @@ std::optional<uint32_t> cost_of(const Table &table, const Path &path) {
   return table.cost()(table.attributes()[path.attributes].next_hop);
 }
 
-void gather(const Table &table, const Route &route, Candidates &candidates) {
-  for (PathId id = route.paths; id != 0; id = table.path(id).next) {
+void gather(const Table &table, RouteId route, Candidates &candidates) {
+  for (PathId id = table.first_path(route); id != 0; id = table.next_path(id)) {
     const Path &path = table.path(id);
     const auto cost = cost_of(table, path);
     if (cost)
@@ -101,9 +101,10 @@ const char *deciding_step(Candidates candidates, PathId id) {
 
 }  // namespace
 
-PathId best_path(const Table &table, const Route &route) {
-  if (route.paths == 0) return 0;
-  if (table.path(route.paths).next == 0) return cost_of(table, table.path(route.paths)) ? route.paths : 0;
+PathId best_path(const Table &table, RouteId route) {
+  const PathId first = table.first_path(route);
+  if (first == 0) return 0;
+  if (table.next_path(first) == 0) return cost_of(table, table.path(first)) ? first : 0;
   Candidates &candidates = scratch();
   gather(table, route, candidates);
   for (const Step &step : kSteps) {
@@ -113,7 +114,7 @@ PathId best_path(const Table &table, const Route &route) {
   return candidates.empty() ? 0 : candidates[0].id;
 }
 
-std::string reason(const Table &table, const Route &route, PathId best, PathId id) {
+std::string reason(const Table &table, RouteId route, PathId best, PathId id) {
   Candidates candidates;
   gather(table, route, candidates);
   if (!holds(candidates, id)) return "next hop cannot be reached";

@@ -7,10 +7,10 @@
 namespace bgp {
 
 // The best of a route's paths; 0: none can be used.
-PathId best_path(const Table &table, const Route &route);
+PathId best_path(const Table &table, RouteId route);
 
 // Why `id` is not `best`: the step that it lost at; for the best itself what made it so. In words.
-std::string reason(const Table &table, const Route &route, PathId best, PathId id);
+std::string reason(const Table &table, RouteId route, PathId best, PathId id);
 
 }  // namespace bgp
 

@@ -54,8 +54,9 @@ std::string Speaker::check(const NeighborConfig &config) {
 
 // ------------------------------------------------------------------------------------------------------ configuration
 
-Speaker::Impl::Impl(const SpeakerConfig &config, Transport &transport, Clock &clock, Observer &observer)
-    : core(config, transport, clock, observer), deferral_(core.timers, [this] { deferral_expired(); }) {
+Speaker::Impl::Impl(const SpeakerConfig &config, Transport &transport, Clock &clock, Observer &observer,
+                    std::pmr::memory_resource *memory)
+    : core(config, transport, clock, observer, memory), deferral_(core.timers, [this] { deferral_expired(); }) {
   if (!config.restarting) return;
   core.local_awaited = config.await_local;
   core.table.defer_selection();
@@ -260,7 +261,7 @@ void Speaker::Impl::tell_changes(size_t most) {
     const RouteId id = core.news.next();
     if (id == 0) break;
     const Route &route = table.route(id);
-    const PathId best = table.best(route);
+    const PathId best = table.best(id);
     if (best == 0 && route.told == ToldOf::nothing) continue;
     BestChange change{{route.key, route.group}, table.told_group(id), best != 0, false, 0, 0};
     if (best != 0) {
@@ -338,8 +339,9 @@ void Speaker::Impl::run() {
 
 // ------------------------------------------------------------------------------------------------------------- facade
 
-Speaker::Speaker(const SpeakerConfig &config, Transport &transport, Clock &clock, Observer &observer)
-    : impl_(std::make_unique<Impl>(config, transport, clock, observer)) {}
+Speaker::Speaker(const SpeakerConfig &config, Transport &transport, Clock &clock, Observer &observer,
+                 std::pmr::memory_resource *memory)
+    : impl_(std::make_unique<Impl>(config, transport, clock, observer, memory)) {}
 Speaker::~Speaker() = default;
 
 const SpeakerConfig &Speaker::config() const { return impl_->core.config; }

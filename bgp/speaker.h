@@ -15,6 +15,7 @@
 #define BGP_SPEAKER_H
 
 #include <memory>
+#include <memory_resource>
 #include <optional>
 #include <span>
 #include <string>
@@ -189,8 +190,10 @@ enum class StopKind : uint8_t {
 
 class Speaker {
  public:
-  // The four outlive the speaker. Neighbours start with set_neighbor.
-  Speaker(const SpeakerConfig &config, Transport &transport, Clock &clock, Observer &observer);
+  // All but the configuration outlive the speaker. Neighbours start with set_neighbor. memory: of the tables, which is
+  // asked for many kilobytes at once and given back when the speaker ends.
+  Speaker(const SpeakerConfig &config, Transport &transport, Clock &clock, Observer &observer,
+          std::pmr::memory_resource *memory = std::pmr::get_default_resource());
   ~Speaker();  // closes every connection, without a word to the neighbours
   Speaker(const Speaker &) = delete;
   Speaker &operator=(const Speaker &) = delete;

@@ -37,12 +37,15 @@ uint64_t mix(uint64_t value) {
 
 }  // namespace
 
-Table::Table(AttributeTable &attributes, NextHopCost cost, uint64_t seed)
+Table::Table(AttributeTable &attributes, NextHopCost cost, uint64_t seed, std::pmr::memory_resource *memory)
     : attributes_(attributes),
       cost_(std::move(cost)),
       seed_(mix(seed + 1)),
-      buckets_(kFirstBuckets),
+      routes_(memory),
+      further_(memory),
+      buckets_(memory),
       level_(kFirstBuckets) {
+  while (buckets_.size() < kFirstBuckets) buckets_.append();
   sources_.resize(1);
   sources_[kLocal].in_use = true;
 }
@@ -61,10 +64,10 @@ size_t Table::bucket(uint32_t hash) const {
 }
 
 void Table::split_bucket() {
-  if (const RouteId soon = buckets_[split_ + kSplitsAhead]; soon != 0) __builtin_prefetch(&routes_[soon]);
+  if (const RouteId soon = buckets_[split_ + kSplitsAhead]; soon != 0) fetch(soon);
   RouteId id = buckets_[split_];
   buckets_[split_] = 0;
-  buckets_.push_back(0);
+  buckets_.append();
   if (++split_ == level_) {
     level_ *= 2;
     split_ = 0;
@@ -103,9 +106,9 @@ void Table::remove_route(RouteId id) {
   routes_.give(id);
 }
 
-PathId Table::path_of(const Route &route, SourceId source) const {
-  PathId id = route.paths;
-  while (id != 0 && paths_[id].source != source) id = paths_[id].next;
+PathId Table::path_of(RouteId route, SourceId source) const {
+  PathId id = first_path(route);
+  while (id != 0 && path(id).source != source) id = next_path(id);
   return id;
 }
 
@@ -148,10 +151,10 @@ void Table::sweep(size_t most) {
     const SourceId id = sweeping_.back();
     while (sources_[id].sweep != 0) {
       if (most-- == 0) return;
-      const PathId path = sources_[id].sweep;
-      sources_[id].sweep = paths_[path].after;
-      const auto age = static_cast<uint8_t>(sources_[id].generation - paths_[path].generation);
-      if (age >= sources_[id].sweep_age) remove_path(path);
+      const PathId next = sources_[id].sweep;
+      sources_[id].sweep = path(next).after;
+      const auto age = static_cast<uint8_t>(sources_[id].generation - path(next).generation);
+      if (age >= sources_[id].sweep_age) remove_path(next);
     }
     sources_[id].sweep_age = 0;
     sweeping_.pop_back();
@@ -159,100 +162,113 @@ void Table::sweep(size_t most) {
 }
 
 void Table::link_to_source(PathId id) {
-  Source &source = sources_[paths_[id].source];
-  paths_[id].before = source.last;
-  (source.last != 0 ? paths_[source.last].after : source.first) = id;
+  Source &source = sources_[path(id).source];
+  path_at(id).before = source.last;
+  (source.last != 0 ? path_at(source.last).after : source.first) = id;
   source.last = id;
   source.paths++;
 }
 
 void Table::unlink_from_source(PathId id) {
-  Path &path = paths_[id];
-  Source &source = sources_[path.source];
-  if (source.sweep == id) source.sweep = path.after;
-  (path.before != 0 ? paths_[path.before].after : source.first) = path.after;
-  (path.after != 0 ? paths_[path.after].before : source.last) = path.before;
+  const Path &gone = path(id);
+  Source &source = sources_[gone.source];
+  if (source.sweep == id) source.sweep = gone.after;
+  (gone.before != 0 ? path_at(gone.before).after : source.first) = gone.after;
+  (gone.after != 0 ? path_at(gone.after).before : source.last) = gone.before;
   source.paths--;
-  if (path.generation == source.generation) source.fresh--;
+  if (gone.generation == source.generation) source.fresh--;
 }
 
 // -------------------------------------------------------------------------------------------------------------- paths
 
 void Table::update(SourceId source, const Nlri &nlri, AttributeId attributes) {
   const RouteId id = find_or_add(nlri.key);
-  PathId path_id = path_of(routes_[id], source);
-  if (path_id == 0) {
-    path_id = paths_.take();
-    Path &path = paths_[path_id];
-    path.source = source;
-    path.route = id;
-    path.generation = static_cast<uint8_t>(sources_[source].generation - 1);
-    path.next = routes_[id].selected ? paths_[routes_[id].paths].next : routes_[id].paths;
-    (routes_[id].selected ? paths_[routes_[id].paths].next : routes_[id].paths) = path_id;
-    link_to_source(path_id);
-  }
-  Path &path = paths_[path_id];
-  if (path.generation != sources_[source].generation) {
-    path.generation = sources_[source].generation;
+  PathId path_id = path_of(id, source);
+  if (path_id == 0) path_id = add_path(id, source);
+  Path &said = path_at(path_id);
+  if (said.generation != sources_[source].generation) {
+    said.generation = sources_[source].generation;
     sources_[source].fresh++;
   }
-  if (path.attributes == attributes && path.group == nlri.group) return;
+  if (said.attributes == attributes && said.group == nlri.group) return;
   attributes_.hold(attributes);
-  if (path.attributes != 0) attributes_.release(path.attributes);
-  path.attributes = attributes;
-  path.group = nlri.group;
+  if (said.attributes != 0) attributes_.release(said.attributes);
+  said.attributes = attributes;
+  said.group = nlri.group;
   reselect(id, path_id);
+}
+
+// A path without attributes yet, in the route's record or behind the best of the further ones.
+PathId Table::add_path(RouteId id, SourceId source) {
+  Route &route = routes_[id];
+  PathId added = id;
+  if (route.path.attributes != 0) {
+    added = kFurther + further_.take();
+    PathId &link = route.best == Best::first_further ? further_[route.further - kFurther].next : route.further;
+    further_[added - kFurther].route = id;
+    further_[added - kFurther].next = link;
+    link = added;
+  }
+  path_at(added) = {.source = source, .generation = static_cast<uint8_t>(sources_[source].generation - 1)};
+  link_to_source(added);
+  paths_++;
+  return added;
 }
 
 bool Table::withdraw(SourceId source, const RouteKey &key) {
   const RouteId id = find(key);
-  const PathId path = id == 0 ? 0 : path_of(routes_[id], source);
+  const PathId path = id == 0 ? 0 : path_of(id, source);
   if (path == 0) return false;
   remove_path(path);
   return true;
 }
 
 void Table::remove_path(PathId id) {
-  const RouteId route_id = paths_[id].route;
+  const RouteId route_id = route_of(id);
   Route &route = routes_[route_id];
-  const bool was_best = best(route) == id;
-  PathId *link = &route.paths;
-  while (*link != id) link = &paths_[*link].next;
-  *link = paths_[id].next;
+  const bool was_best = best(route_id) == id;
   unlink_from_source(id);
-  attributes_.release(paths_[id].attributes);
-  paths_.give(id);
+  attributes_.release(path(id).attributes);
+  if (id == route_id) {
+    route.path = {};
+  } else {
+    unlink_further(route, id);
+    further_.give(id - kFurther);
+  }
+  paths_--;
   if (was_best) {
-    route.selected = false;
+    route.best = Best::none;
     note_change(route_id);
     reselect(route_id, 0);
-  } else if (route.paths == 0 && !route.changed) {
+  } else if (!route.has_paths() && !route.changed) {
     remove_route(route_id);
   }
 }
 
+void Table::unlink_further(Route &route, PathId id) {
+  PathId *link = &route.further;
+  while (*link != id) link = &further_[*link - kFurther].next;
+  *link = further_[id - kFurther].next;
+}
+
 // ---------------------------------------------------------------------------------------------------------- selection
 
-void Table::bring_to_front(Route &route, PathId id) {
-  if (route.paths == id) return;
-  PathId *link = &route.paths;
-  while (*link != id) link = &paths_[*link].next;
-  *link = paths_[id].next;
-  paths_[id].next = route.paths;
-  route.paths = id;
+void Table::select_path(RouteId id, PathId path) {
+  Route &route = routes_[id];
+  route.best = path == 0 ? Best::none : path == id ? Best::in_route : Best::first_further;
+  if (route.best != Best::first_further || route.further == path) return;
+  unlink_further(route, path);
+  further_[path - kFurther].next = route.further;
+  route.further = path;
 }
 
 // `touched`: the path whose content changed; 0: none did.
 void Table::reselect(RouteId id, PathId touched) {
   if (deferred_) return;
-  Route &route = routes_[id];
-  const PathId before = best(route);
-  const PathId now = best_path(*this, route);
-  if (now != 0) {
-    bring_to_front(route, now);
-    set_group(id, paths_[now].group);
-  }
-  route.selected = now != 0;
+  const PathId before = best(id);
+  const PathId now = best_path(*this, id);
+  select_path(id, now);
+  if (now != 0) set_group(id, path(now).group);
   if (now != before || (now != 0 && now == touched)) note_change(id);
 }
 
@@ -268,7 +284,7 @@ void Table::select(size_t most) {
       return;
     }
     if (most-- == 0) return;
-    if (routes_[select_at_].paths != 0) reselect(select_at_, 0);
+    if (routes_[select_at_].has_paths()) reselect(select_at_, 0);
     select_at_++;
   }
 }
@@ -290,8 +306,8 @@ Ipv4 Table::told_group(RouteId id) const {
 
 void Table::note_told(RouteId id) {
   Route &route = routes_[id];
-  const PathId path = best(route);
-  const ToldOf told = path == 0 ? ToldOf::nothing : paths_[path].source == kLocal ? ToldOf::own : ToldOf::learnt;
+  const PathId of = best(id);
+  const ToldOf told = of == 0 ? ToldOf::nothing : path(of).source == kLocal ? ToldOf::own : ToldOf::learnt;
   told_ += told == ToldOf::learnt ? 1 : 0;
   told_ -= route.told == ToldOf::learnt ? 1 : 0;
   route.told = told;
@@ -317,7 +333,7 @@ void Table::forget(uint64_t position) {
   if (!is_latest(position)) return;
   const RouteId id = log_[position - log_start_];
   routes_[id].changed = false;
-  if (routes_[id].paths == 0) remove_route(id);
+  if (!routes_[id].has_paths()) remove_route(id);
 }
 
 void Table::trim() {
@@ -350,8 +366,8 @@ void Table::compact() {
 }
 
 size_t Table::octets() const {
-  size_t octets = routes_.octets() + paths_.octets() + buckets_.size() * sizeof(RouteId) +
-                  log_.size() * sizeof(RouteId) + sources_.capacity() * sizeof(Source);
+  size_t octets = routes_.octets() + further_.octets() + buckets_.octets() + log_.size() * sizeof(RouteId) +
+                  sources_.capacity() * sizeof(Source);
   for (const ChangeReader *reader : readers_) octets += reader->octets();
   return octets + attributes_.octets();
 }
@@ -376,7 +392,7 @@ RouteId ChangeReader::next_change() {
     if (!table_.is_latest(position)) continue;
     const RouteId id = table_.log_[position - table_.log_start_];
     // A route without paths may be gone before the walk gets there, and its withdrawal with it.
-    const bool left_to_walk = walking() && id >= walk_ && id < walk_end_ && table_.routes_[id].paths != 0;
+    const bool left_to_walk = walking() && id >= walk_ && id < walk_end_ && table_.routes_[id].has_paths();
     if (!left_to_walk) return id;
   }
   return 0;
@@ -385,7 +401,7 @@ RouteId ChangeReader::next_change() {
 RouteId ChangeReader::next_of_walk() {
   while (walking()) {
     const RouteId id = walk_++;
-    if (table_.routes_[id].paths != 0 || told(id)) return id;
+    if (table_.routes_[id].has_paths() || told(id)) return id;
   }
   return 0;
 }

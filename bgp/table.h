@@ -1,8 +1,9 @@
 // Routes and paths: the Adj-RIB-In of every neighbour and the Loc-RIB in one.
 //
-// A route is a key; a path is what one source, a neighbour or this speaker itself, says about it. A route's paths hang
-// on it with the best in front; a source's paths hang on the source, so that what a lost neighbour said is found
-// without walking the table. With a hundred thousand routes each octet counts: a route takes 32 and a path 28, both in
+// A route is a key; a path is what one source, a neighbour or this speaker itself, says about it. Most routes have one
+// path, which stands in the route's record, in the same line of memory; further ones hang on it, the best in front when
+// it is one of them. A source's paths hang on the source, so that what a lost neighbour said is found without walking
+// the table. With a hundred thousand routes each octet counts: a route with a path takes 48, a further path 28, both in
 // pools.
 //
 // Changes are kept as a log of route numbers. Whoever wants to know of them, each neighbour's output and the observer,
@@ -21,6 +22,7 @@
 
 #include <deque>
 #include <functional>
+#include <memory_resource>
 #include <unordered_map>
 
 #include "bgp/attribute_table.h"
@@ -30,34 +32,47 @@
 namespace bgp {
 
 using RouteId = uint32_t;   // 0: none
-using PathId = uint32_t;    // 0: none
+using PathId = uint32_t;    // 0: none; the number of its route when it stands there, else one from kFurther on
 using SourceId = uint16_t;  // kLocal: this speaker
 inline constexpr SourceId kLocal = 0;
+inline constexpr PathId kFurther = 0x80000000;
 
 // What the observer was told of a route last: nothing, or that it is gone; that this speaker's own path is the best, or
 // a neighbour's.
 enum class ToldOf : uint8_t { nothing, own, learnt };
 
-struct Route {
-  RouteKey key;           // never changes
-  Ipv4 group = 0;         // of the best path; of the last one when there is none any more
-  RouteId next = 0;       // in the bucket
-  PathId paths = 0;       // the best first, when one is selected
-  uint32_t change = 0;    // low 32 bits of its place in the log
-  bool changed = false;   // it has a place there
-  bool selected = false;  // its first path is the best
-  ToldOf told = ToldOf::nothing;
-};
+// Which of its paths is a route's best.
+enum class Best : uint8_t { none, in_route, first_further };
 
 struct Path {
-  PathId next = 0;               // of the same route
-  RouteId route = 0;             // that it is a path of
-  AttributeId attributes = 0;    // one reference
+  AttributeId attributes = 0;    // one reference; 0: there is no path here
   PathId before = 0, after = 0;  // of the same source
   Ipv4 group = 0;                // as the source said
   SourceId source = 0;           // who said it; one path of a route for each
   uint8_t generation = 0;        // the source's when it was said last; another: stale
 };
+
+struct Route {
+  RouteKey key;                     // never changes
+  RouteId next = 0;                 // in the bucket
+  PathId further = 0;               // paths beside the one that stands here
+  Ipv4 group = 0;                   // of the best path; of the last one when there is none any more
+  uint32_t change = 0;              // low 32 bits of its place in the log
+  [[no_unique_address]] Path path;  // one of its paths, any; the octet that it leaves is the next fields'
+  bool changed : 1 = false;         // it has a place in the log
+  Best best : 2 = Best::none;
+  ToldOf told : 2 = ToldOf::nothing;
+
+  bool has_paths() const { return path.attributes != 0 || further != 0; }
+};
+static_assert(sizeof(Route) == 48);
+
+struct FurtherPath {
+  Path path;
+  PathId next = 0;    // of the same route
+  RouteId route = 0;  // that it is a path of
+};
+static_assert(sizeof(FurtherPath) == 28);
 
 // Where paths come from, as selection sees it.
 struct Source {
@@ -81,7 +96,9 @@ class ChangeReader;
 
 class Table {
  public:
-  Table(AttributeTable &attributes, NextHopCost cost, uint64_t seed);
+  // memory: of routes, paths and buckets; it outlives the table, and may keep what the table gives back until then.
+  Table(AttributeTable &attributes, NextHopCost cost, uint64_t seed,
+        std::pmr::memory_resource *memory = std::pmr::get_default_resource());
   Table(const Table &) = delete;
   Table &operator=(const Table &) = delete;
 
@@ -106,7 +123,10 @@ class Table {
   void start_selection();  // of every route, in turns: after a deferral, or when next hops have changed
   bool selecting() const { return select_at_ != 0; }
   void select(size_t most);  // routes looked at
-  PathId best(const Route &route) const { return route.selected ? route.paths : 0; }
+  PathId best(RouteId id) const {
+    const Route &route = routes_[id];
+    return route.best == Best::none ? 0 : route.best == Best::in_route ? id : route.further;
+  }
 
   // ---- what the observer was told
   void note_told(RouteId id);            // all that is to be said of the route now
@@ -118,11 +138,15 @@ class Table {
   // Have the memory fetched that a look-up of this key goes through: its bucket, and a while later its route.
   void fetch_bucket(const RouteKey &key) const { __builtin_prefetch(&buckets_[bucket(hash(key))]); }
   void fetch_route(const RouteKey &key) const {
-    if (const RouteId id = buckets_[bucket(hash(key))]; id != 0) __builtin_prefetch(&routes_[id]);
+    if (const RouteId id = buckets_[bucket(hash(key))]; id != 0) fetch(id);
   }
   const Route &route(RouteId id) const { return routes_[id]; }
-  const Path &path(PathId id) const { return paths_[id]; }
-  PathId path_of(const Route &route, SourceId source) const;
+  // A route's paths, one after the other; 0: no more.
+  PathId first_path(RouteId id) const { return routes_[id].path.attributes != 0 ? id : routes_[id].further; }
+  PathId next_path(PathId id) const { return id < kFurther ? routes_[id].further : further_[id - kFurther].next; }
+  const Path &path(PathId id) const { return id < kFurther ? routes_[id].path : further_[id - kFurther].path; }
+  RouteId route_of(PathId id) const { return id < kFurther ? id : further_[id - kFurther].route; }
+  PathId path_of(RouteId id, SourceId source) const;  // 0: none
   bool stale(const Path &path) const { return path.generation != sources_[path.source].generation; }
   RouteId end() const { return routes_.end(); }
   const AttributeTable &attributes() const { return attributes_; }
@@ -130,7 +154,7 @@ class Table {
   const NextHopCost &cost() const { return cost_; }
 
   size_t routes() const { return routes_.used(); }
-  size_t paths() const { return paths_.used(); }
+  size_t paths() const { return paths_; }
   size_t octets() const;
 
   // Forgets what every reader has passed.
@@ -141,13 +165,23 @@ class Table {
   uint32_t hash(const RouteKey &key) const;
   size_t bucket(uint32_t hash) const;
   void split_bucket();
+  // A route may begin in one line of memory and end in the next. Not inlined, this would be a function without effect
+  // to the compiler, which leaves out calls of such.
+  [[gnu::always_inline]] void fetch(RouteId id) const {
+    const Route *route = &routes_[id];
+    __builtin_prefetch(route);
+    __builtin_prefetch(&route->path.source);
+  }
   RouteId find_or_add(const RouteKey &key);
   void remove_route(RouteId id);
+  Path &path_at(PathId id) { return id < kFurther ? routes_[id].path : further_[id - kFurther].path; }
+  PathId add_path(RouteId id, SourceId source);
+  void unlink_further(Route &route, PathId id);
   void link_to_source(PathId id);
   void unlink_from_source(PathId id);
   void remove_path(PathId id);
   void reselect(RouteId id, PathId touched);
-  void bring_to_front(Route &route, PathId id);
+  void select_path(RouteId id, PathId path);
   void set_group(RouteId id, Ipv4 group);
   void note_change(RouteId id);
   bool is_latest(uint64_t position) const;
@@ -158,10 +192,11 @@ class Table {
   NextHopCost cost_;
   uint64_t seed_;
   Pool<Route> routes_;
-  Pool<Path> paths_;
+  Pool<FurtherPath, 256> further_;
+  size_t paths_ = 0;
   // Linear hashing: one bucket is split for each route that comes beyond one a bucket, so that no insertion pays for
   // all.
-  std::deque<RouteId> buckets_;  // grows without being copied
+  Chunks<RouteId, 4096> buckets_;
   size_t level_, split_ = 0;
   std::vector<Source> sources_;
   std::vector<SourceId> sweeping_;

@@ -82,13 +82,14 @@ std::vector<Nlri> Speaker::Impl::told_routes() const {
 std::vector<RouteKey> Speaker::Impl::keys() const {
   std::vector<RouteKey> keys;
   for (RouteId id = 1; id < core.table.end(); id++)
-    if (core.table.route(id).paths != 0) keys.push_back(core.table.route(id).key);
+    if (core.table.route(id).has_paths()) keys.push_back(core.table.route(id).key);
   std::sort(keys.begin(), keys.end());
   return keys;
 }
 
-PathView Speaker::Impl::view_of(const Route &route, PathId id) const {
+PathView Speaker::Impl::view_of(PathId id) const {
   const Table &table = core.table;
+  const RouteId route = table.route_of(id);
   const Path &path = table.path(id);
   PathView view;
   view.neighbor = table.source(path.source).address;
@@ -103,11 +104,10 @@ PathView Speaker::Impl::view_of(const Route &route, PathId id) const {
 
 std::optional<RouteView> Speaker::Impl::route(const RouteKey &key) const {
   const RouteId id = core.table.find(key);
-  if (id == 0 || core.table.route(id).paths == 0) return std::nullopt;
-  const Route &route = core.table.route(id);
+  if (id == 0 || !core.table.route(id).has_paths()) return std::nullopt;
   RouteView view{key, {}};
-  for (PathId path = route.paths; path != 0; path = core.table.path(path).next)
-    view.paths.push_back(view_of(route, path));
+  for (PathId path = core.table.first_path(id); path != 0; path = core.table.next_path(path))
+    view.paths.push_back(view_of(path));
   std::sort(view.paths.begin(), view.paths.end(),
             [](const PathView &a, const PathView &b) { return a.best != b.best ? a.best : a.neighbor < b.neighbor; });
   return view;
@@ -118,7 +118,7 @@ std::vector<RouteKey> Speaker::Impl::keys_received(Ipv4 neighbor) const {
   const Peer *peer = find(neighbor);
   if (peer == nullptr) return keys;
   for (PathId id = core.table.source(peer->source()).first; id != 0; id = core.table.path(id).after)
-    keys.push_back(core.table.route(core.table.path(id).route).key);
+    keys.push_back(core.table.route(core.table.route_of(id)).key);
   std::sort(keys.begin(), keys.end());
   return keys;
 }
@@ -137,11 +137,10 @@ std::optional<PathView> Speaker::Impl::advertised(Ipv4 neighbor, const RouteKey 
   const Peer *peer = find(neighbor);
   const RouteId id = core.table.find(key);
   if (peer == nullptr || peer->adj_rib_out() == nullptr || id == 0) return std::nullopt;
-  const Route &route = core.table.route(id);
-  const PathId best = core.table.best(route);
+  const PathId best = core.table.best(id);
   const ExportTarget &target = peer->adj_rib_out()->target();
   if (best == 0 || !may_send(core.table, core.table.path(best), target)) return std::nullopt;
-  PathView view = view_of(route, best);
+  PathView view = view_of(best);
   const SourceId source = core.table.path(best).source;
   export_attributes(core.table.source(source), source == kLocal, target, view.attributes);
   return view;

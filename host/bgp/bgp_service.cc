@@ -66,7 +66,7 @@ void BgpService::begin(const BgpSettings &settings) {
   config.await_local = awaits_local_;
   config.deferral_time = std::max(config.restart_time, kDeferralLeast);
   bgp::Observer &observer = *this;
-  speaker_ = std::make_unique<bgp::Speaker>(config, transport_, transport_, observer);
+  speaker_ = std::make_unique<bgp::Speaker>(config, transport_, transport_, observer, &memory_);
   transport_.attach(speaker_.get());
   listen();
   if (callbacks_.began) callbacks_.began();

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "bgp/asio/asio_transport.h"
+#include "host/bgp/large_pages.h"
 #include "host/config/bgp_settings.h"
 #include "host/event/change.h"
 
@@ -77,6 +78,7 @@ class BgpService final : bgp::Observer {
   std::optional<BgpSettings> settings_;
   std::string listening_;
   std::map<bgp::Ipv4, std::string> failures_;  // that were logged last
+  LargePages memory_;                          // of its tables
   std::unique_ptr<bgp::Speaker> speaker_;
 };
 
