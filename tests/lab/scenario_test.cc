@@ -40,7 +40,7 @@ std::string scenario_with(const std::string &setting, const std::string &steps) 
   return R"({"name": "n", )" + setting + R"(, "steps": [)" + steps + "]}";
 }
 
-TEST(Scenario, refuses_what_it_cannot_play) {
+TEST(Scenario, RefusesWhatItCannotPlay) {
   struct Case {
     const char *steps;
     const char *reason;
@@ -71,7 +71,7 @@ TEST(Scenario, refuses_what_it_cannot_play) {
   }
 }
 
-TEST(Scenario, all_and_star_stand_for_every_pe_and_flow) {
+TEST(Scenario, AllAndStarStandForEveryPeAndFlow) {
   const auto count = [](const std::string &step) {
     return read_scenario(written("all.json", scenario_with(kNetwork, step))).steps.size();
   };
@@ -81,7 +81,7 @@ TEST(Scenario, all_and_star_stand_for_every_pe_and_flow) {
   EXPECT_EQ(count(R"({"flow": "*", "join": "all"})"), 4U);
 }
 
-TEST(Network, refuses_what_cannot_be_built) {
+TEST(Network, RefusesWhatCannotBeBuilt) {
   const std::pair<const char *, const char *> cases[] = {
       {R"({"pes": 2, "vrfs": 2})", "accepted"},
       {R"({"pes": 0, "vrfs": 2})", "1 to 99"},
@@ -100,7 +100,7 @@ TEST(Network, refuses_what_cannot_be_built) {
   }
 }
 
-TEST(ConfigTemplate, fills_in_lists_and_refuses_names_without_a_value) {
+TEST(ConfigTemplate, FillsInListsAndRefusesNamesWithoutAValue) {
   const std::string file = written("t.conf", "host {{PE}}\n{{#VRFS}}\nvrf {{VRF}} of {{PE}}\n{{/VRFS}}\nend\n");
   const nlohmann::json two{{"PE", "pe1"}, {"VRFS", {{{"VRF", "red"}}, {{"VRF", "blue"}}}}};
   EXPECT_EQ(fill_template(file, two), "host pe1\nvrf red of pe1\nvrf blue of pe1\nend\n");
@@ -110,7 +110,7 @@ TEST(ConfigTemplate, fills_in_lists_and_refuses_names_without_a_value) {
   EXPECT_NE(refusal([&] { fill_template("/nowhere", two); }).find("cannot be read"), std::string::npos);
 }
 
-TEST(TrafficControl, an_address_lies_in_a_prefix) {
+TEST(TrafficControl, AnAddressLiesInAPrefix) {
   EXPECT_TRUE(in_prefix("239.1.8.255", "239.1.8.0/24"));
   EXPECT_FALSE(in_prefix("239.1.9.0", "239.1.8.0/24"));
   EXPECT_TRUE(in_prefix("239.1.8.1", "239.1.8.1"));
@@ -119,7 +119,7 @@ TEST(TrafficControl, an_address_lies_in_a_prefix) {
 }
 
 // A flow of ten packets a tenth of a second, of which the receiver misses four in the second tenth.
-TEST(Drawing, shows_a_loss_where_it_was_and_escapes_what_it_is_told) {
+TEST(Drawing, ShowsALossWhereItWasAndEscapesWhatItIsTold) {
   Report report("n");
   report.action("<pe1> & 'others'");
   report.line("end");

@@ -27,7 +27,7 @@ struct StretchCase {
   Ranges missing;
 };
 
-TEST(Tally, judges_a_stretch_by_its_own_packets) {
+TEST(Tally, JudgesAStretchByItsOwnPackets) {
   const StretchCase cases[] = {
       {"all in order", {1, 2, 3}, 1, 3, 3, 0, 0, 0, 10, {}},
       {"one is missing", {1, 3}, 1, 3, 2, 1, 0, 0, 10, {{2, 2}}},
@@ -52,7 +52,7 @@ TEST(Tally, judges_a_stretch_by_its_own_packets) {
   }
 }
 
-TEST(Tally, a_number_out_of_bounds_takes_no_memory) {
+TEST(Tally, ANumberOutOfBoundsTakesNoMemory) {
   Tally tally = arrived({0, UINT64_MAX, kMostPackets + 1});
   EXPECT_EQ(tally.beyond(), 3U);
   EXPECT_EQ(tally.highest(), 0U);
@@ -76,7 +76,7 @@ std::vector<uint8_t> core_datagram(const TestPacket &packet, size_t payload = kT
   return bytes;
 }
 
-TEST(CorePacket, is_read_down_to_the_number_of_the_customers_packet) {
+TEST(CorePacket, IsReadDownToTheNumberOfTheCustomersPacket) {
   const auto packet = decode_core(core_datagram({.flow = 7, .number = 1ULL << 40, .sent_ns = 1234567890123456789}));
   ASSERT_TRUE(packet && packet->test);
   EXPECT_EQ(packet->source, 0x0A000001U);
@@ -86,7 +86,7 @@ TEST(CorePacket, is_read_down_to_the_number_of_the_customers_packet) {
   EXPECT_EQ(packet->test->sent_ns, 1234567890123456789);
 }
 
-TEST(CorePacket, what_is_cut_or_something_else_is_refused) {
+TEST(CorePacket, WhatIsCutOrSomethingElseIsRefused) {
   const std::vector<uint8_t> whole = core_datagram({.flow = 1, .number = 1, .sent_ns = 1});
   for (size_t size = 0; size < whole.size(); ++size) {
     const auto packet = decode_core(std::span(whole).first(size));
