@@ -1,9 +1,4 @@
-// Tunnel interface manager: the database of MVPN tunnels, the interface lists in which clients describe them, and the
-// requests.
-//
-// Interface list: interface count (2 bytes), 2 zero bytes, then per interface its parameter count (2 bytes), 2 zero
-// bytes, the 8-byte header, and the parameters back to back, each type, length, value; network byte order. A list grows
-// at its end only, which the counts and lengths in it determine, so that no bookkeeping is needed outside the buffer.
+// Tunnel interface manager: the database of MVPN tunnels and the requests.
 //
 // A request is checked and queued when it arrives and carried out from the main loop, in order: create, modify and
 // delete are then answered by a response, bring-up and bring-down by the interface's state notification, and by nothing
@@ -15,29 +10,24 @@
 // it brings it up.
 #include "platform/oim.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <deque>
-#include <fstream>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <span>
 
 #include "platform/im.h"
-#include "platform/ip.h"
 #include "platform/pim.h"
 #include "platform/reference/forwarding_plane.h"
 #include "platform/reference/im.h"
 #include "platform/reference/mts.h"
 #include "platform/reference/oim.h"
-#include "platform/reference/parse.h"
+#include "platform/reference/oim_file.h"
+#include "platform/reference/oim_list.h"
 #include "platform/reference/runtime.h"
 #include "platform/reference/services.h"
 #include "platform/reference/testing/services.h"
@@ -47,33 +37,19 @@
 namespace ref {
 namespace {
 
-using nlohmann::json;
-
-enum ListOffset { list_count = 0, list_interfaces = 4 };
-enum InterfaceOffset {
-  interface_params = 0,
-  interface_header = 4,
-  interface_first_tlv = interface_header + OIM_IF_HEADER_SIZE
-};
-constexpr uint32_t longest_param = VRF_NAME_MAX + 1;  // room that every parameter gets
+using oim_list::all_interfaces;
+using oim_list::all_params;
+using oim_list::Bytes;
+using oim_list::Described;
+using oim_list::interface_count;
 
 enum class Operation { create, modify, remove, bringup, bringdown };
 constexpr const char *operation_names[] = {"create", "modify", "delete", "bringup", "bringdown"};
-
-using Bytes = std::vector<uint8_t>;
 
 // A request as it came, without what may stand behind its list.
 struct Request {
   Operation operation;
   Bytes list;
-};
-
-// An interface of a request; the parameters are the list's.
-struct Described {
-  if_index_t if_index;
-  im_iod_t iod;  // 0: it names none
-  const uint8_t *params;
-  uint16_t param_count;
 };
 
 struct State {
@@ -91,70 +67,6 @@ struct State {
   std::set<if_index_t> wanted_up;  // with a forwarding plane: what clients have brought up
 };
 State state;
-
-// ------------------------------------------------------------------------------------------------------------ lists
-
-// Position behind the last parameter of the interface at `position`; nullopt when the list ends inside it.
-std::optional<size_t> end_of_interface(const uint8_t *list, size_t size, size_t position) {
-  if (size - position < interface_first_tlv) return std::nullopt;
-  const uint16_t count = wire::load_be16(list + position + interface_params);
-  position += interface_first_tlv;
-  for (uint16_t i = 0; i < count; i++) {
-    if (size - position < OIM_TLV_VALUE) return std::nullopt;
-    const size_t length = size_t{OIM_TLV_VALUE} + wire::load_be16(list + position + OIM_TLV_LENGTH);
-    if (size - position < length) return std::nullopt;
-    position += length;
-  }
-  return position;
-}
-
-// A list that is sound: where its last interface begins, 0 when it has none, and where it ends.
-struct Extent {
-  size_t last;
-  size_t end;
-};
-
-std::optional<Extent> extent_of(const uint8_t *list, size_t size) {
-  if (list == nullptr || size < list_interfaces) return std::nullopt;
-  Extent extent{0, list_interfaces};
-  for (uint16_t left = wire::load_be16(list + list_count); left > 0; left--) {
-    const auto end = end_of_interface(list, size, extent.end);
-    if (!end) return std::nullopt;
-    extent = {extent.end, *end};
-  }
-  return extent;
-}
-
-Described describe(const uint8_t *interface) {
-  const uint8_t *header = interface + interface_header;
-  uint32_t network_form;
-  std::memcpy(&network_form, header + OIM_IF_HEADER_IF_INDEX, sizeof network_form);
-  return {ntoh_if_index(network_form), wire::load_be32(header + OIM_IF_HEADER_IOD), interface + interface_first_tlv,
-          wire::load_be16(interface + interface_params)};
-}
-
-// Visits the interfaces of a sound list until a visit returns false; whether none did.
-template <typename Visit>
-bool all_interfaces(const Bytes &list, Visit visit) {
-  size_t position = list_interfaces;
-  for (uint16_t left = wire::load_be16(list.data() + list_count); left > 0; left--) {
-    if (!visit(describe(list.data() + position))) return false;
-    position = *end_of_interface(list.data(), list.size(), position);
-  }
-  return true;
-}
-
-// The same for the parameters of an interface: visit(type, value).
-template <typename Visit>
-bool all_params(const Described &interface, Visit visit) {
-  const uint8_t *tlv = interface.params;
-  for (uint16_t left = interface.param_count; left > 0; left--) {
-    const std::span value(tlv + OIM_TLV_VALUE, wire::load_be16(tlv + OIM_TLV_LENGTH));
-    if (!visit(wire::load_be16(tlv + OIM_TLV_TYPE), value)) return false;
-    tlv = value.data() + value.size();
-  }
-  return true;
-}
 
 void decode(const Request &request, std::vector<OimRequest> &log) {
   all_interfaces(request.list, [&](const Described &interface) {
@@ -331,7 +243,7 @@ void set_up(if_index_t if_index, bool up) {
 // --------------------------------------------------------------------------------------------------------- requests
 
 void respond(const Request &request, uint32_t opcode, uint32_t (*carry_out)(const Described &, im_iod_t *)) {
-  const uint16_t count = wire::load_be16(request.list.data() + list_count);
+  const uint16_t count = interface_count(request.list);
   std::vector<uint8_t> payload(OIM_RESPONSE_ENTRIES + size_t{count} * OIM_RESPONSE_ENTRY_SIZE);
   wire::store_be16(payload.data(), count);
   uint8_t *entry = payload.data() + OIM_RESPONSE_ENTRIES;
@@ -389,7 +301,7 @@ int submit(Request request) {
 
 int submit_list(Operation operation, const void *list, uint32_t size) {
   const auto *bytes = static_cast<const uint8_t *>(list);
-  const auto extent = extent_of(bytes, size);
+  const auto extent = oim_list::extent_of(bytes, size);
   if (!extent || extent->last == 0) return 0;
   Request request{operation, Bytes(bytes, bytes + extent->end)};
   const auto is_tunnel = [](const Described &wanted) { return im_is_ifindex_mvpn_tunnel(wanted.if_index) != 0; };
@@ -397,14 +309,7 @@ int submit_list(Operation operation, const void *list, uint32_t size) {
 }
 
 // As a list of the interface alone.
-int submit_state(Operation operation, if_index_t if_index) {
-  Request request{operation, Bytes(size_t{list_interfaces} + interface_first_tlv)};
-  wire::store_be16(request.list.data() + list_count, 1);
-  const uint32_t network_form = hton_if_index(if_index);
-  std::memcpy(request.list.data() + list_interfaces + interface_header + OIM_IF_HEADER_IF_INDEX, &network_form,
-              sizeof network_form);
-  return submit(std::move(request));
-}
+int submit_state(Operation operation, if_index_t if_index) { return submit({operation, oim_list::list_of(if_index)}); }
 
 // ------------------------------------------------------------------------------------------------------------- file
 
@@ -414,87 +319,11 @@ Tunnel shown(Tunnel tunnel) {
   return tunnel;
 }
 
-json to_json(const Tunnel &tunnel) {
-  return {{"if_index", tunnel.if_index},
-          {"iod", tunnel.iod},
-          {"admin_up", tunnel.admin_up},
-          {"vrf", tunnel.vrf_name},
-          {"mtu", tunnel.mtu},
-          {"source", ip_print_addr(tunnel.source)},
-          {"destination", ip_print_addr(tunnel.destination)}};
-}
-
-// A member of an object when it is a number up to `limit`.
-std::optional<uint32_t> number_in(const json &object, const char *name, uint32_t limit) {
-  const auto found = object.find(name);
-  if (found == object.end() || !found->is_number_unsigned() || found->get<uint64_t>() > limit) return std::nullopt;
-  return found->get<uint32_t>();
-}
-
-std::optional<std::string> text_in(const json &object, const char *name, size_t limit) {
-  const auto found = object.find(name);
-  if (found == object.end() || !found->is_string() || found->get_ref<const std::string &>().size() > limit)
-    return std::nullopt;
-  return found->get<std::string>();
-}
-
-std::optional<ip_addr_t> address_in(const json &object, const char *name) {
-  const auto text = text_in(object, name, 15);
-  return text ? parse_address(*text) : std::nullopt;
-}
-
-std::optional<Tunnel> from_json(const json &object) {
-  if (!object.is_object()) return std::nullopt;
-  const auto if_index = number_in(object, "if_index", UINT32_MAX);
-  const auto iod = number_in(object, "iod", 0xFFFF);
-  const auto admin_up = number_in(object, "admin_up", 0xFF);
-  const auto mtu = number_in(object, "mtu", UINT32_MAX);
-  const auto vrf = text_in(object, "vrf", VRF_NAME_MAX);
-  const auto source = address_in(object, "source"), destination = address_in(object, "destination");
-  if (!if_index || !iod || !admin_up || !mtu || !vrf || !source || !destination ||
-      im_is_ifindex_mvpn_tunnel(*if_index) == 0)
-    return std::nullopt;
-  return Tunnel{*if_index, *iod, static_cast<uint8_t>(*admin_up), *vrf, *mtu, *source, *destination, false};
-}
-
-std::optional<std::vector<Tunnel>> read_file(const std::string &path) {
-  std::ifstream in(path);
-  if (!in) return errno == ENOENT ? std::optional(std::vector<Tunnel>{}) : std::nullopt;
-  const json document = json::parse(in, nullptr, false);
-  if (!document.is_object() || !document.contains("tunnels") || !document["tunnels"].is_array()) return std::nullopt;
-  std::vector<Tunnel> read;
-  for (const json &object : document["tunnels"]) {
-    const auto tunnel = from_json(object);
-    if (!tunnel) return std::nullopt;
-    read.push_back(*tunnel);
-  }
-  return read;
-}
-
-// False when the text is not on the disk.
-bool write_through(const std::string &path, const std::string &text) {
-  const int file = ::open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0600);
-  if (file < 0) return false;
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t written = ::write(file, text.data() + done, text.size() - done);
-    if (written <= 0) break;
-    done += static_cast<size_t>(written);
-  }
-  const bool whole = done == text.size() && ::fsync(file) == 0;
-  return ::close(file) == 0 && whole;
-}
-
-// Written beside the file and renamed, so that a crash, also of the machine, leaves the old or the new one.
 void save() {
   state.save_posted = false;
   if (state.file.empty()) return;  // it was switched off meanwhile
-  json all = json::array();
-  for (const auto &[if_index, tunnel] : state.tunnels) all.push_back(to_json(tunnel));
-  const std::string fresh = state.file + ".new";
-  const std::string text = json{{"tunnels", all}}.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
-  if (!write_through(fresh, text) || std::rename(fresh.c_str(), state.file.c_str()) != 0)
-    std::fprintf(stderr, "cannot write the tunnel database %s\n", state.file.c_str());
+  if (const std::string reason = write_tunnels(state.file, state.tunnels); !reason.empty())
+    std::fprintf(stderr, "cannot write the tunnel database %s: %s\n", state.file.c_str(), reason.c_str());
 }
 
 }  // namespace
@@ -579,7 +408,7 @@ void set_oim_answers(bool on) {
 bool oim_use_file(const std::string &path) {
   state.file = path;
   if (path.empty()) return true;
-  const auto read = read_file(path);
+  const auto read = read_tunnels(path);
   if (!read) {
     state.file.clear();
     return false;
@@ -604,35 +433,6 @@ int oim_register(mts_queue *) {
 void oim_deregister() {
   ref::state.registered = false;
   for (const auto &[if_index, tunnel] : ref::state.tunnels) ref::set_up(if_index, false);
-}
-
-uint32_t oim_if_info_list_get_size(uint32_t interfaces, uint32_t parameters, uint32_t longest_value) {
-  const uint32_t value = std::max(longest_value, ref::longest_param);
-  return ref::list_interfaces + interfaces * (ref::interface_first_tlv + parameters * (OIM_TLV_VALUE + value));
-}
-
-int oim_if_info_list_add_new_if(void *list, uint32_t size, uint8_t **header) {
-  auto *bytes = static_cast<uint8_t *>(list);
-  const auto extent = ref::extent_of(bytes, size);
-  const uint16_t count = extent ? ref::wire::load_be16(bytes + ref::list_count) : uint16_t{0xFFFF};
-  if (count == 0xFFFF || size - extent->end < ref::interface_first_tlv) return 0;
-  ref::wire::store_be16(bytes + ref::list_count, static_cast<uint16_t>(count + 1));
-  *header = bytes + extent->end + ref::interface_header;
-  return 1;
-}
-
-int oim_if_info_list_add_new_param_tlv(void *list, uint32_t size, uint8_t *header, uint8_t **tlv) {
-  auto *bytes = static_cast<uint8_t *>(list);
-  const auto extent = ref::extent_of(bytes, size);
-  if (!extent || extent->last == 0) return 0;
-  uint8_t *last = bytes + extent->last;
-  const uint16_t count = ref::wire::load_be16(last + ref::interface_params);
-  if (header != last + ref::interface_header || count == 0xFFFF ||
-      size - extent->end < OIM_TLV_VALUE + ref::longest_param)
-    return 0;
-  ref::wire::store_be16(last + ref::interface_params, static_cast<uint16_t>(count + 1));
-  *tlv = bytes + extent->end;
-  return 1;
 }
 
 int oim_create_if(const void *list, uint32_t size) { return ref::submit_list(ref::Operation::create, list, size); }

@@ -1,4 +1,4 @@
-// Tunnels of the default MDTs, and the file in which they outlive the process.
+// Tunnels of the default MDTs, and the file in which they outlive the process (oim_file.h).
 #ifndef REFERENCE_OIM_H
 #define REFERENCE_OIM_H
 

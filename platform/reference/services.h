@@ -93,7 +93,7 @@ void pim_interface_gone(im_iod_t iod);
 
 // A VRF's multicast tunnel, 0 when it has none that is up and runs PIM.
 im_iod_t oim_working_tunnel(std::string_view vrf_name);
-// The working tunnel with this provider group; 0: none.
+// The tunnel with this provider group whose interface is up; 0: none.
 im_iod_t oim_tunnel_to(ip_addr_t group);
 // Fills in the VRF of tunnels that were there before it.
 void oim_vrf_appeared(std::string_view vrf_name, vrf_context_id_t context_id);
@@ -107,9 +107,9 @@ inline constexpr std::string_view croute_tunnel_name = "mvpn";
 void croute_recompute_rpf(vrf_context_id_t context_id);
 // Has the joins of every route with receivers notified again.
 void croute_notify_joins();
-// The VRF's tunnel has come up: it becomes an outgoing interface of the routes that wait for it. Takes an interface out
-// of all outgoing lists.
+// The VRF's tunnel has come up: it becomes an outgoing interface of the routes that wait for it.
 void croute_attach_tunnel(pim_cibtype *pcib);
+// Takes an interface out of all outgoing lists.
 void croute_detach_oif(pim_cibtype *pcib, im_iod_t iod);
 // Drops a VRF's routes; the module must have left the VRF.
 void croute_drop_all(pim_cibtype *pcib);
@@ -124,7 +124,6 @@ void mrib_hold_route(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &ad
 void mrib_release_route(vrf_context_id_t context_id, const mvpn_mdt_route_addrs &addrs);
 // Drops a VRF's routes of both sorts and its encapsulations.
 void mrib_drop_context(vrf_context_id_t context_id);
-void bgp_drop_vrf(std::string_view vrf_name);
 
 // ------------------------------------------------------------------------------------------------ forwarding plane
 
@@ -139,6 +138,8 @@ void croute_tell_plane();
 
 // Takes what the module sent to BGP; other messages are ignored.
 void bgp_receive(const SentMessage &message);
+// Forgets a VRF: its advertisement and its route distinguisher.
+void bgp_drop_vrf(std::string_view vrf_name);
 
 // --------------------------------------------------------------------------------------------------------- sockets
 
