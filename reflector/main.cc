@@ -13,8 +13,8 @@ constexpr int kUsage = 2;
 
 int run(reflector::Reflector::Options options, bool check_only) {
   host::ConfigFile file = reflector::read_file(options.config_file);
-  for (const host::ConfigError &error : file.errors)
-    std::cerr << "mdt-reflector: " << host::described(options.config_file, error) << '\n';
+  for (const std::string &line : host::described(options.config_file, file.errors))
+    std::cerr << "mdt-reflector: " << line << '\n';
   if (!file.errors.empty()) return kFailed;
   if (check_only) return 0;
   reflector::Reflector reflector(std::move(options), std::move(file.config));

@@ -19,8 +19,6 @@ using host::Mode;
 
 namespace {
 
-constexpr std::chrono::seconds kFarewell{2};  // so long neighbours may take to be told that it ends
-
 // Lines that only a router has a use for.
 std::vector<ConfigError> foreign_lines(const host::Config &config) {
   std::vector<ConfigError> errors;
@@ -62,7 +60,6 @@ Reflector::Reflector(Options options, host::Config config)
                [this](const host::ControlServer::Request &request,
                       const std::shared_ptr<host::OutputChannel> &channel) { execute(request, channel); }),
       signals_(io_, SIGINT, SIGTERM, SIGHUP),
-      farewell_(io_),
       watchdog_(io_) {
   check_actions();
   log_.set_level(options_.log_level);
@@ -94,7 +91,7 @@ void Reflector::reload() {
 
 void Reflector::read_again() {
   host::ConfigFile file = read_file(options_.config_file);
-  for (const ConfigError &error : file.errors) log_.write(Level::error, host::described(options_.config_file, error));
+  for (const std::string &line : host::described(options_.config_file, file.errors)) log_.write(Level::error, line);
   if (!file.errors.empty()) return log_.write(Level::error, "the configuration stays as it is");
   config_ = std::move(file.config);
   bgp_.follow(host::bgp_settings(config_));
@@ -107,15 +104,7 @@ void Reflector::stop() {
   control_.close();
   if (looking_) looking_->close();
   bgp_.stop("");
-  end_when_delivered(std::chrono::steady_clock::now() + kFarewell);
-}
-
-void Reflector::end_when_delivered(std::chrono::steady_clock::time_point limit) {
-  if (bgp_.idle() || std::chrono::steady_clock::now() > limit) return io_.stop();
-  farewell_.expires_after(std::chrono::milliseconds(10));
-  farewell_.async_wait([this, limit](const boost::system::error_code &error) {
-    if (!error) end_when_delivered(limit);
-  });
+  bgp_.when_delivered([this] { io_.stop(); });
 }
 
 // --------------------------------------------------------------------------------------------------------- commands

@@ -8,8 +8,6 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
-#include <boost/asio/steady_timer.hpp>
-#include <chrono>
 #include <map>
 #include <optional>
 #include <string>
@@ -50,7 +48,6 @@ class Reflector {
   void reload();
   void read_again();
   void stop();
-  void end_when_delivered(std::chrono::steady_clock::time_point limit);
   void execute(const host::ControlServer::Request &request, const std::shared_ptr<host::OutputChannel> &channel);
   std::string operate(const host::Statement &statement, const std::string &by);
   void show(const host::CommandLine &line, host::OutputChannel &channel);
@@ -79,7 +76,6 @@ class Reflector {
   host::ControlServer control_;
   std::optional<host::ControlServer> looking_;  // for looking only
   boost::asio::signal_set signals_;
-  boost::asio::steady_timer farewell_;
   host::Watchdog watchdog_;
 };
 

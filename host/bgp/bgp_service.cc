@@ -15,6 +15,7 @@ namespace host {
 namespace {
 
 constexpr std::chrono::seconds kListenRetry{5};  // an address that comes later is soon served, a log is not filled
+constexpr std::chrono::seconds kFarewell{2};     // so long neighbours may take to read their last words
 constexpr uint16_t kDeferralLeast = 30;          // seconds
 constexpr size_t kUnheardBatch = 4096;           // changes that a turn passes over when nobody wants them
 
@@ -35,6 +36,7 @@ BgpService::BgpService(boost::asio::io_context &io, Callbacks callbacks, bool re
     : callbacks_(std::move(callbacks)),
       transport_(io, callbacks_.enter),
       listen_retry_(io),
+      farewell_(io),
       restarting_(restarting),
       awaits_local_(restarting) {}
 
@@ -107,6 +109,18 @@ void BgpService::stop(const std::string &words) {
   if (!speaker_) return;
   speaker_->stop(bgp::StopKind::shutdown, words);
   speaker_->run();
+}
+
+void BgpService::when_delivered(const std::function<void()> &then) {
+  await_delivery(std::chrono::steady_clock::now() + kFarewell, then);
+}
+
+void BgpService::await_delivery(std::chrono::steady_clock::time_point limit, const std::function<void()> &then) {
+  if (transport_.idle() || std::chrono::steady_clock::now() > limit) return then();
+  farewell_.expires_after(std::chrono::milliseconds(10));
+  farewell_.async_wait([this, limit, then](const boost::system::error_code &error) {
+    if (!error) await_delivery(limit, then);
+  });
 }
 
 std::string BgpService::missing_neighbor(const Statement &statement) const {

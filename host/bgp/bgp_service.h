@@ -3,6 +3,7 @@
 #define HOST_BGP_BGP_SERVICE_H
 
 #include <boost/asio/steady_timer.hpp>
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -48,8 +49,9 @@ class BgpService final : bgp::Observer {
 
   // Tells every neighbour that this router goes, with these words. Nothing begins again.
   void stop(const std::string &words);
-  // What was sent to the neighbours has been delivered.
-  bool idle() const { return transport_.idle(); }
+  // Calls `then` once, at once or later in the event loop: when what was sent to the neighbours has been delivered, and
+  // in two seconds when it has not. For the end of a program.
+  void when_delivered(const std::function<void()> &then);
 
   // Null while there is none.
   bgp::Speaker *speaker() { return speaker_.get(); }
@@ -69,10 +71,12 @@ class BgpService final : bgp::Observer {
   void end();
   void listen();
   void set_neighbors(const BgpSettings &settings);
+  void await_delivery(std::chrono::steady_clock::time_point limit, const std::function<void()> &then);
 
   Callbacks callbacks_;
   bgp::AsioTransport transport_;
   boost::asio::steady_timer listen_retry_;
+  boost::asio::steady_timer farewell_;
   bool restarting_;  // of the first speaker only
   bool awaits_local_;
   std::optional<BgpSettings> settings_;

@@ -39,8 +39,7 @@ void make_folder(const std::string &path) {
     throw std::runtime_error("--store: " + path + ": " + std::strerror(ENOTDIR));
 }
 
-constexpr std::chrono::seconds kFarewell{2};  // so long neighbours and clients may take to read their last words
-constexpr size_t kMaxChecks = 4;              // at a time; each is a process
+constexpr size_t kMaxChecks = 4;  // at a time; each is a process
 const std::string kNotChecked = "the configuration cannot be checked: ";
 const std::string kUnchanged = "the configuration stays as it is";
 
@@ -50,8 +49,7 @@ Daemon::Daemon(DaemonOptions options, Config config)
     : options_(std::move(options)),
       log_("pimhostd", options_.log_to_syslog),
       change_log_(events_, log_),
-      signals_(loop_.io(), SIGINT, SIGTERM, SIGHUP),
-      farewell_(loop_.io()) {
+      signals_(loop_.io(), SIGINT, SIGTERM, SIGHUP) {
   log_.set_level(options_.log_level);
   const LoadedModule module = load_module(options_.module);
   Loop::Turn turn(loop_);
@@ -291,16 +289,8 @@ void Daemon::stop() {
     router_->stop();
     if (!ref::wait_for_threads()) log_.write(Level::error, "a thread of the module has not ended");
   }
-  end_when_delivered(std::chrono::steady_clock::now() + kFarewell);
-}
-
-// The neighbours have been told that this PE goes: the process stays until they have been reached, though not for long.
-void Daemon::end_when_delivered(std::chrono::steady_clock::time_point limit) {
-  if (router_->links().exchange().bgp().idle() || std::chrono::steady_clock::now() > limit) return loop_.stop();
-  farewell_.expires_after(std::chrono::milliseconds(10));
-  farewell_.async_wait([this, limit](const boost::system::error_code &error) {
-    if (!error) end_when_delivered(limit);
-  });
+  // The neighbours have been told that this PE goes.
+  router_->links().exchange().bgp().when_delivered([this] { loop_.stop(); });
 }
 
 }  // namespace host

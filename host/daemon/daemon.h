@@ -3,8 +3,6 @@
 #define HOST_DAEMON_DAEMON_H
 
 #include <boost/asio/signal_set.hpp>
-#include <boost/asio/steady_timer.hpp>
-#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -62,7 +60,6 @@ class Daemon {
   void end_reload(const std::vector<std::string> &errors, const std::vector<std::string> &warnings,
                   const std::string &outcome);
   void stop();
-  void end_when_delivered(std::chrono::steady_clock::time_point limit);
   void end_views();
   void open_sockets();
   void start_agent();
@@ -84,7 +81,6 @@ class Daemon {
   EventBus::Subscription told_;  // agentx_ of changes
   std::optional<metrics::HttpServer> metrics_;
   boost::asio::signal_set signals_;
-  boost::asio::steady_timer farewell_;
   std::optional<Watchdog> watchdog_;
   std::unique_ptr<ConfigCheck> check_;  // while a reload waits for it
   bool reload_again_ = false;           // asked for meanwhile

@@ -21,7 +21,7 @@ class Links {
 
   // Opens, changes and closes links until they are what a configuration says.
   void follow(const Config &config);
-  // The neighbours are told that this PE goes; the loop runs on until bgp().idle().
+  // The neighbours are told that this PE goes; the loop runs on until they have it (BgpService::when_delivered).
   void close();
 
   MdtExchange &exchange() { return exchange_; }
