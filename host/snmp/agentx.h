@@ -6,10 +6,10 @@
 #define HOST_SNMP_AGENTX_H
 
 #include <boost/asio/io_context.hpp>
-#include <functional>
 #include <memory>
 #include <string>
 
+#include "host/snmp/main_thread.h"
 #include "host/snmp/notification.h"
 
 namespace host::snmp {
@@ -17,8 +17,8 @@ namespace host::snmp {
 // One in the life of a process: the agent library keeps state that outlasts its shutdown. Throws std::runtime_error.
 class AgentX {
  public:
-  using InTurn = std::function<void(std::function<void()>)>;
-  using Log = std::function<void(const std::string &)>;
+  using InTurn = MainThread::InTurn;
+  using Log = MainThread::Log;
   struct Options {
     int retry_seconds = 10;  // between attempts to reach a master that is away, and between checks of one that is there
   };
@@ -42,8 +42,6 @@ class AgentX {
   AgentX &operator=(const AgentX &) = delete;
 
  private:
-  class Impl;
-  class Main;
   class Worker;
   std::unique_ptr<Worker> worker_;
 };
