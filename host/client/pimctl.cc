@@ -1,6 +1,7 @@
 // pimctl: commands of pimhostd, one per call, from a terminal, or from a pipe. Output goes to standard output, reasons
 // of failures to standard error. The exit status is that of the command, or of the first that failed of a pipe's.
 #include <unistd.h>
+
 #include <cerrno>
 #include <clocale>
 #include <csignal>
