@@ -1,6 +1,7 @@
 // A speaker with three neighbours that an input plays: connections, messages well and badly formed, time, full sockets,
 // and an operator who changes things. Whatever happens, the speaker comes to rest, tells its observer of no route twice
 // gone, and holds nothing but its own routes once the neighbours are removed.
+#include <algorithm>
 #include <cstdlib>
 #include <map>
 #include <set>
