@@ -17,6 +17,8 @@ enum {
   SDWRAP_EVENT_TEXT_MAX = 200,    /* bytes of an event's text, without the NUL */
 };
 
+struct pim_cibtype; /* pim.h */
+
 /* A stored debug message. */
 struct sdwrap_event {
   uint32_t type;                        /* SDWRAP_EVENT_MVPN */
@@ -34,12 +36,12 @@ typedef void (*sdwrap_text_writer)(const void *record, char text[SDWRAP_EVENT_TE
 enum { SDWRAP_RECORD_MAX = 512 }; /* bytes of such a record */
 
 /* Optional: a platform that lacks it leaves it null. Stores an event of the same identity whose text is made when
- * somebody reads it: (SDWRAP_UUID_PIM, SDWRAP_HISTORY_MVPN, SDWRAP_HISTORY_BUFFER, writer, VRF name, size,
- * record). VRF name: of the VRF that the text begins with, else null. size: a multiple
- * of 8, at most SDWRAP_RECORD_MAX; the record is copied, and given to the writer at an address aligned for pointers,
- * while the module is loaded. */
+ * somebody reads it: (SDWRAP_UUID_PIM, SDWRAP_HISTORY_MVPN, SDWRAP_HISTORY_BUFFER, writer, VRF, size, record). VRF:
+ * the one whose name the text begins with, else null. size: a multiple of 8, at most SDWRAP_RECORD_MAX; the record is
+ * copied, and given to the writer at an address aligned for pointers, while the module is loaded. */
 void sdwrap_his_log_unformatted(uint32_t uuid, uint32_t instance, uint32_t buffer, sdwrap_text_writer writer,
-                                const char *vrf_name, uint32_t size, const void *record) __attribute__((weak));
+                                const struct pim_cibtype *pcib, uint32_t size, const void *record)
+    __attribute__((weak));
 
 /* Non-zero when events of this type are filtered out of the history. */
 int sdwrap_hist_event_subtype_check(uint32_t instance, uint32_t type);

@@ -51,12 +51,9 @@ Watcher::Watcher(const Router &router, EventBus &bus) : router_(router), bus_(bu
 Watcher::~Watcher() { ref::set_observer(nullptr); }
 
 // Threads of the module work between the turns of the main loop: one is asked for.
-void Watcher::vrf_touched(std::string_view vrf_name) {
-  if (last_touched_ != nullptr && last_touched_->first == vrf_name) return;
-  auto vrf = vrfs_.find(vrf_name);
-  if (vrf == vrfs_.end()) vrf = vrfs_.emplace(vrf_name, Vrf{}).first;
-  last_touched_ = &*vrf;
-  touch(*vrf);
+void Watcher::vrf_touched(const char *vrf_name, void *&note) {
+  if (note == nullptr) note = &*vrfs_.try_emplace(vrf_name).first;
+  touch(*static_cast<Vrfs::value_type *>(note));
 }
 
 void Watcher::touch(Vrfs::value_type &vrf) {
@@ -67,7 +64,6 @@ void Watcher::touch(Vrfs::value_type &vrf) {
 
 void Watcher::settle() {
   settle_feature();
-  last_touched_ = nullptr;
   when_ = {};
   if (touched_.empty()) return;
   std::vector<Vrfs::value_type *> touched = std::exchange(touched_, {});
@@ -112,7 +108,9 @@ void Watcher::settle_vrf(const std::string &name, Vrf &vrf) {
   settle_tunnel(name, vrf);
   settle_status(name, vrf);
   take_glance(name, vrf);
-  if (vrf.status.empty() && vrf.tunnel.if_index == 0 && !vrf.glance.touched) vrfs_.erase(vrfs_.find(name));
+  // While it is there it has a note of the record.
+  if (vrf.glance.pcib == nullptr && vrf.status.empty() && vrf.tunnel.if_index == 0 && !vrf.glance.touched)
+    vrfs_.erase(vrfs_.find(name));
 }
 
 void Watcher::settle_status(const std::string &name, Vrf &vrf) {

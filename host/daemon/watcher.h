@@ -12,7 +12,6 @@
 #include <functional>
 #include <map>
 #include <string>
-#include <string_view>
 #include <tuple>
 #include <unordered_map>
 #include <vector>
@@ -66,15 +65,12 @@ class Watcher : private ref::Observer {
     Tunnel tunnel;
     std::string by;  // who asked for what it is doing
   };
-  struct NameHash : std::hash<std::string_view> {
-    using is_transparent = void;
-  };
-  using Vrfs = std::unordered_map<std::string, Vrf, NameHash, std::equal_to<>>;
+  using Vrfs = std::unordered_map<std::string, Vrf>;
   using Flow = std::tuple<std::string, ip_addr_t, ip_addr_t>;         // VRF, source, group
   using Joined = std::tuple<vrf_context_id_t, ip_addr_t, ip_addr_t>;  // of the VRF; PE, group
 
   // ref::Observer
-  void vrf_touched(std::string_view vrf_name) override;
+  void vrf_touched(const char *vrf_name, void *&note) override;
   void customer_route_installed(const std::string &vrf_name, const pim_route &route) override;
   void customer_route_deleted(const std::string &vrf_name, const mvpn_mdt_route_addrs &addrs) override;
   void core_route_joined(vrf_context_id_t owner, ip_addr_t source, ip_addr_t group, bool joined) override;
@@ -95,7 +91,6 @@ class Watcher : private ref::Observer {
   EventBus &bus_;
   Vrfs vrfs_;
   std::vector<Vrfs::value_type *> touched_;
-  const Vrfs::value_type *last_touched_ = nullptr;       // events come in rows of one VRF
   std::unordered_map<ip_addr_t, std::string> by_group_;  // VRFs by their default groups
   std::map<Flow, ip_addr_t> flows_;                      // with their data groups
   std::map<Joined, std::string> joined_;                 // with the VRF's name

@@ -151,7 +151,11 @@ std::string report_text(const syslog_descriptor *descriptor, uint32_t count, con
 // An event of a VRF begins with its name: "(red) : ".
 void tell_vrf(std::string_view text) {
   const size_t end = text.find(") : ");
-  if (text.starts_with('(') && end != text.npos) observer()->vrf_touched(text.substr(1, end - 1));
+  if (!text.starts_with('(') || end == text.npos) return;
+  const std::string name(text.substr(1, end - 1));
+  void *gone = nullptr;  // the note of a VRF that is not there any more
+  const pim_cibtype *pcib = pim_find(name);
+  observer()->vrf_touched(name.c_str(), pcib != nullptr ? pim_note_of(pcib) : gone);
 }
 
 }  // namespace
@@ -211,9 +215,9 @@ void sdwrap_his_log_event_for_uuid_inst(uint32_t, uint32_t, uint32_t, uint32_t, 
   state.history.add(nullptr, event->text, size);
 }
 
-void sdwrap_his_log_unformatted(uint32_t, uint32_t, uint32_t, sdwrap_text_writer writer, const char *vrf_name,
+void sdwrap_his_log_unformatted(uint32_t, uint32_t, uint32_t, sdwrap_text_writer writer, const pim_cibtype *pcib,
                                 uint32_t size, const void *record) {
-  if (observer() != nullptr && vrf_name != nullptr) observer()->vrf_touched(vrf_name);
+  if (observer() != nullptr && pcib != nullptr) observer()->vrf_touched(pcib->vrf_name, pim_note_of(pcib));
   state.history.add(writer, record, size);
 }
 

@@ -18,8 +18,10 @@ class Observer {
  public:
   virtual ~Observer() = default;
 
-  // The module has written an event of a VRF: something may have changed there.
-  virtual void vrf_touched(std::string_view vrf_name) = 0;
+  // The module has written an event of a VRF, or the VRF goes: something may have changed there. Events come in
+  // thousands, so the observer has a note at the VRF, by which it need not look for the name: null at first, and gone
+  // with the VRF or with the observer.
+  virtual void vrf_touched(const char *vrf_name, void *&note) = 0;
   // The module asked for a customer route to be installed, so that its encapsulation takes effect; the route is
   // deleted.
   virtual void customer_route_installed(const std::string &vrf_name, const pim_route &route) = 0;

@@ -16,6 +16,7 @@
 
 #include "platform/ip.h"
 #include "platform/reference/im.h"
+#include "platform/reference/observer.h"
 #include "platform/reference/pim.h"
 #include "platform/reference/services.h"
 #include "platform/reference/testing/services.h"
@@ -28,10 +29,12 @@ constexpr uint16_t default_jp_interval = 60;        // seconds
 
 struct Context {
   pim_cibtype cib{};
+  void *note = nullptr;  // the observer's
   char name_key[VRF_NAME_MAX + 1] = {};
   uint32_t id_key = 0;
   bool usable = true;
 };
+static_assert(offsetof(Context, cib) == 0, "a context is found by its first field");
 
 struct GroupRange {
   ip_addr_t prefix;
@@ -177,7 +180,16 @@ pim_cibtype *pim_adopt_context(std::string_view name, vrf_context_id_t context_i
   return &context->cib;
 }
 
+void *&pim_note_of(const pim_cibtype *pcib) {
+  return reinterpret_cast<Context *>(const_cast<pim_cibtype *>(pcib))->note;
+}
+
+void pim_forget_notes() {
+  for (const auto &[name, context] : process.named) context->note = nullptr;
+}
+
 void pim_drop_context(pim_cibtype *pcib) {
+  if (observer() != nullptr) observer()->vrf_touched(pcib->vrf_name, pim_note_of(pcib));
   for (auto &record : process.interfaces) {
     if (record == nullptr || record->pcib != pcib) continue;
     stop_hellos(*record);

@@ -84,6 +84,9 @@ vrf_context_id_t l3vm_find(std::string_view name);
 // interfaces. Null when the name cannot be one or is in use.
 pim_cibtype *pim_adopt_context(std::string_view name, vrf_context_id_t context_id, uint32_t table_id);
 void pim_drop_context(pim_cibtype *pcib);
+// The observer's note of a context of this process; observers that come find none.
+void *&pim_note_of(const pim_cibtype *pcib);
+void pim_forget_notes();
 pim_cibtype *pim_find(std::string_view name);
 PimCounters &pim_count();
 // An interface has gone: no hellos leave it any more. Its PIM record stays, since the module may still know it.

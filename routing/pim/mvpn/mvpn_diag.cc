@@ -88,9 +88,9 @@ static void write_event(const void *bytes, char text[SDWRAP_EVENT_TEXT_MAX + 1])
   record.print(record, text + length, size - length);
 }
 
-void mvpn_event_record::store() const {
+void mvpn_event_record::store(const pim_cibtype *pcib) const {
   sdwrap_his_log_unformatted(SDWRAP_UUID_PIM, SDWRAP_HISTORY_MVPN, SDWRAP_HISTORY_BUFFER, write_event,
-                             vrf_name != 0 ? at(vrf_name) : nullptr, (used + 7u) / 8 * 8, this);
+                             vrf_name != 0 ? pcib : nullptr, (used + 7u) / 8 * 8, this);
 }
 
 static void record_in_history(const pim_cibtype *pcib, const char *message) {

@@ -54,7 +54,7 @@ struct mvpn_event_record {
   uint16_t keep_text(const char *text);
 
   const char *at(uint64_t place) const { return reinterpret_cast<const char *>(this) + place; }
-  void store() const;
+  void store(const pim_cibtype *pcib) const;
 };
 static_assert(sizeof(mvpn_event_record) == SDWRAP_RECORD_MAX);
 
@@ -117,7 +117,7 @@ void mvpn_store_event(const pim_cibtype *pcib, const char *format, T... argument
   mvpn_event_record record(pcib, format, mvpn_event_types<T...>::print, sizeof...(T));
   [[maybe_unused]] uint64_t *word = record.words;
   ((*word++ = mvpn_word_of(record, arguments)), ...);
-  record.store();
+  record.store(pcib);
 }
 
 #endif  // MVPN_EVENT_H
