@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -64,6 +65,13 @@ uint32_t run_once(const std::string &path, host::ControlClient::Timeout silence,
   host::print_error(host::note_of_abandoned(first));
   std::raise(SIGINT);
   return host::kStatusFailed;
+}
+
+// Whoever has the packaged unit need not name its socket.
+std::string default_control_path() {
+  std::error_code error;
+  const bool unit = std::filesystem::exists(host::kUnitControlPath, error);
+  return unit ? host::kUnitControlPath : host::kDefaultControlPath;
 }
 
 // Lines are read as the terminal writes them; the editor drops what it takes for no characters.
@@ -155,7 +163,7 @@ void print_all_syntax() {
 
 int main(int argc, char **argv) {
   options::CommandLine app("Commands of pimhostd", kFooter);
-  std::string path = host::kDefaultControlPath;
+  std::string path = default_control_path();
   double timeout = 10;
   bool json = false, xml = false, syntax = false, complete = false;
   std::vector<std::string> words;

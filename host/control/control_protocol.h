@@ -28,6 +28,7 @@ constexpr size_t kFrameHeaderSize = 5;         // length and type
 constexpr size_t kMaxRequest = 16 * 1024;      // body of a request
 constexpr size_t kMaxOutputFrame = 32 * 1024;  // body of any frame of an answer
 constexpr const char *kDefaultControlPath = "/run/pimhostd.sock";
+constexpr const char *kUnitControlPath = "/run/mvpn/pimhostd.sock";  // of the packaged unit, whose user has that folder
 
 // Exit statuses of commands.
 enum : uint32_t { kStatusDone = 0, kStatusFailed = 1, kStatusSyntax = 2 };

@@ -57,7 +57,7 @@ done
 holds "pimhostd is mvpn" user_of pimhostd mvpn
 holds "the forwarder is mvpn-forwarder" user_of mvpn-forwarder mvpn-forwarder
 holds "the reflector is nobody else" user_of mdt-reflector mdt-reflector
-answers() { pimctl --control /run/mvpn/pimhostd.sock show forwarding | grep -q "control.sock *yes"; }
+answers() { pimctl show forwarding | grep -q "control.sock *yes"; }
 holds "pimhostd reaches the forwarder" until_holds answers
 ip netns add red  # while the forwarder runs
 tunnel() { ip netns exec red ip link show up | grep -q mti; }
