@@ -40,6 +40,12 @@ Result refuse(std::string *reason, std::string text) {
   return std::nullopt;
 }
 
+// A length behind the address is a habit from other routers.
+std::string why_no_address(std::string_view word) {
+  const bool has_length = read_address(word.substr(0, word.find('/'))).has_value();
+  return has_length ? "is a prefix, and an address is wanted" : "is not an IPv4 address";
+}
+
 Result check_number(NumberRange range, std::string_view word, std::string *reason) {
   const bool digits = !word.empty() && word.find_first_not_of("0123456789") == std::string_view::npos;
   if (!digits) return refuse(reason, "is not a number");
@@ -51,19 +57,19 @@ Result check_number(NumberRange range, std::string_view word, std::string *reaso
 
 Result check_address(std::string_view word, std::string *reason) {
   const std::optional<uint32_t> address = read_address(word);
-  return address ? Result(address_text(*address)) : refuse(reason, "is not an IPv4 address");
+  return address ? Result(address_text(*address)) : refuse(reason, why_no_address(word));
 }
 
 Result check_unicast(std::string_view word, std::string *reason) {
   const std::optional<uint32_t> address = read_address(word);
-  if (!address) return refuse(reason, "is not an IPv4 address");
+  if (!address) return refuse(reason, why_no_address(word));
   if (!is_unicast(*address)) return refuse(reason, "is not the address of one host");
   return address_text(*address);
 }
 
 Result check_group(std::string_view word, std::string *reason) {
   const std::optional<uint32_t> address = read_address(word);
-  if (!address) return refuse(reason, "is not an IPv4 address");
+  if (!address) return refuse(reason, why_no_address(word));
   if (!is_multicast(*address)) return refuse(reason, "is not a multicast group");
   return address_text(*address);
 }

@@ -141,6 +141,7 @@ TEST(ConfigTest, SaysWhatIsWrongAndWhere) {
   } cases[] = {
       {"hostnam x\n", "1: 'hostnam' is not known here"},
       {"interface eth0\n  ip address 10.0.0.256\n", "2: '10.0.0.256' is not an IPv4 address"},
+      {"interface eth0\n  ip address 10.0.0.1/24\n", "2: '10.0.0.1/24' is a prefix, and an address is wanted"},
       {"interface 0123456789012345678901234567890123456789\n", "is longer than 39 characters"},
       {"vrf aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa\n  rd 1:1\n", "1: 'aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa' is longer than 32"},
       {"vrf red\n  mdt data 239.1.0.0/33\n", "2: '239.1.0.0/33' has a mask length over 32"},
