@@ -37,6 +37,15 @@ const FilterWord *find_filter(std::string_view word) {
   return found == std::end(kFilters) ? nullptr : found;
 }
 
+// The same, cut as long as it is the only one: behind a '|' that is a word of its own nothing else can be meant.
+const FilterWord *find_cut_filter(std::string_view word) {
+  if (const FilterWord *whole = find_filter(word); whole != nullptr || word.empty()) return whole;
+  const auto begins = [word](const FilterWord &other) { return std::string_view(other.text).starts_with(word); };
+  const auto found = std::find_if(std::begin(kFilters), std::end(kFilters), begins);
+  const bool only = found != std::end(kFilters) && std::none_of(found + 1, std::end(kFilters), begins);
+  return only ? found : nullptr;
+}
+
 // Quotes around the whole pattern are not part of it.
 std::string pattern_of(const Words &words, size_t begin, size_t end) {
   std::string text = words[begin];
@@ -88,7 +97,7 @@ void read_filter(const Words &words, size_t begin, size_t end, Pipeline *line) {
     line->error = SyntaxError{end, "the line is incomplete; " + expected};
     return;
   }
-  const FilterWord *filter = find_filter(words[begin]);
+  const FilterWord *filter = find_cut_filter(words[begin]);
   if (filter == nullptr) {
     line->error = SyntaxError{begin, "'" + printable(words[begin]) + "' is not known here; " + expected};
     return;
@@ -142,7 +151,8 @@ std::vector<Candidate> filter_candidates(const Words &words) {
   std::vector<Candidate> all;
   if (behind == 0)
     for (const FilterWord &filter : kFilters) all.push_back({filter.text, filter.help, true});
-  else if (const FilterWord *filter = find_filter(*last_bar.base()); filter && takes_pattern(*filter) && behind == 1)
+  else if (const FilterWord *filter = find_cut_filter(*last_bar.base());
+           filter && takes_pattern(*filter) && behind == 1)
     all.push_back({"PATTERN", "A regular expression; it ends at the next filter or at the end of the line", false});
   else
     all = {{"|", "Another filter", true}, {std::string(kEndOfLine), "end of the line", false}};
