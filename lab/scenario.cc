@@ -14,6 +14,7 @@
 #include <stdexcept>
 
 #include "lab/process.h"
+#include "lab/traffic_control.h"
 
 namespace lab {
 namespace {
@@ -105,6 +106,7 @@ void read_link(const json &object, Step *step) {
     step->kind = Step::Kind::carried;
     step->text = object.at("expect").get<std::string>();
     step->groups = object.at("groups").get<std::string>();
+    (void)in_prefix("0.0.0.0", step->groups);
     step->packets = number_in(object, "packets");
     step->at_least = object.value("at_least", 1);
     step->from_pe = object.value("from", false);

@@ -9,6 +9,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <stdexcept>
 #include <utility>
@@ -55,8 +56,12 @@ json flow_address(const NetworkFlow &flow, const Network &network) {
 
 bool in_prefix(const std::string &address, const std::string &prefix) {
   const size_t slash = prefix.find('/');
-  const int length = slash == std::string::npos ? 32 : std::stoi(prefix.substr(slash + 1));
-  if (length < 0 || length > 32) throw std::runtime_error("'" + prefix + "' is no prefix");
+  uint32_t length = 32;
+  if (slash != std::string::npos) {
+    const char *end = prefix.data() + prefix.size();
+    const auto [stop, error] = std::from_chars(prefix.data() + slash + 1, end, length);
+    if (error != std::errc{} || stop != end || length > 32) throw std::runtime_error("'" + prefix + "' is no prefix");
+  }
   const uint32_t mask = length == 0 ? 0 : ~0U << (32 - length);
   return (address_of(address) & mask) == (address_of(prefix.substr(0, slash)) & mask);
 }

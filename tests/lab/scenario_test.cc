@@ -62,6 +62,9 @@ TEST(Scenario, RefusesWhatItCannotPlay) {
       {R"({"in": "pe3/blue/host", "command": "true"})", "accepted", true},
       {R"({"vrf": "red", "of": "pe1", "set": "gone"})", "it can be set present or absent", true},
       {R"({"link": "pe1", "lose": 101})", "0 to 100 percent", true},
+      {R"({"link": "pe1", "expect": "e", "groups": "239.1.8.0/24"})", "accepted", true},
+      {R"({"link": "pe1", "expect": "e", "groups": "239.1.8.0/2x"})", "'239.1.8.0/2x' is no prefix", true},
+      {R"({"link": "pe1", "expect": "e", "groups": "data"})", "'data' is no IPv4 address", true},
       {R"({"start": "pe1", "part": "engine"})", "a part is control or forwarder", true},
   };
   for (const Case &item : cases) {
