@@ -26,6 +26,40 @@ class Removal : public ModuleTest {
     EXPECT_TRUE(ref::bgp_local_entries().empty());
   }
   static void source(bool up) { ref::set_interface_state("loopback0", up); }
+  static void source_unanswered(bool up) {
+    ref::set_oim_answers(false);
+    source(up);
+    ref::settle();
+  }
+  // Brings VRF red, which has no group and whose source is up, to a status.
+  void lead_to(mvpn_mti_status_t status) {
+    if (status == MVPN_MTI_NONE) {
+      command("mdt_default_cmd", "red", {{"<mdt-default>", "239.1.1.1"}}, false, false);
+      return;
+    }
+    if (status == MVPN_MTI_CREATE_PENDING) ref::set_oim_answers(false);
+    if (status == MVPN_MTI_CREATED || status == MVPN_MTI_UP_PENDING) source(false);
+    configure("red", "239.1.1.1");
+    switch (status) {
+      case MVPN_MTI_UP_PENDING:
+      case MVPN_MTI_DOWN_PENDING:
+        return source_unanswered(status == MVPN_MTI_UP_PENDING);
+      case MVPN_MTI_DOWN_IN_PROGRESS:
+        return mvpn_default_tunnel_down(context("red"), 0);
+      case MVPN_MTI_DOWN:
+      case MVPN_MTI_DELETE_PENDING:
+      case MVPN_MTI_DELETED:
+        source(false);
+        ref::settle();
+        if (status == MVPN_MTI_DOWN) return;
+        ref::set_oim_answers(status == MVPN_MTI_DELETED);
+        command("mdt_default_cmd", "red", {}, true);
+        configure("red", "239.1.1.2");
+        return;
+      default:
+        return;
+    }
+  }
   // Routes that were never sent: freeing each hundredth yields.
   static void add_unsent_routes(mvpn_cibtype *mvpn) {
     ref::set_mrib_acks(false);
@@ -36,76 +70,16 @@ class Removal : public ModuleTest {
 
 // What is outstanding when the group goes is answered afterwards; however it went, nothing stays behind.
 TEST_F(Removal, EveryStatusLeadsToTheEnd) {
-  const struct {
-    mvpn_mti_status_t status;
-    std::function<void()> lead;
-  } cases[] = {
-      {MVPN_MTI_NONE,
-       [this] {
-         command("mdt_default_cmd", "red", {{"<mdt-default>", "239.1.1.1"}}, false, false);
-       }},
-      {MVPN_MTI_CREATE_PENDING,
-       [this] {
-         ref::set_oim_answers(false);
-         configure("red", "239.1.1.1");
-       }},
-      {MVPN_MTI_CREATED,
-       [this] {
-         source(false);
-         configure("red", "239.1.1.1");
-       }},
-      {MVPN_MTI_UP_PENDING,
-       [this] {
-         source(false);
-         configure("red", "239.1.1.1");
-         ref::set_oim_answers(false);
-         source(true);
-         ref::settle();
-       }},
-      {MVPN_MTI_UP, [this] { configure("red", "239.1.1.1"); }},
-      {MVPN_MTI_DOWN_PENDING,
-       [this] {
-         configure("red", "239.1.1.1");
-         ref::set_oim_answers(false);
-         source(false);
-         ref::settle();
-       }},
-      {MVPN_MTI_DOWN_IN_PROGRESS,
-       [this] {
-         configure("red", "239.1.1.1");
-         mvpn_default_tunnel_down(context("red"), 0);
-       }},
-      {MVPN_MTI_DOWN,
-       [this] {
-         configure("red", "239.1.1.1");
-         source(false);
-         ref::settle();
-       }},
-      {MVPN_MTI_DELETE_PENDING,
-       [this] {
-         configure("red", "239.1.1.1");
-         source(false);
-         ref::settle();
-         ref::set_oim_answers(false);
-         command("mdt_default_cmd", "red", {}, true);
-         configure("red", "239.1.1.2");
-       }},
-      {MVPN_MTI_DELETED,
-       [this] {
-         configure("red", "239.1.1.1");
-         source(false);
-         ref::settle();
-         command("mdt_default_cmd", "red", {}, true);
-         configure("red", "239.1.1.2");
-       }},
-  };
+  const mvpn_mti_status_t statuses[] = {
+      MVPN_MTI_NONE,         MVPN_MTI_CREATE_PENDING,   MVPN_MTI_CREATED, MVPN_MTI_UP_PENDING,     MVPN_MTI_UP,
+      MVPN_MTI_DOWN_PENDING, MVPN_MTI_DOWN_IN_PROGRESS, MVPN_MTI_DOWN,    MVPN_MTI_DELETE_PENDING, MVPN_MTI_DELETED};
   start();
   add_vrf("red", 2);
   for (const bool whole_vrf : {false, true}) {
-    for (const auto &c : cases) {
-      SCOPED_TRACE(std::string(mvpn_mti_status_str[c.status]) + (whole_vrf ? ", with its VRF" : ""));
-      c.lead();
-      ASSERT_EQ(context("red")->mti_status, c.status) << mvpn_mti_status_str[context("red")->mti_status];
+    for (const mvpn_mti_status_t status : statuses) {
+      SCOPED_TRACE(std::string(mvpn_mti_status_str[status]) + (whole_vrf ? ", with its VRF" : ""));
+      lead_to(status);
+      ASSERT_EQ(context("red")->mti_status, status) << mvpn_mti_status_str[context("red")->mti_status];
       if (whole_vrf) {
         mvpn_leave_vrf(pim_get_cib_by_context_name("red"));
         mvpn_leave_vrf(pim_get_cib_by_context_name("red"));  // once is enough

@@ -127,88 +127,109 @@ std::map<size_t, uint32_t> nonzero_fields(const uint8_t *entry) {
   return fields;
 }
 
+constexpr uint32_t kMti = 0x55;
+const uint32_t kSource = addr("10.0.0.9");
+
+struct EntryCase {
+  const char *what;
+  bool local;
+  mvpn_mdt_route_type_t type;
+  mvpn_mdt_group_mode_t mode;
+  uint32_t source;
+  bool shared, enforce;
+  uint32_t mti;  // 0: none
+  uint8_t local_byte;
+  uint8_t last_hop;
+  uint8_t shared_byte;  // on adds
+};
+const EntryCase kEntries[] = {
+    {"local ssm", true, MVPN_MDT_ROUTE_LOCAL_DEFAULT, MVPN_MDT_GROUP_MODE_SSM, kSource, true, true, 0, 1, 0, 0},
+    {"local asm (S,G)", true, MVPN_MDT_ROUTE_LOCAL_DATA, MVPN_MDT_GROUP_MODE_ASM, kSource, true, true, 0, 1, 0, 1},
+    {"local asm (*,G), enforced", true, MVPN_MDT_ROUTE_LOCAL_DEFAULT, MVPN_MDT_GROUP_MODE_ASM, 0, true, true, kMti, 1,
+     0, 1},
+    {"local asm (*,G), not enforced", true, MVPN_MDT_ROUTE_LOCAL_DEFAULT, MVPN_MDT_GROUP_MODE_ASM, 0, false, false,
+     kMti, 1, 1, 0},
+    {"local bidir default", true, MVPN_MDT_ROUTE_LOCAL_DEFAULT, MVPN_MDT_GROUP_MODE_BIDIR, 0, true, true, kMti, 1, 0,
+     0},
+    {"local bidir data", true, MVPN_MDT_ROUTE_LOCAL_DATA, MVPN_MDT_GROUP_MODE_BIDIR, 0, true, true, 0, 1, 0, 0},
+    {"remote ssm", false, MVPN_MDT_ROUTE_REMOTE_DEFAULT, MVPN_MDT_GROUP_MODE_SSM, kSource, true, true, kMti, 0, 0, 0},
+    {"remote asm", false, MVPN_MDT_ROUTE_REMOTE_DATA, MVPN_MDT_GROUP_MODE_ASM, kSource, true, false, kMti, 0, 0, 0},
+    {"remote bidir default", false, MVPN_MDT_ROUTE_REMOTE_DEFAULT, MVPN_MDT_GROUP_MODE_BIDIR, 0, true, true, kMti, 1, 0,
+     0},
+    {"remote bidir data", false, MVPN_MDT_ROUTE_REMOTE_DATA, MVPN_MDT_GROUP_MODE_BIDIR, 0, true, true, kMti, 0, 0, 0},
+};
+
+mvpn_mdt_route route_of(const EntryCase &c, mvpn_cibtype *mvpn) {
+  mvpn_mdt_route route{};
+  route.mvpn = mvpn;
+  route.route_type = c.type;
+  route.mode = c.mode;
+  route.source = c.source;
+  route.group = addr("239.1.1.1");
+  route.mdt_source_iod = 0x33;
+  route.mdt_source_context = 0x44;
+  route.teardown = 1;
+  return route;
+}
+
+using Fields = std::map<size_t, uint32_t>;  // by offset
+
+// What names the route; what its owner wants of it besides; and what comes with adding it.
+Fields fields_of_route(const EntryCase &c) {
+  Fields fields = {{MRIB_ENTRY_CONTEXT_ID, 0x44},
+                   {MRIB_ENTRY_GROUP, addr("239.1.1.1")},
+                   {MRIB_ENTRY_SOURCE_LEN, c.source != 0 ? 32 : 255},
+                   {MRIB_ENTRY_GROUP_LEN, 32},
+                   {MRIB_ENTRY_TEARDOWN, 1}};
+  if (c.source != 0) fields[MRIB_ENTRY_SOURCE] = c.source;
+  return fields;
+}
+
+Fields fields_of_owner(const EntryCase &c) {
+  Fields fields = fields_of_route(c);
+  fields[MRIB_ENTRY_OWNER] = 2;
+  fields[MRIB_ENTRY_MDT_SOURCE_IOD] = 0x33;
+  if (c.mti != 0) {
+    fields[MRIB_ENTRY_MTI_IOD] = c.mti;
+    fields[MRIB_ENTRY_MTI_IOD_SET] = 1;
+  }
+  if (c.local_byte != 0) fields[MRIB_ENTRY_LOCAL] = 1;
+  if (c.last_hop != 0) fields[MRIB_ENTRY_LAST_HOP] = 1;
+  return fields;
+}
+
+Fields fields_of_add(const EntryCase &c) {
+  Fields fields = fields_of_owner(c);
+  fields[MRIB_ENTRY_ADD] = 1;
+  fields[MRIB_ENTRY_ADD_OWNER] = 2;
+  if (c.source != 0) {
+    fields[MRIB_ENTRY_RPF_ADDR] = c.source;
+    fields[MRIB_ENTRY_RPF_ADDR_SET] = 1;
+  }
+  if (c.shared_byte != 0) fields[MRIB_ENTRY_ASM_SHARED_TREE] = 1;
+  return fields;
+}
+
 // Every builder in every mode against the fields that it must set; everything else is zero.
 TEST_F(Routes, EntriesCarryTheFieldsOfTheirBuilderAndMode) {
   start();
   mvpn_cibtype *mvpn = plain_vrf();
-  constexpr uint32_t kMti = 0x55;
-  const uint32_t s = addr("10.0.0.9");
-  const struct {
-    const char *what;
-    bool local;
-    mvpn_mdt_route_type_t type;
-    mvpn_mdt_group_mode_t mode;
-    uint32_t source;
-    bool shared, enforce;
-    uint32_t mti;  // 0: none
-    uint8_t local_byte;
-    uint8_t last_hop;
-    uint8_t shared_byte;  // on adds
-  } cases[] = {
-      {"local ssm", true, MVPN_MDT_ROUTE_LOCAL_DEFAULT, MVPN_MDT_GROUP_MODE_SSM, s, true, true, 0, 1, 0, 0},
-      {"local asm (S,G)", true, MVPN_MDT_ROUTE_LOCAL_DATA, MVPN_MDT_GROUP_MODE_ASM, s, true, true, 0, 1, 0, 1},
-      {"local asm (*,G), enforced", true, MVPN_MDT_ROUTE_LOCAL_DEFAULT, MVPN_MDT_GROUP_MODE_ASM, 0, true, true, kMti, 1,
-       0, 1},
-      {"local asm (*,G), not enforced", true, MVPN_MDT_ROUTE_LOCAL_DEFAULT, MVPN_MDT_GROUP_MODE_ASM, 0, false, false,
-       kMti, 1, 1, 0},
-      {"local bidir default", true, MVPN_MDT_ROUTE_LOCAL_DEFAULT, MVPN_MDT_GROUP_MODE_BIDIR, 0, true, true, kMti, 1, 0,
-       0},
-      {"local bidir data", true, MVPN_MDT_ROUTE_LOCAL_DATA, MVPN_MDT_GROUP_MODE_BIDIR, 0, true, true, 0, 1, 0, 0},
-      {"remote ssm", false, MVPN_MDT_ROUTE_REMOTE_DEFAULT, MVPN_MDT_GROUP_MODE_SSM, s, true, true, kMti, 0, 0, 0},
-      {"remote asm", false, MVPN_MDT_ROUTE_REMOTE_DATA, MVPN_MDT_GROUP_MODE_ASM, s, true, false, kMti, 0, 0, 0},
-      {"remote bidir default", false, MVPN_MDT_ROUTE_REMOTE_DEFAULT, MVPN_MDT_GROUP_MODE_BIDIR, 0, true, true, kMti, 1,
-       0, 0},
-      {"remote bidir data", false, MVPN_MDT_ROUTE_REMOTE_DATA, MVPN_MDT_GROUP_MODE_BIDIR, 0, true, true, kMti, 0, 0, 0},
-  };
-  for (const auto &c : cases) {
+  for (const EntryCase &c : kEntries) {
     SCOPED_TRACE(c.what);
-    mvpn_mdt_route route{};
-    route.mvpn = mvpn;
-    route.route_type = c.type;
-    route.mode = c.mode;
-    route.source = c.source;
-    route.group = addr("239.1.1.1");
-    route.mdt_source_iod = 0x33;
-    route.mdt_source_context = 0x44;
-    route.teardown = 1;
+    mvpn_mdt_route route = route_of(c, mvpn);
     mvpn->asm_use_shared_tree = c.shared;
     mvpn->enforce_bgp_mdt_safi = c.enforce;
-    std::map<size_t, uint32_t> base = {{MRIB_ENTRY_CONTEXT_ID, 0x44},
-                                       {MRIB_ENTRY_GROUP, addr("239.1.1.1")},
-                                       {MRIB_ENTRY_SOURCE_LEN, c.source != 0 ? 32 : 255},
-                                       {MRIB_ENTRY_GROUP_LEN, 32},
-                                       {MRIB_ENTRY_TEARDOWN, 1}};
-    if (c.source != 0) base[MRIB_ENTRY_SOURCE] = c.source;
-    std::map<size_t, uint32_t> first = base;
-    first[MRIB_ENTRY_OWNER] = 2;
-    first[MRIB_ENTRY_MDT_SOURCE_IOD] = 0x33;
-    if (c.mti != 0) {
-      first[MRIB_ENTRY_MTI_IOD] = c.mti;
-      first[MRIB_ENTRY_MTI_IOD_SET] = 1;
-    }
-    if (c.local_byte != 0) first[MRIB_ENTRY_LOCAL] = 1;
-    if (c.last_hop != 0) first[MRIB_ENTRY_LAST_HOP] = 1;
-
     std::vector<uint8_t> entries(2 * MRIB_UPDATE_ENTRY_SIZE);
     ASSERT_EQ(c.local ? mvpn_delete_local_mdt_routes(&route, entries.data())
                       : mvpn_delete_remote_mdt_routes(&route, entries.data()),
               2u);
-    EXPECT_EQ(nonzero_fields(entries.data()), first) << "first delete entry";
-    EXPECT_EQ(nonzero_fields(entries.data() + MRIB_UPDATE_ENTRY_SIZE), base) << "second delete entry";
-
-    std::map<size_t, uint32_t> add = first;
-    add[MRIB_ENTRY_ADD] = 1;
-    add[MRIB_ENTRY_ADD_OWNER] = 2;
-    if (c.source != 0) {
-      add[MRIB_ENTRY_RPF_ADDR] = c.source;
-      add[MRIB_ENTRY_RPF_ADDR_SET] = 1;
-    }
-    if (c.shared_byte != 0) add[MRIB_ENTRY_ASM_SHARED_TREE] = 1;
+    EXPECT_EQ(nonzero_fields(entries.data()), fields_of_owner(c)) << "first delete entry";
+    EXPECT_EQ(nonzero_fields(entries.data() + MRIB_UPDATE_ENTRY_SIZE), fields_of_route(c)) << "second delete entry";
     std::fill(entries.begin(), entries.end(), 0);
     ASSERT_EQ(c.local ? mvpn_add_local_mdt_routes(&route, entries.data())
                       : mvpn_add_remote_mdt_routes(&route, entries.data()),
               1u);
-    EXPECT_EQ(nonzero_fields(entries.data()), add) << "add entry";
+    EXPECT_EQ(nonzero_fields(entries.data()), fields_of_add(c)) << "add entry";
   }
   mvpn->asm_use_shared_tree = 0;
 }

@@ -190,47 +190,49 @@ TEST_F(Oim, DeleteWithoutATunnelOnlySaysThatItBegins) {
 }
 
 // What a response does, by status; `group` and `ready` say what the VRF is like, `up` whether its interface is up.
+constexpr uint32_t kCreate = MTS_OPC_OIM_IF_CREATE_RESPONSE;
+constexpr uint32_t kDelete = MTS_OPC_OIM_IF_DELETE_RESPONSE;
+constexpr uint32_t kUpdate = MTS_OPC_OIM_IF_PARAM_UPDATE_RESPONSE;
+struct ResponseCase {
+  const char *what;
+  uint32_t opcode;
+  mvpn_mti_status_t before;
+  bool group, ready, up;
+  uint32_t result;
+  mvpn_mti_status_t after;
+  const char *requests;
+  bool gone;
+};
+const ResponseCase kResponses[] = {
+    {"create, ready", kCreate, MVPN_MTI_CREATE_PENDING, true, true, false, 0, MVPN_MTI_UP_PENDING, "modify bringup",
+     false},
+    {"create, interface up", kCreate, MVPN_MTI_CREATE_PENDING, true, true, true, 0, MVPN_MTI_UP, "", false},
+    {"create again while up", kCreate, MVPN_MTI_UP, true, true, true, 0, MVPN_MTI_UP, "", false},
+    {"create, not ready", kCreate, MVPN_MTI_CREATE_PENDING, true, false, false, 0, MVPN_MTI_CREATED, "", false},
+    {"create, group gone", kCreate, MVPN_MTI_CREATE_PENDING, false, true, false, 0, MVPN_MTI_DELETE_PENDING, "delete",
+     false},
+    {"create refused", kCreate, MVPN_MTI_CREATE_PENDING, true, true, false, 5, MVPN_MTI_CREATE_PENDING, "", false},
+    {"delete, ready again", kDelete, MVPN_MTI_DELETE_PENDING, true, true, false, 0, MVPN_MTI_UP_PENDING,
+     "modify bringup", false},
+    {"delete, not ready", kDelete, MVPN_MTI_DELETE_PENDING, true, false, false, 0, MVPN_MTI_DELETED, "", false},
+    {"delete, group gone", kDelete, MVPN_MTI_DELETE_PENDING, false, true, false, 0, MVPN_MTI_NONE, "", true},
+    {"delete refused", kDelete, MVPN_MTI_DELETE_PENDING, false, true, false, 9, MVPN_MTI_DELETE_PENDING, "", false},
+    {"update, interface up", kUpdate, MVPN_MTI_UP_PENDING, true, true, true, 0, MVPN_MTI_UP, "", false},
+    {"update, interface down", kUpdate, MVPN_MTI_UP_PENDING, true, true, false, 0, MVPN_MTI_UP_PENDING, "bringup",
+     false},
+    {"update, not ready", kUpdate, MVPN_MTI_UP_PENDING, true, false, true, 0, MVPN_MTI_UP_PENDING, "", false},
+    {"update while deleting, group gone", kUpdate, MVPN_MTI_DELETE_PENDING, false, true, false, 0, MVPN_MTI_NONE, "",
+     true},
+    {"update while deleting, group back", kUpdate, MVPN_MTI_DELETE_PENDING, true, true, false, 0,
+     MVPN_MTI_DELETE_PENDING, "", false},
+    {"update while up", kUpdate, MVPN_MTI_UP, true, true, true, 0, MVPN_MTI_UP, "", false},
+    {"update while created", kUpdate, MVPN_MTI_CREATED, true, true, false, 0, MVPN_MTI_CREATED, "", false},
+};
+
 TEST_F(Oim, ResponsesMoveTheStatus) {
-  const uint32_t kCreate = MTS_OPC_OIM_IF_CREATE_RESPONSE;
-  const uint32_t kDelete = MTS_OPC_OIM_IF_DELETE_RESPONSE;
-  const uint32_t kUpdate = MTS_OPC_OIM_IF_PARAM_UPDATE_RESPONSE;
-  const struct {
-    const char *what;
-    uint32_t opcode;
-    mvpn_mti_status_t before;
-    bool group, ready, up;
-    uint32_t result;
-    mvpn_mti_status_t after;
-    const char *requests;
-    bool gone;
-  } cases[] = {
-      {"create, ready", kCreate, MVPN_MTI_CREATE_PENDING, true, true, false, 0, MVPN_MTI_UP_PENDING, "modify bringup",
-       false},
-      {"create, interface up", kCreate, MVPN_MTI_CREATE_PENDING, true, true, true, 0, MVPN_MTI_UP, "", false},
-      {"create again while up", kCreate, MVPN_MTI_UP, true, true, true, 0, MVPN_MTI_UP, "", false},
-      {"create, not ready", kCreate, MVPN_MTI_CREATE_PENDING, true, false, false, 0, MVPN_MTI_CREATED, "", false},
-      {"create, group gone", kCreate, MVPN_MTI_CREATE_PENDING, false, true, false, 0, MVPN_MTI_DELETE_PENDING, "delete",
-       false},
-      {"create refused", kCreate, MVPN_MTI_CREATE_PENDING, true, true, false, 5, MVPN_MTI_CREATE_PENDING, "", false},
-      {"delete, ready again", kDelete, MVPN_MTI_DELETE_PENDING, true, true, false, 0, MVPN_MTI_UP_PENDING,
-       "modify bringup", false},
-      {"delete, not ready", kDelete, MVPN_MTI_DELETE_PENDING, true, false, false, 0, MVPN_MTI_DELETED, "", false},
-      {"delete, group gone", kDelete, MVPN_MTI_DELETE_PENDING, false, true, false, 0, MVPN_MTI_NONE, "", true},
-      {"delete refused", kDelete, MVPN_MTI_DELETE_PENDING, false, true, false, 9, MVPN_MTI_DELETE_PENDING, "", false},
-      {"update, interface up", kUpdate, MVPN_MTI_UP_PENDING, true, true, true, 0, MVPN_MTI_UP, "", false},
-      {"update, interface down", kUpdate, MVPN_MTI_UP_PENDING, true, true, false, 0, MVPN_MTI_UP_PENDING, "bringup",
-       false},
-      {"update, not ready", kUpdate, MVPN_MTI_UP_PENDING, true, false, true, 0, MVPN_MTI_UP_PENDING, "", false},
-      {"update while deleting, group gone", kUpdate, MVPN_MTI_DELETE_PENDING, false, true, false, 0, MVPN_MTI_NONE, "",
-       true},
-      {"update while deleting, group back", kUpdate, MVPN_MTI_DELETE_PENDING, true, true, false, 0,
-       MVPN_MTI_DELETE_PENDING, "", false},
-      {"update while up", kUpdate, MVPN_MTI_UP, true, true, true, 0, MVPN_MTI_UP, "", false},
-      {"update while created", kUpdate, MVPN_MTI_CREATED, true, true, false, 0, MVPN_MTI_CREATED, "", false},
-  };
   vrf_context_id_t id = 10;
   start();
-  for (const auto &c : cases) {
+  for (const ResponseCase &c : kResponses) {
     SCOPED_TRACE(c.what);
     const std::string name = "vrf" + std::to_string(++id);
     ref::set_oim_answers(true);
