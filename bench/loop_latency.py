@@ -9,7 +9,6 @@ the machine's.
 """
 
 import pathlib
-import select
 import signal
 import socket
 import struct

@@ -17,7 +17,7 @@ from patience import holds_for, own_address
 
 try:
     import scapy_peer as peer
-    from scapy.contrib.bgp import BGPCapFourBytesASN, BGPCapGeneric, BGPCapGracefulRestart, BGPCapMultiprotocol
+    from scapy.contrib.bgp import BGPCapFourBytesASN, BGPCapGeneric, BGPCapMultiprotocol
 except ImportError as error:
     print(f"skipped: {error}")
     sys.exit(SKIPPED)

@@ -8,7 +8,6 @@ import dataclasses
 import json
 import re
 import shutil
-import signal
 
 from network import found, wait_until
 
