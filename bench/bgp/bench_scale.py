@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The same routes fed to BIRD and to pimhostd: processor time and memory of a route, side by side.
 
-usage: bench_scale.py BIN_DIR [--routes 100000] [--vrfs 10,1000] [--pes 0] [--rounds 3]
+usage: bench_scale.py BIN_DIR [--routes 100000] [--vrfs 10,1000] [--pes 0] [--rounds 3] [--one-processor] [--dry-run]
 
 One feeder speaks BGP on loopback and announces, then withdraws, so many routes: those of each VRF at each PE, or with
 --pes at its share of so many PEs. A PE's routes share their attributes and a message, as a reflector sends them, at most
@@ -11,6 +11,9 @@ distinguisher and an address. pimhostd makes a core route from each, sends it to
 Processor seconds are the process's own clock, all threads, less what it said before the feeder came; an update is over when
 that clock has stood for a second. Memory is the growth of the proportional set. Daemons take turns, each in a new process for
 each round, and the least of the rounds counts: others may compute on the machine.
+
+With --one-processor each comparison is made once more with daemon and feeder on one processor: there no thread waits for one
+that runs on another, which is a large part of what pimhostd takes on a machine with nothing else to do.
 
 How long turns of pimhostd's main loop took is real time, the machine's other work included; the least of the rounds counts.
 """
@@ -277,13 +280,18 @@ class Bench:
             raise SystemExit(f"{self.daemon.name} has {found} routes, not {routes}")
 
 
-def measure(options, vrfs):
-    """The least of each measure for each daemon."""
+def spread(options, vrfs):
+    """At how many PEs a VRF is, how many PEs there are, and in how many shares they have the VRFs."""
     pes_of_vrf = options.routes // vrfs
     pes = max(options.pes, pes_of_vrf)
-    shares = pes // pes_of_vrf
-    if pes % pes_of_vrf != 0 or vrfs % shares != 0:
-        sys.exit(f"{vrfs} VRFs cannot each be at {pes_of_vrf} of {pes} PEs evenly")
+    if pes_of_vrf == 0 or pes % pes_of_vrf != 0 or vrfs % (pes // pes_of_vrf) != 0:
+        raise ValueError(f"{vrfs} VRFs cannot each be at {pes_of_vrf} of {pes} PEs evenly")
+    return pes_of_vrf, pes, pes // pes_of_vrf
+
+
+def measure(options, vrfs):
+    """The least of each measure for each daemon."""
+    pes_of_vrf, pes, shares = spread(options, vrfs)
     feeds = {daemon: updates(daemon.family, vrfs, pes, shares) for daemon in (Bird, Pimhostd)}
     least = {daemon.name: {} for daemon in feeds}
     for _ in range(options.rounds):
@@ -294,8 +302,8 @@ def measure(options, vrfs):
     return least
 
 
-def show(vrfs, pes, least):
-    print(f"{vrfs} VRFs of {pes} PEs, a route:          announced   withdrawn      memory")
+def show(vrfs, pes, least, where=""):
+    print(f"{vrfs} VRFs of {pes} PEs, a route{where}:          announced   withdrawn      memory")
     for name, of in least.items():
         print(f"  {name:32} {of['announce'] * 1e6:8.2f} µs {of['withdraw'] * 1e6:8.2f} µs {of['memory']:7.0f} octets")
     bird, own = least[Bird.name], least[Pimhostd.name]
@@ -307,18 +315,55 @@ def show(vrfs, pes, least):
           f"none more than {own['longest']:g} ms", flush=True)
 
 
-def main():
+def compare_on_one_processor(options, vrfs, anywhere):
+    """The comparison once more, and what pimhostd takes there beside what it took on all processors."""
+    processors = os.sched_getaffinity(0)
+    os.sched_setaffinity(0, {min(processors)})  # daemons and the feeder's threads inherit it
+    least = measure(options, vrfs)
+    os.sched_setaffinity(0, processors)
+    show(vrfs, options.routes // vrfs, least, " on one processor")
+    one, all_of_them = least[Pimhostd.name], anywhere[Pimhostd.name]
+    print(f"  pimhostd beside itself on {len(processors)} processors: announcing {one['announce'] / all_of_them['announce']:.2f} x, "
+          f"withdrawing {one['withdraw'] / all_of_them['withdraw']:.2f} x", flush=True)
+
+
+def between(least, most):
+    def read(text):
+        if not text.isdecimal() or not least <= int(text) <= most:
+            raise argparse.ArgumentTypeError(f"a number from {least} to {most} is wanted, not {text}")
+        return int(text)
+    return read
+
+
+def read_options():
     parser = argparse.ArgumentParser(description="The same routes fed to BIRD and to pimhostd.")
     parser.add_argument("binaries", type=pathlib.Path)
-    parser.add_argument("--routes", type=int, default=100000)
-    parser.add_argument("--vrfs", default="10,1000", help="numbers of VRFs, with commas")
-    parser.add_argument("--pes", type=int, default=0, help="more PEs than a VRF has: each has a share of the VRFs")
-    parser.add_argument("--rounds", type=int, default=3)
+    parser.add_argument("--routes", type=between(1, 10**7), default=100000)
+    parser.add_argument("--vrfs", type=lambda text: [between(1, 2**16)(number) for number in text.split(",")], default=[10, 1000],
+                        help="numbers of VRFs, with commas")
+    parser.add_argument("--pes", type=between(0, 2**16), default=0, help="more PEs than a VRF has: each has a share of the VRFs")
+    parser.add_argument("--rounds", type=between(1, 100), default=3)
+    parser.add_argument("--one-processor", action="store_true", help="compares once more with everything on one processor")
+    parser.add_argument("--dry-run", action="store_true", help="reads the options and runs nothing")
     options = parser.parse_args()
+    try:
+        for vrfs in options.vrfs:
+            spread(options, vrfs)
+    except ValueError as error:
+        parser.error(str(error))
+    return options
+
+
+def main():
+    options = read_options()
+    if options.dry_run:
+        return
     own = []
-    for vrfs in map(int, options.vrfs.split(",")):
+    for vrfs in options.vrfs:
         least = measure(options, vrfs)
         show(vrfs, options.routes // vrfs, least)
+        if options.one_processor:
+            compare_on_one_processor(options, vrfs, least)
         own.append((vrfs, least[Pimhostd.name]["announce"]))
     if len(own) > 1:
         print(f"pimhostd with {own[-1][0]} VRFs costs {own[-1][1] / own[0][1]:.2f} x what it does with {own[0][0]}")
