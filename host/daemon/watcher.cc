@@ -210,11 +210,12 @@ void Watcher::core_route_joined(vrf_context_id_t owner, ip_addr_t source, ip_add
 // Hundreds in a turn share one look at the clock.
 void Watcher::remote_entry_changed(const ref::MdtSafi &entry, bool present) {
   if (when_ == std::chrono::system_clock::time_point{}) when_ = std::chrono::system_clock::now();
-  const auto vrf = by_group_.find(entry.group);
-  bus_.publish({.what = PeChange{entry.source, mvpn_bgp_print_rd(entry.rd), entry.group,
-                                 vrf == by_group_.end() ? "" : vrf->second, present},
-                .level = Level::info,
-                .when = when_});
+  const auto vrf = [&] {
+    const auto found = by_group_.find(entry.group);
+    return found == by_group_.end() ? "" : found->second;
+  };
+  const auto rd = [&] { return std::string(mvpn_bgp_print_rd(entry.rd)); };
+  bus_.publish({.what = PeChange{entry.source, rd, entry.group, vrf, present}, .level = Level::info, .when = when_});
 }
 
 void Watcher::store_changed(const std::string &failure) {

@@ -30,8 +30,9 @@ struct ToText {
     return text;
   }
   std::string operator()(const PeChange &change) const {
+    const std::string vrf = change.vrf();
     return "PE " + address_text(change.address) + " " + (change.joined ? "joined " : "left ") +
-           address_text(change.group) + (change.vrf.empty() ? "" : " of VRF " + change.vrf) + " with " + change.rd;
+           address_text(change.group) + (vrf.empty() ? "" : " of VRF " + vrf) + " with " + change.rd();
   }
   std::string operator()(const SessionChange &change) const {
     const bool up = change.after == "Established";

@@ -31,13 +31,14 @@ struct TunnelChange {
   uint32_t source = 0, group = 0;  // of core packets; group: the default MDT's
 };
 
-// Another PE joined a default MDT, or left it.
+// Another PE joined a default MDT, or left it. A session brings a hundred thousand of these, of which a hundred a
+// second are written: its words are made when a listener asks for them, and only while it listens.
 struct PeChange {
-  uint32_t address = 0;  // of the PE
-  std::string rd;        // in the written form, "65000:1"
-  uint32_t group = 0;    // default MDT group
-  std::string vrf;       // whose default group that is; empty: none here
-  bool joined = false;   // false: left
+  uint32_t address = 0;              // of the PE
+  std::function<std::string()> rd;   // in the written form, "65000:1"
+  uint32_t group = 0;                // default MDT group
+  std::function<std::string()> vrf;  // whose default group that is; empty: none here
+  bool joined = false;               // false: left
 };
 
 // A BGP session. Only the states that last are told: Established, and Idle with another reason than before.

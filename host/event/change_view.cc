@@ -38,9 +38,9 @@ struct ToParts {
             .group = address_cell(change.group)};
   }
   Parts operator()(const PeChange &change) const {
-    return {.vrf = text_cell(change.vrf),
+    return {.vrf = text_cell(change.vrf()),
             .after = change.joined ? "joined" : "left",
-            .rd = change.rd,
+            .rd = change.rd(),
             .pe = address_cell(change.address),
             .default_group = address_cell(change.group)};
   }
