@@ -1,6 +1,7 @@
 // Interfaces, VRFs, addresses, packets and sockets, route policies, BGP's library.
 #include <pthread.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>

@@ -3,6 +3,7 @@
 // neighbours sent as text is made printable.
 #include "host/bgp/bgp_views.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace host {

@@ -3,6 +3,7 @@
 
 #include <re2/re2.h>
 
+#include <algorithm>
 #include <cstdint>
 
 namespace output {

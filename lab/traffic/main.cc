@@ -2,6 +2,7 @@
 // of these by hand and prints what it counted every second; the lab uses "agent" only.
 #include <poll.h>
 
+#include <algorithm>
 #include <csignal>
 #include <iostream>
 #include <nlohmann/json.hpp>

@@ -1,4 +1,7 @@
 // The Join datagram: its bytes, its buffer, sending it, and what the receiver thread makes of datagrams.
+#include <algorithm>
+#include <cstring>
+
 #include "platform/ip.h"
 #include "platform/reference/croute.h"
 #include "platform/reference/diag.h"

@@ -1,4 +1,6 @@
 // Ranges, the mapping of customer routes onto them, the group pool with its counts and encapsulation indexes.
+#include <algorithm>
+
 #include "platform/l3vm.h"
 #include "platform/reference/croute.h"
 #include "platform/reference/pss.h"

@@ -1,6 +1,9 @@
 // The receiving side: the receive cache, core routes that are joined for it, and ageing.
 #include <sched.h>
 
+#include <algorithm>
+#include <cstring>
+
 #include "platform/im.h"
 #include "platform/reference/croute.h"
 #include "platform/reference/diag.h"

@@ -1,4 +1,6 @@
 // Persisted encapsulation choices and the recovery period after a restart.
+#include <cstring>
+
 #include "platform/reference/croute.h"
 #include "platform/reference/diag.h"
 #include "platform/reference/im.h"

@@ -1,4 +1,5 @@
 // MDT SAFI entries: the database, the local advertisement, remote updates and BGP's notifications.
+#include <algorithm>
 #include <cstring>
 
 #include "platform/reference/bgp.h"

@@ -1,4 +1,6 @@
 // Route distinguishers, MDT SAFI messages in both directions.
+#include <cstring>
+
 #include "platform/bgp.h"
 
 #include "platform/reference/bgp.h"

@@ -1,4 +1,6 @@
 // The recording module: each entry point appends a line to `told`. Called by the platform on the test's thread.
+#include <cstring>
+
 #include "tests/reference_services/services_test.h"
 
 #include "platform/im.h"

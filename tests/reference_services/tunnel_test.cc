@@ -1,5 +1,6 @@
 // Interface lists, the tunnel manager's answers and events, its database.
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 

@@ -1,5 +1,6 @@
 // Show commands: every view from real state against its golden text, what the document gets beside the text, keywords,
 // module status, and listings during which VRFs vanish or the operator stops.
+#include <algorithm>
 #include <regex>
 
 #include "host/output/output.h"

@@ -1,4 +1,5 @@
 // SNMP scalars and tables: rows against their golden text, walks, gets, and get-next from any index.
+#include <algorithm>
 #include <map>
 
 #include "platform/reference/croute.h"

@@ -26,6 +26,7 @@
 #include "routing/pim/mvpn/mvpn_mdt_route_internal.h"
 
 #include <cstddef>
+#include <cstring>
 
 #include "platform/im.h"
 #include "platform/ip.h"
