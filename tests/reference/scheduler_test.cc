@@ -157,7 +157,7 @@ TEST_F(Scheduler, ThreadsKeepTheProcessorsThatTheyMayRunOn) {
   const std::vector<int> all = own_processors();
   std::vector<pthread_t> threads;
   for (const int processor : {all.front(), all.back()})
-    threads.push_back(start([processor, &all] {
+    threads.push_back(start([processor] {
       cpu_set_t one;
       CPU_ZERO(&one);
       CPU_SET(processor, &one);
