@@ -68,29 +68,18 @@ bool has_room(const Page *page) { return page->free != nullptr || page->fresh > 
 
 Page *&open_pages(const Page *page) { return open[page->object_octets / grain]; }
 
-void link(Page *page) {
-  Page *&first = open_pages(page);
-  page->before = nullptr;
-  page->after = first;
-  if (first != nullptr) first->before = page;
-  first = page;
+template <typename T>
+void add_to(T *&list, T *item) {
+  item->before = nullptr;
+  item->after = list;
+  if (list != nullptr) list->before = item;
+  list = item;
 }
 
-void unlink(Page *page) {
-  (page->before != nullptr ? page->before->after : open_pages(page)) = page->after;
-  if (page->after != nullptr) page->after->before = page->before;
-}
-
-void add_to(LargePage *&list, LargePage *large) {
-  large->before = nullptr;
-  large->after = list;
-  if (list != nullptr) list->before = large;
-  list = large;
-}
-
-void take_from(LargePage *&list, LargePage *large) {
-  (large->before != nullptr ? large->before->after : list) = large->after;
-  if (large->after != nullptr) large->after->before = large->before;
+template <typename T>
+void take_from(T *&list, T *item) {
+  (item->before != nullptr ? item->before->after : list) = item->after;
+  if (item->after != nullptr) item->after->before = item->before;
 }
 
 // On large pages where the system has them: a hundred thousand routes are then a few dozen first touches instead of ten
@@ -131,7 +120,7 @@ Page *open_page(size_t object_octets) {
   const auto objects = static_cast<uint32_t>((page_octets - sizeof(Page)) / object_octets);
   auto *page = new (memory) Page{object_octets, nullptr, 0, objects, nullptr, nullptr, large};
   pages_in_use++;
-  link(page);
+  add_to(open_pages(page), page);
   return page;
 }
 
@@ -158,14 +147,14 @@ void *take_alone(size_t octets) {
   return page != nullptr ? new (page) Page{octets, nullptr, 1, 0, nullptr, nullptr, nullptr} + 1 : nullptr;
 }
 
-void *take_from(Page *page) {
+void *next_object(Page *page) {
   void *object = page->free;
   if (object != nullptr)
     page->free = *static_cast<void **>(object);
   else
     object = reinterpret_cast<uint8_t *>(page) + page_octets - page->fresh-- * page->object_octets;
   page->live++;
-  if (!has_room(page)) unlink(page);
+  if (!has_room(page)) take_from(open_pages(page), page);
   return object;
 }
 
@@ -177,7 +166,7 @@ void *take_object(size_t octets) {
   if (rounded > largest) {
     object = take_alone(rounded);
   } else if (Page *page = open_page(rounded)) {
-    object = take_from(page);
+    object = next_object(page);
   }
   return object != nullptr ? std::memset(object, 0, octets) : nullptr;
 }
@@ -185,14 +174,14 @@ void *take_object(size_t octets) {
 void give_object(void *object) {
   auto *page = reinterpret_cast<Page *>(reinterpret_cast<uintptr_t>(object) / page_octets * page_octets);
   if (page->object_octets > largest) return std::free(page);
-  if (has_room(page)) unlink(page);
+  if (has_room(page)) take_from(open_pages(page), page);
   *static_cast<void **>(object) = page->free;
   page->free = object;
   page->live--;
-  link(page);
+  add_to(open_pages(page), page);
   // The last page of a size stays, for what comes next.
   if (page->live > 0 || page->after == nullptr) return;
-  unlink(page);
+  take_from(open_pages(page), page);
   give_page(page);
 }
 
